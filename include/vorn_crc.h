@@ -1,0 +1,60 @@
+/* Checksums: CRC-32C (Castagnoli, RFC 3720 appendix B.4) and CRC-16/T10-DIF (SCSI Block Commands,
+ * the guard of a protected sector). Every function is pure, may be called from any thread and in a
+ * signal handler, and never blocks. */
+#ifndef VORN_CRC_H
+#define VORN_CRC_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* Chooses the instruction-based CRC-32C for vorn_crc32cContinue, where the processor has it
+ * (AArch64: no test is made, the target has it). The checksums work before this call too. vorn_Init
+ * makes it. */
+VORN_API void vorn_crc32_init(void);
+
+/* The register crc carried on over length bytes at data; crc itself when data is NULL or length is
+ * 0. There is no inversion, neither before nor after. A length of 2 GiB and more returns crc
+ * unchanged. */
+VORN_API uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length);
+
+/* The routine that vorn_crc32cContinue calls, by instructions where the processor has them, else by
+ * table. data is not tested. The length is taken as signed: 2 GiB and more returns crc unchanged,
+ * on every path and processor. */
+VORN_API uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length);
+
+/* The same by table, for any length; crc itself when length is 0. data is not tested. */
+VORN_API uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length);
+
+/* vorn_crc32cContinueHard over src while copying it to dst; the two must not overlap. A length of 2
+ * GiB and more copies nothing and returns crc unchanged. */
+VORN_API uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length,
+                                               const void *src);
+
+/* Begins a checksum over several buffers: the register after the first, no final inversion. */
+VORN_API uint32_t vorn_crc32cStart(const void *data, uint32_t length);
+
+/* Ends one: the complement of crc. */
+VORN_API uint32_t vorn_crc32cEnd(uint32_t crc);
+
+/* The CRC-32C of length bytes at data: 0xE3069283 for the nine bytes "123456789". NULL data or a
+ * length of 0, or of 2 GiB and more, gives 0, the checksum of nothing. */
+VORN_API uint32_t vorn_crc32c(const void *data, uint32_t length);
+
+/* The same by table, for any length; 0 for NULL data or a length of 0. */
+VORN_API uint32_t vorn_crc32c_soft(const void *data, uint32_t length);
+
+/* The CRC-16/T10-DIF register crc (its low 16 bits) carried on over length bytes at data; crc
+ * itself when data is NULL or length is 0. 0xD0DB for crc 0 and the nine bytes "123456789". */
+VORN_API uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length);
+
+/* The routine that vorn_crc16 calls: carry-less multiplication where the processor has it, else the
+ * table. data is not tested. */
+VORN_API uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length);
+
+/* The same by table; crc itself when length is 0. data is not tested. */
+VORN_API uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length);
+
+VORN_END_DECLS
+
+#endif

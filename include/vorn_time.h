@@ -1,0 +1,44 @@
+/* The time base: nanoseconds and milliseconds from the processor's counter, read in user space. */
+#ifndef VORN_TIME_H
+#define VORN_TIME_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* The processor's nominal frequency in GHz, for information: 2.6 from start-up on, the measured
+ * frequency of the counter after vorn_estimate_tsc_freq. Written without a lock: a concurrent
+ * reader sees the old or the new value. */
+VORN_API extern double currCpuGHz;
+
+/* Starts the time base, once per process; vorn_Init calls it. Returns 0, also when it had been
+ * started. Any thread; blocks on another caller's start; not signal-safe. */
+VORN_API uint64_t vorn_gettime_init(void);
+
+/* Sets currCpuGHz to 2.6 and takes the nanoseconds of a counter tick from the counter's frequency:
+ * 10^9 / frequency, truncated, so that a frequency which does not divide 10^9 makes every
+ * conversion slightly slow; 0 when the frequency is 0. Returns 0. The step behind
+ * vorn_gettime_init. */
+VORN_API int vorn_CheckCurrCpu(void);
+
+/* Nanoseconds of the counter, from an arbitrary origin; monotonic, across CPUs too. 0 until the
+ * time base has been started. Neither locks nor enters the kernel (x86-64: where the kernel trusts
+ * the time-stamp counter). Its read is not ordered against neighbouring memory accesses. Any
+ * thread, signal-safe. */
+VORN_API uint64_t vorn_time_getnanosec(void);
+
+/* The same in milliseconds, rounded down. */
+VORN_API uint64_t vorn_time_getmillisec(void);
+
+/* The nanoseconds of that many counter ticks; 0 until the time base has been started. Any thread,
+ * signal-safe. */
+VORN_API uint64_t vorn_time_cycles2ns(uint64_t cycles);
+
+/* Measures the counter's frequency against CLOCK_MONOTONIC_RAW over a sleep of 50 ms, rounds it to
+ * the nearest 10 MHz (a tie goes up), stores it in currCpuGHz and logs it. Any thread; not
+ * signal-safe. */
+VORN_API void vorn_estimate_tsc_freq(void);
+
+VORN_END_DECLS
+
+#endif

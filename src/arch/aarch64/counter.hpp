@@ -1,0 +1,24 @@
+// The generic timer's virtual counter.
+#ifndef VORN_ARCH_AARCH64_COUNTER_HPP
+#define VORN_ARCH_AARCH64_COUNTER_HPP
+
+#include <cstdint>
+
+namespace vorn::arch {
+
+inline std::uint64_t counter() {
+  std::uint64_t value;
+  asm volatile("mrs %0, cntvct_el0" : "=r"(value)::"memory");
+  return value;
+}
+
+// Ticks a second.
+inline std::uint64_t counter_frequency() {
+  std::uint64_t value;
+  asm volatile("mrs %0, cntfrq_el0" : "=r"(value));
+  return value;
+}
+
+} // namespace vorn::arch
+
+#endif

@@ -1,0 +1,13 @@
+// The constant-rate counter behind every timestamp: vorn::arch::counter() and counter_frequency().
+#ifndef VORN_ARCH_COUNTER_HPP
+#define VORN_ARCH_COUNTER_HPP
+
+#if defined(__aarch64__)
+#include "arch/aarch64/counter.hpp"
+#elif defined(__x86_64__)
+#include "arch/x86_64/counter.hpp"
+#else
+#error "no counter for this processor"
+#endif
+
+#endif

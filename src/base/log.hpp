@@ -1,0 +1,66 @@
+// The one way the library logs: level test, record and returned error in one expression.
+#ifndef VORN_BASE_LOG_HPP
+#define VORN_BASE_LOG_HPP
+
+#include <cstddef>
+
+#include "evlog.h"
+#include "vorn_api.h"
+
+namespace vorn {
+
+inline constexpr unsigned int kModuleId = VORN_MODULE_ID;
+
+inline constexpr int kError = EVLOG_ERROR;
+inline constexpr int kWarning = EVLOG_WARNING;
+inline constexpr int kInfo = EVLOG_INFO;
+inline constexpr int kDebug = EVLOG_DEBUG;
+
+// Records name a source as "vorn_init.c" whatever its own suffix: log consumers match on that form.
+struct SourceName {
+  char text[64];
+};
+
+consteval SourceName source_name(const char *path) {
+  const char *base = path;
+  for (const char *at = path; *at != '\0'; ++at) {
+    if (*at == '/') base = at + 1;
+  }
+  SourceName name{};
+  std::size_t length = 0;
+  while (base[length] != '\0' && base[length] != '.') {
+    name.text[length] = base[length];
+    ++length;
+  }
+  name.text[length] = '.';
+  name.text[length + 1] = 'c';
+  return name;
+}
+
+// The source being compiled, not the header that a record stands in.
+namespace {
+[[maybe_unused]] constexpr SourceName kSourceName = source_name(__BASE_FILE__);
+}
+
+} // namespace vorn
+
+// A module that is split into several sources defines VORN_FILE, the name of the module's main
+// source, before its first include.
+#ifndef VORN_FILE
+#define VORN_FILE (::vorn::kSourceName.text)
+#endif
+
+// A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
+#define VORN_LOG_AS(func, level, ...)                                                              \
+  (::evlog_level_check(::vorn::kModuleId, (level)) != 0                                            \
+       ? (void)0                                                                                   \
+       : (void)::evlog(::vorn::kModuleId, (level), VORN_FILE, __LINE__, (func), 0, __VA_ARGS__))
+
+#define VORN_LOG(level, ...) VORN_LOG_AS(__func__, level, __VA_ARGS__)
+
+// An error record that yields the result of the failed call:
+//   if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
+#define VORN_FAIL(result, ...) VORN_FAIL_AS(__func__, result, __VA_ARGS__)
+#define VORN_FAIL_AS(func, result, ...) (VORN_LOG_AS(func, ::vorn::kError, __VA_ARGS__), (result))
+
+#endif

@@ -1,0 +1,54 @@
+// The one lazy start of the library: a flag tested before and after taking a mutex.
+#ifndef VORN_BASE_ONCE_HPP
+#define VORN_BASE_ONCE_HPP
+
+#include <atomic>
+
+#include "base/mutex.hpp"
+
+namespace vorn {
+
+enum class OncePolicy {
+  kRetry, // a failed step leaves the flag clear: the next call runs it again
+  kLatch, // the first run counts, whatever its result
+};
+
+// The flag is written under the mutex only, with release; a reader that sees it set with acquire
+// sees everything the step wrote.
+class Once {
+public:
+  explicit constexpr Once(OncePolicy policy) : policy_(policy) {}
+  Once(const Once &) = delete;
+  Once &operator=(const Once &) = delete;
+
+  bool done() const { return done_.load(std::memory_order_acquire); }
+
+  // Runs step, which returns 0 on success, unless an earlier run counts. The result is 0, or what
+  // the step of this call returned.
+  template <class Step> int run(Step step) {
+    if (done()) return 0;
+    MutexGuard hold{mutex_};
+    if (done_.load(std::memory_order_relaxed)) return 0;
+    const int result = step();
+    done_.store(result == 0 || policy_ == OncePolicy::kLatch, std::memory_order_release);
+    return result;
+  }
+
+  // Undoes a run: calls step and clears the flag, unless there is nothing to undo.
+  template <class Step> void reset(Step step) {
+    if (!done()) return;
+    MutexGuard hold{mutex_};
+    if (!done_.load(std::memory_order_relaxed)) return;
+    step();
+    done_.store(false, std::memory_order_release);
+  }
+
+private:
+  std::atomic<bool> done_{false};
+  Mutex mutex_;
+  OncePolicy policy_;
+};
+
+} // namespace vorn
+
+#endif

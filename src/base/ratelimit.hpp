@@ -1,0 +1,50 @@
+// The one rate limiter: at most 3 records of a call site in a burst, and a report of the suppressed
+// ones at most once every 150000 jiffies.
+#ifndef VORN_BASE_RATELIMIT_HPP
+#define VORN_BASE_RATELIMIT_HPP
+
+#include <atomic>
+#include <cstdint>
+
+#include "base/log.hpp"
+#include "vorn_jiffies.h"
+
+namespace vorn {
+
+// The state of one call site; all zero is its valid initial state. It has no lock: every field is
+// read and written as a whole, and a count lost when two threads meet in one site is accepted.
+struct RateLimit {
+  std::atomic<std::uint64_t> interval_start;
+  std::atomic<std::uint32_t> printed;
+  std::atomic<std::uint32_t> suppressed;
+  std::atomic<std::uint64_t> last_report;
+};
+
+inline constexpr std::uint64_t kRateLimitInterval = 15000;
+inline constexpr std::uint64_t kRateLimitReportInterval = 150000;
+inline constexpr std::uint32_t kRateLimitBurst = 3;
+
+// Counts a record of the site that is due now. False: drop it. *report is the number of suppressed
+// records to report first, 0 for none.
+bool rate_limit_admit(RateLimit &site, std::uint32_t *report);
+
+} // namespace vorn
+
+// A rate-limited record; report_level is the level of the suppression report, which is written
+// without a second level check.
+#define VORN_LOG_RATELIMITED_AT(level, report_level, ...)                                          \
+  do {                                                                                             \
+    if (::evlog_level_check(::vorn::kModuleId, (level)) != 0) break;                               \
+    static constinit ::vorn::RateLimit vorn_site;                                                  \
+    std::uint32_t vorn_report = 0;                                                                 \
+    if (!::vorn::rate_limit_admit(vorn_site, &vorn_report)) break;                                 \
+    if (vorn_report != 0) {                                                                        \
+      ::evlog(::vorn::kModuleId, (report_level), VORN_FILE, __LINE__, __func__, 0,                 \
+              "print: %u messages suppressed.%s,line=%d.", vorn_report, __func__, __LINE__);       \
+    }                                                                                              \
+    VORN_LOG(level, __VA_ARGS__);                                                                  \
+  } while (false)
+
+#define VORN_LOG_RATELIMITED(level, ...) VORN_LOG_RATELIMITED_AT(level, ::vorn::kInfo, __VA_ARGS__)
+
+#endif

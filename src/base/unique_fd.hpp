@@ -1,0 +1,32 @@
+// Owns a file descriptor.
+#ifndef VORN_BASE_UNIQUE_FD_HPP
+#define VORN_BASE_UNIQUE_FD_HPP
+
+#include <unistd.h>
+#include <utility>
+
+namespace vorn {
+
+class UniqueFd {
+public:
+  explicit UniqueFd(int fd = -1) : fd_(fd) {}
+  UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd &operator=(UniqueFd &&other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~UniqueFd() {
+    if (fd_ >= 0) close(fd_);
+  }
+
+  explicit operator bool() const { return fd_ >= 0; }
+  int get() const { return fd_; }
+  int release() { return std::exchange(fd_, -1); }
+
+private:
+  int fd_;
+};
+
+} // namespace vorn
+
+#endif

@@ -1,0 +1,192 @@
+#include "jiffies/jiffies_uio_adp.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "base/bounded.hpp"
+#include "base/log.hpp"
+#include "base/unique_fd.hpp"
+#include "vorn_jiffies.h"
+
+namespace vorn::jiffies {
+namespace {
+
+constexpr char kFunction[] = "jiffies_uio_adp_open";
+constexpr char kDriverDir[] = "/sys/devices/platform/jiffies_uio/uio/";
+constexpr std::size_t kNameSize = 127;
+constexpr std::size_t kPathSize = 128;
+constexpr std::size_t kAttributeSize = 32;
+
+constinit vorn_jiffies_uio_s g_jiffies_uio{};
+
+// The descriptor that jiffies_uio_adp_close may close; -1 outside an opening. Only the opening
+// thread, which holds the mapping's mutex, gives it a value.
+constinit std::atomic<int> owned_device{-1};
+
+class Directory {
+public:
+  explicit Directory(const char *path) : dir_(opendir(path)) {}
+  Directory(const Directory &) = delete;
+  Directory &operator=(const Directory &) = delete;
+  ~Directory() {
+    if (dir_ != nullptr) closedir(dir_);
+  }
+  explicit operator bool() const { return dir_ != nullptr; }
+  const char *next_name() {
+    const dirent *entry = readdir(dir_);
+    return entry == nullptr ? nullptr : entry->d_name;
+  }
+
+private:
+  DIR *dir_;
+};
+
+// The first entry of the driver's directory that is a UIO device. A name that is too long is
+// reported and leaves an empty one. False, with errno, when there is none.
+bool vorn_get_child_dir(char (&name)[kNameSize]) {
+  Directory directory(kDriverDir);
+  if (!directory) return false;
+  for (const char *entry = directory.next_name(); entry != nullptr; entry = directory.next_name()) {
+    if (std::strncmp(entry, "uio", 3) != 0) continue;
+    if (strcpy_s(name, kNameSize, entry) != 0) VORN_LOG(kError, "strcpy_s failed.");
+    return true;
+  }
+  errno = ENOENT;
+  return false;
+}
+
+UniqueFd open_joined(const char *directory, const char *name, const char *file) {
+  char path[kPathSize];
+  if (snprintf_s(path, sizeof path, sizeof path - 1, "%s%s%s", directory, name, file) < 0) {
+    VORN_LOG_AS(kFunction, kError, "snprintf_s secure function failed, destMax<%lu>, count<%lu>.",
+                sizeof path, sizeof path - 1);
+    errno = ENAMETOOLONG;
+    return UniqueFd();
+  }
+  return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+struct AttributeText {
+  char text[kAttributeSize + 1];
+};
+
+// An attribute that cannot be read is empty and so parses as 0.
+AttributeText read_attribute(const UniqueFd &fd) {
+  AttributeText attribute{};
+  const ssize_t length = read(fd.get(), attribute.text, kAttributeSize);
+  if (length < 0) attribute.text[0] = '\0';
+  return attribute;
+}
+
+// Gives the descriptor to jiffies_uio_adp_close, which closes it at the end of the opening.
+class DeviceOwner {
+public:
+  explicit DeviceOwner(UniqueFd fd) : fd_(fd.release()) { owned_device.store(fd_); }
+  DeviceOwner(const DeviceOwner &) = delete;
+  DeviceOwner &operator=(const DeviceOwner &) = delete;
+  ~DeviceOwner() { jiffies_uio_adp_close(); }
+  int get() const { return fd_; }
+
+private:
+  int fd_;
+};
+
+// A mapping is whole pages, so the counter may lie behind the size that the driver states.
+bool counter_fits(long size, long offset) {
+  constexpr long kCounterSize = sizeof(std::uint64_t);
+  if (size <= 0 || offset < 0 || offset % kCounterSize != 0) return false;
+  const long page = sysconf(_SC_PAGESIZE);
+  const long pages = size / page + (size % page != 0);
+  return offset / page < pages;
+}
+
+const volatile std::uint64_t *map_counter(int device, long size, long offset) {
+  if (!counter_fits(size, offset)) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  void *start = mmap(nullptr, static_cast<std::size_t>(size), PROT_READ, MAP_PRIVATE, device, 0);
+  if (start == MAP_FAILED) return nullptr;
+  return reinterpret_cast<const volatile std::uint64_t *>(static_cast<const char *>(start) +
+                                                          offset);
+}
+
+void set_counter(const volatile std::uint64_t *counter) {
+  __atomic_store_n(&g_jiffies_uio.jiffies, counter, __ATOMIC_RELEASE);
+}
+
+// Readers of the counter may run meanwhile: the pointer alone is written for them to see.
+void set_record(int dev_fd, int addr_fd, int size_fd, int offset_fd, std::uint64_t addr,
+                long size) {
+  g_jiffies_uio.dev_fd = dev_fd;
+  g_jiffies_uio.addr_fd = addr_fd;
+  g_jiffies_uio.size_fd = size_fd;
+  g_jiffies_uio.offset_fd = offset_fd;
+  g_jiffies_uio.addr = addr;
+  g_jiffies_uio.size = size;
+}
+
+} // namespace
+
+int open_map() {
+  set_record(0, 0, 0, 0, 0, 0);
+  set_counter(nullptr);
+
+  char name[kNameSize] = "";
+  if (!vorn_get_child_dir(name)) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies get child dir (%s) failed, errno=%d.", name,
+                        error);
+  }
+
+  UniqueFd opened = open_joined("/dev/", name, "");
+  if (!opened) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open dev failed, errno=%d.", error);
+  }
+  const DeviceOwner device(std::move(opened));
+  const UniqueFd addr = open_joined(kDriverDir, name, "/maps/map0/addr");
+  if (!addr) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open addr_fd map failed, errno=%d.", error);
+  }
+  const UniqueFd size = open_joined(kDriverDir, name, "/maps/map0/size");
+  if (!size) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open size_fd map failed, errno=%d.", error);
+  }
+  const UniqueFd offset = open_joined(kDriverDir, name, "/maps/map0/offset");
+  if (!offset) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open map failed, errno=%d.", error);
+  }
+
+  const std::uint64_t map_addr = std::strtoul(read_attribute(addr).text, nullptr, 0);
+  const long map_size = std::strtol(read_attribute(size).text, nullptr, 0);
+  const long map_offset = std::strtol(read_attribute(offset).text, nullptr, 0);
+
+  const volatile std::uint64_t *counter = map_counter(device.get(), map_size, map_offset);
+  if (counter == nullptr) {
+    const int error = errno;
+    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies mmap2, errno=%d.", error);
+  }
+  set_record(device.get(), addr.get(), size.get(), offset.get(), map_addr, map_size);
+  set_counter(counter);
+  return 0;
+}
+
+const volatile std::uint64_t *mapped_counter() {
+  return __atomic_load_n(&g_jiffies_uio.jiffies, __ATOMIC_ACQUIRE);
+}
+
+} // namespace vorn::jiffies
+
+vorn_jiffies_uio_s *jiffies_uio_get() { return &vorn::jiffies::g_jiffies_uio; }
+
+int jiffies_uio_adp_close() { return close(vorn::jiffies::owned_device.exchange(-1)); }

@@ -1,0 +1,70 @@
+#include "vorn_time.h"
+
+#include <atomic>
+#include <ctime>
+
+#include "arch/counter.hpp"
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "time/vorn_time.hpp"
+
+namespace vorn::time {
+namespace {
+
+constexpr double kNominalGHz = 2.6;
+
+constinit Once start{OncePolicy::kRetry};
+
+// Written by the start alone. Readers take it relaxed: 0 and the value are both right readings, and
+// nothing else is published with it.
+constinit std::atomic<std::uint64_t> multiplier{0};
+
+std::uint64_t raw_monotonic() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000 +
+         static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+void set_cpu_ghz(double value) { __atomic_store(&currCpuGHz, &value, __ATOMIC_RELAXED); }
+
+} // namespace
+} // namespace vorn::time
+
+double currCpuGHz;
+
+uint64_t vorn_gettime_init() {
+  return static_cast<uint64_t>(vorn::time::start.run(vorn_CheckCurrCpu));
+}
+
+int vorn_CheckCurrCpu() {
+  vorn::time::set_cpu_ghz(vorn::time::kNominalGHz);
+  vorn::time::multiplier.store(vorn::time::tick_nanoseconds(vorn::arch::counter_frequency()),
+                               std::memory_order_relaxed);
+  return 0;
+}
+
+uint64_t vorn_time_getnanosec() {
+  return vorn::arch::counter() * vorn::time::multiplier.load(std::memory_order_relaxed);
+}
+
+uint64_t vorn_time_getmillisec() { return vorn_time_getnanosec() / 1000000; }
+
+uint64_t vorn_time_cycles2ns(uint64_t cycles) {
+  return cycles * vorn::time::multiplier.load(std::memory_order_relaxed);
+}
+
+void vorn_estimate_tsc_freq() {
+  const timespec pause{0, 50000000};
+  const uint64_t started = vorn::time::raw_monotonic();
+  const uint64_t first = vorn::arch::counter();
+  nanosleep(&pause, nullptr);
+  const uint64_t ended = vorn::time::raw_monotonic();
+  const uint64_t last = vorn::arch::counter();
+
+  const double seconds = static_cast<double>(ended - started) / 1e9;
+  const auto frequency = static_cast<uint64_t>(static_cast<double>(last - first) / seconds);
+  const double ghz = static_cast<double>(vorn::time::round_frequency(frequency)) / 1e9;
+  vorn::time::set_cpu_ghz(ghz);
+  VORN_LOG(vorn::kInfo, "cpu standard hz is %f.", ghz);
+}

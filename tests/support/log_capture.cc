@@ -1,0 +1,80 @@
+#include "support/log_capture.hpp"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+
+#include "evlog.h"
+
+namespace capture {
+namespace {
+
+std::mutex mutex;
+std::vector<Record> records;
+std::atomic<int> wanted_level{EVLOG_DEBUG};
+std::atomic<int> level_checks{0};
+
+std::string format_text(const char *format, va_list args) EVLOG_PRINTF(1, 0);
+
+std::string format_text(const char *format, va_list args) {
+  char text[4096];
+  const int length = std::vsnprintf(text, sizeof text, format, args);
+  return length < 0 ? std::string() : std::string(text);
+}
+
+void keep(Record record) {
+  std::lock_guard hold{mutex};
+  records.push_back(std::move(record));
+}
+
+} // namespace
+
+std::vector<Record> take() {
+  std::lock_guard hold{mutex};
+  return std::exchange(records, {});
+}
+
+std::vector<std::string> take_texts() {
+  std::vector<std::string> texts;
+  for (Record &record : take())
+    texts.push_back(std::move(record.text));
+  return texts;
+}
+
+void set_level(int level) { wanted_level = level; }
+
+int take_level_checks() { return level_checks.exchange(0); }
+
+} // namespace capture
+
+extern "C" {
+
+int evlog_level_check(unsigned int, int level) {
+  ++capture::level_checks;
+  return level <= capture::wanted_level ? 0 : 1;
+}
+
+int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
+          unsigned int, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  capture::keep({module, level, file, line, function, capture::format_text(format, args)});
+  va_end(args);
+  return 0;
+}
+
+int evlog_vraw(const char *format, va_list args) {
+  capture::keep({0, capture::kRaw, "", 0, "", capture::format_text(format, args)});
+  return 0;
+}
+
+int evlog_original(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  capture::keep({0, capture::kOriginal, "", 0, "", capture::format_text(format, args)});
+  va_end(args);
+  return 0;
+}
+}

@@ -1,0 +1,33 @@
+// Places to build a stand-in system in.
+#ifndef VORN_TESTS_SCRATCH_HPP
+#define VORN_TESTS_SCRATCH_HPP
+
+#include <string>
+
+namespace scratch {
+
+// A directory of its own that goes when the object does.
+class Directory {
+public:
+  Directory();
+  Directory(const Directory &) = delete;
+  Directory &operator=(const Directory &) = delete;
+  ~Directory();
+
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+private:
+  std::string path_;
+};
+
+void write_file(const std::string &path, const std::string &content); // makes missing directories
+std::string read_file(const std::string &path);
+
+// From now on this process sees an empty file system at directory, as nobody else does. False where
+// the machine does not let a test have a mount namespace (it takes root).
+bool cover_directory(const std::string &directory);
+
+} // namespace scratch
+
+#endif
