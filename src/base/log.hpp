@@ -50,11 +50,14 @@ namespace {
 #define VORN_FILE (::vorn::kSourceName.text)
 #endif
 
-// A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
-#define VORN_LOG_AS(func, level, ...)                                                              \
+// A record in the name of another place: that of the caller, which passed it.
+#define VORN_LOG_AT(file, line, func, level, ...)                                                  \
   (::evlog_level_check(::vorn::kModuleId, (level)) != 0                                            \
        ? (void)0                                                                                   \
-       : (void)::evlog(::vorn::kModuleId, (level), VORN_FILE, __LINE__, (func), 0, __VA_ARGS__))
+       : (void)::evlog(::vorn::kModuleId, (level), (file), (line), (func), 0, __VA_ARGS__))
+
+// A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
+#define VORN_LOG_AS(func, level, ...) VORN_LOG_AT(VORN_FILE, __LINE__, func, level, __VA_ARGS__)
 
 #define VORN_LOG(level, ...) VORN_LOG_AS(__func__, level, __VA_ARGS__)
 

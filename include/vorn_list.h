@@ -1,0 +1,56 @@
+/* The circular doubly linked list in the kernel's style that records embed a node of. A head is a
+ * bare node; an empty one points at itself. The operations here check nothing and lock nothing:
+ * whoever owns a list serialises all access to it. All take constant time. */
+#ifndef VORN_LIST_H
+#define VORN_LIST_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+typedef struct vorn_list_head {
+  struct vorn_list_head *next;
+  struct vorn_list_head *prev;
+} vorn_list_head_s;
+
+/* What a node that is on no list holds. Both addresses fault when followed. */
+#define VORN_LIST_POISON_NEXT ((vorn_list_head_s *)0x100100)
+#define VORN_LIST_POISON_PREV ((vorn_list_head_s *)0x200200)
+
+/* Makes head an empty list. */
+static inline void vorn_list_init_head(vorn_list_head_s *head) {
+  head->next = head;
+  head->prev = head;
+}
+
+/* Makes node one that is on no list, without looking at what it held. */
+static inline void vorn_list_poison(vorn_list_head_s *node) {
+  node->next = VORN_LIST_POISON_NEXT;
+  node->prev = VORN_LIST_POISON_PREV;
+}
+
+/* Whether node holds the poison values. */
+static inline int vorn_list_is_poisoned(const vorn_list_head_s *node) {
+  return node->next == VORN_LIST_POISON_NEXT && node->prev == VORN_LIST_POISON_PREV;
+}
+
+/* Whether the list has no node. */
+static inline int vorn_list_is_empty(const vorn_list_head_s *head) { return head->next == head; }
+
+/* The first node, NULL when there is none. */
+static inline vorn_list_head_s *vorn_list_first(const vorn_list_head_s *head) {
+  return vorn_list_is_empty(head) ? NULL : head->next;
+}
+
+/* The node behind node, NULL at the end. */
+static inline vorn_list_head_s *vorn_list_next(const vorn_list_head_s *head,
+                                               const vorn_list_head_s *node) {
+  return node->next == head ? NULL : node->next;
+}
+
+/* The record of the given type whose member is node. */
+#define vorn_list_entry(node, type, member) ((type *)((char *)(node)-offsetof(type, member)))
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,88 @@
+#include "list/vorn_list.hpp"
+
+#include "base/log.hpp"
+
+namespace vorn::list {
+namespace {
+
+struct Caller {
+  Show show;
+  const char *file;
+  const char *function;
+  unsigned int line;
+};
+
+bool is_link(const vorn_list_head_s *prev) {
+  return prev != nullptr && prev != VORN_LIST_POISON_PREV;
+}
+
+const void *address(const vorn_list_head_s *node) { return node; }
+
+// The neighbour before cur must point at it.
+void check_prev(vorn_list_head_s *prev, vorn_list_head_s *cur, const Caller &by) {
+  if (!is_link(prev)) {
+    VORN_LOG_AT(by.file, by.line, by.function, kInfo, "List node prev:(%p), cur:(%p)",
+                address(prev), address(cur));
+    return;
+  }
+  if (prev->next == cur) return;
+  VORN_LOG_AT(by.file, by.line, by.function, kError,
+              "Abnormal list node prev:%p(%p,%p) is not point to cur:%p(%p,%p)", address(prev),
+              address(prev->next), address(prev->prev), address(cur), address(cur->next),
+              address(cur->prev));
+  by.show(cur);
+  by.show(prev);
+}
+
+// The neighbour behind cur must point back at it.
+void check_next(vorn_list_head_s *next, vorn_list_head_s *cur, const Caller &by) {
+  if (next->prev == cur) return;
+  VORN_LOG_AT(by.file, by.line, by.function, kError,
+              "Abnormal list node next:%p(%p,%p) is not point to cur:%p(%p,%p)", address(next),
+              address(next->next), address(next->prev), address(cur), address(cur->next),
+              address(cur->prev));
+  by.show(cur);
+  by.show(next);
+}
+
+void remove(vorn_list_head_s *node, const Caller &by) {
+  check_prev(node->prev, node, by);
+  check_next(node->next, node, by);
+  node->next->prev = node->prev;
+  node->prev->next = node->next;
+  vorn_list_poison(node);
+}
+
+} // namespace
+
+void insert_tail(vorn_list_head_s *head, vorn_list_head_s *node, Show show, const char *file,
+                 const char *function, unsigned int line) {
+  vorn_list_head_s *last = head->prev;
+  check_prev(last, head, {show, file, function, line});
+  head->prev = node;
+  node->next = head;
+  node->prev = last;
+  last->next = node;
+}
+
+void remove(vorn_list_head_s *node, Show show, const char *file, const char *function,
+            unsigned int line) {
+  remove(node, {show, file, function, line});
+}
+
+vorn_list_head_s *take_first(vorn_list_head_s *head, Show show, const char *file,
+                             const char *function, unsigned int line) {
+  vorn_list_head_s *node = vorn_list_first(head);
+  if (node == nullptr) return nullptr;
+  const Caller by{show, file, function, line};
+  if (node->prev != head) {
+    VORN_LOG_AT(file, line, function, kError,
+                "Abnormal list node cur:%p(%p,%p), is not point to last:%p", address(node),
+                address(node->next), address(node->prev), address(head));
+    show(node);
+  }
+  remove(node, by);
+  return node;
+}
+
+} // namespace vorn::list
