@@ -1,0 +1,26 @@
+/* Mutexes of the system's own types over POSIX threads. */
+#ifndef VORN_MTX_H
+#define VORN_MTX_H
+
+#include <pthread.h>
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* The types of vorn_mtx_init. They are not the numbers of POSIX. */
+#define VORN_MTX_NORMAL 0
+#define VORN_MTX_ERRORCHECK 1
+#define VORN_MTX_RECURSIVE 2
+
+/* Initialises a mutex of that type (pthread_mutex_init(3)). Returns 0; -1 for another type, the
+ * mutex is not touched then; the positive error of the system otherwise. Any thread; not
+ * signal-safe. */
+VORN_API int vorn_mtx_init(pthread_mutex_t *mutex, int type);
+
+/* Returns pthread_mutex_destroy(mutex): 0 or a positive error. */
+VORN_API int vorn_mtx_destroy(pthread_mutex_t *mutex);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,22 @@
+// VORN_FORWARD(from, to): defines the exported function from, which passes every argument it is
+// called with, whatever their number and types, to the function to and returns whatever that
+// returns.
+#ifndef VORN_ARCH_FORWARD_HPP
+#define VORN_ARCH_FORWARD_HPP
+
+#if defined(__aarch64__)
+#include "arch/aarch64/forward.hpp"
+#elif defined(__x86_64__)
+#include "arch/x86_64/forward.hpp"
+#else
+#error "no forwarding jump for this processor"
+#endif
+
+#define VORN_FORWARD(from, to)                                                                     \
+  asm(".pushsection .text\n"                                                                       \
+      ".globl " #from "\n"                                                                         \
+      ".type " #from ", %function\n" #from ":\n" VORN_FORWARD_JUMP(to) ".size " #from ", .-" #from \
+                                                                       "\n"                        \
+                                                                       ".popsection\n")
+
+#endif

@@ -1,0 +1,58 @@
+#include "vorn_cpufreq.h"
+
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <memory>
+
+#include "base/bounded.hpp"
+#include "base/log.hpp"
+
+namespace vorn::cpufreq {
+namespace {
+
+constexpr char kPolicyRoot[] = "/sys/devices/system/cpu/cpufreq";
+
+struct CloseDirectory {
+  void operator()(DIR *directory) const { closedir(directory); }
+};
+struct CloseFile {
+  void operator()(FILE *file) const { std::fclose(file); }
+};
+
+// The frequency in kHz that an attribute of a policy holds; false when it cannot be read.
+bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
+  char path[512];
+  if (snprintf_s(path, sizeof path, sizeof path - 1, "%s/%s/%s", kPolicyRoot, policy, attribute) <
+      0) {
+    return false;
+  }
+  const std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "re"));
+  return file != nullptr && std::fscanf(file.get(), "%lu", khz) == 1;
+}
+
+bool log_policy(const char *policy) {
+  unsigned long min_khz = 0;
+  unsigned long max_khz = 0;
+  if (!read_khz(policy, "cpuinfo_min_freq", &min_khz) ||
+      !read_khz(policy, "cpuinfo_max_freq", &max_khz)) {
+    return false;
+  }
+  VORN_LOG_AS("vorn_cpufreq_init", kDebug, "cpufreq %s: %lu to %lu kHz.", policy, min_khz, max_khz);
+  return true;
+}
+
+} // namespace
+} // namespace vorn::cpufreq
+
+int vorn_cpufreq_init() {
+  const std::unique_ptr<DIR, vorn::cpufreq::CloseDirectory> root(
+      opendir(vorn::cpufreq::kPolicyRoot));
+  unsigned int usable = 0;
+  while (const dirent *entry = root == nullptr ? nullptr : readdir(root.get())) {
+    if (std::strncmp(entry->d_name, "policy", 6) != 0) continue;
+    if (vorn::cpufreq::log_policy(entry->d_name)) ++usable;
+  }
+  VORN_LOG(vorn::kDebug, "cpufreq: %u policies can be controlled.", usable);
+  return 0;
+}

@@ -1,0 +1,70 @@
+#include "vorn_init.h"
+
+#include <execinfo.h>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "vorn_cpufreq.h"
+#include "vorn_jiffies.h"
+#include "vorn_process.h"
+#include "vorn_time.h"
+
+namespace vorn::init {
+namespace {
+
+constexpr int kUnwinderDepth = 3;
+constexpr char kOwnName[] = "OSAX";
+
+constinit Once started{OncePolicy::kRetry};
+
+int start_time() { return static_cast<int>(vorn_gettime_init()); }
+
+struct Step {
+  int (*run)();
+  const char *failure;
+};
+
+// In the order that they depend on each other; the first that fails ends the start-up.
+constexpr Step kSteps[] = {
+    {vorn_cpufreq_init, "Vorn cpufreq initialize failed."},
+    {start_time, "Vorn time initialize failed."},
+};
+
+int vorn_init_inner() {
+  vorn_glibc_init();
+  // A machine without the jiffies driver starts all the same, on ticks from the time base.
+  if (jiffies_usr_main() != 0) VORN_LOG(kError, "Get jiffies usr addr failed.");
+  jiffies_Init();
+  pid_init_names();
+  vorn_pid_set_name(kModuleId, kOwnName);
+  for (const Step &step : kSteps) {
+    const int result = step.run();
+    if (result != 0) return VORN_FAIL(result, "%s", step.failure);
+  }
+  return 0;
+}
+
+int start() {
+  VORN_LOG_AS("vorn_Init", kInfo, "Vorn init start.");
+  const int result = vorn_init_inner();
+  VORN_LOG_AS("vorn_Init", kInfo, "Vorn init end ret %d.", result);
+  return result;
+}
+
+void stop() {
+  VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy start.");
+  pid_destroy_names();
+  VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy end.");
+}
+
+} // namespace
+} // namespace vorn::init
+
+int vorn_Init() { return vorn::init::started.run(vorn::init::start) == 0 ? 0 : -1; }
+
+void vorn_destory() { vorn::init::started.reset(vorn::init::stop); }
+
+int vorn_glibc_init() {
+  void *frames[vorn::init::kUnwinderDepth];
+  return backtrace(frames, vorn::init::kUnwinderDepth);
+}

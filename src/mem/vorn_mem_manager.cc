@@ -1,0 +1,149 @@
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "vorn_mem.h"
+#include "vorn_syscall.h"
+
+namespace vorn::mem {
+namespace {
+
+constexpr char kMeminfo[] = "/proc/meminfo";
+constexpr unsigned long kUnitSize = 4096; // of vorn_setmemory_*, whatever the page size
+constexpr std::size_t kNameSize = 128;
+
+constinit Once page_size_read{OncePolicy::kRetry};
+
+// Two threads that find it 0 read the same figure twice.
+constinit std::atomic<unsigned long> total_kb{0};
+
+struct CloseFile {
+  void operator()(FILE *file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+// The value in kB of the line that key names, colon included; 0 with -1 when there is none.
+int vorn_get_meminfo(const char *key, unsigned long *value) {
+  const File file(std::fopen(kMeminfo, "re"));
+  if (file == nullptr) {
+    const int error = errno;
+    VORN_LOG(kInfo, "Fopen /proc/meminfo fail errno %d.", error);
+    return -1;
+  }
+  char line[256];
+  while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+    char name[kNameSize] = "";
+    unsigned long figure = 0;
+    if (std::sscanf(line, "%127s %lu", name, &figure) < 2) continue;
+    if (std::strncmp(name, key, kNameSize) != 0) continue;
+    *value = figure;
+    return 0;
+  }
+  *value = 0;
+  return -1;
+}
+
+bool is_page_multiple(unsigned long value) { return value % g_CurSysPageSize == 0; }
+
+// function is the exported one that the records name.
+int set_protection(const char *function, void *addr, unsigned int numpages, int protection) {
+  if (addr == nullptr || numpages == 0) {
+    return VORN_FAIL_AS(function, -1, "Param is invalied,addr is NULL(%p), numpages is 0.", addr);
+  }
+  const int page_size_result = vorn_get_current_page_size();
+  if (page_size_result != 0) {
+    const int error = errno;
+    return VORN_FAIL_AS(function, -1, "Get current system page size failed, ret(%d), errno(%d):%s.",
+                        page_size_result, error, std::strerror(error));
+  }
+  const auto address = reinterpret_cast<unsigned long>(addr);
+  if (g_CurSysPageSize != kUnitSize) {
+    const auto length = static_cast<int>(numpages * static_cast<unsigned int>(kUnitSize));
+    if (!is_page_multiple(static_cast<unsigned long>(static_cast<long>(length))) ||
+        !is_page_multiple(address)) {
+      return VORN_FAIL_AS(
+          function, 0, "Param is invalied, page_addr(0x%lx), numpages(%d), g_CurSysPageSize(%d).",
+          address, numpages, static_cast<int>(g_CurSysPageSize));
+    }
+  }
+  if (mprotect(addr, numpages * kUnitSize, protection) == 0) return 0;
+  const int error = errno;
+  return VORN_FAIL_AS(function, error,
+                      "set page protect read failed, page_addr(0x%lx), errno(%d):%s.", address,
+                      error, std::strerror(error));
+}
+
+} // namespace
+} // namespace vorn::mem
+
+uint64_t g_CurSysPageSize;
+
+int vorn_get_free_mem(unsigned long *out) {
+  if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
+  const auto result = static_cast<int>(vorn_private_syscall(
+      VORN_SYSCALL_COMMAND(VORN_SYSCALL_FREE_MEM), reinterpret_cast<unsigned long>(out),
+      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
+  if (result != 0) return VORN_FAIL(-1, "Syscall failed %d.", result);
+  return 0;
+}
+
+int vorn_get_total_mem(unsigned long *out) {
+  unsigned long total = vorn::mem::total_kb.load(std::memory_order_relaxed);
+  if (total == 0) {
+    if (vorn::mem::vorn_get_meminfo("MemTotal:", &total) != 0) return -1;
+    vorn::mem::total_kb.store(total, std::memory_order_relaxed);
+  }
+  if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
+  *out = total;
+  return 0;
+}
+
+unsigned long vorn_get_available_usage() {
+  unsigned long total = 0;
+  unsigned long available = 0;
+  if (vorn::mem::vorn_get_meminfo("MemTotal:", &total) != 0) return 0;
+  if (vorn::mem::vorn_get_meminfo("MemAvailable:", &available) != 0) return 0;
+  if (total == 0) return VORN_FAIL(0ul, "get total memory from system is 0.");
+  return (total - available) * 100 / total;
+}
+
+// "sync;echo 3 > /proc/sys/vm/drop_caches;": the guard takes no separator between two words.
+int vorn_release_mem() { return -1; }
+
+int vorn_get_current_page_size_inner() {
+  const long size = sysconf(_SC_PAGESIZE);
+  if (size < 0) {
+    const int error = errno;
+    VORN_LOG(vorn::kInfo, "Get current system page size failed, ret=(%d), errno(%d):%s.",
+             static_cast<int>(size), error, std::strerror(error));
+    return -1;
+  }
+  __atomic_store_n(&g_CurSysPageSize, static_cast<uint64_t>(size), __ATOMIC_RELAXED);
+  return 0;
+}
+
+int vorn_get_current_page_size() {
+  return vorn::mem::page_size_read.run(vorn_get_current_page_size_inner);
+}
+
+int vorn_get_sys_page_size(unsigned long *out) {
+  if (out == nullptr) return VORN_FAIL(-1, "Get sys page size failed, param err.");
+  *out = 0;
+  if (vorn_get_current_page_size() != 0) return -1;
+  *out = g_CurSysPageSize;
+  return 0;
+}
+
+int vorn_setmemory_ro(void *addr, unsigned int numpages) {
+  return vorn::mem::set_protection(__func__, addr, numpages, PROT_READ);
+}
+
+int vorn_setmemory_rw(void *addr, unsigned int numpages) {
+  return vorn::mem::set_protection(__func__, addr, numpages, PROT_WRITE);
+}

@@ -1,0 +1,91 @@
+#define VORN_FILE "vorn_mem.c"
+
+#include "mem/vorn_mem_stat.hpp"
+
+#include <atomic>
+#include <cstring>
+
+#include "base/log.hpp"
+#include "base/mutex.hpp"
+#include "vorn_mem.h"
+#include "vorn_syscall.h"
+
+namespace vorn::mem {
+namespace {
+
+constexpr unsigned int kColumns = 5;
+
+// Set once, under the mutex, when the counters behind it are cleared.
+constinit std::atomic<std::uint64_t *> known_table{nullptr};
+constinit Mutex table_mutex;
+
+std::uint64_t *ask_for_table() {
+  std::uint64_t address = 0;
+  const long result = vorn_private_syscall(
+      VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT), reinterpret_cast<unsigned long>(&address),
+      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
+  if (static_cast<int>(result) != 0) return nullptr;
+  return reinterpret_cast<std::uint64_t *>(address);
+}
+
+std::atomic_ref<std::uint64_t> counter(std::uint64_t *table, unsigned int pid) {
+  return std::atomic_ref(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
+}
+
+} // namespace
+
+std::uint64_t *stat_table() {
+  std::uint64_t *table = known_table.load(std::memory_order_acquire);
+  if (table != nullptr) return table;
+  MutexGuard hold{table_mutex};
+  table = known_table.load(std::memory_order_relaxed);
+  if (table != nullptr) return table;
+  table = ask_for_table();
+  if (table == nullptr) return nullptr;
+  std::memset(table, 0, VORN_MODULE_ID_COUNT * sizeof *table);
+  known_table.store(table, std::memory_order_release);
+  return table;
+}
+
+std::uint64_t stat_read(const std::uint64_t *table, unsigned int pid) {
+  return __atomic_load_n(&table[pid], __ATOMIC_RELAXED);
+}
+
+} // namespace vorn::mem
+
+void vorn_mem_stat_add(unsigned int pid, unsigned int size) {
+  uint64_t *table = vorn::mem::stat_table();
+  if (table != nullptr) vorn::mem::counter(table, pid).fetch_add(size);
+}
+
+void vorn_mem_stat_sub(unsigned int pid, unsigned int size) {
+  uint64_t *table = vorn::mem::stat_table();
+  if (table != nullptr) vorn::mem::counter(table, pid).fetch_sub(size);
+}
+
+void vorn_mem_show(vorn_print_f print) {
+  if (print == nullptr) return;
+  print("Begin to show used memory (Bytes) of all PID.\n");
+  for (unsigned int column = 0; column < vorn::mem::kColumns; ++column) {
+    print("| %-6s  %11s ", "PID", "UsedMem");
+  }
+  print("\n");
+
+  const uint64_t *table = vorn::mem::stat_table();
+  uint64_t total = 0;
+  unsigned int shown = 0;
+  for (unsigned int pid = 0; table != nullptr && pid < VORN_MODULE_ID_COUNT; ++pid) {
+    const uint64_t used = vorn::mem::stat_read(table, pid);
+    if (used == 0) continue;
+    total += used;
+    print("| %-6u  %11lld ", pid, static_cast<long long>(used));
+    if (++shown % vorn::mem::kColumns == 0) print("\n");
+  }
+  print("\nTotal used memory: %lld\n", static_cast<long long>(total));
+}
+
+int vorn_mem_stat_dump() {
+  return static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT_DUMP),
+                                               VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED,
+                                               VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
+}

@@ -1,0 +1,109 @@
+#define VORN_FILE "vorn_process.c"
+
+#include "process/node_names.hpp"
+
+#include <charconv>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "base/unique_fd.hpp"
+#include "vorn_mem.h"
+
+namespace vorn::process {
+namespace {
+
+constexpr off_t kMaxFileSize = 1 << 20;
+constexpr char kFunction[] = "pid_init_names";
+
+// Written while the file is loaded, only read afterwards. The names lie in the file's text, which
+// stays.
+constinit Once loaded{OncePolicy::kLatch};
+constinit const char *names[VORN_MODULE_ID_COUNT] = {};
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+bool is_name_char(char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }
+
+// Cuts the next word off the line; empty at its end.
+std::string_view take_word(std::string_view *line) {
+  while (!line->empty() && is_blank(line->front()))
+    line->remove_prefix(1);
+  std::size_t length = 0;
+  while (length < line->size() && !is_blank((*line)[length]))
+    ++length;
+  const std::string_view word = line->substr(0, length);
+  line->remove_prefix(length);
+  return word;
+}
+
+bool parse_id(std::string_view word, unsigned int *id) {
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), *id);
+  return error == std::errc() && end == word.data() + word.size() && *id <= UINT16_MAX;
+}
+
+bool is_name(std::string_view word) {
+  for (const char c : word) {
+    if (!is_name_char(c)) return false;
+  }
+  return !word.empty();
+}
+
+// A line of the text, which is ours to end the name in. False: it is not an id and a name.
+bool take_row(std::string_view line) {
+  const std::string_view id_word = take_word(&line);
+  if (id_word.empty() || id_word.front() == '#') return true;
+  const std::string_view name = take_word(&line);
+  unsigned int id = 0;
+  if (!parse_id(id_word, &id) || !is_name(name) || !take_word(&line).empty()) return false;
+  const_cast<char &>(name.data()[name.size()]) = '\0';
+  if (id < VORN_MODULE_ID_COUNT) names[id] = name.data();
+  return true;
+}
+
+void take_rows(char *text, std::size_t size) {
+  unsigned int number = 0;
+  for (std::size_t start = 0; start < size;) {
+    const auto *newline = static_cast<const char *>(std::memchr(text + start, '\n', size - start));
+    const std::size_t end = newline == nullptr ? size : static_cast<std::size_t>(newline - text);
+    ++number;
+    if (!take_row({text + start, end - start})) {
+      VORN_LOG_AS(kFunction, kWarning, "%s line %u is not an id and a name, it is left out.",
+                  kNodeNamesFile, number);
+    }
+    start = end + 1;
+  }
+}
+
+int load() {
+  const UniqueFd fd(open(kNodeNamesFile, O_RDONLY | O_CLOEXEC));
+  if (!fd) return 0;
+  struct stat status {};
+  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > kMaxFileSize) {
+    return VORN_FAIL_AS(kFunction, -1, "%s is not a table of module names.", kNodeNamesFile);
+  }
+  const auto size = static_cast<unsigned int>(status.st_size);
+  auto *text = static_cast<char *>(vorn_malloc(kModuleId, size + 1));
+  if (text == nullptr) return -1;
+  const ssize_t length = read(fd.get(), text, size);
+  if (length <= 0) {
+    vorn_free(text);
+    return -1;
+  }
+  text[length] = '\0';
+  take_rows(text, static_cast<std::size_t>(length));
+  return 0;
+}
+
+} // namespace
+
+const char *node_name(unsigned int id) {
+  loaded.run(load);
+  return names[id];
+}
+
+} // namespace vorn::process

@@ -1,0 +1,33 @@
+#include "vorn_process.h"
+
+#include <cerrno>
+#include <ctime>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+
+namespace vorn::process {
+namespace {
+
+constinit Once version_taken{OncePolicy::kLatch};
+constinit uint64_t version = 0;
+
+int take_version() {
+  timespec now{};
+  const int result = clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+  if (result != 0) {
+    const int error = errno;
+    VORN_LOG_AS("ps_get_version", kInfo, "Clock_gettime fail ret:%d errno:%d", result, error);
+    return result;
+  }
+  version = static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+  return 0;
+}
+
+} // namespace
+} // namespace vorn::process
+
+uint64_t ps_get_version() {
+  vorn::process::version_taken.run(vorn::process::take_version);
+  return vorn::process::version;
+}
