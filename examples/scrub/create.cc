@@ -1,16 +1,16 @@
-#include "data_file.hpp"
-#include "log.hpp"
-#include "manifest_writer.hpp"
-#include "report.hpp"
 #include "scrub.hpp"
-#include "text.hpp"
-#include "walk.hpp"
 
-#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 
+#include "data_file.hpp"
 #include "interrupt.hpp"
+#include "log.hpp"
+#include "manifest_writer.hpp"
+#include "report.hpp"
+#include "text.hpp"
+#include "walk.hpp"
 
 namespace scrub {
 namespace {
@@ -62,6 +62,7 @@ private:
 ExitStatus create(const Job &job) {
   const OwnFiles own(job.places);
   ManifestWriter manifest(job.places);
+  std::printf("Recording %s in %s\n", job.root.c_str(), job.places.manifest().c_str());
   SCRUB_LOG(EVLOG_INFO, "create: %s.", escape(job.root).c_str());
 
   Report report(count_bytes(job.root, own));

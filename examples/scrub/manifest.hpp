@@ -20,6 +20,7 @@
 #include <ctime>
 #include <string_view>
 
+#include "checksums.hpp"
 #include "memory.hpp"
 
 namespace scrub {
@@ -49,6 +50,11 @@ struct Totals {
 // The order of paths in a manifest, that of a walk which takes each directory's names in byte
 // order: '/' comes before every other byte.
 bool path_before(std::string_view a, std::string_view b);
+
+// The texts of the lines, without codes and newlines.
+String file_line(const FileRecord &file);
+String block_line(std::uint64_t number, const Checksums &block);
+String end_line(const Totals &totals);
 
 // The running code of a manifest's lines.
 class LineCode {

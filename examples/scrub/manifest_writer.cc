@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 
 #include "failure.hpp"
-#include "text.hpp"
 
 namespace scrub {
 namespace {
@@ -22,7 +21,7 @@ ManifestWriter::ManifestWriter(const Places &places)
       directory_(open(places.manifest_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (!directory_) fail("cannot open " + places.manifest_directory);
   check_target();
-  open_unfinished();
+  open_unfinished(places.manifest_directory);
   buffer_.reserve(kBufferSize);
   add_line(kManifestHeader);
 }
@@ -37,23 +36,12 @@ void ManifestWriter::begin_file(const FileRecord &file) {
   ++now_.totals.files;
   now_.totals.bytes += file.size;
 
-  char numbers[80];
-  const int length =
-      std::snprintf(numbers, sizeof numbers, "file %" PRIu64 " %jd.%09ld ", file.size,
-                    static_cast<std::intmax_t>(file.written.tv_sec), file.written.tv_nsec);
-  String line(numbers, static_cast<std::size_t>(length));
-  add_line(line += escape(file.path));
+  add_line(file_line(file));
 }
 
 void ManifestWriter::add_block(const Checksums &block) {
-  char line[128];
-  int length =
-      std::snprintf(line, sizeof line, "block %" PRIu64 " %08" PRIx32, block_++, block.crc);
-  for (std::size_t i = 0; i < block.sectors; ++i)
-    length += std::snprintf(line + length, sizeof line - static_cast<std::size_t>(length), " %04x",
-                            block.guards[i]);
   ++now_.totals.blocks;
-  add_line({line, static_cast<std::size_t>(length)});
+  add_line(block_line(block_++, block));
 }
 
 void ManifestWriter::drop_file() {
@@ -68,11 +56,7 @@ void ManifestWriter::drop_file() {
 }
 
 void ManifestWriter::commit() {
-  char line[128];
-  const int length =
-      std::snprintf(line, sizeof line, "end files %" PRIu64 " blocks %" PRIu64 " bytes %" PRIu64,
-                    now_.totals.files, now_.totals.blocks, now_.totals.bytes);
-  add_line({line, static_cast<std::size_t>(length)});
+  add_line(end_line(now_.totals));
   flush();
 
   if (fsync(file_.get()) != 0) fail("cannot write " + manifest_);
@@ -92,14 +76,13 @@ void ManifestWriter::check_target() const {
 
 // One run at a time owns the unfinished file, by its lock. One that a killed run left is taken
 // over.
-void ManifestWriter::open_unfinished() {
+void ManifestWriter::open_unfinished(const std::string &directory) {
   Fd file(openat(directory_.get(), unfinished_.c_str(),
                  O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
-  if (!file) fail("cannot write the manifest beside " + manifest_);
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
-    fail("another run is writing " + manifest_ + " (lock)");
+  if (!file) fail("cannot write into " + directory + ", choose another place with --manifest");
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) fail("another run is writing " + manifest_);
 
-  // While we waited for nothing, its owner may still have finished it and given it away.
+  // Between the two calls its last owner may have made the manifest of it.
   struct stat opened {};
   struct stat named {};
   if (fstat(file.get(), &opened) != 0 ||
@@ -107,7 +90,7 @@ void ManifestWriter::open_unfinished() {
       opened.st_ino != named.st_ino)
     fail("another run has just written " + manifest_, EBUSY);
   if (!S_ISREG(opened.st_mode) || ftruncate(file.get(), 0) != 0)
-    fail("cannot write the manifest beside " + manifest_);
+    fail("cannot write " + unfinished_);
   file_ = std::move(file);
 }
 

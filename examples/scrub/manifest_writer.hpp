@@ -41,7 +41,7 @@ private:
     Totals totals;
   };
 
-  void open_unfinished();
+  void open_unfinished(const std::string &directory);
   void check_target() const;
   void add_line(std::string_view text);
   void flush();

@@ -1,16 +1,16 @@
 #include "memory_table.hpp"
 
+#include <algorithm>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 
 #include "vorn_process.h"
 
 namespace scrub {
 namespace {
 
-// 1024 cells of at most 27 characters would not fit: a process has a few dozen modules.
-char shown[8192];
+char shown[32 * 1024]; // room for a cell of each of the 1024 ids
 std::size_t shown_length = 0;
 
 int keep(const char *format, ...) VORN_PRINTF(1, 2);
@@ -38,8 +38,8 @@ Vector<ModuleMemory> memory_by_module() {
   for (std::size_t bar = text.find('|'); bar != std::string_view::npos; bar = text.find('|')) {
     text.remove_prefix(bar + 1);
     unsigned int id = 0;
-    std::uint64_t bytes = 0;
-    if (std::sscanf(text.data(), "%u %ju", &id, &bytes) == 2)
+    std::int64_t bytes = 0;
+    if (std::sscanf(text.data(), "%u %" SCNd64, &id, &bytes) == 2)
       modules.push_back({vorn_pid_get_name(id), bytes});
   }
   return modules;

@@ -10,7 +10,7 @@ namespace scrub {
 
 struct ModuleMemory {
   const char *name;
-  std::uint64_t bytes;
+  std::int64_t bytes;
 };
 
 // Empty where the node has no kernel module, which keeps the account.

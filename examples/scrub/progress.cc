@@ -35,6 +35,11 @@ Progress::Progress(std::uint64_t total)
     : terminal_(isatty(STDOUT_FILENO) == 1), total_(total), started_(vorn_time_getnanosec()),
       next_update_(started_ + (terminal_ ? 0 : kLineInterval)) {}
 
+// What ended the run early is told on a line of its own.
+Progress::~Progress() {
+  if (bar_shown_) std::putchar('\n');
+}
+
 void Progress::add_bytes(std::uint64_t bytes) {
   bytes_ += bytes;
   update();

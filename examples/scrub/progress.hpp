@@ -8,11 +8,17 @@ namespace scrub {
 
 class Progress {
 public:
-  // total is the bytes to go.
+  // total is the bytes to read.
   explicit Progress(std::uint64_t total);
+  Progress(const Progress &) = delete;
+  Progress &operator=(const Progress &) = delete;
+  ~Progress();
 
   void add_bytes(std::uint64_t bytes);
   void add_file();
+
+  // So many bytes are not to be read after all.
+  void drop_bytes(std::uint64_t bytes) { total_ -= bytes; }
 
   // A line of the run's own, printed above the bar.
   void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -28,7 +34,7 @@ private:
   unsigned int percent() const;
 
   const bool terminal_;
-  const std::uint64_t total_;
+  std::uint64_t total_;
   const std::uint64_t started_; // nanoseconds, as next_update_
   std::uint64_t next_update_;
   std::uint64_t bytes_ = 0;

@@ -65,7 +65,7 @@ void Report::size_change(const FileRecord &file, std::uint64_t found) {
             path.c_str(), file.size, found);
 }
 
-void Report::damaged_file(const FileRecord &, bool written_since) {
+void Report::damaged_file(bool written_since) {
   ++findings_.damaged_files;
   progress_.print("            %s",
                   written_since ? "written to since the manifest was made"
@@ -120,7 +120,7 @@ void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk)
   account(job, read, walk);
 }
 
-void Report::account(const Job &job, const Totals &read, const Walk &walk) {
+void Report::account(const Job &job, const Totals &read, const Walk &walk) const {
   const std::uint64_t taken = std::max<std::uint64_t>(vorn_time_getnanosec() - started_, 1);
   const double seconds = static_cast<double>(taken) / 1e9;
 
@@ -139,8 +139,8 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) {
               seconds);
   print_memory();
   std::printf("  manifest  %s\n", job.places.manifest().c_str());
-  std::printf("  log       %s in %s\n", counted(log_records_written, "record").c_str(),
-              job.log().c_str());
+  std::printf("  log       %s %s %s\n", counted(log_records_written, "record").c_str(),
+              job.has_log ? "in" : "on the console alone, cannot write", job.places.log().c_str());
 }
 
 } // namespace scrub

@@ -35,7 +35,7 @@ public:
                      const Checksums &found);
   void size_change(const FileRecord &file, std::uint64_t found);
   // Behind the lines above: whether anyone has written to the file since, by its time.
-  void damaged_file(const FileRecord &file, bool written_since);
+  void damaged_file(bool written_since);
   void missing(const FileRecord &file);
   void unreadable(const FileRecord &file, const char *why);
   void added(std::string_view path);
@@ -48,7 +48,7 @@ public:
   void finish_verify(const Job &job, const Totals &read, const Walk &walk);
 
 private:
-  void account(const Job &job, const Totals &read, const Walk &walk);
+  void account(const Job &job, const Totals &read, const Walk &walk) const;
 
   const std::uint64_t started_; // nanoseconds
   Progress progress_;

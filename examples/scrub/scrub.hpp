@@ -14,8 +14,6 @@ struct Job {
   std::string root;
   Places places;
   bool has_log = false;
-
-  std::string log() const { return has_log ? places.log() : "no file"; }
 };
 
 // Records the checksums of every file below the root. What cannot be read is reported and left out.

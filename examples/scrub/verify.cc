@@ -1,6 +1,7 @@
 #include "scrub.hpp"
 
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 
@@ -20,8 +21,12 @@ namespace {
 Totals check_manifest(int fd, const std::string &name) {
   ManifestReader manifest(fd, name);
   FileRecord file;
-  while (manifest.next_file(file))
+  Checksums block;
+  while (manifest.next_file(file)) {
     check_interrupt();
+    while (manifest.next_block(block))
+      check_interrupt();
+  }
   if (lseek(fd, 0, SEEK_SET) != 0) fail("cannot read " + name + " again");
   return manifest.totals();
 }
@@ -46,10 +51,10 @@ public:
         take_unrecorded();
       } else if (recorded_is_first() || found_.error != 0) {
         report_.missing(recorded_);
-        next_recorded();
+        drop_recorded();
       } else {
         compare();
-        next_recorded();
+        drop_recorded();
         next_found();
       }
     }
@@ -59,6 +64,12 @@ public:
 
 private:
   void next_recorded() { more_recorded_ = manifest_.next_file(recorded_); }
+  // To the next; what has not been read of this one never will be.
+  void drop_recorded() {
+    report_.progress().drop_bytes(recorded_.size - compared_);
+    compared_ = 0;
+    next_recorded();
+  }
   void next_found() { more_found_ = walk_.next(found_); }
 
   bool found_is_first() const {
@@ -83,7 +94,7 @@ private:
     report_.skipped(found_.path, why);
     while (more_recorded_ && is_below(recorded_.path, found_.path)) {
       report_.unreadable(recorded_, why);
-      next_recorded();
+      drop_recorded();
     }
   }
 
@@ -100,8 +111,8 @@ private:
     if (const char *problem = file.problem(); problem != nullptr)
       return report_.unreadable(recorded_, problem);
     if (resized || damaged != 0)
-      report_.damaged_file(recorded_, file.written().tv_sec != recorded_.written.tv_sec ||
-                                          file.written().tv_nsec != recorded_.written.tv_nsec);
+      report_.damaged_file(file.written().tv_sec != recorded_.written.tv_sec ||
+                           file.written().tv_nsec != recorded_.written.tv_nsec);
     ++read_.files;
     report_.progress().add_file();
   }
@@ -122,6 +133,7 @@ private:
       }
       ++read_.blocks;
       read_.bytes += length;
+      compared_ += length;
       report_.progress().add_bytes(length);
     }
     return damaged;
@@ -132,8 +144,9 @@ private:
   Report &report_;
   ReadBuffer buffer_;
 
-  FileRecord recorded_; // while more_recorded_
-  Found found_;         // while more_found_
+  FileRecord recorded_;        // while more_recorded_
+  Found found_;                // while more_found_
+  std::uint64_t compared_ = 0; // bytes of recorded_
   bool more_recorded_ = false;
   bool more_found_ = false;
   Totals read_;
@@ -144,7 +157,9 @@ private:
 ExitStatus verify(const Job &job) {
   const std::string name = job.places.manifest();
   const Fd fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!fd) fail("cannot open the manifest " + name);
+  if (!fd)
+    fail("cannot open the manifest " + name + (errno == ENOENT ? ", make one with create" : ""));
+  std::printf("Verifying %s against %s\n", job.root.c_str(), name.c_str());
   const Totals recorded = check_manifest(fd.get(), name);
   SCRUB_LOG(EVLOG_INFO, "verify: %s, %" PRIu64 " files recorded.", escape(job.root).c_str(),
             recorded.files);

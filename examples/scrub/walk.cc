@@ -42,8 +42,8 @@ bool Walk::next(Found &found) {
     const Entry &entry = level.entries[level.next++];
     found.directory = dirfd(level.directory.get());
     found.name = entry.name.c_str();
-    found.error = 0;
     path_ += entry.name;
+    found.error = path_.size() > kMaxPath ? ENAMETOOLONG : 0;
     switch (entry.type) {
     case DT_REG:
       found.path = path_;
@@ -51,7 +51,7 @@ bool Walk::next(Found &found) {
     case DT_DIR:
       found.path = path_;
       path_ += '/';
-      found.error = enter(found.directory, found.name);
+      if (found.error == 0) found.error = enter(found.directory, found.name);
       if (found.error != 0) return true;
       break;
     case DT_LNK:
@@ -66,7 +66,6 @@ bool Walk::next(Found &found) {
 
 // Returns 0 or why the directory cannot be read.
 int Walk::enter(int parent, const char *name) {
-  if (path_.size() > kMaxPath) return ENAMETOOLONG;
   const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return errno;
   DIR *directory = fdopendir(fd);

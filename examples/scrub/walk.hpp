@@ -13,12 +13,13 @@
 
 namespace scrub {
 
-// A regular file, or a directory that cannot be looked into. Valid until the next step of the walk.
+// A regular file, or what cannot be read: a directory, or a file whose path is too long. Valid
+// until the next step of the walk.
 struct Found {
   String path;
   int directory = -1;         // where it can be opened, and
   const char *name = nullptr; // under which name
-  int error = 0;              // not 0: a directory that cannot be read, and why
+  int error = 0;              // not 0: why it cannot be read
 };
 
 class Walk {
