@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "arch/crc_polynomial.hpp"
 
@@ -77,42 +78,50 @@ public:
 
   template <class Source>
   static std::uint32_t run(std::uint32_t crc, Source source, std::size_t length) {
-    Register value = crc;
-    while (length >= kMinLanes) {
-      const std::size_t words = length / (3 * kWord) < kMaxLane ? length / (3 * kWord) : kMaxLane;
-      value = lanes(value, source, words);
-      length -= 3 * kWord * words;
-    }
-    for (; length >= 8 * kWord; length -= 8 * kWord) {
-      value = words<8>(value, source);
-    }
-    for (; length >= 2 * kWord; length -= 2 * kWord) {
-      value = words<2>(value, source);
-    }
-    if ((length & 8) != 0) value = one<std::uint64_t>(value, source);
-    if ((length & 4) != 0) value = one<std::uint32_t>(value, source);
-    if ((length & 2) != 0) value = one<std::uint16_t>(value, source);
-    if ((length & 1) != 0) value = one<std::uint8_t>(value, source);
-    return static_cast<std::uint32_t>(value);
+    // A function of its own, so that short inputs, for which it counts, save no registers.
+    if (length >= kMinLanes) [[unlikely]] return run_long(crc, source, length);
+    return chain(crc, source, length);
   }
 
 private:
   static constexpr std::size_t kWord = sizeof(std::uint64_t);
   static constexpr std::array<std::uint32_t, 2 * kMaxLane + 1> kCarries = crc32c_carries();
 
-  template <class Word, class Source> static Register one(Register value, Source &source) {
-    value = Step::add(value, source.template take<Word>(0));
-    source.skip(sizeof(Word));
-    return value;
+  template <class Source>
+  [[gnu::noinline]] static std::uint32_t run_long(Register crc, Source source, std::size_t length) {
+    while (length >= kMinLanes) {
+      const std::size_t words = length / (3 * kWord) < kMaxLane ? length / (3 * kWord) : kMaxLane;
+      crc = lanes(crc, source, words);
+      length -= 3 * kWord * words;
+    }
+    return chain(crc, source, length);
   }
 
-  template <std::size_t kCount, class Source>
-  static Register words(Register value, Source &source) {
-    for (std::size_t at = 0; at < kCount * kWord; at += kWord) {
-      value = Step::add(value, source.template take<std::uint64_t>(at));
-    }
+  template <class Source>
+  static std::uint32_t chain(Register crc, Source source, std::size_t length) {
+    for (; length >= 8 * kWord; length -= 8 * kWord) crc = words<8>(crc, source);
+    for (; length >= 2 * kWord; length -= 2 * kWord) crc = words<2>(crc, source);
+    if (length == 0) return static_cast<std::uint32_t>(crc);
+    if ((length & 8) != 0) crc = one<std::uint64_t>(crc, source);
+    if ((length & 4) != 0) crc = one<std::uint32_t>(crc, source);
+    if ((length & 2) != 0) crc = one<std::uint16_t>(crc, source);
+    if ((length & 1) != 0) crc = one<std::uint8_t>(crc, source);
+    return static_cast<std::uint32_t>(crc);
+  }
+
+  template <class Word, class Source> static Register one(Register crc, Source &source) {
+    crc = Step::add(crc, source.template take<Word>(0));
+    source.skip(sizeof(Word));
+    return crc;
+  }
+
+  template <std::size_t kCount, class Source> static Register words(Register crc, Source &source) {
+    const auto steps = [&]<std::size_t... kIndex>(std::index_sequence<kIndex...>) {
+      ((crc = Step::add(crc, source.template take<std::uint64_t>(kIndex * kWord))), ...);
+    };
+    steps(std::make_index_sequence<kCount>());
     source.skip(kCount * kWord);
-    return value;
+    return crc;
   }
 
   template <class Source>
