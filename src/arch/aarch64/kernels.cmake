@@ -1,1 +1,3 @@
-# Special instructions are compiled into their kernel's file alone, which runs after a probe.
+# Special instructions are compiled into their kernel's file alone.
+set_source_files_properties(arch/aarch64/crc32c_kernel.cc arch/aarch64/crc16_kernel.cc PROPERTIES
+  COMPILE_OPTIONS "-march=armv8-a+crc+crypto")

@@ -1,0 +1,17 @@
+#include "arch/x86_64/crc.hpp"
+
+namespace vorn::arch {
+namespace {
+
+CrcProbe probe() {
+  __builtin_cpu_init();
+  const bool narrow = __builtin_cpu_supports("sse4.2") && __builtin_cpu_supports("pclmul");
+  const bool wide = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("vpclmulqdq");
+  return {.narrow = narrow, .wide = narrow && wide};
+}
+
+} // namespace
+
+const CrcProbe crc_probe = probe();
+
+} // namespace vorn::arch

@@ -1,0 +1,123 @@
+#include "vorn_crc.h"
+
+#include <atomic>
+
+#include "arch/crc.hpp"
+#include "crc/tables.hpp"
+
+namespace vorn::crc {
+namespace {
+
+using Continue = std::uint32_t (*)(std::uint32_t crc, const void *data, std::uint32_t length);
+
+constexpr std::uint32_t kStart = 0xFFFFFFFF;
+
+// Longer inputs of CRC-16 are worth the set-up of the kernel.
+constexpr std::uint64_t kCrc16TableMax = 15;
+
+std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length);
+
+// The routine behind vorn_crc32cContinue: never null, so that the checksums work before start-up,
+// and in processes that have none.
+constinit std::atomic<Continue> dispatch{continue_first};
+
+std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length) {
+  vorn_crc32_init();
+  return dispatch.load(std::memory_order_relaxed)(crc, data, length);
+}
+
+// The hard routines take their length as signed: 2 GiB and more is a negative length, of nothing.
+bool is_negative(std::uint32_t length) { return static_cast<std::int32_t>(length) < 0; }
+
+std::uint32_t crc32c_by_table(std::uint32_t crc, const void *data, std::size_t length) {
+  const auto *at = static_cast<const std::uint8_t *>(data);
+  for (const auto *end = at + length; at != end; ++at) {
+    crc = kCrc32cTable[(crc ^ *at) & 0xFF] ^ (crc >> 8);
+  }
+  return crc;
+}
+
+std::uint32_t crc32c_copy_by_table(std::uint32_t crc, void *to, const void *from,
+                                   std::size_t length) {
+  const auto *at = static_cast<const std::uint8_t *>(from);
+  auto *copy = static_cast<std::uint8_t *>(to);
+  for (const auto *end = at + length; at != end; ++at, ++copy) {
+    const std::uint8_t byte = *at;
+    *copy = byte;
+    crc = kCrc32cTable[(crc ^ byte) & 0xFF] ^ (crc >> 8);
+  }
+  return crc;
+}
+
+std::uint16_t crc16_by_table(std::uint16_t crc, const void *data, std::size_t length) {
+  const auto *at = static_cast<const std::uint8_t *>(data);
+  for (const auto *end = at + length; at != end; ++at) {
+    crc = static_cast<std::uint16_t>((crc << 8) ^ kCrc16Table[*at ^ (crc >> 8)]);
+  }
+  return crc;
+}
+
+} // namespace
+} // namespace vorn::crc
+
+using namespace vorn;
+
+void vorn_crc32_init() { crc::dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed); }
+
+uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length) {
+  if (data == nullptr || length == 0) [[unlikely]]
+    return crc;
+  return crc::dispatch.load(std::memory_order_relaxed)(crc, data, length);
+}
+
+uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length) {
+  if (crc::is_negative(length)) [[unlikely]]
+    return crc;
+  if (!arch::has_crc32c()) [[unlikely]]
+    return crc::crc32c_by_table(crc, data, length);
+  return arch::crc32c(crc, data, length);
+}
+
+uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length) {
+  return crc::crc32c_by_table(crc, data, length);
+}
+
+uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length, const void *src) {
+  if (crc::is_negative(length)) [[unlikely]]
+    return crc;
+  if (!arch::has_crc32c()) [[unlikely]]
+    return crc::crc32c_copy_by_table(crc, dst, src, length);
+  return arch::crc32c_copy(crc, dst, src, length);
+}
+
+uint32_t vorn_crc32cStart(const void *data, uint32_t length) {
+  return vorn_crc32cContinue(crc::kStart, data, length);
+}
+
+uint32_t vorn_crc32cEnd(uint32_t crc) { return ~crc; }
+
+uint32_t vorn_crc32c(const void *data, uint32_t length) {
+  return ~vorn_crc32cContinue(crc::kStart, data, length);
+}
+
+uint32_t vorn_crc32c_soft(const void *data, uint32_t length) {
+  if (data == nullptr || length == 0) return 0;
+  return ~vorn_crc32cContinueSoft(crc::kStart, data, length);
+}
+
+uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
+  if (data == nullptr || length == 0) [[unlikely]]
+    return crc;
+  return crc16_t10dif(crc, data, length);
+}
+
+uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length) {
+  if (length <= crc::kCrc16TableMax || !arch::has_crc16()) [[unlikely]] {
+    return crc::crc16_by_table(crc, data, length);
+  }
+  return arch::crc16(crc, data, length);
+}
+
+uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length) {
+  return crc::crc16_by_table(crc, data, length);
+}
