@@ -1,9 +1,92 @@
 #include "vorn_time.h"
 
+#include <atomic>
+#include <ctime>
 #include <gtest/gtest.h>
+#include <thread>
+#include <vector>
+
+#include "arch/counter.hpp"
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "time/vorn_time.hpp"
+
+namespace {
 
 TEST(Time, ReadsZeroBeforeItIsStarted) {
   EXPECT_EQ(vorn_time_getnanosec(), 0u);
   EXPECT_EQ(vorn_time_getmillisec(), 0u);
   EXPECT_EQ(vorn_time_cycles2ns(1000), 0u);
 }
+
+TEST(Time, RunsAtTheRateOfTheMonotonicClock) {
+  ASSERT_EQ(vorn_gettime_init(), 0u);
+  EXPECT_EQ(vorn_time_cycles2ns(3), 3 * (1000000000 / vorn::arch::counter_frequency()));
+
+  const auto monotonic = [] {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+    return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+  };
+  const double clock_start = monotonic();
+  const auto start = static_cast<double>(vorn_time_getnanosec());
+  const timespec pause{0, 100000000};
+  nanosleep(&pause, nullptr);
+  const double elapsed = static_cast<double>(vorn_time_getnanosec()) - start;
+  const double clock_elapsed = monotonic() - clock_start;
+  EXPECT_GT(elapsed, 0.9e8);
+  EXPECT_NEAR(elapsed / clock_elapsed, 1.0, 0.1); // wide: the machine may stop between two readings
+}
+
+TEST(Time, IsMonotonicAcrossThreads) {
+  ASSERT_EQ(vorn_gettime_init(), 0u);
+  std::atomic<uint64_t> latest{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&latest] {
+      for (int i = 0; i < 20000; ++i) {
+        const uint64_t before = latest.load();
+        const uint64_t now = vorn_time_getnanosec();
+        ASSERT_GE(now, before);
+        uint64_t seen = before;
+        while (seen < now && !latest.compare_exchange_weak(seen, now)) {
+        }
+      }
+    });
+  }
+  for (auto &thread : threads)
+    thread.join();
+}
+
+TEST(Time, SecondStartLeavesTheFrequencyAlone) {
+  vorn_gettime_init();
+  EXPECT_EQ(currCpuGHz, 2.6);
+  currCpuGHz = 1.5;
+  EXPECT_EQ(vorn_gettime_init(), 0u);
+  EXPECT_EQ(currCpuGHz, 1.5);
+  EXPECT_EQ(vorn_CheckCurrCpu(), 0);
+  EXPECT_EQ(currCpuGHz, 2.6);
+}
+
+TEST(Time, EstimatesTheCountersFrequency) {
+  vorn_estimate_tsc_freq();
+  const double want = static_cast<double>(vorn::arch::counter_frequency()) / 1e9;
+  EXPECT_NEAR(currCpuGHz, want, 0.1 * want + 0.005);
+  char text[64];
+  std::snprintf(text, sizeof text, "cpu standard hz is %f.", currCpuGHz);
+  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_time.c", "vorn_estimate_tsc_freq", text);
+}
+
+TEST(Time, FrequenciesRoundAndTruncate) {
+  using vorn::time::round_frequency;
+  using vorn::time::tick_nanoseconds;
+  EXPECT_EQ(round_frequency(24999999), 20000000u);
+  EXPECT_EQ(round_frequency(25000000), 30000000u); // a tie goes up
+  EXPECT_EQ(round_frequency(30000000), 30000000u);
+  EXPECT_EQ(round_frequency(0), 0u);
+  EXPECT_EQ(tick_nanoseconds(100000000), 10u);
+  EXPECT_EQ(tick_nanoseconds(24000000), 41u);
+  EXPECT_EQ(tick_nanoseconds(0), 0u);
+}
+
+} // namespace

@@ -39,14 +39,15 @@ int strcpy_s(char *dest, std::size_t size, const char *src) {
   return _strcpy_s_chk(dest, size, src, kUnknownObjectSize);
 }
 
-// safeclib takes at most RSIZE_MAX_MEM bytes a call.
+// safeclib takes at most RSIZE_MAX_MEM bytes a call, and no value that is more than a byte.
 int memset_s(void *dest, std::size_t size, int value, std::size_t count) {
   if (dest != nullptr && count > size)
     return _memset_s_chk(dest, size, value, count, kUnknownObjectSize);
   auto *at = static_cast<unsigned char *>(dest);
+  const int byte = static_cast<unsigned char>(value);
   do {
     const std::size_t step = std::min<std::size_t>(count, RSIZE_MAX_MEM);
-    const int result = _memset_s_chk(at, step, value, step, kUnknownObjectSize);
+    const int result = _memset_s_chk(at, step, byte, step, kUnknownObjectSize);
     if (result != 0) return result;
     at += step;
     count -= step;

@@ -5,6 +5,7 @@
 #include "base/log.hpp"
 #include "base/once.hpp"
 #include "vorn_cpufreq.h"
+#include "vorn_crc.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
 #include "vorn_time.h"
@@ -41,6 +42,7 @@ int vorn_init_inner() {
     const int result = step.run();
     if (result != 0) return VORN_FAIL(result, "%s", step.failure);
   }
+  vorn_crc32_init();
   return 0;
 }
 

@@ -1,0 +1,21 @@
+/* All of Vorn's public headers. */
+#ifndef VORN_H
+#define VORN_H
+
+#include "vorn_api.h"
+#include "vorn_bitops.h"
+#include "vorn_cpufreq.h"
+#include "vorn_crc.h"
+#include "vorn_init.h"
+#include "vorn_jiffies.h"
+#include "vorn_list.h"
+#include "vorn_log.h"
+#include "vorn_mem.h"
+#include "vorn_mtx.h"
+#include "vorn_process.h"
+#include "vorn_reboot.h"
+#include "vorn_symbol.h"
+#include "vorn_syscall.h"
+#include "vorn_time.h"
+
+#endif

@@ -1,0 +1,63 @@
+// Every step of the start-up, replaced by a note of its call: a process may put its own in front.
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "support/log_capture.hpp"
+#include "vorn_cpufreq.h"
+#include "vorn_crc.h"
+#include "vorn_init.h"
+#include "vorn_jiffies.h"
+#include "vorn_process.h"
+#include "vorn_symbol.h"
+#include "vorn_time.h"
+
+static std::vector<std::string> steps;
+static uint64_t time_result = 0;
+
+static int note(const char *step) {
+  steps.push_back(step);
+  return 0;
+}
+
+int vorn_glibc_init() { return note("unwinder"); }
+int jiffies_usr_main() { return note("jiffies source"); }
+void jiffies_Init() { note("jiffies"); }
+void pid_init_names() { note("names"); }
+void vorn_pid_set_name(unsigned int id, const char *name) {
+  note((std::to_string(id) + " " + name).c_str());
+}
+int vorn_cpufreq_init() { return note("cpufreq"); }
+uint64_t vorn_gettime_init() {
+  note("time");
+  return time_result;
+}
+int vorn_symbol_init() { return note("symbols"); }
+void vorn_crc32_init() { note("crc"); }
+void pid_destroy_names() { note("clear names"); }
+void vorn_symbol_fini() { note("release symbols"); }
+
+namespace {
+
+using Steps = std::vector<std::string>;
+
+TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
+  ASSERT_EQ(vorn_Init(), 0);
+  EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX", "cpufreq",
+                          "time", "symbols", "crc"}));
+  EXPECT_EQ(capture::take_texts(), (Steps{"Vorn init start.", "Vorn init end ret 0."}));
+  steps.clear();
+  vorn_destory();
+  EXPECT_EQ(steps, (Steps{"clear names", "release symbols"}));
+  EXPECT_EQ(capture::take_texts(), (Steps{"Vorn destroy start.", "Vorn destroy end."}));
+}
+
+TEST(InitOrder, NothingFollowsAFailedStep) {
+  time_result = 5;
+  EXPECT_EQ(vorn_Init(), -1);
+  EXPECT_EQ(steps.back(), "time");
+  EXPECT_EQ(capture::take_texts(),
+            (Steps{"Vorn init start.", "Vorn time initialize failed.", "Vorn init end ret 5."}));
+}
+
+} // namespace

@@ -1,0 +1,170 @@
+// test-wraps: vorn_get_jiffies
+#include "list/vorn_list.hpp"
+
+#include <csignal>
+#include <deque>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "base/log.hpp"
+#include "support/log_capture.hpp"
+
+extern "C" uint64_t __wrap_vorn_get_jiffies() { return 0; }
+
+namespace {
+
+using vorn::list::insert_tail;
+using vorn::list::remove;
+using vorn::list::take_first;
+
+struct Record {
+  int value;
+  vorn_list_head_s node;
+};
+
+std::vector<vorn_list_head_s *> dumped;
+void dump(vorn_list_head_s *node) { dumped.push_back(node); }
+
+// "0x1(0x2,0x3)": a node and its links, as the records show it.
+std::string shown(const vorn_list_head_s *node) {
+  const auto hex = [](const void *address) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%p", address);
+    return std::string(buffer);
+  };
+  return hex(node) + "(" + hex(node->next) + "," + hex(node->prev) + ")";
+}
+
+std::vector<int> values(const vorn_list_head_s &head) {
+  std::vector<int> found;
+  for (auto *node = vorn_list_first(&head); node != nullptr; node = vorn_list_next(&head, node)) {
+    found.push_back(vorn_list_entry(node, Record, node)->value);
+  }
+  return found;
+}
+
+class List : public testing::Test {
+protected:
+  void SetUp() override {
+    vorn_list_init_head(&head_);
+    for (int i = 0; i < 4; ++i) {
+      records_[i].value = i;
+      vorn_list_poison(&records_[i].node);
+    }
+  }
+  void fill(int count) {
+    for (int i = 0; i < count; ++i)
+      insert_tail(&head_, &records_[i].node, dump, VORN_FILE);
+  }
+  vorn_list_head_s head_;
+  Record records_[4];
+};
+
+TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
+  std::mt19937 random(1);
+  std::vector<Record> pool(40);
+  std::deque<int> model;
+  for (int i = 0; i < 40; ++i) {
+    pool[static_cast<size_t>(i)].value = i;
+    vorn_list_poison(&pool[static_cast<size_t>(i)].node);
+  }
+  for (int step = 0; step < 5000; ++step) {
+    const int pick = static_cast<int>(random() % pool.size());
+    Record &record = pool[static_cast<size_t>(pick)];
+    const auto at = std::find(model.begin(), model.end(), pick);
+    if (random() % 8 == 0) {
+      auto *first = take_first(&head_, dump, VORN_FILE);
+      ASSERT_EQ(first == nullptr, model.empty());
+      if (first == nullptr) continue;
+      ASSERT_EQ(vorn_list_entry(first, Record, node)->value, model.front());
+      model.pop_front();
+    } else if (at == model.end()) {
+      ASSERT_TRUE(vorn_list_is_poisoned(&record.node));
+      insert_tail(&head_, &record.node, dump, VORN_FILE);
+      model.push_back(pick);
+    } else {
+      remove(&record.node, dump, VORN_FILE);
+      model.erase(at);
+    }
+    ASSERT_EQ(values(head_), std::vector<int>(model.begin(), model.end()));
+  }
+  EXPECT_NO_RECORD();
+  EXPECT_TRUE(dumped.empty());
+}
+
+TEST_F(List, InsertionReportsAnOverwrittenTailAndStillLinks) {
+  fill(1);
+  auto *stranger = &records_[3].node;
+  vorn_list_init_head(stranger);
+  head_.prev = stranger;
+  const std::string wanted =
+      "Abnormal list node prev:" + shown(stranger) + " is not point to cur:" + shown(&head_);
+  insert_tail(&head_, &records_[1].node, dump, VORN_FILE);
+  EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "TestBody", wanted);
+  EXPECT_EQ(dumped, (std::vector{&head_, stranger}));
+  EXPECT_EQ(head_.prev, &records_[1].node);
+  EXPECT_EQ(stranger->next, &records_[1].node);
+  EXPECT_EQ(records_[1].node.prev, stranger);
+}
+
+TEST_F(List, RemovalReportsBothNeighbours) {
+  fill(3);
+  auto *node = &records_[1].node;
+  records_[0].node.next = &records_[3].node;
+  records_[2].node.prev = &records_[3].node;
+  capture::set_level(vorn::kError - 1); // the dumps come whether or not the records are wanted
+  remove(node, dump, VORN_FILE);
+  EXPECT_NO_RECORD();
+  EXPECT_EQ(dumped, (std::vector{node, &records_[0].node, node, &records_[2].node}));
+  EXPECT_TRUE(vorn_list_is_poisoned(node));
+  EXPECT_EQ(values(head_), (std::vector{0, 2})); // mended by the relinking
+}
+
+TEST_F(List, RemovalNamesTheNextNeighbour) {
+  fill(2);
+  records_[1].node.prev = nullptr;
+  const std::string wanted = "Abnormal list node next:" + shown(&records_[1].node) +
+                             " is not point to cur:" + shown(&records_[0].node);
+  remove(&records_[0].node, dump, VORN_FILE);
+  EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "TestBody", wanted);
+}
+
+TEST_F(List, DrainReportsAFirstNodeThatDoesNotPointBack) {
+  fill(2);
+  records_[0].node.prev = &records_[1].node;
+  const std::string head = shown(&head_);
+  const std::string wanted = "Abnormal list node cur:" + shown(&records_[0].node) +
+                             ", is not point to last:" + head.substr(0, head.find('('));
+  EXPECT_EQ(take_first(&head_, dump, VORN_FILE), &records_[0].node);
+  EXPECT_EQ(capture::take().front().text, wanted);
+  EXPECT_EQ(dumped.front(), &records_[0].node);
+}
+
+TEST_F(List, EmptyDrainIsSilent) {
+  EXPECT_EQ(take_first(&head_, dump, VORN_FILE), nullptr);
+  EXPECT_NO_RECORD();
+  EXPECT_TRUE(dumped.empty());
+}
+
+TEST_F(List, SecondRemovalReportsAndFaults) {
+  fill(1);
+  remove(&records_[0].node, dump, VORN_FILE);
+  EXPECT_DEATH(
+      {
+        struct Report {
+          static void at_fault(int) {
+            for (const auto &line : capture::take_texts())
+              std::fprintf(stderr, "%s\n", line.c_str());
+            _exit(1);
+          }
+        };
+        signal(SIGSEGV, Report::at_fault);
+        remove(&records_[0].node, dump, VORN_FILE);
+      },
+      "List node prev:\\(0x200200\\), cur:\\(0x");
+}
+
+} // namespace

@@ -1,0 +1,231 @@
+// test-links: vornsim
+#include "vorn_mem.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <latch>
+#include <string>
+#include <sys/mman.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "vorn_syscall.h"
+#include "vornsim.h"
+
+namespace {
+
+std::string shown;
+
+__attribute__((format(printf, 1, 2))) int show(const char *format, ...) {
+  char text[256];
+  va_list args;
+  va_start(args, format);
+  const int length = std::vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  shown += text;
+  return length;
+}
+
+std::string show_all() {
+  shown.clear();
+  vorn_mem_show(show);
+  return shown;
+}
+
+const std::string kHeader = [] {
+  std::string text = "Begin to show used memory (Bytes) of all PID.\n";
+  for (int i = 0; i < 5; ++i)
+    text += "| PID         UsedMem ";
+  return text + "\n";
+}();
+
+// Not inlined: the compiler knows the block's size and objects to what lies in front of it.
+__attribute__((noinline)) const vorn_mem_head_s *head_of(const void *ptr) {
+  return static_cast<const vorn_mem_head_s *>(ptr) - 1;
+}
+
+TEST(Mem, BlocksCarryTheirHeaderAndAreCharged) {
+  void *block = vorn_malloc(9, 100);
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(block) % 16, 0u);
+  std::memset(block, 0xAA, 100);
+  EXPECT_EQ(head_of(block)->magic, 0xF5F5F5F5u);
+  EXPECT_EQ(head_of(block)->size, 100u);
+  EXPECT_EQ(head_of(block)->pid, 9u);
+  EXPECT_EQ(head_of(block)->reserved, 0u);
+  EXPECT_EQ(show_all(), kHeader + "| 9               100 \nTotal used memory: 100\n");
+  vorn_free(block);
+  EXPECT_EQ(show_all(), kHeader + "\nTotal used memory: 0\n");
+  EXPECT_NO_RECORD();
+}
+
+TEST(Mem, OutOfRangeModulesAreChargedToZero) {
+  void *block = vorn_malloc(2000, 64);
+  EXPECT_EQ(head_of(block)->pid, 2000u);
+  EXPECT_EQ(show_all(), kHeader + "| 0                64 \nTotal used memory: 64\n");
+  vorn_free(block);
+  EXPECT_EQ(show_all(), kHeader + "\nTotal used memory: 0\n");
+}
+
+TEST(Mem, ShowsFiveModulesALine) {
+  for (unsigned int id = 1; id <= 6; ++id)
+    vorn_mem_stat_add(id, id);
+  vorn_mem_stat_sub(1023, 5); // a block that is older than the table
+  EXPECT_EQ(show_all(),
+            kHeader + "| 1                 1 | 2                 2 | 3                 3 "
+                      "| 4                 4 | 5                 5 \n"
+                      "| 6                 6 | 1023             -5 \nTotal used memory: 16\n");
+  vorn_mem_show(nullptr);
+}
+
+TEST(Mem, RefusesNothingAndTooMuch) {
+  EXPECT_EQ(vorn_malloc(1, 0), nullptr);
+  EXPECT_NO_RECORD();
+  EXPECT_EQ(vorn_mallocsubstandard(1, 0xFFFFFFF0, 0, "f", 1), nullptr); // wraps with its header
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem.c", "vorn_mallocsubstandard",
+                    "Malloc memory fails. PID: (1), size: (-16), type: (1).");
+  unsigned int type = 77;
+  EXPECT_EQ(vorn_mallocsubproc(0xFFFFFFFF, &type, 0, 1, "f", 1), nullptr);
+  EXPECT_EQ(type, 77u);
+  EXPECT_NO_RECORD();
+  EXPECT_EQ(show_all(), kHeader + "\nTotal used memory: 0\n");
+}
+
+TEST(Mem, FreesForeignBlocksWithAReport) {
+  // volatile: the compiler may otherwise see through to malloc and complain for us
+  void *volatile foreign = std::malloc(64);
+  vorn_freesub(foreign, "caller", 12);
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, EVLOG_ERROR);
+  EXPECT_EQ(records[0].function, "vorn_freesub");
+  EXPECT_NE(records[0].text.find("), function(caller) line(12)"), std::string::npos);
+  EXPECT_EQ(records[0].text.rfind("mem magic is wrong, ptr(0x", 0), 0u);
+}
+
+TEST(Mem, FreeingNullIsReportedAtALimitedRate) {
+  for (int i = 0; i < 10; ++i)
+    vorn_freesub(nullptr, "caller", 12);
+  std::vector<std::string> texts;
+  for (const auto &record : capture::take()) {
+    if (record.function == "vorn_freesub") texts.push_back(record.text);
+  }
+  EXPECT_EQ(texts, std::vector<std::string>(3, "ptr  is null, function(caller) line(12)"));
+}
+
+TEST(Mem, TableIsAskedForUntilItIsThere) {
+  vornsim_fail(VORN_SYSCALL_MEM_STAT, EPERM);
+  void *uncounted = vorn_malloc(3, 10);
+  ASSERT_NE(uncounted, nullptr);
+  EXPECT_EQ(show_all(), kHeader + "\nTotal used memory: 0\n");
+  vornsim_fail(VORN_SYSCALL_MEM_STAT, 0);
+  void *counted = vorn_malloc(3, 5);
+  EXPECT_EQ(show_all(), kHeader + "| 3                 5 \nTotal used memory: 5\n");
+  const unsigned long asked = vornsim_count(VORN_SYSCALL_MEM_STAT);
+  vorn_free(uncounted);
+  vorn_free(counted);
+  EXPECT_EQ(vornsim_count(VORN_SYSCALL_MEM_STAT), asked);
+  EXPECT_EQ(show_all(), kHeader + "| 3               -10 \nTotal used memory: -10\n");
+}
+
+TEST(Mem, CountsFromManyThreadsLoseNothing) {
+  std::latch start{4};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&start] {
+      start.arrive_and_wait();
+      for (int i = 0; i < 2000; ++i) {
+        void *block = vorn_malloc(4, 32);
+        vorn_free(block);
+      }
+      for (int i = 0; i < 200000; ++i) vorn_mem_stat_add(5, 1);
+    });
+  }
+  for (auto &thread : threads)
+    thread.join();
+  EXPECT_EQ(show_all(), kHeader + "| 5            800000 \nTotal used memory: 800000\n");
+  EXPECT_EQ(vorn_mem_stat_dump(), 0);
+  EXPECT_EQ(vornsim_count(VORN_SYSCALL_MEM_STAT_DUMP), 1u);
+}
+
+TEST(Mem, Memset) {
+  std::vector<unsigned char> bytes(1000, 1);
+  EXPECT_EQ(vorn_memset(bytes.data(), 0x1FF, 999), bytes.data());
+  EXPECT_EQ(bytes[998], 0xFF);
+  EXPECT_EQ(bytes[999], 1);
+  EXPECT_EQ(vorn_memset(nullptr, 0, 4), nullptr);
+  EXPECT_EQ(vorn_memset(bytes.data(), 0, 0), bytes.data());
+  EXPECT_EQ(bytes[0], 0xFF);
+}
+
+TEST(MemInfo, AgreesWithTheSystem) {
+  unsigned long total = 0;
+  ASSERT_EQ(vorn_get_total_mem(&total), 0);
+  // MemTotal and the count of physical pages are one figure of the kernel's
+  EXPECT_EQ(total, static_cast<unsigned long>(sysconf(_SC_PHYS_PAGES)) *
+                       static_cast<unsigned long>(sysconf(_SC_PAGESIZE)) / 1024);
+  EXPECT_LE(vorn_get_available_usage(), 100u);
+  unsigned long page = 0;
+  ASSERT_EQ(vorn_get_sys_page_size(&page), 0);
+  EXPECT_EQ(page, static_cast<unsigned long>(sysconf(_SC_PAGESIZE)));
+  EXPECT_EQ(g_CurSysPageSize, page);
+  EXPECT_NO_RECORD();
+}
+
+TEST(MemInfo, FreeMemoryComesFromTheKernelModule) {
+  unsigned long kilobytes = 0;
+  ASSERT_EQ(vorn_get_free_mem(&kilobytes), 0);
+  unsigned long total = 0;
+  vorn_get_total_mem(&total);
+  EXPECT_GT(kilobytes, 0u);
+  EXPECT_LE(kilobytes, total);
+  vornsim_fail(VORN_SYSCALL_FREE_MEM, EPERM);
+  EXPECT_EQ(vorn_get_free_mem(&kilobytes), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Syscall failed -1.");
+}
+
+TEST(MemInfo, NullOutputsAreRefused) {
+  EXPECT_EQ(vorn_get_free_mem(nullptr), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Parameter is null.");
+  EXPECT_EQ(vorn_get_total_mem(nullptr), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_total_mem", "Parameter is null.");
+  EXPECT_EQ(vorn_get_sys_page_size(nullptr), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_sys_page_size",
+                    "Get sys page size failed, param err.");
+  EXPECT_EQ(vorn_release_mem(), -1);
+  EXPECT_NO_RECORD();
+}
+
+TEST(Protection, ChangesWholeUnits) {
+  char *pages = static_cast<char *>(
+      mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(pages, MAP_FAILED);
+  pages[0] = 1;
+  ASSERT_EQ(vorn_setmemory_ro(pages, 1), 0);
+  pages[4096] = 1; // the next unit stays writable
+  EXPECT_DEATH(static_cast<volatile char *>(pages)[0] = 2, "");
+  ASSERT_EQ(vorn_setmemory_rw(pages, 1), 0);
+  static_cast<volatile char *>(pages)[0] = 2;
+  EXPECT_NO_RECORD();
+  munmap(pages, 8192);
+}
+
+TEST(Protection, RefusesAndReports) {
+  char anything = 0;
+  EXPECT_EQ(vorn_setmemory_ro(nullptr, 1), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_setmemory_ro",
+                    "Param is invalied,addr is NULL((nil)), numpages is 0.");
+  EXPECT_EQ(vorn_setmemory_rw(&anything, 0), -1);
+  EXPECT_EQ(capture::take().back().function, "vorn_setmemory_rw");
+  EXPECT_EQ(vorn_setmemory_rw(reinterpret_cast<void *>(1), 1), EINVAL);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_setmemory_rw",
+                    "set page protect read failed, page_addr(0x1), errno(22):Invalid argument.");
+}
+
+} // namespace
