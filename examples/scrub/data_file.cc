@@ -1,0 +1,67 @@
+#include "data_file.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+
+#include "interrupt.hpp"
+
+namespace scrub {
+namespace {
+
+bool same_time(const timespec &a, const timespec &b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+} // namespace
+
+bool DataFile::open(int directory, const char *name) {
+  fd_ = Fd(openat(directory, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd_ || fstat(fd_.get(), &status_) != 0) {
+    error_ = errno;
+    return false;
+  }
+  // It was a regular file a moment ago.
+  if (!S_ISREG(status_.st_mode)) error_ = ENOENT;
+  return error_ == 0;
+}
+
+Bytes DataFile::next_block() {
+  if (held_.empty() && !refill()) return {};
+  const Bytes block = held_.first(std::min(held_.size(), kBlockSize));
+  held_ = held_.subspan(block.size());
+  return block;
+}
+
+const char *DataFile::problem() {
+  if (error_ != 0) return std::strerror(error_);
+  return has_changed() ? "changed while it was read" : nullptr;
+}
+
+// Fills the buffer, or takes all that the file has left. False at the end.
+bool DataFile::refill() {
+  std::size_t filled = 0;
+  const auto wanted =
+      static_cast<std::size_t>(std::min<std::uint64_t>(size() - read_, buffer_.size()));
+  while (filled < wanted && error_ == 0) {
+    check_interrupt();
+    const ssize_t got = read(fd_.get(), buffer_.data() + filled, wanted - filled);
+    if (got > 0) filled += static_cast<std::size_t>(got);
+    if (got < 0 && errno != EINTR) error_ = errno;
+    if (got == 0) {
+      short_ = true;
+      break;
+    }
+  }
+  read_ += filled;
+  held_ = Bytes(buffer_).first(filled);
+  return filled != 0;
+}
+
+bool DataFile::has_changed() const {
+  struct stat now {};
+  return short_ || fstat(fd_.get(), &now) != 0 || now.st_size != status_.st_size ||
+         !same_time(now.st_mtim, status_.st_mtim);
+}
+
+} // namespace scrub

@@ -1,0 +1,15 @@
+// SIGINT, SIGTERM and SIGHUP end the run in an orderly way.
+#ifndef SCRUB_INTERRUPT_HPP
+#define SCRUB_INTERRUPT_HPP
+
+namespace scrub {
+
+// Also has a closed pipe and the file size limit come back as errors of write(2).
+void catch_signals();
+
+// Throws once such a signal has come: called wherever the run may stop.
+void check_interrupt();
+
+} // namespace scrub
+
+#endif

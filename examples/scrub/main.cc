@@ -1,0 +1,81 @@
+// vorn-scrub: finds damaged files. An example of a service on the library: it sets up logging,
+// starts the library, does its job, and takes both down again.
+#include <cstdio>
+#include <exception>
+#include <new>
+
+#include "interrupt.hpp"
+#include "log.hpp"
+#include "options.hpp"
+#include "scrub.hpp"
+#include "vorn_init.h"
+#include "vorn_log.h"
+
+namespace scrub {
+namespace {
+
+// The library is up and the log is open as long as this lives.
+class Session {
+public:
+  explicit Session(Job &job) {
+    job.has_log =
+        vorn_log_init(job.places.log_name().c_str(), job.places.log_directory.c_str()) == 0;
+    started_ = vorn_Init() == 0;
+  }
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+  ~Session() {
+    vorn_destory();
+    vorn_log_destroy(0);
+  }
+
+  bool started() const { return started_; }
+
+private:
+  bool started_ = false;
+};
+
+ExitStatus could_not_run(const char *why) {
+  SCRUB_LOG(EVLOG_ERROR, "%s.", why);
+  std::fflush(stdout);
+  std::fprintf(stderr, "vorn-scrub: %s\n", why);
+  return kCouldNotRun;
+}
+
+ExitStatus do_job(const Job &job, Command command) {
+  try {
+    const ExitStatus status = command == Command::kCreate ? create(job) : verify(job);
+    if (std::fflush(stdout) != 0) return could_not_run("cannot write to standard output");
+    return status;
+  } catch (const std::bad_alloc &) {
+    return could_not_run("out of memory");
+  } catch (const std::exception &failure) {
+    return could_not_run(failure.what());
+  }
+}
+
+int run(int argc, char **argv) {
+  Options options = parse_options(argc, argv);
+  switch (options.command) {
+  case Command::kWrong:
+    return kCouldNotRun;
+  case Command::kHelp:
+    print_help();
+    return kClean;
+  case Command::kVersion:
+    std::puts("vorn-scrub " SCRUB_VERSION);
+    return kClean;
+  default:
+    break;
+  }
+
+  catch_signals();
+  const Session session(options.job);
+  if (!session.started()) return could_not_run("the library did not start; the log tells why");
+  return do_job(options.job, options.command);
+}
+
+} // namespace
+} // namespace scrub
+
+int main(int argc, char **argv) { return scrub::run(argc, argv); }

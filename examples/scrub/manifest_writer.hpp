@@ -1,0 +1,63 @@
+// Writes a manifest into an unfinished file beside it, which takes the manifest's place when it is
+// complete: until then, and whatever fails, the old manifest stays as it is.
+#ifndef SCRUB_MANIFEST_WRITER_HPP
+#define SCRUB_MANIFEST_WRITER_HPP
+
+#include <string>
+
+#include "checksums.hpp"
+#include "fd.hpp"
+#include "manifest.hpp"
+#include "places.hpp"
+
+namespace scrub {
+
+class ManifestWriter {
+public:
+  // Every function throws std::system_error when the file cannot be written.
+  explicit ManifestWriter(const Places &places);
+  ManifestWriter(const ManifestWriter &) = delete;
+  ManifestWriter &operator=(const ManifestWriter &) = delete;
+  // Removes the unfinished file.
+  ~ManifestWriter();
+
+  // Files come in path order, each followed by all its blocks.
+  void begin_file(const FileRecord &file);
+  void add_block(const Checksums &block);
+
+  // Takes back the file last begun, with its blocks.
+  void drop_file();
+
+  // Puts the manifest in its place, on the disk.
+  void commit();
+
+  const Totals &totals() const { return now_.totals; }
+
+private:
+  // All that a line changes, so that a file can be taken back.
+  struct State {
+    std::uint64_t length = 0; // of the manifest, in bytes
+    LineCode code;
+    Totals totals;
+  };
+
+  void open_unfinished(const std::string &directory);
+  void check_target() const;
+  void add_line(std::string_view text);
+  void flush();
+
+  const std::string manifest_; // path, for messages
+  const std::string name_;
+  const std::string unfinished_;
+  Fd directory_;
+  Fd file_;
+  Vector<char> buffer_;       // what is not written yet
+  std::uint64_t written_ = 0; // bytes in the file
+  State now_;
+  State before_file_;
+  std::uint64_t block_ = 0; // the current file's next
+};
+
+} // namespace scrub
+
+#endif

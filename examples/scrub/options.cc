@@ -1,0 +1,110 @@
+#include "options.hpp"
+
+#include <cstdio>
+#include <getopt.h>
+#include <string_view>
+
+namespace scrub {
+namespace {
+
+constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR] DIR";
+
+Options wrong(const std::string &what) {
+  std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\n'vorn-scrub --help' tells more.\n", what.c_str(),
+               kUsage);
+  return {};
+}
+
+Command command_of(std::string_view word) {
+  if (word == "create") return Command::kCreate;
+  if (word == "verify") return Command::kVerify;
+  return Command::kWrong;
+}
+
+void set_manifest(Places &places, const std::string &path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    places.manifest_directory = ".";
+    places.manifest_name = path;
+    return;
+  }
+  places.manifest_directory = slash == 0 ? "/" : path.substr(0, slash);
+  places.manifest_name = path.substr(slash + 1);
+}
+
+} // namespace
+
+Options parse_options(int argc, char **argv) {
+  const option known[] = {{"manifest", required_argument, nullptr, 'm'},
+                          {"log", required_argument, nullptr, 'l'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
+                          {nullptr, 0, nullptr, 0}};
+  const char *manifest = nullptr;
+  const char *log = nullptr;
+  opterr = 0;
+  for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
+    switch (letter) {
+    case 'm':
+      manifest = optarg;
+      break;
+    case 'l':
+      log = optarg;
+      break;
+    case 'h':
+      return {Command::kHelp, {}};
+    case 'v':
+      return {Command::kVersion, {}};
+    case ':':
+      return wrong(std::string(argv[optind - 1]) + " needs a value");
+    default:
+      return wrong(std::string("there is no option ") +
+                   (optopt != 0 ? std::string{'-', static_cast<char>(optopt)} : argv[optind - 1]));
+    }
+  }
+
+  if (optind == argc) return wrong("the command is missing");
+  Options options;
+  options.command = command_of(argv[optind]);
+  if (options.command == Command::kWrong)
+    return wrong(std::string("the command is create or verify, not ") + argv[optind]);
+  if (optind + 1 == argc) return wrong("the directory is missing");
+  if (optind + 2 != argc)
+    return wrong(std::string("one directory at a time, not also ") + argv[optind + 2]);
+
+  options.job.root = argv[optind + 1];
+  Places &places = options.job.places;
+  set_manifest(places, manifest != nullptr ? manifest : options.job.root + "/.vorn-scrub");
+  if (places.manifest_name.empty())
+    return wrong(std::string("--manifest ") + manifest + " names no file");
+  places.log_directory = log != nullptr ? log : places.manifest_directory;
+  return options;
+}
+
+void print_help() {
+  std::printf("Usage: %s\n", kUsage);
+  std::fputs(R"(
+Tells which files below a directory have been damaged.
+
+  create   reads every regular file below DIR and records the checksums of its
+           blocks in a manifest
+  verify   reads them again and reports each damaged block, and every file that
+           is missing or new
+
+  --manifest FILE  the manifest; DIR/.vorn-scrub by default
+  --log DIR        where the log goes; beside the manifest by default
+  --help           this text
+  --version        the version
+
+Links are not followed. Files that cannot be read, or change while they are
+read, are reported and skipped. An existing manifest is replaced only once the
+new one is complete. A byte of a name that is a blank, a control character or
+'%' is written as %XX.
+
+Exit status: 0 clean (also where files are new, or were skipped by create),
+1 damage found (a block, a size, a missing or unreadable file), 2 could not run.
+)",
+             stdout);
+}
+
+} // namespace scrub

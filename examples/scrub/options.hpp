@@ -1,0 +1,23 @@
+// The command line.
+#ifndef SCRUB_OPTIONS_HPP
+#define SCRUB_OPTIONS_HPP
+
+#include "scrub.hpp"
+
+namespace scrub {
+
+enum class Command { kCreate, kVerify, kHelp, kVersion, kWrong };
+
+struct Options {
+  Command command = Command::kWrong;
+  Job job;
+};
+
+// Writes what is wrong to standard error.
+Options parse_options(int argc, char **argv);
+
+void print_help();
+
+} // namespace scrub
+
+#endif

@@ -1,0 +1,114 @@
+#include "progress.hpp"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "text.hpp"
+#include "vorn_time.h"
+
+namespace scrub {
+namespace {
+
+constexpr std::uint64_t kSecond = 1'000'000'000;
+constexpr std::uint64_t kBarInterval = kSecond / 10;
+constexpr std::uint64_t kLineInterval = 5 * kSecond;
+constexpr char kClearLine[] = "\r\033[K";
+
+std::size_t terminal_width() {
+  winsize size{};
+  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+  return known ? size.ws_col : 80;
+}
+
+std::string speed_text(std::uint64_t bytes, std::uint64_t nanoseconds) {
+  const double seconds = static_cast<double>(std::max<std::uint64_t>(nanoseconds, 1)) / kSecond;
+  return bytes_text(static_cast<double>(bytes) / seconds) + "/s";
+}
+
+} // namespace
+
+Progress::Progress(std::uint64_t total)
+    : terminal_(isatty(STDOUT_FILENO) == 1), total_(total), started_(vorn_time_getnanosec()),
+      next_update_(started_ + (terminal_ ? 0 : kLineInterval)) {}
+
+// What ended the run early is told on a line of its own.
+Progress::~Progress() {
+  if (bar_shown_) std::putchar('\n');
+}
+
+void Progress::add_bytes(std::uint64_t bytes) {
+  bytes_ += bytes;
+  update();
+}
+
+void Progress::add_file() {
+  ++files_;
+  update();
+}
+
+void Progress::print(const char *format, ...) {
+  clear_bar();
+  std::va_list args;
+  va_start(args, format);
+  std::vprintf(format, args);
+  va_end(args);
+  std::putchar('\n');
+}
+
+void Progress::finish() {
+  if (!terminal_) return;
+  draw_bar();
+  std::putchar('\n');
+  bar_shown_ = false;
+}
+
+void Progress::update() {
+  const std::uint64_t now = vorn_time_getnanosec();
+  if (now < next_update_) return;
+  next_update_ = now + (terminal_ ? kBarInterval : kLineInterval);
+  if (terminal_) {
+    draw_bar();
+  } else {
+    print_state();
+  }
+  std::fflush(stdout);
+}
+
+void Progress::draw_bar() {
+  char state[96];
+  const int length = std::snprintf(state, sizeof state, "] %3u%%  %s of %s  %s  %s", percent(),
+                                   bytes_text(static_cast<double>(bytes_)).c_str(),
+                                   bytes_text(static_cast<double>(total_)).c_str(),
+                                   counted(files_, "file").c_str(),
+                                   speed_text(bytes_, vorn_time_getnanosec() - started_).c_str());
+  const std::size_t taken = static_cast<std::size_t>(length) + 2;
+  const std::size_t cells =
+      std::clamp<std::size_t>(terminal_width(), taken + 8, taken + 40) - taken;
+  std::string bar(cells * percent() / 100, '#');
+  bar.resize(cells, '.');
+  std::printf("%s[%s%s", kClearLine, bar.c_str(), state);
+  bar_shown_ = true;
+}
+
+void Progress::print_state() {
+  std::printf("%3u%%  %s of %s, %s\n", percent(), bytes_text(static_cast<double>(bytes_)).c_str(),
+              bytes_text(static_cast<double>(total_)).c_str(), counted(files_, "file").c_str());
+}
+
+void Progress::clear_bar() {
+  if (bar_shown_) std::fputs(kClearLine, stdout);
+  bar_shown_ = false;
+}
+
+// Files may have grown since the bytes to go were counted.
+unsigned int Progress::percent() const {
+  if (bytes_ >= total_) return 100;
+  return static_cast<unsigned int>(100.0 * static_cast<double>(bytes_) /
+                                   static_cast<double>(total_));
+}
+
+} // namespace scrub

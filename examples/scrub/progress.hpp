@@ -1,0 +1,47 @@
+// How far a run is: a bar on a terminal, else a plain line every few seconds.
+#ifndef SCRUB_PROGRESS_HPP
+#define SCRUB_PROGRESS_HPP
+
+#include <cstdint>
+
+namespace scrub {
+
+class Progress {
+public:
+  // total is the bytes to read.
+  explicit Progress(std::uint64_t total);
+  Progress(const Progress &) = delete;
+  Progress &operator=(const Progress &) = delete;
+  ~Progress();
+
+  void add_bytes(std::uint64_t bytes);
+  void add_file();
+
+  // So many bytes are not to be read after all.
+  void drop_bytes(std::uint64_t bytes) { total_ -= bytes; }
+
+  // A line of the run's own, printed above the bar.
+  void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+  // The last state, which stays on the screen.
+  void finish();
+
+private:
+  void update();
+  void draw_bar();
+  void print_state();
+  void clear_bar();
+  unsigned int percent() const;
+
+  const bool terminal_;
+  std::uint64_t total_;
+  const std::uint64_t started_; // nanoseconds, as next_update_
+  std::uint64_t next_update_;
+  std::uint64_t bytes_ = 0;
+  std::uint64_t files_ = 0;
+  bool bar_shown_ = false;
+};
+
+} // namespace scrub
+
+#endif

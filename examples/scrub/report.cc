@@ -1,0 +1,146 @@
+#include "report.hpp"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+
+#include "log.hpp"
+#include "memory_table.hpp"
+#include "text.hpp"
+#include "vorn_time.h"
+
+namespace scrub {
+namespace {
+
+// A finding is the outcome of the service's work, not a fault of the service: its records are for
+// information. Records of faults also come up on the console.
+constexpr int kFinding = EVLOG_INFO;
+
+void print_memory() {
+  const Vector<ModuleMemory> modules = memory_by_module();
+  if (modules.empty()) std::puts("  memory    not accounted: there is no kernel module");
+  const char *title = "memory";
+  for (const ModuleMemory &module : modules) {
+    std::printf("  %-9s %s held by %s\n", title,
+                bytes_text(static_cast<double>(module.bytes)).c_str(), module.name);
+    title = "";
+  }
+}
+
+void print_count(std::uint64_t count, const char *what) {
+  if (count != 0) std::printf(", %s %s", grouped(count).c_str(), what);
+}
+
+} // namespace
+
+Report::Report(std::uint64_t total_bytes)
+    : started_(vorn_time_getnanosec()), progress_(total_bytes) {}
+
+void Report::damaged_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
+                           const Checksums &found) {
+  ++findings_.damaged_blocks;
+  const String path = escape(file.path);
+  const std::uint64_t offset = block * kBlockSize;
+  progress_.print("DAMAGED     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
+                  ", found %08" PRIx32,
+                  path.c_str(), block, offset, expected.crc, found.crc);
+  SCRUB_LOG(kFinding,
+            "damaged: %s, block %" PRIu64 ", expected %08" PRIx32 ", found %08" PRIx32 ".",
+            path.c_str(), block, expected.crc, found.crc);
+
+  for (std::size_t i = 0; i < expected.sectors; ++i) {
+    if (expected.guards[i] == found.guards[i]) continue;
+    progress_.print("            sector %" PRIu64 " at offset %" PRIu64
+                    ", guard expected %04x, found %04x",
+                    block * kSectorsPerBlock + i, offset + i * kSectorSize, expected.guards[i],
+                    found.guards[i]);
+  }
+}
+
+void Report::size_change(const FileRecord &file, std::uint64_t found) {
+  const String path = escape(file.path);
+  progress_.print("SIZE        %s: expected %" PRIu64 " bytes, found %" PRIu64, path.c_str(),
+                  file.size, found);
+  SCRUB_LOG(kFinding, "size change: %s, expected %" PRIu64 " bytes, found %" PRIu64 ".",
+            path.c_str(), file.size, found);
+}
+
+void Report::damaged_file(bool written_since) {
+  ++findings_.damaged_files;
+  progress_.print("            %s",
+                  written_since ? "written to since the manifest was made"
+                                : "not written to since the manifest was made: silent damage");
+}
+
+void Report::missing(const FileRecord &file) {
+  ++findings_.missing;
+  const String path = escape(file.path);
+  progress_.print("MISSING     %s", path.c_str());
+  SCRUB_LOG(kFinding, "missing: %s.", path.c_str());
+}
+
+void Report::unreadable(const FileRecord &file, const char *why) {
+  ++findings_.unreadable;
+  const String path = escape(file.path);
+  progress_.print("UNREADABLE  %s: %s", path.c_str(), why);
+  SCRUB_LOG(kFinding, "unreadable: %s, %s.", path.c_str(), why);
+}
+
+void Report::added(std::string_view path) {
+  ++findings_.added;
+  const String word = escape(path);
+  progress_.print("NEW         %s", word.c_str());
+  SCRUB_LOG(kFinding, "new: %s.", word.c_str());
+}
+
+void Report::skipped(std::string_view path, const char *why) {
+  ++findings_.skipped;
+  const String word = escape(path);
+  progress_.print("SKIPPED     %s: %s", word.c_str(), why);
+  SCRUB_LOG(kFinding, "skipped: %s, %s.", word.c_str(), why);
+}
+
+void Report::finish_create(const Job &job, const Totals &read, const Walk &walk) {
+  progress_.finish();
+  SCRUB_LOG(EVLOG_INFO,
+            "manifest written: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " skipped.",
+            read.files, read.bytes, findings_.skipped);
+  std::puts("\nRECORDED: the manifest is complete");
+  account(job, read, walk);
+}
+
+void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk) {
+  progress_.finish();
+  SCRUB_LOG(EVLOG_INFO,
+            "verified: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " damaged, %" PRIu64
+            " missing, %" PRIu64 " unreadable, %" PRIu64 " new.",
+            read.files, read.bytes, findings_.damaged_files, findings_.missing,
+            findings_.unreadable, findings_.added);
+  std::puts(findings_.damage() ? "\nDAMAGE FOUND" : "\nCLEAN: every recorded block is as it was");
+  account(job, read, walk);
+}
+
+void Report::account(const Job &job, const Totals &read, const Walk &walk) const {
+  const std::uint64_t taken = std::max<std::uint64_t>(vorn_time_getnanosec() - started_, 1);
+  const double seconds = static_cast<double>(taken) / 1e9;
+
+  std::printf("  files     %s read", grouped(read.files).c_str());
+  print_count(findings_.damaged_files, "damaged");
+  print_count(findings_.missing, "missing");
+  print_count(findings_.unreadable, "unreadable");
+  print_count(findings_.added, "new");
+  print_count(findings_.skipped, "skipped");
+  print_count(walk.links() + walk.specials(), "links and special files left out");
+  std::printf("\n  bytes     %s (%s) in %s", grouped(read.bytes).c_str(),
+              bytes_text(static_cast<double>(read.bytes)).c_str(),
+              counted(read.blocks, "block").c_str());
+  print_count(findings_.damaged_blocks, "damaged");
+  std::printf("\n  speed     %.1f MB/s, %.2f s\n", static_cast<double>(read.bytes) / 1e6 / seconds,
+              seconds);
+  print_memory();
+  std::printf("  manifest  %s\n", job.places.manifest().c_str());
+  std::printf("  log       %s %s %s\n", counted(log_records_written, "record").c_str(),
+              job.has_log ? "in" : "on the console alone, cannot write", job.places.log().c_str());
+}
+
+} // namespace scrub

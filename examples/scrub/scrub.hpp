@@ -1,0 +1,29 @@
+// The two jobs of the service.
+#ifndef SCRUB_SCRUB_HPP
+#define SCRUB_SCRUB_HPP
+
+#include <string>
+
+#include "places.hpp"
+
+namespace scrub {
+
+enum ExitStatus { kClean = 0, kDamage = 1, kCouldNotRun = 2 };
+
+struct Job {
+  std::string root;
+  Places places;
+  bool has_log = false;
+};
+
+// Records the checksums of every file below the root. What cannot be read is reported and left out.
+ExitStatus create(const Job &job);
+
+// Reads every file again and compares. A new file is reported, and is no damage.
+ExitStatus verify(const Job &job);
+
+// Both throw what is derived from std::exception when they cannot run.
+
+} // namespace scrub
+
+#endif

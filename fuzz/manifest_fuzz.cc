@@ -1,0 +1,74 @@
+// fuzz-sources: examples/scrub/manifest.cc examples/scrub/manifest_reader.cc examples/scrub/text.cc
+//
+// The manifest reader takes any text and either refuses it or has read exactly what the writer
+// would write. The codes of the lines would stop almost every input at its first line: so each
+// input is read as it is, and once more with the right code put before each of its lines.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "examples/scrub/manifest_reader.hpp"
+
+namespace {
+
+using namespace scrub;
+
+void put_line(std::string &manifest, LineCode &code, std::string_view text) {
+  char digits[16];
+  std::snprintf(digits, sizeof digits, "%08x ", code.next(text));
+  manifest.append(digits).append(text).append("\n");
+}
+
+std::string with_codes(std::string_view texts) {
+  std::string manifest;
+  LineCode code;
+  while (!texts.empty()) {
+    const std::string_view text = texts.substr(0, texts.find('\n'));
+    put_line(manifest, code, text);
+    texts.remove_prefix(std::min(texts.size(), text.size() + 1));
+  }
+  return manifest;
+}
+
+// What the reader got, written again.
+std::string read_and_write(int fd) {
+  std::string again;
+  LineCode code;
+  put_line(again, code, kManifestHeader);
+  ManifestReader reader(fd, "fuzz");
+  FileRecord file;
+  while (reader.next_file(file)) {
+    put_line(again, code, file_line(file));
+    Checksums block;
+    for (std::uint64_t number = 0; reader.next_block(block); ++number)
+      put_line(again, code, block_line(number, block));
+  }
+  put_line(again, code, end_line(reader.totals()));
+  return again;
+}
+
+void check(std::string_view manifest) {
+  static const int fd = memfd_create("manifest", MFD_CLOEXEC);
+  const bool placed =
+      ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 &&
+      pwrite(fd, manifest.data(), manifest.size(), 0) == static_cast<ssize_t>(manifest.size());
+  if (!placed) std::abort();
+  try {
+    if (read_and_write(fd) != manifest) std::abort();
+  } catch (const ManifestError &) {
+    return; // refused
+  }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char *>(data), size);
+  check(input);
+  check(with_codes(input));
+  return 0;
+}

@@ -1,0 +1,588 @@
+// test-runs: vorn-scrub
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gtest/gtest.h>
+#include <pty.h>
+#include <sstream>
+#include <sys/file.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <linux/capability.h>
+
+#include "support/scratch.hpp"
+#include "vorn_crc.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using scratch::read_file;
+using scratch::write_file;
+using Words = std::vector<std::string>;
+
+constexpr int kClean = 0;
+constexpr int kDamage = 1;
+constexpr int kCouldNotRun = 2;
+
+struct Outcome {
+  int status;
+  std::string text; // standard output and standard error
+};
+
+[[noreturn]] void become_scrub(const Words &arguments) {
+  Words words = arguments;
+  words.insert(words.begin(), VORN_TEST_PROGRAM);
+  if (*VORN_TEST_EMULATOR != '\0') words.insert(words.begin(), VORN_TEST_EMULATOR);
+  std::vector<char *> pointers;
+  for (std::string &word : words)
+    pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  execvp(pointers[0], pointers.data());
+  _exit(127);
+}
+
+Outcome finish(pid_t child, int output) {
+  Outcome outcome{-1, {}};
+  char buffer[4096];
+  ssize_t got = 0;
+  while ((got = read(output, buffer, sizeof buffer)) > 0)
+    outcome.text.append(buffer, static_cast<std::size_t>(got));
+  close(output);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
+  return outcome;
+}
+
+// Runs the program; first calls prepare in its process.
+Outcome scrub(
+    const Words &arguments, const std::function<void()> &prepare = [] {}) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return {-1, "no pipe"};
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    prepare();
+    become_scrub(arguments);
+  }
+  close(ends[1]);
+  return finish(child, ends[0]);
+}
+
+std::string pattern(std::size_t size) {
+  std::string content(size, '\0');
+  std::uint32_t state = 1;
+  for (char &c : content) {
+    state = state * 1664525 + 1013904223;
+    c = static_cast<char>(state >> 24);
+  }
+  return content;
+}
+
+void flip_byte(const std::string &path, std::size_t offset) {
+  std::string content = read_file(path);
+  content.at(offset) = static_cast<char>(content[offset] ^ 1);
+  write_file(path, content);
+}
+
+bool contains(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::size_t count(const std::string &text, const std::string &part) {
+  std::size_t found = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    ++found;
+  return found;
+}
+
+#define EXPECT_OUTCOME(outcome, wanted_status, wanted_text)                                        \
+  do {                                                                                             \
+    const Outcome &got = (outcome);                                                                \
+    EXPECT_EQ(got.status, wanted_status) << got.text;                                              \
+    EXPECT_TRUE(contains(got.text, wanted_text)) << "wanted: " << (wanted_text) << "\n"            \
+                                                 << got.text;                                      \
+  } while (false)
+
+// A tree and, inside it as by default, its manifest.
+class Scrub : public testing::Test {
+protected:
+  Scrub() { fs::create_directory(root()); }
+
+  std::string root() const { return scratch_ / "tree"; }
+  std::string file(const std::string &name) const { return root() + "/" + name; }
+  std::string manifest() const { return file(".vorn-scrub"); }
+  std::string unfinished() const { return file(".vorn-scrub.unfinished"); }
+
+  Outcome create() const { return scrub({"create", root()}); }
+  Outcome verify() const { return scrub({"verify", root()}); }
+
+  scratch::Directory scratch_;
+};
+
+TEST_F(Scrub, FindsAnUntouchedTreeClean) {
+  for (const std::size_t size : {0u, 1u, 511u, 512u, 513u, 4095u, 4096u, 4097u, 1048577u})
+    write_file(file("size/" + std::to_string(size)), pattern(size));
+  // In a walk the files of "a" come before "a-b", which comes before "a" where '/' is a mere byte.
+  for (const char *name : {"a/b/c", "a-b", "a.txt", "a0", "b c", "new\nline", "%41", "\x01\x7f",
+                           "\xC3\xBC", "\xFF", "-x", " ", "..."})
+    write_file(file(name), name);
+  symlink("a", file("link").c_str());
+  symlink("nowhere", file("a/dangling").c_str());
+  mkfifo(file("fifo").c_str(), 0600);
+
+  EXPECT_OUTCOME(create(), kClean, "22 read, 3 links and special files left out");
+  const Outcome verified = verify();
+  EXPECT_OUTCOME(verified, kClean, "CLEAN");
+  for (const char *part : {"22 read, 3 links", "MB/s", "SCRUB", "2 records in "})
+    EXPECT_TRUE(contains(verified.text, part)) << part << "\n" << verified.text;
+  EXPECT_FALSE(contains(verified.text, "\r"));
+  EXPECT_FALSE(fs::exists(unfinished()));
+}
+
+TEST_F(Scrub, RecordsThePublishedChecksums) {
+  write_file(file("odd name"), "123456789");
+  ASSERT_EQ(create().status, kClean);
+  const std::string text = read_file(manifest());
+  EXPECT_TRUE(contains(text, " odd%20name\n")) << text;
+  EXPECT_TRUE(contains(text, " block 0 e3069283 d0db\n")) << text;
+  EXPECT_TRUE(contains(text, " end files 1 blocks 1 bytes 9\n")) << text;
+}
+
+TEST_F(Scrub, NamesTheBlockAndTheSectorOfADamagedByte) {
+  const struct {
+    std::size_t size, offset;
+    const char *block, *sector;
+  } rows[] = {
+      {1, 0, "f: block 0 at offset 0,", "sector 0 at offset 0,"},
+      {513, 512, "f: block 0 at offset 0,", "sector 1 at offset 512,"},
+      {4096, 4095, "f: block 0 at offset 0,", "sector 7 at offset 3584,"},
+      {4097, 4096, "f: block 1 at offset 4096,", "sector 8 at offset 4096,"},
+      {20000, 12900, "f: block 3 at offset 12288,", "sector 25 at offset 12800,"},
+      {3000000, 2999999, "f: block 732 at offset 2998272,", "sector 5859 at offset 2999808,"},
+  };
+  for (const auto &row : rows) {
+    write_file(file("f"), pattern(row.size));
+    ASSERT_EQ(create().status, kClean);
+    flip_byte(file("f"), row.offset);
+    const Outcome outcome = verify();
+    EXPECT_OUTCOME(outcome, kDamage, row.block);
+    EXPECT_OUTCOME(outcome, kDamage, row.sector);
+    EXPECT_EQ(count(outcome.text, "DAMAGED"), 1u) << outcome.text;
+    EXPECT_EQ(count(outcome.text, "guard expected"), 1u) << outcome.text;
+  }
+}
+
+TEST_F(Scrub, ReportsEachDamagedBlockAndWhetherTheFileWasWrittenTo) {
+  write_file(file("rotten"), pattern(2000000));
+  write_file(file("edited"), pattern(5000));
+  struct stat before {};
+  ASSERT_EQ(stat(file("rotten").c_str(), &before), 0);
+  ASSERT_EQ(create().status, kClean);
+
+  for (const std::size_t offset : {0u, 513u, 40960u, 1999999u})
+    flip_byte(file("rotten"), offset);
+  const timespec times[] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, file("rotten").c_str(), times, 0), 0);
+  flip_byte(file("edited"), 4999);
+  ASSERT_EQ(truncate(file("edited").c_str(), 5000), 0);
+  const timespec later[] = {{2000000000, 0}, {2000000000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, file("edited").c_str(), later, 0), 0);
+
+  const Outcome outcome = verify();
+  EXPECT_OUTCOME(outcome, kDamage, "2 read, 2 damaged");
+  EXPECT_OUTCOME(outcome, kDamage, "4 damaged\n");
+  EXPECT_EQ(count(outcome.text, "DAMAGED     rotten: block"), 3u) << outcome.text;
+  EXPECT_EQ(count(outcome.text, "sector"), 5u) << outcome.text;
+  EXPECT_EQ(count(outcome.text, "silent damage"), 1u) << outcome.text;
+  EXPECT_EQ(count(outcome.text, "            written to since"), 1u) << outcome.text;
+  const std::string log = read_file(file(".vorn-scrub.log"));
+  EXPECT_TRUE(contains(log, "damaged: rotten, block 10, expected")) << log;
+}
+
+TEST_F(Scrub, ReportsSizeChanges) {
+  for (const char *name : {"cut", "cut-in-block", "grown"})
+    write_file(file(name), pattern(9000));
+  ASSERT_EQ(create().status, kClean);
+  fs::resize_file(file("cut"), 0);
+  fs::resize_file(file("cut-in-block"), 8999);
+  fs::resize_file(file("grown"), 9001);
+
+  const Outcome outcome = verify();
+  EXPECT_OUTCOME(outcome, kDamage, "SIZE        cut: expected 9000 bytes, found 0");
+  EXPECT_OUTCOME(outcome, kDamage, "SIZE        cut-in-block: expected 9000 bytes, found 8999");
+  EXPECT_OUTCOME(outcome, kDamage, "SIZE        grown: expected 9000 bytes, found 9001");
+  EXPECT_FALSE(contains(outcome.text, "block 2")) << "a block that is not whole was compared";
+}
+
+TEST_F(Scrub, ReportsMissingAndNewFiles) {
+  for (const char *name : {"a/gone", "a/kept", "becomes-fifo", "becomes-link", "becomes-directory"})
+    write_file(file(name), "x");
+  ASSERT_EQ(create().status, kClean);
+  write_file(file("a/added one"), "x");
+  EXPECT_OUTCOME(verify(), kClean, "NEW         a/added%20one\n");
+
+  for (const char *name : {"a/gone", "becomes-fifo", "becomes-link", "becomes-directory"})
+    fs::remove(file(name));
+  mkfifo(file("becomes-fifo").c_str(), 0600);
+  symlink("a/kept", file("becomes-link").c_str());
+  write_file(file("becomes-directory/inside"), "x");
+  const Outcome outcome = verify();
+  for (const char *line :
+       {"MISSING     a/gone\n", "MISSING     becomes-fifo\n", "MISSING     becomes-link\n",
+        "MISSING     becomes-directory\n", "NEW         becomes-directory/inside\n"})
+    EXPECT_OUTCOME(outcome, kDamage, line);
+  EXPECT_OUTCOME(outcome, kDamage, "1 read, 4 missing, 2 new");
+}
+
+// Root may read everything: what it takes is given up for good in the program's process.
+void give_up_reading() {
+  prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE);
+  prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH);
+}
+
+TEST_F(Scrub, SkipsWhatCannotBeRead) {
+  for (const char *name : {"closed-dir/inside", "closed-dir/inside2", "closed-file", "open"})
+    write_file(file(name), "x");
+  ASSERT_EQ(create().status, kClean);
+  chmod(file("closed-file").c_str(), 0);
+  chmod(file("closed-dir").c_str(), 0);
+
+  const Outcome verified = scrub({"verify", root()}, give_up_reading);
+  for (const char *line : {"SKIPPED     closed-dir: Permission denied\n",
+                           "UNREADABLE  closed-dir/inside: Permission denied\n",
+                           "UNREADABLE  closed-dir/inside2: Permission denied\n",
+                           "UNREADABLE  closed-file: Permission denied\n", "1 read, 3 unreadable"})
+    EXPECT_OUTCOME(verified, kDamage, line);
+
+  const Outcome created = scrub({"create", root()}, give_up_reading);
+  EXPECT_OUTCOME(created, kClean, "SKIPPED     closed-dir: Permission denied\n");
+  EXPECT_OUTCOME(created, kClean, "SKIPPED     closed-file: Permission denied\n");
+  EXPECT_OUTCOME(created, kClean, "1 read, 2 skipped");
+  chmod(file("closed-dir").c_str(), 0700);
+}
+
+TEST_F(Scrub, SkipsPathsThatAreTooLong) {
+  write_file(file("z"), "x");
+  int directory = open(root().c_str(), O_RDONLY | O_DIRECTORY);
+  const std::string name(250, 'd');
+  for (int depth = 0; depth < 17; ++depth) {
+    mkdirat(directory, name.c_str(), 0700);
+    const int inner = openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY);
+    close(openat(directory, "file", O_WRONLY | O_CREAT, 0600));
+    close(directory);
+    ASSERT_GE(inner, 0);
+    directory = inner;
+  }
+  close(directory);
+  EXPECT_OUTCOME(create(), kClean, "18 read, 1 skipped");
+  EXPECT_OUTCOME(verify(), kClean, "18 read, 1 skipped");
+}
+
+// A file that a thread of the test keeps changing.
+class Appender {
+public:
+  explicit Appender(const std::string &path)
+      : fd_(open(path.c_str(), O_WRONLY | O_APPEND)), thread_([this] {
+          while (!stop_ && write(fd_, "x", 1) == 1) {
+          }
+        }) {}
+  ~Appender() {
+    stop_ = true;
+    thread_.join();
+    close(fd_);
+  }
+
+private:
+  const int fd_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+TEST_F(Scrub, SkipsFilesThatChangeWhileTheyAreRead) {
+  write_file(file("a"), "before");
+  write_file(file("growing"), "");
+  write_file(file("z"), "behind");
+  fs::resize_file(file("growing"), 64 << 20);
+  {
+    const Appender appender(file("growing"));
+    EXPECT_OUTCOME(create(), kClean, "SKIPPED     growing: changed while it was read\n");
+  }
+  // All lines of its blocks have been taken back.
+  EXPECT_LT(fs::file_size(manifest()), 1000u);
+  EXPECT_OUTCOME(verify(), kClean, "2 read, 1 new");
+}
+
+Words lines_of(const std::string &text) {
+  Words lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);)
+    lines.push_back(line);
+  return lines;
+}
+
+std::string joined(const Words &lines) {
+  std::string text;
+  for (const std::string &line : lines)
+    text += line + "\n";
+  return text;
+}
+
+TEST_F(Scrub, RefusesAManifestThatWasCutOrEdited) {
+  write_file(file("a"), pattern(9000));
+  write_file(file("b"), pattern(10));
+  ASSERT_EQ(create().status, kClean);
+  const std::string whole = read_file(manifest());
+  const Words lines = lines_of(whole);
+  ASSERT_EQ(lines.size(), 8u); // title, a and its three blocks, b and its block, end
+
+  const auto expect_refusal = [&](const std::string &text, std::size_t line, const char *what) {
+    write_file(manifest(), text);
+    SCOPED_TRACE(what);
+    const Outcome outcome = verify();
+    EXPECT_OUTCOME(outcome, kCouldNotRun, "line " + std::to_string(line) + ": ");
+    EXPECT_FALSE(contains(outcome.text, "MISSING")) << outcome.text;
+  };
+
+  expect_refusal("", 1, "empty");
+  expect_refusal(std::string(100000, 'x'), 1, "one long line");
+  expect_refusal(whole + "x", 9, "a byte too many");
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    for (const std::size_t column : {0u, 7u, 8u, 10u}) {
+      Words edited = lines;
+      edited[i][column] = edited[i][column] == '1' ? '2' : '1';
+      expect_refusal(joined(edited), i + 1, "a character changed");
+    }
+    Words cut = lines;
+    cut.resize(i);
+    expect_refusal(joined(cut), i + 1, "cut before a line");
+    expect_refusal(joined(cut) + lines[i], i + 1, "cut before a newline");
+    Words removed = lines;
+    removed.erase(removed.begin() + static_cast<std::ptrdiff_t>(i));
+    expect_refusal(joined(removed), i + 1, "a line removed");
+    Words doubled = lines;
+    doubled.insert(doubled.begin() + static_cast<std::ptrdiff_t>(i), lines[i]);
+    expect_refusal(joined(doubled), i + 1 == lines.size() ? 9 : i + 2, "a line doubled");
+  }
+}
+
+// The manifest with these texts, each behind its code.
+std::string sealed(const Words &texts) {
+  std::string manifest;
+  std::uint32_t crc = 0xFFFFFFFF;
+  for (const std::string &text : texts) {
+    const std::string line = text + "\n";
+    crc = vorn_crc32cContinue(crc, line.data(), static_cast<std::uint32_t>(line.size()));
+    char code[16];
+    std::snprintf(code, sizeof code, "%08x ", vorn_crc32cEnd(crc));
+    manifest += code + line;
+  }
+  return manifest;
+}
+
+// Whoever edits a manifest may give it the right codes.
+TEST_F(Scrub, RefusesAManifestThatMakesNoSense) {
+  const std::string title = "vorn-scrub-manifest 1 block 4096 crc32c sector 512 crc16-t10dif";
+  const std::string file_a = "file 1 0.000000000 a";
+  const std::string block = "block 0 00000000 0000";
+  const std::string end = "end files 1 blocks 1 bytes 1";
+  const struct {
+    Words texts;
+    std::size_t line; // 0: not refused
+  } rows[] = {
+      {{title, file_a, block, end}, 0},
+      {{title, "end files 0 blocks 0 bytes 0"}, 0},
+      {{title, "file 1 -5.000000000 a", block, end}, 0},
+      {{"vorn-scrub-manifest 2 block 4096"}, 1},
+      {{"another text"}, 1},
+      {{title, file_a, block, file_a, block, end}, 4},
+      {{title, "file 1 0.000000000 b", block, file_a, block, end}, 4},
+      {{title, "file 01 0.000000000 a", block, end}, 2},
+      {{title, "file 1 0.00000000 a", block, end}, 2},
+      {{title, "file -1 0.000000000 a", block, end}, 2},
+      {{title, "file 99999999999999999999 0.000000000 a", block, end}, 2},
+      {{title, "file 1 0.000000000 ", block, end}, 2},
+      {{title, "file 1 0.000000000 /a", block, end}, 2},
+      {{title, "file 1 0.000000000 ../a", block, end}, 2},
+      {{title, "file 1 0.000000000 a/./b", block, end}, 2},
+      {{title, "file 1 0.000000000 a//b", block, end}, 2},
+      {{title, "file 1 0.000000000 a b", block, end}, 2},
+      {{title, "file 1 0.000000000 %61", block, end}, 2},
+      {{title, "file 1 0.000000000 a%0", block, end}, 2},
+      {{title, "file 1 0.000000000 a%00", block, end}, 2},
+      {{title, "file 1 0.000000000 " + std::string(4097, 'a'), block, end}, 2},
+      {{title, file_a, end}, 3},
+      {{title, file_a, "block 1 00000000 0000", end}, 3},
+      {{title, file_a, "block 0 0000000 0000", end}, 3},
+      {{title, file_a, "block 0 0000000A 0000", end}, 3},
+      {{title, file_a, "block 0 00000000", end}, 3},
+      {{title, file_a, "block 0 00000000 0000 0000", end}, 3},
+      {{title, file_a, block, block, end}, 4},
+      {{title, file_a, block, "end files 1 blocks 1 bytes 2"}, 4},
+      {{title, file_a, block, "end files 1 blocks 1 bytes 1 "}, 4},
+      {{title, file_a, block, end, end}, 5},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(joined(row.texts));
+    write_file(manifest(), sealed(row.texts));
+    const Outcome outcome = verify();
+    if (row.line == 0) {
+      EXPECT_NE(outcome.status, kCouldNotRun) << outcome.text;
+    } else {
+      EXPECT_OUTCOME(outcome, kCouldNotRun, "line " + std::to_string(row.line) + ": ");
+    }
+  }
+}
+
+// The old manifest of a small tree, and then a tree whose manifest has more than a megabyte.
+class NoRoom : public Scrub {
+protected:
+  void fill_tree() {
+    write_file(file("small"), "x");
+    ASSERT_EQ(create().status, kClean);
+    old_manifest_ = read_file(manifest());
+    write_file(file("sparse"), "");
+    fs::resize_file(file("sparse"), 128 << 20);
+  }
+
+  void expect_old_manifest() const {
+    EXPECT_EQ(read_file(manifest()), old_manifest_);
+    EXPECT_FALSE(fs::exists(unfinished()));
+  }
+
+  std::string old_manifest_;
+};
+
+TEST_F(NoRoom, OnTheDiskKeepsTheOldManifest) {
+  if (!scratch::cover_directory(root()) ||
+      mount("none", root().c_str(), "tmpfs", MS_REMOUNT, "size=1m") != 0)
+    GTEST_SKIP() << "this machine lets a test have no small disk";
+  ASSERT_NO_FATAL_FAILURE(fill_tree());
+  EXPECT_OUTCOME(create(), kCouldNotRun, "No space left on device");
+  expect_old_manifest();
+  umount2(root().c_str(), MNT_DETACH);
+}
+
+TEST_F(NoRoom, UnderTheFileSizeLimitKeepsTheOldManifest) {
+  ASSERT_NO_FATAL_FAILURE(fill_tree());
+  const Outcome outcome = scrub({"create", root()}, [] {
+    const rlimit limit{1 << 20, 1 << 20};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  });
+  EXPECT_OUTCOME(outcome, kCouldNotRun, "File too large");
+  expect_old_manifest();
+}
+
+TEST_F(Scrub, AnInterruptedRunKeepsTheOldManifest) {
+  write_file(file("small"), "x");
+  ASSERT_EQ(create().status, kClean);
+  const std::string old_manifest = read_file(manifest());
+  write_file(file("sparse"), "");
+  fs::resize_file(file("sparse"), std::uintmax_t{1} << 40);
+
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    become_scrub({"create", root()});
+  }
+  close(ends[1]);
+  while (!fs::exists(unfinished()))
+    usleep(1000);
+  kill(child, SIGINT);
+  EXPECT_OUTCOME(finish(child, ends[0]), kCouldNotRun, "interrupted");
+  EXPECT_EQ(read_file(manifest()), old_manifest);
+  EXPECT_FALSE(fs::exists(unfinished()));
+}
+
+TEST_F(Scrub, OneRunAtATimeWritesAManifest) {
+  write_file(file("a"), "x");
+  write_file(unfinished(), std::string(1000, 'x')); // a run that was killed
+  const int fd = open(unfinished().c_str(), O_RDONLY);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  EXPECT_OUTCOME(create(), kCouldNotRun, "another run is writing");
+  EXPECT_TRUE(fs::exists(unfinished()));
+  close(fd);
+  EXPECT_OUTCOME(create(), kClean, "1 read");
+  EXPECT_OUTCOME(verify(), kClean, "CLEAN");
+}
+
+TEST_F(Scrub, TakesNoFileOfItsOwnForData) {
+  write_file(file("m/sums.txt"), "of the user");
+  write_file(file("m/sums"), "an old manifest");
+  const Words places{"--manifest", file("m/sums"), "--log", file("logs"), root()};
+  fs::create_directory(file("logs"));
+  for (const char *command : {"create", "verify", "verify"}) {
+    Words words = places;
+    words.insert(words.begin(), command);
+    EXPECT_OUTCOME(scrub(words), kClean, "1 read");
+  }
+  EXPECT_TRUE(contains(read_file(file("logs/sums.log")), "verified: 1 files"));
+}
+
+TEST_F(Scrub, ReplacesNothingButAManifest) {
+  fs::create_directory(file("d"));
+  EXPECT_OUTCOME(scrub({"create", "--manifest", file("d"), root()}), kCouldNotRun,
+                 "no regular file");
+  EXPECT_OUTCOME(scrub({"create", root()},
+                       [this] {
+                         chmod(root().c_str(), 0555);
+                         give_up_reading();
+                       }),
+                 kCouldNotRun, "--manifest");
+  chmod(root().c_str(), 0755);
+  EXPECT_TRUE(fs::is_directory(file("d")));
+}
+
+TEST_F(Scrub, RefusesWrongCommandLines) {
+  const std::string missing = scratch_ / "missing";
+  const struct {
+    Words words;
+    int status;
+    std::string text;
+  } rows[] = {
+      {{}, kCouldNotRun, "the command is missing"},
+      {{"repair", root()}, kCouldNotRun, "not repair"},
+      {{"create"}, kCouldNotRun, "the directory is missing"},
+      {{"create", root(), "another"}, kCouldNotRun, "not also another"},
+      {{"create", root(), "--colour"}, kCouldNotRun, "no option --colour"},
+      {{"create", root(), "-q"}, kCouldNotRun, "no option -q"},
+      {{"create", root(), "--log"}, kCouldNotRun, "--log needs a value"},
+      {{"create", root(), "--manifest", root() + "/"}, kCouldNotRun, "names no file"},
+      {{"create", missing}, kCouldNotRun, "No such file or directory"},
+      {{"create", "--manifest", scratch_ / "m", missing}, kCouldNotRun, "cannot read directory"},
+      {{"verify", root()}, kCouldNotRun, "make one with create"},
+      {{"verify", "--manifest", root(), root()}, kCouldNotRun, "Is a directory"},
+      {{"--help"}, kClean, "Exit status:"},
+      {{"--version"}, kClean, "vorn-scrub "},
+  };
+  for (const auto &row : rows)
+    EXPECT_OUTCOME(scrub(row.words), row.status, row.text);
+  EXPECT_OUTCOME(
+      scrub({"create", root()}, [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); }),
+      kCouldNotRun, "cannot write to standard output");
+}
+
+TEST_F(Scrub, ShowsABarOnATerminal) {
+  write_file(file("a"), pattern(100000));
+  int terminal = -1;
+  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (child == 0) become_scrub({"create", root()});
+  const Outcome outcome = finish(child, terminal);
+  EXPECT_OUTCOME(outcome, kClean, "#] 100%  100.0 kB of 100.0 kB  1 file ");
+}
+
+} // namespace
