@@ -123,7 +123,7 @@ void run_threads(int count, void (*body)(int thread)) {
 } // namespace
 
 TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
-  setenv("TZ", "XXX-02:30", 1);
+  setenv("TZ", "NODE-02:30", 1);
   tzset();
   open_log();
   const std::time_t before = time(nullptr);
