@@ -144,7 +144,7 @@ int rename(const char *from, const char *to) {
 }
 
 TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
-  setenv("TZ", "XXX-02:30", 1);
+  setenv("TZ", "NODE-02:30", 1);
   tzset();
   open_log();
   const std::time_t before = time(nullptr);

@@ -8,6 +8,7 @@
 #include "vorn_crc.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_symbol.h"
 #include "vorn_time.h"
 
 namespace vorn::init {
@@ -41,6 +42,7 @@ int vorn_init_inner() {
     const int result = step.run();
     if (result != 0) return VORN_FAIL(result, "%s", step.failure);
   }
+  vorn_symbol_init();
   vorn_crc32_init();
   return 0;
 }
@@ -55,6 +57,7 @@ int start() {
 void stop() {
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy start.");
   pid_destroy_names();
+  vorn_symbol_fini();
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy end.");
 }
 
