@@ -14,7 +14,6 @@ namespace vorn::init {
 namespace {
 
 constexpr int kUnwinderDepth = 3;
-constexpr char kOwnName[] = "OSAX";
 
 constinit Once started{OncePolicy::kRetry};
 
@@ -37,7 +36,7 @@ int vorn_init_inner() {
   if (jiffies_usr_main() != 0) VORN_LOG(kError, "Get jiffies usr addr failed.");
   jiffies_Init();
   pid_init_names();
-  vorn_pid_set_name(kModuleId, kOwnName);
+  vorn_pid_set_name(kModuleId, VORN_MODULE_NAME);
   for (const Step &step : kSteps) {
     const int result = step.run();
     if (result != 0) return VORN_FAIL(result, "%s", step.failure);
