@@ -1,6 +1,6 @@
 /* Checksums: CRC-32C (Castagnoli, RFC 3720 appendix B.4) and CRC-16/T10-DIF (SCSI Block Commands,
- * the guard of a protected sector). Every function is pure, may be called from any thread and in a
- * signal handler, and never blocks. */
+ * the guard of a protected sector). Every function may be called from any thread and in a signal
+ * handler, and none blocks or keeps anything between two calls. */
 #ifndef VORN_CRC_H
 #define VORN_CRC_H
 

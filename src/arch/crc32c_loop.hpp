@@ -98,8 +98,11 @@ public:
   // The same in a single chain, for short inputs: inlined where they arrive.
   template <class Source> [[gnu::always_inline]] static std::uint32_t
   run_chain(Register crc, Source source, std::size_t length) {
-    for (; length >= 8 * kWord; length -= 8 * kWord)
-      crc = words<8>(crc, source);
+    if (length >= 8 * kWord) { // whose multiples, the most usual, need none of the rest
+      for (; length >= 8 * kWord; length -= 8 * kWord)
+        crc = words<8>(crc, source);
+      if (length == 0) return static_cast<std::uint32_t>(crc);
+    }
     for (; length >= 2 * kWord; length -= 2 * kWord)
       crc = words<2>(crc, source);
     if (length == 0) return static_cast<std::uint32_t>(crc);
