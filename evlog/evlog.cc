@@ -1,25 +1,86 @@
 #include "evlog.h"
-#include <cstdio>
-int evlog_init(const char *, const char *) { return 0; }
-int evlog_destroy() { return 0; }
-int evlog_level_check(unsigned int, int level) { return level <= EVLOG_INFO ? 0 : 1; }
-int evlog(unsigned int, int, const char *, unsigned int, const char *, unsigned int,
-          const char *format, ...) {
-  va_list args;
-  va_start(args, format);
-  vfprintf(stderr, format, args);
-  va_end(args);
+
+#include "guards.hpp"
+#include "modules.hpp"
+#include "output.hpp"
+#include "rate_limit.hpp"
+#include "raw.hpp"
+#include "record.hpp"
+
+namespace logging {
+
+namespace {
+
+void report_dropped(unsigned int module, unsigned long dropped, const Place &place) {
+  if (dropped == 0) return;
+  const KeepErrno errno_stays; // the record that follows may show it
+  write_record(module, EVLOG_WARNING, place,
+               "%lu records of group %d were dropped by the rate limit.", dropped,
+               group_of(module));
+}
+
+} // namespace
+
+} // namespace logging
+
+using namespace logging;
+
+int evlog_init(const char *program, const char *directory) {
+  const NoCancel not_cancelled;
+  return open_log_file(program, directory);
+}
+
+int evlog_destroy() {
+  const KeepErrno errno_stays;
+  const NoCancel not_cancelled;
+  close_log_file();
   return 0;
 }
-int evlog_vraw(const char *format, va_list args) { return vfprintf(stderr, format, args); }
+
+int evlog_level_check(unsigned int module, int level) {
+  return level <= module_level(module) ? 0 : 1;
+}
+
+int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
+          unsigned int, const char *format, ...) {
+  const KeepErrno errno_stays;
+  const NoCancel not_cancelled;
+  unsigned long dropped;
+  if (!admit_record(group_of(module), &dropped)) return 1;
+  report_dropped(module, dropped, {"evlog.c", __LINE__, __func__});
+
+  va_list args;
+  va_start(args, format);
+  const bool written = write_vrecord(module, level, {file, line, function}, format, args);
+  va_end(args);
+  return written ? 0 : -1;
+}
+
 int evlog_original(const char *format, ...) {
   va_list args;
   va_start(args, format);
-  int r = evlog_vraw(format, args);
+  const int written = write_raw(LineEnd::kAdded, format, args);
   va_end(args);
-  return r;
+  return written;
 }
-int evlog_get_group_id(unsigned int module) { return static_cast<int>(module / 16); }
-int evlog_loglevel_get(unsigned int) { return EVLOG_INFO; }
-int evlog_loglevel_set(unsigned int, int) { return 0; }
-int evlog_ratelimit_set(int, unsigned int, unsigned int) { return 0; }
+
+int evlog_vraw(const char *format, va_list args) {
+  return write_raw(LineEnd::kAsGiven, format, args);
+}
+
+int evlog_get_group_id(unsigned int module) { return group_of(module); }
+
+int evlog_loglevel_get(unsigned int module) { return module_level(module); }
+
+int evlog_loglevel_set(unsigned int module, int level) {
+  return set_module_level(module, level) ? 0 : -1;
+}
+
+int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms) {
+  const KeepErrno errno_stays;
+  const NoCancel not_cancelled;
+  unsigned long dropped;
+  if (!set_rate_limit(group, burst, interval_ms, &dropped)) return -1;
+  report_dropped(first_module_of(group), dropped, {"evlog.c", __LINE__, __func__});
+  return 0;
+}

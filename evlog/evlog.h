@@ -2,12 +2,23 @@
  * library of this name; the one built here is the default that takes its place where there is none.
  * Whatever is marked "default" below is how this one behaves, and nothing in Vorn depends on it.
  *
- * Records go, by default, to <directory>/<program>.log, which is rotated, and to standard error
- * when their level is EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the
- * console.
+ * Default. Records go to <directory>/<program>.log, and to standard error when their level is
+ * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A record is one
+ * line (a text may hold newlines of its own):
  *
- * Any thread may call any function. Only evlog_original, evlog_vraw and evlog_level_check may be
- * called in a signal handler. */
+ *   2024-05-06T07:08:09.123456+02:00 E 381 4711 vorn_init.c:120 vorn_Init: Vorn init failed.
+ *
+ * that is local time with its offset from UTC, level (C critical, E error, W warning, I information,
+ * D debug), module, kernel thread id, file:line, function and text. A file that reaches 8 MiB becomes
+ * <program>.log.1, the older ones .2 and .3, and a new one is begun. What a full disk refuses is
+ * lost. Where the directory does not permit the renaming, the file is let grow to 32 MiB and then
+ * emptied. The library holds one descriptor, made by the first evlog_init and kept until the process
+ * ends: a process that closes descriptors it does not know does so before that.
+ *
+ * Any thread may call any function, and none is a cancellation point. evlog_level_check,
+ * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of fork()
+ * may go on calling all of them, and shares the file with its parent; therefore fork() is not to be
+ * called in a signal handler (_Fork() and vfork() are). */
 #ifndef EVLOG_H
 #define EVLOG_H
 
@@ -26,32 +37,35 @@
 extern "C" {
 #endif
 
-/* Opens the log file program + ".log" in directory (made if missing, one level). Default: the file
- * is rotated at 8 MiB and three old files are kept; program NULL is the process's own name,
- * directory NULL the working directory. A second call moves the log to the new place. Returns 0, or
- * -1 with errno when the file cannot be opened; records then go on as before the call. May block on
- * the file system. */
+/* Opens the log file program + ".log" in directory (made if missing, one level). Default: program
+ * NULL is the process's own name, directory NULL the working directory; a directory that is given
+ * relative stays the same when the process changes its working directory. A second call moves the
+ * log to the new place. Returns 0, or -1 with errno when the file cannot be opened (EINVAL for a
+ * program that is empty or holds a slash); records then go on as before the call. May block on the
+ * file system. */
 EVLOG_API int evlog_init(const char *program, const char *directory);
 
-/* Writes out and closes the log file; later records go to the console alone. Returns 0. */
+/* Closes the log file; later records go to the console alone. Returns 0. */
 EVLOG_API int evlog_destroy(void);
 
-/* 0 when a record of module at level is wanted, else non-zero. Default: one load; a module above
- * 1023 is taken as module 0. Signal-safe. */
+/* 0 when a record of module at level is wanted, else non-zero. Default: one load. Signal-safe. */
 EVLOG_API int evlog_level_check(unsigned int module, int level);
 
 /* Writes a record without checking its level: callers ask evlog_level_check first. file is the base
- * name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when the
- * record was not written (default: 1 when the group's rate limit dropped it, -1 when it could not
- * be formatted). May block on the file system. */
+ * name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when there
+ * is no such record. Default: place and text take at most 4095 bytes and are cut there, a newline at
+ * their end is dropped, a NULL file, function or format is shown as such, and errno is kept; the
+ * result is 1 when the group's rate limit dropped the record, -1 when it could not be formatted. May
+ * block on the file system and the console. */
 EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned int line,
                     const char *function, unsigned int flags, const char *format, ...)
     EVLOG_PRINTF(7, 8);
 
 /* Writes a text that has neither module, level nor position. Default: at most 1023 bytes, cut
- * there, in one write to the log file (standard error where there is none); a newline is added
- * where the text does not end in one. Neither locks nor allocates, keeps errno: signal-safe.
- * Returns the number of bytes written, or -1. */
+ * there, to the log file (standard error where there is none or it fails) in one write; a newline is
+ * added where the text does not end in one. Neither locks nor allocates, keeps errno: signal-safe,
+ * as long as no width or precision in the format exceeds 500 and no conversion takes wide
+ * characters. Returns the number of bytes written, or -1. */
 EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 
 /* The same with the values as a va_list, and nothing added to the text. */
@@ -61,18 +75,19 @@ EVLOG_API int evlog_vraw(const char *format, va_list args) EVLOG_PRINTF(1, 0);
  * 1023; a module above that is in group 0. */
 EVLOG_API int evlog_get_group_id(unsigned int module);
 
-/* The level of a module: it and the more urgent ones are wanted. Default: EVLOG_INFO at the start;
- * -1 for a module above 1023. */
+/* The level of a module: it and the more urgent ones are wanted. Default: EVLOG_INFO at the start,
+ * and always for a module above 1023. */
 EVLOG_API int evlog_loglevel_get(unsigned int module);
 
 /* Sets the level of a module. Returns 0; default: -1 for a module above 1023 or a level outside 0
  * to 7. */
 EVLOG_API int evlog_loglevel_set(unsigned int module, int level);
 
-/* Limits the records of a group. Default: at most burst records in each interval of interval_ms
- * milliseconds, the dropped ones counted in one record when the next interval begins; either 0
- * lifts the limit, which is the state at the start. Returns 0, or -1 for a group that does not
- * exist. */
+/* Limits the records of a group. Default: at most burst records in an interval of interval_ms
+ * milliseconds, which begins with a record; either 0 lifts the limit, which is the state at the
+ * start. The dropped ones are counted in one warning record, "%lu records of group %d were dropped
+ * by the rate limit.", ahead of the record that begins the next interval, or at once when the limit
+ * is set anew. Returns 0, or -1 for a group that does not exist. */
 EVLOG_API int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms);
 
 #ifdef __cplusplus

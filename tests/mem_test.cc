@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <latch>
 #include <string>
 #include <sys/mman.h>
 #include <thread>
@@ -134,9 +135,11 @@ TEST(Mem, TableIsAskedForUntilItIsThere) {
 }
 
 TEST(Mem, CountsFromManyThreadsLoseNothing) {
+  std::latch start{4};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([] {
+    threads.emplace_back([&start] {
+      start.arrive_and_wait();
       for (int i = 0; i < 2000; ++i) {
         void *block = vorn_malloc(4, 32);
         vorn_free(block);

@@ -75,25 +75,17 @@ inline constexpr std::uint8_t kCrc16Head[32] = {
 //   reduce()                  the checksum
 template <class Vector> class Crc16Loop {
 public:
-  // The register carried on over length bytes, Vector::kBytes at least.
-  static std::uint16_t run(std::uint16_t crc, const std::uint8_t *data, std::size_t length) {
+  // The register carried on over length bytes, Vector::kBytes at least. What handles short inputs
+  // is inlined where they arrive, what handles long ones is not, so that the short save no
+  // registers.
+  [[gnu::always_inline]] static std::uint16_t run(std::uint16_t crc, const std::uint8_t *data,
+                                                  std::size_t length) {
+    if (length == kCrc16Sector) return sector(crc, data);
     const std::size_t odd = length % kBytes;
     const Vector before = odd != 0 ? Vector::head(crc, data, odd) : Vector::start(crc);
     const std::size_t vectors = length / kBytes;
-    data += odd;
-    if (vectors < kUnderWay) return few(before, data, vectors);
-
-    const std::size_t rest = vectors % kUnderWay;
-    const std::uint8_t *end = data + (vectors - rest) * kBytes;
-    return many(before, data, end, rest);
-  }
-
-  // The same for exactly kCrc16Sector bytes: without a loop.
-  static std::uint16_t sector(std::uint16_t crc, const std::uint8_t *data) {
-    Lanes lanes = begin(Vector::start(crc), data);
-    each([&](auto block) { advance(lanes, data + (block + 1) * kBlock); },
-         std::make_index_sequence<kCrc16Sector / kBlock - 1>());
-    return gather(lanes, 0).reduce();
+    if (vectors >= kUnderWay) return many(before, data + odd, vectors);
+    return few(before, data + odd, vectors);
   }
 
 private:
@@ -102,42 +94,48 @@ private:
   static constexpr std::size_t kBlock = kUnderWay * kBytes;
   static constexpr std::size_t kAhead = 1024; // bytes from the data in use to the data prefetched
 
+  // Vectors under way. What handles them is always inlined: they stay in registers.
   using Lanes = std::array<Vector, kUnderWay>;
 
   // Entry n folds over n vectors.
-  static constexpr std::array<Crc16Fold, 2 * kUnderWay> kFolds = [] {
+  static constexpr std::array<Crc16Fold, 2 *kUnderWay> kFolds = [] {
     std::array<Crc16Fold, 2 * kUnderWay> folds{};
-    for (unsigned int n = 0; n < folds.size(); ++n) folds[n] = crc16_fold(kBytes * n);
+    for (unsigned int n = 0; n < folds.size(); ++n)
+      folds[n] = crc16_fold(kBytes * n);
     return folds;
   }();
 
-  template <class Do, std::size_t... kIndex>
-  static void each(Do &&what, std::index_sequence<kIndex...>) {
-    (what(std::integral_constant<std::size_t, kIndex>{}), ...);
-  }
-  template <class Do> static void each(Do &&what) {
-    each(what, std::make_index_sequence<kUnderWay>());
+  // Calls what with 0 to kCount - 1, each a constant.
+  template <std::size_t kCount, class Do> [[gnu::always_inline]] static void each(Do what) {
+    const auto calls = [&]<std::size_t... kIndex>(std::index_sequence<kIndex...>)
+        __attribute__((always_inline)) {
+      (what(std::integral_constant<std::size_t, kIndex>{}), ...);
+    };
+    calls(std::make_index_sequence<kCount>());
   }
 
-  static Lanes begin(Vector before, const std::uint8_t *data) {
+  [[gnu::always_inline]] static Lanes begin(Vector before, const std::uint8_t *data) {
     Lanes lanes;
-    each([&](auto i) { lanes[i] = Vector::load(data + i * kBytes); });
+    each<kUnderWay>([&](auto i) __attribute__((always_inline)) {
+      lanes[i] = Vector::load(data + i * kBytes);
+    });
     lanes[0] = lanes[0] ^ before;
     return lanes;
   }
 
-  static void advance(Lanes &lanes, const std::uint8_t *data) {
-    each([&](auto i) {
+  [[gnu::always_inline]] static void advance(Lanes &lanes, const std::uint8_t *data) {
+    each<kUnderWay>([&](auto i) __attribute__((always_inline)) {
       lanes[i] = fold(lanes[i], kFolds[kUnderWay]) ^ Vector::load(data + i * kBytes);
     });
   }
 
   // All lanes folded onto the vector that lies behind vectors after the last of them.
-  static Vector gather(const Lanes &lanes, std::size_t behind) {
+  [[gnu::always_inline]] static Vector gather(const Lanes &lanes, std::size_t behind) {
     Vector sum = lanes[kUnderWay - 1];
     if (behind != 0) sum = fold(sum, kFolds[behind]);
-    each([&](auto i) { sum = sum ^ fold(lanes[i], kFolds[kUnderWay - 1 - i + behind]); },
-         std::make_index_sequence<kUnderWay - 1>());
+    each<kUnderWay - 1>([&](auto i) __attribute__((always_inline)) {
+      sum = sum ^ fold(lanes[i], kFolds[kUnderWay - 1 - i + behind]);
+    });
     return sum;
   }
 
@@ -150,13 +148,16 @@ private:
     return sum ^ Vector::load(data);
   }
 
-  static std::uint16_t few(Vector before, const std::uint8_t *data, std::size_t vectors) {
+  [[gnu::always_inline]] static std::uint16_t few(Vector before, const std::uint8_t *data,
+                                                  std::size_t vectors) {
     if (vectors > 1) before = fold(before, kFolds[vectors - 1]);
     return finish(before, data, vectors).reduce();
   }
 
-  static std::uint16_t many(Vector before, const std::uint8_t *data, const std::uint8_t *end,
-                            std::size_t rest) {
+  [[gnu::noinline]] static std::uint16_t many(Vector before, const std::uint8_t *data,
+                                              std::size_t vectors) {
+    const std::size_t rest = vectors % kUnderWay;
+    const std::uint8_t *end = data + (vectors - rest) * kBytes;
     Lanes lanes = begin(before, data);
     while ((data += kBlock) != end) {
       for (std::size_t line = 0; line < kBlock; line += 64) {
@@ -167,6 +168,15 @@ private:
     Vector sum = gather(lanes, rest);
     if (rest != 0) sum = finish(sum, end, rest);
     return sum.reduce();
+  }
+
+  // Exactly kCrc16Sector bytes: without a loop.
+  [[gnu::noinline]] static std::uint16_t sector(std::uint16_t crc, const std::uint8_t *data) {
+    Lanes lanes = begin(Vector::start(crc), data);
+    each<kCrc16Sector / kBlock - 1>([&](auto block) __attribute__((always_inline)) {
+      advance(lanes, data + (block + 1) * kBlock);
+    });
+    return gather(lanes, 0).reduce();
   }
 };
 

@@ -1,5 +1,5 @@
 // CRC-32C by instruction, for every processor that has one. A step waits for the step before it,
-// for three cycles or so, while the processor could begin one in each: so long inputs are cut into
+// for two or three cycles, while the processor could begin one in each: so long inputs are cut into
 // three lanes of whole words that run side by side, and are then joined.
 //
 // Joining: with the registers a, b and c of three lanes of n words each, the register of the whole
@@ -7,10 +7,11 @@
 // reflected 32-bit values gives their product times x, reflected, in 64 bits; a step over that as
 // if it were data multiplies it by x^32 and reduces it. So with the constant x^(64 d - 33), one
 // multiplication and a step carry a register over d words; and the step over the last word of the
-// third lane serves for both products, which are added to that word first.
+// third lane serves for all that is carried, which is added to that word first.
 #ifndef VORN_ARCH_CRC32C_LOOP_HPP
 #define VORN_ARCH_CRC32C_LOOP_HPP
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -27,15 +28,18 @@ inline constexpr std::size_t kMaxLane = 256;
 inline constexpr std::size_t kMinLanes = 192;
 
 // Entry d carries a register over d words.
-consteval std::array<std::uint32_t, 2 * kMaxLane + 1> crc32c_carries() {
-  std::array<std::uint32_t, 2 * kMaxLane + 1> carries{};
+consteval std::array<std::uint32_t, 3 * kMaxLane + 1> crc32c_carries() {
+  std::array<std::uint32_t, 3 * kMaxLane + 1> carries{};
   std::uint32_t value = crc32c_power(64 - 33);
   for (std::size_t words = 1; words < carries.size(); ++words) {
     carries[words] = value;
-    for (int bit = 0; bit < 64; ++bit) value = crc32c_times_x(value);
+    for (int bit = 0; bit < 64; ++bit)
+      value = crc32c_times_x(value);
   }
   return carries;
 }
+
+inline constexpr std::array<std::uint32_t, 3 *kMaxLane + 1> kCrc32cCarries = crc32c_carries();
 
 // Step is the processor's part, and a type of the including file's own, so that no code compiled
 // for special instructions is shared with another file:
@@ -46,6 +50,8 @@ template <class Step> class Crc32cLoop {
   using Register = typename Step::Register;
 
 public:
+  static constexpr std::size_t kWord = sizeof(std::uint64_t);
+
   // Where words come from: from memory,
   struct Reader {
     const std::uint8_t *from;
@@ -75,64 +81,107 @@ public:
     }
   };
 
-  template <class Source>
-  static std::uint32_t run(std::uint32_t crc, Source source, std::size_t length) {
-    Register value = crc;
-    while (length >= kMinLanes) {
-      const std::size_t words = length / (3 * kWord) < kMaxLane ? length / (3 * kWord) : kMaxLane;
-      value = lanes(value, source, words);
-      length -= 3 * kWord * words;
-    }
-    for (; length >= 8 * kWord; length -= 8 * kWord) {
-      value = words<8>(value, source);
-    }
-    for (; length >= 2 * kWord; length -= 2 * kWord) {
-      value = words<2>(value, source);
-    }
-    if ((length & 8) != 0) value = one<std::uint64_t>(value, source);
-    if ((length & 4) != 0) value = one<std::uint32_t>(value, source);
-    if ((length & 2) != 0) value = one<std::uint16_t>(value, source);
-    if ((length & 1) != 0) value = one<std::uint8_t>(value, source);
-    return static_cast<std::uint32_t>(value);
+  static Reader reader(const void *from) { return {static_cast<const std::uint8_t *>(from)}; }
+  static Copier copier(void *to, const void *from) {
+    return {static_cast<const std::uint8_t *>(from), static_cast<std::uint8_t *>(to)};
   }
 
-private:
-  static constexpr std::size_t kWord = sizeof(std::uint64_t);
-  static constexpr std::array<std::uint32_t, 2 * kMaxLane + 1> kCarries = crc32c_carries();
+  // The register carried on over length bytes.
+  template <class Source>
+  [[gnu::always_inline]] static std::uint32_t run(Register crc, Source source, std::size_t length) {
+    if (length >= kMinLanes) [[unlikely]]
+      return run_lanes(crc, source, length);
+    return run_chain(crc, source, length);
+  }
 
-  template <class Word, class Source> static Register one(Register value, Source &source) {
-    value = Step::add(value, source.template take<Word>(0));
+  // The same in a single chain, for short inputs: inlined where they arrive.
+  template <class Source> [[gnu::always_inline]] static std::uint32_t
+  run_chain(Register crc, Source source, std::size_t length) {
+    for (; length >= 8 * kWord; length -= 8 * kWord)
+      crc = words<8>(crc, source);
+    for (; length >= 2 * kWord; length -= 2 * kWord)
+      crc = words<2>(crc, source);
+    if (length == 0) return static_cast<std::uint32_t>(crc);
+    if ((length & 8) != 0) crc = one<std::uint64_t>(crc, source);
+    if ((length & 4) != 0) crc = one<std::uint32_t>(crc, source);
+    if ((length & 2) != 0) crc = one<std::uint16_t>(crc, source);
+    if ((length & 1) != 0) crc = one<std::uint8_t>(crc, source);
+    return static_cast<std::uint32_t>(crc);
+  }
+
+  // The same in lanes, for long ones: a function of its own, so that the short save no registers.
+  template <class Source> [[gnu::noinline]] static std::uint32_t
+  run_lanes(Register crc, Source source, std::size_t length) {
+    while (length >= kMinLanes) {
+      const std::size_t words = std::min(length / (3 * kWord), kMaxLane);
+      Lanes lanes{crc, words};
+      while (lanes.left() > 1)
+        lanes.step(source);
+      crc = lanes.join(source, 0);
+      length -= 3 * kWord * words;
+    }
+    return run_chain(crc, source, length);
+  }
+
+  // Calls what kTimes times, without a loop.
+  template <std::size_t kTimes, class Do> [[gnu::always_inline]] static void repeat(Do what) {
+    if constexpr (kTimes > 0) {
+      what();
+      repeat<kTimes - 1>(what);
+    }
+  }
+
+  // Three lanes of words, the first of which lies at the source.
+  class Lanes {
+  public:
+    Lanes(Register crc, std::size_t words) : first_(crc), words_(words), left_(words) {}
+
+    std::size_t left() const { return left_; }
+
+    template <class Source> [[gnu::always_inline]] void step(Source &source) {
+      step_first_two(source);
+      third_ = Step::add(third_, source.template take<std::uint64_t>(2 * kWord * words_));
+      source.skip(kWord);
+      --left_;
+    }
+
+    // The last step of each, and the register of all three, with what else is carried to there.
+    // Leaves source behind the third lane.
+    template <class Source>
+    [[gnu::always_inline]] Register join(Source &source, std::uint64_t carried) {
+      step_first_two(source);
+      carried ^= Step::multiply(first_, kCrc32cCarries[2 * words_]);
+      carried ^= Step::multiply(second_, kCrc32cCarries[words_]);
+      const auto last = source.template take<std::uint64_t>(2 * kWord * words_);
+      source.skip(2 * kWord * words_ + kWord);
+      return Step::add(third_, last ^ carried);
+    }
+
+  private:
+    template <class Source> [[gnu::always_inline]] void step_first_two(const Source &source) {
+      first_ = Step::add(first_, source.template take<std::uint64_t>(0));
+      second_ = Step::add(second_, source.template take<std::uint64_t>(kWord * words_));
+    }
+
+    Register first_;
+    Register second_ = 0;
+    Register third_ = 0;
+    std::size_t words_;
+    std::size_t left_;
+  };
+
+private:
+  template <class Word, class Source>
+  [[gnu::always_inline]] static Register one(Register crc, Source &source) {
+    crc = Step::add(crc, source.template take<Word>(0));
     source.skip(sizeof(Word));
-    return value;
+    return crc;
   }
 
   template <std::size_t kCount, class Source>
-  static Register words(Register value, Source &source) {
-    for (std::size_t at = 0; at < kCount * kWord; at += kWord) {
-      value = Step::add(value, source.template take<std::uint64_t>(at));
-    }
-    source.skip(kCount * kWord);
-    return value;
-  }
-
-  template <class Source>
-  static Register lanes(Register first, Source &source, std::size_t words) {
-    const std::size_t lane = words * kWord;
-    Register second = 0;
-    Register third = 0;
-    std::size_t at = 0;
-    for (; at < lane - kWord; at += kWord) {
-      first = Step::add(first, source.template take<std::uint64_t>(at));
-      second = Step::add(second, source.template take<std::uint64_t>(lane + at));
-      third = Step::add(third, source.template take<std::uint64_t>(2 * lane + at));
-    }
-    first = Step::add(first, source.template take<std::uint64_t>(at));
-    second = Step::add(second, source.template take<std::uint64_t>(lane + at));
-    const std::uint64_t carried = Step::multiply(first, kCarries[2 * words]) ^
-                                  Step::multiply(second, kCarries[words]);
-    third = Step::add(third, source.template take<std::uint64_t>(2 * lane + at) ^ carried);
-    source.skip(3 * lane);
-    return third;
+  [[gnu::always_inline]] static Register words(Register crc, Source &source) {
+    repeat<kCount>([&] { crc = one<std::uint64_t>(crc, source); });
+    return crc;
   }
 };
 

@@ -24,13 +24,15 @@ constexpr std::uint32_t crc16_times_x(std::uint32_t value) {
 // x^exponent modulo the polynomial, in the bit order of that polynomial.
 constexpr std::uint32_t crc32c_power(unsigned int exponent) {
   std::uint32_t value = 0x80000000;
-  for (; exponent > 0; --exponent) value = crc32c_times_x(value);
+  for (; exponent > 0; --exponent)
+    value = crc32c_times_x(value);
   return value;
 }
 
 constexpr std::uint32_t crc16_power(unsigned int exponent) {
   std::uint32_t value = 1;
-  for (; exponent > 0; --exponent) value = crc16_times_x(value);
+  for (; exponent > 0; --exponent)
+    value = crc16_times_x(value);
   return value;
 }
 

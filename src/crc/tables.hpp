@@ -13,7 +13,8 @@ consteval std::array<std::uint32_t, 256> crc32c_table() {
   std::array<std::uint32_t, 256> table{};
   for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
     std::uint32_t value = byte;
-    for (int bit = 0; bit < 8; ++bit) value = arch::crc32c_times_x(value);
+    for (int bit = 0; bit < 8; ++bit)
+      value = arch::crc32c_times_x(value);
     table[byte] = value;
   }
   return table;
@@ -23,7 +24,8 @@ consteval std::array<std::uint16_t, 256> crc16_table() {
   std::array<std::uint16_t, 256> table{};
   for (std::uint32_t byte = 0; byte < table.size(); ++byte) {
     std::uint32_t value = byte << 8;
-    for (int bit = 0; bit < 8; ++bit) value = arch::crc16_times_x(value);
+    for (int bit = 0; bit < 8; ++bit)
+      value = arch::crc16_times_x(value);
     table[byte] = static_cast<std::uint16_t>(value);
   }
   return table;

@@ -13,7 +13,7 @@ using Continue = std::uint32_t (*)(std::uint32_t crc, const void *data, std::uin
 constexpr std::uint32_t kStart = 0xFFFFFFFF;
 
 // Longer inputs of CRC-16 are worth the set-up of the kernel.
-constexpr std::uint64_t kCrc16TableMax = 16;
+constexpr std::uint64_t kCrc16TableMax = 15;
 
 std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length);
 
@@ -62,18 +62,19 @@ std::uint16_t crc16_by_table(std::uint16_t crc, const void *data, std::size_t le
 
 using namespace vorn;
 
-void vorn_crc32_init() {
-  crc::dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed);
-}
+void vorn_crc32_init() { crc::dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed); }
 
 uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length) {
-  if (data == nullptr || length == 0) return crc;
+  if (data == nullptr || length == 0) [[unlikely]]
+    return crc;
   return crc::dispatch.load(std::memory_order_relaxed)(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length) {
-  if (crc::is_negative(length)) return crc;
-  if (!arch::has_crc32c()) return crc::crc32c_by_table(crc, data, length);
+  if (crc::is_negative(length)) [[unlikely]]
+    return crc;
+  if (!arch::has_crc32c()) [[unlikely]]
+    return crc::crc32c_by_table(crc, data, length);
   return arch::crc32c(crc, data, length);
 }
 
@@ -82,8 +83,10 @@ uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length
 }
 
 uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length, const void *src) {
-  if (crc::is_negative(length)) return crc;
-  if (!arch::has_crc32c()) return crc::crc32c_copy_by_table(crc, dst, src, length);
+  if (crc::is_negative(length)) [[unlikely]]
+    return crc;
+  if (!arch::has_crc32c()) [[unlikely]]
+    return crc::crc32c_copy_by_table(crc, dst, src, length);
   return arch::crc32c_copy(crc, dst, src, length);
 }
 
@@ -103,12 +106,13 @@ uint32_t vorn_crc32c_soft(const void *data, uint32_t length) {
 }
 
 uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
-  if (data == nullptr || length == 0) return crc;
+  if (data == nullptr || length == 0) [[unlikely]]
+    return crc;
   return crc16_t10dif(crc, data, length);
 }
 
 uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length) {
-  if (length <= crc::kCrc16TableMax || !arch::has_crc16()) {
+  if (length <= crc::kCrc16TableMax || !arch::has_crc16()) [[unlikely]] {
     return crc::crc16_by_table(crc, data, length);
   }
   return arch::crc16(crc, data, length);

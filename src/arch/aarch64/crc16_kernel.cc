@@ -1,4 +1,4 @@
-#include "arch/crc.hpp"
+#include "arch/aarch64/crc.hpp"
 
 #include <arm_neon.h>
 
@@ -57,9 +57,7 @@ struct Vector16 {
 } // namespace
 
 std::uint16_t crc16(std::uint16_t crc, const void *data, std::size_t length) {
-  using Loop = Crc16Loop<Vector16>;
-  const auto *at = static_cast<const std::uint8_t *>(data);
-  return length == kCrc16Sector ? Loop::sector(crc, at) : Loop::run(crc, at, length);
+  return Crc16Loop<Vector16>::run(crc, static_cast<const std::uint8_t *>(data), length);
 }
 
 } // namespace vorn::arch

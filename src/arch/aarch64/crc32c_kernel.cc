@@ -1,4 +1,4 @@
-#include "arch/crc.hpp"
+#include "arch/aarch64/crc.hpp"
 
 #include <arm_acle.h>
 #include <arm_neon.h>
@@ -25,14 +25,11 @@ using Loop = Crc32cLoop<Step>;
 } // namespace
 
 std::uint32_t crc32c(std::uint32_t crc, const void *data, std::size_t length) {
-  return Loop::run(crc, Loop::Reader{static_cast<const std::uint8_t *>(data)}, length);
+  return Loop::run(crc, Loop::reader(data), length);
 }
 
 std::uint32_t crc32c_copy(std::uint32_t crc, void *to, const void *from, std::size_t length) {
-  return Loop::run(
-      crc,
-      Loop::Copier{static_cast<const std::uint8_t *>(from), static_cast<std::uint8_t *>(to)},
-      length);
+  return Loop::run(crc, Loop::copier(to, from), length);
 }
 
 } // namespace vorn::arch

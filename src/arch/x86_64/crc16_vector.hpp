@@ -18,9 +18,7 @@ struct Vector16 {
   static constexpr std::size_t kBytes = 16;
   __m128i value;
 
-  static __m128i bytes(const void *at) {
-    return _mm_loadu_si128(static_cast<const __m128i *>(at));
-  }
+  static __m128i bytes(const void *at) { return _mm_loadu_si128(static_cast<const __m128i *>(at)); }
   static __m128i words(std::uint64_t low, std::uint64_t high) {
     return _mm_set_epi64x(static_cast<long long>(high), static_cast<long long>(low));
   }

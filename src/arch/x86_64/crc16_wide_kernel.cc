@@ -1,4 +1,4 @@
-#include "arch/crc.hpp"
+#include "arch/x86_64/crc.hpp"
 
 #include <immintrin.h>
 
@@ -15,7 +15,8 @@ struct Vector32 {
   static __m256i twice(__m128i value) { return _mm256_broadcastsi128_si256(value); }
 
   static Vector32 load(const std::uint8_t *data) {
-    const __m256i bytes = _mm256_loadu_si256(static_cast<const __m256i *>(static_cast<const void *>(data)));
+    const __m256i bytes =
+        _mm256_loadu_si256(static_cast<const __m256i *>(static_cast<const void *>(data)));
     return {_mm256_shuffle_epi8(bytes, twice(Vector16::bytes(kCrc16Head)))};
   }
 
@@ -32,9 +33,7 @@ struct Vector32 {
     return {_mm256_zextsi128_si256(sum.value)};
   }
 
-  friend Vector32 operator^(Vector32 a, Vector32 b) {
-    return {_mm256_xor_si256(a.value, b.value)};
-  }
+  friend Vector32 operator^(Vector32 a, Vector32 b) { return {_mm256_xor_si256(a.value, b.value)}; }
 
   friend Vector32 fold(Vector32 vector, const Crc16Fold &by) {
     const __m256i factors = twice(Vector16::words(by.low, by.high));
@@ -52,9 +51,7 @@ struct Vector32 {
 } // namespace
 
 std::uint16_t crc16_wide(std::uint16_t crc, const void *data, std::size_t length) {
-  using Loop = Crc16Loop<Vector32>;
-  const auto *at = static_cast<const std::uint8_t *>(data);
-  return length == kCrc16Sector ? Loop::sector(crc, at) : Loop::run(crc, at, length);
+  return Crc16Loop<Vector32>::run(crc, static_cast<const std::uint8_t *>(data), length);
 }
 
 } // namespace vorn::arch

@@ -1,20 +1,17 @@
-#include "arch/crc.hpp"
+#include "arch/x86_64/crc.hpp"
 
 namespace vorn::arch {
 namespace {
 
-CrcProbe ask() {
+CrcProbe probe() {
   __builtin_cpu_init();
-  const bool multiplies = __builtin_cpu_supports("pclmul");
-  const bool sse = __builtin_cpu_supports("sse4.2");
+  const bool narrow = __builtin_cpu_supports("sse4.2") && __builtin_cpu_supports("pclmul");
   const bool wide = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("vpclmulqdq");
-  return {.crc32c = sse && multiplies,
-          .crc16 = sse && multiplies,
-          .crc16_wide = sse && multiplies && wide};
+  return {.narrow = narrow, .wide = narrow && wide};
 }
 
 } // namespace
 
-const CrcProbe crc_probe = ask();
+const CrcProbe crc_probe = probe();
 
 } // namespace vorn::arch

@@ -1,5 +1,6 @@
 # Special instructions are compiled into their kernel's file alone, which runs after a probe.
-set_source_files_properties(arch/x86_64/crc32c_kernel.cc PROPERTIES COMPILE_OPTIONS "-msse4.2;-mpclmul")
-set_source_files_properties(arch/x86_64/crc16_kernel.cc PROPERTIES COMPILE_OPTIONS "-msse4.1;-mpclmul")
-set_source_files_properties(arch/x86_64/crc16_wide_kernel.cc PROPERTIES
-  COMPILE_OPTIONS "-mavx2;-mpclmul;-mvpclmulqdq")
+set(crc_options -msse4.2 -mpclmul -falign-functions=64 -falign-loops=32)
+set_source_files_properties(arch/x86_64/crc32c_kernel.cc arch/x86_64/crc16_kernel.cc
+  PROPERTIES COMPILE_OPTIONS "${crc_options}")
+set_source_files_properties(arch/x86_64/crc32c_wide_kernel.cc arch/x86_64/crc16_wide_kernel.cc
+  PROPERTIES COMPILE_OPTIONS "${crc_options};-mavx2;-mvpclmulqdq")

@@ -1,0 +1,198 @@
+// The log file is one descriptor number, the slot, that the first opening sets aside and nobody
+// closes again. Writers load the number and write: no lock, in a signal handler or out of it.
+// Moving, rotating and closing the log put another file into the slot with dup3, which the kernel
+// does in one step: a write goes to the file before or to the one after, never to a number that is
+// free or that somebody else got meanwhile. Files are opened to append, so texts written at once do
+// not overlay.
+//
+// A closed log keeps its slot with a descriptor that refuses writes: a writer that loaded the
+// number just before gets -1 and takes the console.
+//
+// Whoever changes the slot holds `switching`. Opening and closing wait for it, but a writer that
+// finds the file full only tries: when it fails somebody else is at it, maybe the very code that
+// this signal handler interrupted, and the text stays in the file of before. Rotation consists of
+// system calls that signal handlers may make. The count of bytes and the file may disagree for a
+// moment when a writer adds to the count of the next file; that only moves the next rotation a
+// little.
+#include "output.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <mutex>
+#include <sys/epoll.h>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
+
+#include "base/unique_fd.hpp"
+
+namespace logging {
+
+namespace {
+
+using vorn::UniqueFd;
+
+constexpr off_t kFileBytes = 8 << 20;
+constexpr int kFiles = 4; // the present one and three old ones
+constexpr off_t kAllBytes = kFiles * kFileBytes;
+
+class SwitchLock {
+public:
+  bool try_lock() { return !taken_.test_and_set(std::memory_order_acquire); }
+
+  void lock() {
+    constexpr timespec pause{0, 1'000'000};
+    while (!try_lock())
+      nanosleep(&pause, nullptr); // not yield: the holder may have the lower priority
+  }
+
+  void unlock() { taken_.clear(std::memory_order_release); }
+
+private:
+  std::atomic_flag taken_;
+};
+
+struct Paths {
+  char of[kFiles][PATH_MAX]; // the present file first, then from the youngest to the oldest
+};
+
+constinit SwitchLock switching;
+Paths paths;                            // under switching
+constinit int slot = -1;                // under switching
+constinit std::atomic<int> log_fd = -1; // the slot while there is a log file
+constinit std::atomic<off_t> file_bytes = 0;
+
+int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+ssize_t write_whole(int fd, std::string_view text) {
+  ssize_t written;
+  do {
+    written = write(fd, text.data(), text.size());
+  } while (written < 0 && errno == EINTR);
+  return written;
+}
+
+// Absolute, as the process may change its working directory.
+int compose_paths(const char *program, const char *directory, Paths &out) {
+  if (program == nullptr) program = program_invocation_short_name;
+  if (directory == nullptr) directory = ".";
+  const std::string_view name{program};
+  if (name.empty() || name.find('/') != name.npos) return fail(EINVAL);
+
+  if (mkdir(directory, 0755) != 0 && errno != EEXIST) return -1;
+  char absolute[PATH_MAX];
+  if (realpath(directory, absolute) == nullptr) return -1;
+  for (int age = 0; age < kFiles; ++age) {
+    char suffix[8] = "";
+    if (age > 0) snprintf(suffix, sizeof suffix, ".%d", age);
+    const int length =
+        snprintf(out.of[age], sizeof out.of[age], "%s/%s.log%s", absolute, program, suffix);
+    if (length < 0 || length >= PATH_MAX) return fail(ENAMETOOLONG);
+  }
+  return 0;
+}
+
+UniqueFd open_to_append(const char *path) {
+  return UniqueFd{open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640)};
+}
+
+// The first file makes the slot, above the standard descriptors even where these are closed.
+bool put_into_slot(const UniqueFd &file) {
+  struct stat info;
+  if (fstat(file.get(), &info) != 0) return false;
+  if (slot < 0) {
+    slot = fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (slot < 0) return false;
+  } else if (dup3(file.get(), slot, O_CLOEXEC) < 0) {
+    return false;
+  }
+  file_bytes = info.st_size;
+  return true;
+}
+
+bool same_file(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Several processes may share the file, a parent and its children first of all. Of those the one
+// that gets the lock on the full file ages it; the others try again with their next text. The lock
+// is one of the process, as children share the open file, and goes with the file out of the slot.
+bool lock_full_file(short type) {
+  struct flock whole = {};
+  whole.l_type = type;
+  whole.l_whence = SEEK_SET;
+  return fcntl(slot, F_SETLK, &whole) == 0 || (errno != EAGAIN && errno != EACCES);
+}
+
+// Leaves alone what another process has put in the place of the file, having aged it before us.
+void age_files(const struct stat &full) {
+  struct stat present;
+  if (stat(paths.of[0], &present) != 0 || !same_file(present, full)) return;
+  for (int age = kFiles - 1; age > 0; --age)
+    rename(paths.of[age - 1], paths.of[age]);
+}
+
+bool begin_next_file(const struct stat &full) {
+  const UniqueFd next = open_to_append(paths.of[0]);
+  struct stat info;
+  if (!next || fstat(next.get(), &info) != 0 || same_file(info, full)) return false;
+  return put_into_slot(next);
+}
+
+void rotate() {
+  std::unique_lock hold{switching, std::try_to_lock};
+  if (!hold.owns_lock() || log_fd < 0 || file_bytes < kFileBytes) return;
+  struct stat full;
+  if (fstat(slot, &full) != 0 || !lock_full_file(F_WRLCK)) return;
+  age_files(full);
+  if (begin_next_file(full)) return;
+  lock_full_file(F_UNLCK);
+  // Try again a file's size later, within what all the files may take together.
+  if (full.st_size >= kAllBytes) std::ignore = ftruncate(slot, 0);
+  file_bytes = 0;
+}
+
+} // namespace
+
+int open_log_file(const char *program, const char *directory) {
+  static Paths wanted; // too big for the stack; under switching
+  std::lock_guard hold{switching};
+  if (compose_paths(program, directory, wanted) != 0) return -1;
+  const UniqueFd file = open_to_append(wanted.of[0]);
+  if (!file || !put_into_slot(file)) return -1;
+  paths = wanted;
+  log_fd = slot;
+  return 0;
+}
+
+void close_log_file() {
+  std::lock_guard hold{switching};
+  if (log_fd.exchange(-1) < 0) return;
+  // An epoll instance cannot be written to, and keeps no file system busy. Without one the file
+  // stays in the slot.
+  const UniqueFd refusing{epoll_create1(EPOLL_CLOEXEC)};
+  if (refusing) dup3(refusing.get(), slot, O_CLOEXEC);
+}
+
+ssize_t write_log_file(std::string_view text) {
+  const int fd = log_fd;
+  if (fd < 0) return -1;
+  const ssize_t written = write_whole(fd, text);
+  if (written > 0 && file_bytes.fetch_add(written) + written >= kFileBytes) rotate();
+  return written;
+}
+
+ssize_t write_console(std::string_view text) { return write_whole(STDERR_FILENO, text); }
+
+void lock_log_file() { switching.lock(); }
+void unlock_log_file() { switching.unlock(); }
+
+} // namespace logging

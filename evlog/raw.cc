@@ -1,0 +1,38 @@
+#include "raw.hpp"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "guards.hpp"
+#include "output.hpp"
+
+namespace logging {
+
+namespace {
+
+constexpr std::size_t kRawBytes = 1023;
+
+} // namespace
+
+// The C library's formatter works on the stack for texts, characters, integers and pointers, and
+// for floating point of ordinary width. It takes memory for a width or precision beyond about a
+// thousand, for wide characters and for long lists of numbered values: evlog.h excludes these. Were
+// one to come nevertheless, the risk is an interrupted malloc, and only in a signal handler.
+int write_raw(LineEnd end, const char *format, std::va_list args) {
+  const KeepErrno errno_stays;
+  const NoCancel not_cancelled;
+  if (format == nullptr) return -1;
+  char buffer[kRawBytes + 1]; // the NUL's place takes the newline
+  const int wanted = vsnprintf(buffer, sizeof buffer, format, args);
+  if (wanted < 0) return -1;
+  std::size_t length = std::min(static_cast<std::size_t>(wanted), kRawBytes);
+  if (end == LineEnd::kAdded && (length == 0 || buffer[length - 1] != '\n'))
+    buffer[length++] = '\n';
+
+  const std::string_view text{buffer, length};
+  ssize_t written = write_log_file(text);
+  if (written < 0) written = write_console(text);
+  return static_cast<int>(written);
+}
+
+} // namespace logging

@@ -1,0 +1,502 @@
+// test-without: log_capture
+// test-links: evlog
+#include "evlog.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <set>
+#include <string>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/scratch.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uintmax_t kFileBytes = 8 << 20;
+constexpr unsigned int kModule = 381;
+const char *const kNoText = nullptr;
+
+std::vector<std::string> lines_of(const std::string &text) {
+  std::vector<std::string> lines;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+// Takes what goes to descriptor 2 while it exists.
+class Console {
+public:
+  Console() : saved_(dup(STDERR_FILENO)), taken_(memfd_create("console", 0)) {
+    fcntl(taken_, F_SETFL, O_APPEND);
+    dup2(taken_, STDERR_FILENO);
+  }
+  ~Console() {
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    close(taken_);
+  }
+  std::string text() const { return scratch::read_file("/proc/self/fd/" + std::to_string(taken_)); }
+
+private:
+  int saved_;
+  int taken_;
+};
+
+class Evlog : public testing::Test {
+protected:
+  ~Evlog() override { evlog_destroy(); }
+
+  void open_log() { ASSERT_EQ(evlog_init("app", dir.path().c_str()), 0); }
+  std::string log() const { return scratch::read_file(dir / "app.log"); }
+
+  // The log with its old files, the oldest first.
+  std::string all_text() const {
+    std::string text;
+    for (const char *name : {"app.log.3", "app.log.2", "app.log.1", "app.log"})
+      text += scratch::read_file(dir / name);
+    return text;
+  }
+
+  scratch::Directory dir;
+};
+
+int log_at(int level, const char *text) {
+  return evlog(kModule, level, "vorn_x.c", 7, "work", 0, "%s", text);
+}
+
+int vraw(const char *format, ...) EVLOG_PRINTF(1, 2);
+int vraw(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int written = evlog_vraw(format, args);
+  va_end(args);
+  return written;
+}
+
+// A text of 1000 bytes and a newline that begins with its number.
+void write_numbered(int number) { evlog_original("%-1000d", number); }
+constexpr int kNumberedPerFile = kFileBytes / 1001 + 1;
+
+// The sum of all reports of the rate limit on group 23.
+unsigned long dropped_by_reports(const std::string &log) {
+  unsigned long sum = 0;
+  for (const std::string &line : lines_of(log)) {
+    const std::size_t at = line.find(" records of group 23 were dropped by the rate limit.");
+    if (at != line.npos) sum += std::stoul(line.substr(line.rfind(' ', at - 1)));
+  }
+  return sum;
+}
+
+std::size_t count_of(const std::string &text, const std::string &log) {
+  std::size_t count = 0;
+  for (const std::string &line : lines_of(log))
+    count += line.ends_with(text);
+  return count;
+}
+
+void run_threads(int count, void (*body)(int thread)) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < count; ++thread)
+    threads.emplace_back(body, thread);
+  for (std::thread &thread : threads)
+    thread.join();
+}
+
+} // namespace
+
+TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
+  setenv("TZ", "XXX-02:30", 1);
+  tzset();
+  open_log();
+  const std::time_t before = time(nullptr);
+  EXPECT_EQ(evlog(kModule, EVLOG_INFO, "vorn_init.c", 120, "vorn_Init", 0, "ret %d.\n", -5), 0);
+
+  const std::string text = log();
+  std::tm written = {};
+  const char *fraction = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &written);
+  ASSERT_NE(fraction, nullptr) << text;
+  EXPECT_GE(mktime(&written), before);
+  EXPECT_LE(mktime(&written), time(nullptr));
+  ASSERT_GT(std::string(fraction).size(), 7u) << text;
+  EXPECT_EQ(std::string(fraction, 7).find_first_not_of("0123456789", 1), std::string::npos) << text;
+  EXPECT_EQ(fraction + 7,
+            "+02:30 I 381 " + std::to_string(gettid()) + " vorn_init.c:120 vorn_Init: ret -5.\n");
+}
+
+TEST_F(Evlog, WhatIsMissingInARecordIsShown) {
+  open_log();
+  EXPECT_EQ(evlog(kModule, EVLOG_INFO, nullptr, 0, nullptr, 0, kNoText), 0);
+  EXPECT_NE(log().find(" (null):0 (null): (null)\n"), std::string::npos) << log();
+}
+
+TEST_F(Evlog, ARecordIsCutAtItsBound) {
+  open_log();
+  for (const std::string &function : {std::string("work"), std::string(9000, 'f')}) {
+    evlog(kModule, EVLOG_INFO, "vorn_x.c", 7, function.c_str(), 0, "%s",
+          std::string(9000, 't').c_str());
+    const std::string line = lines_of(log()).back();
+    EXPECT_EQ(line.size() - line.find("vorn_x.c"), 4095u);
+  }
+}
+
+TEST_F(Evlog, TheFileTakesEveryLevelAndTheConsoleWarnings) {
+  open_log();
+  Console console;
+  const std::string letters = "CCCEWIID";
+  for (int level = 0; level < 8; ++level) {
+    const std::string lines = console.text();
+    log_at(level, "text");
+    EXPECT_EQ(lines_of(log()).back().substr(33, 1), letters.substr(level, 1)) << level;
+    EXPECT_EQ(console.text() != lines, level <= EVLOG_WARNING) << level;
+  }
+  EXPECT_EQ(lines_of(console.text()).back(), lines_of(log())[EVLOG_WARNING]);
+}
+
+TEST_F(Evlog, WithoutAFileThereIsTheConsole) {
+  Console console;
+  log_at(EVLOG_INFO, "unseen");
+  log_at(EVLOG_ERROR, "first");
+  evlog_original("second");
+  EXPECT_EQ(lines_of(console.text()).size(), 2u) << console.text();
+
+  open_log();
+  evlog_original("in the file");
+  EXPECT_EQ(evlog_destroy(), 0);
+  EXPECT_EQ(evlog_destroy(), 0);
+  log_at(EVLOG_ERROR, "third");
+  evlog_original("fourth");
+  EXPECT_EQ(log(), "in the file\n");
+  EXPECT_EQ(lines_of(console.text()).size(), 4u) << console.text();
+}
+
+TEST_F(Evlog, LevelsAreKeptByModule) {
+  EXPECT_EQ(evlog_loglevel_set(5, EVLOG_DEBUG), 0);
+  EXPECT_EQ(evlog_loglevel_set(1023, EVLOG_ERROR), 0);
+  for (const auto &[module, level] : {std::pair{5u, EVLOG_DEBUG},
+                                      {1023u, EVLOG_ERROR},
+                                      {4u, EVLOG_INFO},
+                                      {1024u, EVLOG_INFO},
+                                      {~0u, EVLOG_INFO}}) {
+    EXPECT_EQ(evlog_loglevel_get(module), level) << module;
+    EXPECT_EQ(evlog_level_check(module, level), 0) << module;
+    EXPECT_NE(evlog_level_check(module, level + 1), 0) << module;
+  }
+  for (const auto &[module, level] : {std::pair{1024u, 3}, {~0u, 3}, {5u, -1}, {5u, 8}})
+    EXPECT_EQ(evlog_loglevel_set(module, level), -1) << module << " " << level;
+  EXPECT_EQ(evlog_loglevel_get(5), EVLOG_DEBUG);
+}
+
+TEST_F(Evlog, RawTextsAreWrittenAsTheyAre) {
+  open_log();
+  errno = ERANGE;
+  EXPECT_EQ(evlog_original("a %d", 1), 4);
+  EXPECT_EQ(evlog_original("b\n"), 2);
+  EXPECT_EQ(evlog_original("%s", ""), 1);
+  EXPECT_EQ(vraw("c %s", "d"), 3);
+  EXPECT_EQ(evlog_original(kNoText), -1);
+  EXPECT_EQ(vraw(kNoText), -1);
+  EXPECT_EQ(log(), "a 1\nb\n\nc d");
+  EXPECT_EQ(errno, ERANGE);
+}
+
+TEST_F(Evlog, RawTextsAreCutAtTheirBound) {
+  open_log();
+  const std::string most(1023, 'x');
+  EXPECT_EQ(evlog_original("%sy", most.c_str()), 1024);
+  EXPECT_EQ(vraw("%sy", most.c_str()), 1023);
+  EXPECT_EQ(log(), most + "\n" + most);
+}
+
+TEST_F(Evlog, AnInitThatFailsChangesNothing) {
+  open_log();
+  const std::string overlong(300, 'p');
+  for (const auto &[program, directory, error] : {std::tuple{"a/b", dir.path(), EINVAL},
+                                                  {"", dir.path(), EINVAL},
+                                                  {"app", dir / "no/such", ENOENT},
+                                                  {"app", dir / "app.log", ENOTDIR},
+                                                  {overlong.c_str(), dir.path(), ENAMETOOLONG}}) {
+    errno = 0;
+    EXPECT_EQ(evlog_init(program, directory.c_str()), -1) << program;
+    EXPECT_EQ(errno, error) << program << " " << directory;
+  }
+  evlog_original("still here");
+  EXPECT_EQ(log(), "still here\n");
+}
+
+TEST_F(Evlog, ASecondInitMovesTheLog) {
+  open_log();
+  evlog_original("one");
+  ASSERT_EQ(evlog_init(nullptr, (dir / "made").c_str()), 0);
+  evlog_original("two");
+  open_log();
+  evlog_original("three");
+  EXPECT_EQ(log(), "one\nthree\n");
+  EXPECT_EQ(scratch::read_file(dir / "made/" + program_invocation_short_name + ".log"), "two\n");
+}
+
+TEST_F(Evlog, FilesRotateAndThreeOldOnesAreKept) {
+  fs::current_path(dir.path());
+  ASSERT_EQ(evlog_init("app", nullptr), 0);
+  fs::current_path("/");
+  for (int number = 0; number < 5 * kNumberedPerFile + 10; ++number)
+    write_numbered(number);
+  for (const char *old : {"app.log.1", "app.log.2", "app.log.3"})
+    EXPECT_EQ(fs::file_size(dir / old), kNumberedPerFile * 1001u);
+
+  const std::vector<std::string> lines = lines_of(all_text());
+  ASSERT_EQ(lines.size(), 3u * kNumberedPerFile + 10);
+  for (std::size_t at = 0; at < lines.size(); ++at)
+    ASSERT_EQ(std::stoul(lines[at]), at + 2 * kNumberedPerFile);
+  EXPECT_FALSE(fs::exists(dir / "app.log.4"));
+}
+
+TEST_F(Evlog, RecordsRotateTheFileToo) {
+  scratch::write_file(dir / "app.log", std::string(kFileBytes - 10, 'x'));
+  open_log();
+  log_at(EVLOG_INFO, "the last of the old");
+  log_at(EVLOG_INFO, "the first of the new");
+  EXPECT_EQ(count_of("the first of the new", log()), 1u);
+  EXPECT_EQ(lines_of(log()).size(), 1u);
+}
+
+TEST_F(Evlog, ProcessesThatShareAFileLoseNothingAtItsRotation) {
+  open_log();
+  constexpr int kTexts = 1.2 * kNumberedPerFile;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  for (int number = 0; number < kTexts; ++number)
+    write_numbered(child == 0 ? number : kTexts + number);
+  if (child == 0) _exit(0);
+  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+
+  std::set<int> numbers;
+  for (const std::string &line : lines_of(all_text()))
+    numbers.insert(std::stoi(line));
+  EXPECT_EQ(numbers.size(), 2u * kTexts);
+  EXPECT_TRUE(fs::exists(dir / "app.log.1"));
+}
+
+TEST_F(Evlog, AFileThatCannotBeRotatedStaysBounded) {
+  for (const char *old : {"app.log.1/", "app.log.2/", "app.log.3/"})
+    scratch::write_file(dir / old + "in the way", "");
+  open_log();
+  for (int number = 0; number < 5 * kNumberedPerFile; ++number) {
+    write_numbered(number);
+    if (number == 3 * kNumberedPerFile) {
+      EXPECT_GT(fs::file_size(dir / "app.log"), 3 * kFileBytes);
+    }
+  }
+  EXPECT_LT(fs::file_size(dir / "app.log"), 2 * kFileBytes);
+  EXPECT_EQ(std::stoi(lines_of(log()).back()), 5 * kNumberedPerFile - 1);
+}
+
+TEST_F(Evlog, AVanishedDirectoryStopsNothing) {
+  const std::string path = dir / "gone";
+  ASSERT_EQ(evlog_init("app", path.c_str()), 0);
+  fs::remove_all(path);
+  for (int number = 0; number < kNumberedPerFile + 1; ++number)
+    write_numbered(number);
+  EXPECT_EQ(log_at(EVLOG_INFO, "on"), 0);
+
+  fs::create_directory(path);
+  for (int number = 0; number < kNumberedPerFile + 1; ++number)
+    write_numbered(number);
+  EXPECT_TRUE(fs::exists(path + "/app.log"));
+}
+
+TEST_F(Evlog, AFullDiskSendsRawTextsAndWarningsToTheConsole) {
+  fs::create_symlink("/dev/full", dir / "app.log");
+  open_log();
+  Console console;
+  errno = ERANGE;
+  EXPECT_EQ(log_at(EVLOG_INFO, "lost"), 0);
+  EXPECT_EQ(log_at(EVLOG_WARNING, "seen"), 0);
+  EXPECT_EQ(evlog_original("raw"), 4);
+  EXPECT_EQ(errno, ERANGE);
+  EXPECT_EQ(lines_of(console.text()).size(), 2u) << console.text();
+}
+
+TEST_F(Evlog, GroupsHoldSixteenModules) {
+  for (const auto &[module, group] :
+       {std::pair{0u, 0}, {15u, 0}, {16u, 1}, {381u, 23}, {1023u, 63}, {1024u, 0}, {~0u, 0}})
+    EXPECT_EQ(evlog_get_group_id(module), group) << module;
+  EXPECT_EQ(evlog_ratelimit_set(-1, 1, 1), -1);
+  EXPECT_EQ(evlog_ratelimit_set(64, 1, 1), -1);
+}
+
+TEST_F(Evlog, AGroupWritesNoMoreThanItsBurst) {
+  open_log();
+  Console console;
+  ASSERT_EQ(evlog_ratelimit_set(evlog_get_group_id(kModule), 5, 3'600'000), 0);
+  static std::atomic<int> written, refused;
+  run_threads(4, [](int) {
+    for (int i = 0; i < 500; ++i)
+      (log_at(EVLOG_INFO, "limited") == 0 ? written : refused) += 1;
+  });
+  EXPECT_EQ(written, 5);
+  EXPECT_EQ(refused, 1995);
+  EXPECT_EQ(count_of("limited", log()), 5u);
+  EXPECT_EQ(evlog(kModule + 16, EVLOG_INFO, "vorn_x.c", 7, "work", 0, "of another group"), 0);
+  EXPECT_EQ(dropped_by_reports(log()), 0u);
+
+  EXPECT_EQ(evlog_ratelimit_set(23, 0, 0), 0);
+  EXPECT_EQ(dropped_by_reports(log()), 1995u);
+  EXPECT_EQ(evlog_ratelimit_set(23, 0, 0), 0);
+  EXPECT_EQ(log_at(EVLOG_INFO, "free"), 0);
+  EXPECT_EQ(dropped_by_reports(log()), 1995u);
+}
+
+TEST_F(Evlog, ANewIntervalBeginsWithWhatTheLastOneDropped) {
+  open_log();
+  Console console;
+  ASSERT_EQ(evlog_ratelimit_set(23, 1, 20), 0);
+  unsigned long dropped = 0;
+  while (dropped_by_reports(log()) == 0)
+    dropped += log_at(EVLOG_INFO, "limited") == 1;
+  EXPECT_EQ(dropped_by_reports(log()), dropped);
+  EXPECT_TRUE(lines_of(log()).back().ends_with("limited"));
+}
+
+TEST_F(Evlog, EveryRecordOfAGroupIsWrittenOrCounted) {
+  open_log();
+  Console console;
+  ASSERT_EQ(evlog_ratelimit_set(23, 3, 1), 0);
+  run_threads(4, [](int) {
+    for (int i = 0; i < 2000; ++i)
+      log_at(EVLOG_INFO, "limited");
+  });
+  ASSERT_EQ(evlog_ratelimit_set(23, 0, 0), 0);
+  const std::string text = log();
+  EXPECT_EQ(count_of("limited", text) + dropped_by_reports(text), 8000u);
+}
+
+// A handler that waited for anything the interrupted thread holds would never return.
+TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfARecord) {
+  open_log();
+  Console console;
+  static std::atomic<int> handled;
+  struct sigaction action = {};
+  action.sa_handler = [](int) {
+    const int interrupted = errno;
+    errno = ERANGE;
+    if (evlog_original("handler %d", 1) == 10 && errno == ERANGE) ++handled;
+    errno = interrupted;
+  };
+  action.sa_flags = SA_RESTART;
+  ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);
+
+  const itimerval storm{{0, 200}, {0, 200}}; // microseconds
+  ASSERT_EQ(setitimer(ITIMER_REAL, &storm, nullptr), 0);
+  std::size_t records = 0;
+  for (; handled < 500; ++records) {
+    log_at(EVLOG_WARNING, "record");
+    evlog_ratelimit_set(1, 1, 1);
+  }
+  const itimerval calm = {};
+  setitimer(ITIMER_REAL, &calm, nullptr);
+
+  EXPECT_GE(count_of("handler 1", all_text()), 500u);
+  EXPECT_EQ(count_of("work: record", all_text()), records);
+  EXPECT_EQ(count_of("work: record", console.text()), records);
+}
+
+// What a writer takes for the log file is never somebody else's file, and no text is lost.
+TEST_F(Evlog, TheLogMovesAndClosesUnderItsWriters) {
+  Console console;
+  constexpr int kThreads = 2;
+  static std::atomic<bool> stop;
+  static std::atomic<unsigned int> texts;
+  std::thread mover{[this] {
+    const std::string other = dir / "other";
+    while (!stop) {
+      evlog_init("app", dir.path().c_str());
+      evlog_init("app", other.c_str());
+      evlog_destroy();
+      for (int i = 0; i < 3; ++i)
+        close(open((dir / "victim").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    }
+  }};
+  run_threads(kThreads, [](int) {
+    for (int i = 0; i < 10000; ++i, ++texts)
+      evlog_original("text");
+  });
+  stop = true;
+  mover.join();
+  EXPECT_EQ(count_of("text", log() + scratch::read_file(dir / "other/app.log") + console.text()),
+            texts.load());
+  EXPECT_EQ(fs::file_size(dir / "victim"), 0u);
+}
+
+TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
+  open_log();
+  static std::atomic<bool> stop;
+  std::vector<std::thread> busy;
+  for (int thread = 0; thread < 2; ++thread) {
+    busy.emplace_back([this] {
+      while (!stop) {
+        log_at(EVLOG_INFO, "busy");
+        evlog_ratelimit_set(23, 0, 0);
+        evlog_init("app", dir.path().c_str());
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      evlog_ratelimit_set(23, 0, 0);
+      evlog_init("child", dir.path().c_str());
+      _exit(log_at(EVLOG_INFO, std::to_string(getpid()).c_str()));
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    const std::string id = std::to_string(child);
+    const std::string line = lines_of(scratch::read_file(dir / "child.log")).back();
+    EXPECT_NE(line.find(" I 381 " + id + " vorn_x.c:7 work: " + id), std::string::npos) << line;
+  }
+  stop = true;
+  for (std::thread &thread : busy)
+    thread.join();
+}
+
+TEST_F(Evlog, ACancelledThreadLeavesNoLockBehind) {
+  open_log();
+  for (int i = 0; i < 20; ++i) {
+    std::atomic<int> records = 0;
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void *counted) -> void * {
+                    for (;; pthread_testcancel()) {
+                      log_at(EVLOG_INFO, "record");
+                      ++*static_cast<std::atomic<int> *>(counted);
+                    }
+                  },
+                  &records),
+              0);
+    while (records < 10)
+      sched_yield();
+    pthread_cancel(thread);
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(log_at(EVLOG_INFO, "after"), 0);
+  }
+}
