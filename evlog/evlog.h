@@ -24,6 +24,7 @@
 
 #include <stdarg.h>
 
+/* What is exported, and a format whose values the compiler checks. */
 #define EVLOG_API __attribute__((visibility("default")))
 #define EVLOG_PRINTF(at, first) __attribute__((format(printf, at, first)))
 

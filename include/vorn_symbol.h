@@ -8,21 +8,30 @@
 
 VORN_BEGIN_DECLS
 
-/* Builds the table from the objects that are loaded now (their .symtab, else .dynsym; C++ names
- * demangled); called again, adds those loaded since and drops those unloaded. vorn_Init makes the
- * first call. An object that cannot be read is left out. Returns 0; -1 when memory ran out, the old
- * table stays in force then. Any thread may call; blocks on other callers and on the file system.
- */
+/* Builds the table from the objects that are loaded now: the functions of their .symtab, else of
+ * their .dynsym, with C++ names demangled. Called again, it adds the objects loaded since and drops
+ * those unloaded; the others are not read again. vorn_Init makes the first call.
+ *
+ * Left out, with an information record, is an object whose file cannot be read, is damaged, or is
+ * not the one that was loaded (replaced on disk since). Objects without a file, such as the
+ * kernel's own, have no symbols here.
+ *
+ * Returns 0; -1 after an error record when memory ran out, the old table stays in force then. Any
+ * thread may call, not a signal handler; blocks on other callers and on the file system. */
 VORN_API int vorn_symbol_init(void);
 
-/* Releases the table; lookups find nothing until the next vorn_symbol_init. A lookup that is under
- * way goes on undisturbed. vorn_destory makes this call. Any thread may call. */
+/* Takes the table away: lookups find nothing until the next vorn_symbol_init. Lookups that are
+ * under way go on undisturbed; this call does not wait for them. vorn_destory makes it. Any thread
+ * may call, not a signal handler; blocks on other callers of these two functions. */
 VORN_API void vorn_symbol_fini(void);
 
-/* Writes the name of the function that contains address, with the offset in it, as "%s+0x%lx" into
- * the buffer of size bytes, cut to fit; the placeholder "unknown+0x<address>" when no symbol is
- * known. Returns 0, or -1 when no symbol is known or buffer is NULL or size 0. Signal-safe, any
- * thread. */
+/* Writes the name of the function that contains address, and the offset in it, as "%s+0x%lx" into
+ * the buffer of size bytes. When no function is known there, the placeholder "unknown+0x%lx" with
+ * the address itself stands in its place. A text that does not fit is cut; it always ends in a NUL.
+ * A return address may lie just behind the function that called: look up the byte before it.
+ *
+ * Returns 0; -1 when no function is known, or buffer is NULL or size 0, which writes nothing. No
+ * record is written. Any thread may call, and a signal handler; never blocks, keeps errno. */
 VORN_API int vorn_symbol_addr_to_string(uintptr_t address, char *buffer, size_t size);
 
 VORN_END_DECLS

@@ -1,0 +1,68 @@
+#include "symbol/object.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <cxxabi.h>
+
+#include "symbol/elf_file.hpp"
+
+namespace vorn::symbol {
+namespace {
+
+constexpr int kDemangled = 0;
+constexpr int kDemangleNoMemory = -1;
+
+// The demangler takes the names of types too: a C function f would become "float".
+bool is_mangled(const char *name) { return std::strncmp(name, "_Z", 2) == 0; }
+
+} // namespace
+
+Outcome Object::read() {
+  const ElfFile file(image_.path());
+  if (!file.holds(image_)) return Outcome::kUnreadable;
+  Buffer<Function> functions;
+  Buffer<Range> ranges;
+  if (!file.read_functions(image_, &functions)) return Outcome::kNoMemory;
+  if (!resolve(functions, &ranges) || !keep(ranges)) return Outcome::kNoMemory;
+  return Outcome::kRead;
+}
+
+bool Object::lookup(std::uintptr_t address, Symbol *out) const {
+  const auto starts_behind = [](std::uintptr_t at, const Entry &entry) { return at < entry.begin; };
+  const Entry *next = std::upper_bound(entries_.begin(), entries_.end(), address, starts_behind);
+  if (next == entries_.begin()) return false;
+  const Entry &entry = next[-1];
+  if (address >= entry.end) return false;
+  *out = {names_.data() + entry.name, entry.start, image_.name()};
+  return true;
+}
+
+bool Object::keep(const Buffer<Range> &ranges) {
+  for (const Range &range : ranges) {
+    const std::size_t name = names_.size();
+    if (!keep_name(range.function->name)) return false;
+    if (!entries_.append({range.begin, range.end, range.function->start, name})) return false;
+  }
+  entries_.trim();
+  names_.trim();
+  return true;
+}
+
+// A name from .symtab may carry its version behind an '@'.
+bool Object::keep_name(const char *name) {
+  const std::size_t begin = names_.size();
+  if (!names_.append(name, std::strcspn(name, "@")) || !names_.append('\0')) return false;
+  if (!is_mangled(name)) return true;
+
+  int status = kDemangled;
+  char *demangled = abi::__cxa_demangle(names_.data() + begin, nullptr, nullptr, &status);
+  if (status == kDemangleNoMemory) return false;
+  if (status != kDemangled) return true;
+  names_.truncate(begin);
+  const bool kept = names_.append(demangled, std::strlen(demangled) + 1);
+  std::free(demangled);
+  return kept;
+}
+
+} // namespace vorn::symbol

@@ -1,0 +1,68 @@
+// An object for the symbol table's tests to load: functions of every kind that a symbol table may
+// list. None but fixture_static is ever called.
+namespace fixture {
+
+class Widget {
+public:
+  __attribute__((visibility("default"))) int turn(int by, const char *reason);
+};
+
+int Widget::turn(int by, const char *reason) { return reason[by]; }
+
+namespace {
+__attribute__((noinline)) int in_this_file_only(int x) {
+  asm volatile("" : "+r"(x));
+  return x;
+}
+} // namespace
+
+} // namespace fixture
+
+extern "C" {
+
+__attribute__((visibility("default"))) int f(int x) { return x + 1; }
+
+// The address of a function that .dynsym does not list.
+__attribute__((visibility("default"))) int (*fixture_static())(int) {
+  return fixture::in_this_file_only;
+}
+}
+
+// 16 bytes each: a function with aliases, a gap, a function of unknown size, one of known size with
+// another inside its second half, one whose name in .symtab carries its version.
+asm(R"(
+  .text
+  .balign 64
+  .globl fixture_sized
+  .type fixture_sized, %function
+  .weak fixture_weak_alias
+  .type fixture_weak_alias, %function
+  .type fixture_local_alias, %function
+fixture_sized:
+fixture_weak_alias:
+fixture_local_alias:
+  .skip 16
+  .size fixture_sized, 16
+  .size fixture_weak_alias, 16
+  .size fixture_local_alias, 16
+  .skip 16
+  .type fixture_label, %function
+fixture_label:
+  .skip 16
+  .globl fixture_outer
+  .type fixture_outer, %function
+fixture_outer:
+  .skip 8
+  .type fixture_inner, %function
+fixture_inner:
+  .skip 4
+  .size fixture_inner, 4
+  .skip 4
+  .size fixture_outer, 16
+  .globl fixture_version_1
+  .type fixture_version_1, %function
+fixture_version_1:
+  .skip 16
+  .size fixture_version_1, 16
+  .symver fixture_version_1, fixture_versioned@@FIXTURE_1, remove
+)");

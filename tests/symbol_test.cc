@@ -1,0 +1,589 @@
+// test-wraps: vorn_mallocsubproc vorn_freesub __cxa_demangle elf_begin
+#include "symbol/vorn_symbol.hpp"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <elf.h>
+#include <filesystem>
+#include <functional>
+#include <libelf.h>
+#include <link.h>
+#include <optional>
+#include <pthread.h>
+#include <random>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+#include "symbol/object.hpp"
+#include "symbol/ranges.hpp"
+#include "vorn_symbol.h"
+
+using vorn::symbol::Reader;
+using vorn::symbol::Symbol;
+
+namespace {
+
+std::atomic<long> live_blocks{0};
+std::atomic<long> until_failure{LONG_MAX};
+std::atomic<int> opened_files{0};
+
+bool fails_now() { return until_failure.fetch_sub(1) <= 0; }
+
+} // namespace
+
+extern "C" {
+
+void *__real_vorn_mallocsubproc(unsigned int, unsigned int *, unsigned long, unsigned int,
+                                const char *, unsigned int);
+void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
+                                unsigned int pid, const char *function, unsigned int line) {
+  EXPECT_EQ(pid, 381u);
+  if (fails_now()) return nullptr;
+  ++live_blocks;
+  return __real_vorn_mallocsubproc(size, type, flags, pid, function, line);
+}
+
+void __real_vorn_freesub(void *, const char *, unsigned int);
+void __wrap_vorn_freesub(void *ptr, const char *function, unsigned int line) {
+  --live_blocks;
+  __real_vorn_freesub(ptr, function, line);
+}
+
+char *__real___cxa_demangle(const char *, char *, std::size_t *, int *);
+char *__wrap___cxa_demangle(const char *name, char *buffer, std::size_t *length, int *status) {
+  if (!fails_now()) return __real___cxa_demangle(name, buffer, length, status);
+  *status = -1;
+  return nullptr;
+}
+
+Elf *__real_elf_begin(int, Elf_Cmd, Elf *);
+Elf *__wrap_elf_begin(int fd, Elf_Cmd command, Elf *reference) {
+  ++opened_files;
+  return __real_elf_begin(fd, command, reference);
+}
+
+__attribute__((noinline)) void symbol_probe() { asm volatile("nop; nop; nop; nop"); }
+}
+
+namespace probes {
+__attribute__((noinline)) int add(int a, const char *text) {
+  asm volatile("" : "+r"(a));
+  return a + *text;
+}
+} // namespace probes
+
+namespace {
+
+__attribute__((noinline)) void in_this_file_only() { asm volatile("nop; nop"); }
+
+std::uintptr_t address_of(void (*function)()) { return reinterpret_cast<std::uintptr_t>(function); }
+
+// "name+0xoffset", or "" when nothing is known.
+std::string text_at(std::uintptr_t address) {
+  char text[4096];
+  return vorn_symbol_addr_to_string(address, text, sizeof text) == 0 ? text : "";
+}
+
+std::string fixture_path(const char *name) { return std::string(VORN_FIXTURE_DIR) + "/" + name; }
+
+class Library {
+public:
+  explicit Library(const std::string &path) : handle_(dlopen(path.c_str(), RTLD_NOW)) {
+    EXPECT_NE(handle_, nullptr) << dlerror();
+  }
+  Library(const Library &) = delete;
+  Library &operator=(const Library &) = delete;
+  ~Library() { close(); }
+
+  std::uintptr_t operator[](const char *name) const {
+    void *address = dlsym(handle_, name);
+    EXPECT_NE(address, nullptr) << name;
+    return reinterpret_cast<std::uintptr_t>(address);
+  }
+
+  std::uintptr_t static_function() const {
+    const auto get = reinterpret_cast<int (*(*)())(int)>((*this)["fixture_static"]);
+    return reinterpret_cast<std::uintptr_t>(get());
+  }
+
+  void close() {
+    if (handle_ != nullptr) dlclose(std::exchange(handle_, nullptr));
+  }
+
+private:
+  void *handle_;
+};
+
+// Every case ends without a table, and then without memory.
+class SymbolTable : public testing::Test {
+protected:
+  ~SymbolTable() override {
+    until_failure = LONG_MAX;
+    vorn_symbol_fini();
+    EXPECT_EQ(live_blocks, 0);
+  }
+};
+
+} // namespace
+
+TEST_F(SymbolTable, KnowsNothingUntilItIsBuilt) {
+  const std::uintptr_t probe = address_of(symbol_probe);
+  EXPECT_EQ(text_at(probe), "");
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  EXPECT_EQ(text_at(probe), "symbol_probe+0x0");
+  vorn_symbol_fini();
+  EXPECT_EQ(text_at(probe), "");
+  vorn_symbol_fini();
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  EXPECT_EQ(text_at(probe), "symbol_probe+0x0");
+}
+
+TEST_F(SymbolTable, FindsFunctionsOfTheProgramAndOfItsLibraries) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  EXPECT_EQ(text_at(address_of(symbol_probe) + 3), "symbol_probe+0x3");
+  EXPECT_EQ(text_at(address_of(in_this_file_only)),
+            "(anonymous namespace)::in_this_file_only()+0x0");
+  EXPECT_EQ(text_at(reinterpret_cast<std::uintptr_t>(probes::add)),
+            "probes::add(int, char const*)+0x0");
+
+  const Reader reader;
+  Symbol symbol{};
+  ASSERT_TRUE(reader.lookup(address_of(symbol_probe) + 3, &symbol));
+  EXPECT_EQ(symbol.start, address_of(symbol_probe));
+  EXPECT_EQ(symbol.object, std::filesystem::read_symlink("/proc/self/exe"));
+
+  const Library libc("libc.so.6");
+  ASSERT_TRUE(reader.lookup(libc["wordexp"], &symbol));
+  EXPECT_STREQ(symbol.name, "wordexp");
+  EXPECT_EQ(std::filesystem::path(symbol.object).filename(), "libc.so.6");
+}
+
+TEST_F(SymbolTable, AddressesOutsideOfCodeAreUnknown) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  static int data;
+  int local = 0;
+  const std::uintptr_t addresses[] = {0, 1, UINTPTR_MAX, reinterpret_cast<std::uintptr_t>(&data),
+                                      reinterpret_cast<std::uintptr_t>(&local)};
+  for (const std::uintptr_t address : addresses) {
+    char text[64];
+    char wanted[64];
+    std::snprintf(wanted, sizeof wanted, "unknown+0x%lx", address);
+    EXPECT_EQ(vorn_symbol_addr_to_string(address, text, sizeof text), -1);
+    EXPECT_STREQ(text, wanted);
+    Symbol symbol{"kept", 1, "kept"};
+    EXPECT_FALSE(Reader().lookup(address, &symbol));
+    EXPECT_STREQ(symbol.name, "kept");
+  }
+}
+
+TEST_F(SymbolTable, TextIsCutToTheBuffer) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  const std::string whole = "symbol_probe+0x2";
+  for (std::size_t size = 1; size <= whole.size() + 2; ++size) {
+    std::vector<char> exact(size, 'x');
+    EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe) + 2, exact.data(), size), 0);
+    EXPECT_EQ(exact.data(), whole.substr(0, size - 1));
+  }
+  char untouched = 'x';
+  EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), &untouched, 0), -1);
+  EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), nullptr, 8), -1);
+  EXPECT_EQ(untouched, 'x');
+}
+
+TEST_F(SymbolTable, FunctionsOfEveryKind) {
+  struct {
+    std::size_t offset; // from fixture_sized
+    const char *full;
+    const char *stripped;
+  } const rows[] = {
+      {0, "fixture_sized+0x0", "fixture_sized+0x0"},
+      {15, "fixture_sized+0xf", "fixture_sized+0xf"},
+      {16, "", ""}, // a gap
+      {31, "", ""},
+      {32, "fixture_label+0x0", ""}, // of unknown size: up to the next function
+      {47, "fixture_label+0xf", ""},
+      {48, "fixture_outer+0x0", "fixture_outer+0x0"},
+      {56, "fixture_inner+0x0", "fixture_outer+0x8"},
+      {59, "fixture_inner+0x3", "fixture_outer+0xb"},
+      {60, "fixture_outer+0xc", "fixture_outer+0xc"},
+  };
+  const Library full(fixture_path("symbol_fixture.so"));
+  const Library stripped(fixture_path("symbol_fixture_stripped.so"));
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  for (const auto &row : rows) {
+    EXPECT_EQ(text_at(full["fixture_sized"] + row.offset), row.full) << row.offset;
+    EXPECT_EQ(text_at(stripped["fixture_sized"] + row.offset), row.stripped) << row.offset;
+  }
+  EXPECT_EQ(text_at(full["fixture_versioned"]), "fixture_versioned+0x0");
+  EXPECT_EQ(text_at(full.static_function()),
+            "fixture::(anonymous namespace)::in_this_file_only(int)+0x0");
+  EXPECT_EQ(text_at(stripped.static_function()), "");
+  for (const Library *library : {&full, &stripped}) {
+    EXPECT_EQ(text_at((*library)["f"]), "f+0x0");
+    EXPECT_EQ(text_at((*library)["_ZN7fixture6Widget4turnEiPKc"]),
+              "fixture::Widget::turn(int, char const*)+0x0");
+  }
+}
+
+TEST_F(SymbolTable, ObjectsComeAndGoWithARefresh) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  Library library(fixture_path("symbol_fixture.so"));
+  const std::uintptr_t address = library["fixture_sized"];
+  EXPECT_EQ(text_at(address), "");
+
+  opened_files = 0;
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  EXPECT_EQ(text_at(address), "fixture_sized+0x0");
+  EXPECT_EQ(opened_files, 1) << "the others have not changed";
+  const Reader reader;
+  Symbol symbol{};
+  ASSERT_TRUE(reader.lookup(address, &symbol));
+  EXPECT_EQ(symbol.object, fixture_path("symbol_fixture.so"));
+
+  library.close();
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  EXPECT_EQ(text_at(address), "");
+  EXPECT_EQ(text_at(address_of(symbol_probe)), "symbol_probe+0x0");
+  EXPECT_EQ(opened_files, 1);
+  EXPECT_STREQ(symbol.name, "fixture_sized") << "a reader keeps what it found";
+}
+
+TEST_F(SymbolTable, MemoryIsReleasedWhenNoReaderLives) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  {
+    const Reader reader;
+    Symbol symbol{};
+    ASSERT_TRUE(reader.lookup(address_of(symbol_probe), &symbol));
+    vorn_symbol_fini();
+    ASSERT_EQ(vorn_symbol_init(), 0);
+    vorn_symbol_fini();
+    EXPECT_STREQ(symbol.name, "symbol_probe");
+    EXPECT_TRUE(reader.lookup(address_of(symbol_probe), &symbol));
+    EXPECT_FALSE(Reader().lookup(address_of(symbol_probe), &symbol));
+    EXPECT_NE(live_blocks, 0);
+  }
+  vorn_symbol_fini();
+  EXPECT_EQ(live_blocks, 0);
+}
+
+TEST_F(SymbolTable, WithoutMemoryTheOldTableStays) {
+  const Library library(fixture_path("symbol_fixture.so"));
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  for (int fresh = 0; fresh < 2; ++fresh) {
+    int failures = 0;
+    for (long step = 0;; step += 1 + step / 8) {
+      if (fresh != 0) vorn_symbol_fini();
+      capture::take();
+      until_failure = step;
+      const int result = vorn_symbol_init();
+      until_failure = LONG_MAX;
+      if (result == 0) break;
+      ++failures;
+      EXPECT_EQ(result, -1);
+      EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_symbol.c", "vorn_symbol_init",
+                        "Symbol table init failed, no memory.");
+      EXPECT_EQ(text_at(address_of(symbol_probe)), fresh != 0 ? "" : "symbol_probe+0x0");
+    }
+    EXPECT_GT(failures, 10);
+  }
+}
+
+namespace {
+
+using Change = std::function<void(const std::string &path)>;
+
+// Loaded objects stay as they are: a file is never written to, another takes its place.
+void replace(const std::string &path, const std::string &content) {
+  scratch::write_file(path + ".new", content);
+  std::filesystem::rename(path + ".new", path);
+}
+
+std::string flip(std::string content, std::size_t at) {
+  content.at(at) = static_cast<char>(content[at] ^ 0x40);
+  return content;
+}
+
+template <class T> T read_at(const std::string &content, std::size_t at) {
+  T value;
+  std::memcpy(&value, content.substr(at, sizeof value).data(), sizeof value);
+  return value;
+}
+
+std::size_t last_note_byte(const std::string &content) {
+  const auto header = read_at<Elf64_Ehdr>(content, 0);
+  std::size_t last = 0;
+  for (std::size_t i = 0; i < header.e_phnum; ++i) {
+    const auto segment = read_at<Elf64_Phdr>(content, header.e_phoff + i * sizeof(Elf64_Phdr));
+    if (segment.p_type == PT_NOTE) last = segment.p_offset + segment.p_filesz - 1;
+  }
+  return last;
+}
+
+} // namespace
+
+TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
+  const std::string content = scratch::read_file(fixture_path("symbol_fixture.so"));
+  const auto with = [](const std::string &changed) -> Change {
+    return [changed](const std::string &path) { replace(path, changed); };
+  };
+  const auto instead = [](int (*make)(const char *, mode_t)) -> Change {
+    return [make](const std::string &path) {
+      std::filesystem::remove(path);
+      ASSERT_EQ(make(path.c_str(), 0700), 0);
+    };
+  };
+  struct {
+    const char *what;
+    Change change;
+    bool known;
+  } const rows[] = {
+      {"copy", with(content), true},
+      {"build id", with(flip(content, last_note_byte(content))), false},
+      {"program header", with(flip(content, sizeof(Elf64_Ehdr) + 40)), false},
+      {"not ELF", with(flip(content, 0)), false},
+      {"32 bits", with(flip(content, EI_CLASS)), false},
+      {"other byte order", with(flip(content, EI_DATA)), false},
+      {"headers alone", with(content.substr(0, 64)), false},
+      {"empty", with(""), false},
+      {"archive", with("!<arch>\n"), false},
+      {"deleted", [](const std::string &path) { std::filesystem::remove(path); }, false},
+      {"directory", instead(mkdir), false},
+      {"pipe", instead(mkfifo), false},
+  };
+  const scratch::Directory directory;
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.what);
+    const std::string path = directory / row.what;
+    replace(path, content);
+    const Library library(path);
+    row.change(path);
+    capture::take();
+    ASSERT_EQ(vorn_symbol_init(), 0);
+    EXPECT_EQ(text_at(library["fixture_sized"]), row.known ? "fixture_sized+0x0" : "");
+    EXPECT_EQ(text_at(address_of(symbol_probe)), "symbol_probe+0x0");
+    if (row.known) {
+      EXPECT_NO_RECORD();
+    } else {
+      EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_symbol.c", "vorn_symbol_init",
+                        "Symbols of " + path + " are not known.");
+    }
+  }
+}
+
+namespace {
+
+bool take_object(const std::string &path, vorn::symbol::Object *object) {
+  struct Walk {
+    const std::string &path;
+    vorn::symbol::Object *object;
+  } walk{path, object};
+  const auto visit = [](dl_phdr_info *info, std::size_t, void *argument) {
+    auto *self = static_cast<Walk *>(argument);
+    return self->path == info->dlpi_name && self->object->take(*info, false) ? 1 : 0;
+  };
+  return dl_iterate_phdr(visit, &walk) == 1;
+}
+
+void expect_sound_answers(const vorn::symbol::Object &object) {
+  const vorn::symbol::Image &image = object.image();
+  for (std::uintptr_t at = image.code_begin(); at < image.code_end(); at += 8) {
+    Symbol symbol{};
+    if (!object.lookup(at, &symbol)) continue;
+    EXPECT_GE(symbol.start, image.code_begin());
+    EXPECT_LE(symbol.start, at);
+    EXPECT_NE(std::strlen(symbol.name), 0u);
+  }
+}
+
+} // namespace
+
+// Damage where a reader trusts most: the section headers and the symbols behind the code.
+TEST_F(SymbolTable, DamagedFilesDoNoHarm) {
+  const scratch::Directory directory;
+  const std::string path = directory / "damaged.so";
+  const std::string content = scratch::read_file(fixture_path("symbol_fixture.so"));
+  replace(path, content);
+  const Library library(path);
+
+  const auto header = read_at<Elf64_Ehdr>(content, 0);
+  const std::size_t sections = header.e_shnum * sizeof(Elf64_Shdr);
+  std::mt19937 random(11);
+  for (int round = 0; round < 300; ++round) {
+    std::string damaged = content;
+    for (int byte = 0; byte < 1 + round % 12; ++byte)
+      damaged[header.e_shoff + random() % sections] = static_cast<char>(random());
+    if (round % 3 == 0) damaged[offsetof(Elf64_Ehdr, e_shoff) + random() % 8] ^= 0x11;
+    if (round % 5 == 0) damaged.resize(random() % damaged.size());
+    replace(path, damaged);
+    vorn::symbol::Object object;
+    ASSERT_TRUE(take_object(path, &object));
+    object.read();
+    expect_sound_answers(object);
+  }
+}
+
+namespace {
+
+bool is_right(const char *text) {
+  return std::strcmp(text, "symbol_probe+0x1") == 0 || std::strncmp(text, "unknown+0x", 10) == 0;
+}
+
+bool ask() {
+  char text[64];
+  vorn_symbol_addr_to_string(address_of(symbol_probe) + 1, text, sizeof text);
+  const Reader reader;
+  Symbol symbol{"symbol_probe", 0, "/"};
+  reader.lookup(address_of(symbol_probe) + 1, &symbol);
+  return is_right(text) && std::strcmp(symbol.name, "symbol_probe") == 0 && symbol.object[0] == '/';
+}
+
+void change_table() {
+  const Library library(fixture_path("symbol_fixture.so"));
+  EXPECT_EQ(vorn_symbol_init(), 0);
+  vorn_symbol_fini();
+}
+
+std::atomic<int> answered_in_handler{0};
+std::atomic<int> wrong_in_handler{0};
+
+} // namespace
+
+TEST_F(SymbolTable, LookupsWhileTheTableChanges) {
+  std::atomic<bool> done{false};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.emplace_back([&done, &wrong] {
+      while (!done) {
+        if (!ask()) ++wrong;
+        std::this_thread::sleep_for(std::chrono::microseconds(50)); // lets old tables go
+      }
+    });
+  }
+  std::thread other([] {
+    for (int round = 0; round < 5; ++round)
+      change_table();
+  });
+  for (int round = 0; round < 5; ++round)
+    change_table();
+  other.join();
+  done = true;
+  for (std::thread &reader : readers)
+    reader.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(SymbolTable, LookupsInAHandlerThatInterruptsAChange) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {
+    if (!ask()) ++wrong_in_handler;
+    ++answered_in_handler;
+  };
+  action.sa_flags = SA_RESTART;
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  std::atomic<bool> done{false};
+  std::thread sender([&done, changer = pthread_self()] {
+    while (!done) {
+      pthread_kill(changer, SIGUSR1);
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  });
+  for (int round = 0; round < 5 || answered_in_handler < 50; ++round)
+    change_table();
+  done = true;
+  sender.join();
+  EXPECT_EQ(wrong_in_handler, 0);
+}
+
+namespace {
+
+using vorn::symbol::Function;
+
+// Two segments of code, one behind the other.
+constexpr std::uintptr_t kLimit = 64;
+constexpr std::uintptr_t limit_of(std::uintptr_t start) { return start < 32 ? 32 : kLimit; }
+
+bool is_preferred(const Function &a, const Function &b) {
+  const auto rank = [](const Function &f) {
+    return f.binding == STB_GLOBAL ? 2 : f.binding == STB_WEAK ? 1 : 0;
+  };
+  if (a.start != b.start) return a.start > b.start;
+  if (rank(a) != rank(b)) return rank(a) > rank(b);
+  if (a.size != b.size) return a.size > b.size;
+  return std::strcmp(a.name, b.name) > 0;
+}
+
+bool contains(const Function &function, std::uintptr_t address) {
+  return function.start <= address && address - function.start < function.size &&
+         address < function.limit;
+}
+
+// Whether a function of unknown size reaches the address: none starts in between, nor does a known
+// one lie over its start.
+bool reaches(const std::vector<Function> &all, const Function &function, std::uintptr_t address) {
+  return function.size == 0 && function.start <= address && address < function.limit &&
+         std::none_of(all.begin(), all.end(), [&](const Function &other) {
+           return (other.start > function.start && other.start <= address) ||
+                  contains(other, function.start);
+         });
+}
+
+// The owner of an address by looking at every function; "" for none.
+std::string naive_owner(const std::vector<Function> &all, std::uintptr_t address) {
+  std::vector<Function> owners;
+  for (const Function &function : all) {
+    if (contains(function, address) || reaches(all, function, address)) owners.push_back(function);
+  }
+  const auto known = std::partition(owners.begin(), owners.end(),
+                                    [](const Function &function) { return function.size != 0; });
+  if (known != owners.begin()) owners.erase(known, owners.end());
+  if (owners.empty()) return "";
+  return std::min_element(owners.begin(), owners.end(), is_preferred)->name;
+}
+
+} // namespace
+
+TEST_F(SymbolTable, RangesAgreeWithALookAtEveryFunction) {
+  const char *const names[] = {"a", "b", "c", "_a", "__b", "z9", "C", "D", "e", "g"};
+  const unsigned char bindings[] = {STB_LOCAL, STB_GLOBAL, STB_WEAK, STB_GNU_UNIQUE};
+  std::mt19937 random(3);
+  for (int round = 0; round < 2000; ++round) {
+    std::vector<Function> all;
+    const std::size_t count = random() % 10;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::uintptr_t sizes[] = {0, 1 + random() % 6, random() % 64, UINTPTR_MAX};
+      const std::uintptr_t start = random() % (round % 2 == 0 ? kLimit : 8);
+      all.push_back(
+          {start, sizes[random() % 4], limit_of(start), names[i], bindings[random() % 4]});
+    }
+    vorn::symbol::Buffer<Function> functions;
+    vorn::symbol::Buffer<vorn::symbol::Range> ranges;
+    ASSERT_TRUE(functions.append(all.data(), all.size()));
+    ASSERT_TRUE(resolve(functions, &ranges));
+
+    std::vector<std::string> owners(kLimit + 8);
+    std::uintptr_t last_end = 0;
+    for (const vorn::symbol::Range &range : ranges) {
+      ASSERT_GE(range.begin, last_end);
+      ASSERT_GT(range.end, range.begin);
+      last_end = range.end;
+      for (std::uintptr_t at = range.begin; at < range.end; ++at)
+        owners.at(at) = range.function->name;
+    }
+    for (std::uintptr_t at = 0; at < owners.size(); ++at)
+      ASSERT_EQ(owners[at], naive_owner(all, at)) << "round " << round << " address " << at;
+  }
+}
