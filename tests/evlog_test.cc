@@ -144,7 +144,7 @@ int rename(const char *from, const char *to) {
 }
 
 TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
-  setenv("TZ", "NODE-02:30", 1);
+  setenv("TZ", "LOG-02:30", 1);
   tzset();
   open_log();
   const std::time_t before = time(nullptr);
@@ -387,6 +387,7 @@ TEST_F(Evlog, AGroupWritesNoMoreThanItsBurst) {
   Console console;
   ASSERT_EQ(evlog_ratelimit_set(evlog_get_group_id(kModule), 5, 3'600'000), 0);
   static std::atomic<int> written, refused;
+  written = refused = 0;
   run_threads(4, [](int) {
     for (int i = 0; i < 20000; ++i)
       (log_at(EVLOG_INFO, "limited") == 0 ? written : refused) += 1;
@@ -451,6 +452,7 @@ TEST_F(Evlog, ARawTextIsWrittenInTheMidstOfARotation) {
 TEST_F(Evlog, ALogThatClosesUnderItsWriterSendsTheTextToTheConsole) {
   open_log();
   static std::vector<int> victims;
+  victims.clear();
   before_write = [] {
     evlog_destroy();
     for (int i = 0; i < 10; ++i)
@@ -466,7 +468,8 @@ TEST_F(Evlog, ALogThatClosesUnderItsWriterSendsTheTextToTheConsole) {
 
 TEST_F(Evlog, ALogThatMovesUnderItsWriterTakesTheTextAlong) {
   open_log();
-  static const std::string other = dir / "other";
+  static std::string other;
+  other = dir / "other";
   before_write = [] { evlog_init("app", other.c_str()); };
   evlog_original("text");
   EXPECT_EQ(log(), "");
@@ -478,6 +481,7 @@ TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfARecord) {
   open_log();
   Console console;
   static std::atomic<int> handled;
+  handled = 0;
   struct sigaction action = {};
   action.sa_handler = [](int) {
     const int interrupted = errno;
@@ -505,8 +509,8 @@ TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfARecord) {
 
 TEST_F(Evlog, TheLogMovesUnderManyWritersWithoutALoss) {
   Console console;
-  static std::atomic<bool> stop;
-  std::thread mover{[this] {
+  std::atomic<bool> stop = false;
+  std::thread mover{[&] {
     const std::string other = dir / "other";
     while (!stop) {
       evlog_init("app", dir.path().c_str());
@@ -527,10 +531,10 @@ TEST_F(Evlog, TheLogMovesUnderManyWritersWithoutALoss) {
 
 TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
   open_log();
-  static std::atomic<bool> stop;
+  std::atomic<bool> stop = false;
   std::vector<std::thread> busy;
   for (int thread = 0; thread < 2; ++thread) {
-    busy.emplace_back([this] {
+    busy.emplace_back([&] {
       while (!stop) {
         log_at(EVLOG_INFO, "busy");
         evlog_ratelimit_set(23, 0, 0);
