@@ -1,5 +1,6 @@
 #include "options.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <getopt.h>
 #include <string_view>
@@ -28,7 +29,7 @@ void set_manifest(Places &places, const std::string &path) {
     places.manifest_name = path;
     return;
   }
-  places.manifest_directory = slash == 0 ? "/" : path.substr(0, slash);
+  places.manifest_directory = path.substr(0, std::max<std::size_t>(slash, 1));
   places.manifest_name = path.substr(slash + 1);
 }
 
