@@ -18,7 +18,8 @@
  *
  * Any thread may call any function, and none is a cancellation point. evlog_level_check,
  * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of
- * fork() may go on calling all of them, and shares the file with its parent; therefore fork() is
+ * fork() may go on calling all of them (evlog itself unless another thread was in the C library's
+ * time zone conversion at the fork), and shares the file with its parent; therefore fork() is
  * not to be called in a signal handler (_Fork() and vfork() are). */
 #ifndef EVLOG_H
 #define EVLOG_H
@@ -70,7 +71,8 @@ EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned i
  * there, to the log file (standard error where there is none or it fails) in one write; a newline
  * is added where the text does not end in one. Neither locks nor allocates, keeps errno:
  * signal-safe, as long as no width or precision in the format exceeds 500 and no conversion takes
- * wide characters. Returns the number of bytes written, or -1. */
+ * wide characters or a numbered value (%1$d). Returns the number of bytes written; -1 for a
+ * NULL format and when nothing could be written. */
 EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 
 /* The same with the values as a va_list, and nothing added to the text. */

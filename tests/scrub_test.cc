@@ -145,7 +145,7 @@ TEST_F(Scrub, FindsAnUntouchedTreeClean) {
   EXPECT_OUTCOME(create(), kClean, "22 read, 3 links and special files left out");
   const Outcome verified = verify();
   EXPECT_OUTCOME(verified, kClean, "CLEAN");
-  for (const char *part : {"22 read, 3 links", "MB/s", "SCRUB", "2 records in "})
+  for (const char *part : {"22 read, 3 links", "MB/s", "SCRUB", "2 records of its own in "})
     EXPECT_TRUE(contains(verified.text, part)) << part << "\n" << verified.text;
   EXPECT_FALSE(contains(verified.text, "\r"));
   EXPECT_FALSE(fs::exists(unfinished()));
@@ -321,6 +321,18 @@ TEST_F(Scrub, SkipsFilesThatChangeWhileTheyAreRead) {
   }
   // All lines of its blocks have been taken back.
   EXPECT_LT(fs::file_size(manifest()), 1000u);
+
+  EXPECT_OUTCOME(create(), kClean, "3 read");
+  {
+    const Appender appender(file("growing"));
+    const Outcome outcome = verify();
+    EXPECT_OUTCOME(outcome, kClean, "SKIPPED     growing: changed while it was read\n");
+    EXPECT_OUTCOME(outcome, kClean, "2 read, 1 skipped");
+    EXPECT_OUTCOME(outcome, kClean, "12 (12 B) in 2 blocks");
+  }
+  fs::remove(file("growing"));
+  EXPECT_OUTCOME(create(), kClean, "2 read");
+  write_file(file("growing"), "");
   EXPECT_OUTCOME(verify(), kClean, "2 read, 1 new");
 }
 

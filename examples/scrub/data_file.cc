@@ -33,7 +33,7 @@ Bytes DataFile::next_block() {
   return block;
 }
 
-const char *DataFile::problem() {
+const char *DataFile::problem() const {
   if (error_ != 0) return std::strerror(error_);
   return has_changed() ? "changed while it was read" : nullptr;
 }

@@ -33,7 +33,8 @@ public:
 
   // Why the file could not be read to its end as one thing, NULL where it was: an error, or a
   // change of the file while it was read. Asked after the last block.
-  const char *problem();
+  const char *problem() const;
+  bool changed() const { return error_ == 0 && has_changed(); }
   bool vanished() const { return error_ == ENOENT; }
 
 private:

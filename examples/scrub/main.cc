@@ -66,7 +66,8 @@ std::string what_is_missing(const Job &job, Command command) {
 ExitStatus do_job(const Job &job, Command command) {
   try {
     const ExitStatus status = command == Command::kCreate ? create(job) : verify(job);
-    if (std::fflush(stdout) != 0) return could_not_run("cannot write to standard output");
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+      return could_not_run("cannot write to standard output");
     return status;
   } catch (const std::bad_alloc &) {
     return could_not_run("out of memory");

@@ -89,9 +89,13 @@ void ManifestWriter::open_unfinished(const std::string &directory) {
       fstatat(directory_.get(), unfinished_.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
       opened.st_ino != named.st_ino)
     fail("another run has just written " + manifest_, EBUSY);
-  if (!S_ISREG(opened.st_mode) || ftruncate(file.get(), 0) != 0)
-    fail("cannot write " + unfinished_);
+  if (!S_ISREG(opened.st_mode)) fail("cannot write " + directory + "/" + unfinished_, EEXIST);
   file_ = std::move(file);
+  if (ftruncate(file_.get(), 0) != 0) {
+    const int error = errno;
+    unlinkat(directory_.get(), unfinished_.c_str(), 0);
+    fail("cannot write " + directory + "/" + unfinished_, error);
+  }
 }
 
 void ManifestWriter::add_line(std::string_view text) {

@@ -102,7 +102,7 @@ read, are reported and skipped. An existing manifest is replaced only once the
 new one is complete. A byte of a name that is a blank, a control character or
 '%' is written as %XX.
 
-Exit status: 0 clean (also where files are new, or were skipped by create),
+Exit status: 0 clean (also where files are new or were skipped),
 1 damage found (a block, a size, a missing or unreadable file), 2 could not run.
 )",
              stdout);

@@ -139,8 +139,13 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) const
               seconds);
   print_memory();
   std::printf("  manifest  %s\n", job.places.manifest().c_str());
-  std::printf("  log       %s %s %s\n", counted(log_records_written, "record").c_str(),
-              job.has_log ? "in" : "on the console alone, cannot write", job.places.log().c_str());
+  if (job.has_log) {
+    std::printf("  log       %s of its own in %s\n", counted(log_records_written, "record").c_str(),
+                job.places.log().c_str());
+  } else {
+    std::printf("  log       none, cannot write %s: warnings and errors alone, on the console\n",
+                job.places.log().c_str());
+  }
 }
 
 } // namespace scrub

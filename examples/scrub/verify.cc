@@ -1,5 +1,6 @@
 #include "scrub.hpp"
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -93,7 +94,11 @@ private:
     const char *why = std::strerror(found_.error);
     report_.skipped(found_.path, why);
     while (more_recorded_ && is_below(recorded_.path, found_.path)) {
-      report_.unreadable(recorded_, why);
+      if (found_.error == ENOENT) {
+        report_.missing(recorded_);
+      } else {
+        report_.unreadable(recorded_, why);
+      }
       drop_recorded();
     }
   }
@@ -105,11 +110,15 @@ private:
       return report_.unreadable(recorded_, file.problem());
     }
 
+    const Totals before = read_;
     const std::uint64_t damaged = compare_blocks(file);
+    if (const char *problem = file.problem(); problem != nullptr) {
+      read_ = before;
+      if (file.changed()) return report_.skipped(recorded_.path, problem);
+      return report_.unreadable(recorded_, problem);
+    }
     const bool resized = file.size() != recorded_.size;
     if (resized) report_.size_change(recorded_, file.size());
-    if (const char *problem = file.problem(); problem != nullptr)
-      return report_.unreadable(recorded_, problem);
     if (resized || damaged != 0)
       report_.damaged_file(file.written().tv_sec != recorded_.written.tv_sec ||
                            file.written().tv_nsec != recorded_.written.tv_nsec);
