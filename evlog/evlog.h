@@ -3,28 +3,33 @@
  * Whatever is marked "default" below is how this one behaves, and nothing in Vorn depends on it.
  *
  * Default. Records go to <directory>/<program>.log, and to standard error when their level is
- * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A record is one
- * line (a text may hold newlines of its own):
+ * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A record is
+ * one line (a text may hold newlines of its own):
  *
  *   2024-05-06T07:08:09.123456+02:00 E 381 4711 vorn_init.c:120 vorn_Init: Vorn init failed.
  *
- * that is local time with its offset from UTC, level (C critical, E error, W warning, I information,
- * D debug), module, kernel thread id, file:line, function and text. A file that reaches 8 MiB becomes
- * <program>.log.1, the older ones .2 and .3, and a new one is begun. What a full disk refuses is
- * lost. Where the directory does not permit the renaming, the file is let grow to 32 MiB and then
- * emptied. The library holds one descriptor, made by the first evlog_init and kept until the process
- * ends: a process that closes descriptors it does not know does so before that.
+ * that is local time with its offset from UTC, level (C critical, E error, W warning, I
+ * information, D debug), module, kernel thread id, file:line, function and text. A file that
+ * reaches 8 MiB becomes <program>.log.1, the older ones .2 and .3, and a new one is begun. What a
+ * full disk refuses is lost. Where the directory does not permit the renaming, the file is let grow
+ * to 32 MiB and then emptied. The library holds one descriptor, made by the first evlog_init and
+ * kept until the process ends: a process that closes descriptors it does not know does so before
+ * that.
  *
  * Any thread may call any function, and none is a cancellation point. evlog_level_check,
- * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of fork()
- * may go on calling all of them, and shares the file with its parent; therefore fork() is not to be
- * called in a signal handler (_Fork() and vfork() are). */
+ * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of
+ * fork() may go on calling all of them, and shares the file with its parent; therefore fork() is
+ * not to be called in a signal handler (_Fork() and vfork() are). */
 #ifndef EVLOG_H
 #define EVLOG_H
 
 #include <stdarg.h>
 
+/* Marks what libevlog.so exports. */
 #define EVLOG_API __attribute__((visibility("default")))
+
+/* The argument at position at is a printf format, those from position first are its values; first
+ * is 0 where the values come as a va_list. */
 #define EVLOG_PRINTF(at, first) __attribute__((format(printf, at, first)))
 
 /* Levels, the more urgent the lower. */
@@ -53,19 +58,19 @@ EVLOG_API int evlog_level_check(unsigned int module, int level);
 
 /* Writes a record without checking its level: callers ask evlog_level_check first. file is the base
  * name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when there
- * is no such record. Default: place and text take at most 4095 bytes and are cut there, a newline at
- * their end is dropped, a NULL file, function or format is shown as such, and errno is kept; the
- * result is 1 when the group's rate limit dropped the record, -1 when it could not be formatted. May
- * block on the file system and the console. */
+ * is no such record. Default: place and text take at most 4095 bytes and are cut there, a newline
+ * at their end is dropped, a NULL file, function or format is shown as such, and errno is kept; the
+ * result is 1 when the group's rate limit dropped the record, -1 when it could not be formatted.
+ * May block on the file system and the console. */
 EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned int line,
                     const char *function, unsigned int flags, const char *format, ...)
     EVLOG_PRINTF(7, 8);
 
 /* Writes a text that has neither module, level nor position. Default: at most 1023 bytes, cut
- * there, to the log file (standard error where there is none or it fails) in one write; a newline is
- * added where the text does not end in one. Neither locks nor allocates, keeps errno: signal-safe,
- * as long as no width or precision in the format exceeds 500 and no conversion takes wide
- * characters. Returns the number of bytes written, or -1. */
+ * there, to the log file (standard error where there is none or it fails) in one write; a newline
+ * is added where the text does not end in one. Neither locks nor allocates, keeps errno:
+ * signal-safe, as long as no width or precision in the format exceeds 500 and no conversion takes
+ * wide characters. Returns the number of bytes written, or -1. */
 EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 
 /* The same with the values as a va_list, and nothing added to the text. */

@@ -26,6 +26,9 @@
 /* The module id under which the library logs, allocates and calls the kernel module. */
 #define VORN_MODULE_ID 381u
 
+/* The name of that module. */
+#define VORN_MODULE_NAME "OSAX"
+
 /* Module ids run from 0 to VORN_MODULE_ID_COUNT - 1. */
 #define VORN_MODULE_ID_COUNT 1024u
 

@@ -1,6 +1,6 @@
 /* Checksums: CRC-32C (Castagnoli, RFC 3720 appendix B.4) and CRC-16/T10-DIF (SCSI Block Commands,
- * the guard of a protected sector). Every function is pure, may be called from any thread and in a
- * signal handler, and never blocks. */
+ * the guard of a protected sector). Every function may be called from any thread and in a signal
+ * handler, and none blocks or keeps anything between two calls. */
 #ifndef VORN_CRC_H
 #define VORN_CRC_H
 
@@ -8,9 +8,8 @@
 
 VORN_BEGIN_DECLS
 
-/* Chooses the instruction-based CRC-32C for vorn_crc32cContinue, where the processor has it
- * (AArch64: no test is made, the target has it). The checksums work before this call too. vorn_Init
- * makes it. */
+/* Makes vorn_crc32cContinueHard the routine behind vorn_crc32cContinue, as the first checksum does
+ * where this call has not been made: the checksums work before it. vorn_Init makes it. */
 VORN_API void vorn_crc32_init(void);
 
 /* The register crc carried on over length bytes at data; crc itself when data is NULL or length is
@@ -19,8 +18,10 @@ VORN_API void vorn_crc32_init(void);
 VORN_API uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length);
 
 /* The routine that vorn_crc32cContinue calls, by instructions where the processor has them, else by
- * table. data is not tested. The length is taken as signed: 2 GiB and more returns crc unchanged,
- * on every path and processor. */
+ * table (x86-64: SSE4.2 and PCLMULQDQ, and for long inputs AVX2 and VPCLMULQDQ, are looked for when
+ * the library is loaded; AArch64: no test is made, every processor that the library runs on has
+ * CRC32 and PMULL). data is not tested. The length is taken as signed: 2 GiB and more returns crc
+ * unchanged, on every path and processor. */
 VORN_API uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length);
 
 /* The same by table, for any length; crc itself when length is 0. data is not tested. */

@@ -8,9 +8,10 @@
 
 VORN_BEGIN_DECLS
 
+/* A node, or a head. */
 typedef struct vorn_list_head {
-  struct vorn_list_head *next;
-  struct vorn_list_head *prev;
+  struct vorn_list_head *next; /* the node behind; of a head the first */
+  struct vorn_list_head *prev; /* the node before; of a head the last */
 } vorn_list_head_s;
 
 /* What a node that is on no list holds. Both addresses fault when followed. */

@@ -6,21 +6,27 @@
 
 VORN_BEGIN_DECLS
 
-/* Each passes all its arguments, unchanged, to the logging library's function and returns its
- * result: what they mean, their results and their errors are that library's (evlog.h describes the
- * default one). vorn_log_init -> evlog_init             vorn_log_init("scrub", "/var/log/scrub");
- *   vorn_log_destroy -> evlog_destroy       vorn_log_destroy(0);
- *   vorn_log_level_set -> evlog_loglevel_set  vorn_log_level_set(381, 7);
- *   vorn_log_level_get -> evlog_loglevel_get  int level = vorn_log_level_get(381);
- * Any thread may call; they may block as the logging library does and are not signal-safe. */
+/* The four functions below pass all their arguments, unchanged, to a function of the logging
+ * library and return its result: what they mean, their results and their errors are that library's,
+ * and evlog.h describes the default one's. Any thread may call; they may block as the logging
+ * library does and are not signal-safe. */
+
+/* evlog_init: vorn_log_init("scrub", "/var/log/scrub") opens the log of a service. */
 VORN_API int vorn_log_init(const char *first, ...);
+
+/* evlog_destroy: vorn_log_destroy(0) closes it. */
 VORN_API int vorn_log_destroy(uintptr_t first, ...);
+
+/* evlog_loglevel_set: vorn_log_level_set(381, 7) lets the library's own records of all levels pass.
+ */
 VORN_API int vorn_log_level_set(uintptr_t first, ...);
+
+/* evlog_loglevel_get: vorn_log_level_get(381) is the level of the library's own records. */
 VORN_API int vorn_log_level_get(uintptr_t first, ...);
 
 /* Limits the records of the logging group that module belongs to: evlog_ratelimit_set(group, a, b),
  * whose result it returns. The meaning of a and b is the logging library's (the default: at most a
- * records in b milliseconds). Any thread. */
+ * records in b milliseconds). Any thread; not signal-safe. */
 VORN_API int vorn_ratelimit_set(unsigned int module, unsigned int a, unsigned int b);
 
 VORN_END_DECLS

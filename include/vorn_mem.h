@@ -19,6 +19,7 @@ typedef struct vorn_mem_head {
   uint32_t reserved; /* 0 */
 } vorn_mem_head_s;
 
+/* What vorn_mem_head_s::magic holds. */
 #define VORN_MEM_MAGIC 0xF5F5F5F5u
 
 /* The type of memory that vorn_mallocsubproc reports: the system's heap. */

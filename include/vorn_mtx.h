@@ -18,7 +18,8 @@ VORN_BEGIN_DECLS
  * signal-safe. */
 VORN_API int vorn_mtx_init(pthread_mutex_t *mutex, int type);
 
-/* Returns pthread_mutex_destroy(mutex): 0 or a positive error. */
+/* Returns pthread_mutex_destroy(mutex): 0 or a positive error. Any thread, while nobody uses the
+ * mutex; not signal-safe. */
 VORN_API int vorn_mtx_destroy(pthread_mutex_t *mutex);
 
 VORN_END_DECLS

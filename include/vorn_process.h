@@ -25,7 +25,7 @@ VORN_API const char *vorn_pid_get_name(unsigned int id);
 
 /* Names module id. The pointer is kept, not a copy: name stays the caller's and must outlive the
  * table. An id above 1023 and a NULL name are ignored. It takes no lock: two callers for one id
- * leave one of the two names. Any thread. */
+ * leave one of the two names. Any thread; signal-safe while the table is built. */
 VORN_API void vorn_pid_set_name(unsigned int id, const char *name);
 
 /* A stamp that tells this run of the process from others: CLOCK_MONOTONIC_RAW in nanoseconds at the

@@ -1,6 +1,6 @@
 /* Console print, panic and the reboot requests. The requests go to the node's kernel module; none
  * is tried again, and where the module is missing they fail with an error record. Any thread may
- * call; none is signal-safe. */
+ * call; none but printk is signal-safe. */
 #ifndef VORN_REBOOT_H
 #define VORN_REBOOT_H
 
@@ -9,7 +9,8 @@
 VORN_BEGIN_DECLS
 
 /* Writes the text as it stands, without module, level or source position. Returns what the logging
- * library returns: for the default one the number of bytes written, or -1. */
+ * library returns: for the default one the number of bytes written, or -1. Signal-safe
+ * as that library is. */
 VORN_API int printk(const char *format, ...) VORN_PRINTF(1, 2);
 
 /* Asks for a reboot of the node. What reason and mid mean is the kernel module's business; of text,

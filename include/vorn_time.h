@@ -21,13 +21,14 @@ VORN_API uint64_t vorn_gettime_init(void);
  * vorn_gettime_init. */
 VORN_API int vorn_CheckCurrCpu(void);
 
-/* Nanoseconds of the counter, from an arbitrary origin; monotonic, across CPUs too. 0 until the
- * time base has been started. Neither locks nor enters the kernel (x86-64: where the kernel trusts
- * the time-stamp counter). Its read is not ordered against neighbouring memory accesses. Any
- * thread, signal-safe. */
+/* Nanoseconds of the counter, from an arbitrary origin; 0 until the time base has been started. The
+ * counter is one for all CPUs and never goes back. Its read is not ordered against neighbouring
+ * memory accesses: a thread that compares with another's reading synchronises first. Neither locks
+ * nor enters the kernel (x86-64: where the kernel trusts the time-stamp counter). Any thread,
+ * signal-safe. */
 VORN_API uint64_t vorn_time_getnanosec(void);
 
-/* The same in milliseconds, rounded down. */
+/* The same in milliseconds, rounded down. Any thread, signal-safe. */
 VORN_API uint64_t vorn_time_getmillisec(void);
 
 /* The nanoseconds of that many counter ticks; 0 until the time base has been started. Any thread,

@@ -73,6 +73,7 @@ long read_reboot_count(const Arguments &arguments) {
   auto *count = pointer<uint32_t>(arguments[2]);
   if (count == nullptr) return fault();
   *count = reboot_count.load();
+  print("vornsim: asked for the reboot count, answered %u\n", *count);
   return 0;
 }
 
@@ -88,7 +89,7 @@ long free_mem(const Arguments &arguments) {
   if (kilobytes == nullptr) return fault();
   struct sysinfo info {};
   if (sysinfo(&info) != 0) return -1;
-  *kilobytes = info.freeram / 1024 * info.mem_unit;
+  *kilobytes = info.freeram * info.mem_unit / 1024;
   return 0;
 }
 

@@ -3,15 +3,16 @@
  * vorn_private_syscall then stands in front of the library's own. Nothing is ever rebooted, reset
  * or stopped.
  *
- * It answers these operations of module 381, and -1 with ENOSYS to all others:
- *   0x000 reset the local board, 0x001 reboot, 0x003 panic   recorded and printed on standard error
- *   0x002 read the reboot count                              recorded; the count of
- * vornsim_set_reboot_count 0x400 free memory                                        the machine's,
- * in kB 0x401 memory accounting                                  a table of 1024 counters, of the
- * process 0x402 dump memory statistics                             the table's modules, printed on
- * standard error
+ * It answers these operations of module 381, and -1 with ENOSYS to all others. Each call is
+ * recorded:
+ * - 0x000 reset the local board, 0x001 reboot, 0x003 panic: printed on standard error
+ * - 0x002 read the reboot count: the count of vornsim_set_reboot_count, printed as well
+ * - 0x400 free memory: the machine's, in kB
+ * - 0x401 memory accounting: a table of 1024 counters, of the process
+ * - 0x402 dump memory statistics: the table's modules, printed on standard error
  *
- * Any thread may call any function; all are signal-safe. */
+ * Any thread may call any function. All are signal-safe as far as the C library's vsnprintf is,
+ * which formats what is printed. */
 #ifndef VORNSIM_H
 #define VORNSIM_H
 
@@ -21,7 +22,7 @@ VORN_BEGIN_DECLS
 
 /* The arguments of a call, as they were passed behind the command word. */
 typedef struct vornsim_call {
-  unsigned long arguments[4];
+  unsigned long arguments[4]; /* VORN_SYSCALL_UNUSED where the operation takes none */
 } vornsim_call_s;
 
 /* How often the operation was asked for; 0 for one that the simulator does not know. */

@@ -13,9 +13,11 @@ namespace {
 const std::string kRoot = "/sys/devices/system/cpu/cpufreq/";
 
 TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
-  if (!scratch::cover_directory("/sys/devices/system/cpu")) GTEST_SKIP() << "no right to mount here";
+  if (!scratch::cover_directory("/sys/devices/system/cpu"))
+    GTEST_SKIP() << "no right to mount here";
   EXPECT_EQ(vorn_cpufreq_init(), 0);
-  EXPECT_EQ(capture::take_texts(), std::vector<std::string>{"cpufreq: 0 policies can be controlled."});
+  EXPECT_EQ(capture::take_texts(),
+            std::vector<std::string>{"cpufreq: 0 policies can be controlled."});
 
   for (const char *policy : {"policy0", "policy4"}) {
     scratch::write_file(kRoot + policy + "/cpuinfo_min_freq", "200000\n");

@@ -117,6 +117,8 @@ int fake_init(unsigned long a, unsigned long b, unsigned long c, unsigned long d
               unsigned long f) __asm__("evlog_init");
 int fake_level_set(unsigned long a, unsigned long b, unsigned long c, unsigned long d,
                    unsigned long e, unsigned long f) __asm__("evlog_loglevel_set");
+int fake_destroy(unsigned long a) __asm__("evlog_destroy");
+int fake_level_get(unsigned long a) __asm__("evlog_loglevel_get");
 int fake_group(unsigned int module) __asm__("evlog_get_group_id");
 int fake_ratelimit(int group, unsigned int a, unsigned int b) __asm__("evlog_ratelimit_set");
 // NOLINTEND
@@ -135,6 +137,8 @@ int fake_level_set(unsigned long a, unsigned long b, unsigned long c, unsigned l
                    unsigned long e, unsigned long f) {
   return keep(a, b, c, d, e, f, 18);
 }
+int fake_destroy(unsigned long a) { return keep(a, 0, 0, 0, 0, 0, 20); }
+int fake_level_get(unsigned long a) { return keep(a, 0, 0, 0, 0, 0, 21); }
 int fake_group(unsigned int module) { return static_cast<int>(module) + 1000; }
 int fake_ratelimit(int group, unsigned int a, unsigned int b) {
   return keep(static_cast<unsigned long>(group), a, b, 0, 0, 0, 19);
@@ -156,6 +160,12 @@ TEST(Log, PassesFullWordsAndResultsUnchanged) {
   std::fill(std::begin(seen), std::end(seen), 0);
   EXPECT_EQ(vorn_log_level_set(first, words[1], words[2], words[3], words[4], words[5]), 18);
   EXPECT_EQ(got(), words);
+}
+
+TEST(Log, EachGoesToItsOwn) {
+  EXPECT_EQ(vorn_log_destroy(5), 20);
+  EXPECT_EQ(vorn_log_level_get(~0ul), 21);
+  EXPECT_EQ(seen[0], ~0ul);
 }
 
 TEST(Log, LimitsTheGroupOfAModule) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -52,14 +53,14 @@ protected:
 };
 
 TEST_F(Driver, CounterIsReadFromTheMapping) {
-  install("uio0", "0xffff0000\n", "0x2000\n", "0x340\n");
-  scratch::write_file(kUio + "other/x", "");
+  install("uio0", "0xffff000000000000\n", "0x2000\n", "0x340\n");
+  scratch::write_file(kUio + "ui/x", "");
   set_counter("uio0", 0x340, 0x1122334455667788);
   const int before = open_descriptors();
   EXPECT_EQ(vorn_get_jiffies(), 0x1122334455667788u);
   EXPECT_NO_RECORD();
   const vorn_jiffies_uio_s *record = jiffies_uio_get();
-  EXPECT_EQ(record->addr, 0xffff0000u);
+  EXPECT_EQ(record->addr, 0xffff000000000000u);
   EXPECT_EQ(record->size, 0x2000);
   EXPECT_EQ(*record->jiffies, 0x1122334455667788u);
   EXPECT_EQ(open_descriptors(), before);
@@ -89,6 +90,8 @@ struct Failure {
   const char *remove; // below / what is missing
   const char *text;
 };
+
+void PrintTo(const Failure &failure, std::ostream *out) { *out << failure.remove; }
 
 class DriverFailure : public Driver, public testing::WithParamInterface<Failure> {};
 
@@ -150,8 +153,9 @@ TEST_F(Driver, OverlongNameIsReportedAndFails) {
 }
 
 TEST(Jiffies, AdvanceAt250ASecondWithoutTheDriver) {
-  const uint64_t start = vorn_get_jiffies();
+  jiffies_Init();
   const uint64_t started = vorn_time_getnanosec();
+  const uint64_t start = vorn_get_jiffies();
   const timespec pause{0, 60000000};
   nanosleep(&pause, nullptr);
   const uint64_t ticks = vorn_get_jiffies() - start;

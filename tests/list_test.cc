@@ -1,4 +1,4 @@
-// test-wraps: vorn_get_jiffies
+// test-objects: the checked list is not exported
 #include "list/vorn_list.hpp"
 
 #include <csignal>
@@ -11,8 +11,6 @@
 
 #include "base/log.hpp"
 #include "support/log_capture.hpp"
-
-extern "C" uint64_t __wrap_vorn_get_jiffies() { return 0; }
 
 namespace {
 
@@ -44,6 +42,18 @@ std::vector<int> values(const vorn_list_head_s &head) {
     found.push_back(vorn_list_entry(node, Record, node)->value);
   }
   return found;
+}
+
+// From now on a fault shows the records on standard error and ends the process.
+vorn::list::Show shown_at_fault() {
+  signal(SIGSEGV, [](int) {
+    for (const auto &record : capture::take()) {
+      std::fprintf(stderr, "%d %s %u %s\n", record.level, record.file.c_str(), record.line,
+                   record.text.c_str());
+    }
+    _exit(1);
+  });
+  return dump;
 }
 
 class List : public testing::Test {
@@ -139,8 +149,20 @@ TEST_F(List, DrainReportsAFirstNodeThatDoesNotPointBack) {
   const std::string wanted = "Abnormal list node cur:" + shown(&records_[0].node) +
                              ", is not point to last:" + head.substr(0, head.find('('));
   EXPECT_EQ(take_first(&head_, dump, VORN_FILE), &records_[0].node);
-  EXPECT_EQ(capture::take().front().text, wanted);
+  const auto records = capture::take();
+  EXPECT_EQ(records.front().text, wanted);
+  EXPECT_EQ(records.front().level, vorn::kError);
   EXPECT_EQ(dumped.front(), &records_[0].node);
+}
+
+// A tail that is no node is noted, and then faults.
+TEST_F(List, MissingTailIsNotedInTheCallersPlace) {
+  for (vorn_list_head_s *tail : {static_cast<vorn_list_head_s *>(nullptr), VORN_LIST_POISON_PREV}) {
+    head_.prev = tail;
+    const unsigned int line = __LINE__ + 1;
+    EXPECT_DEATH(insert_tail(&head_, &records_[0].node, shown_at_fault(), VORN_FILE), // here
+                 "6 list_test.c " + std::to_string(line) + " List node prev:\\(");
+  }
 }
 
 TEST_F(List, EmptyDrainIsSilent) {
@@ -152,19 +174,8 @@ TEST_F(List, EmptyDrainIsSilent) {
 TEST_F(List, SecondRemovalReportsAndFaults) {
   fill(1);
   remove(&records_[0].node, dump, VORN_FILE);
-  EXPECT_DEATH(
-      {
-        struct Report {
-          static void at_fault(int) {
-            for (const auto &line : capture::take_texts())
-              std::fprintf(stderr, "%s\n", line.c_str());
-            _exit(1);
-          }
-        };
-        signal(SIGSEGV, Report::at_fault);
-        remove(&records_[0].node, dump, VORN_FILE);
-      },
-      "List node prev:\\(0x200200\\), cur:\\(0x");
+  EXPECT_DEATH(remove(&records_[0].node, shown_at_fault(), VORN_FILE),
+               "List node prev:\\(0x200200\\), cur:\\(0x");
 }
 
 } // namespace

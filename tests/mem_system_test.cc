@@ -4,8 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <gtest/gtest.h>
+#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
@@ -13,7 +15,13 @@
 
 static long page_size = 4096;
 static std::string meminfo;
-static int protections = 0;
+struct Protection {
+  uintptr_t address;
+  size_t length;
+  int access;
+  bool operator==(const Protection &) const = default;
+};
+static std::vector<Protection> protections;
 static bool fail_next_malloc = false;
 
 extern "C" {
@@ -30,8 +38,8 @@ FILE *__wrap_fopen(const char *path, const char *mode) {
   return __real_fopen(meminfo.c_str(), mode);
 }
 
-int __wrap_mprotect(void *, size_t, int) {
-  ++protections;
+int __wrap_mprotect(void *address, size_t length, int access) {
+  protections.push_back({reinterpret_cast<uintptr_t>(address), length, access});
   return 0;
 }
 
@@ -68,6 +76,13 @@ TEST(MemSystem, PageSizeIsReadAgainAfterAFailure) {
   EXPECT_EQ(page, 0u);
   EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_mem_manager.c", "vorn_get_current_page_size_inner",
                     "Get current system page size failed, ret=(-1), errno(22):Invalid argument.");
+  char anything = 0;
+  EXPECT_EQ(vorn_setmemory_ro(&anything, 1), -1);
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].function, "vorn_setmemory_ro");
+  EXPECT_EQ(records[1].text,
+            "Get current system page size failed, ret(-1), errno(22):Invalid argument.");
   page_size = 65536;
   EXPECT_EQ(vorn_get_sys_page_size(&page), 0);
   EXPECT_EQ(page, 65536u);
@@ -80,24 +95,29 @@ TEST(MemSystem, LargePagesWantWholePages) {
   struct Row {
     uintptr_t address;
     unsigned int units;
-    int protections;
+    size_t length; // 0: nothing is changed
     const char *text;
   };
   const Row rows[] = {
-      {0x10000, 16, 1, nullptr},
+      {0x10000, 16, 65536, nullptr},
       {0x10000, 15, 0,
        "Param is invalied, page_addr(0x10000), numpages(15), g_CurSysPageSize(65536)."},
       {0x11000, 16, 0,
        "Param is invalied, page_addr(0x11000), numpages(16), g_CurSysPageSize(65536)."},
-      {0x10000, 0x100000, 1, nullptr}, // the length wraps to 0 in 32 bits and passes
+      {0x10000, 0x100000, 1ul << 32, nullptr}, // wraps to 0 in 32 bits and so passes
   };
   for (const Row &row : rows) {
-    protections = 0;
+    protections.clear();
     EXPECT_EQ(vorn_setmemory_ro(reinterpret_cast<void *>(row.address), row.units), 0);
-    EXPECT_EQ(protections, row.protections) << row.units;
+    EXPECT_EQ(vorn_setmemory_rw(reinterpret_cast<void *>(row.address), row.units), 0);
+    std::vector<Protection> wanted;
+    if (row.length != 0) {
+      wanted = {{row.address, row.length, PROT_READ}, {row.address, row.length, PROT_WRITE}};
+    }
+    EXPECT_EQ(protections, wanted) << row.units;
     const auto texts = capture::take_texts();
-    EXPECT_EQ(texts, row.text == nullptr ? std::vector<std::string>()
-                                         : std::vector<std::string>{row.text});
+    EXPECT_EQ(texts, std::vector<std::string>(row.text == nullptr ? 0 : 2,
+                                              row.text == nullptr ? "" : row.text));
   }
 }
 

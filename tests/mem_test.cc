@@ -144,7 +144,8 @@ TEST(Mem, CountsFromManyThreadsLoseNothing) {
         void *block = vorn_malloc(4, 32);
         vorn_free(block);
       }
-      for (int i = 0; i < 200000; ++i) vorn_mem_stat_add(5, 1);
+      for (int i = 0; i < 200000; ++i)
+        vorn_mem_stat_add(5, 1);
     });
   }
   for (auto &thread : threads)

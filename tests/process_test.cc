@@ -5,10 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "evlog.h"
-#include "support/log_capture.hpp"
-#include "support/scratch.hpp"
-
 namespace {
 
 TEST(ModuleNames, KnowsRowsGapsAndIdsOutOfRange) {
@@ -61,40 +57,6 @@ TEST(ModuleNames, AreAlwaysWholeWhileOthersClearAndName) {
   }
   clearing.join();
   naming.join();
-}
-
-TEST(ModuleNames, NodesFileAddsRowsAndBadLinesAreReported) {
-  scratch::write_file("/WRK/conf/keep", "");
-  if (!scratch::cover_directory("/WRK/conf")) GTEST_SKIP() << "no right to mount here";
-  scratch::write_file("/WRK/conf/vorn_module_names", "# of this node\n"
-                                                     "\n"
-                                                     "  12\tTWELVE \n"
-                                                     "381 OTHER\n"
-                                                     "12x BAD\n"
-                                                     "13 lower\n"
-                                                     "14\n"
-                                                     "15 TOO MANY\n"
-                                                     "99999 FAR\n"
-                                                     "1024 OUTSIDE\n"
-                                                     "16 LAST");
-  EXPECT_STREQ(vorn_pid_get_name(12), "TWELVE");
-  EXPECT_STREQ(vorn_pid_get_name(381), "OTHER");
-  EXPECT_STREQ(vorn_pid_get_name(16), "LAST");
-  for (const unsigned int id : {13u, 14u, 15u})
-    EXPECT_STREQ(vorn_pid_get_name(id), "NONE");
-
-  std::vector<std::string> lines;
-  for (const auto &record : capture::take()) {
-    EXPECT_EQ(record.level, EVLOG_WARNING);
-    EXPECT_EQ(record.file, "vorn_process.c");
-    lines.push_back(record.text.substr(0, record.text.find(" is ")));
-  }
-  const std::string file = "/WRK/conf/vorn_module_names line ";
-  EXPECT_EQ(lines, (std::vector{file + "5", file + "6", file + "7", file + "8", file + "9"}));
-
-  pid_destroy_names();
-  EXPECT_STREQ(vorn_pid_get_name(12), "TWELVE");
-  EXPECT_NO_RECORD(); // the file is read once
 }
 
 TEST(ProcessVersion, IsTakenOnce) {

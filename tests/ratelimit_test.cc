@@ -38,6 +38,8 @@ TEST_P(RateLimit, PrintsThreeInABurstAndReportsWhenDue) {
   ASSERT_EQ(records.size(), 2u);
   EXPECT_EQ(records[0].text.rfind("print: 8 messages suppressed.site,line=", 0), 0u)
       << records[0].text;
+  EXPECT_EQ(records[0].text.substr(records[0].text.find("line=")),
+            "line=" + std::to_string(records[0].line) + ".");
   EXPECT_EQ(records[0].level, vorn::kInfo);
   EXPECT_EQ(records[0].function, "site");
   EXPECT_EQ(records[1].text, "hit");
@@ -45,7 +47,9 @@ TEST_P(RateLimit, PrintsThreeInABurstAndReportsWhenDue) {
   EXPECT_EQ(hit(5), 2);
   jiffies += 15000;
   EXPECT_EQ(hit(1), 1); // three more are suppressed, but the last report is too young
-  jiffies += 135000;
+  jiffies += 134999;
+  EXPECT_EQ(hit(1), 1); // not due by one tick
+  jiffies += 15000;
   site();
   EXPECT_EQ(capture::take_texts().front().rfind("print: 3 messages suppressed.", 0), 0u);
 }

@@ -521,16 +521,17 @@ TEST_F(Scrub, OneRunAtATimeWritesAManifest) {
 }
 
 TEST_F(Scrub, TakesNoFileOfItsOwnForData) {
-  write_file(file("m/sums.txt"), "of the user");
+  for (const char *name : {"m/sums.txt", "m/sums.log", "logs/sums", "logs/sums.log.old"})
+    write_file(file(name), "of the user");
+  write_file(file("logs/sums.log.1"), "an old log");
   write_file(file("m/sums"), "an old manifest");
   const Words places{"--manifest", file("m/sums"), "--log", file("logs"), root()};
-  fs::create_directory(file("logs"));
   for (const char *command : {"create", "verify", "verify"}) {
     Words words = places;
     words.insert(words.begin(), command);
-    EXPECT_OUTCOME(scrub(words), kClean, "1 read");
+    EXPECT_OUTCOME(scrub(words), kClean, "4 read");
   }
-  EXPECT_TRUE(contains(read_file(file("logs/sums.log")), "verified: 1 files"));
+  EXPECT_TRUE(contains(read_file(file("logs/sums.log")), "verified: 4 files"));
 }
 
 TEST_F(Scrub, ReplacesNothingButAManifest) {
@@ -562,15 +563,20 @@ TEST_F(Scrub, RefusesWrongCommandLines) {
       {{"create", root(), "-q"}, kCouldNotRun, "no option -q"},
       {{"create", root(), "--log"}, kCouldNotRun, "--log needs a value"},
       {{"create", root(), "--manifest", root() + "/"}, kCouldNotRun, "names no file"},
-      {{"create", missing}, kCouldNotRun, "No such file or directory"},
-      {{"create", "--manifest", scratch_ / "m", missing}, kCouldNotRun, "cannot read directory"},
+      {{"create", missing}, kCouldNotRun, "there is no directory"},
+      {{"create", "--manifest", missing + "/m", root()}, kCouldNotRun, "there is no directory"},
+      {{"create", "--manifest", scratch_ / "m", "/dev/null"},
+       kCouldNotRun,
+       "no directory /dev/null"},
       {{"verify", root()}, kCouldNotRun, "make one with create"},
-      {{"verify", "--manifest", root(), root()}, kCouldNotRun, "Is a directory"},
+      {{"verify", "--manifest", root(), root()}, kCouldNotRun, "there is no manifest"},
       {{"--help"}, kClean, "Exit status:"},
       {{"--version"}, kClean, "vorn-scrub "},
   };
   for (const auto &row : rows)
     EXPECT_OUTCOME(scrub(row.words), row.status, row.text);
+  EXPECT_TRUE(fs::is_empty(root())) << "a log was left behind";
+  EXPECT_FALSE(fs::exists(missing));
   EXPECT_OUTCOME(
       scrub({"create", root()}, [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); }),
       kCouldNotRun, "cannot write to standard output");

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <string>
+#include <sys/stat.h>
 
 #include "interrupt.hpp"
 #include "log.hpp"
@@ -35,11 +37,30 @@ private:
   bool started_ = false;
 };
 
-ExitStatus could_not_run(const char *why) {
-  SCRUB_LOG(EVLOG_ERROR, "%s.", why);
+ExitStatus refuse(const char *why) {
   std::fflush(stdout);
   std::fprintf(stderr, "vorn-scrub: %s\n", why);
   return kCouldNotRun;
+}
+
+ExitStatus could_not_run(const char *why) {
+  SCRUB_LOG(EVLOG_ERROR, "%s.", why);
+  return refuse(why);
+}
+
+bool is_there(const std::string &path, mode_t type) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
+}
+
+// Asked before the log is opened, so that a mistyped name leaves no log behind.
+std::string what_is_missing(const Job &job, Command command) {
+  if (!is_there(job.root, S_IFDIR)) return "there is no directory " + job.root;
+  if (!is_there(job.places.manifest_directory, S_IFDIR))
+    return "there is no directory " + job.places.manifest_directory;
+  if (command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
+    return "there is no manifest " + job.places.manifest() + ", make one with create";
+  return {};
 }
 
 ExitStatus do_job(const Job &job, Command command) {
@@ -69,6 +90,8 @@ int run(int argc, char **argv) {
     break;
   }
 
+  const std::string missing = what_is_missing(options.job, options.command);
+  if (!missing.empty()) return refuse(missing.c_str());
   catch_signals();
   const Session session(options.job);
   if (!session.started()) return could_not_run("the library did not start; the log tells why");

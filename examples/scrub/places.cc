@@ -27,13 +27,11 @@ bool OwnFiles::contains(const struct stat &directory, std::string_view name) con
   return same_directory(directory, log_directory_) && is_log(name);
 }
 
-// "NAME.log", or "NAME.1.log" and so on for those that rotation keeps.
+// "NAME.log", or "NAME.log.1" and so on for those that rotation keeps.
 bool OwnFiles::is_log(std::string_view name) const {
-  constexpr std::string_view kSuffix = ".log";
-  if (!name.starts_with(places_.log_name()) || !name.ends_with(kSuffix)) return false;
-  if (name.size() < places_.log_name().size() + kSuffix.size()) return false;
-  name.remove_prefix(places_.log_name().size());
-  name.remove_suffix(kSuffix.size());
+  const std::string log = places_.log_name() + ".log";
+  if (!name.starts_with(log)) return false;
+  name.remove_prefix(log.size());
   if (name.empty()) return true;
   return name.size() > 1 && name[0] == '.' &&
          name.find_first_not_of("0123456789", 1) == std::string_view::npos;

@@ -157,8 +157,7 @@ private:
 ExitStatus verify(const Job &job) {
   const std::string name = job.places.manifest();
   const Fd fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!fd)
-    fail("cannot open the manifest " + name + (errno == ENOENT ? ", make one with create" : ""));
+  if (!fd) fail("cannot open the manifest " + name);
   std::printf("Verifying %s against %s\n", job.root.c_str(), name.c_str());
   const Totals recorded = check_manifest(fd.get(), name);
   SCRUB_LOG(EVLOG_INFO, "verify: %s, %" PRIu64 " files recorded.", escape(job.root).c_str(),

@@ -26,8 +26,16 @@ struct alignas(16) Crc16Fold {
   std::uint64_t high;
 };
 
-constexpr Crc16Fold crc16_fold(unsigned int bytes) {
+consteval Crc16Fold crc16_fold(unsigned int bytes) {
   return {crc16_power(8 * bytes), crc16_power(8 * bytes + 64)};
+}
+
+// Entry n folds over n vectors of kBytes.
+template <unsigned int kBytes> consteval std::array<Crc16Fold, 16> crc16_folds() {
+  std::array<Crc16Fold, 16> folds{};
+  for (unsigned int n = 0; n < folds.size(); ++n)
+    folds[n] = crc16_fold(kBytes * n);
+  return folds;
 }
 
 // From 128 bits to 16. The checksum of h * x^64 + l is that times x^16, modulo P:
@@ -50,7 +58,7 @@ consteval std::uint64_t crc16_quotient() {
 inline constexpr std::uint64_t kCrc16Quotient = crc16_quotient();
 
 // Of the register, what the first count > 0 bytes of the input leave to the bytes behind them.
-constexpr std::uint16_t crc16_left(std::uint16_t crc, std::size_t count) {
+[[gnu::always_inline]] constexpr std::uint16_t crc16_left(std::uint16_t crc, std::size_t count) {
   return static_cast<std::uint16_t>(count == 1 ? crc << 8 : 0);
 }
 
@@ -97,13 +105,8 @@ private:
   // Vectors under way. What handles them is always inlined: they stay in registers.
   using Lanes = std::array<Vector, kUnderWay>;
 
-  // Entry n folds over n vectors.
-  static constexpr std::array<Crc16Fold, 2 *kUnderWay> kFolds = [] {
-    std::array<Crc16Fold, 2 * kUnderWay> folds{};
-    for (unsigned int n = 0; n < folds.size(); ++n)
-      folds[n] = crc16_fold(kBytes * n);
-    return folds;
-  }();
+  static constexpr auto kFolds = crc16_folds<kBytes>();
+  static_assert(kFolds.size() == 2 * kUnderWay);
 
   // Calls what with 0 to kCount - 1, each a constant.
   template <std::size_t kCount, class Do> [[gnu::always_inline]] static void each(Do what) {

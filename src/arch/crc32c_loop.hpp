@@ -11,7 +11,6 @@
 #ifndef VORN_ARCH_CRC32C_LOOP_HPP
 #define VORN_ARCH_CRC32C_LOOP_HPP
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -27,9 +26,11 @@ inline constexpr std::size_t kMaxLane = 256;
 // Below this many bytes a single chain is faster than three and a join.
 inline constexpr std::size_t kMinLanes = 192;
 
-// Entry d carries a register over d words.
-consteval std::array<std::uint32_t, 3 * kMaxLane + 1> crc32c_carries() {
-  std::array<std::uint32_t, 3 * kMaxLane + 1> carries{};
+// Entry d carries a register over d words: over three lanes at most.
+using Crc32cCarries = std::array<std::uint32_t, 1 + 3 * kMaxLane>;
+
+consteval Crc32cCarries crc32c_carries() {
+  Crc32cCarries carries{};
   std::uint32_t value = crc32c_power(64 - 33);
   for (std::size_t words = 1; words < carries.size(); ++words) {
     carries[words] = value;
@@ -39,7 +40,7 @@ consteval std::array<std::uint32_t, 3 * kMaxLane + 1> crc32c_carries() {
   return carries;
 }
 
-inline constexpr std::array<std::uint32_t, 3 *kMaxLane + 1> kCrc32cCarries = crc32c_carries();
+inline constexpr Crc32cCarries kCrc32cCarries = crc32c_carries();
 
 // Step is the processor's part, and a type of the including file's own, so that no code compiled
 // for special instructions is shared with another file:
@@ -97,8 +98,11 @@ public:
   // The same in a single chain, for short inputs: inlined where they arrive.
   template <class Source> [[gnu::always_inline]] static std::uint32_t
   run_chain(Register crc, Source source, std::size_t length) {
-    for (; length >= 8 * kWord; length -= 8 * kWord)
-      crc = words<8>(crc, source);
+    if (length >= 8 * kWord) { // whose multiples, the most usual, need none of the rest
+      for (; length >= 8 * kWord; length -= 8 * kWord)
+        crc = words<8>(crc, source);
+      if (length == 0) return static_cast<std::uint32_t>(crc);
+    }
     for (; length >= 2 * kWord; length -= 2 * kWord)
       crc = words<2>(crc, source);
     if (length == 0) return static_cast<std::uint32_t>(crc);
@@ -113,7 +117,8 @@ public:
   template <class Source> [[gnu::noinline]] static std::uint32_t
   run_lanes(Register crc, Source source, std::size_t length) {
     while (length >= kMinLanes) {
-      const std::size_t words = std::min(length / (3 * kWord), kMaxLane);
+      const std::size_t fit = length / (3 * kWord);
+      const std::size_t words = fit < kMaxLane ? fit : kMaxLane;
       Lanes lanes{crc, words};
       while (lanes.left() > 1)
         lanes.step(source);

@@ -21,7 +21,6 @@ public:
 
   explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }
-  int release() { return std::exchange(fd_, -1); }
 
 private:
   int fd_;

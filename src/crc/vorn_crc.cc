@@ -12,8 +12,8 @@ using Continue = std::uint32_t (*)(std::uint32_t crc, const void *data, std::uin
 
 constexpr std::uint32_t kStart = 0xFFFFFFFF;
 
-// Longer inputs of CRC-16 are worth the set-up of the kernel.
-constexpr std::uint64_t kCrc16TableMax = 15;
+// Fewer bytes than the kernel takes go through the table.
+constexpr std::uint64_t kCrc16KernelMin = 16;
 
 std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length);
 
@@ -21,9 +21,11 @@ std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t 
 // and in processes that have none.
 constinit std::atomic<Continue> dispatch{continue_first};
 
+void choose() { dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed); }
+
 std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length) {
-  vorn_crc32_init();
-  return dispatch.load(std::memory_order_relaxed)(crc, data, length);
+  choose();
+  return vorn_crc32cContinueHard(crc, data, length);
 }
 
 // The hard routines take their length as signed: 2 GiB and more is a negative length, of nothing.
@@ -60,49 +62,47 @@ std::uint16_t crc16_by_table(std::uint16_t crc, const void *data, std::size_t le
 } // namespace
 } // namespace vorn::crc
 
-using namespace vorn;
-
-void vorn_crc32_init() { crc::dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed); }
+void vorn_crc32_init() { vorn::crc::choose(); }
 
 uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length) {
   if (data == nullptr || length == 0) [[unlikely]]
     return crc;
-  return crc::dispatch.load(std::memory_order_relaxed)(crc, data, length);
+  return vorn::crc::dispatch.load(std::memory_order_relaxed)(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length) {
-  if (crc::is_negative(length)) [[unlikely]]
+  if (vorn::crc::is_negative(length)) [[unlikely]]
     return crc;
-  if (!arch::has_crc32c()) [[unlikely]]
-    return crc::crc32c_by_table(crc, data, length);
-  return arch::crc32c(crc, data, length);
+  if (!vorn::arch::has_crc32c()) [[unlikely]]
+    return vorn::crc::crc32c_by_table(crc, data, length);
+  return vorn::arch::crc32c(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length) {
-  return crc::crc32c_by_table(crc, data, length);
+  return vorn::crc::crc32c_by_table(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length, const void *src) {
-  if (crc::is_negative(length)) [[unlikely]]
+  if (vorn::crc::is_negative(length)) [[unlikely]]
     return crc;
-  if (!arch::has_crc32c()) [[unlikely]]
-    return crc::crc32c_copy_by_table(crc, dst, src, length);
-  return arch::crc32c_copy(crc, dst, src, length);
+  if (!vorn::arch::has_crc32c()) [[unlikely]]
+    return vorn::crc::crc32c_copy_by_table(crc, dst, src, length);
+  return vorn::arch::crc32c_copy(crc, dst, src, length);
 }
 
 uint32_t vorn_crc32cStart(const void *data, uint32_t length) {
-  return vorn_crc32cContinue(crc::kStart, data, length);
+  return vorn_crc32cContinue(vorn::crc::kStart, data, length);
 }
 
 uint32_t vorn_crc32cEnd(uint32_t crc) { return ~crc; }
 
 uint32_t vorn_crc32c(const void *data, uint32_t length) {
-  return ~vorn_crc32cContinue(crc::kStart, data, length);
+  return ~vorn_crc32cContinue(vorn::crc::kStart, data, length);
 }
 
 uint32_t vorn_crc32c_soft(const void *data, uint32_t length) {
   if (data == nullptr || length == 0) return 0;
-  return ~vorn_crc32cContinueSoft(crc::kStart, data, length);
+  return ~vorn_crc32cContinueSoft(vorn::crc::kStart, data, length);
 }
 
 uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
@@ -112,12 +112,12 @@ uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
 }
 
 uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length) {
-  if (length <= crc::kCrc16TableMax || !arch::has_crc16()) [[unlikely]] {
-    return crc::crc16_by_table(crc, data, length);
+  if (length < vorn::crc::kCrc16KernelMin || !vorn::arch::has_crc16()) [[unlikely]] {
+    return vorn::crc::crc16_by_table(crc, data, length);
   }
-  return arch::crc16(crc, data, length);
+  return vorn::arch::crc16(crc, data, length);
 }
 
 uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length) {
-  return crc::crc16_by_table(crc, data, length);
+  return vorn::crc::crc16_by_table(crc, data, length);
 }

@@ -8,13 +8,13 @@
 #include "vorn_crc.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_symbol.h"
 #include "vorn_time.h"
 
 namespace vorn::init {
 namespace {
 
 constexpr int kUnwinderDepth = 3;
-constexpr char kOwnName[] = "OSAX";
 
 constinit Once started{OncePolicy::kRetry};
 
@@ -37,11 +37,12 @@ int vorn_init_inner() {
   if (jiffies_usr_main() != 0) VORN_LOG(kError, "Get jiffies usr addr failed.");
   jiffies_Init();
   pid_init_names();
-  vorn_pid_set_name(kModuleId, kOwnName);
+  vorn_pid_set_name(kModuleId, VORN_MODULE_NAME);
   for (const Step &step : kSteps) {
     const int result = step.run();
     if (result != 0) return VORN_FAIL(result, "%s", step.failure);
   }
+  vorn_symbol_init();
   vorn_crc32_init();
   return 0;
 }
@@ -56,6 +57,7 @@ int start() {
 void stop() {
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy start.");
   pid_destroy_names();
+  vorn_symbol_fini();
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy end.");
 }
 

@@ -1,6 +1,5 @@
 #include "jiffies/jiffies_uio_adp.hpp"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -24,10 +23,6 @@ constexpr std::size_t kPathSize = 128;
 constexpr std::size_t kAttributeSize = 32;
 
 constinit vorn_jiffies_uio_s g_jiffies_uio{};
-
-// The descriptor that jiffies_uio_adp_close may close; -1 outside an opening. Only the opening
-// thread, which holds the mapping's mutex, gives it a value.
-constinit std::atomic<int> owned_device{-1};
 
 class Directory {
 public:
@@ -84,19 +79,6 @@ AttributeText read_attribute(const UniqueFd &fd) {
   return attribute;
 }
 
-// Gives the descriptor to jiffies_uio_adp_close, which closes it at the end of the opening.
-class DeviceOwner {
-public:
-  explicit DeviceOwner(UniqueFd fd) : fd_(fd.release()) { owned_device.store(fd_); }
-  DeviceOwner(const DeviceOwner &) = delete;
-  DeviceOwner &operator=(const DeviceOwner &) = delete;
-  ~DeviceOwner() { jiffies_uio_adp_close(); }
-  int get() const { return fd_; }
-
-private:
-  int fd_;
-};
-
 // A mapping is whole pages, so the counter may lie behind the size that the driver states.
 bool counter_fits(long size, long offset) {
   constexpr long kCounterSize = sizeof(std::uint64_t);
@@ -132,6 +114,12 @@ void set_record(int dev_fd, int addr_fd, int size_fd, int offset_fd, std::uint64
   g_jiffies_uio.size = size;
 }
 
+// Reports a failed step of the opening with the errno that it left.
+int fail(const char *step) {
+  const int error = errno;
+  return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies %s, errno=%d.", step, error);
+}
+
 } // namespace
 
 int open_map() {
@@ -145,37 +133,21 @@ int open_map() {
                         error);
   }
 
-  UniqueFd opened = open_joined("/dev/", name, "");
-  if (!opened) {
-    const int error = errno;
-    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open dev failed, errno=%d.", error);
-  }
-  const DeviceOwner device(std::move(opened));
+  const UniqueFd device = open_joined("/dev/", name, "");
+  if (!device) return fail("open dev failed");
   const UniqueFd addr = open_joined(kDriverDir, name, "/maps/map0/addr");
-  if (!addr) {
-    const int error = errno;
-    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open addr_fd map failed, errno=%d.", error);
-  }
+  if (!addr) return fail("open addr_fd map failed");
   const UniqueFd size = open_joined(kDriverDir, name, "/maps/map0/size");
-  if (!size) {
-    const int error = errno;
-    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open size_fd map failed, errno=%d.", error);
-  }
+  if (!size) return fail("open size_fd map failed");
   const UniqueFd offset = open_joined(kDriverDir, name, "/maps/map0/offset");
-  if (!offset) {
-    const int error = errno;
-    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies open map failed, errno=%d.", error);
-  }
+  if (!offset) return fail("open map failed");
 
   const std::uint64_t map_addr = std::strtoul(read_attribute(addr).text, nullptr, 0);
   const long map_size = std::strtol(read_attribute(size).text, nullptr, 0);
   const long map_offset = std::strtol(read_attribute(offset).text, nullptr, 0);
 
   const volatile std::uint64_t *counter = map_counter(device.get(), map_size, map_offset);
-  if (counter == nullptr) {
-    const int error = errno;
-    return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies mmap2, errno=%d.", error);
-  }
+  if (counter == nullptr) return fail("mmap2");
   set_record(device.get(), addr.get(), size.get(), offset.get(), map_addr, map_size);
   set_counter(counter);
   return 0;
@@ -189,4 +161,5 @@ const volatile std::uint64_t *mapped_counter() {
 
 vorn_jiffies_uio_s *jiffies_uio_get() { return &vorn::jiffies::g_jiffies_uio; }
 
-int jiffies_uio_adp_close() { return close(vorn::jiffies::owned_device.exchange(-1)); }
+// The opening has closed the device again, so there is never one to close.
+int jiffies_uio_adp_close() { return close(-1); }

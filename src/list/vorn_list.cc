@@ -76,10 +76,10 @@ vorn_list_head_s *take_first(vorn_list_head_s *head, Show show, const char *file
   if (node == nullptr) return nullptr;
   const Caller by{show, file, function, line};
   if (node->prev != head) {
-    VORN_LOG_AT(file, line, function, kError,
+    VORN_LOG_AT(by.file, by.line, by.function, kError,
                 "Abnormal list node cur:%p(%p,%p), is not point to last:%p", address(node),
                 address(node->next), address(node->prev), address(head));
-    show(node);
+    by.show(node);
   }
   remove(node, by);
   return node;

@@ -20,6 +20,9 @@ constexpr std::size_t kNameSize = 128;
 
 constinit Once page_size_read{OncePolicy::kRetry};
 
+// The exported figure may be read again at any time, by vorn_get_current_page_size_inner.
+uint64_t page_size() { return __atomic_load_n(&g_CurSysPageSize, __ATOMIC_RELAXED); }
+
 // Two threads that find it 0 read the same figure twice.
 constinit std::atomic<unsigned long> total_kb{0};
 
@@ -49,7 +52,7 @@ int vorn_get_meminfo(const char *key, unsigned long *value) {
   return -1;
 }
 
-bool is_page_multiple(unsigned long value) { return value % g_CurSysPageSize == 0; }
+bool is_page_multiple(unsigned long value) { return value % page_size() == 0; }
 
 // function is the exported one that the records name.
 int set_protection(const char *function, void *addr, unsigned int numpages, int protection) {
@@ -63,13 +66,13 @@ int set_protection(const char *function, void *addr, unsigned int numpages, int 
                         page_size_result, error, std::strerror(error));
   }
   const auto address = reinterpret_cast<unsigned long>(addr);
-  if (g_CurSysPageSize != kUnitSize) {
+  if (page_size() != kUnitSize) {
     const auto length = static_cast<int>(numpages * static_cast<unsigned int>(kUnitSize));
     if (!is_page_multiple(static_cast<unsigned long>(static_cast<long>(length))) ||
         !is_page_multiple(address)) {
       return VORN_FAIL_AS(
           function, 0, "Param is invalied, page_addr(0x%lx), numpages(%d), g_CurSysPageSize(%d).",
-          address, numpages, static_cast<int>(g_CurSysPageSize));
+          address, numpages, static_cast<int>(page_size()));
     }
   }
   if (mprotect(addr, numpages * kUnitSize, protection) == 0) return 0;
@@ -122,6 +125,7 @@ int vorn_get_current_page_size_inner() {
     const int error = errno;
     VORN_LOG(vorn::kInfo, "Get current system page size failed, ret=(%d), errno(%d):%s.",
              static_cast<int>(size), error, std::strerror(error));
+    errno = error; // for a caller that reports it too
     return -1;
   }
   __atomic_store_n(&g_CurSysPageSize, static_cast<uint64_t>(size), __ATOMIC_RELAXED);
@@ -136,7 +140,7 @@ int vorn_get_sys_page_size(unsigned long *out) {
   if (out == nullptr) return VORN_FAIL(-1, "Get sys page size failed, param err.");
   *out = 0;
   if (vorn_get_current_page_size() != 0) return -1;
-  *out = g_CurSysPageSize;
+  *out = vorn::mem::page_size();
   return 0;
 }
 

@@ -1,13 +1,10 @@
-#define VORN_FILE "vorn_mem.c"
-
-#include "mem/vorn_mem_stat.hpp"
+#include "vorn_mem.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 
-#include "base/log.hpp"
 #include "base/mutex.hpp"
-#include "vorn_mem.h"
 #include "vorn_syscall.h"
 
 namespace vorn::mem {
@@ -19,11 +16,14 @@ constexpr unsigned int kColumns = 5;
 constinit std::atomic<std::uint64_t *> known_table{nullptr};
 constinit Mutex table_mutex;
 
+// An allocation that succeeds and a free leave errno alone, also where no kernel module answers.
 std::uint64_t *ask_for_table() {
+  const int kept_errno = errno;
   std::uint64_t address = 0;
   const long result = vorn_private_syscall(
       VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT), reinterpret_cast<unsigned long>(&address),
       VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
+  errno = kept_errno;
   if (static_cast<int>(result) != 0) return nullptr;
   return reinterpret_cast<std::uint64_t *>(address);
 }
@@ -32,8 +32,7 @@ std::atomic_ref<std::uint64_t> counter(std::uint64_t *table, unsigned int pid) {
   return std::atomic_ref(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
 }
 
-} // namespace
-
+// NULL while the kernel module has given none.
 std::uint64_t *stat_table() {
   std::uint64_t *table = known_table.load(std::memory_order_acquire);
   if (table != nullptr) return table;
@@ -47,10 +46,7 @@ std::uint64_t *stat_table() {
   return table;
 }
 
-std::uint64_t stat_read(const std::uint64_t *table, unsigned int pid) {
-  return __atomic_load_n(&table[pid], __ATOMIC_RELAXED);
-}
-
+} // namespace
 } // namespace vorn::mem
 
 void vorn_mem_stat_add(unsigned int pid, unsigned int size) {
@@ -71,11 +67,11 @@ void vorn_mem_show(vorn_print_f print) {
   }
   print("\n");
 
-  const uint64_t *table = vorn::mem::stat_table();
+  uint64_t *table = vorn::mem::stat_table();
   uint64_t total = 0;
   unsigned int shown = 0;
   for (unsigned int pid = 0; table != nullptr && pid < VORN_MODULE_ID_COUNT; ++pid) {
-    const uint64_t used = vorn::mem::stat_read(table, pid);
+    const uint64_t used = vorn::mem::counter(table, pid).load(std::memory_order_relaxed);
     if (used == 0) continue;
     total += used;
     print("| %-6u  %11lld ", pid, static_cast<long long>(used));

@@ -2,9 +2,12 @@
 
 #include "process/node_names.hpp"
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <fcntl.h>
+#include <iterator>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -65,7 +68,8 @@ bool take_row(std::string_view line) {
   return true;
 }
 
-void take_rows(char *text, std::size_t size) {
+// False: no name is kept, so the text need not be.
+bool take_rows(char *text, std::size_t size) {
   unsigned int number = 0;
   for (std::size_t start = 0; start < size;) {
     const auto *newline = static_cast<const char *>(std::memchr(text + start, '\n', size - start));
@@ -77,11 +81,20 @@ void take_rows(char *text, std::size_t size) {
     }
     start = end + 1;
   }
+  return std::any_of(std::begin(names), std::end(names),
+                     [](const char *name) { return name != nullptr; });
+}
+
+// Reports why the file cannot be read.
+int fail(const char *what) {
+  const int error = errno;
+  return VORN_FAIL_AS(kFunction, -1, "%s %s failed, errno=%d.", what, kNodeNamesFile, error);
 }
 
 int load() {
-  const UniqueFd fd(open(kNodeNamesFile, O_RDONLY | O_CLOEXEC));
-  if (!fd) return 0;
+  // not blocking: a file that is a pipe by mistake must not hold up the process
+  const UniqueFd fd(open(kNodeNamesFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  if (!fd) return errno == ENOENT ? 0 : fail("Open");
   struct stat status {};
   if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > kMaxFileSize) {
     return VORN_FAIL_AS(kFunction, -1, "%s is not a table of module names.", kNodeNamesFile);
@@ -90,20 +103,21 @@ int load() {
   auto *text = static_cast<char *>(vorn_malloc(kModuleId, size + 1));
   if (text == nullptr) return -1;
   const ssize_t length = read(fd.get(), text, size);
-  if (length <= 0) {
+  if (length < 0) {
+    fail("Read");
     vorn_free(text);
     return -1;
   }
   text[length] = '\0';
-  take_rows(text, static_cast<std::size_t>(length));
+  if (!take_rows(text, static_cast<std::size_t>(length))) vorn_free(text);
   return 0;
 }
 
 } // namespace
 
-const char *node_name(unsigned int id) {
+const NodeNames &node_names() {
   loaded.run(load);
-  return names[id];
+  return names;
 }
 
 } // namespace vorn::process

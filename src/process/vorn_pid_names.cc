@@ -35,10 +35,11 @@ int build() {
   }
   for (const Row &row : kRows)
     set_slot(row.id, row.name);
+  const NodeNames &names = node_names();
   for (unsigned int id = 0; id < VORN_MODULE_ID_COUNT; ++id) {
-    const char *name = node_name(id);
-    if (name != nullptr) set_slot(id, name);
+    if (names[id] != nullptr) set_slot(id, names[id]);
   }
+  set_slot(VORN_MODULE_ID, VORN_MODULE_NAME); // whatever the node's tables say
   return 0;
 }
 

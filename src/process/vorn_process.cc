@@ -5,6 +5,7 @@
 
 #include "base/log.hpp"
 #include "base/once.hpp"
+#include "base/timespec.hpp"
 
 namespace vorn::process {
 namespace {
@@ -20,7 +21,7 @@ int take_version() {
     VORN_LOG_AS("ps_get_version", kInfo, "Clock_gettime fail ret:%d errno:%d", result, error);
     return result;
   }
-  version = static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+  version = nanoseconds(now);
   return 0;
 }
 

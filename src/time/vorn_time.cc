@@ -6,6 +6,7 @@
 #include "arch/counter.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
+#include "base/timespec.hpp"
 #include "time/vorn_time.hpp"
 
 namespace vorn::time {
@@ -22,8 +23,7 @@ constinit std::atomic<std::uint64_t> multiplier{0};
 std::uint64_t raw_monotonic() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1000000000 +
-         static_cast<std::uint64_t>(now.tv_nsec);
+  return nanoseconds(now);
 }
 
 void set_cpu_ghz(double value) { __atomic_store(&currCpuGHz, &value, __ATOMIC_RELAXED); }

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include "base/timespec.hpp"
+
 namespace vorn::arch {
 
 // Ticks a second.
@@ -15,8 +17,7 @@ inline std::uint64_t counter_frequency() { return 1000000000; }
 inline std::uint64_t counter() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * counter_frequency() +
-         static_cast<std::uint64_t>(now.tv_nsec);
+  return nanoseconds(now);
 }
 
 } // namespace vorn::arch

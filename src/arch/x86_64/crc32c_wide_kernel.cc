@@ -4,8 +4,6 @@
 
 #include <immintrin.h>
 
-#include <algorithm>
-
 #include "arch/x86_64/crc32c_step.hpp"
 
 namespace vorn::arch {
@@ -59,8 +57,8 @@ struct Vector {
 
   template <unsigned int kBytes> Vector fold() const {
     const __m256i by = factors<kBytes>();
-    return Vector{_mm256_clmulepi64_epi128(value, by, 0x00)} ^
-           Vector { _mm256_clmulepi64_epi128(value, by, 0x11) };
+    return {_mm256_xor_si256(_mm256_clmulepi64_epi128(value, by, 0x00),
+                             _mm256_clmulepi64_epi128(value, by, 0x11))};
   }
 
   // The register that these bytes leave.
@@ -134,7 +132,7 @@ template <class Source>
 template <class Source> std::uint32_t run(std::uint64_t crc, Source source, std::size_t length) {
   if (length == kSector) return static_cast<std::uint32_t>(run_sector(crc, source));
   while (length >= kCrc32cWideMin) {
-    const std::size_t block = std::min(length, kMaxBlock);
+    const std::size_t block = length < kMaxBlock ? length : kMaxBlock;
     const std::size_t rest = run_block(crc, source, block);
     length -= block - rest;
   }
@@ -144,30 +142,6 @@ template <class Source> std::uint32_t run(std::uint64_t crc, Source source, std:
 } // namespace
 
 std::uint32_t crc32c_wide(std::uint32_t crc, const void *data, std::size_t length) {
-  if (length == 512) {
-    Loop::Reader r{static_cast<const std::uint8_t *>(data)};
-    Loop::Reader lane = r;
-    lane.skip(128);
-    Loop::Lanes lanes{0, 16};
-    Stretch stretch = Stretch::begin(crc, r);
-    const std::uint64_t carried = Step::multiply(stretch.reduce(), kCrc32cCarries[48]);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    lanes.step(lane);
-    return lanes.join(lane, carried);
-  }
   return run(crc, Loop::reader(data), length);
 }
 
