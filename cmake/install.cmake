@@ -6,7 +6,7 @@ set(vorn_cmake ${CMAKE_INSTALL_LIBDIR}/cmake/vorn)
 
 install(TARGETS evlog vorn vornsim EXPORT vorn
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${vorn_headers})
-install(TARGETS vorn-scrub)
+install(TARGETS vorn-scrub-installed)
 install(DIRECTORY include/ evlog/ sim/ DESTINATION ${vorn_headers} FILES_MATCHING PATTERN *.h)
 
 install(EXPORT vorn NAMESPACE vorn:: FILE vornConfig.cmake DESTINATION ${vorn_cmake})
