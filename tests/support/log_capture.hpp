@@ -29,9 +29,6 @@ std::vector<std::string> take_texts();
 // Records at this level and below are wanted; 7, the start value, wants all.
 void set_level(int level);
 
-// How often the level was asked for since the last call.
-int take_level_checks();
-
 } // namespace capture
 
 // The next records are exactly one, of the library's own module.
