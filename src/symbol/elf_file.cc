@@ -22,6 +22,9 @@ bool is_function(const Elf64_Sym &symbol) {
          symbol.st_shndx != SHN_COMMON;
 }
 
+// A version ("@...") alone names nothing: only a damaged table holds one.
+bool has_name(const char *name) { return *name != '\0' && *name != '@'; }
+
 } // namespace
 
 ElfFile::ElfFile(const char *path) : fd_(open_regular(path)) {
@@ -78,7 +81,7 @@ bool ElfFile::read_table(Elf64_Word type, const Image &image, Buffer<Function> *
     if (!is_function(symbol)) continue;
     const Elf64_Phdr *code = image.code_at(symbol.st_value);
     const char *name = elf_strptr(elf_, header->sh_link, symbol.st_name);
-    if (code == nullptr || name == nullptr || *name == '\0') continue;
+    if (code == nullptr || name == nullptr || !has_name(name)) continue;
     const Function function{image.base() + symbol.st_value, symbol.st_size,
                             image.base() + code->p_vaddr + code->p_memsz, name,
                             static_cast<unsigned char>(ELF64_ST_BIND(symbol.st_info))};
