@@ -1,0 +1,14 @@
+// Only a read may overtake an earlier write here, and a locked instruction ends that at less cost
+// than mfence. Every atomic read-modify-write is one.
+#ifndef VORN_ARCH_X86_64_BARRIER_HPP
+#define VORN_ARCH_X86_64_BARRIER_HPP
+
+namespace vorn::arch {
+
+inline void full_barrier() { asm volatile("lock; orl $0, -4(%%rsp)" ::: "memory", "cc"); }
+
+inline void full_barrier_after_atomic() { asm volatile("" ::: "memory"); }
+
+} // namespace vorn::arch
+
+#endif

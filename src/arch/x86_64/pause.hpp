@@ -1,0 +1,11 @@
+// Spares the loop the mis-speculation at its end, and leaves the core to its other hyperthread.
+#ifndef VORN_ARCH_X86_64_PAUSE_HPP
+#define VORN_ARCH_X86_64_PAUSE_HPP
+
+namespace vorn::arch {
+
+inline void pause() { asm volatile("pause" ::: "memory"); }
+
+} // namespace vorn::arch
+
+#endif

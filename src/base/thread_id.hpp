@@ -1,0 +1,24 @@
+// The kernel's id of the calling thread (gettid(2)), asked for once a thread and kept in a
+// thread-local word, so that a lock can name its holder without entering the kernel. A child of
+// fork() asks again. Safe in a signal handler.
+#ifndef VORN_BASE_THREAD_ID_HPP
+#define VORN_BASE_THREAD_ID_HPP
+
+#include <cstdint>
+
+namespace vorn {
+
+// 0 until the thread has asked.
+extern thread_local constinit std::uint32_t t_thread_id __attribute__((tls_model("initial-exec")));
+
+// Asks the kernel.
+std::uint32_t fetch_thread_id();
+
+inline std::uint32_t thread_id() {
+  const std::uint32_t id = t_thread_id;
+  return __builtin_expect(id != 0, 1) ? id : fetch_thread_id();
+}
+
+} // namespace vorn
+
+#endif
