@@ -14,6 +14,7 @@
 #include "vorn_mtx.h"
 #include "vorn_process.h"
 #include "vorn_reboot.h"
+#include "vorn_ring.h"
 #include "vorn_sched.h"
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
