@@ -94,24 +94,29 @@ Node *neighbour(Node *node, unsigned int side) {
   return node->parent;
 }
 
-// The children are fetched while the comparison runs. Its result selects between them without a
-// branch: which way a search turns cannot be predicted.
+// Both children are fetched while the comparison runs, and its result selects between them without
+// a branch: which way a search turns cannot be predicted.
 void *find_val_node(const Tree *tree, const void *value, unsigned long *where, bool use_find) {
   const vorn_avl_compare_f compare = use_find ? tree->find_compare : tree->add_compare;
-  Place place{nullptr, kLeft};
-  for (Node *node = tree->root; node != nullptr; node = node->children[place.side]) {
-    __builtin_prefetch(node->children[kLeft]);
-    __builtin_prefetch(node->children[kRight]);
+  Node *parent = nullptr;
+  int order = 0;
+  for (Node *node = tree->root; node != nullptr;) {
+    Node *left = node->children[kLeft];
+    Node *right = node->children[kRight];
+    __builtin_prefetch(left);
+    __builtin_prefetch(right);
     void *record = record_of(tree, node);
-    const int order = compare(value, record);
+    order = compare(value, record);
     if (order == 0) return record;
     if (order < -1 || order > 1) {
-      place = {nullptr, kLeft};
+      parent = nullptr;
+      order = -1;
       break;
     }
-    place = {node, kSideOfBalance[order + 1]};
+    parent = node;
+    node = order > 0 ? right : left;
   }
-  if (where != nullptr) *where = position(place);
+  if (where != nullptr) *where = position({parent, kSideOfBalance[order + 1]});
   return nullptr;
 }
 
