@@ -6,6 +6,8 @@
 
 #include <bsd/sys/tree.h>
 
+#include <sys/prctl.h>
+
 #include <algorithm>
 #include <boost/intrusive/avl_set.hpp>
 #include <cstdio>
@@ -167,6 +169,8 @@ void measure(const bench::Table &table, const char *name, std::size_t count) {
 } // namespace
 
 int main(int argc, char **argv) {
+  // Else luck decides whose records lie in huge pages, and that is worth more than the container.
+  prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
   const bench::Table table{argc, argv, "AVL tree"};
   measure(table, "insert, find and erase, 1 Ki random keys", 1 << 10);
   measure(table, "insert, find and erase, 64 Ki random keys", 1 << 16);
