@@ -1,14 +1,14 @@
 // The hash table beside others of the same records, with as many buckets as there are records. An
 // operation inserts all records, each unless its key is there, then looks each up by its key, then
-// removes each by its key, in three different orders.
+// removes each by its key, in three different orders. Records, and buckets where the table lets its
+// user place them, lie in the same memory, each record 40 bytes (uthash's own links alone take 56):
+// where the system happened to place an array is worth more than the table.
 //
 // The peers hash as they usually do: Boost.Intrusive with boost::hash of the pair, into a power of
-// two of buckets and with nodes that can be told when they are removed, as ours can, uthash with
-// its default (Jenkins). std::unordered_map has no hash of pairs, and gets the sum of the two; it
-// keeps key and address of a record in nodes of its own, from malloc.
+// two of buckets, uthash with its default (Jenkins). std::unordered_map has no hash of pairs, and
+// gets the sum of the two; it keeps key and address of a record in nodes of its own, from malloc.
+// Boost.Intrusive's nodes can be told when they are removed, as ours can, which is its default.
 #include "vorn_hash.h"
-
-#include <sys/prctl.h>
 
 #include <algorithm>
 #include <boost/functional/hash.hpp>
@@ -79,14 +79,26 @@ std::vector<Batch> batches(std::size_t count) {
   return made;
 }
 
-// Hash holds the records, and has set, insert, find and erase; the last three say whether they did.
-template <class Hash> bench::Nanoseconds round(Hash &hash, const Batch &batch) {
-  for (std::size_t i = 0; i < batch.keys.size(); ++i)
-    hash.set(hash.records[i], batch.keys[i]);
+// Memory that all tables are made on in turn.
+struct Memory {
+  explicit Memory(std::size_t count) : records(count * 80), buckets(count * 16) {}
+  std::vector<std::byte> records;
+  std::vector<std::byte> buckets;
+};
+
+// A table is made for count records, gives a record its key by set, and has insert, find and erase,
+// which say whether they did. It is left empty.
+template <class Hash> bench::Nanoseconds round(const Batch &batch, Memory &memory) {
+  const std::size_t count = batch.keys.size();
+  auto *records = reinterpret_cast<typename Hash::Record *>(memory.records.data());
+  std::uninitialized_default_construct_n(records, count);
+  for (std::size_t i = 0; i < count; ++i)
+    Hash::set(records[i], batch.keys[i]);
+  Hash hash{count, memory};
   bool done = true;
   const auto start = bench::Clock::now();
-  for (auto &record : hash.records)
-    done &= hash.insert(record);
+  for (std::size_t i = 0; i < count; ++i)
+    done &= hash.insert(records[i]);
   for (const Key &key : batch.sought)
     done &= hash.find(key);
   for (const Key &key : batch.removed)
@@ -97,15 +109,27 @@ template <class Hash> bench::Nanoseconds round(Hash &hash, const Batch &batch) {
   std::exit(EXIT_FAILURE);
 }
 
-template <class Hash> auto rounds(const std::vector<Batch> &batches) {
-  auto hash = std::make_shared<Hash>(batches.front().keys.size());
-  return [&batches, hash, at = std::size_t{0}](std::uint64_t count) mutable {
+template <class Hash> auto rounds(const std::vector<Batch> &batches, Memory &memory) {
+  return [&batches, &memory, at = std::size_t{0}](std::uint64_t count) mutable {
     bench::Nanoseconds took{0};
     for (; count > 0; --count)
-      took += round(*hash, batches[at++ % batches.size()]);
+      took += round<Hash>(batches[at++ % batches.size()], memory);
     return took;
   };
 }
+
+// The buckets are the larger of the two blocks that a table takes.
+void *next_buckets;
+
+void *alloc(std::size_t size) {
+  return size == sizeof(vorn_hash_table_s) ? std::malloc(size) : next_buckets;
+}
+
+void release(void *ptr) {
+  if (ptr != next_buckets) std::free(ptr);
+}
+
+constexpr vorn_hash_attr_s kPlaced{alloc, release};
 
 struct Ours {
   struct Record {
@@ -113,8 +137,9 @@ struct Ours {
     std::uint64_t value;
   };
 
-  explicit Ours(std::size_t count) : records(count) {
-    vorn_hash_create(static_cast<std::uint32_t>(count), &table, 0);
+  Ours(std::size_t count, Memory &memory) {
+    next_buckets = memory.buckets.data();
+    vorn_hash_create_ex(static_cast<std::uint32_t>(count), &table, 0, &kPlaced);
   }
   ~Ours() { vorn_hash_destory(table, nullptr); }
   static void set(Record &record, const Key &key) {
@@ -128,7 +153,6 @@ struct Ours {
   }
   bool erase(const Key &key) { return vorn_hash_delete(table, key.key2, key.key, nullptr) == 0; }
 
-  std::vector<Record> records;
   vorn_hash_table_s *table = nullptr;
 };
 
@@ -144,19 +168,24 @@ struct BoostSet {
   using Set = intrusive::unordered_set<Record, intrusive::key_of_value<KeyOf>,
                                        intrusive::power_2_buckets<true>>;
 
-  explicit BoostSet(std::size_t count)
-      : records(count), buckets(count), set_of(Set::bucket_traits(buckets.data(), count)) {}
-  static void set(Record &record, const Key &key) { record.key = key; }
-  bool insert(Record &record) { return set_of.insert(record).second; }
-  bool find(const Key &key) { return set_of.find(key) != set_of.end(); }
-  bool erase(const Key &key) { return set_of.erase(key) == 1; }
+  static Set::bucket_type *buckets(std::size_t count, Memory &memory) {
+    auto *made = reinterpret_cast<Set::bucket_type *>(memory.buckets.data());
+    std::uninitialized_value_construct_n(made, count);
+    return made;
+  }
 
-  std::vector<Record> records;
-  std::vector<Set::bucket_type> buckets;
-  Set set_of;
+  BoostSet(std::size_t count, Memory &memory)
+      : records(Set::bucket_traits(buckets(count, memory), count)) {}
+  static void set(Record &record, const Key &key) { record.key = key; }
+  bool insert(Record &record) { return records.insert(record).second; }
+  bool find(const Key &key) { return records.find(key) != records.end(); }
+  bool erase(const Key &key) { return records.erase(key) == 1; }
+
+  Set records;
 };
 
-// One record is always there: uthash frees its buckets with the last.
+// One record is always there, as uthash makes its buckets with the first and frees them with the
+// last.
 struct Uthash {
   struct Record {
     UT_hash_handle hh;
@@ -164,7 +193,7 @@ struct Uthash {
   };
   static constexpr unsigned int kKeyBytes = offsetof(Key, key2) + sizeof(Key::key2);
 
-  explicit Uthash(std::size_t count) : records(count) {
+  Uthash(std::size_t count, Memory &) {
     uthash_buckets = static_cast<unsigned int>(count);
     insert(resident);
   }
@@ -192,7 +221,6 @@ struct Uthash {
     return true;
   }
 
-  std::vector<Record> records;
   Record resident{};
   Record *first = nullptr;
 };
@@ -203,33 +231,31 @@ struct StdMap {
     std::uint64_t value[3];
   };
 
-  explicit StdMap(std::size_t count) : records(count) { map.reserve(count); }
+  StdMap(std::size_t count, Memory &) { map.reserve(count); }
   static void set(Record &record, const Key &key) { record.key = key; }
   bool insert(Record &record) { return map.emplace(record.key, &record).second; }
   bool find(const Key &key) { return map.find(key) != map.end(); }
   bool erase(const Key &key) { return map.erase(key) == 1; }
 
-  std::vector<Record> records;
   std::unordered_map<Key, Record *, KeySum> map;
 };
 
-// uthash's own links take 56 bytes.
 static_assert(sizeof(Ours::Record) == 40 && sizeof(BoostSet::Record) == 40 &&
-              sizeof(StdMap::Record) == 40);
+              sizeof(StdMap::Record) == 40 && sizeof(Uthash::Record) == 72 &&
+              sizeof(BoostSet::Set::bucket_type) <= 16);
 
 void measure(const bench::Table &table, const char *name, std::size_t count) {
   const std::vector<Batch> keys = batches(count);
-  table.row(name,
-            {bench::ours(rounds<Ours>(keys)), bench::peer("Boost set", rounds<BoostSet>(keys)),
-             bench::peer("uthash", rounds<Uthash>(keys)),
-             bench::peer("unordered_map", rounds<StdMap>(keys))});
+  Memory memory{count};
+  table.row(name, {bench::ours(rounds<Ours>(keys, memory)),
+                   bench::peer("Boost set", rounds<BoostSet>(keys, memory)),
+                   bench::peer("uthash", rounds<Uthash>(keys, memory)),
+                   bench::peer("unordered_map", rounds<StdMap>(keys, memory))});
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-  // Else luck decides whose records lie in huge pages, and that is worth more than the container.
-  prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
   const bench::Table table{argc, argv, "Hash table"};
   measure(table, "insert, find and erase, 1 Ki random keys", 1 << 10);
   measure(table, "insert, find and erase, 64 Ki random keys", 1 << 16);
