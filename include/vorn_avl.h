@@ -45,7 +45,7 @@ typedef struct vorn_avl_tree {
   vorn_avl_compare_f find_compare; /* (value, record): for lookups */
   uint32_t node_offset;            /* bytes from the start of a record to its node */
   uint32_t record_size;            /* as the caller gave it; the tree does not use it */
-  uint64_t node_count;
+  uint64_t node_count;             /* records in the tree */
 } vorn_avl_tree_s;
 
 /* Makes tree an empty one, whatever it held. Records are size bytes long and have their node offset

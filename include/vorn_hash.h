@@ -36,8 +36,8 @@ typedef struct vorn_hash_table {
 /* What a record embeds. Two nodes are equal when both key2 and key are. */
 typedef struct vorn_hash_node {
   vorn_list_head_s link; /* points at itself once the node was taken out of a table */
-  uint64_t key;
-  uint32_t key2;
+  uint64_t key;          /* its lower half chooses the bucket, the whole of it is compared */
+  uint32_t key2;         /* chooses the bucket and is compared */
 } vorn_hash_node_s;
 
 /* The largest limit that vorn_hash_create takes. */
