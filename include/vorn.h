@@ -3,9 +3,11 @@
 #define VORN_H
 
 #include "vorn_api.h"
+#include "vorn_avl.h"
 #include "vorn_bitops.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
+#include "vorn_hash.h"
 #include "vorn_init.h"
 #include "vorn_jiffies.h"
 #include "vorn_list.h"
