@@ -12,6 +12,7 @@
 #include "vorn_log.h"
 #include "vorn_mem.h"
 #include "vorn_mtx.h"
+#include "vorn_percpu_posix.h"
 #include "vorn_process.h"
 #include "vorn_reboot.h"
 #include "vorn_sched.h"
