@@ -13,6 +13,7 @@
 #include "vorn_mem.h"
 #include "vorn_mtx.h"
 #include "vorn_process.h"
+#include "vorn_rbtree.h"
 #include "vorn_reboot.h"
 #include "vorn_sched.h"
 #include "vorn_symbol.h"
