@@ -15,6 +15,7 @@
 #include "vorn_process.h"
 #include "vorn_rbtree.h"
 #include "vorn_reboot.h"
+#include "vorn_ring.h"
 #include "vorn_sched.h"
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
