@@ -6,8 +6,9 @@
 //        +-------------------- empty -----------------+
 //
 // There is one thread at each end of a ring, so batches stay in order. There are as many batches as
-// a ring holds: a ring never overflows, and who is faster than the others waits for an empty or a
-// full batch. Memory is bounded so, whatever the size of the files.
+// a ring holds: a ring never overflows, who is faster than the others waits for a batch, and memory
+// is bounded whatever the size of the files. A batch holds blocks of several files where they are
+// small.
 #ifndef SCRUB_PIPELINE_HPP
 #define SCRUB_PIPELINE_HPP
 
@@ -35,7 +36,7 @@ struct Blocks {
 class Pipeline {
 public:
   static constexpr std::size_t kBlocksPerBatch = 32;
-  static constexpr unsigned int kBatches = 31;
+  static constexpr unsigned int kBatches = 31; // one less than a power of two
 
   Pipeline();
 
