@@ -66,7 +66,7 @@ typedef struct vorn_ring_end {
  * operations below to change. */
 typedef struct vorn_ring {
   VORN_RING_LINE uint32_t flags;           /* as given, with 4 replaced by 3 */
-  VORN_RING_LINE uint32_t watermark;       /* the fill level from which enqueues report; size */
+  VORN_RING_LINE uint32_t watermark;       /* what enqueues compare with; size */
   vorn_ring_end_s producer;                /* where objects enter */
   VORN_RING_LINE vorn_ring_end_s consumer; /* where they leave */
   VORN_RING_LINE uint32_t spare_size;      /* size once more; read by nobody, as those below */
@@ -103,15 +103,15 @@ VORN_API uint32_t vorn_ring_size(const vorn_ring_s *ring);
 VORN_API uint32_t vorn_ring_free_count(const vorn_ring_s *ring);
 
 /* Enqueues the first of the n objects at objs, as many as fit. Returns their number, 0 when the
- * ring is full, with VORN_RING_QUOTA_EXCEEDED added when the ring is then filled beyond its
- * watermark (never in a ring as vorn_ring_create makes it). No record. The ring must not be NULL:
- * that is not tested. */
+ * ring is full. VORN_RING_QUOTA_EXCEEDED is added to it when the objects that are then in the ring,
+ * and the slot that stays empty, are more than the watermark: never in a ring as vorn_ring_create
+ * makes it. No record. The ring must not be NULL: that is not tested. */
 VORN_API uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n);
 
 /* Enqueues all of the n objects at objs, or none. Returns 0, also for an n of 0; -105 (ENOBUFS)
  * when fewer than n slots are free, nothing is enqueued then; -122 (EDQUOT) when all are enqueued
- * and the ring is filled beyond its watermark (never in a ring as vorn_ring_create makes it). No
- * record. The ring must not be NULL: that is not tested. */
+ * and, as above, are more than the watermark. No record. The ring must not be NULL: that is not
+ * tested. */
 VORN_API int vorn_ring_enqueue_bulk(vorn_ring_s *ring, void *const *objs, uint32_t n);
 
 /* Enqueues one object, which may be NULL. Results as of a bulk of one; -1 for a NULL ring, after an

@@ -36,9 +36,9 @@
 //    let through to tail, and the second to store could set it back.
 //
 // ABA: the compare-and-swap on head succeeds wrongly when head has come round to the same value
-// between a thread's load and its swap. As the counters are masked only when a slot is accessed, that
-// takes a thread that sleeps while exactly 2^32 slots pass (not a multiple of the ring's size).
-// Indices that wrapped with the ring would have needed a tag beside them.
+// between a thread's load and its swap. As the counters are masked only when a slot is accessed,
+// that takes a thread that sleeps while exactly 2^32 slots pass (not a multiple of the ring's
+// size). Indices that wrapped with the ring would have needed a tag beside them.
 #include "vorn_ring.h"
 
 #include <algorithm>
