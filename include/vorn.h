@@ -16,6 +16,7 @@
 #include "vorn_mtx.h"
 #include "vorn_percpu_posix.h"
 #include "vorn_process.h"
+#include "vorn_rbtree.h"
 #include "vorn_reboot.h"
 #include "vorn_ring.h"
 #include "vorn_rwlock.h"
