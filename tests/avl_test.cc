@@ -27,9 +27,11 @@ int vorn_insert_avl_node(vorn_avl_tree_s *tree, void *record, unsigned long wher
 
 namespace {
 
+// Neither the node nor the key is first, so that no address passes for another.
 struct Record {
-  int key;
+  long value;
   vorn_avl_node_s node;
+  int key;
 };
 
 int order(int left, int right) { return (left > right) - (left < right); }
@@ -42,7 +44,10 @@ int compare_key(const void *value, const void *record) {
   return order(*static_cast<const int *>(value), static_cast<const Record *>(record)->key);
 }
 
-int compare_badly(const void *, const void *) { return 2; }
+// Sends every value to the right, and fails at record 3.
+int compare_badly(const void *, const void *record) {
+  return static_cast<const Record *>(record)->key == 3 ? 2 : 1;
+}
 
 const Record *record_of(const vorn_avl_node_s *node) {
   return reinterpret_cast<const Record *>(reinterpret_cast<const char *>(node) -

@@ -293,7 +293,7 @@ TEST(Hash, WalksGoByBucketAndFromTheLatestInsertion) {
   }
   const auto passed_on = [](vorn_hash_node_s *, void *arg) { return ++*static_cast<int *>(arg); };
   int calls = 0;
-  EXPECT_EQ(vorn_hash_for_each_ex(table, passed_on, &calls, 1), 1);
+  EXPECT_EQ(vorn_hash_for_each_ex(table, passed_on, &calls, -1), 1);
   EXPECT_EQ(vorn_hash_for_each_ex(table, passed_on, &calls, 0), 0);
   EXPECT_EQ(calls, 61);
 }
