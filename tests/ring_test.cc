@@ -8,6 +8,7 @@
 #include <cstring>
 #include <deque>
 #include <gtest/gtest.h>
+#include <latch>
 #include <memory>
 #include <random>
 #include <thread>
@@ -70,12 +71,19 @@ TEST(Ring, HasTheLayoutThatItsUsersKnow) {
     std::ranges::copy(consumer, &wanted[64]);
     std::ranges::copy(spare, &wanted[96]);
     EXPECT_EQ(std::memcmp(ring.get(), wanted.data(), 512), 0) << row.given;
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(ring.get()) % 128, 0u);
 
     EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(77)), 0);
     EXPECT_EQ(*reinterpret_cast<void **>(reinterpret_cast<char *>(ring.get()) + 512), object(77));
   }
   EXPECT_NO_RECORD();
+}
+
+TEST(Ring, BeginsAtALineOfItsOwn) {
+  std::vector<Ring> rings;
+  for (std::uint32_t count = 1; count <= 0x8000; count *= 2) {
+    rings.push_back(make_ring(count, 0));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(rings.back().get()) % 128, 0u);
+  }
 }
 
 TEST(Ring, RefusesOtherCounts) {
@@ -263,6 +271,13 @@ TEST_P(EachMode, DoesAsAQueueDoes) {
   EXPECT_NO_RECORD();
 }
 
+// A thread that is descheduled with a slot reserved makes the next one spin for the rest of its
+// turn, with a slot reserved too: so that they do not go on like that, each yields now and then
+// between two calls.
+void relax(std::uintptr_t calls) {
+  if (calls % 8 == 0) std::this_thread::yield();
+}
+
 // What passes through the ring in the cases with threads: nothing here is atomic, so that the ring
 // alone makes the producer's writes visible.
 struct Item {
@@ -277,6 +292,7 @@ public:
   Mover(vorn_ring_s *ring, unsigned int seed) : ring_(ring), random_(seed) {}
 
   std::uint32_t put(Item *const *items, std::uint32_t n) {
+    relax(++calls_);
     void *objects[kMost];
     std::copy_n(items, n, objects);
     switch (random_() % 3) {
@@ -290,6 +306,7 @@ public:
   }
 
   std::uint32_t take(Item **items, std::uint32_t n) {
+    relax(++calls_);
     void *objects[kMost];
     const std::uint32_t taken = take(objects, n);
     std::transform(objects, objects + taken, items,
@@ -315,6 +332,7 @@ private:
 
   vorn_ring_s *ring_;
   std::minstd_rand random_;
+  unsigned int calls_ = 0;
 };
 
 class Traffic {
@@ -326,7 +344,7 @@ public:
       : ring_(make_ring(size, flags, -kPerProducer / 2)),
         producers_(ring_->producer.single != 0 ? 1 : 3),
         consumers_(ring_->consumer.single != 0 ? 1 : 3), items_(producers_ * kPerProducer),
-        left_(static_cast<int>(items_.size())) {}
+        ready_(producers_ + consumers_), left_(static_cast<int>(items_.size())) {}
 
   void run() {
     std::vector<std::thread> threads;
@@ -352,6 +370,7 @@ public:
 
 private:
   void produce(unsigned int producer) {
+    ready_.arrive_and_wait();
     Mover mover{ring_.get(), producer + 1};
     Item *batch[Mover::kMost];
     for (unsigned int next = 0; next < kPerProducer && !given_up_;) {
@@ -368,6 +387,7 @@ private:
   }
 
   void consume(unsigned int consumer) {
+    ready_.arrive_and_wait();
     Mover mover{ring_.get(), consumer + 11};
     std::vector<unsigned int> next(producers_);
     Item *batch[Mover::kMost];
@@ -395,6 +415,7 @@ private:
   unsigned int producers_;
   unsigned int consumers_;
   std::vector<Item> items_;
+  std::latch ready_;
   std::atomic<int> left_;
   std::atomic<bool> in_order_{true};
   std::atomic<bool> given_up_{false};
@@ -407,6 +428,37 @@ TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
     traffic.expect_each_taken_once();
   }
   EXPECT_NO_RECORD();
+}
+
+// Threads that meet at one end: nothing else keeps them apart, as the ring never fills.
+TEST(Ring, GivesNoSlotToTwoThreads) {
+  constexpr std::uintptr_t kEach = 4000;
+  const Ring ring = make_ring(0x4000, 0, 0xFFFFF000);
+  void *objects[2 * kEach];
+  for (std::uintptr_t i = 0; i < std::size(objects); ++i)
+    objects[i] = object(i);
+
+  std::atomic<int> refused{0};
+  const auto meet = [&](auto move) {
+    std::latch ready{2};
+    const auto run = [&](void **first) {
+      ready.arrive_and_wait();
+      for (std::uintptr_t i = 0; i < kEach; ++i) {
+        relax(i);
+        if (move(first + i) != 0) ++refused;
+      }
+    };
+    std::thread other{run, objects + kEach};
+    run(objects);
+    other.join();
+  };
+  meet([&](void *const *from) { return vorn_ring_enqueue(ring.get(), *from); });
+  meet([&](void **to) { return vorn_ring_dequeue(ring.get(), to); });
+
+  EXPECT_EQ(refused, 0);
+  std::ranges::sort(objects);
+  for (std::uintptr_t i = 0; i < std::size(objects); ++i)
+    ASSERT_EQ(objects[i], object(i));
 }
 
 // A thread has reserved a slot and not published it: it was descheduled, say. The parameter:
@@ -449,6 +501,11 @@ TEST_P(Stalled, IsWaitedForByThoseBehind) {
   publish();
   behind.join();
   EXPECT_EQ(load(end_.tail), tail + 2);
+}
+
+TEST_P(Stalled, IsNotSeenByTheQueries) {
+  EXPECT_EQ(vorn_ring_count(ring_.get()), 2u);
+  EXPECT_EQ(vorn_ring_free_count(ring_.get()), 5u);
 }
 
 // A run of no slots has no place in the order of publication.
