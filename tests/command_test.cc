@@ -333,7 +333,11 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
   const std::string file = scratch_ / "done";
   sign = file.c_str();
   struct sigaction action {};
-  action.sa_handler = [](int) { handled_after_sign = access(sign, F_OK) == 0; };
+  action.sa_handler = [](int) {
+    const int error = errno;
+    handled_after_sign = access(sign, F_OK) == 0;
+    errno = error;
+  };
   for (const int signal : {SIGHUP, SIGINT, SIGQUIT}) {
     SCOPED_TRACE(signal);
     sigaction(signal, &action, nullptr);
