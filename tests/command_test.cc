@@ -185,15 +185,16 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
   EXPECT_EQ(vorn_pclose(file), -1); // there is no table yet
   EXPECT_EQ(output_of("echo x"), "x\n");
   EXPECT_EQ(vorn_pclose(file), -1);
-  EXPECT_GE(fcntl(fileno(file), F_GETFD), 0);
-  std::fclose(file);
+  EXPECT_EQ(std::fclose(file), 0);
 
+  const int used = open("/dev/null", O_RDONLY); // the number after it was that of the first stream
   int pid = -1;
   FILE *stream = vorn_popen_s_with_pid("echo y", "r", nullptr, &pid);
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(vorn_pclose(stream), -1);
   EXPECT_EQ(read_all(stream), "y\n");
   std::fclose(stream);
+  close(used);
   int status = -1;
   EXPECT_EQ(waitpid(pid, &status, 0), pid);
   EXPECT_EQ(status, 0);
@@ -215,11 +216,13 @@ TEST_F(CommandStream, ThatCannotBeMadeLeavesThePipeOpen) {
   EXPECT_GT(waitpid(-1, nullptr, 0), 0);
 }
 
-// Each would wait for the other if a child held an end of another's pipe.
+// Ends with its input; not for good if a child holds an end of another's pipe.
+constexpr char kReadAll[] = "exec timeout 20 cat";
+
 TEST_F(CommandStream, ThatOverlapEndOnTheirOwn) {
   FILE *streams[4];
   for (FILE *&stream : streams) {
-    stream = vorn_popen("cat", "w");
+    stream = vorn_popen(kReadAll, "w");
     ASSERT_NE(stream, nullptr);
   }
   for (FILE *stream : streams)
@@ -231,7 +234,7 @@ TEST_F(CommandStream, ServesManyThreads) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < 8; ++i) {
-        FILE *held = vorn_popen("cat", "w");
+        FILE *held = vorn_popen(kReadAll, "w");
         const std::string number = std::to_string(100 * t + i);
         EXPECT_EQ(output_of("echo " + number), number + "\n");
         EXPECT_EQ(exit_code(vorn_system(("exit " + std::to_string(t)).c_str())), t);
@@ -258,6 +261,10 @@ TEST_F(CommandStream, BeyondTheTableIsRefused) {
   EXPECT_EQ(vorn_popen("echo x", "r"), nullptr);
   EXPECT_EQ(errno, EMFILE);
   EXPECT_EQ(descriptors(), filled);
+  FILE *high = std::fopen("/dev/null", "re");
+  EXPECT_EQ(fileno(high), 64);
+  EXPECT_EQ(vorn_pclose(high), -1);
+  std::fclose(high);
 
   close(63);
   EXPECT_EQ(output_of("echo x"), "x\n");
@@ -351,6 +358,25 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
   }
   EXPECT_EQ(vorn_system(("kill -1 $PPID && sleep 0.1 && touch " + file).c_str()), 0);
   EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command holds none back";
+}
+
+TEST_F(CommandRun, WithoutAShellTheExitCodeTells) {
+  if (!scratch::cover_directory("/bin")) GTEST_SKIP() << "this machine lets a test hide no shell";
+  EXPECT_EQ(exit_code(vorn_system("true")), 127);
+  FILE *stream = vorn_popen("true", "r");
+  ASSERT_NE(stream, nullptr);
+  EXPECT_EQ(read_all(stream), "");
+  EXPECT_EQ(exit_code(vorn_pclose(stream)), 127);
+}
+
+TEST_F(CommandRun, ShellsInheritMaskAndIgnoredSignals) {
+  std::signal(SIGUSR1, SIG_IGN);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  sigprocmask(SIG_BLOCK, &blocked, nullptr);
+  EXPECT_EQ(output_of("kill -USR1 $$; kill -USR2 $$; echo alive"), "alive\n");
+  EXPECT_EQ(vorn_system("kill -USR1 $$ && kill -USR2 $$"), 0);
 }
 
 TEST_F(CommandRun, HasNoStatusWhereChildrenAreIgnored) {

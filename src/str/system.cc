@@ -14,9 +14,8 @@ namespace {
 
 constexpr int kDangerous = -29;
 
-// A ";" at the end separates nothing, and a single character is no command with a separator.
+// A ";" at the end separates nothing.
 bool has_separator(const char *command) {
-  if (command[0] == '\0' || command[1] == '\0') return false;
   const char *semicolon = std::strchr(command, ';');
   if (semicolon != nullptr && semicolon[1] != '\0') return true;
   return std::strstr(command, "||") != nullptr;
