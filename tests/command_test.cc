@@ -349,14 +349,14 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
     SCOPED_TRACE(signal);
     sigaction(signal, &action, nullptr);
     const std::string command =
-        "sleep 0.1; kill -" + std::to_string(signal) + " $PPID; sleep 0.05; touch " + file;
+        "sleep 0.2; kill -" + std::to_string(signal) + " $PPID; sleep 0.05; touch " + file;
     FILE *stream = vorn_popen(command.c_str(), "r");
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(vorn_pclose(stream), 0);
     EXPECT_EQ(handled_after_sign.exchange(-1), 1);
     unlink(file.c_str());
   }
-  EXPECT_EQ(vorn_system(("kill -1 $PPID && sleep 0.1 && touch " + file).c_str()), 0);
+  EXPECT_EQ(vorn_system(("kill -1 $PPID && sleep 0.3 && touch " + file).c_str()), 0);
   EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command holds none back";
 }
 
