@@ -1,16 +1,33 @@
 #include "vorn_time.h"
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <string>
+#include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "arch/counter.hpp"
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/scratch.hpp"
 #include "time/vorn_time.hpp"
+#include "vorn_cmd.h"
+
+// Stands in front of the library's: commands with their whitelists, and how many of them run.
+static std::vector<std::pair<std::string, std::string>> commands;
+static std::size_t runnable = 2;
+
+FILE *vorn_popen_s(const char *command, const char *mode, const char *whitelist) {
+  commands.emplace_back(command, whitelist);
+  if (commands.size() > runnable || isDangerousCmd(command, whitelist) != 0) return nullptr;
+  return vorn_popen(command, mode);
+}
 
 namespace {
 
@@ -83,6 +100,78 @@ TEST(Time, EstimatesTheCountersFrequency) {
   char text[64];
   std::snprintf(text, sizeof text, "cpu standard hz is %f.", currCpuGHz);
   EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_time.c", "vorn_estimate_tsc_freq", text);
+}
+
+// The shell finds a cat that prints this instead of the processor's description.
+class CpuInfo {
+public:
+  explicit CpuInfo(const std::string &text) {
+    scratch::write_file(scratch_ / "text", text);
+    scratch::write_file(scratch_ / "cat", "#!/bin/sh\nexec /bin/cat " + (scratch_ / "text") + "\n");
+    chmod((scratch_ / "cat").c_str(), 0755);
+    setenv("PATH", (scratch_.path() + ":/usr/bin:/bin").c_str(), 1);
+  }
+
+private:
+  scratch::Directory scratch_;
+};
+
+constexpr char kFlags[] = "flags : fpu constant_tsc\nflags : fpu constant_tsc\n";
+
+TEST(TimeFrequency, IsThatOfTheModelName) {
+  const struct {
+    const char *model;
+    double ghz;
+  } rows[] = {
+      {"model name : Some @ 2.60GHz\nmodel name : Some @ 3.10GHz\n", 2.6},
+      {"model name : Some @ 3GHz\n", 3.0},
+      {"model name : Some @ fast\n", 0.0},
+  };
+  for (const auto &row : rows) {
+    const CpuInfo info(std::string(kFlags) + row.model);
+    commands.clear();
+    currCpuGHz = 1.5;
+    EXPECT_EQ(vorn_get_tsc_freq(), 0);
+    EXPECT_EQ(currCpuGHz, row.ghz);
+  }
+  const std::vector<std::pair<std::string, std::string>> want = {
+      {"cat /proc/cpuinfo | grep -o constant_tsc | uniq", "|"},
+      {"cat /proc/cpuinfo | grep @ | uniq | awk '{print $NF}'", "|$"}};
+  EXPECT_EQ(commands, want);
+  EXPECT_NO_RECORD();
+}
+
+TEST(TimeFrequency, IsMeasuredWhereNoModelTellsIt) {
+  const CpuInfo info(kFlags);
+  currCpuGHz = -1;
+  EXPECT_EQ(vorn_get_tsc_freq(), 0);
+  EXPECT_GE(currCpuGHz, 0.0);
+  EXPECT_EQ(capture::take().back().function, "vorn_estimate_tsc_freq");
+}
+
+TEST(TimeFrequency, StaysWithoutAConstantCounter) {
+  const CpuInfo info("model name : Some @ 2.60GHz\n");
+  currCpuGHz = 1.5;
+  EXPECT_EQ(vorn_get_tsc_freq(), -1);
+  EXPECT_EQ(currCpuGHz, 1.5);
+  EXPECT_EQ(commands.size(), 1u);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_time.c", "vorn_get_tsc_freq",
+                    "There is no constant_tsc flag in /proc/cpuinfo");
+}
+
+TEST(TimeFrequency, StaysWithoutAShell) {
+  const CpuInfo info(std::string(kFlags) + "model name : Some @ 2.60GHz\n");
+  currCpuGHz = 1.5;
+  runnable = 0;
+  EXPECT_EQ(vorn_get_tsc_freq(), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_time.c", "vorn_get_tsc_freq",
+                    "Cat /proc/cpuinfo for constant_tsc fail");
+  commands.clear();
+  runnable = 1;
+  EXPECT_EQ(vorn_get_tsc_freq(), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_time.c", "vorn_get_tsc_freq",
+                    "Cat /proc/cpuinfo fail for cpufreq fail");
+  EXPECT_EQ(currCpuGHz, 1.5);
 }
 
 TEST(Time, FrequenciesRoundAndTruncate) {

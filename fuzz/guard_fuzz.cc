@@ -1,0 +1,67 @@
+// fuzz-sources: src/str/guard.cc src/str/spawn.cc src/str/system.cc
+//
+// The guard and the separator scan against the plainest reading of their rules. The first line of
+// an input is the whitelist, the rest the command. Nothing is run: there is no process to be had
+// here.
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+#include "evlog.h"
+#include "vorn_cmd.h"
+
+static int spawned = 0;
+
+extern "C" {
+pid_t vfork() {
+  ++spawned;
+  errno = EAGAIN;
+  return -1;
+}
+
+int evlog_level_check(unsigned int, int) { return 1; }
+}
+
+namespace {
+
+void expect(bool holds) {
+  if (!holds) std::abort();
+}
+
+bool is_dangerous(std::string_view command, std::string_view whitelist) {
+  for (const char character : command) {
+    if (std::string_view("|;&$<>!\n`").find(character) == std::string_view::npos) continue;
+    if (whitelist.find(character) == std::string_view::npos) return true;
+  }
+  return false;
+}
+
+bool is_several(std::string_view command) {
+  for (std::size_t at = 0; at + 1 < command.size(); ++at) {
+    if (command[at] == ';' || command.substr(at, 2) == "||") return true;
+  }
+  return false;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
+  const std::string input(reinterpret_cast<const char *>(data), size);
+  const std::size_t line = input.find('\n');
+  const std::string whitelist = input.substr(0, line).c_str();
+  const std::string command = line == std::string::npos ? "" : input.substr(line + 1).c_str();
+
+  const bool dangerous = is_dangerous(command, whitelist);
+  expect(isDangerousCmd(command.c_str(), whitelist.c_str()) == dangerous);
+  expect(isDangerousCmd(command.c_str(), nullptr) == is_dangerous(command, ""));
+  char *const argv[] = {const_cast<char *>(command.c_str()), nullptr};
+  const int executed = execv_s("/no/such/program", 1, argv, whitelist.c_str(), nullptr);
+  expect(executed == (dangerous ? -29 : -1));
+
+  spawned = 0;
+  expect(vorn_system_s(command.c_str(), whitelist.c_str()) == (dangerous ? -29 : -1));
+  expect(spawned == (!dangerous && !is_several(command)));
+  return 0;
+}

@@ -1,0 +1,105 @@
+// test-wraps: vfork getdtablesize vorn_mallocsubstandard vorn_freesub
+#include "vorn_cmd.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "support/log_capture.hpp"
+#include "vorn_mem.h"
+
+static int limit = 100;
+static bool out_of_memory = false;
+static void (*meanwhile)() = nullptr; // what another thread does while memory is being allocated
+struct Block {
+  unsigned int module;
+  unsigned int size;
+  std::string tag;
+  bool operator==(const Block &) const = default;
+};
+static std::vector<Block> allocated;
+static std::vector<std::string> freed;
+
+extern "C" {
+pid_t __wrap_vfork() {
+  errno = EAGAIN;
+  return -1;
+}
+
+int __wrap_getdtablesize() { return limit; }
+
+void *__real_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
+                                    const char *function, unsigned int line);
+void *__wrap_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
+                                    const char *function, unsigned int line) {
+  if (out_of_memory) return nullptr;
+  allocated.push_back({pid, size, function});
+  if (meanwhile != nullptr) std::exchange(meanwhile, nullptr)();
+  return __real_vorn_mallocsubstandard(pid, size, flags, function, line);
+}
+
+void __real_vorn_freesub(void *ptr, const char *function, unsigned int line);
+void __wrap_vorn_freesub(void *ptr, const char *function, unsigned int line) {
+  freed.push_back(function);
+  __real_vorn_freesub(ptr, function, line);
+}
+}
+
+namespace {
+
+const Block kTableOf100{381, 400, "vorn_popen_init"};
+
+TEST(CommandSystem, NoProcessLeavesNothingOpen) {
+  const int before = dup(0);
+  close(before);
+  int pid = 5;
+  for (const char *mode : {"r", "w"}) {
+    EXPECT_EQ(vorn_popen("true", mode), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(vorn_popen_with_pid("true", mode, &pid), nullptr);
+  }
+  EXPECT_EQ(vorn_system("true"), -1);
+  EXPECT_EQ(pid, 5);
+  const int after = dup(0);
+  close(after);
+  EXPECT_EQ(after, before);
+  EXPECT_EQ(allocated, std::vector{kTableOf100});
+  EXPECT_NO_RECORD();
+}
+
+TEST(CommandSystem, WithoutATableThereIsNoStream) {
+  for (const int bad : {0, -1}) {
+    limit = bad;
+    EXPECT_EQ(vorn_popen("true", "r"), nullptr);
+  }
+  EXPECT_TRUE(allocated.empty());
+  limit = 100;
+  out_of_memory = true;
+  EXPECT_EQ(vorn_popen("true", "r"), nullptr);
+  out_of_memory = false;
+  EXPECT_EQ(vorn_popen("true", "r"), nullptr);
+  EXPECT_EQ(allocated, std::vector{kTableOf100}); // tried again
+}
+
+TEST(CommandSystem, OfTwoTablesOneStays) {
+  meanwhile = [] {
+    limit = 200;
+    vorn_popen("true", "r");
+  };
+  EXPECT_EQ(vorn_popen("true", "r"), nullptr);
+  EXPECT_EQ(allocated, (std::vector{kTableOf100, kTableOf100})); // of the size settled first
+  EXPECT_EQ(freed, std::vector<std::string>{"vorn_popen_init"});
+}
+
+TEST(CommandSystem, HugeLimitsDoNotTakeHugeTables) {
+  limit = 1073741816;
+  EXPECT_EQ(vorn_popen("true", "r"), nullptr);
+  ASSERT_EQ(allocated.size(), 1u);
+  EXPECT_EQ(allocated[0].size, 4u << 20);
+}
+
+} // namespace
