@@ -6,6 +6,7 @@
 #include "vorn_bitops.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
+#include "vorn_fileops.h"
 #include "vorn_init.h"
 #include "vorn_jiffies.h"
 #include "vorn_list.h"
