@@ -4,6 +4,7 @@
 
 #include "vorn_api.h"
 #include "vorn_bitops.h"
+#include "vorn_cmd.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
 #include "vorn_dl.h"
@@ -18,6 +19,7 @@
 #include "vorn_reboot.h"
 #include "vorn_sched.h"
 #include "vorn_shm.h"
+#include "vorn_str.h"
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
 #include "vorn_time.h"

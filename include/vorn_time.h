@@ -6,8 +6,9 @@
 
 VORN_BEGIN_DECLS
 
-/* The processor's nominal frequency in GHz, for information: 2.6 from start-up on, the measured
- * frequency of the counter after vorn_estimate_tsc_freq. Written without a lock: a concurrent
+/* The processor's nominal frequency in GHz, for information: 2.6 from start-up on, what
+ * /proc/cpuinfo tells after vorn_get_tsc_freq, the measured frequency of the counter after
+ * vorn_estimate_tsc_freq. Written without a lock: a concurrent
  * reader sees the old or the new value. */
 VORN_API extern double currCpuGHz;
 
@@ -34,6 +35,13 @@ VORN_API uint64_t vorn_time_getmillisec(void);
 /* The nanoseconds of that many counter ticks; 0 until the time base has been started. Any thread,
  * signal-safe. */
 VORN_API uint64_t vorn_time_cycles2ns(uint64_t cycles);
+
+/* Takes currCpuGHz from /proc/cpuinfo, which it has the shell search: the number that the last word
+ * of the first line with an "@" begins with (a model name may end in "@ 2.60GHz"). Where no line
+ * has one, vorn_estimate_tsc_freq measures. Returns 0; -1 after an error record, with currCpuGHz
+ * as it was, when the processor has no flag constant_tsc, as no AArch64 has, or no shell can be
+ * started. Any thread; blocks for as long as the shell takes; not signal-safe. */
+VORN_API int vorn_get_tsc_freq(void);
 
 /* Measures the counter's frequency against CLOCK_MONOTONIC_RAW over a sleep of 50 ms, rounds it to
  * the nearest 10 MHz (a tie goes up), stores it in currCpuGHz and logs it. Any thread; not

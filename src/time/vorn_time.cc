@@ -1,6 +1,9 @@
 #include "vorn_time.h"
 
 #include <atomic>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include "arch/counter.hpp"
@@ -8,6 +11,7 @@
 #include "base/once.hpp"
 #include "base/timespec.hpp"
 #include "time/vorn_time.hpp"
+#include "vorn_cmd.h"
 
 namespace vorn::time {
 namespace {
@@ -27,6 +31,26 @@ std::uint64_t raw_monotonic() {
 }
 
 void set_cpu_ghz(double value) { __atomic_store(&currCpuGHz, &value, __ATOMIC_RELAXED); }
+
+// The first line that the command prints, cut to what line takes; empty when it prints none. False
+// when the command cannot be run.
+template <std::size_t kSize>
+bool read_first_line(const char *command, const char *whitelist, char (&line)[kSize]) {
+  line[0] = '\0';
+  FILE *stream = vorn_popen_s(command, "r", whitelist);
+  if (stream == nullptr) return false;
+  if (std::fgets(line, kSize, stream) == nullptr) line[0] = '\0';
+  vorn_pclose(stream);
+  return true;
+}
+
+// The number that text begins with, whatever the caller's locale calls a decimal point.
+double leading_number(const char *text) {
+  const locale_t c_locale = newlocale(LC_NUMERIC_MASK, "C", nullptr);
+  const double value = strtod_l(text, nullptr, c_locale);
+  freelocale(c_locale);
+  return value;
+}
 
 } // namespace
 } // namespace vorn::time
@@ -52,6 +76,22 @@ uint64_t vorn_time_getmillisec() { return vorn_time_getnanosec() / 1000000; }
 
 uint64_t vorn_time_cycles2ns(uint64_t cycles) {
   return cycles * vorn::time::multiplier.load(std::memory_order_relaxed);
+}
+
+int vorn_get_tsc_freq() {
+  char line[256];
+  if (!vorn::time::read_first_line("cat /proc/cpuinfo | grep -o constant_tsc | uniq", "|", line))
+    return VORN_FAIL(-1, "Cat /proc/cpuinfo for constant_tsc fail");
+  if (line[0] == '\0') return VORN_FAIL(-1, "There is no constant_tsc flag in /proc/cpuinfo");
+  if (!vorn::time::read_first_line("cat /proc/cpuinfo | grep @ | uniq | awk '{print $NF}'", "|$",
+                                   line))
+    return VORN_FAIL(-1, "Cat /proc/cpuinfo fail for cpufreq fail");
+  if (line[0] == '\0') {
+    vorn_estimate_tsc_freq();
+  } else {
+    vorn::time::set_cpu_ghz(vorn::time::leading_number(line));
+  }
+  return 0;
 }
 
 void vorn_estimate_tsc_freq() {

@@ -1,0 +1,32 @@
+#include "vorn_cmd.h"
+
+#include <cstring>
+
+namespace vorn::str {
+namespace {
+
+constexpr char kBlackSet[] = "|;&$<>!\n`";
+
+// The NUL at the end of a set is not in it.
+bool contains(const char *set, char character) {
+  return character != '\0' && std::strchr(set, character) != nullptr;
+}
+
+} // namespace
+} // namespace vorn::str
+
+int isBlackChar(const char *character) {
+  return character != nullptr && vorn::str::contains(vorn::str::kBlackSet, *character);
+}
+
+int isWhiteChar(const char *character, const char *whitelist) {
+  return character != nullptr && whitelist != nullptr && vorn::str::contains(whitelist, *character);
+}
+
+int isDangerousCmd(const char *command, const char *whitelist) {
+  if (command == nullptr) return 0;
+  for (const char *at = command; *at != '\0'; ++at) {
+    if (isBlackChar(at) != 0 && isWhiteChar(at, whitelist) == 0) return 1;
+  }
+  return 0;
+}

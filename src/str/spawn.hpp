@@ -1,0 +1,38 @@
+// Shells that run a command, started without a copy of the caller's memory.
+#ifndef VORN_STR_SPAWN_HPP
+#define VORN_STR_SPAWN_HPP
+
+#include <pthread.h>
+#include <sys/types.h>
+
+namespace vorn::str {
+
+// While one exists, the thread is not cancelled. A cancellation would leave a child unreaped, and
+// one that is pending would be acted upon in the child too, in the caller's memory.
+class CancellationOff {
+public:
+  CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  CancellationOff(const CancellationOff &) = delete;
+  CancellationOff &operator=(const CancellationOff &) = delete;
+  ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+
+private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// A descriptor that the shell has under another number. The numbers may be the same.
+struct Redirection {
+  int from;
+  int to;
+};
+
+// Starts /bin/sh -c command, with a redirection unless that is NULL. Returns the process id, or -1
+// with errno. The caller has a CancellationOff.
+pid_t spawn_shell(const char *command, const Redirection *redirection);
+
+// Waits for a child to end. Returns its wait status, or -1 with errno.
+int wait_for(pid_t child);
+
+} // namespace vorn::str
+
+#endif

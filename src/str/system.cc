@@ -1,0 +1,66 @@
+#define VORN_FILE "vorn_str.c"
+#include "vorn_cmd.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+#include "base/log.hpp"
+#include "str/spawn.hpp"
+
+namespace vorn::str {
+namespace {
+
+constexpr int kDangerous = -29;
+
+// A ";" at the end separates nothing, and a single character is no command with a separator.
+bool has_separator(const char *command) {
+  if (command[0] == '\0' || command[1] == '\0') return false;
+  const char *semicolon = std::strchr(command, ';');
+  if (semicolon != nullptr && semicolon[1] != '\0') return true;
+  return std::strstr(command, "||") != nullptr;
+}
+
+// A checker may be one that returns a bool, of which the low byte alone is defined.
+bool is_refusal(int result) { return (result & 0xFF) == 0; }
+
+} // namespace
+} // namespace vorn::str
+
+int vorn_system(const char *command) {
+  if (command == nullptr) return -EINVAL;
+  if (vorn::str::has_separator(command)) return -1;
+  const vorn::str::CancellationOff off;
+  const pid_t child = vorn::str::spawn_shell(command, nullptr);
+  return child < 0 ? -1 : vorn::str::wait_for(child);
+}
+
+int vorn_cmd_exec(const char *command) {
+  if (command == nullptr) return -EINVAL;
+  return vorn_system(command);
+}
+
+int vorn_system_s(const char *command, const char *whitelist) {
+  if (command == nullptr) return -EINVAL;
+  if (isDangerousCmd(command, whitelist) != 0) return vorn::str::kDangerous;
+  return vorn_system(command);
+}
+
+int system_s(const char *command, const char *whitelist) {
+  if (command == nullptr) return -EINVAL;
+  if (isDangerousCmd(command, whitelist) != 0) return vorn::str::kDangerous;
+  return std::system(command);
+}
+
+int execv_s(const char *path, int count, char *const argv[], const char *whitelist,
+            vorn_execv_checker_f checker) {
+  if (path == nullptr || argv == nullptr || count < 0) return -EINVAL;
+  for (int i = 0; i < count; ++i) {
+    if (argv[i] == nullptr || isDangerousCmd(argv[i], whitelist) == 0) continue;
+    return VORN_FAIL(vorn::str::kDangerous, "execv cmd is dangerous, argv[%d] is: %s.", i, argv[i]);
+  }
+  if (checker != nullptr && vorn::str::is_refusal(checker(path, count, argv)))
+    return vorn::str::kDangerous;
+  return execv(path, argv);
+}

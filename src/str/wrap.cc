@@ -1,0 +1,8 @@
+// For programs that are linked with --wrap=popen and the like.
+#include "vorn_cmd.h"
+
+FILE *__wrap_popen(const char *command, const char *mode) { return vorn_popen(command, mode); }
+
+int __wrap_pclose(FILE *stream) { return vorn_pclose(stream); }
+
+int __wrap_system(const char *command) { return vorn_system(command); }
