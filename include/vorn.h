@@ -8,6 +8,7 @@
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
 #include "vorn_dl.h"
+#include "vorn_filecmd.h"
 #include "vorn_fileops.h"
 #include "vorn_init.h"
 #include "vorn_jiffies.h"

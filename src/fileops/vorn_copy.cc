@@ -4,23 +4,18 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <memory>
 #include <unistd.h>
 
 #include "base/kept_errno.hpp"
 #include "base/log.hpp"
 #include "base/unique_fd.hpp"
-#include "vorn_mem.h"
+#include "fileops/block.hpp"
 
 namespace vorn::fileops {
 namespace {
 
 // From here on a larger buffer copies no faster.
 constexpr unsigned int kBufferSize = 128 * 1024;
-
-struct FreeBlock {
-  void operator()(char *block) const { vorn_free(block); }
-};
 
 // Opening dest would empty it, and with it src.
 bool are_one_file(int from, const char *dest) {
@@ -61,8 +56,7 @@ int vorn_copy(const char *src, const char *dest) {
   }
   if (vorn::fileops::are_one_file(from.get(), dest)) return 0;
 
-  const std::unique_ptr<char, vorn::fileops::FreeBlock> buffer(
-      static_cast<char *>(vorn_malloc(vorn::kModuleId, vorn::fileops::kBufferSize)));
+  const vorn::fileops::Block buffer = vorn::fileops::allocate_block(vorn::fileops::kBufferSize);
   if (buffer == nullptr) return -ENOMEM;
   const vorn::UniqueFd to(open(dest, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (!to) {
