@@ -153,12 +153,12 @@ TEST_F(Readline, AgreesWithTheModelWhateverTheBufferAndTheSource) {
       std::string(510, 'x') + "\r\nsecond\r\n",
       std::string(511, 'x') + "\r\nsecond",
       std::string(1536, 'y') + "\r\n" + std::string(4096, 'z') + "\n",
-      repeated("\r", 3000) + "end\n",
-      repeated("k\r", 3000) + "\n",
-      repeated("key=value\r\n", 300),
+      repeated("\r", 700) + "end\n",
+      repeated("k\r", 700) + "\n",
+      repeated("key=value\r\n", 100),
   };
   for (const std::string &content : contents) {
-    for (const int size : {1, 2, 3, 4, 5, 6, 13, 512, 513, 514, 1024, 4097, 9000}) {
+    for (const int size : {1, 2, 3, 5, 13, 512, 513, 514, 9000}) {
       SCOPED_TRACE(testing::Message() << content.size() << " bytes, buffer of " << size);
       const int file = opened(content);
       expect_as_model(file, content, size, true);
