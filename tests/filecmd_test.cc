@@ -229,12 +229,17 @@ TEST_F(Filecmd, TheGuardRefusesWhatTheShellWouldSplit) {
   EXPECT_FALSE(is_there(two));
 }
 
-TEST_F(Filecmd, AFolderIsThereWhenItsMakingReturns) {
+// A mkdir of the shell's that came late would make again what is removed here.
+TEST_F(Filecmd, AFolderIsMadeWhenItsMakingReturns) {
   for (int i = 0; i < 8; ++i) {
     const std::string folder = one + std::to_string(i) + "/with/some/above";
     ASSERT_EQ(vorn_cmd_mkdir(folder.c_str()), 0);
     ASSERT_TRUE(is_folder(folder));
+    ASSERT_EQ(rmdir(folder.c_str()), 0);
   }
+  usleep(20000);
+  for (int i = 0; i < 8; ++i)
+    EXPECT_FALSE(is_there(one + std::to_string(i) + "/with/some/above"));
   EXPECT_EQ(vorn_cmd_mkdir((one + "0").c_str()), 0);
 }
 

@@ -17,15 +17,16 @@
 #include "support/scratch.hpp"
 #include "vorn_dl.h"
 
-static size_t most_bytes = SIZE_MAX; // that one read or write moves
-static std::deque<int> read_errors;  // 0: none
+static size_t most_read = SIZE_MAX; // bytes that one call moves
+static size_t most_written = SIZE_MAX;
+static std::deque<int> read_errors; // 0: none
 static std::deque<int> write_errors;
 static bool fail_next_malloc = false;
 
-template <class Call> static ssize_t scripted(std::deque<int> &errors, Call call, size_t count) {
+template <class Call> static ssize_t scripted(std::deque<int> &errors, Call call, size_t most) {
   const int error = errors.empty() ? 0 : errors.front();
   if (!errors.empty()) errors.pop_front();
-  if (error == 0) return call(std::min(count, most_bytes));
+  if (error == 0) return call(most);
   errno = error;
   return -1;
 }
@@ -34,13 +35,15 @@ extern "C" {
 ssize_t __real_read(int fd, void *buf, size_t count);
 ssize_t __wrap_read(int fd, void *buf, size_t count) {
   return scripted(
-      read_errors, [=](size_t most) { return __real_read(fd, buf, most); }, count);
+      read_errors, [=](size_t most) { return __real_read(fd, buf, most); },
+      std::min(count, most_read));
 }
 
 ssize_t __real_write(int fd, const void *buf, size_t count);
 ssize_t __wrap_write(int fd, const void *buf, size_t count) {
   return scripted(
-      write_errors, [=](size_t most) { return __real_write(fd, buf, most); }, count);
+      write_errors, [=](size_t most) { return __real_write(fd, buf, most); },
+      std::min(count, most_written));
 }
 
 void *__real_malloc(size_t size);
@@ -58,7 +61,8 @@ constexpr char kFile[] = "vorn_fileops.c";
 class Fileops : public testing::Test {
 protected:
   void SetUp() override {
-    most_bytes = SIZE_MAX;
+    most_read = SIZE_MAX;
+    most_written = SIZE_MAX;
     read_errors = {};
     write_errors = {};
     next_fd_ = probe();
@@ -180,7 +184,8 @@ TEST_F(Fileops, CopiesEveryByteHoweverTheSystemMovesThem) {
       const std::string content = patterned(size);
       scratch::write_file(file, content);
       scratch::write_file(other, "what was there before, and longer than some");
-      most_bytes = most;
+      most_read = most;
+      most_written = most / 3;
       read_errors = {EINTR, 0, EINTR};
       write_errors = {EINTR, EINTR};
       ASSERT_EQ(vorn_copy(file.c_str(), other.c_str()), 0);

@@ -93,6 +93,15 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   }
 }
 
+TEST_F(Shm, AnObjectGetsTheSizeOfItsLastCreation) {
+  for (const size_t size : {kSize, 4 * kSize, kSize / 2}) {
+    void *address = vorn_shm_create(name.c_str(), size);
+    ASSERT_NE(address, nullptr);
+    EXPECT_EQ(stored_size(), size);
+    munmap(address, size);
+  }
+}
+
 TEST_F(Shm, MemoryThatTheMachineLacksIsNotMapped) {
   fallocate_error = ENOSPC;
   EXPECT_EQ(vorn_shm_create(name.c_str(), kSize), nullptr);

@@ -21,7 +21,7 @@ constexpr std::size_t kPathSize = 1024;
 constexpr unsigned int kCommandSize = 4096;
 
 // A shell that leaves mkdir in the background is given so long, in milliseconds.
-constexpr int kFolderPatience = 100;
+constexpr int kFolderPatience = 250;
 
 bool is_too_long(const char *path) { return strnlen(path, kPathSize) == kPathSize; }
 

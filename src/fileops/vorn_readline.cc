@@ -19,7 +19,7 @@ constexpr off_t kLargestPage = 65536;
 struct Line {
   char *end;        // where the next byte goes
   std::size_t room; // bytes that may still go there
-  bool complete;    // the line feed is stored
+  bool complete;    // its line feed was met
 
   bool done() const { return complete || room == 0; }
 };
@@ -43,7 +43,7 @@ std::size_t append(Line &line, const char *piece, std::size_t length) {
     line.room -= run;
     at += run;
   }
-  line.complete = feed != nullptr && at == stop;
+  line.complete = feed != nullptr;
   return static_cast<std::size_t>(at - piece);
 }
 
