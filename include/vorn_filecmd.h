@@ -1,0 +1,46 @@
+/* Files by the shell's own tools: each function writes one command, runs it by vorn_system_s of
+ * vorn_cmd.h and waits for it to end. Any thread may call; none is safe in a signal handler.
+ *
+ * The command is read by /bin/sh: in a path blanks separate, wildcards and "~" are expanded, quotes
+ * and backslashes are taken away, and a path that begins with "-" is taken for an option. Paths
+ * from outside belong in the file calls of the system instead.
+ *
+ * Results: 0; -22 after an error record when a path is NULL; -36 after an error record when a path
+ * has 1024 characters or more; -12 or -22 after an error record when the command cannot be written;
+ * otherwise, after an error record with the command, what vorn_system_s returned: -29 when a path
+ * has one of the characters that its guard refuses (| ; & $ < > ! newline and backquote), -1, or
+ * the command's wait status. */
+#ifndef VORN_FILECMD_H
+#define VORN_FILECMD_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* cp -af src dest: copies a file or a tree with its modes, times and links. */
+VORN_API int vorn_cmd_cp(const char *src, const char *dest);
+
+/* rm -rf path: removes a file or a tree; one that is not there is no failure. */
+VORN_API int vorn_cmd_rm(const char *path);
+
+/* Unpacks a compressed archive into the folder dir when extract is not 0 (tar -xzf archive -C dir),
+ * otherwise packs dir into it (tar -czf archive dir). */
+VORN_API int vorn_cmd_tar(const char *archive, const char *dir, int extract);
+
+/* touch path: creates an empty file, or gives an existing one the present time. */
+VORN_API int vorn_cmd_touch(const char *path);
+
+/* mv src dest: renames or moves. */
+VORN_API int vorn_cmd_mv(const char *src, const char *dest);
+
+/* mkdir -p path: makes a folder and those above it that are missing, with mode 0777 less the umask.
+ * The tool's output is dropped. A path that the guard refuses gives -22 after an error record.
+ *
+ * The folder is there when the result is 0, and could not be made when it is another. A shell that
+ * runs the command in the background may be a moment behind when the folder was there before: it is
+ * made again if it is removed in that moment. */
+VORN_API int vorn_cmd_mkdir(const char *path);
+
+VORN_END_DECLS
+
+#endif

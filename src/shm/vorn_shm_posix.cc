@@ -1,0 +1,87 @@
+#include "vorn_shm.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/shm.h>
+#include <type_traits>
+#include <unistd.h>
+
+#include "base/kept_errno.hpp"
+#include "base/log.hpp"
+#include "base/unique_fd.hpp"
+
+namespace vorn::shm {
+namespace {
+
+// The header cannot name the type in strict C.
+static_assert(std::is_same_v<key_t, int>);
+
+constexpr char kCreate[] = "vorn_shm_create_ext";
+
+// Without the reservation a page that the machine lacks is found missing at its first use, by
+// SIGBUS. False after a record when it is known to lack them; an object that may only be read keeps
+// its size and needs none.
+bool reserve(int fd, off_t size) {
+  [[maybe_unused]] const int resized = ftruncate(fd, size);
+  const int result = fallocate(fd, 0, 0, size);
+  if (result == 0 || errno != ENOSPC) return true;
+  const KeptErrno kept;
+  VORN_LOG_AS(kCreate, kInfo, "Fallocate shm fail, ret<%d> errno<%d>.", result, kept.value());
+  return false;
+}
+
+int protection(int oflag) {
+  switch (oflag & O_ACCMODE) {
+  case O_RDONLY:
+    return PROT_READ;
+  case O_WRONLY:
+    return PROT_WRITE;
+  case O_RDWR:
+    return PROT_READ | PROT_WRITE;
+  default:
+    return VORN_FAIL_AS(kCreate, PROT_NONE, "Oflag open failed, oflag<%d>.", oflag);
+  }
+}
+
+} // namespace
+} // namespace vorn::shm
+
+void *vorn_shm_create_ext(const char *name, int oflag, mode_t mode, size_t size) {
+  if (name == nullptr) return nullptr;
+  const vorn::UniqueFd fd(shm_open(name, oflag, mode));
+  if (!fd) {
+    const vorn::KeptErrno kept;
+    if (kept.value() != EEXIST) {
+      VORN_LOG(vorn::kInfo, "Open shm fail, fd<%d> errno<%d>.", fd.get(), kept.value());
+    }
+    return nullptr;
+  }
+  if (!vorn::shm::reserve(fd.get(), static_cast<off_t>(size))) return nullptr;
+  void *address = mmap(nullptr, size, vorn::shm::protection(oflag), MAP_SHARED, fd.get(), 0);
+  if (address != MAP_FAILED) return address;
+  const vorn::KeptErrno kept;
+  VORN_LOG(vorn::kInfo, "Mmap shm mem fail, errno<%d>.", kept.value());
+  return nullptr;
+}
+
+void *vorn_shm_create(const char *name, size_t size) {
+  return vorn_shm_create_ext(name, O_CREAT | O_RDWR, 0600, size);
+}
+
+int vorn_shm_destroy(const char *name) {
+  const int result = name == nullptr ? (errno = EINVAL, -1) : shm_unlink(name);
+  if (result == 0) return 0;
+  const vorn::KeptErrno kept;
+  VORN_LOG(vorn::kInfo, "Destroy shm fail, ret<%d> errno<%d>.", result, kept.value());
+  return -1;
+}
+
+int vorn_shmget_ex(int key, size_t size, int flags) { return shmget(key, size, flags); }
+
+int vorn_shmget(int key, size_t size) { return shmget(key, size, IPC_CREAT | 0600); }
+
+void *vorn_shmat(int id, const void *addr, int flags) { return shmat(id, addr, flags); }
+
+int vorn_shmdel(int id) { return shmctl(id, IPC_RMID, nullptr); }

@@ -1,0 +1,264 @@
+// test-wraps: read write malloc
+#include "vorn_fileops.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <deque>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+#include "vorn_dl.h"
+
+static size_t most_read = SIZE_MAX; // bytes that one call moves
+static size_t most_written = SIZE_MAX;
+static std::deque<int> read_errors; // 0: none
+static std::deque<int> write_errors;
+static bool fail_next_malloc = false;
+
+template <class Call> static ssize_t scripted(std::deque<int> &errors, Call call, size_t most) {
+  const int error = errors.empty() ? 0 : errors.front();
+  if (!errors.empty()) errors.pop_front();
+  if (error == 0) return call(most);
+  errno = error;
+  return -1;
+}
+
+extern "C" {
+ssize_t __real_read(int fd, void *buf, size_t count);
+ssize_t __wrap_read(int fd, void *buf, size_t count) {
+  return scripted(
+      read_errors, [=](size_t most) { return __real_read(fd, buf, most); },
+      std::min(count, most_read));
+}
+
+ssize_t __real_write(int fd, const void *buf, size_t count);
+ssize_t __wrap_write(int fd, const void *buf, size_t count) {
+  return scripted(
+      write_errors, [=](size_t most) { return __real_write(fd, buf, most); },
+      std::min(count, most_written));
+}
+
+void *__real_malloc(size_t size);
+void *__wrap_malloc(size_t size) {
+  if (!fail_next_malloc) return __real_malloc(size);
+  fail_next_malloc = false;
+  return nullptr;
+}
+}
+
+namespace {
+
+constexpr char kFile[] = "vorn_fileops.c";
+
+class Fileops : public testing::Test {
+protected:
+  void SetUp() override {
+    most_read = SIZE_MAX;
+    most_written = SIZE_MAX;
+    read_errors = {};
+    write_errors = {};
+    next_fd_ = probe();
+  }
+  void TearDown() override {
+    EXPECT_EQ(probe(), next_fd_);
+    EXPECT_NO_RECORD();
+  }
+
+  scratch::Directory directory;
+  const std::string file = directory / "file";
+  const std::string other = directory / "other";
+
+private:
+  // The lowest free descriptor: a leak would raise it.
+  static int probe() {
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(fd);
+    return fd;
+  }
+
+  int next_fd_ = -1;
+};
+
+TEST_F(Fileops, DoesWhatTheSystemDoes) {
+  const int fd = vorn_open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(vorn_open(file.c_str(), O_RDWR | O_CREAT | O_EXCL, 0640), -1);
+  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(vorn_write(fd, "some\0text", 9), 9);
+  EXPECT_EQ(vorn_sync(fd), 0);
+  EXPECT_EQ(vorn_lseek(fd, -4, SEEK_END), 5);
+  char bytes[8];
+  EXPECT_EQ(vorn_read(fd, bytes, sizeof bytes), 4);
+  EXPECT_EQ(std::string(bytes, 4), "text");
+  struct stat known;
+  ASSERT_EQ(vorn_stat(file.c_str(), &known), 0);
+  EXPECT_EQ(known.st_size, 9);
+  EXPECT_EQ(known.st_mode & 0777, 0640u);
+  EXPECT_EQ(vorn_close(fd), 0);
+  EXPECT_EQ(vorn_close(fd), -1);
+  EXPECT_EQ(errno, EBADF);
+  EXPECT_EQ(vorn_sync(fd), -1);
+  EXPECT_EQ(vorn_lseek(fd, 0, SEEK_SET), -1);
+
+  EXPECT_EQ(vorn_access(file.c_str(), F_OK), 0);
+  EXPECT_EQ(vorn_access(other.c_str(), F_OK), -1);
+  EXPECT_EQ(errno, ENOENT);
+  struct statfs system;
+  EXPECT_EQ(vorn_statfs(file.c_str(), &system), 0);
+  EXPECT_GT(system.f_bsize, 0);
+  EXPECT_EQ(vorn_statfs(other.c_str(), &system), -1);
+}
+
+TEST_F(Fileops, ReadsAFolderByFilterAndOrder) {
+  for (const char *name : {"b", "a", "left_out", "c"})
+    scratch::write_file(directory / name, "");
+  struct dirent **names = nullptr;
+  const int count = vorn_readdir_new(
+      directory.path().c_str(), &names,
+      [](const struct dirent *entry) {
+        return entry->d_name[1] == '\0' && entry->d_name[0] != '.' ? 1 : 0;
+      },
+      alphasort);
+  std::string joined;
+  for (int i = 0; i < count; ++i) {
+    joined += names[i]->d_name;
+    std::free(names[i]);
+  }
+  std::free(names);
+  EXPECT_EQ(joined, "abc");
+  EXPECT_EQ(vorn_readdir_new(other.c_str(), &names, nullptr, nullptr), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(Fileops, NullIsRefusedByName) {
+  struct stat known;
+  struct statfs system;
+  struct dirent **names = nullptr;
+  const struct {
+    int result;
+    const char *function;
+    const char *text;
+  } rows[] = {
+      {vorn_access(nullptr, F_OK), "vorn_access", "pFilePath is NULL."},
+      {vorn_open(nullptr, O_RDONLY, 0), "vorn_open", "pFilePath is NULL."},
+      {static_cast<int>(vorn_read(0, nullptr, 0)), "vorn_read", "pBuf is NULL."},
+      {static_cast<int>(vorn_write(1, nullptr, 0)), "vorn_write", "pBuf is NULL."},
+      {vorn_stat(nullptr, &known), "vorn_stat", "pPath is NULL."},
+      {vorn_stat("/", nullptr), "vorn_stat", "pBuf is NULL."},
+      {vorn_statfs(nullptr, &system), "vorn_statfs", "pPath is NULL."},
+      {vorn_statfs("/", nullptr), "vorn_statfs", "pBuf is NULL."},
+      {vorn_readdir_new(nullptr, &names, nullptr, nullptr), "vorn_readdir_new", "path is NULL."},
+      {vorn_readdir_new("/", nullptr, nullptr, nullptr), "vorn_readdir_new", "namelist is NULL."},
+      {vorn_copy(nullptr, "b"), "vorn_copy", "Param is NULL."},
+      {vorn_copy("a", nullptr), "vorn_copy", "Param is NULL."},
+  };
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), std::size(rows));
+  for (size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(rows[i].result, -1) << rows[i].function;
+    EXPECT_EQ(records[i].level, EVLOG_ERROR);
+    EXPECT_EQ(records[i].file, kFile);
+    EXPECT_EQ(records[i].function, rows[i].function);
+    EXPECT_EQ(records[i].text, rows[i].text);
+  }
+}
+
+std::string patterned(size_t size) {
+  std::string content(size, '\0');
+  for (size_t i = 0; i < size; ++i)
+    content[i] = static_cast<char>(i * 31 + i / 251);
+  return content;
+}
+
+TEST_F(Fileops, CopiesEveryByteHoweverTheSystemMovesThem) {
+  for (const size_t size : {0u, 1u, 131072u, 400001u}) {
+    for (const size_t most : {SIZE_MAX, size_t{4999}}) {
+      const std::string content = patterned(size);
+      scratch::write_file(file, content);
+      scratch::write_file(other, "what was there before, and longer than some");
+      most_read = most;
+      most_written = most / 3;
+      read_errors = {EINTR, 0, EINTR};
+      write_errors = {EINTR, EINTR};
+      ASSERT_EQ(vorn_copy(file.c_str(), other.c_str()), 0);
+      SetUp();
+      EXPECT_TRUE(scratch::read_file(other) == content) << size << " bytes, at most " << most;
+    }
+  }
+}
+
+TEST_F(Fileops, ACopyIsItsOwnersAlone) {
+  scratch::write_file(file, "text");
+  umask(0);
+  ASSERT_EQ(vorn_copy(file.c_str(), other.c_str()), 0);
+  struct stat known;
+  ASSERT_EQ(stat(other.c_str(), &known), 0);
+  EXPECT_EQ(known.st_mode & 0777, 0600u);
+}
+
+TEST_F(Fileops, AFileCopiedToItselfStaysWhole) {
+  scratch::write_file(file, "text");
+  ASSERT_EQ(link(file.c_str(), other.c_str()), 0);
+  EXPECT_EQ(vorn_copy(file.c_str(), file.c_str()), 0);
+  EXPECT_EQ(vorn_copy(file.c_str(), other.c_str()), 0);
+  EXPECT_EQ(scratch::read_file(file), "text");
+}
+
+TEST_F(Fileops, AFailedCopyTellsWhere) {
+  const std::string &from = file;
+  const std::string missing = directory / "missing/file";
+  EXPECT_EQ(vorn_copy(from.c_str(), other.c_str()), -125);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", "Open srcFile " + from + " error.");
+  EXPECT_EQ(access(other.c_str(), F_OK), -1);
+
+  scratch::write_file(from, "text");
+  EXPECT_NE(vorn_copy(from.c_str(), missing.c_str()), 0);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", "Open pDestFile " + missing + " error.");
+
+  EXPECT_NE(vorn_copy(directory.path().c_str(), other.c_str()), 0);
+  EXPECT_EQ(errno, EISDIR);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy",
+                    "copydata read from srcFile=" + directory.path() + " to destfile=" + other +
+                        " error.");
+
+  for (const int error : {ENOSPC, EIO}) {
+    write_errors = {error};
+    EXPECT_NE(vorn_copy(from.c_str(), other.c_str()), 0);
+    EXPECT_EQ(errno, error);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy",
+                      "copydata WRITE from srcFile=" + from + " to destfile=" + other + " error.");
+  }
+
+  scratch::write_file(other, "kept");
+  fail_next_malloc = true;
+  EXPECT_EQ(vorn_copy(from.c_str(), other.c_str()), -12);
+  EXPECT_EQ(scratch::read_file(other), "kept");
+  EXPECT_EQ(capture::take().size(), 1u); // the allocator's
+}
+
+TEST_F(Fileops, TheLoaderIsPassedThrough) {
+  void *program = vorn_dlopen(nullptr, RTLD_NOW);
+  ASSERT_NE(program, nullptr);
+  EXPECT_EQ(vorn_dlsym(program, "getpid"), dlsym(program, "getpid"));
+  EXPECT_EQ(vorn_dlerror(), nullptr);
+  EXPECT_EQ(vorn_dlsym(program, "no_such_function"), nullptr);
+  const char *error = vorn_dlerror();
+  ASSERT_NE(error, nullptr);
+  EXPECT_NE(std::string(error).find("no_such_function"), std::string::npos);
+  EXPECT_EQ(vorn_dlerror(), nullptr);
+  EXPECT_EQ(vorn_dlclose(program), 0);
+  EXPECT_EQ(vorn_dlopen("/nowhere.so", RTLD_NOW), nullptr);
+  EXPECT_NE(vorn_dlerror(), nullptr);
+}
+
+} // namespace
