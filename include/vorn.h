@@ -3,10 +3,12 @@
 #define VORN_H
 
 #include "vorn_api.h"
+#include "vorn_bay.h"
 #include "vorn_bitops.h"
 #include "vorn_cmd.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
+#include "vorn_cst.h"
 #include "vorn_dl.h"
 #include "vorn_filecmd.h"
 #include "vorn_fileops.h"
@@ -24,5 +26,9 @@
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
 #include "vorn_time.h"
+
+#if __has_include(<mxml.h>) /* only services that read XML need to have that header */
+#include "vorn_xml.h"
+#endif
 
 #endif
