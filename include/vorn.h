@@ -4,10 +4,12 @@
 
 #include "vorn_api.h"
 #include "vorn_avl.h"
+#include "vorn_bay.h"
 #include "vorn_bitops.h"
 #include "vorn_cmd.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
+#include "vorn_cst.h"
 #include "vorn_dl.h"
 #include "vorn_filecmd.h"
 #include "vorn_fileops.h"
@@ -33,5 +35,6 @@
 #include "vorn_ticketlock.h"
 #include "vorn_time.h"
 #include "vorn_trwlock.h"
+#include "vorn_xml.h"
 
 #endif

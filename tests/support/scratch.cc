@@ -7,8 +7,11 @@
 #include <sched.h>
 #include <stdexcept>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace scratch {
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -16,6 +19,37 @@ bool enter_mount_namespace() {
   static const bool entered =
       unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
   return entered;
+}
+
+bool cover(const std::string &directory) {
+  return mount("none", directory.c_str(), "tmpfs", 0, nullptr) == 0;
+}
+
+// Makes an entry of the machine's root appear below root; files are left out.
+bool mirror(const fs::directory_entry &entry, const std::string &root) {
+  const std::string path = root + entry.path().string();
+  if (entry.is_symlink()) {
+    fs::copy_symlink(entry.path(), path);
+  } else if (entry.is_directory() && entry.path() != root) {
+    fs::create_directory(path);
+    return mount(entry.path().c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+  }
+  return true;
+}
+
+// The process gets a root directory of its own, in which directories can be made without a trace on
+// the machine.
+bool enter_own_root() {
+  const std::string root = "/mnt"; // every system has it
+  if (!cover(root)) return false;
+  for (const auto &entry : fs::directory_iterator("/")) {
+    if (!mirror(entry, root)) return false;
+  }
+  return chroot(root.c_str()) == 0 && chdir("/") == 0;
+}
+
+bool make_missing(const fs::path &directory) {
+  return directory.parent_path() == "/" && enter_own_root() && fs::create_directory(directory);
 }
 
 } // namespace
@@ -28,11 +62,11 @@ Directory::Directory() {
 
 Directory::~Directory() {
   std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  fs::remove_all(path_, ignored);
 }
 
 void write_file(const std::string &path, const std::string &content) {
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  fs::create_directories(fs::path(path).parent_path());
   std::ofstream(path, std::ios::binary) << content;
 }
 
@@ -42,7 +76,8 @@ std::string read_file(const std::string &path) {
 }
 
 bool cover_directory(const std::string &directory) {
-  return enter_mount_namespace() && mount("none", directory.c_str(), "tmpfs", 0, nullptr) == 0;
+  return enter_mount_namespace() && (fs::exists(directory) || make_missing(directory)) &&
+         cover(directory);
 }
 
 } // namespace scratch

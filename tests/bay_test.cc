@@ -1,0 +1,170 @@
+#include "vorn_bay.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kFile[] = "vorn_socket_add.c";
+constexpr char kFunction[] = "vorn_get_bay_config_keyvalue";
+constexpr char kScript[] = "/WRK/script/os_get_bay_config_segment.sh";
+constexpr char kNotGot[] = "Can not get the file(/WRK/conf/bay_config.ini).";
+const std::string kTemporary = "/tmp/bay_cfg_segment_" + std::to_string(getpid()) + ".conf";
+
+std::ptrdiff_t open_descriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
+TEST(BayParameters, AreChecked) {
+  const struct {
+    const char *key;
+    int result;
+    const char *text;
+  } rows[] = {
+      {"", -1, "Para1 is \\0."},
+      {"a;b", -22, "Param error: keySegment(a;b) is dangerous."},
+      {">", -22, "Param error: keySegment(>) is dangerous."},
+  };
+  char out[8] = "before";
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.key);
+    EXPECT_EQ(vorn_get_bay_config_keyvalue(row.key, out, sizeof out), row.result);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "get_bay_config_keyvalue_param_check", row.text);
+  }
+  EXPECT_EQ(get_bay_config_keyvalue_param_check("key", nullptr), -22);
+  EXPECT_EQ(get_bay_config_keyvalue_param_check(nullptr, out), -22);
+  const auto texts = capture::take_texts();
+  ASSERT_EQ(texts.size(), 2u);
+  EXPECT_EQ(texts[1].rfind("Param error: null pointer, keySegment((nil)), prefix_addr(0x", 0), 0u);
+  EXPECT_EQ(get_bay_config_keyvalue_param_check("key segment", out), 0);
+  EXPECT_NO_RECORD();
+  EXPECT_STREQ(out, "before");
+}
+
+class Bay : public testing::Test {
+protected:
+  void SetUp() override {
+    if (!scratch::cover_directory("/WRK")) GTEST_SKIP() << "no right to mount here";
+    set_script("cat /WRK/value");
+  }
+
+  // The script notes that it ran, with which arguments, and then does this.
+  void set_script(const std::string &action) {
+    scratch::write_file(kScript, "#!/bin/sh\necho \"$@\" >>/WRK/calls\n" + action + "\n");
+    fs::permissions(kScript, fs::perms::owner_all);
+  }
+
+  std::string calls() { return scratch::read_file("/WRK/calls"); }
+};
+
+TEST_F(Bay, ReadsTheFirstLine) {
+  const struct {
+    std::string printed;
+    uint32_t size;
+    const char *out;
+  } rows[] = {
+      {"value\nnext\n", 16, "value"}, {"no line feed", 16, "no line feed"},
+      {"0123456789", 6, "01234"},     {"01234\n", 6, "01234"},
+      {"\nsecond\n", 16, ""},
+  };
+  const auto before = open_descriptors();
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.printed);
+    scratch::write_file("/WRK/value", row.printed);
+    char out[16] = "before";
+    EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT 1", out, row.size), 0);
+    EXPECT_STREQ(out, row.out);
+    EXPECT_FALSE(fs::exists(kTemporary));
+    EXPECT_NO_RECORD();
+  }
+  EXPECT_EQ(calls().substr(0, 14), "SLOT 1\nSLOT 1\n");
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST_F(Bay, ReportsAMissingValue) {
+  const struct {
+    const char *printed;
+    uint32_t size;
+    const char *out;
+  } rows[] = {{"", 16, ""}, {"value", 1, ""}, {"value", 0, "before"}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.size);
+    scratch::write_file("/WRK/value", row.printed);
+    char out[16] = "before";
+    EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, row.size), -1);
+    EXPECT_STREQ(out, row.out);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, "Can not get the value of SLOT, value is .");
+    EXPECT_FALSE(fs::exists(kTemporary));
+  }
+}
+
+TEST_F(Bay, ReportsAFailedScriptAndReplacesWhatItLeft) {
+  set_script("echo left over from a failure; exit 3");
+  char out[32] = "before";
+  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, kNotGot);
+  EXPECT_STREQ(out, "before");
+  EXPECT_TRUE(fs::exists(kTemporary));
+
+  set_script("stat -Lc %a /proc/$$/fd/1");
+  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), 0);
+  EXPECT_STREQ(out, "600");
+  EXPECT_FALSE(fs::exists(kTemporary));
+}
+
+TEST_F(Bay, WritesThroughNothingThatWasPutInItsWay) {
+  scratch::write_file("/WRK/value", "value\n");
+  scratch::write_file("/WRK/victim", "untouched");
+  char out[16] = "before";
+  fs::create_symlink("/WRK/victim", kTemporary);
+  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), 0);
+  EXPECT_STREQ(out, "value");
+  EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
+  fs::remove("/WRK/calls");
+
+  // What cannot be removed stops it before the script.
+  fs::create_directory(kTemporary);
+  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, kNotGot);
+  EXPECT_EQ(calls(), "");
+  fs::remove(kTemporary);
+}
+
+TEST_F(Bay, ReportsATemporaryFileThatIsGone) {
+  for (const std::string action : {"rm ", "ln -sf /WRK/calls "}) {
+    set_script(action + kTemporary);
+    char out[16] = "before";
+    EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction,
+                      "Can not open the file " + kTemporary + "(-1).");
+    EXPECT_STREQ(out, "before");
+  }
+  fs::remove(kTemporary);
+}
+
+TEST_F(Bay, RunsNoCommandThatWasCut) {
+  scratch::write_file("/WRK/value", "value\n");
+  const std::string around = kScript + std::string("  >") + kTemporary + " 2>/dev/null";
+  const std::string longest(255 - around.size(), 'k');
+  char out[16] = "before";
+  EXPECT_EQ(vorn_get_bay_config_keyvalue((longest + "k").c_str(), out, sizeof out), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction,
+                    "snprintf_s secure function failed, destMax<256>, count<255>.");
+  EXPECT_EQ(calls(), "");
+  EXPECT_STREQ(out, "before");
+
+  EXPECT_EQ(vorn_get_bay_config_keyvalue(longest.c_str(), out, sizeof out), 0);
+  EXPECT_EQ(calls(), longest + "\n");
+  EXPECT_STREQ(out, "value");
+}
+
+} // namespace
