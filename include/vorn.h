@@ -13,11 +13,16 @@
 #include "vorn_log.h"
 #include "vorn_mem.h"
 #include "vorn_mtx.h"
+#include "vorn_percpu_posix.h"
 #include "vorn_process.h"
 #include "vorn_reboot.h"
+#include "vorn_rwlock.h"
 #include "vorn_sched.h"
+#include "vorn_spinlock.h"
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
+#include "vorn_ticketlock.h"
 #include "vorn_time.h"
+#include "vorn_trwlock.h"
 
 #endif
