@@ -4,6 +4,7 @@
 
 #include "vorn_api.h"
 #include "vorn_bitops.h"
+#include "vorn_cfg.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
 #include "vorn_fileops.h"
