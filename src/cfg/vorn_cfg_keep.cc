@@ -39,9 +39,11 @@ bool keep(vorn_cfg_file_node_s *node, const char *section_name, const Item &item
 
 } // namespace
 
-int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item, void *) {
-  if (!keep(node, section, item))
-    VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name, item.value);
+int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item,
+                       void *context) {
+  if (keep(node, section, item)) return kContinue;
+  VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name, item.value);
+  if (context != nullptr) *static_cast<bool *>(context) = false;
   return kContinue;
 }
 

@@ -26,7 +26,8 @@ int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction funct
 // the parse is 0.
 FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context);
 
-// The callback that keeps each item in the node. A bad one is recorded and does not stop the parse.
+// The callback that keeps each item in the node. One that it cannot keep is recorded and does not
+// stop the parse; the bool that context points at, unless it is null, becomes false then.
 int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item,
                        void *context);
 

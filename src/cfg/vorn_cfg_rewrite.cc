@@ -138,8 +138,9 @@ int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_ed
     const int error = errno;
     return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, error);
   }
-  FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr);
-  if (node == nullptr) { // the item instead of the path, as it has always been
+  bool is_whole = true; // what memory could not be had for would be lost from the file
+  FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, &is_whole);
+  if (node == nullptr || !is_whole) { // the item instead of the path, as it has always been
     return VORN_FAIL(-1, "Parse config file %s failed.",
                      param->item == nullptr ? "(null)" : param->item);
   }
