@@ -2,6 +2,7 @@
 #include "cfg/vorn_cfg_index.hpp"
 
 #include <cstring>
+#include <utility>
 
 #include "cfg/vorn_cfg_text.hpp"
 
@@ -12,55 +13,56 @@ using Index = vorn_cfg_index;
 using Slot = vorn_cfg_index::Slot;
 
 constexpr std::uint32_t kFirstSize = 64;
+constexpr std::uint32_t kGrowth = 4;
+constexpr std::uint64_t kNoSection = 0; // what the hash of a section's name starts from
 
-// The hash of a section's own slot starts from here, that of an item's from its section's address.
-constexpr std::uint64_t kSectionSeed = 0;
-
-std::uint32_t hash_of(std::uint64_t seed, std::string_view name) {
-  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15; // 2^64 divided by the golden ratio
-  std::uint64_t hash = (seed ^ name.size()) * kFactor;
-  const char *at = name.data();
-  std::size_t left = name.size();
-  for (; left >= sizeof(std::uint64_t);
-       left -= sizeof(std::uint64_t), at += sizeof(std::uint64_t)) {
-    std::uint64_t word;
-    std::memcpy(&word, at, sizeof word);
-    hash = (hash ^ word) * kFactor;
-    hash ^= hash >> 32;
-  }
-  for (; left > 0; --left, ++at)
-    hash = (hash ^ static_cast<unsigned char>(*at)) * kFactor;
-  return static_cast<std::uint32_t>(hash >> 32);
-}
-
+// What the hash of an item's name starts from.
 std::uint64_t seed_of(const vorn_cfg_section_node_s *section) {
   return reinterpret_cast<std::uintptr_t>(section);
+}
+
+std::uint64_t load(const char *at) {
+  std::uint64_t word;
+  std::memcpy(&word, at, sizeof word);
+  return word;
+}
+
+// Every step can be undone, so that for one name different seeds give different hashes: where hash
+// and name are equal, the section is too.
+std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
+  constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15; // odd
+  hash = (hash ^ word) * kFactor;
+  return hash ^ (hash >> 32);
+}
+
+// The last step carries the last characters down to the low bits.
+std::uint64_t hash_of(std::uint64_t seed, std::string_view name) {
+  constexpr std::size_t kWord = sizeof(std::uint64_t);
+  std::uint64_t hash = mix(seed, name.size());
+  const char *at = name.data();
+  const char *end = at + name.size();
+  for (; end - at > static_cast<std::ptrdiff_t>(kWord); at += kWord)
+    hash = mix(hash, load(at));
+  std::uint64_t last = 0;
+  if (name.size() >= kWord) {
+    last = load(end - kWord);
+  } else {
+    for (; at != end; ++at)
+      last = last << 8 | static_cast<unsigned char>(*at);
+  }
+  return mix(mix(hash, last), 0);
 }
 
 bool is_equal(const char *text, std::string_view name) {
   return std::strncmp(text, name.data(), name.size()) == 0 && text[name.size()] == '\0';
 }
 
-// The slot that matches, or the free one where it would be.
-template <class Match> Slot *probe(const Index &index, std::uint32_t hash, Match match) {
-  std::uint32_t at = hash;
-  for (;; ++at) {
+// The slot of the name, or the free one where it would be.
+Slot *probe(const Index &index, std::uint64_t hash, std::string_view name) {
+  for (std::uint64_t at = hash;; ++at) {
     Slot *slot = &index.slots[at & (index.size - 1)];
-    if (slot->section == nullptr || (slot->hash == hash && match(*slot))) return slot;
+    if (slot->name == nullptr || (slot->hash == hash && is_equal(slot->name, name))) return slot;
   }
-}
-
-Slot *probe_section(const Index &index, std::uint32_t hash, std::string_view name) {
-  return probe(index, hash, [&](const Slot &slot) {
-    return slot.item == nullptr && is_equal(slot.section->name, name);
-  });
-}
-
-Slot *probe_item(const Index &index, std::uint32_t hash, const vorn_cfg_section_node_s *section,
-                 std::string_view name) {
-  return probe(index, hash, [&](const Slot &slot) {
-    return slot.section == section && slot.item != nullptr && is_equal(slot.item->name, name);
-  });
 }
 
 Slot *new_slots(std::uint32_t size) {
@@ -71,32 +73,42 @@ Slot *new_slots(std::uint32_t size) {
 
 bool grow(Index *index) {
   const Index old = *index;
-  index->slots = new_slots(old.size * 2);
-  if (index->slots == nullptr) {
-    index->slots = old.slots;
-    return false;
-  }
-  index->size = old.size * 2;
+  Slot *slots = new_slots(old.size * kGrowth);
+  if (slots == nullptr) return false;
+  index->slots = slots;
+  index->size = old.size * kGrowth;
   for (std::uint32_t i = 0; i < old.size; ++i) {
-    const Slot &slot = old.slots[i];
-    if (slot.section == nullptr) continue;
-    *probe(*index, slot.hash, [](const Slot &) { return false; }) = slot;
+    if (old.slots[i].name == nullptr) continue;
+    std::uint64_t at = old.slots[i].hash;
+    while (slots[at & (index->size - 1)].name != nullptr)
+      ++at;
+    slots[at & (index->size - 1)] = old.slots[i];
   }
   vorn_free(old.slots);
   return true;
 }
 
-// Half of the slots stay free. An index that cannot grow is given up.
-Index *with_room(vorn_cfg_file_node_s *node) {
+// What had the name before, null for nothing. An index that cannot grow is given up.
+char *enter(vorn_cfg_file_node_s *node, std::uint64_t seed, char *name) {
   Index *index = node->index;
-  if (index == nullptr || index->used < index->size / 2 || grow(index)) return index;
-  index_drop(node);
-  return nullptr;
+  if (index->used >= index->size / 4 * 3 && !grow(index)) {
+    char *old = probe(*index, hash_of(seed, name), name)->name;
+    index_drop(node);
+    return old;
+  }
+  const std::uint64_t hash = hash_of(seed, name);
+  Slot *slot = probe(*index, hash, name);
+  if (slot->name == nullptr) ++index->used;
+  slot->hash = hash;
+  return std::exchange(slot->name, name);
 }
 
-void fill(Index *index, Slot *slot, const Slot &content) {
-  if (slot->section == nullptr) ++index->used;
-  *slot = content;
+vorn_cfg_section_node_s *section_of(char *name) {
+  return name == nullptr ? nullptr : vorn_list_entry(name, vorn_cfg_section_node_s, name);
+}
+
+vorn_cfg_item_node_s *item_of(char *name) {
+  return name == nullptr ? nullptr : vorn_list_entry(name, vorn_cfg_item_node_s, name);
 }
 
 } // namespace
@@ -133,30 +145,26 @@ void index_build(vorn_cfg_file_node_s *node) {
 
 vorn_cfg_section_node_s *index_find_section(const vorn_cfg_file_node_s *node,
                                             std::string_view name) {
-  return probe_section(*node->index, hash_of(kSectionSeed, name), name)->section;
+  return section_of(probe(*node->index, hash_of(kNoSection, name), name)->name);
 }
 
 vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
                                       const vorn_cfg_section_node_s *section,
                                       std::string_view name) {
-  return probe_item(*node->index, hash_of(seed_of(section), name), section, name)->item;
+  return item_of(probe(*node->index, hash_of(seed_of(section), name), name)->name);
 }
 
-void index_enter_section(vorn_cfg_file_node_s *node, vorn_cfg_section_node_s *section) {
-  Index *index = with_room(node);
-  if (index == nullptr) return;
-  const std::string_view name = section->name;
-  const std::uint32_t hash = hash_of(kSectionSeed, name);
-  fill(index, probe_section(*index, hash, name), {section, nullptr, hash});
+vorn_cfg_section_node_s *index_enter_section(vorn_cfg_file_node_s *node,
+                                             vorn_cfg_section_node_s *section) {
+  if (node->index == nullptr) return nullptr;
+  return section_of(enter(node, kNoSection, section->name));
 }
 
-void index_enter_item(vorn_cfg_file_node_s *node, vorn_cfg_section_node_s *section,
-                      vorn_cfg_item_node_s *item) {
-  Index *index = with_room(node);
-  if (index == nullptr) return;
-  const std::string_view name = item->name;
-  const std::uint32_t hash = hash_of(seed_of(section), name);
-  fill(index, probe_item(*index, hash, section, name), {section, item, hash});
+vorn_cfg_item_node_s *index_enter_item(vorn_cfg_file_node_s *node,
+                                       const vorn_cfg_section_node_s *section,
+                                       vorn_cfg_item_node_s *item) {
+  if (node->index == nullptr) return nullptr;
+  return item_of(enter(node, seed_of(section), item->name));
 }
 
 } // namespace vorn::cfg

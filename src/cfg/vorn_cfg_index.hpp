@@ -11,12 +11,11 @@
 
 #include "vorn_cfg.h"
 
-// A hash table with open addressing. A slot holds a section, or an item beside its section.
+// A hash table with open addressing over the names in the nodes.
 struct vorn_cfg_index {
   struct Slot {
-    vorn_cfg_section_node_s *section; // null: the slot is free
-    vorn_cfg_item_node_s *item;       // null: the slot is the section's own
-    std::uint32_t hash;
+    std::uint64_t hash;
+    char *name; // the name of a section or an item, null: the slot is free
   };
 
   Slot *slots;
@@ -26,10 +25,10 @@ struct vorn_cfg_index {
 
 namespace vorn::cfg {
 
-// Gives an empty node an index, if there is memory.
+// Gives a node without sections an index, if there is memory.
 void index_start(vorn_cfg_file_node_s *node);
 
-// Gives node, of whatever content, an index, if there is memory.
+// Gives node, whatever it holds, an index, if there is memory.
 void index_build(vorn_cfg_file_node_s *node);
 
 // Before someone else may change the lists.
@@ -42,11 +41,13 @@ vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
                                       const vorn_cfg_section_node_s *section,
                                       std::string_view name);
 
-// Enter a section or an item, in the place of one of the same name, if node has an index. What is
-// replaced so must still exist.
-void index_enter_section(vorn_cfg_file_node_s *node, vorn_cfg_section_node_s *section);
-void index_enter_item(vorn_cfg_file_node_s *node, vorn_cfg_section_node_s *section,
-                      vorn_cfg_item_node_s *item);
+// Enter a section or an item, if node has an index. One of the same name, which must still exist,
+// makes room for it and is returned.
+vorn_cfg_section_node_s *index_enter_section(vorn_cfg_file_node_s *node,
+                                             vorn_cfg_section_node_s *section);
+vorn_cfg_item_node_s *index_enter_item(vorn_cfg_file_node_s *node,
+                                       const vorn_cfg_section_node_s *section,
+                                       vorn_cfg_item_node_s *item);
 
 } // namespace vorn::cfg
 

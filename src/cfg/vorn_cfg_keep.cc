@@ -10,11 +10,11 @@ namespace vorn::cfg {
 namespace {
 
 bool vorn_cfg_check_param(const char *section, const Item &item) {
-  if (section == nullptr || item.name == nullptr || item.value == nullptr)
+  if (section == nullptr || item.name.data() == nullptr || item.value.data() == nullptr)
     return VORN_FAIL(false, "Null pointer found, section or item.");
   if (std::strlen(section) >= kNameSize) return VORN_FAIL(false, "Section name length too long.");
-  if (std::strlen(item.name) >= kNameSize) return VORN_FAIL(false, "Item name length too long.");
-  if (std::strlen(item.value) >= kValueSize) return VORN_FAIL(false, "Item value length too long.");
+  if (item.name.size() >= kNameSize) return VORN_FAIL(false, "Item name length too long.");
+  if (item.value.size() >= kValueSize) return VORN_FAIL(false, "Item value length too long.");
   return true;
 }
 
@@ -42,7 +42,7 @@ bool keep(vorn_cfg_file_node_s *node, const char *section_name, const Item &item
 int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item,
                        void *context) {
   if (keep(node, section, item)) return kContinue;
-  VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name, item.value);
+  VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name.data(), item.value.data());
   if (context != nullptr) *static_cast<bool *>(context) = false;
   return kContinue;
 }

@@ -79,14 +79,14 @@ vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name) {
   return section;
 }
 
-vorn_cfg_item_node_s *vorn_cfg_new_item_node(const char *name, const char *value) {
+vorn_cfg_item_node_s *vorn_cfg_new_item_node(std::string_view name, std::string_view value) {
   vorn_cfg_item_node_s *none = nullptr;
   auto *item = static_cast<vorn_cfg_item_node_s *>(allocate(sizeof(vorn_cfg_item_node_s)));
   if (item == nullptr) {
     return VORN_FAIL(none, "Alloc needed item memory fail, item node size (%u).",
                      static_cast<unsigned int>(sizeof *item));
   }
-  const std::size_t size = std::strlen(value) + 1;
+  const std::size_t size = value.size() + 1;
   item->value = static_cast<char *>(allocate(size));
   if (item->value == nullptr) {
     vorn_free(item);
@@ -97,19 +97,18 @@ vorn_cfg_item_node_s *vorn_cfg_new_item_node(const char *name, const char *value
   if (copy_text(item->name, sizeof item->name, name) != 0 ||
       copy_text(item->value, size, value) != 0) {
     free_item(item);
-    return VORN_FAIL(none, "Copy item (%s=%s) fail in new item node.", name, value);
+    return VORN_FAIL(none, "Copy item (%s=%s) fail in new item node.", name.data(), value.data());
   }
   return item;
 }
 
-// The index still compares with the old item's name: that one goes last.
+// An index finds the old item while it enters the new one.
 void vorn_cfg_add_item_node(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section,
                             vorn_cfg_item_node_s *item) {
-  vorn_cfg_item_node_s *old = find_item(file, section, item->name);
-  if (old != nullptr) list::remove(&old->link, show_node, VORN_FILE);
+  vorn_cfg_item_node_s *old = file->index == nullptr ? find_item(file, section, item->name)
+                                                     : index_enter_item(file, section, item);
+  if (old != nullptr) remove_item(old);
   list::insert_tail(&section->items, &item->link, show_node, VORN_FILE);
-  index_enter_item(file, section, item);
-  if (old != nullptr) free_item(old);
 }
 
 void append_section(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section) {

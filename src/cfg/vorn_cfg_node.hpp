@@ -21,9 +21,10 @@ struct DestroyFileNode {
 };
 using FileNode = std::unique_ptr<vorn_cfg_file_node_s, DestroyFileNode>;
 
-// A section or an item that is on no list yet; null after an error record.
+// A section or an item that is on no list yet; null after an error record. name and value end in a
+// NUL.
 vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name);
-vorn_cfg_item_node_s *vorn_cfg_new_item_node(const char *name, const char *value);
+vorn_cfg_item_node_s *vorn_cfg_new_item_node(std::string_view name, std::string_view value);
 
 // Appends item, in the place of one of the same name.
 void vorn_cfg_add_item_node(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section,

@@ -65,9 +65,9 @@ bool vorn_cfg_parse_item(const Line &line, Item *item) {
   }
   if (key.size() >= kNameSize) return false;
   line.text[key.data() + key.size() - line.text] = '\0';
-  *item = {key.data(), value.data()};
+  *item = {key, value};
   if (value.size() < kValueSize) return true;
-  return VORN_FAIL(false, "copy item (%s=%s) fail in parse item.", item->name, item->value);
+  return VORN_FAIL(false, "copy item (%s=%s) fail in parse item.", key.data(), value.data());
 }
 
 // Parses one line; section is the current one.

@@ -2,14 +2,16 @@
 #ifndef VORN_CFG_PARSE_HPP
 #define VORN_CFG_PARSE_HPP
 
+#include <string_view>
+
 #include "cfg/vorn_cfg_node.hpp"
 
 namespace vorn::cfg {
 
-// An item of a line: valid during the callback only.
+// An item of a line: two texts that end in a NUL, valid during the callback only.
 struct Item {
-  const char *name;
-  const char *value;
+  std::string_view name;
+  std::string_view value;
 };
 
 // What is done with an item of section. kContinue goes on; any other value stops the parse and is

@@ -21,12 +21,11 @@ constexpr int kFound = 0; // stops the parse, which has succeeded then
 int vorn_cfg_getFromFile_proc(vorn_cfg_file_node_s *, const char *section, const Item &item,
                               void *context) {
   auto *search = static_cast<Search *>(context);
-  if (std::strcmp(item.name, search->item) != 0 || std::strcmp(section, search->section) != 0)
-    return kContinue;
+  if (item.name != search->item || std::strcmp(section, search->section) != 0) return kContinue;
   vorn_cfg_item_s found;
   if (copy_text(found.name, sizeof found.name, item.name) != 0 ||
       copy_text(found.value, sizeof found.value, item.value) != 0)
-    return VORN_FAIL(-1, "Copy item (%s=%s) fail.", item.name, item.value);
+    return VORN_FAIL(-1, "Copy item (%s=%s) fail.", item.name.data(), item.value.data());
   *search->out = found;
   search->result = 0;
   return kFound;

@@ -43,15 +43,14 @@ bool put_first(Writing *writing, const char *section, const Item &item) {
       !put_target(writing))
     return false;
   if (!writing->text.put_header(section)) return false;
-  const bool is_target =
-      std::strcmp(section, writing->section) == 0 && std::strcmp(item.name, writing->item) == 0;
+  const bool is_target = std::strcmp(section, writing->section) == 0 && item.name == writing->item;
   return is_target ? put_target(writing) : writing->text.put_item(item.name, item.value);
 }
 
 // A later item: its section is not looked at, on purpose, so that every item of the target's name
 // takes the value here.
 bool put_later(Writing *writing, const Item &item) {
-  const bool is_target = std::strcmp(item.name, writing->item) == 0;
+  const bool is_target = item.name == writing->item;
   return is_target ? put_target(writing) : writing->text.put_item(item.name, item.value);
 }
 
