@@ -55,7 +55,7 @@ TEST_F(CfgEdit, ChangesTheFile) {
       {kAdd, "s", "k", "l=1\n;c\n[s]\n", "[NULL]\nl=1\n[s]\nk=new\n"},
       {kAdd, "s", "k", "[s]\nl=1\n[t]\nk=2\n[s]\nm=3", "[s]\nl=1\nm=3\nk=new\n[t]\nk=2\n"},
       {kAdd, "NULL", "k", "[s]\nk=1\n", "[s]\nk=1\n[NULL]\nk=new\n"},
-      {kAdd, "", "", "[s]\nk=1\n", "[s]\nk=1\n[]\n=new\n"},
+      {kAdd, "", "", "[s]\nk=1\n", "[s]\nk=1\n[]\n =new\n"},
       {kSet, "s", "k", "[t]\nk=1\n[s]\nl=1\nk=1\nm=1\n", "[t]\nk=1\n[s]\nl=1\nk=new\nm=1\n"},
       {kDelete, "s", "k", "[s]\nk=1\nl=2\n", "[s]\nl=2\n"},
       {kDelete, "s", "k", "[t]\nk=1\n[s]\nk=1\n", "[t]\nk=1\n"},

@@ -48,6 +48,7 @@ TEST_F(CfgWrite, SetsOneItem) {
       {"[s]\nl=1\n[t]\nm=1\n[s]\nk=1\n", "s", "k", "[s]\nl=1\nk=new\n[t]\nm=1\n[s]\nk=new\n"},
       {"[s]\nl=1\n[t]\n[s]\nk=1\nk=2\n", "s", "k", "[s]\nl=1\nk=new\nk=new\n"},
       {"[]\nl=1\n", "s", "k", "l=1\n[s]\nk=new\n"},
+      {" =1\n", "s", "k", "[NULL]\n =1\n[s]\nk=new\n"},
       // Written as given; blanks at the ends are not read back.
       {"", "a b", "k.l", "[a b]\nk.l=new\n"},
   };

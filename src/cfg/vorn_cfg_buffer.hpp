@@ -15,8 +15,9 @@ public:
 
   // Each appends a line. False where it and a NUL do not fit, and nothing is appended.
   bool put_header(std::string_view section) { return put({"[", section, "]\n"}); }
+  // A line that begins with "=" is a comment: the blank keeps an item without a name one.
   bool put_item(std::string_view name, std::string_view value) {
-    return put({name, "=", value, "\n"});
+    return put({name.empty() ? " " : name, "=", value, "\n"});
   }
 
   const char *text() const { return text_; }

@@ -3,13 +3,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "vorn_fileops.h"
 
 namespace vorn::cfg {
 namespace {
 
-constexpr std::size_t kBlock = 65536;
+constexpr std::size_t kBlock = 65536; // that is read at once
+constexpr std::size_t kGrowth = 8;
 
 ssize_t read_some(int fd, char *to, std::size_t count) {
   for (;;) {
@@ -25,38 +27,55 @@ std::size_t without_carriage_returns(char *text, std::size_t length) {
 
 } // namespace
 
-// Reads more behind what is there. False at the end of the file.
+// Most files need no more than the first buffer. Called while what has been read begins it.
+bool Lines::grow() {
+  const std::size_t room = std::min(limit_, room_ == 0 ? kBlock : room_ * kGrowth);
+  Text buffer(static_cast<char *>(allocate(room + 1)));
+  if (buffer == nullptr) {
+    missing_ = room + 1;
+    return false;
+  }
+  if (end_ != 0) std::memcpy(buffer.get(), buffer_.get(), end_);
+  buffer_ = std::move(buffer);
+  room_ = room;
+  return true;
+}
+
+// Reads more behind what is there. False at the end of the file, where the line fills its limit,
+// and on failure.
 bool Lines::fill() {
-  std::memmove(buffer_, buffer_ + begin_, end_ - begin_);
+  if (begin_ != 0) std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
   end_ -= begin_;
-  scanned_ -= begin_;
   begin_ = 0;
-  const ssize_t got = read_some(fd_, buffer_ + end_, std::min(kBlock, room_ - end_));
+  if (end_ == limit_ || (end_ == room_ && !grow())) return false;
+  char *to = buffer_.get() + end_;
+  const ssize_t got = read_some(fd_, to, std::min(kBlock, room_ - end_));
   if (got < 0) error_ = errno;
   ended_ = got <= 0;
-  if (!ended_) end_ += without_carriage_returns(buffer_ + end_, static_cast<std::size_t>(got));
+  if (!ended_) end_ += without_carriage_returns(to, static_cast<std::size_t>(got));
   return !ended_;
 }
 
-// The line feed at the end of the first line, or the place behind a line that has none: the last of
-// a file, or one that fills the buffer.
-char *Lines::find_end() {
+// Where the first line's feed is, or what comes behind a line that has none: the last of a file, or
+// one at its limit.
+std::size_t Lines::find_end() {
+  std::size_t scanned = begin_; // no feed before
   for (;;) {
-    void *feed = std::memchr(buffer_ + scanned_, '\n', end_ - scanned_);
-    if (feed != nullptr) return static_cast<char *>(feed);
-    scanned_ = end_;
-    if (ended_ || end_ - begin_ == room_ || !fill()) return buffer_ + end_;
+    const char *from = buffer_.get() + scanned;
+    const void *feed = scanned == end_ ? nullptr : std::memchr(from, '\n', end_ - scanned);
+    if (feed != nullptr)
+      return scanned + static_cast<std::size_t>(static_cast<const char *>(feed) - from);
+    scanned = end_ - begin_;
+    if (ended_ || !fill()) return end_;
   }
 }
 
 bool Lines::next(Line *line) {
-  char *end = find_end();
-  if (error_ != 0 || begin_ == end_) return false;
-  char *text = buffer_ + begin_;
-  const bool has_feed = end != buffer_ + end_;
-  begin_ = static_cast<std::size_t>(end - buffer_) + (has_feed ? 1 : 0);
-  scanned_ = begin_;
-  *end = '\0';
+  const std::size_t end = find_end();
+  if (error_ != 0 || missing_ != 0 || begin_ == end_) return false;
+  char *text = buffer_.get() + begin_;
+  buffer_.get()[end] = '\0';
+  begin_ = std::min(end + 1, end_); // behind the feed, if there is one
   *line = {text, std::strlen(text)};
   return true;
 }

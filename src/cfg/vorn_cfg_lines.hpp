@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+#include "cfg/vorn_cfg_text.hpp"
+
 namespace vorn::cfg {
 
 struct Line {
@@ -14,25 +16,28 @@ struct Line {
 
 class Lines {
 public:
-  // buffer has room for size bytes: a line of size - 1 and a NUL. Longer ones are split.
-  Lines(int fd, char *buffer, std::size_t size) : fd_(fd), buffer_(buffer), room_(size - 1) {}
+  // From the position of fd. Lines of more than limit bytes are split.
+  Lines(int fd, std::size_t limit) : fd_(fd), limit_(limit) {}
 
   // The next line, up to its first NUL and without its line feed, valid until the next call. False
-  // at the end of the file, or when it cannot be read: then error() is the errno.
+  // at the end of the file, or after a failure.
   bool next(Line *line);
 
-  int error() const { return error_; }
+  int error() const { return error_; }             // the errno of a read, 0 for none
+  std::size_t missing() const { return missing_; } // bytes that there was no memory for
 
 private:
+  bool grow();
   bool fill();
-  char *find_end();
+  std::size_t find_end();
 
   int fd_;
-  char *buffer_;
-  std::size_t room_;
-  std::size_t begin_ = 0;   // of what has been read and not handed out
-  std::size_t end_ = 0;     // behind it
-  std::size_t scanned_ = 0; // behind what is known to hold no line feed
+  std::size_t limit_;
+  std::size_t missing_ = 0;
+  Text buffer_;
+  std::size_t room_ = 0;  // in the buffer, beside a NUL
+  std::size_t begin_ = 0; // of what has been read and not handed out
+  std::size_t end_ = 0;   // behind it
   bool ended_ = false;
   int error_ = 0;
 };

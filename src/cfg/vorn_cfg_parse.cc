@@ -16,8 +16,6 @@
 namespace vorn::cfg {
 namespace {
 
-constexpr std::size_t kBufferSize = kLineMax + 1;
-
 // Takes the blanks off the end; those at the start stay, and count for nothing. False drops the
 // line.
 bool vorn_cfg_trim_string(Line *line) {
@@ -118,17 +116,17 @@ UniqueFd open_to_read(const char *path) {
 
 int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function,
                           void *context) {
-  const Text buffer(static_cast<char *>(allocate(kBufferSize)));
-  if (buffer == nullptr) {
-    return VORN_FAIL(-1, "Alloc memory fail, size(%u).", static_cast<unsigned int>(kBufferSize));
-  }
   char section[kNameSize] = "NULL"; // what stands before the first header belongs here
-  Lines lines(fd, buffer.get(), kBufferSize);
+  Lines lines(fd, kLineMax);
   for (Line line; lines.next(&line);) {
     const int result = parse_line(&line, section, node, function, context);
     if (result != kContinue) return result;
   }
-  // An editor must not take what it could read for the whole file.
+  // An editor must not take what could be read for the whole file.
+  if (lines.missing() != 0) {
+    return VORN_FAIL(-1, "Alloc memory fail, size(%u).",
+                     static_cast<unsigned int>(lines.missing()));
+  }
   if (lines.error() == 0) return 0;
   return VORN_FAIL(-1, "Read file failed, fd %d errno %d", fd, lines.error());
 }

@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/bounded.hpp"
 #include "base/log.hpp"
 #include "base/unique_fd.hpp"
 #include "cfg/vorn_cfg_buffer.hpp"
@@ -161,7 +160,9 @@ int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName) {
     const int error = errno;
     return VORN_FAIL(-1, "Malloc memory for tempFile failed.errno(%d).", error);
   }
-  if (vorn::snprintf_s(name.get(), size, size - 1, "%s%s", path, kSuffix) < 0)
+  const std::size_t length = size - sizeof kSuffix;
+  if (copy_text(name.get(), size, path) != 0 ||
+      copy_text(name.get() + length, sizeof kSuffix, kSuffix) != 0)
     return VORN_FAIL(-1, "Sprintf_s failed.");
   unlink(name.get());
   const std::unique_ptr<struct stat, FreeBlock> target(
