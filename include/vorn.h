@@ -6,6 +6,7 @@
 #include "vorn_avl.h"
 #include "vorn_bay.h"
 #include "vorn_bitops.h"
+#include "vorn_cfg.h"
 #include "vorn_cmd.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"

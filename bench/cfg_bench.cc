@@ -1,0 +1,176 @@
+// bench-links: vornsim inih iniparser glib-2.0
+// Configuration files beside the peers' readers. GKeyFile and iniparser keep what they read, as the
+// registry does; inih hands it to a callback, which here either looks for one item, as the one-shot
+// read does, or keeps all in a hash table.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <unordered_map>
+#include <vector>
+
+#include <ini.h>
+#include <iniparser/iniparser.h>
+
+#include "support/bench.hpp"
+#include "vorn_cfg.h"
+
+// GLib's headers are outside the compiler's folders.
+extern "C" {
+struct GKeyFile;
+GKeyFile *g_key_file_new(void);
+void g_key_file_free(GKeyFile *);
+int g_key_file_load_from_file(GKeyFile *, const char *path, int flags, void **error);
+char *g_key_file_get_value(GKeyFile *, const char *group, const char *key, void **error);
+void g_free(void *);
+}
+
+namespace {
+
+std::string section_of(std::size_t number) { return "SECTION_" + std::to_string(number); }
+std::string item_of(std::size_t number) { return "ITEM_NUMBER_" + std::to_string(number); }
+
+// A file in memory.
+class File {
+public:
+  File(std::size_t sections, std::size_t items) : fd_(memfd_create("bench", MFD_CLOEXEC)) {
+    std::string text;
+    for (std::size_t s = 0; s < sections; ++s) {
+      text += "[" + section_of(s) + "]\n";
+      for (std::size_t i = 0; i < items; ++i)
+        text += item_of(i) + " = value " + std::to_string(s * items + i) + "\n";
+    }
+    size = text.size();
+    path = "/proc/self/fd/" + std::to_string(fd_);
+    if (write(fd_, text.data(), size) != static_cast<ssize_t>(size)) std::abort();
+  }
+  File(const File &) = delete;
+  File &operator=(const File &) = delete;
+  ~File() { close(fd_); }
+
+  std::string path;
+  std::size_t size;
+
+private:
+  int fd_;
+};
+
+GKeyFile *load_key_file(const char *path) {
+  GKeyFile *file = g_key_file_new();
+  if (g_key_file_load_from_file(file, path, 0, nullptr) == 0) std::abort();
+  return file;
+}
+
+using Table = std::unordered_map<std::string, std::unordered_map<std::string, std::string>>;
+
+int keep_item(void *user, const char *section, const char *name, const char *value) {
+  (*static_cast<Table *>(user))[section].insert_or_assign(name, value);
+  return 1;
+}
+
+int find_item(void *user, const char *section, const char *name, const char *value) {
+  if (std::strcmp(name, "NONE") == 0 && std::strcmp(section, "NONE") == 0)
+    std::strcpy(static_cast<char *>(user), value);
+  return 1;
+}
+
+void measure_parses(const bench::Table &table, const char *what, const File &file,
+                    bool with_iniparser) {
+  const char *path = file.path.c_str();
+  table.row({std::string("look for an item in ") + what, file.size},
+            {bench::ours([=] {
+               vorn_cfg_item_s out;
+               if (vorn_cfg_getItemFromFile(path, "NONE", "NONE", &out) == 0) std::abort();
+             }),
+             bench::peer("inih", [=] {
+               char value[256];
+               if (ini_parse(path, find_item, value) != 0) std::abort();
+             })});
+  std::vector<bench::Contender> contenders = {
+      bench::ours([=] {
+        if (vorn_cfg_init(path) != 0) std::abort();
+        vorn_cfg_destroy_ex(path);
+      }),
+      bench::peer("inih",
+                  [=] {
+                    Table kept;
+                    if (ini_parse(path, keep_item, &kept) != 0) std::abort();
+                  }),
+      bench::peer("GKeyFile", [=] { g_key_file_free(load_key_file(path)); })};
+  if (with_iniparser) {
+    contenders.push_back(
+        bench::peer("iniparser", [=] { iniparser_freedict(iniparser_load(path)); }));
+  }
+  table.row({std::string("keep and drop ") + what, file.size}, contenders);
+}
+
+struct Turn {
+  std::size_t count;
+  std::size_t at = 0;
+
+  std::size_t next() { return at = at + 1 == count ? 0 : at + 1; }
+};
+
+// All items in turn, in no order.
+void measure_lookups(const bench::Table &table, const char *what, std::size_t sections,
+                     std::size_t items) {
+  const File file(sections, items);
+  const char *path = file.path.c_str();
+  std::vector<std::string> section;
+  std::vector<std::string> item;
+  std::vector<std::string> key;
+  for (std::size_t i = 0; i < sections * items; ++i) {
+    const std::size_t at = i * 7919 % (sections * items);
+    section.push_back(section_of(at / items));
+    item.push_back(item_of(at % items));
+    key.push_back(section.back() + ":" + item.back());
+  }
+  if (vorn_cfg_init(path) != 0) std::abort();
+  GKeyFile *key_file = load_key_file(path);
+  dictionary *dictionary = iniparser_load(path);
+  Turn turn{item.size()};
+  table.row(what, {bench::ours([&, turn]() mutable {
+                     char value[256];
+                     const std::size_t at = turn.next();
+                     if (vorn_cfg_getItemValue_ex(path, section[at].c_str(), item[at].c_str(),
+                                                  value, sizeof value) != 0)
+                       std::abort();
+                   }),
+                   bench::peer("GKeyFile",
+                               [&, turn]() mutable {
+                                 char value[256];
+                                 const std::size_t at = turn.next();
+                                 char *found = g_key_file_get_value(key_file, section[at].c_str(),
+                                                                    item[at].c_str(), nullptr);
+                                 if (found == nullptr) std::abort();
+                                 std::strcpy(value, found);
+                                 g_free(found);
+                                 bench::keep(value);
+                               }),
+                   bench::peer("iniparser", [&, turn]() mutable {
+                     char value[256];
+                     const char *found =
+                         iniparser_getstring(dictionary, key[turn.next()].c_str(), nullptr);
+                     if (found == nullptr) std::abort();
+                     std::strcpy(value, found);
+                     bench::keep(value);
+                   })});
+  iniparser_freedict(dictionary);
+  g_key_file_free(key_file);
+  vorn_cfg_destroy();
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const bench::Table table{argc, argv, "Configuration files"};
+  measure_parses(table, "1 KB", File(2, 16), true);
+  measure_parses(table, "1 MB, 600 sections", File(600, 56), false);
+  measure_parses(table, "1 MB, 1 section", File(1, 28000), false);
+  measure_lookups(table, "look up, 1000 items in 1 section", 1, 1000);
+  measure_lookups(table, "look up, 1000 items in 50 sections", 50, 20);
+}

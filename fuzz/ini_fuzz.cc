@@ -1,0 +1,162 @@
+// clang-format off
+// fuzz-sources: src/cfg/vorn_cfg.cc src/cfg/vorn_cfg_index.cc src/cfg/vorn_cfg_keep.cc src/cfg/vorn_cfg_lines.cc src/cfg/vorn_cfg_lock.cc src/cfg/vorn_cfg_node.cc src/cfg/vorn_cfg_parse.cc src/cfg/vorn_cfg_read.cc src/cfg/vorn_cfg_rewrite.cc src/cfg/vorn_cfg_text.cc src/cfg/vorn_cfg_write.cc src/list/vorn_list.cc src/base/ratelimit.cc
+// clang-format on
+//
+// Any file is parsed into what the plainest reading of the rules finds in it; written again and
+// parsed again, it holds the same; and the in-place writer sets its one item.
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "evlog.h"
+#include "vorn_cfg.h"
+
+extern "C" int evlog_level_check(unsigned int, int) { return 1; }
+
+namespace {
+
+using Items = std::vector<std::pair<std::string, std::string>>;
+using Sections = std::vector<std::pair<std::string, Items>>;
+
+void expect(bool holds) {
+  if (!holds) std::abort();
+}
+
+// A file in memory, by the path that leads to it.
+class File {
+public:
+  File() : fd_(memfd_create("ini", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {}
+
+  const char *path() const { return path_.c_str(); }
+  int fd() const { return fd_; }
+
+  void write(std::string_view text) const {
+    expect(ftruncate(fd_, 0) == 0);
+    expect(pwrite(fd_, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
+  }
+
+private:
+  int fd_;
+  std::string path_;
+};
+
+const File &file() {
+  static const File the_file;
+  return the_file;
+}
+
+// Through an edit that is given up: what was parsed, written to the file itself on request.
+Sections parsed;
+bool writes_again;
+
+int take(vorn_cfg_file_node_s *node, const char *, const char *, const char *) {
+  parsed.clear();
+  for (auto *s = vorn_list_first(&node->sections); s; s = vorn_list_next(&node->sections, s)) {
+    const auto *section = vorn_list_entry(s, vorn_cfg_section_node_s, link);
+    parsed.emplace_back(section->name, Items());
+    for (auto *i = vorn_list_first(&section->items); i; i = vorn_list_next(&section->items, i)) {
+      const auto *item = vorn_list_entry(i, vorn_cfg_item_node_s, link);
+      parsed.back().second.emplace_back(item->name, item->value);
+    }
+  }
+  if (writes_again) expect(vorn_cfg_writeFnodeTofile(file().fd(), node) == 0);
+  return -1;
+}
+
+Sections parse(bool and_write) {
+  writes_again = and_write;
+  vorn_cfg_oper_param_s param{file().path(), nullptr, nullptr, nullptr};
+  vorn_cfg_file_writeOperate(file().fd(), &param, take);
+  return parsed;
+}
+
+// The same by the plainest code. No input here is as long as the limit of a line.
+
+std::string trimmed(std::string text) {
+  text.erase(text.find_last_not_of(" \t\n\r") + 1);
+  text.erase(0, text.find_first_not_of(" \t"));
+  return text;
+}
+
+bool is_name(const std::string &text) {
+  return text.find_first_not_of(
+             "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_") == text.npos;
+}
+
+void set(Sections &sections, const std::string &section, const std::string &item,
+         const std::string &value) {
+  auto at = std::find_if(sections.begin(), sections.end(),
+                         [&](const auto &known) { return known.first == section; });
+  if (at == sections.end()) at = sections.insert(at, {section, Items()});
+  std::erase_if(at->second, [&](const auto &known) { return known.first == item; });
+  at->second.emplace_back(item, value);
+}
+
+Sections expected(std::string_view text) {
+  Sections sections;
+  std::string section = "NULL";
+  while (!text.empty()) {
+    std::string line(text.substr(0, text.find('\n')));
+    text.remove_prefix(std::min(text.size(), line.size() + 1));
+    std::erase(line, '\r');
+    line.erase(std::min(line.find('\0'), line.size()));
+    line.erase(line.find_last_not_of(" \t\n\r") + 1);
+    if (line.empty()) continue;
+    if (line.size() <= 65 && line.front() == '[' && line.back() == ']') {
+      const std::string name = trimmed(line.substr(1, line.size() - 2));
+      if (is_name(name)) {
+        section = name;
+        continue;
+      }
+    }
+    const std::size_t equals = line.find('=');
+    if (line[0] == ';' || line[0] == '=' || equals == line.npos) continue;
+    const std::string key = trimmed(line.substr(0, equals));
+    if (is_name(key) && key.size() < 64)
+      set(sections, section, key, trimmed(line.substr(equals + 1)));
+  }
+  return sections;
+}
+
+// An item that is registered is found, with its last value.
+void check_lookups(const Sections &sections) {
+  expect(vorn_cfg_init(file().path()) == 0);
+  std::string value(1 << 16, ' ');
+  for (const auto &[section, items] : sections) {
+    for (const auto &[item, wanted] : items) {
+      expect(vorn_cfg_getItemValue(section.c_str(), item.c_str(), value.data(),
+                                   static_cast<unsigned int>(value.size())) == 0);
+      expect(wanted == value.c_str());
+    }
+  }
+  vorn_cfg_destroy();
+}
+
+// No other item of this name can be there, so the in-place writer only adds it.
+void check_write() {
+  const std::string item(63, 'z');
+  expect(vorn_cfg_write_item_to_file(file().path(), "section", item.c_str(), "v") == 0);
+  vorn_cfg_item_s out;
+  expect(vorn_cfg_getItemFromFile(file().path(), "section", item.c_str(), &out) == 0);
+  expect(std::string_view(out.value) == "v");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char *>(data), size);
+  if (size >= 1 << 16) return 0;
+  file().write(input);
+  const Sections sections = parse(true);
+  expect(sections == expected(input));
+  expect(parse(false) == sections);
+  check_lookups(sections);
+  file().write(input);
+  check_write();
+  return 0;
+}

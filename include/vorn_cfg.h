@@ -1,0 +1,225 @@
+/* INI configuration files: a registry of parsed files that answers lookups from memory, one-shot
+ * reads, and edits that rewrite a file on disk.
+ *
+ * What a file may hold. "[name]" at the start of a line opens a section, "key=value" sets an item;
+ * blanks around name, key and value do not count. Names are of ASCII letters, digits and "_", at
+ * most 63 of them, and case counts. A value is everything behind the first "=", at most 4194303
+ * characters (VORN_CFG_VALUE_MAX); there is no quoting and no comment behind it. Lines that begin
+ * with ";" or
+ * "=", and lines that are neither, are dropped. Items before the first header belong to the section
+ * "NULL". A line is cut at a NUL, carriage returns in it are dropped, and one of more than 4194369
+ * bytes is read as several lines.
+ *
+ * A section that comes again continues the first one. An item that comes again in its section
+ * replaces the earlier one; only vorn_cfg_getItemFromFile answers with the first. A header without
+ * items opens nothing.
+ *
+ * Files are told apart by their path as given: two strings that name one file are two files. Only
+ * regular files are read, and devices; a directory, a FIFO and a file that fails to be read are
+ * refused with -1.
+ *
+ * Any thread may call; nothing here is safe in a signal handler. Calls block on the file system, on
+ * the locks below for as long as another thread holds them, and editors on other editors of the
+ * same file in any process. Results are 0, or -1 after a record, unless a function says otherwise.
+ * Text arguments end in a NUL and stay the caller's. */
+#ifndef VORN_CFG_H
+#define VORN_CFG_H
+
+#include "vorn_api.h"
+#include "vorn_list.h"
+#include "vorn_rwlock.h"
+
+VORN_BEGIN_DECLS
+
+#define VORN_CFG_PATH_SIZE 256u      /* bytes of a path with its NUL */
+#define VORN_CFG_NAME_SIZE 64u       /* bytes of a section's or an item's name with its NUL */
+#define VORN_CFG_VALUE_MAX 0x3FFFFFu /* characters of a value that is read from a file */
+#define VORN_CFG_SHORT_SIZE 256u     /* bytes of a value in vorn_cfg_item_s with its NUL */
+
+/* The buffer is too small for the value. */
+#define VORN_CFG_TOO_SMALL (-10000)
+
+/* An item of a section. */
+typedef struct vorn_cfg_item_node {
+  vorn_list_head_s link;         /* in the section's items */
+  char name[VORN_CFG_NAME_SIZE]; /* what stands before the "=" */
+  char *value;                   /* a block of vorn_malloc that the item owns */
+} vorn_cfg_item_node_s;
+
+/* A section of a file. */
+typedef struct vorn_cfg_section_node {
+  vorn_list_head_s link;         /* in the file's sections */
+  vorn_list_head_s items;        /* in the file's order */
+  char name[VORN_CFG_NAME_SIZE]; /* what stands between the brackets */
+} vorn_cfg_section_node_s;
+
+/* A parsed file. */
+typedef struct vorn_cfg_file_node {
+  vorn_list_head_s link;         /* in the registry, newest first */
+  vorn_list_head_s sections;     /* in the file's order */
+  char path[VORN_CFG_PATH_SIZE]; /* as the caller gave it */
+  vorn_rwlock_s lock;            /* guards the sections, the items and the index */
+  uint32_t reference_count;      /* calls of vorn_cfg_init not yet balanced; 0: not registered */
+  struct vorn_cfg_index *index;  /* the library's own; NULL in a node of yours */
+} vorn_cfg_file_node_s;
+
+/* What a one-shot read returns. */
+typedef struct vorn_cfg_item {
+  char name[VORN_CFG_NAME_SIZE];   /* the item's name */
+  char value[VORN_CFG_SHORT_SIZE]; /* its value */
+} vorn_cfg_item_s;
+
+/* What an edit is about; a field that the edit does not need is NULL. */
+typedef struct vorn_cfg_oper_param {
+  const char *path;    /* the file to edit */
+  const char *section; /* the section in it */
+  const char *item;    /* the item in the section */
+  const char *value;   /* the item's new value */
+} vorn_cfg_oper_param_s;
+
+/* Changes a parsed file. Returns 0, or anything else to give the edit up. */
+typedef int (*vorn_cfg_edit_f)(vorn_cfg_file_node_s *node, const char *section, const char *item,
+                               const char *value);
+
+/* Guards the list of registered files, not what they hold. It is taken before the lock of a file,
+ * never after it. */
+VORN_API extern vorn_rwlock_s g_stCfgRwlock;
+
+/* The registry. */
+
+/* Parses the file and registers it. A path that is registered is read again: the new content takes
+ * the old one's place, becomes the newest, and one more vorn_cfg_destroy_ex is needed. When the
+ * file cannot be read, the registry stays as it is. */
+VORN_API int vorn_cfg_init(const char *path);
+VORN_API int vorn_cfg_init_ex(const char *path);
+
+/* Drops every registered file, however often it was registered. Always 0. */
+VORN_API int vorn_cfg_destroy(void);
+
+/* Takes back one vorn_cfg_init of the path; the last one drops the file. Always 0, for a path that
+ * is not registered too. */
+VORN_API int vorn_cfg_destroy_ex(const char *path);
+
+/* Copies the value of an item and its NUL to buf, which has room for size bytes. Searches all
+ * registered files, the newest first. A NULL buf finds nothing.
+ * Returns 0; VORN_CFG_TOO_SMALL after an error record when the item that it finds first does not
+ * fit; -1 when there is none (with a warning, at a limited rate), section or item is NULL, or size
+ * is 0. buf is left alone then. */
+VORN_API int vorn_cfg_getItemValue(const char *section, const char *item, char *buf,
+                                   unsigned int size);
+
+/* The same from one registered file. -1 without a record when the file lacks the item. */
+VORN_API int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *item,
+                                      char *buf, unsigned int size);
+
+/* Gives an existing item a new value in memory; no file is written. The first registered file that
+ * has the item takes it, the newest asked first. -1 without a record when none has. */
+VORN_API int vorn_cfg_setItemValue(const char *section, const char *item, const char *value);
+
+/* The same in one registered file. */
+VORN_API int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *item,
+                                      const char *value);
+
+/* One-shot reads, which leave the registry alone. */
+
+/* Finds the first item of that name in the file. Returns 0 with *out filled; -1 when there is none,
+ * the file cannot be read, or the value has more than 255 characters (an error record); *out is
+ * left alone then. Takes no lock on the file: beside vorn_cfg_write_item_to_file it may meet a file
+ * that is half written. */
+VORN_API int vorn_cfg_getItemFromFile(const char *path, const char *section, const char *item,
+                                      vorn_cfg_item_s *out);
+
+/* Edits on disk.
+ *
+ * Editors of one file wait for each other, in all threads and processes, by an exclusive flock(2),
+ * and no edit is lost. What they write keeps only headers and items: comments, blank lines, and
+ * whatever the parser drops disappear, and items before the first header get the header "[NULL]".
+ *
+ * A section, item or value that holds a line feed or a carriage return is refused. Other names are
+ * written as given, though a name that holds anything but letters, digits and "_" is not read back.
+ * Neither is a value of more than VORN_CFG_VALUE_MAX characters, and blanks at the ends of a value
+ * are not part of what is read back. */
+
+/* Sets an item, and makes the file (mode 0600), the section or the item where it is missing. The
+ * file is overwritten in place, once its whole new text is built: a crash at that moment may leave
+ * it damaged, other links to it stay, and the registry does not learn of it.
+ *
+ * The item is set where it is met in its section, and so is, on purpose, every other item of this
+ * name that is not the first of a section, in whatever section; that alone counts as setting it. A
+ * section that the file has several times keeps all its headers. A new item is put behind the first
+ * run of its section. Items of a section with an empty name that no other precedes lose their
+ * header.
+ *
+ * Returns 0; 22 (EINVAL) after an error record when the new text outgrows the file's size by more
+ * than 4 MiB; -1 otherwise. The file is untouched then. A write that the system cuts short is
+ * recorded, and the result is 0 all the same. When a name has more than 63 characters, -1 is
+ * returned after descriptor 0 has been closed. */
+VORN_API int vorn_cfg_write_item_to_file(const char *path, const char *section, const char *item,
+                                         const char *value);
+
+/* Edits through a temporary file, path followed by ".temp", that is synced and then renamed over
+ * the target: a crash at any moment leaves the old file or the new one, whole. The new file has the
+ * owner, the group and the mode of the old one. When the path is registered, the registry takes
+ * over the new content, and values set in memory alone are lost. The file must exist, and the new
+ * text must not exceed 4 MiB.
+ *
+ * In this order: adds an item that does not exist yet, and its section where that is missing, at
+ * the end; removes an item, and its section with the last item; removes a section with all its
+ * items; gives an existing item a new value. -1 when that cannot be done: the file is untouched
+ * then. */
+VORN_API int vorn_cfg_file_addItem(const char *path, const char *section, const char *item,
+                                   const char *value);
+VORN_API int vorn_cfg_file_delItem(const char *path, const char *section, const char *item);
+VORN_API int vorn_cfg_file_delSection(const char *path, const char *section);
+VORN_API int vorn_cfg_file_setItemValue(const char *path, const char *section, const char *item,
+                                        const char *value);
+
+/* The engine of those four: parses param->path, has v_pfnProc change what was parsed, and replaces
+ * the file. fd is a descriptor of the file, which stays the caller's; it is locked meanwhile. When
+ * the path names another file by now, that one is opened, locked and edited instead. v_pfnProc
+ * gets the section, item and value of param; it must not keep the node. */
+VORN_API int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param,
+                                        vorn_cfg_edit_f v_pfnProc);
+
+/* The edits themselves, to be given to vorn_cfg_file_writeOperate. Each takes the node's lock for
+ * writing, so its caller must not hold it; none uses an argument that its edit does not need. On
+ * failure the node is as it was. */
+VORN_API int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section,
+                                    const char *item, const char *value);
+VORN_API int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section,
+                                    const char *item, const char *value);
+VORN_API int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section,
+                                    const char *item, const char *value);
+VORN_API int vorn_cfg_del_section_func(vorn_cfg_file_node_s *node, const char *section,
+                                       const char *item, const char *value);
+
+/* A new item with copies of name (at most 63 characters) and value, its link pointing at itself.
+ * It is the caller's to put into a section, or to free (vorn_free), the value first. NULL after an
+ * error record. */
+VORN_API vorn_cfg_item_node_s *vorn_cfg_new_item_node_ex(const char *name, const char *value);
+
+/* Creates the temporary file of an edit, with the owner, the group and the mode of the file behind
+ * fd; one that is left over is removed first. Returns a descriptor, which the caller closes, and
+ * the file's name in *tmpName, which the caller frees with vorn_free; -1 leaves *tmpName alone. */
+VORN_API int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName);
+
+/* Makes the text of node the whole content of the file behind fd. Takes the node's lock for
+ * writing while it builds the text. */
+VORN_API int vorn_cfg_writeFnodeTofile(int fd, vorn_cfg_file_node_s *node);
+
+/* Puts node, a block of vorn_malloc, in the place of the registered file of the same path, which is
+ * destroyed; the registry owns node then. -1 without a record when no such file is registered: node
+ * stays the caller's. */
+VORN_API int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node);
+
+/* Text. */
+
+/* Copies characters from src to dst up to the first that isprint(3) refuses, a NUL included, and at
+ * most srcLen of them; a NUL ends what was copied. A srcLen below 1 makes an empty text. Returns 0;
+ * -1 when dstSize is not greater than srcLen or below 1, or, after an error record, a pointer is
+ * NULL. */
+VORN_API int vorn_remove_noneprint_characters(const char *src, int srcLen, char *dst, int dstSize);
+
+VORN_END_DECLS
+
+#endif

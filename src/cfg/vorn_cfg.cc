@@ -1,0 +1,214 @@
+// The registry of parsed files. Order of locks: the registry's, then a file's. A file that a thread
+// has found under the registry's lock stays until that thread has taken the file's own lock, and
+// while it holds that: whoever takes a file out of the registry waits for the file's lock before
+// freeing it, and nobody waits for that lock without holding the registry's.
+#include "vorn_cfg.h"
+
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "base/log.hpp"
+#include "base/ratelimit.hpp"
+#include "cfg/vorn_cfg_index.hpp"
+#include "cfg/vorn_cfg_lock.hpp"
+#include "cfg/vorn_cfg_parse.hpp"
+#include "cfg/vorn_cfg_text.hpp"
+#include "list/vorn_list.hpp"
+
+namespace vorn::cfg {
+namespace {
+
+constinit vorn_list_head_s vorn_cfg_file_list = {&vorn_cfg_file_list, &vorn_cfg_file_list};
+
+vorn_cfg_file_node_s *file_of(vorn_list_head_s *link) {
+  return vorn_list_entry(link, vorn_cfg_file_node_s, link);
+}
+
+// These work on the registry, under its lock.
+
+vorn_cfg_file_node_s *next_file(const vorn_cfg_file_node_s *file) {
+  vorn_list_head_s *link = file == nullptr ? vorn_list_first(&vorn_cfg_file_list)
+                                           : vorn_list_next(&vorn_cfg_file_list, &file->link);
+  return link == nullptr ? nullptr : file_of(link);
+}
+
+vorn_cfg_file_node_s *find_file(const char *path) {
+  for (vorn_cfg_file_node_s *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
+    if (std::strcmp(file->path, path) == 0) return file;
+  }
+  return nullptr;
+}
+
+// At the head: the newest comes first.
+void link_file(vorn_cfg_file_node_s *file) {
+  list::insert_tail(vorn_cfg_file_list.next, &file->link, show_node, VORN_FILE);
+}
+
+FileNode unlink_file(vorn_cfg_file_node_s *file) {
+  list::remove(&file->link, show_node, VORN_FILE);
+  return FileNode(file);
+}
+
+int give_too_small(const char *function, unsigned int size, std::size_t actual) {
+  return VORN_FAIL_AS(function, VORN_CFG_TOO_SMALL,
+                      "Invalid Buffer size, inputSize(%u), actualSize(%u).", size,
+                      static_cast<unsigned int>(actual));
+}
+
+} // namespace
+} // namespace vorn::cfg
+
+vorn_rwlock_s g_stCfgRwlock = VORN_RWLOCK_INIT;
+
+int vorn_cfg_init(const char *path) { return vorn_cfg_init_ex(path); }
+
+int vorn_cfg_init_ex(const char *path) {
+  using namespace vorn::cfg;
+  if (path == nullptr) {
+    VORN_LOG(vorn::kInfo, "Input File is NULL pointer.");
+    return -1;
+  }
+  FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr);
+  if (file == nullptr) {
+    VORN_LOG(vorn::kDebug, "Parse config file %s failed.", path);
+    return -1;
+  }
+  FileNode old; // goes after the registry's lock
+  WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *registered = find_file(path);
+  file->reference_count = 1;
+  if (registered != nullptr) {
+    file->reference_count += registered->reference_count;
+    old = unlink_file(registered);
+  }
+  link_file(file.release());
+  return 0;
+}
+
+int vorn_cfg_destroy() {
+  using namespace vorn::cfg;
+  WriteGuard registry(g_stCfgRwlock);
+  while (vorn_list_head_s *link = vorn_list_first(&vorn_cfg_file_list))
+    unlink_file(file_of(link));
+  return 0;
+}
+
+int vorn_cfg_destroy_ex(const char *path) {
+  using namespace vorn::cfg;
+  if (path == nullptr) return 0;
+  FileNode old; // goes after the registry's lock
+  WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *file = find_file(path);
+  if (file != nullptr && --file->reference_count == 0) old = unlink_file(file);
+  return 0;
+}
+
+int vorn_cfg_getItemValue(const char *section, const char *item, char *buf, unsigned int size) {
+  using namespace vorn::cfg;
+  if (section == nullptr || item == nullptr || size == 0) {
+    VORN_LOG(vorn::kInfo, "Invalid SectionName or ItemName or size in getItemValue.");
+    return -1;
+  }
+  {
+    const ReadGuard registry(g_stCfgRwlock);
+    for (auto *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
+      const ReadGuard hold(file->lock);
+      const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
+      if (found == nullptr) continue;
+      const std::string_view value = found->value;
+      if (size < value.size() + 1) return give_too_small(__func__, size, value.size() + 1);
+      if (copy_text(buf, size, value) == 0) return 0;
+    }
+  }
+  VORN_LOG_RATELIMITED(vorn::kWarning, "Get ItemValue by pSection %s and pItemName %s failed.",
+                       section, item);
+  return -1;
+}
+
+int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *item, char *buf,
+                             unsigned int size) {
+  using namespace vorn::cfg;
+  if (path == nullptr || section == nullptr || item == nullptr || buf == nullptr || size == 0)
+    return VORN_FAIL(-1, "Invalid SectionName or ItemName or size in getItemValue_ex.");
+  ReadGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *file = find_file(path);
+  if (file == nullptr) return VORN_FAIL(-1, "Can not find file %s.", path);
+  const ReadGuard hold(file->lock);
+  registry.release();
+  const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
+  if (found == nullptr) return -1;
+  const std::string_view value = found->value;
+  if (size < value.size() + 1) return give_too_small(__func__, size, value.size() + 1);
+  const int result = copy_text(buf, size, value);
+  if (result == 0) return 0;
+  return VORN_FAIL(-1, "Copy fail:%d, item size:%u, item value:%s.", result,
+                   static_cast<unsigned int>(value.size() + 1), found->value);
+}
+
+int vorn_cfg_setItemValue(const char *section, const char *item, const char *value) {
+  using namespace vorn::cfg;
+  if (section == nullptr || item == nullptr || value == nullptr) {
+    return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
+                     pointer(section), pointer(item), pointer(value));
+  }
+  const std::size_t size = std::strlen(value) + 1;
+  Text copy(static_cast<char *>(allocate(size)));
+  if (copy == nullptr) {
+    return VORN_FAIL(-1, "Alloc needed item memory fail, size(%u).",
+                     static_cast<unsigned int>(size));
+  }
+  const int error = copy_text(copy.get(), size, value);
+  if (error != 0) return VORN_FAIL(-1, "strncpy_s failed, errno:%d", error);
+
+  const WriteGuard registry(g_stCfgRwlock);
+  for (auto *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
+    const WriteGuard hold(file->lock);
+    vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
+    if (found == nullptr) continue;
+    replace_value(found, std::move(copy));
+    return 0;
+  }
+  return -1;
+}
+
+int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *item,
+                             const char *value) {
+  using namespace vorn::cfg;
+  if (path == nullptr || section == nullptr || item == nullptr || value == nullptr) {
+    return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
+                     pointer(section), pointer(item), pointer(value));
+  }
+  const std::size_t size = std::strlen(value) + 1;
+  Text copy(static_cast<char *>(allocate(size)));
+  if (copy == nullptr) {
+    return VORN_FAIL(-1, "Alloc needed item memory fail, size(%u).",
+                     static_cast<unsigned int>(size));
+  }
+  const int error = copy_text(copy.get(), size, value);
+  if (error != 0) return VORN_FAIL(-1, "Can not do strncpy_s, errno (%d).", error);
+
+  WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *file = find_file(path);
+  if (file == nullptr) return VORN_FAIL(-1, "Config file (%s) is no exist.", path);
+  const WriteGuard hold(file->lock);
+  registry.release();
+  vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
+  if (found == nullptr) return VORN_FAIL(-1, "Can not find item (%s) in file (%s).", item, path);
+  replace_value(found, std::move(copy));
+  return 0;
+}
+
+int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node) {
+  using namespace vorn::cfg;
+  if (node == nullptr) return VORN_FAIL(-1, "Param is null.");
+  index_build(node);
+  FileNode old; // goes after the registry's lock
+  const WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *registered = find_file(node->path);
+  if (registered == nullptr) return -1;
+  node->reference_count = registered->reference_count;
+  old = unlink_file(registered);
+  link_file(node);
+  return 0;
+}

@@ -1,0 +1,83 @@
+#include "cfg/vorn_cfg_lines.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "vorn_fileops.h"
+
+namespace vorn::cfg {
+namespace {
+
+constexpr std::size_t kBlock = 65536; // that is read at once
+constexpr std::size_t kGrowth = 8;
+
+ssize_t read_some(int fd, char *to, std::size_t count) {
+  for (;;) {
+    const ssize_t got = vorn_read(fd, to, count);
+    if (got >= 0 || errno != EINTR) return got;
+  }
+}
+
+std::size_t without_carriage_returns(char *text, std::size_t length) {
+  if (std::memchr(text, '\r', length) == nullptr) return length;
+  return static_cast<std::size_t>(std::remove(text, text + length, '\r') - text);
+}
+
+} // namespace
+
+// Most files need no more than the first buffer. Called while what has been read begins it.
+bool Lines::grow() {
+  const std::size_t room = std::min(limit_, room_ == 0 ? kBlock : room_ * kGrowth);
+  Text buffer(static_cast<char *>(allocate(room + 1)));
+  if (buffer == nullptr) {
+    missing_ = room + 1;
+    return false;
+  }
+  if (end_ != 0) std::memcpy(buffer.get(), buffer_.get(), end_);
+  buffer_ = std::move(buffer);
+  room_ = room;
+  return true;
+}
+
+// Reads more behind what is there. False at the end of the file, where the line fills its limit,
+// and on failure.
+bool Lines::fill() {
+  if (begin_ != 0) std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
+  end_ -= begin_;
+  begin_ = 0;
+  if (end_ == limit_ || (end_ == room_ && !grow())) return false;
+  char *to = buffer_.get() + end_;
+  const ssize_t got = read_some(fd_, to, std::min(kBlock, room_ - end_));
+  if (got < 0) error_ = errno;
+  ended_ = got <= 0;
+  if (!ended_) end_ += without_carriage_returns(to, static_cast<std::size_t>(got));
+  return !ended_;
+}
+
+// Where the first line's feed is, or what comes behind a line that has none: the last of a file, or
+// one at its limit.
+std::size_t Lines::find_end() {
+  std::size_t scanned = begin_; // no feed before
+  for (;;) {
+    const char *from = buffer_.get() + scanned;
+    const void *feed = scanned == end_ ? nullptr : std::memchr(from, '\n', end_ - scanned);
+    if (feed != nullptr)
+      return scanned + static_cast<std::size_t>(static_cast<const char *>(feed) - from);
+    scanned = end_ - begin_;
+    if (ended_ || !fill()) return end_;
+  }
+}
+
+bool Lines::next(Line *line) {
+  const std::size_t end = find_end();
+  if (error_ != 0 || missing_ != 0 || begin_ == end_) return false;
+  char *text = buffer_.get() + begin_;
+  buffer_.get()[end] = '\0';
+  begin_ = std::min(end + 1, end_); // behind the feed, if there is one
+  *line = {text, std::strlen(text)};
+  return true;
+}
+
+} // namespace vorn::cfg

@@ -1,0 +1,207 @@
+// The engine of the temporary-file editors. At every moment the path names the old file or the new
+// one, whole: the new text is on the device before the rename, and the folder after it.
+#define VORN_FILE "vorn_cfg.c"
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "base/log.hpp"
+#include "base/unique_fd.hpp"
+#include "cfg/vorn_cfg_buffer.hpp"
+#include "cfg/vorn_cfg_index.hpp"
+#include "cfg/vorn_cfg_lock.hpp"
+#include "cfg/vorn_cfg_parse.hpp"
+#include "cfg/vorn_cfg_text.hpp"
+#include "vorn_fileops.h"
+
+namespace vorn::cfg {
+namespace {
+
+constexpr char kSuffix[] = ".temp";
+constexpr mode_t kPermissionBits = 0777;
+constexpr mode_t kModeBits = 07777;
+
+// The file has what is in the buffer when this returns true.
+bool write_all(int fd, const TextBuffer &text) {
+  if (ftruncate(fd, static_cast<off_t>(text.length())) != 0) return false;
+  if (vorn_lseek(fd, 0, SEEK_SET) < 0) return false;
+  std::size_t done = 0;
+  while (done < text.length()) {
+    const ssize_t written = vorn_write(fd, text.text() + done, text.length() - done);
+    if (written < 0 && errno != EINTR) return false;
+    if (written > 0) done += static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+bool put_section(TextBuffer *text, const vorn_cfg_section_node_s *section) {
+  if (!text->put_header(section->name)) return false;
+  for (vorn_list_head_s *at = section->items.next; at != &section->items; at = at->next) {
+    const auto *item = vorn_list_entry(at, vorn_cfg_item_node_s, link);
+    if (!text->put_item(item->name, item->value)) return false;
+  }
+  return true;
+}
+
+bool put_sections(TextBuffer *text, vorn_cfg_file_node_s *node) {
+  const WriteGuard hold(node->lock);
+  for (vorn_list_head_s *at = node->sections.next; at != &node->sections; at = at->next) {
+    if (!put_section(text, vorn_list_entry(at, vorn_cfg_section_node_s, link))) return false;
+  }
+  return true;
+}
+
+// A temporary file that goes with the object, but for one that has been renamed.
+class TemporaryFile {
+public:
+  TemporaryFile(const char *path, int fd) : fd_(vorn_cfg_create_tmpfile(path, fd, &name_)) {}
+  TemporaryFile(const TemporaryFile &) = delete;
+  TemporaryFile &operator=(const TemporaryFile &) = delete;
+  ~TemporaryFile() {
+    if (name_ == nullptr) return;
+    if (fd_ && !renamed_) unlink(name_);
+    vorn_free(name_);
+  }
+
+  explicit operator bool() const { return static_cast<bool>(fd_); }
+  int fd() const { return fd_.get(); }
+
+  // Synced first: false with errno where either fails.
+  bool rename_to(const char *path) {
+    renamed_ = vorn_sync(fd()) == 0 && std::rename(name_, path) == 0;
+    return renamed_;
+  }
+
+private:
+  char *name_ = nullptr; // before fd_, whose initialiser sets it
+  UniqueFd fd_;
+  bool renamed_ = false;
+};
+
+// The folder of path, as a descriptor; invalid with errno when it cannot be opened.
+UniqueFd open_folder(const char *path) {
+  char folder[VORN_CFG_PATH_SIZE] = ".";
+  const std::string_view text(path);
+  const std::size_t slash = text.rfind('/');
+  if (slash != text.npos) copy_text(folder, sizeof folder, text.substr(0, slash + 1));
+  return UniqueFd(vorn_open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+}
+
+// Makes a rename last. The file is replaced by then, so a failure does not undo the edit.
+void sync_folder(const char *function, const char *path) {
+  const UniqueFd folder = open_folder(path);
+  if (folder && vorn_sync(folder.get()) == 0) return;
+  const int error = errno;
+  VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, error);
+}
+
+// The registered file as it is on disk, after an edit that did not get there.
+void read_again(const char *path) {
+  FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr);
+  if (node != nullptr && vorn_cfg_updateFileNode(node.get()) == 0) node.release();
+}
+
+// Replaces the locked file by the content of node. The registry takes the content over before the
+// file does, and gives it back where the file then cannot be replaced.
+int replace_file(const char *function, const char *path, int fd, FileNode node) {
+  TemporaryFile file(path, fd);
+  if (!file) return -1; // node goes with it: what others can tell of a node kept is its memory
+  if (vorn_cfg_writeFnodeTofile(file.fd(), node.get()) != 0)
+    return VORN_FAIL_AS(function, -1, "Write node file(%s) failed.", path);
+  const bool is_registered = vorn_cfg_updateFileNode(node.get()) == 0;
+  if (is_registered) node.release();
+  if (!file.rename_to(path)) {
+    const int error = errno;
+    if (is_registered) read_again(path);
+    return VORN_FAIL_AS(function, -1, "Replace file(%s) failed, errno<%d>.", path, error);
+  }
+  sync_folder(function, path);
+  return 0;
+}
+
+} // namespace
+} // namespace vorn::cfg
+
+int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_edit_f v_pfnProc) {
+  using namespace vorn::cfg;
+  if (param == nullptr || param->path == nullptr || v_pfnProc == nullptr)
+    return VORN_FAIL(-1, "Param is null.");
+  const char *path = param->path;
+  const PathLock lock(path, fd);
+  if (!lock) {
+    const int error = errno;
+    return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, error);
+  }
+  bool is_whole = true; // what memory could not be had for would be lost from the file
+  FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, &is_whole);
+  if (node == nullptr || !is_whole) { // the item instead of the path, as it has always been
+    return VORN_FAIL(-1, "Parse config file %s failed.",
+                     param->item == nullptr ? "(null)" : param->item);
+  }
+  index_drop(node.get());
+  if (v_pfnProc(node.get(), param->section, param->item, param->value) != 0) {
+    node.reset();
+    return VORN_FAIL(-1, "Exec v_pfnProc(%s) failed.", path);
+  }
+  return replace_file(__func__, path, lock.fd(), std::move(node));
+}
+
+int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName) {
+  using namespace vorn::cfg;
+  if (path == nullptr || tmpName == nullptr) return VORN_FAIL(-1, "Param is null.");
+  const std::size_t size = std::strlen(path) + sizeof kSuffix;
+  Text name(static_cast<char *>(allocate(size)));
+  if (name == nullptr) {
+    const int error = errno;
+    return VORN_FAIL(-1, "Malloc memory for tempFile failed.errno(%d).", error);
+  }
+  const std::size_t length = size - sizeof kSuffix;
+  if (copy_text(name.get(), size, path) != 0 ||
+      copy_text(name.get() + length, sizeof kSuffix, kSuffix) != 0)
+    return VORN_FAIL(-1, "Sprintf_s failed.");
+  unlink(name.get());
+  const std::unique_ptr<struct stat, FreeBlock> target(
+      static_cast<struct stat *>(allocate(sizeof(struct stat))));
+  if (target == nullptr) {
+    const int error = errno;
+    return VORN_FAIL(-1, "Malloc memory for stat failed.errno(%d).", error);
+  }
+  if (fstat(fd, target.get()) != 0) {
+    const int error = errno;
+    return VORN_FAIL(-1, "Stat of fd(%d) failed.errno(%d).", fd, error);
+  }
+  const int created = vorn_open(name.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                target->st_mode & kPermissionBits);
+  if (created < 0) {
+    const int error = errno;
+    return VORN_FAIL(created, "Open %s failed.errno(%s).", name.get(), std::strerror(error));
+  }
+  // The mode whatever the umask; an owner that cannot be given stays the editor.
+  const bool is_owned = fchown(created, target->st_uid, target->st_gid) == 0;
+  fchmod(created, target->st_mode & (is_owned ? kModeBits : kPermissionBits));
+  *tmpName = name.release();
+  return created;
+}
+
+int vorn_cfg_writeFnodeTofile(int fd, vorn_cfg_file_node_s *node) {
+  using namespace vorn::cfg;
+  if (node == nullptr) return VORN_FAIL(-1, "Param is null.");
+  const off_t size = vorn_lseek(fd, 0, SEEK_END);
+  const std::size_t capacity = (size < 0 ? 0 : static_cast<std::size_t>(size)) + kTextSlack;
+  const Text buffer(static_cast<char *>(allocate(capacity)));
+  if (buffer == nullptr) {
+    const int error = errno;
+    return VORN_FAIL(-1, "Malloc size:%d memory failed,errno %d.", int_of(capacity), error);
+  }
+  TextBuffer text(buffer.get(), capacity);
+  if (!put_sections(&text, node))
+    return VORN_FAIL(-1, "sprintf_s secure function failed, destMax<%d>.", int_of(capacity));
+  if (write_all(fd, text)) return 0;
+  const int error = errno;
+  return VORN_FAIL(-1, "Wirte file (%d) fail,errno %d", fd, error);
+}

@@ -1,0 +1,301 @@
+// test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write flock
+// What is left behind when memory runs out or the system fails: nothing, and whole files.
+#include "vorn_cfg.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/file.h>
+#include <unistd.h>
+#include <vector>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+
+static int mallocs_before_failure = -1; // none fails
+static int blocks = 0;                  // that exist
+static int fail_fsync = 0;              // the errno to fail with, 0 for none
+static int fail_rename = 0;
+static int fail_read = 0;
+static int fail_flock = 0;
+static ssize_t write_limit = -1;
+
+extern "C" {
+void *__real_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
+                                    const char *function, unsigned int line);
+void *__wrap_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
+                                    const char *function, unsigned int line) {
+  if (mallocs_before_failure == 0) {
+    errno = ENOMEM;
+    return nullptr;
+  }
+  if (mallocs_before_failure > 0) --mallocs_before_failure;
+  ++blocks;
+  return __real_vorn_mallocsubstandard(pid, size, flags, function, line);
+}
+
+void __real_vorn_freesub(void *block, const char *function, unsigned int line);
+void __wrap_vorn_freesub(void *block, const char *function, unsigned int line) {
+  --blocks;
+  __real_vorn_freesub(block, function, line);
+}
+
+static int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+int __real_fsync(int fd);
+int __wrap_fsync(int fd) { return fail_fsync != 0 ? fail(fail_fsync) : __real_fsync(fd); }
+
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to) {
+  return fail_rename != 0 ? fail(fail_rename) : __real_rename(from, to);
+}
+
+int __real_flock(int fd, int operation);
+int __wrap_flock(int fd, int operation) {
+  return fail_flock != 0 ? fail(fail_flock) : __real_flock(fd, operation);
+}
+
+// Interrupted once before every piece.
+ssize_t __real_read(int fd, void *buffer, size_t size);
+ssize_t __wrap_read(int fd, void *buffer, size_t size) {
+  static bool interrupted = false;
+  interrupted = !interrupted;
+  if (interrupted) return fail(EINTR);
+  if (fail_read != 0 && lseek(fd, 0, SEEK_CUR) > 0) return fail(fail_read);
+  return __real_read(fd, buffer, std::min<size_t>(size, 7));
+}
+
+ssize_t __real_write(int fd, const void *buffer, size_t size);
+ssize_t __wrap_write(int fd, const void *buffer, size_t size) {
+  if (write_limit < 0) return __real_write(fd, buffer, size);
+  if (write_limit == 0) return fail(ENOSPC);
+  const auto some = std::min(size, static_cast<size_t>(write_limit));
+  write_limit -= static_cast<ssize_t>(some);
+  return __real_write(fd, buffer, some);
+}
+}
+
+namespace {
+
+constexpr char kText[] = "[s]\nk=1\n[t]\nl=2\nm=3\n";
+
+struct CfgFault : testing::Test {
+  scratch::Directory directory;
+  const std::string path = directory / "f.ini";
+  const std::string temporary = path + ".temp";
+
+  CfgFault() { scratch::write_file(path, kText); }
+
+  std::string get(const char *section, const char *item) {
+    char value[64] = "?";
+    vorn_cfg_getItemValue_ex(path.c_str(), section, item, value, sizeof value);
+    return value;
+  }
+};
+
+// Each allocation of the call fails in turn, until none does. The file is after then, and either
+// that or before as long as one does.
+void fail_each_allocation(const std::string &path, const std::function<int()> &call,
+                          const std::string &after) {
+  for (int count = 0; count < 100; ++count) {
+    scratch::write_file(path, kText);
+    const int held = blocks;
+    mallocs_before_failure = count;
+    const int result = call();
+    const bool has_failed = mallocs_before_failure == 0;
+    mallocs_before_failure = -1;
+    EXPECT_NE(access((path + ".temp").c_str(), F_OK), 0);
+    vorn_cfg_destroy();
+    EXPECT_EQ(blocks, held) << count;
+    EXPECT_EQ(scratch::read_file(path), result == 0 ? after : kText) << count;
+    if (has_failed) continue;
+    EXPECT_EQ(result, 0);
+    return;
+  }
+  FAIL() << "there is no end";
+}
+
+TEST_F(CfgFault, LeavesNothingBehindWithoutMemory) {
+  const char *file = path.c_str();
+  vorn_cfg_item_s out;
+  const struct {
+    std::function<int()> call;
+    std::string after;
+  } rows[] = {
+      {[=] { return vorn_cfg_init(file); }, kText},
+      {[=] {
+         vorn_cfg_init(file);
+         return vorn_cfg_setItemValue("s", "k", "v");
+       },
+       kText},
+      {[=] {
+         vorn_cfg_init(file);
+         return vorn_cfg_setItemValue_ex(file, "s", "k", "v");
+       },
+       kText},
+      {[=, &out] { return vorn_cfg_getItemFromFile(file, "t", "m", &out); }, kText},
+      {[=] { return vorn_cfg_write_item_to_file(file, "u", "n", "4"); },
+       kText + std::string("[u]\nn=4\n")},
+      {[=] { return vorn_cfg_file_delItem(file, "t", "l"); }, "[s]\nk=1\n[t]\nm=3\n"},
+      {[=] { return vorn_cfg_file_setItemValue(file, "t", "l", "v"); },
+       "[s]\nk=1\n[t]\nl=v\nm=3\n"},
+      {[=] { return vorn_cfg_file_addItem(file, "u", "n", "4"); },
+       kText + std::string("[u]\nn=4\n")},
+      {[=] {
+         vorn_cfg_init(file);
+         return vorn_cfg_file_delSection(file, "t");
+       },
+       "[s]\nk=1\n"},
+  };
+  for (const auto &row : rows)
+    fail_each_allocation(path, row.call, row.after);
+}
+
+TEST_F(CfgFault, RecordsWhatMemoryWasFor) {
+  const char *file = path.c_str();
+  const int fd = open(file, O_RDWR | O_CLOEXEC);
+  vorn_cfg_file_node_s node{};
+  vorn_list_init_head(&node.sections);
+  ASSERT_EQ(vorn_cfg_add_item_func(&node, "s", "k", "1"), 0);
+  vorn_cfg_item_s out;
+  char *name = nullptr;
+  const auto new_item = [] { return vorn_cfg_new_item_node_ex("k", "v") == nullptr ? -1 : 0; };
+  ASSERT_EQ(vorn_cfg_init(file), 0);
+  capture::take();
+
+  const struct {
+    int count; // of allocations that succeed before
+    std::function<int()> call;
+    int level;
+    std::string function;
+    std::string text;
+  } rows[] = {
+      {0, [=] { return vorn_cfg_init(file); }, EVLOG_ERROR, "vorn_cfg_ini_file_parse",
+       "Alloc needed filenode memory fail, filenode size (312)."},
+      {1, [=] { return vorn_cfg_init(file); }, EVLOG_ERROR, "vorn_cfg_ini_fd_parse",
+       "Alloc memory fail, size(65537)."},
+      {1, [=, &out] { return vorn_cfg_getItemFromFile(file, "s", "k", &out); }, EVLOG_ERROR,
+       "vorn_cfg_ini_fd_parse", "Alloc memory fail, size(65537)."},
+      {0, [=] { return vorn_cfg_setItemValue("s", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_setItemValue", "Alloc needed item memory fail, size(2)."},
+      {0, [=] { return vorn_cfg_setItemValue_ex(file, "s", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_setItemValue_ex", "Alloc needed item memory fail, size(2)."},
+      {0, [=] { return vorn_cfg_write_item_to_file(file, "s", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_write_item_to_file", "Alloc memory failed, size(2)."},
+      {1, [=] { return vorn_cfg_write_item_to_file(file, "s", "k", "v"); }, EVLOG_INFO,
+       "vorn_cfg_write_item_to_file", "Alloc memory Size: (4194452) failed."},
+      {0, [&] { return vorn_cfg_set_item_func(&node, "s", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_set_item_func", "Set item failed,malloc size:2 memory fail."},
+      {0, [&] { return vorn_cfg_add_item_func(&node, "t", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_new_section_node", "Alloc needed section memory fail, section node size (96)."},
+      {1, [&] { return vorn_cfg_add_item_func(&node, "t", "k", "v"); }, EVLOG_ERROR,
+       "vorn_cfg_add_item_func", "new item node(k,v) fail."},
+      {0, new_item, EVLOG_ERROR, "vorn_cfg_new_item_node_ex", "Malloc item node failed."},
+      {1, new_item, EVLOG_ERROR, "vorn_cfg_new_item_node_ex", "Malloc item memory failed."},
+      {0, [=, &name] { return vorn_cfg_create_tmpfile(file, fd, &name); }, EVLOG_ERROR,
+       "vorn_cfg_create_tmpfile", "Malloc memory for tempFile failed.errno(12)."},
+      {1, [=, &name] { return vorn_cfg_create_tmpfile(file, fd, &name); }, EVLOG_ERROR,
+       "vorn_cfg_create_tmpfile", "Malloc memory for stat failed.errno(12)."},
+      {0, [=, &node] { return vorn_cfg_writeFnodeTofile(fd, &node); }, EVLOG_ERROR,
+       "vorn_cfg_writeFnodeTofile", "Malloc size:4194452 memory failed,errno 12."},
+  };
+  for (const auto &row : rows) {
+    mallocs_before_failure = row.count;
+    EXPECT_EQ(row.call(), -1);
+    mallocs_before_failure = -1;
+    bool is_recorded = false;
+    for (const auto &record : capture::take()) {
+      is_recorded = is_recorded || (record.level == row.level && record.function == row.function &&
+                                    record.text == row.text);
+    }
+    EXPECT_TRUE(is_recorded) << row.text;
+  }
+  vorn_cfg_del_section_func(&node, "s", nullptr, nullptr);
+  vorn_cfg_destroy();
+  close(fd);
+}
+
+// An item whose node, or whose value, there is no memory for is left out; so is one whose section
+// there is none for. The file has 3 items in 2 sections, with an index of 2 blocks.
+TEST_F(CfgFault, LeavesOutWhatThereIsNoMemoryFor) {
+  for (int count = 2; count < 12; ++count) {
+    mallocs_before_failure = count;
+    ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
+    mallocs_before_failure = -1;
+    const auto texts = capture::take_texts();
+    EXPECT_EQ(texts.back(), "Set config [t] : m = 3 fail.") << count;
+    EXPECT_EQ(get("t", "m"), "?");
+    vorn_cfg_destroy();
+  }
+}
+
+TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeReplaced) {
+  struct {
+    int *error;
+    int value;
+  } const faults[] = {{&fail_rename, EXDEV}, {&fail_fsync, EIO}};
+  ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
+  for (const auto &fault : faults) {
+    *fault.error = fault.value;
+    capture::take();
+    EXPECT_EQ(vorn_cfg_file_setItemValue(path.c_str(), "s", "k", "new"), -1);
+    *fault.error = 0;
+    EXPECT_EQ(capture::take_texts().front(),
+              "Replace file(" + path + ") failed, errno<" + std::to_string(fault.value) + ">.");
+    EXPECT_EQ(scratch::read_file(path), kText);
+    EXPECT_NE(access(temporary.c_str(), F_OK), 0);
+    EXPECT_EQ(get("s", "k"), "1");
+  }
+  vorn_cfg_destroy();
+}
+
+TEST_F(CfgFault, KeepsTheOldFileWhereTheDiskIsFull) {
+  write_limit = 10;
+  EXPECT_EQ(vorn_cfg_file_setItemValue(path.c_str(), "s", "k", "new"), -1);
+  const auto texts = capture::take_texts();
+  ASSERT_EQ(texts.size(), 3u);
+  EXPECT_EQ(texts[0].substr(0, 12), "Wirte file (");
+  EXPECT_EQ(texts[1], "Write node file(" + path + ") failed.");
+  EXPECT_EQ(scratch::read_file(path), kText);
+  EXPECT_NE(access(temporary.c_str(), F_OK), 0);
+
+  // In place, a write that was cut short is recorded and no more.
+  write_limit = 10;
+  EXPECT_EQ(vorn_cfg_write_item_to_file(path.c_str(), "s", "k", "new"), 0);
+  write_limit = -1;
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, EVLOG_ERROR);
+  EXPECT_EQ(records[0].function, "vorn_cfg_write_item_to_file");
+  EXPECT_EQ(records[0].text.substr(0, 17), "Write error, iFd<");
+}
+
+TEST_F(CfgFault, TakesNoPartForTheFile) {
+  fail_read = EIO;
+  EXPECT_EQ(vorn_cfg_init(path.c_str()), -1);
+  EXPECT_EQ(vorn_cfg_write_item_to_file(path.c_str(), "s", "k", "new"), -1);
+  EXPECT_EQ(vorn_cfg_file_addItem(path.c_str(), "s", "n", "new"), -1);
+  fail_read = 0;
+  EXPECT_EQ(scratch::read_file(path), kText);
+  EXPECT_EQ(capture::take_texts().front().substr(0, 20), "Read file failed, fd");
+}
+
+TEST_F(CfgFault, EditsWithoutALock) {
+  fail_flock = ENOLCK;
+  EXPECT_EQ(vorn_cfg_write_item_to_file(path.c_str(), "s", "k", "new"), 0);
+  EXPECT_EQ(vorn_cfg_file_delSection(path.c_str(), "t"), 0);
+  fail_flock = 0;
+  EXPECT_EQ(scratch::read_file(path), "[s]\nk=new\n");
+  const std::string add = "Add flock failed, errno = " + std::to_string(ENOLCK);
+  const std::string down = "Down flock failed, errno = " + std::to_string(ENOLCK);
+  EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{add, down, add, down}));
+}
+
+} // namespace

@@ -1,0 +1,198 @@
+// Editors and readers at the same time, in threads and processes, and editors that are killed.
+#include "vorn_cfg.h"
+
+#include <atomic>
+#include <csignal>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+#include "vorn_mem.h"
+
+namespace {
+
+constexpr int kWorkers = 4;
+constexpr int kEdits = 10; // of each worker
+
+struct CfgRace : testing::Test {
+  scratch::Directory directory;
+  const std::string path = directory / "f.ini";
+
+  CfgRace() { capture::set_level(0); }
+};
+
+std::string name(int worker, int edit) {
+  return "k" + std::to_string(worker) + "_" + std::to_string(edit);
+}
+
+// Every worker adds items of its own, the even ones in place and the odd ones through a temporary
+// file.
+bool add_items(const std::string &path, int worker) {
+  bool is_added = true;
+  for (int edit = 0; edit < kEdits; ++edit) {
+    const std::string item = name(worker, edit);
+    const int result = worker % 2 == 0
+                           ? vorn_cfg_write_item_to_file(path.c_str(), "s", item.c_str(), "v")
+                           : vorn_cfg_file_addItem(path.c_str(), "s", item.c_str(), "v");
+    is_added = is_added && result == 0;
+  }
+  return is_added;
+}
+
+void expect_all_items(const std::string &path) {
+  ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
+  for (int worker = 0; worker < kWorkers; ++worker) {
+    for (int edit = 0; edit < kEdits; ++edit) {
+      char value[8] = "";
+      vorn_cfg_getItemValue("s", name(worker, edit).c_str(), value, sizeof value);
+      EXPECT_STREQ(value, "v") << name(worker, edit);
+    }
+  }
+  vorn_cfg_destroy();
+}
+
+pid_t in_child(const std::function<bool()> &work) {
+  const pid_t child = fork();
+  if (child == 0) _exit(work() ? 0 : 1);
+  return child;
+}
+
+TEST_F(CfgRace, ProcessesLoseNoEdit) {
+  scratch::write_file(path, "");
+  std::vector<pid_t> children;
+  for (int worker = 0; worker < kWorkers; ++worker)
+    children.push_back(in_child([&] { return add_items(path, worker); }));
+  for (const pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  expect_all_items(path);
+}
+
+TEST_F(CfgRace, ThreadsLoseNoEdit) {
+  scratch::write_file(path, "");
+  std::atomic<int> successes{0};
+  {
+    std::vector<std::jthread> threads;
+    for (int worker = 0; worker < kWorkers; ++worker)
+      threads.emplace_back([&, worker] { successes += add_items(path, worker); });
+  }
+  EXPECT_EQ(successes, kWorkers);
+  expect_all_items(path);
+}
+
+// All lookups and setters, while the file is edited, registered again and dropped. Nobody may see
+// anything but a value that somebody wrote: the sanitizers watch the memory.
+TEST_F(CfgRace, ReadersGoOnDuringEdits) {
+  scratch::write_file(path, "[s]\nk=aaaa\n");
+  const char *file = path.c_str();
+  ASSERT_EQ(vorn_cfg_init(file), 0);
+  std::atomic<bool> stop{false};
+  std::atomic<int> strange{0};
+  const auto check = [&](int result, const char *value) {
+    if (result == 0 && value[0] != 'a' && value[0] != 'b') ++strange;
+  };
+  const std::function<void()> loops[] = {
+      [&] {
+        char value[64] = "";
+        check(vorn_cfg_getItemValue("s", "k", value, sizeof value), value);
+      },
+      [&] {
+        char value[64] = "";
+        check(vorn_cfg_getItemValue_ex(file, "s", "k", value, sizeof value), value);
+      },
+      [&] { vorn_cfg_setItemValue("s", "k", "bbbbbbbbbbbbbbbbbbbbbb"); },
+      [&] { vorn_cfg_setItemValue_ex(file, "s", "k", "aaaaaa"); },
+      [&] {
+        vorn_cfg_init(file);
+        vorn_cfg_destroy_ex(file);
+      },
+      [&] {
+        vorn_cfg_destroy();
+        vorn_cfg_init(file);
+      },
+  };
+  {
+    std::vector<std::jthread> threads;
+    for (const auto &loop : loops) {
+      threads.emplace_back([&] {
+        while (!stop) {
+          loop();
+          std::this_thread::yield();
+        }
+      });
+    }
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(vorn_cfg_file_setItemValue(file, "s", "k", i % 2 == 0 ? "a" : "b"), 0);
+      EXPECT_EQ(vorn_cfg_file_addItem(file, "t", "l", "x"), 0);
+      EXPECT_EQ(vorn_cfg_file_delSection(file, "t"), 0);
+    }
+    stop = true;
+  }
+  EXPECT_EQ(strange, 0);
+  EXPECT_EQ(g_stCfgRwlock.word, 0);
+  vorn_cfg_destroy();
+}
+
+constexpr int kItems = 300;
+
+std::string generation_text(const std::string &value) {
+  std::string text = "[s]\n";
+  for (int i = 0; i < kItems; ++i)
+    text += "item_" + std::to_string(i) + "=" + value + "\n";
+  return text;
+}
+
+// Gives every item the value.
+int set_all(vorn_cfg_file_node_s *node, const char *section, const char *, const char *value) {
+  for (int i = 0; i < kItems; ++i) {
+    const std::string item = "item_" + std::to_string(i);
+    if (vorn_cfg_set_item_func(node, section, item.c_str(), value) != 0) return -1;
+  }
+  return 0;
+}
+
+bool set_generation(const std::string &path, const std::string &value) {
+  vorn_cfg_oper_param_s param{path.c_str(), "s", nullptr, value.c_str()};
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  const int result = vorn_cfg_file_writeOperate(fd, &param, set_all);
+  close(fd);
+  return result == 0;
+}
+
+// Whenever an editor dies, the file is one whole generation, and the next editor gets along.
+TEST_F(CfgRace, KilledEditorsLeaveAWholeFile) {
+  scratch::write_file(path, generation_text("0"));
+  int changes = 0;
+  std::string last = scratch::read_file(path);
+  for (int round = 0; round < 30; ++round) {
+    const pid_t child = in_child([&]() -> bool {
+      for (int generation = 0;; ++generation)
+        set_generation(path, std::to_string(round) + "_" + std::to_string(generation));
+    });
+    usleep(static_cast<useconds_t>(200 + round * 331));
+    kill(child, SIGKILL);
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    const std::string text = scratch::read_file(path);
+    const std::string start = "[s]\nitem_0=";
+    const std::string value =
+        text.substr(start.size(), text.find('\n', start.size()) - start.size());
+    ASSERT_EQ(text, generation_text(value)) << round;
+    changes += text != last;
+    last = text;
+  }
+  EXPECT_GT(changes, 0);
+  EXPECT_TRUE(set_generation(path, "end"));
+  EXPECT_EQ(scratch::read_file(path), generation_text("end"));
+  EXPECT_NE(access((path + ".temp").c_str(), F_OK), 0);
+}
+
+} // namespace
