@@ -199,6 +199,20 @@ TEST(Ticketlock, ServesInTheOrderOfArrival) {
   EXPECT_NO_RECORD();
 }
 
+TEST(Ticketlock, StrayReleasesAtOneMomentAllAdvanceIt) {
+  constexpr uint32_t kReleases = 100000;
+  capture::set_level(3); // the reports are known
+  vorn_tspinlock_s lock = VORN_TSPINLOCK_INIT;
+  const auto release = [&] {
+    for (uint32_t i = 0; i < kReleases; ++i)
+      vorn_tspinlock_unlock(&lock);
+  };
+  std::thread other(release);
+  release();
+  other.join();
+  EXPECT_EQ(lock.serving, 2 * kReleases);
+}
+
 // No more threads than wait well on two CPUs. The numbers wrap on the way.
 TEST(Ticketlock, Stress) {
   vorn_tspinlock_s lock = VORN_TSPINLOCK_INIT;
