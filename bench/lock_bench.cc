@@ -1,11 +1,9 @@
 // The locks beside their peers: taken and released by one thread, and by several threads that meet
 // in a short critical section, the same for all. With several threads the time is that of the
 // whole, divided by what all of them did.
-#include <algorithm>
 #include <barrier>
 #include <ck_pflock.h>
 #include <ck_rwlock.h>
-
 #include <ck_tflock.h>
 #include <mutex>
 #include <pthread.h>
@@ -26,8 +24,9 @@
 
 namespace {
 
-// Threads need turns that are long beside a time slice: a turn's operation is so many.
-constexpr std::uint64_t kBatch = 200;
+// A thread's part in a turn has to be long beside a time slice: an operation of a turn is so many
+// for each of the threads.
+constexpr std::uint64_t kBatch = 100;
 
 struct alignas(64) Data {
   std::uint64_t words[4] = {};
@@ -92,8 +91,7 @@ template <class Lock, Use kUse> bench::Contender takes(const std::string &name, 
   };
   if (threads == 1) return bench::contender(name, once);
   return bench::contender(name, [=](std::uint64_t count) {
-    const std::uint64_t share = std::max<std::uint64_t>(1, count * kBatch / threads);
-    return in_threads(threads, share, once) / kBatch;
+    return in_threads(threads, count * kBatch, once) / (kBatch * threads);
   });
 }
 
