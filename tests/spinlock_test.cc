@@ -235,6 +235,15 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
 uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
 volatile uintptr_t *g_on_stack;
 
+// Has a frame farther up than the walk may go.
+[[gnu::noinline]] std::string dump_with_far_frame() {
+  volatile uintptr_t words[1024] = {};
+  g_on_stack = words + 4096 / sizeof words[0] + 8;
+  g_on_stack[1] = 0x1234;
+  outer(1, [](uintptr_t) { return number(g_on_stack); });
+  return the_record();
+}
+
 TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
@@ -253,6 +262,7 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   }
   outer(1, [](uintptr_t) { return number(g_on_stack); });
   EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0x1234, 0));
+  EXPECT_EQ(dump_with_far_frame(), stack_text(place(g_returns[0]), 0, 0));
 }
 
 } // namespace

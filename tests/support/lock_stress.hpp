@@ -63,10 +63,11 @@ inline void turn(const Role &role, Data &data, Outcome &mine) {
 
 inline void play(const Role &role, Data &data, Outcome &mine) {
   const auto end = std::chrono::steady_clock::now() + kLongest;
-  for (int round = 0; round < kRounds && std::chrono::steady_clock::now() < end; ++round) {
+  int round = 0;
+  do {
     for (int i = 0; i < kTurnsOfARound; ++i)
       turn(role, data, mine);
-  }
+  } while (++round < kRounds && std::chrono::steady_clock::now() < end);
 }
 
 inline Outcome run(const std::vector<Role> &roles) {
