@@ -17,8 +17,10 @@
 #include "support/scratch.hpp"
 
 static int mallocs_before_failure = -1; // none fails
-static int blocks = 0;                  // that exist
-static int fail_fsync = 0;              // the errno to fail with, 0 for none
+static bool fails_once = false;         // else all fail from there on
+static int failures = 0;
+static int blocks = 0;     // that exist
+static int fail_fsync = 0; // the errno to fail with, 0 for none
 static int fail_rename = 0;
 static int fail_read = 0;
 static int fail_flock = 0;
@@ -30,6 +32,8 @@ void *__real_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigne
 void *__wrap_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
                                     const char *function, unsigned int line) {
   if (mallocs_before_failure == 0) {
+    if (fails_once) mallocs_before_failure = -1;
+    ++failures;
     errno = ENOMEM;
     return nullptr;
   }
@@ -49,8 +53,7 @@ static int fail(int error) {
   return -1;
 }
 
-int __real_fsync(int fd);
-int __wrap_fsync(int fd) { return fail_fsync != 0 ? fail(fail_fsync) : __real_fsync(fd); }
+int __wrap_fsync(int) { return fail_fsync != 0 ? fail(fail_fsync) : 0; } // the disk takes its time
 
 int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
@@ -100,22 +103,22 @@ struct CfgFault : testing::Test {
   }
 };
 
-// Each allocation of the call fails in turn, until none does. The file is after then, and either
-// that or before as long as one does.
+// Each allocation of the call fails in turn, alone or with all that follow, until none does. The
+// file is after then, and either that or before as long as one does.
 void fail_each_allocation(const std::string &path, const std::function<int()> &call,
                           const std::string &after) {
   for (int count = 0; count < 100; ++count) {
     scratch::write_file(path, kText);
     const int held = blocks;
+    failures = 0;
     mallocs_before_failure = count;
     const int result = call();
-    const bool has_failed = mallocs_before_failure == 0;
     mallocs_before_failure = -1;
     EXPECT_NE(access((path + ".temp").c_str(), F_OK), 0);
     vorn_cfg_destroy();
     EXPECT_EQ(blocks, held) << count;
     EXPECT_EQ(scratch::read_file(path), result == 0 ? after : kText) << count;
-    if (has_failed) continue;
+    if (failures != 0) continue;
     EXPECT_EQ(result, 0);
     return;
   }
@@ -154,8 +157,12 @@ TEST_F(CfgFault, LeavesNothingBehindWithoutMemory) {
        },
        "[s]\nk=1\n"},
   };
-  for (const auto &row : rows)
-    fail_each_allocation(path, row.call, row.after);
+  for (const auto &row : rows) {
+    for (const bool once : {false, true}) {
+      fails_once = once;
+      fail_each_allocation(path, row.call, row.after);
+    }
+  }
 }
 
 TEST_F(CfgFault, RecordsWhatMemoryWasFor) {

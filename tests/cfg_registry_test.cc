@@ -209,6 +209,7 @@ TEST_F(CfgRegistry, TakesANodeOver) {
   vorn_list_init_head(&node->sections);
   std::strcpy(node->path, "unknown");
   EXPECT_EQ(vorn_cfg_updateFileNode(node), -1);
+  EXPECT_EQ(node->index, nullptr);
   EXPECT_NO_RECORD();
   ASSERT_EQ(vorn_cfg_add_item_func(node, "s", "k", "first"), 0);
   ASSERT_EQ(vorn_cfg_add_item_func(node, "t", "k", "other"), 0);

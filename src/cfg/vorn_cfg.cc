@@ -206,7 +206,10 @@ int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node) {
   FileNode old; // goes after the registry's lock
   const WriteGuard registry(g_stCfgRwlock);
   vorn_cfg_file_node_s *registered = find_file(node->path);
-  if (registered == nullptr) return -1;
+  if (registered == nullptr) {
+    index_drop(node);
+    return -1;
+  }
   node->reference_count = registered->reference_count;
   old = unlink_file(registered);
   link_file(node);

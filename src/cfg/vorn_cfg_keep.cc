@@ -21,7 +21,7 @@ bool vorn_cfg_check_param(const char *section, const Item &item) {
 vorn_cfg_section_node_s *find_or_add_section(vorn_cfg_file_node_s *node, const char *name) {
   vorn_cfg_section_node_s *section = vorn_cfg_find_section_node(name, node);
   if (section != nullptr) return section;
-  if (vorn_list_is_empty(&node->sections)) index_start(node);
+  if (node->index == nullptr && vorn_list_is_empty(&node->sections)) index_start(node);
   section = vorn_cfg_new_section_node(name);
   if (section != nullptr) append_section(node, section);
   return section;
