@@ -16,8 +16,9 @@
  * SIGCHLD there is none, and the result is -1 after the command has ended.
  *
  * Any thread may call anything here at any time, except where it says otherwise. Nothing is safe in
- * a signal handler but the character checks, and no function that starts or waits for a shell is a
- * cancellation point. Whatever starts a shell blocks until the shell is executed. */
+ * a signal handler but the character checks. No function that starts or waits for a shell is a
+ * cancellation point, except popen_s and system_s, which are what the system's functions are.
+ * Whatever starts a shell blocks until the shell is executed. */
 #ifndef VORN_CMD_H
 #define VORN_CMD_H
 
@@ -69,8 +70,9 @@ VORN_API FILE *vorn_popen_s_with_pid(const char *command, const char *mode, cons
  */
 VORN_API int vorn_pclose(FILE *stream);
 
-/* The system's popen() for mode "r" or "w"; NULL without a record for another mode, for a NULL
- * argument but whitelist, and when command is dangerous. Close the stream with pclose(). */
+/* The system's popen() for mode "r" or "w", with a stream that is close-on-exec; NULL without a
+ * record for another mode, for a NULL argument but whitelist, and when command is dangerous. Close
+ * the stream with the system's pclose(), which is not the one of a program linked to wrap it. */
 VORN_API FILE *popen_s(const char *command, const char *mode, const char *whitelist);
 
 /* Runs command in a shell and waits for it to end. Unlike system() of POSIX it ignores and blocks

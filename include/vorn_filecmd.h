@@ -34,9 +34,11 @@ VORN_API int vorn_cmd_touch(const char *path);
 VORN_API int vorn_cmd_mv(const char *src, const char *dest);
 
 /* mkdir -p path: makes a folder and those above it that are missing, with mode 0777 less the umask.
- * The tool's output is dropped. A path that the guard refuses gives -22 after an error record.
+ * A path that the guard refuses gives -22 after an error record. The tool's output is dropped where
+ * the shell reads "&>" as a redirection; otherwise it goes where the caller's goes.
  *
- * The folder is there when the result is 0, and could not be made when it is another. A shell that
+ * The folder is there when the result is 0, and could not be made when it is another; it is path to
+ * the letter, beside what the shell makes of a path that it reads otherwise. A shell that
  * runs the command in the background may be a moment behind when the folder was there before: it is
  * made again if it is removed in that moment. */
 VORN_API int vorn_cmd_mkdir(const char *path);

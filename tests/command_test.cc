@@ -147,9 +147,13 @@ TEST_F(CommandGuard, FrontEndsRunWhatIsPermitted) {
   EXPECT_EQ(read_all(stream), "a\n");
   EXPECT_EQ(exit_code(vorn_pclose(stream)), 0);
 
-  stream = popen_s("exit 4", "r", nullptr);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(exit_code(pclose(stream)), 4);
+  for (const char *mode : {"r", "w"}) {
+    stream = popen_s("exit 4", mode, nullptr);
+    ASSERT_NE(stream, nullptr);
+    EXPECT_EQ(fcntl(fileno(stream), F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(fcntl(fileno(stream), F_GETFL) & O_ACCMODE, mode[0] == 'r' ? O_RDONLY : O_WRONLY);
+    EXPECT_EQ(exit_code(pclose(stream)), 4);
+  }
 
   EXPECT_EQ(exit_code(vorn_system_s("exit 5", nullptr)), 5);
   EXPECT_EQ(exit_code(vorn_cmd_exec("exit 6")), 6);

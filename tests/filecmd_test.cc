@@ -180,8 +180,11 @@ TEST_F(Filecmd, ACommandThatCannotBeWrittenIsNotRun) {
   unsigned reported = 0;
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(vorn_cmd_rm("one"), -22);
-  for (const std::string &text : capture::take_texts()) {
-    if (text == "sprintf_s secure function failed, destMax<4096>.") ++reported;
+  for (const auto &record : capture::take()) {
+    if (record.text != "sprintf_s secure function failed, destMax<4096>.") continue;
+    EXPECT_EQ(record.level, EVLOG_ERROR);
+    EXPECT_EQ(record.function, "vorn_cmd_rm");
+    ++reported;
   }
   EXPECT_EQ(reported, 3u);
   EXPECT_TRUE(started.empty());

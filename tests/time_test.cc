@@ -1,6 +1,7 @@
 #include "vorn_time.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -8,6 +9,7 @@
 #include <sched.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -102,12 +104,13 @@ TEST(Time, EstimatesTheCountersFrequency) {
   EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_time.c", "vorn_estimate_tsc_freq", text);
 }
 
-// The shell finds a cat that prints this instead of the processor's description.
+// The shell finds a cat that prints this, after a pause, instead of the processor's description.
 class CpuInfo {
 public:
-  explicit CpuInfo(const std::string &text) {
+  explicit CpuInfo(const std::string &text, const std::string &seconds = "0") {
     scratch::write_file(scratch_ / "text", text);
-    scratch::write_file(scratch_ / "cat", "#!/bin/sh\nexec /bin/cat " + (scratch_ / "text") + "\n");
+    scratch::write_file(scratch_ / "cat", "#!/bin/sh\nsleep " + seconds + "\nexec /bin/cat " +
+                                              (scratch_ / "text") + "\n");
     chmod((scratch_ / "cat").c_str(), 0755);
     setenv("PATH", (scratch_.path() + ":/usr/bin:/bin").c_str(), 1);
   }
@@ -139,6 +142,22 @@ TEST(TimeFrequency, IsThatOfTheModelName) {
       {"cat /proc/cpuinfo | grep @ | uniq | awk '{print $NF}'", "|$"}};
   EXPECT_EQ(commands, want);
   EXPECT_NO_RECORD();
+}
+
+std::atomic<int> interruptions{0};
+
+TEST(TimeFrequency, IsReadThroughInterruptions) {
+  const CpuInfo info(std::string(kFlags) + "model name : Some @ 2.60GHz\n", "0.1");
+  struct sigaction action {};
+  action.sa_handler = [](int) { ++interruptions; };
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval often{{0, 20000}, {0, 20000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+  EXPECT_EQ(vorn_get_tsc_freq(), 0);
+  const itimerval never{};
+  setitimer(ITIMER_REAL, &never, nullptr);
+  EXPECT_EQ(currCpuGHz, 2.6);
+  EXPECT_GT(interruptions.load(), 0);
 }
 
 TEST(TimeFrequency, IsMeasuredWhereNoModelTellsIt) {

@@ -37,8 +37,8 @@ int run_command(const char *function, const char *whitelist, const char *format,
   const int length = vsnprintf_s(command.get(), kCommandSize, kCommandSize - 1, format, args);
   va_end(args);
   if (length < 0) {
-    VORN_LOG_RATELIMITED(kError, "sprintf_s secure function failed, destMax<%lu>.",
-                         static_cast<unsigned long>(kCommandSize));
+    VORN_LOG_RATELIMITED_AS(function, kError, "sprintf_s secure function failed, destMax<%lu>.",
+                            static_cast<unsigned long>(kCommandSize));
     return -EINVAL;
   }
   const int result = vorn_system_s(command.get(), whitelist);

@@ -1,5 +1,5 @@
 // Which child is behind which descriptor: the streams that are closed by vorn_pclose. The table is
-// made once, as large as the limit of descriptors is then, and stays.
+// made once, as large as the limit of descriptors is then (up to 1048576), and stays.
 #ifndef VORN_STR_PID_TABLE_HPP
 #define VORN_STR_PID_TABLE_HPP
 

@@ -38,8 +38,8 @@ struct Pipe {
   }
 };
 
-// Starts the command at the other end of the pipe and makes a stream of our end, which it closes
-// otherwise. function is the exported one that the record names.
+// Starts the command at the other end of the pipe and makes a stream of our end. Where no shell can
+// be started it closes both. function is the exported one that the record names.
 FILE *start(const char *function, const char *command, const char *mode, const Pipe &pipe,
             pid_t *child) {
   const Redirection redirection = pipe.redirection();
@@ -127,5 +127,6 @@ int vorn_pclose(FILE *stream) {
 FILE *popen_s(const char *command, const char *mode, const char *whitelist) {
   if (command == nullptr || !vorn::str::is_mode(mode)) return nullptr;
   if (isDangerousCmd(command, whitelist) != 0) return nullptr;
-  return popen(command, mode);
+  // Close-on-exec, as our own streams are.
+  return popen(command, mode[0] == 'r' ? "re" : "we");
 }

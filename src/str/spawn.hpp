@@ -7,8 +7,7 @@
 
 namespace vorn::str {
 
-// While one exists, the thread is not cancelled. A cancellation would leave a child unreaped, and
-// one that is pending would be acted upon in the child too, in the caller's memory.
+// While one exists, the thread is not cancelled: it would leave a child unreaped or a pipe open.
 class CancellationOff {
 public:
   CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

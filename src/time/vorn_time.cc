@@ -12,6 +12,7 @@
 #include "base/timespec.hpp"
 #include "time/vorn_time.hpp"
 #include "vorn_cmd.h"
+#include "vorn_fileops.h"
 
 namespace vorn::time {
 namespace {
@@ -34,12 +35,11 @@ void set_cpu_ghz(double value) { __atomic_store(&currCpuGHz, &value, __ATOMIC_RE
 
 // The first line that the command prints, cut to what line takes; empty when it prints none. False
 // when the command cannot be run.
-template <std::size_t kSize>
+template <int kSize>
 bool read_first_line(const char *command, const char *whitelist, char (&line)[kSize]) {
-  line[0] = '\0';
   FILE *stream = vorn_popen_s(command, "r", whitelist);
   if (stream == nullptr) return false;
-  if (std::fgets(line, kSize, stream) == nullptr) line[0] = '\0';
+  vorn_readline(fileno(stream), line, kSize); // fgets would take an interruption for the end
   vorn_pclose(stream);
   return true;
 }
