@@ -1,0 +1,36 @@
+/* Once-only initialisation and thread-specific keys of POSIX threads, with a record of every
+ * failure. Any thread may call; not signal-safe. */
+#ifndef VORN_PERCPU_POSIX_H
+#define VORN_PERCPU_POSIX_H
+
+#include <pthread.h>
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* Runs init unless *once has been used before (pthread_once(3)); *once starts as PTHREAD_ONCE_INIT.
+ * Blocks while another thread runs it. Returns 0, or a positive error after a record. */
+VORN_API int vorn_pthread_init_once(pthread_once_t *once, void (*init)(void));
+
+/* Makes a key, whose destructor (NULL for none) is called with a thread's value, unless that is
+ * NULL, when the thread ends (pthread_key_create(3)). Returns 0, or a positive error after a
+ * record. */
+VORN_API int vorn_key_create(pthread_key_t *key, void (*destructor)(void *));
+
+/* Deletes a key without calling its destructor (pthread_key_delete(3)). Returns 0, or a positive
+ * error after a record. */
+VORN_API int vorn_key_delete(pthread_key_t key);
+
+/* Sets the calling thread's value of the key, borrowed until the destructor gets it
+ * (pthread_setspecific(3)). Returns 0; -1 after a record for a NULL value, the old one stays then;
+ * a positive error after a record otherwise. */
+VORN_API int vorn_key_setspecific(pthread_key_t key, const void *value);
+
+/* The calling thread's value of the key (pthread_getspecific(3)); NULL after an error record when
+ * it has none, which need not be an error. */
+VORN_API void *vorn_key_getspecific(pthread_key_t key);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,85 @@
+/* The spin lock: a word that whoever comes first sets. A thread that does not get it spins for 100
+ * microseconds, then gives the processor away for a millisecond (vorn_schedule), and so on.
+ *
+ * Not fair: no order among those who wait, and one may wait for ever while others go in and out.
+ * Not recursive: a holder that locks again never comes back. Any thread may unlock, the holder is
+ * not recorded, and when a holder ends without unlocking the lock stays held. Taking a lock
+ * acquires what the unlocker before it had written. Free and uncontended, no call enters the
+ * kernel.
+ *
+ * The 100 microseconds are measured with vorn_time_getnanosec. Until the time base has been started
+ * (vorn_Init) that reads 0: a waiting thread then spins without ever giving the processor away.
+ *
+ * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
+ * trylock and unlock are safe; lock is only where no thread that the handler can interrupt holds
+ * the same lock. */
+#ifndef VORN_SPINLOCK_H
+#define VORN_SPINLOCK_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* A spin lock, as other structures embed it. The operations use the field lock alone, and all zero
+ * is a free lock too; the other fields serve debugging. */
+typedef struct vorn_spinlock {
+  uint64_t lock;     /* 0 free, 1 held */
+  uint32_t magic;    /* VORN_SPINLOCK_MAGIC once initialised */
+  int32_t owner_cpu; /* -1 */
+  int64_t owner;     /* -1 */
+} vorn_spinlock_s;
+
+/* What vorn_spinlock_s::magic holds. */
+#define VORN_SPINLOCK_MAGIC 0xDEAD4EADu
+
+/* A free lock, to initialise a variable with. */
+#define VORN_SPINLOCK_INIT                                                                         \
+  { 0, VORN_SPINLOCK_MAGIC, -1, -1 }
+
+/* Makes *lock a free lock, while nobody uses it. */
+static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
+  const vorn_spinlock_s free_lock = VORN_SPINLOCK_INIT;
+  *lock = free_lock;
+}
+
+/* Lock, try and unlock a vorn_spinlock_s * in the caller's name. */
+#define vorn_spinlock_lock(spinlock) do_vorn_spinlock_lock(&(spinlock)->lock, __func__, __LINE__)
+#define vorn_spinlock_trylock(spinlock)                                                            \
+  do_vorn_spinlock_trylock(&(spinlock)->lock, __func__, __LINE__)
+#define vorn_spinlock_unlock(spinlock)                                                             \
+  do_vorn_spinlock_unlock(&(spinlock)->lock, __func__, __LINE__)
+
+/* Waits until the word *lock is free and takes it. function and line name the caller; they are not
+ * used. */
+VORN_API void do_vorn_spinlock_lock(uint64_t *lock, const char *function, unsigned int line);
+
+/* Takes the word if it is free now: returns 1 when taken, else 0. Never waits. */
+VORN_API int do_vorn_spinlock_trylock(uint64_t *lock, const char *function, unsigned int line);
+
+/* Frees the word, whoever took it. One that is not held is left as it is. */
+VORN_API void do_vorn_spinlock_unlock(uint64_t *lock, const char *function, unsigned int line);
+
+/* The flag that makes a thread write its stack (debug_dump_stack) each time that it has spun for
+ * 100 microseconds, before it gives the processor away. */
+#define VORN_SPINLOCK_DUMP_STACK 1ul
+
+/* Set bits of the process's spin-lock flags, clear bits of them, store the flags in *out. They
+ * begin as 0; bits other than VORN_SPINLOCK_DUMP_STACK are kept and mean nothing. All return 0. Any
+ * thread, signal-safe; a change is lost when another is made at the same moment. */
+VORN_API int vorn_spinlock_set_flags(unsigned long bits);
+VORN_API int vorn_spinlock_clear_flags(unsigned long bits);
+VORN_API int vorn_spinlock_get_flags(unsigned long *out);
+
+/* Writes "current tid:%d, stack:%p(%s) << %p(%s) << %p(%s)." through evlog_original: the kernel's
+ * id of the calling thread, and three return addresses with the functions that they lie in
+ * (vorn_symbol_addr_to_string), from the innermost out. skip 0 begins with the address in the
+ * function that called this one; each more leaves out one call.
+ *
+ * The addresses are found by frame pointers, within the 4096 bytes of stack above the call: what
+ * lies farther out, or beyond a function built without a frame pointer, is shown as 0 (or, in the
+ * latter case, may be left out). Any thread, signal-safe, keeps errno. */
+VORN_API void debug_dump_stack(unsigned int skip);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,80 @@
+/* The ticket reader-writer lock: many readers or one writer, served in the order of arrival. A
+ * reader waits for the writers that came before it, a writer for everyone that came before it, so
+ * nobody starves. Readers that follow each other hold the lock together.
+ *
+ * Waits spin without limit and do not give the processor away: for short critical sections, and no
+ * more threads than CPUs. Not recursive, not even for readers: a reader that takes the lock again
+ * while a writer waits never comes back. Holders are not recorded: any thread may release, and a
+ * release without a hold damages the lock. When a holder ends without releasing, later writers
+ * never get in, nor, if it was a writer, later readers. Taking the lock acquires what those who
+ * released it before had written. No call enters the kernel.
+ *
+ * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
+ * the trylock and unlock operations are safe; the operations that wait are only where no thread
+ * that the handler can interrupt is using the same lock. */
+#ifndef VORN_TRWLOCK_H
+#define VORN_TRWLOCK_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* A ticket reader-writer lock; all zero is a free one. Each counter wraps by itself. */
+typedef struct vorn_trwlock {
+  uint32_t completions;       /* releases by readers and writers */
+  uint32_t write_completions; /* releases by writers */
+  uint32_t requests;          /* acquisitions asked for by readers and writers */
+  uint32_t write_requests;    /* acquisitions asked for by writers */
+} __attribute__((aligned(8))) vorn_trwlock_s;
+
+/* A free lock, to initialise a variable with. */
+#define VORN_TRWLOCK_INIT                                                                          \
+  { 0, 0, 0, 0 }
+
+/* The operations on a vorn_trwlock_s * in the caller's name. */
+#define vorn_trwlock_init(lock) do_vorn_trwlock_init((lock), __func__, __LINE__)
+#define vorn_trwlock_destroy(lock) do_vorn_trwlock_destroy((lock), __func__, __LINE__)
+#define vorn_trwlock_read_lock(lock) do_vorn_trwlock_read_lock((lock), __func__, __LINE__)
+#define vorn_trwlock_read_unlock(lock) do_vorn_trwlock_read_unlock((lock), __func__, __LINE__)
+#define vorn_trwlock_read_trylock(lock) do_vorn_trwlock_read_trylock((lock), __func__, __LINE__)
+#define vorn_trwlock_write_lock(lock) do_vorn_trwlock_write_lock((lock), __func__, __LINE__)
+#define vorn_trwlock_write_unlock(lock) do_vorn_trwlock_write_unlock((lock), __func__, __LINE__)
+#define vorn_trwlock_write_trylock(lock) do_vorn_trwlock_write_trylock((lock), __func__, __LINE__)
+
+/* Makes *lock a free lock, while nobody uses it. function and line name the caller, here and below;
+ * they are not used. */
+VORN_API void do_vorn_trwlock_init(vorn_trwlock_s *lock, const char *function, unsigned int line);
+
+/* Does nothing: a lock holds no resources. */
+VORN_API void do_vorn_trwlock_destroy(vorn_trwlock_s *lock, const char *function,
+                                      unsigned int line);
+
+/* Waits for the writers that asked before and takes the lock for reading. */
+VORN_API void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *function,
+                                        unsigned int line);
+
+/* Releases what was taken for reading. */
+VORN_API void do_vorn_trwlock_read_unlock(vorn_trwlock_s *lock, const char *function,
+                                          unsigned int line);
+
+/* Takes the lock for reading unless a writer holds it or waits for it: returns 1 when taken, else
+ * 0. Does not wait for holders; tries again while others ask for the lock at the same moment. */
+VORN_API int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *function,
+                                          unsigned int line);
+
+/* Waits for everyone that asked before and takes the lock for writing. */
+VORN_API void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *function,
+                                         unsigned int line);
+
+/* Releases what was taken for writing. */
+VORN_API void do_vorn_trwlock_write_unlock(vorn_trwlock_s *lock, const char *function,
+                                           unsigned int line);
+
+/* Takes the lock for writing unless anyone holds it or waits for it: returns 1 when taken, else 0.
+ * Does not wait for holders; tries again while others ask for the lock at the same moment. */
+VORN_API int do_vorn_trwlock_write_trylock(vorn_trwlock_s *lock, const char *function,
+                                           unsigned int line);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,104 @@
+// The plain reader-writer lock's word:
+//
+//    63  62                                    0
+//   +---+---------------------------------------+
+//   | W |                   n                   |
+//   +---+---------------------------------------+
+//
+//   W 0: n readers hold the lock, 0 of them: it is free
+//   W 1: a writer holds it; n is all ones from vorn_rwlock_write_lock, 0 from its _mayblock form,
+//        and means nothing
+//
+// Writers. A reader enters by a compare-and-swap from a value with W clear to the one above it, a
+// writer by one from 0. Both fail when the word has changed since it was read, so nobody enters
+// beside a writer. A reader leaves by an atomic subtraction, which the readers beside it do not
+// lose. A writer leaves by storing 0: nobody else writes while W is set.
+//
+// Order. Entering acquires, leaving releases. A writer that comes after readers reads the value of
+// the last one to leave; the subtractions, and the additions of readers between them, are one
+// release sequence, so it sees what all of them did.
+//
+// No ABA. The word is the whole state: one that has gone through other values and come back allows
+// what it allowed before.
+#include "vorn_rwlock.h"
+
+#include <atomic>
+#include <cstdint>
+
+#include "arch/pause.hpp"
+#include "vorn_sched.h"
+
+static_assert(offsetof(vorn_rwlock_s, word) == 0);
+static_assert(sizeof(vorn_rwlock_s) == 8);
+
+namespace vorn::lock {
+namespace {
+
+using Word = std::atomic_ref<std::int64_t>;
+
+constexpr std::int64_t kFree = 0;
+constexpr std::int64_t kWriter = -1;
+constexpr std::int64_t kMayblockWriter = INT64_MIN;
+constexpr int kAttempts = 10; // of a _mayblock operation before it sleeps
+constexpr unsigned int kSleepMicroseconds = 1;
+
+bool try_read_lock(Word word) {
+  std::int64_t value = word.load(std::memory_order_relaxed);
+  while (value >= 0) {
+    if (word.compare_exchange_weak(value, value + 1, std::memory_order_acq_rel,
+                                   std::memory_order_relaxed))
+      return true;
+  }
+  return false;
+}
+
+bool try_write_lock(Word word, std::int64_t writer) {
+  std::int64_t value = word.load(std::memory_order_relaxed);
+  return value == kFree && word.compare_exchange_weak(value, writer, std::memory_order_acq_rel,
+                                                      std::memory_order_relaxed);
+}
+
+template <class Attempt> void spin_until(Attempt attempt) {
+  while (!attempt())
+    arch::pause();
+}
+
+template <class Attempt> bool succeeds_in_a_round(Attempt attempt) {
+  for (int i = 0; i < kAttempts; ++i) {
+    if (attempt()) return true;
+    arch::pause();
+  }
+  return false;
+}
+
+template <class Attempt> void sleep_until(Attempt attempt) {
+  while (!succeeds_in_a_round(attempt))
+    vorn_usleep(kSleepMicroseconds);
+}
+
+} // namespace
+} // namespace vorn::lock
+
+void vorn_rwlock_read_lock(vorn_rwlock_s *lock) {
+  const vorn::lock::Word word{lock->word};
+  vorn::lock::spin_until([=] { return vorn::lock::try_read_lock(word); });
+}
+
+int vorn_rwlock_try_read_lock(vorn_rwlock_s *lock) {
+  return vorn::lock::try_read_lock(vorn::lock::Word{lock->word}) ? 1 : 0;
+}
+
+void vorn_rwlock_write_lock(vorn_rwlock_s *lock) {
+  const vorn::lock::Word word{lock->word};
+  vorn::lock::spin_until([=] { return vorn::lock::try_write_lock(word, vorn::lock::kWriter); });
+}
+
+void vorn_rwlock_read_lock_mayblock(vorn_rwlock_s *lock) {
+  vorn::lock::sleep_until([=] { return vorn_rwlock_try_read_lock(lock) != 0; });
+}
+
+void vorn_rwlock_write_lock_mayblock(vorn_rwlock_s *lock) {
+  const vorn::lock::Word word{lock->word};
+  vorn::lock::sleep_until(
+      [=] { return vorn::lock::try_write_lock(word, vorn::lock::kMayblockWriter); });
+}

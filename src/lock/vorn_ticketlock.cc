@@ -1,0 +1,126 @@
+// The ticket lock's two words, and its diagnostic fields behind them:
+//
+//    31            0  31            0
+//   +---------------+---------------+
+//   |    serving    |     next      |    serving == next: free
+//   +---------------+---------------+    next - serving: the holder and those who wait
+//
+// Writers. next: whoever comes, by one atomic addition that gives each another number; trylock by a
+// compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32 bits, which
+// does not carry into next. It has to be atomic because a misused lock is released by others too,
+// and each release is to advance it. magic, other and owner tell about misuse and decide nothing:
+// they are read and written as a whole, without order.
+//
+// Order. The addition to serving releases, the load that sees one's own number acquires: what a
+// holder wrote is seen by the next.
+//
+// No ABA. The numbers wrap after 2^32. A waiting thread holds its number, so nobody else has the
+// same one unless 2^32 threads wait. trylock read serving equal to next before its
+// compare-and-swap: that takes the lock wrongly if all numbers are drawn in between and one of the
+// last is still held, which takes minutes of nothing but locking by others between two
+// instructions.
+#include "vorn_ticketlock.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#include "arch/barrier.hpp"
+#include "base/log.hpp"
+#include "base/thread_id.hpp"
+
+static_assert(offsetof(vorn_tspinlock_s, serving) == 0);
+static_assert(offsetof(vorn_tspinlock_s, next) == 4);
+static_assert(offsetof(vorn_tspinlock_s, magic) == 8);
+static_assert(offsetof(vorn_tspinlock_s, other) == 12);
+static_assert(offsetof(vorn_tspinlock_s, owner) == 16);
+static_assert(sizeof(vorn_tspinlock_s) == 24);
+
+namespace vorn::lock {
+namespace {
+
+constexpr std::uint32_t kNoOther = UINT32_MAX;
+constexpr std::uint64_t kNobody = UINT64_MAX;
+
+// The field as it is at some moment.
+template <class Field> Field peek(Field &field) {
+  return std::atomic_ref{field}.load(std::memory_order_relaxed);
+}
+
+template <class Field> void poke(Field &field, std::type_identity_t<Field> value) {
+  std::atomic_ref{field}.store(value, std::memory_order_relaxed);
+}
+
+// operation is the exported function that found the misuse, function and line its caller.
+[[gnu::cold, gnu::noinline]] void report(vorn_tspinlock_s *lock, const char *text,
+                                         const char *operation, const char *function,
+                                         std::uint32_t line) {
+  const std::uint32_t tickets[] = {peek(lock->serving), peek(lock->next)};
+  std::uint64_t both;
+  static_assert(sizeof both == sizeof tickets);
+  std::memcpy(&both, tickets, sizeof both);
+  VORN_LOG_AS(operation, kInfo, "%s in %s:%u lock:0x%lx magic:0x%x owner:%lu other:%u", text,
+              function, line, both, peek(lock->magic), peek(lock->owner), peek(lock->other));
+}
+
+bool is_initialised(vorn_tspinlock_s *lock) { return peek(lock->magic) == VORN_TSPINLOCK_MAGIC; }
+
+bool is_served(vorn_tspinlock_s *lock, std::uint32_t ticket) {
+  return std::atomic_ref{lock->serving}.load(std::memory_order_acquire) == ticket;
+}
+
+} // namespace
+} // namespace vorn::lock
+
+void do_vorn_tspinlock_init(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
+  using namespace vorn::lock;
+  if (is_initialised(lock)) report(lock, "ReInited lock", __func__, function, line);
+  poke(lock->serving, 0);
+  poke(lock->next, 0);
+  poke(lock->magic, VORN_TSPINLOCK_MAGIC);
+  poke(lock->other, kNoOther);
+  poke(lock->owner, kNobody);
+}
+
+void do_vorn_tspinlock_destroy(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
+  using namespace vorn::lock;
+  if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
+  poke(lock->magic, VORN_TSPINLOCK_DESTROYED);
+}
+
+void do_vorn_tspinlock_lock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
+  using namespace vorn::lock;
+  const std::uint32_t self = vorn::thread_id();
+  if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
+  if (peek(lock->owner) == self) report(lock, "AA lock", __func__, function, line);
+  const std::uint32_t ticket = std::atomic_ref{lock->next}.fetch_add(1, std::memory_order_seq_cst);
+  while (!is_served(lock, ticket)) {
+  }
+  vorn::arch::full_barrier_after_atomic();
+  poke(lock->owner, self);
+}
+
+int do_vorn_tspinlock_trylock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
+  using namespace vorn::lock;
+  const std::uint32_t self = vorn::thread_id();
+  if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
+  if (peek(lock->owner) == self) report(lock, "AA lock", __func__, function, line);
+  const std::atomic_ref next{lock->next};
+  std::uint32_t ticket = next.load(std::memory_order_relaxed);
+  do {
+    if (!is_served(lock, ticket)) return 0;
+  } while (!next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acq_rel,
+                                       std::memory_order_relaxed));
+  poke(lock->owner, self);
+  return 1;
+}
+
+void do_vorn_tspinlock_unlock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
+  using namespace vorn::lock;
+  if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
+  if (peek(lock->owner) != vorn::thread_id()) report(lock, "AB lock", __func__, function, line);
+  poke(lock->owner, kNobody);
+  if (peek(lock->next) == peek(lock->serving))
+    report(lock, "ReUnlock", __func__, "ticket_unlock", line);
+  std::atomic_ref{lock->serving}.fetch_add(1, std::memory_order_acq_rel);
+}

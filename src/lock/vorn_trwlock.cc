@@ -1,0 +1,139 @@
+// The ticket reader-writer lock's two words, each a pair of counters that wrap separately:
+//
+//    31            0  31            0  31            0  31            0
+//   +---------------+---------------+---------------+---------------+
+//   |  completions  |    write      |   requests    |     write     |
+//   |               |  completions  |               |   requests    |
+//   +---------------+---------------+---------------+---------------+
+//     one 64-bit word: who has left   one 64-bit word: who has come
+//
+// Rule. Everyone notes the requests as they were before it came. A writer enters when completions
+// has reached that number: all before it have left. A reader enters when write completions has
+// reached the number of writers before it: all writers before it have left. Who comes later waits
+// for it in turn, so neither counter can get past the number that it waits for.
+//
+// Writers. Both counters of a pair change at one moment, by a compare-and-swap of the pair: nobody
+// sees a writer in one counter and not in the other, and no carry gets from one into the other.
+//
+// Order. Leaving releases; the load that ends a wait, or lets a trylock go on, acquires. The
+// changes of completions are one release sequence, so who comes in sees what all who left did.
+//
+// No ABA. A trylock takes its number only if the requests are still those that it compared with the
+// completions: nobody came in between. They would be the same again after 2^32 acquisitions between
+// two instructions; a wait would take another's number for its own if 2^32 threads waited.
+#include "vorn_trwlock.h"
+
+#include <bit>
+#include <cstdint>
+
+#include "arch/barrier.hpp"
+#include "arch/pause.hpp"
+
+static_assert(offsetof(vorn_trwlock_s, completions) == 0);
+static_assert(offsetof(vorn_trwlock_s, write_completions) == 4);
+static_assert(offsetof(vorn_trwlock_s, requests) == 8);
+static_assert(offsetof(vorn_trwlock_s, write_requests) == 12);
+static_assert(sizeof(vorn_trwlock_s) == 16);
+static_assert(alignof(vorn_trwlock_s) == 8);
+
+namespace vorn::lock {
+namespace {
+
+// A pair as one word, and as a sum to add to one: readers and writers in the lower half, writers
+// alone in the upper.
+using Counters [[gnu::may_alias]] = std::uint64_t;
+static_assert(std::endian::native == std::endian::little);
+
+constexpr std::uint64_t kUpper = std::uint64_t{UINT32_MAX} << 32;
+constexpr std::uint64_t kReader = 1;
+constexpr std::uint64_t kWriter = (std::uint64_t{1} << 32) + 1;
+
+Counters *completions(vorn_trwlock_s *lock) {
+  return reinterpret_cast<Counters *>(&lock->completions);
+}
+
+Counters *requests(vorn_trwlock_s *lock) { return reinterpret_cast<Counters *>(&lock->requests); }
+
+std::uint32_t all(std::uint64_t counters) { return static_cast<std::uint32_t>(counters); }
+
+std::uint32_t writers(std::uint64_t counters) { return static_cast<std::uint32_t>(counters >> 32); }
+
+// Each half for itself.
+std::uint64_t sum(std::uint64_t a, std::uint64_t b) {
+  return ((a & kUpper) + (b & kUpper)) | all(a + b);
+}
+
+std::uint64_t peek(const Counters *pair) { return __atomic_load_n(pair, __ATOMIC_RELAXED); }
+
+// On failure *seen is what the pair holds instead.
+bool try_add(Counters *pair, std::uint64_t *seen, std::uint64_t who) {
+  Counters expected = *seen;
+  const bool added = __atomic_compare_exchange_n(pair, &expected, sum(*seen, who), true,
+                                                 __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
+  *seen = expected;
+  return added;
+}
+
+// Gives the counters as they were before.
+std::uint64_t add(Counters *pair, std::uint64_t who) {
+  std::uint64_t seen = peek(pair);
+  while (!try_add(pair, &seen, who)) {
+  }
+  return seen;
+}
+
+std::uint64_t done(vorn_trwlock_s *lock) {
+  return __atomic_load_n(completions(lock), __ATOMIC_ACQUIRE);
+}
+
+} // namespace
+} // namespace vorn::lock
+
+void do_vorn_trwlock_init(vorn_trwlock_s *lock, const char *, unsigned int) {
+  __atomic_store_n(vorn::lock::completions(lock), 0, __ATOMIC_RELAXED);
+  __atomic_store_n(vorn::lock::requests(lock), 0, __ATOMIC_RELAXED);
+}
+
+void do_vorn_trwlock_destroy(vorn_trwlock_s *, const char *, unsigned int) {}
+
+void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  using namespace vorn::lock;
+  const std::uint32_t before = writers(add(requests(lock), kReader));
+  while (writers(done(lock)) != before)
+    vorn::arch::pause();
+  vorn::arch::full_barrier_after_atomic();
+}
+
+void do_vorn_trwlock_read_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  vorn::lock::add(vorn::lock::completions(lock), vorn::lock::kReader);
+}
+
+int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  using namespace vorn::lock;
+  std::uint64_t seen = peek(requests(lock));
+  do {
+    if (writers(done(lock)) != writers(seen)) return 0;
+  } while (!try_add(requests(lock), &seen, kReader));
+  return 1;
+}
+
+void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  using namespace vorn::lock;
+  const std::uint32_t before = all(add(requests(lock), kWriter));
+  while (all(done(lock)) != before)
+    vorn::arch::pause();
+  vorn::arch::full_barrier_after_atomic();
+}
+
+void do_vorn_trwlock_write_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  vorn::lock::add(vorn::lock::completions(lock), vorn::lock::kWriter);
+}
+
+int do_vorn_trwlock_write_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
+  using namespace vorn::lock;
+  std::uint64_t seen = peek(requests(lock));
+  do {
+    if (all(done(lock)) != all(seen)) return 0;
+  } while (!try_add(requests(lock), &seen, kWriter));
+  return 1;
+}

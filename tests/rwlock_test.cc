@@ -1,0 +1,136 @@
+#include "vorn_rwlock.h"
+
+#include <functional>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+
+#include "support/lock_stress.hpp"
+#include "vorn_sched.h"
+
+namespace {
+
+// The sleep that the library sees.
+std::function<void(unsigned int)> g_sleep = [](unsigned int microseconds) { usleep(microseconds); };
+
+} // namespace
+
+extern "C" void vorn_usleep(unsigned int microseconds) { g_sleep(microseconds); }
+
+namespace {
+
+constexpr int64_t kWriter = -1;
+constexpr int64_t kMayblockWriter = INT64_MIN;
+
+TEST(Rwlock, TheWordCountsReadersOrIsNegative) {
+  vorn_rwlock_s lock;
+  vorn_rwlock_init(&lock);
+  EXPECT_EQ(lock.word, 0);
+  vorn_rwlock_read_lock(&lock);
+  EXPECT_EQ(vorn_rwlock_try_read_lock(&lock), 1);
+  vorn_rwlock_read_lock_mayblock(&lock);
+  EXPECT_EQ(lock.word, 3);
+  for (int readers = 2; readers >= 0; --readers) {
+    vorn_rwlock_read_unlock(&lock);
+    EXPECT_EQ(lock.word, readers);
+  }
+  vorn_rwlock_write_lock(&lock);
+  EXPECT_EQ(lock.word, kWriter);
+  vorn_rwlock_write_unlock(&lock);
+  EXPECT_EQ(lock.word, 0);
+  vorn_rwlock_write_lock_mayblock(&lock);
+  EXPECT_EQ(lock.word, kMayblockWriter);
+  vorn_rwlock_write_unlock(&lock);
+  EXPECT_EQ(lock.word, 0);
+}
+
+TEST(Rwlock, AnyNegativeWordKeepsReadersOut) {
+  for (const int64_t word : {kWriter, kMayblockWriter, kMayblockWriter + 5}) {
+    vorn_rwlock_s lock{word};
+    EXPECT_EQ(vorn_rwlock_try_read_lock(&lock), 0);
+    EXPECT_EQ(lock.word, word);
+  }
+}
+
+// Who holds the lock, who waits for it, and what the word is to be after that one has it.
+struct Wait {
+  int64_t held;
+  void (*acquire)(vorn_rwlock_s *);
+  int64_t taken;
+};
+
+const Wait kMayblockWaits[] = {
+    {kWriter, vorn_rwlock_read_lock_mayblock, 1},
+    {kMayblockWriter, vorn_rwlock_read_lock_mayblock, 1},
+    {kWriter, vorn_rwlock_write_lock_mayblock, kMayblockWriter},
+    {kMayblockWriter, vorn_rwlock_write_lock_mayblock, kMayblockWriter},
+    {2, vorn_rwlock_write_lock_mayblock, kMayblockWriter},
+};
+
+const Wait kSpinWaits[] = {
+    {kWriter, vorn_rwlock_read_lock, 1},        {kMayblockWriter, vorn_rwlock_read_lock, 1},
+    {kWriter, vorn_rwlock_write_lock, kWriter}, {kMayblockWriter, vorn_rwlock_write_lock, kWriter},
+    {2, vorn_rwlock_write_lock, kWriter},
+};
+
+TEST(Rwlock, MayblockSleepsAMicrosecondAtATimeUntilTheLockIsFree) {
+  for (const Wait &wait : kMayblockWaits) {
+    vorn_rwlock_s lock{wait.held};
+    int sleeps = 0;
+    g_sleep = [&](unsigned int microseconds) {
+      EXPECT_EQ(microseconds, 1u);
+      EXPECT_EQ(lock.word, wait.held);
+      if (++sleeps == 3) lock.word = 0;
+    };
+    wait.acquire(&lock);
+    EXPECT_EQ(sleeps, 3);
+    EXPECT_EQ(lock.word, wait.taken);
+  }
+}
+
+TEST(Rwlock, OthersSpinUntilTheLockIsFree) {
+  g_sleep = [](unsigned int) { ADD_FAILURE() << "slept"; };
+  for (const Wait &wait : kSpinWaits) {
+    vorn_rwlock_s lock{wait.held};
+    std::thread waiting([&] { wait.acquire(&lock); });
+    usleep(2000);
+    EXPECT_EQ(__atomic_load_n(&lock.word, __ATOMIC_RELAXED), wait.held);
+    __atomic_store_n(&lock.word, 0, __ATOMIC_RELEASE);
+    waiting.join();
+    EXPECT_EQ(lock.word, wait.taken);
+  }
+}
+
+TEST(Rwlock, ReadersEnterBesideAWaitingWriter) {
+  vorn_rwlock_s lock = VORN_RWLOCK_INIT;
+  vorn_rwlock_read_lock(&lock);
+  std::thread writer([&] {
+    vorn_rwlock_write_lock(&lock);
+    vorn_rwlock_write_unlock(&lock);
+  });
+  usleep(2000);
+  EXPECT_EQ(vorn_rwlock_try_read_lock(&lock), 1);
+  vorn_rwlock_read_lock(&lock);
+  for (int readers = 0; readers < 3; ++readers)
+    vorn_rwlock_read_unlock(&lock);
+  writer.join();
+  EXPECT_EQ(lock.word, 0);
+}
+
+stress::Role role(vorn_rwlock_s &lock, void (*acquire)(vorn_rwlock_s *), stress::Use use) {
+  const auto release = use == stress::kChange ? vorn_rwlock_write_unlock : vorn_rwlock_read_unlock;
+  return {[=, &lock] { return acquire(&lock), true; }, [=, &lock] { release(&lock); }, use};
+}
+
+TEST(Rwlock, Stress) {
+  vorn_rwlock_s lock = VORN_RWLOCK_INIT;
+  const stress::Role tries{[&] { return vorn_rwlock_try_read_lock(&lock) != 0; },
+                           [&] { vorn_rwlock_read_unlock(&lock); }, stress::kRead};
+  EXPECT_NO_DAMAGE(stress::run({role(lock, vorn_rwlock_write_lock, stress::kChange),
+                                role(lock, vorn_rwlock_write_lock_mayblock, stress::kChange),
+                                role(lock, vorn_rwlock_read_lock, stress::kRead),
+                                role(lock, vorn_rwlock_read_lock_mayblock, stress::kRead), tries}));
+  EXPECT_EQ(lock.word, 0);
+}
+
+} // namespace

@@ -1,0 +1,268 @@
+#include "vorn_spinlock.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+#include "support/lock_stress.hpp"
+#include "support/log_capture.hpp"
+#include "vorn_sched.h"
+#include "vorn_symbol.h"
+#include "vorn_time.h"
+
+namespace {
+
+// The clock and the yield that the library sees.
+std::function<uint64_t()> g_clock = [] {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+};
+std::function<void()> g_yield = [] { usleep(1000); };
+
+} // namespace
+
+extern "C" {
+
+uint64_t vorn_time_getnanosec() { return g_clock(); }
+void vorn_schedule() { g_yield(); }
+}
+
+namespace {
+
+TEST(Spinlock, BothInitialisersAndZeroGiveAFreeLock) {
+  vorn_spinlock_s started;
+  std::memset(&started, 0x5A, sizeof started);
+  vorn_spinlock_init(&started);
+  const vorn_spinlock_s constant = VORN_SPINLOCK_INIT;
+  for (const vorn_spinlock_s &lock : {started, constant}) {
+    EXPECT_EQ(lock.lock, 0u);
+    EXPECT_EQ(lock.magic, 0xDEAD4EADu);
+    EXPECT_EQ(lock.owner_cpu, -1);
+    EXPECT_EQ(lock.owner, -1);
+  }
+  vorn_spinlock_s zero{};
+  EXPECT_EQ(vorn_spinlock_trylock(&zero), 1);
+}
+
+TEST(Spinlock, TheWordAloneTellsWhetherItIsHeld) {
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_lock(&lock);
+  EXPECT_EQ(lock.lock, 1u);
+  EXPECT_EQ(lock.owner, -1);
+  EXPECT_EQ(vorn_spinlock_trylock(&lock), 0);
+  EXPECT_EQ(lock.lock, 1u);
+  vorn_spinlock_unlock(&lock);
+  EXPECT_EQ(lock.lock, 0u);
+  vorn_spinlock_unlock(&lock); // stray
+  EXPECT_EQ(lock.lock, 0u);
+  EXPECT_EQ(vorn_spinlock_trylock(&lock), 1);
+  lock.lock = 7; // no lock at all
+  vorn_spinlock_unlock(&lock);
+  EXPECT_EQ(vorn_spinlock_trylock(&lock), 0);
+  EXPECT_EQ(lock.lock, 7u);
+}
+
+TEST(Spinlock, FlagsAreSetAndClearedBitByBit) {
+  unsigned long flags = 99;
+  EXPECT_EQ(vorn_spinlock_get_flags(&flags), 0);
+  EXPECT_EQ(flags, 0u);
+  EXPECT_EQ(vorn_spinlock_set_flags(0x8000000000000003), 0);
+  EXPECT_EQ(vorn_spinlock_set_flags(4), 0);
+  EXPECT_EQ(vorn_spinlock_clear_flags(1), 0);
+  EXPECT_EQ(vorn_spinlock_get_flags(&flags), 0);
+  EXPECT_EQ(flags, 0x8000000000000006u);
+}
+
+// The clock stands still but for the readings that the test gives.
+struct Spin {
+  int readings = 0;
+  int yields = 0;
+};
+
+[[gnu::noinline]] Spin spin_until_third_yield(vorn_spinlock_s &lock, uint64_t elapsed) {
+  Spin spin;
+  g_clock = [&spin, elapsed] {
+    const auto reading = static_cast<uint64_t>(spin.readings++);
+    return 5000 + reading / 3 * 1000000 + (reading % 3 == 2 ? elapsed : 0);
+  };
+  g_yield = [&] {
+    if (++spin.yields == 3) vorn_spinlock_unlock(&lock);
+  };
+  vorn_spinlock_lock(&lock);
+  return spin;
+}
+
+TEST(Spinlock, YieldsOnceMoreThan99999NanosecondsHavePassed) {
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_lock(&lock);
+  vorn_spinlock_set_flags(~VORN_SPINLOCK_DUMP_STACK);
+  const Spin spin = spin_until_third_yield(lock, 100000);
+  EXPECT_EQ(spin.yields, 3);
+  EXPECT_EQ(spin.readings, 9); // of each spin a start, one too early, one late enough
+  EXPECT_EQ(lock.lock, 1u);
+  EXPECT_TRUE(capture::take().empty());
+}
+
+TEST(Spinlock, DoesNotYieldBefore) {
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_lock(&lock);
+  int readings = 0;
+  g_clock = [&] {
+    if (++readings == 50) vorn_spinlock_unlock(&lock);
+    return uint64_t{7} + (readings == 1 ? 0 : 99999);
+  };
+  g_yield = [] { ADD_FAILURE() << "yielded"; };
+  vorn_spinlock_lock(&lock);
+  EXPECT_EQ(readings, 50);
+}
+
+TEST(Spinlock, NeverYieldsWhileTheClockReadsZero) {
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_lock(&lock);
+  int readings = 0;
+  g_clock = [&] {
+    if (++readings == 1000) vorn_spinlock_unlock(&lock);
+    return uint64_t{0};
+  };
+  g_yield = [] { ADD_FAILURE() << "yielded"; };
+  vorn_spinlock_lock(&lock);
+}
+
+[[gnu::noinline]] void wants_the_lock(vorn_spinlock_s &lock) {
+  EXPECT_EQ(spin_until_third_yield(lock, 100000).yields, 3);
+}
+
+TEST(Spinlock, DumpsTheStackOnceAYieldWhenTheFlagIsSet) {
+  ASSERT_EQ(vorn_symbol_init(), 0);
+  capture::take();
+  vorn_spinlock_set_flags(VORN_SPINLOCK_DUMP_STACK);
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_lock(&lock);
+  wants_the_lock(lock);
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 3u);
+  const std::string start = "current tid:" + std::to_string(gettid()) + ", stack:0x";
+  for (const auto &record : records) {
+    EXPECT_EQ(record.level, capture::kOriginal);
+    EXPECT_EQ(record.text.rfind(start, 0), 0u) << record.text;
+    // Who wants the lock comes first, its caller second.
+    const std::size_t first = record.text.find("spin_until_third_yield");
+    EXPECT_LT(first, record.text.find(" << ")) << record.text;
+    EXPECT_LT(record.text.find(" << "), record.text.find("wants_the_lock")) << record.text;
+  }
+}
+
+TEST(Spinlock, Stress) {
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  const auto unlock = [&] { vorn_spinlock_unlock(&lock); };
+  const stress::Role waits{[&] { return vorn_spinlock_lock(&lock), true; }, unlock};
+  const stress::Role tries{[&] { return vorn_spinlock_trylock(&lock) != 0; }, unlock};
+  EXPECT_NO_DAMAGE(stress::run({waits, waits, waits, tries}));
+  EXPECT_EQ(lock.lock, 0u);
+}
+
+// What the calls below return to, from the innermost out, as the compiler tells.
+uintptr_t g_returns[3];
+
+uintptr_t number(const volatile void *address) { return reinterpret_cast<uintptr_t>(address); }
+
+// What inner() is to have in the place of its caller's frame pointer; NULL leaves it.
+using Damage = uintptr_t (*)(uintptr_t frame);
+
+[[gnu::noinline]] void inner(unsigned int skip, Damage damage) {
+  g_returns[0] = number(__builtin_return_address(0));
+  auto *frame = static_cast<volatile uintptr_t *>(__builtin_frame_address(0));
+  const uintptr_t saved = *frame;
+  if (damage != nullptr) *frame = damage(number(frame));
+  debug_dump_stack(skip);
+  *frame = saved;
+}
+
+[[gnu::noinline]] void middle(unsigned int skip, Damage damage) {
+  g_returns[1] = number(__builtin_return_address(0));
+  inner(skip, damage);
+  capture::set_level(7); // the last call would become a jump
+}
+
+[[gnu::noinline]] void outer(unsigned int skip, Damage damage) {
+  g_returns[2] = number(__builtin_return_address(0));
+  middle(skip, damage);
+  capture::set_level(7);
+}
+
+std::string place(uintptr_t address) {
+  char name[64] = "";
+  vorn_symbol_addr_to_string(address, name, sizeof name);
+  char text[128];
+  std::snprintf(text, sizeof text, "%p(%s)", reinterpret_cast<void *>(address), name);
+  return text;
+}
+
+std::string the_record() {
+  const auto texts = capture::take_texts();
+  return texts.size() == 1 ? texts[0] : std::to_string(texts.size()) + " records";
+}
+
+std::string stack_text(const std::string &first, uintptr_t second, uintptr_t third) {
+  return "current tid:" + std::to_string(gettid()) + ", stack:" + first + " << " + place(second) +
+         " << " + place(third) + ".";
+}
+
+class DumpStack : public testing::Test {
+  void SetUp() override {
+    ASSERT_EQ(vorn_symbol_init(), 0);
+    capture::take();
+  }
+};
+
+TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
+  outer(0, nullptr);
+  const std::string text = the_record();
+  const std::string here = text.substr(text.find("0x"), text.find(" << ") - text.find("0x"));
+  EXPECT_NE(here.find("inner"), std::string::npos) << text;
+  EXPECT_EQ(text, stack_text(here, g_returns[0], g_returns[1]));
+  outer(1, nullptr);
+  EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), g_returns[1], g_returns[2]));
+  outer(4000000000, nullptr);
+  EXPECT_EQ(the_record(), stack_text(place(0), 0, 0));
+}
+
+uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
+volatile uintptr_t *g_on_stack;
+
+// Has a frame farther up than the walk may go.
+[[gnu::noinline]] std::string dump_with_far_frame() {
+  volatile uintptr_t words[1024] = {};
+  g_on_stack = words + 4096 / sizeof words[0] + 8;
+  g_on_stack[1] = 0x1234;
+  outer(1, [](uintptr_t) { return number(g_on_stack); });
+  return the_record();
+}
+
+TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
+  const Damage outside[] = {
+      [](uintptr_t) { return uintptr_t{0}; },
+      [](uintptr_t frame) { return frame; }, // a circle
+      [](uintptr_t frame) { return frame - 4096; },
+      [](uintptr_t frame) { return frame + 4096; },
+      [](uintptr_t) { return number(g_on_stack) + 1; },
+      [](uintptr_t) { return number(g_planted); },
+      [](uintptr_t) { return UINTPTR_MAX - 7; },
+  };
+  volatile uintptr_t on_stack[3] = {0, 0x1234, 0};
+  g_on_stack = on_stack;
+  for (const Damage damage : outside) {
+    outer(1, damage);
+    EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0, 0)) << &damage - outside;
+  }
+  outer(1, [](uintptr_t) { return number(g_on_stack); });
+  EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0x1234, 0));
+  EXPECT_EQ(dump_with_far_frame(), stack_text(place(g_returns[0]), 0, 0));
+}
+
+} // namespace

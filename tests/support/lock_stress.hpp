@@ -1,0 +1,104 @@
+// One stress for every lock: threads that change plain data under it, and threads that read it. A
+// lock that lets two in at once, or does not carry what was written from one holder to the next,
+// shows in the data, and under the thread sanitizer as a race.
+//
+//   EXPECT_NO_DAMAGE(stress::run({{lock, unlock, stress::kChange}, {lock, unlock,
+//   stress::kChange}}));
+#ifndef VORN_TESTS_LOCK_STRESS_HPP
+#define VORN_TESTS_LOCK_STRESS_HPP
+
+#include <barrier>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace stress {
+
+enum Use { kChange, kRead };
+
+// What one thread does; acquire is false when it did not get the lock.
+struct Role {
+  std::function<bool()> acquire;
+  std::function<void()> release;
+  Use use = kChange;
+};
+
+struct Outcome {
+  std::uint64_t changes = 0;  // that were made
+  std::uint64_t recorded = 0; // that the data shows in the end
+  std::uint64_t torn = 0;     // times that somebody saw the middle of a change
+};
+
+struct Data {
+  std::uint64_t words[8] = {};
+
+  bool whole() const {
+    for (const std::uint64_t word : words)
+      if (word != words[0]) return false;
+    return true;
+  }
+  void change() {
+    for (std::uint64_t &word : words)
+      word = word + 1;
+  }
+};
+
+// So many rounds that the threads do meet, but for no longer than this: where they have to share a
+// CPU with others, a lock that spins takes its time.
+inline constexpr int kRounds = 16000;
+inline constexpr int kTurnsOfARound = 16;
+inline constexpr std::chrono::milliseconds kLongest{200};
+
+inline void turn(const Role &role, Data &data, Outcome &mine) {
+  if (!role.acquire()) return;
+  if (!data.whole()) ++mine.torn;
+  if (role.use == kChange) {
+    data.change();
+    ++mine.changes;
+  }
+  role.release();
+}
+
+inline void play(const Role &role, Data &data, Outcome &mine) {
+  const auto end = std::chrono::steady_clock::now() + kLongest;
+  int round = 0;
+  do {
+    for (int i = 0; i < kTurnsOfARound; ++i)
+      turn(role, data, mine);
+  } while (++round < kRounds && std::chrono::steady_clock::now() < end);
+}
+
+inline Outcome run(const std::vector<Role> &roles) {
+  Data data;
+  std::vector<Outcome> outcomes(roles.size());
+  std::barrier start{static_cast<std::ptrdiff_t>(roles.size())};
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < roles.size(); ++i) {
+    threads.emplace_back([&, i] {
+      start.arrive_and_wait();
+      play(roles[i], data, outcomes[i]);
+    });
+  }
+  Outcome all;
+  for (std::size_t i = 0; i < roles.size(); ++i) {
+    threads[i].join();
+    all.changes += outcomes[i].changes;
+    all.torn += outcomes[i].torn;
+  }
+  all.recorded = data.words[0];
+  return all;
+}
+
+} // namespace stress
+
+#define EXPECT_NO_DAMAGE(outcome)                                                                  \
+  do {                                                                                             \
+    const stress::Outcome was = (outcome);                                                         \
+    EXPECT_GT(was.changes, 0u);                                                                    \
+    EXPECT_EQ(was.recorded, was.changes);                                                          \
+    EXPECT_EQ(was.torn, 0u);                                                                       \
+  } while (false)
+
+#endif
