@@ -25,7 +25,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
-# Headers of these are needed by services that include vorn_xml.h, and by nothing on a node.
+# Its header is what vorn_xml.h includes; nothing on a node needs it.
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS libmxml-dev)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_VERBATIM_VARIABLES ON)

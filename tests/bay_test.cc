@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <string>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include "evlog.h"
@@ -57,6 +58,8 @@ protected:
     set_script("cat /WRK/value");
   }
 
+  void TearDown() override { fs::remove(kTemporary); }
+
   // The script notes that it ran, with which arguments, and then does this.
   void set_script(const std::string &action) {
     scratch::write_file(kScript, "#!/bin/sh\necho \"$@\" >>/WRK/calls\n" + action + "\n");
@@ -74,15 +77,17 @@ TEST_F(Bay, ReadsTheFirstLine) {
   } rows[] = {
       {"value\nnext\n", 16, "value"}, {"no line feed", 16, "no line feed"},
       {"0123456789", 6, "01234"},     {"01234\n", 6, "01234"},
-      {"\nsecond\n", 16, ""},
+      {"\nsecond\n", 16, ""},         {std::string("\0zero\n", 6), 16, ""},
   };
   const auto before = open_descriptors();
   for (const auto &row : rows) {
     SCOPED_TRACE(row.printed);
     scratch::write_file("/WRK/value", row.printed);
-    char out[16] = "before";
+    char room[17] = "\nbefore";
+    char *out = room + 1;
     EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT 1", out, row.size), 0);
     EXPECT_STREQ(out, row.out);
+    EXPECT_EQ(room[0], '\n');
     EXPECT_FALSE(fs::exists(kTemporary));
     EXPECT_NO_RECORD();
   }
@@ -131,12 +136,14 @@ TEST_F(Bay, WritesThroughNothingThatWasPutInItsWay) {
   EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
   fs::remove("/WRK/calls");
 
-  // What cannot be removed stops it before the script.
-  fs::create_directory(kTemporary);
+  // A file that cannot be removed, as another user's, stops it before the script.
+  scratch::write_file(kTemporary, "");
+  ASSERT_EQ(mount("/WRK/victim", kTemporary.c_str(), nullptr, MS_BIND, nullptr), 0);
   EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, kNotGot);
   EXPECT_EQ(calls(), "");
-  fs::remove(kTemporary);
+  EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
+  umount(kTemporary.c_str());
 }
 
 TEST_F(Bay, ReportsATemporaryFileThatIsGone) {
@@ -148,7 +155,6 @@ TEST_F(Bay, ReportsATemporaryFileThatIsGone) {
                       "Can not open the file " + kTemporary + "(-1).");
     EXPECT_STREQ(out, "before");
   }
-  fs::remove(kTemporary);
 }
 
 TEST_F(Bay, RunsNoCommandThatWasCut) {
