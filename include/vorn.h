@@ -3,11 +3,13 @@
 #define VORN_H
 
 #include "vorn_api.h"
+#include "vorn_avl.h"
 #include "vorn_bitops.h"
 #include "vorn_cfg.h"
 #include "vorn_cpufreq.h"
 #include "vorn_crc.h"
 #include "vorn_fileops.h"
+#include "vorn_hash.h"
 #include "vorn_init.h"
 #include "vorn_jiffies.h"
 #include "vorn_list.h"
@@ -16,7 +18,9 @@
 #include "vorn_mtx.h"
 #include "vorn_percpu_posix.h"
 #include "vorn_process.h"
+#include "vorn_rbtree.h"
 #include "vorn_reboot.h"
+#include "vorn_ring.h"
 #include "vorn_rwlock.h"
 #include "vorn_sched.h"
 #include "vorn_spinlock.h"

@@ -211,6 +211,38 @@ TEST_F(Scrub, ReportsEachDamagedBlockAndWhetherTheFileWasWrittenTo) {
   EXPECT_TRUE(contains(log, "damaged: rotten, block 10, expected")) << log;
 }
 
+// More blocks, and more files, than are under way at a time.
+TEST_F(Scrub, FindsDamageWhereverItIs) {
+  constexpr std::size_t kLarge = (12 << 20) + 1234;
+  constexpr std::size_t kFiles = 400;
+  const auto name = [](std::size_t i) { return "small/" + std::to_string(1000 + i); };
+  write_file(file("large"), pattern(kLarge));
+  for (std::size_t i = 0; i < kFiles; ++i)
+    write_file(file(name(i)), pattern(i * 37));
+  ASSERT_EQ(create().status, kClean);
+
+  Words wanted;
+  std::string content = pattern(kLarge);
+  for (const std::size_t block : {0u, 15u, 16u, 255u, 1007u, 1008u, 2016u, 3071u, 3072u}) {
+    content[block * 4096 + block % 1234] ^= 1;
+    wanted.push_back("large: block " + std::to_string(block) + " at");
+  }
+  write_file(file("large"), content);
+  for (const std::size_t i : {1u, 62u, 63u, 64u, 200u, 399u}) {
+    flip_byte(file(name(i)), i * 37 - 1);
+    wanted.push_back(name(i) + ": block " + std::to_string((i * 37 - 1) / 4096) + " at");
+  }
+
+  const Outcome outcome = verify();
+  EXPECT_OUTCOME(outcome, kDamage, "401 read, 7 damaged");
+  EXPECT_EQ(count(outcome.text, "DAMAGED"), wanted.size()) << outcome.text;
+  std::size_t at = 0;
+  for (const std::string &line : wanted) {
+    at = outcome.text.find("DAMAGED     " + line, at);
+    ASSERT_NE(at, std::string::npos) << line << "\n" << outcome.text;
+  }
+}
+
 TEST_F(Scrub, ReportsSizeChanges) {
   for (const char *name : {"cut", "cut-in-block", "grown"})
     write_file(file(name), pattern(9000));

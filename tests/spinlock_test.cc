@@ -87,8 +87,8 @@ struct Spin {
 [[gnu::noinline]] Spin spin_until_third_yield(vorn_spinlock_s &lock, uint64_t elapsed) {
   Spin spin;
   g_clock = [&spin, elapsed] {
-    const int reading = spin.readings++;
-    return uint64_t{5000} + (reading % 3 == 2 ? elapsed : 0);
+    const auto reading = static_cast<uint64_t>(spin.readings++);
+    return 5000 + reading / 3 * 1000000 + (reading % 3 == 2 ? elapsed : 0);
   };
   g_yield = [&] {
     if (++spin.yields == 3) vorn_spinlock_unlock(&lock);
@@ -100,6 +100,7 @@ struct Spin {
 TEST(Spinlock, YieldsOnceMoreThan99999NanosecondsHavePassed) {
   vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
   vorn_spinlock_lock(&lock);
+  vorn_spinlock_set_flags(~VORN_SPINLOCK_DUMP_STACK);
   const Spin spin = spin_until_third_yield(lock, 100000);
   EXPECT_EQ(spin.yields, 3);
   EXPECT_EQ(spin.readings, 9); // of each spin a start, one too early, one late enough
@@ -234,6 +235,15 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
 uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
 volatile uintptr_t *g_on_stack;
 
+// Has a frame farther up than the walk may go.
+[[gnu::noinline]] std::string dump_with_far_frame() {
+  volatile uintptr_t words[1024] = {};
+  g_on_stack = words + 4096 / sizeof words[0] + 8;
+  g_on_stack[1] = 0x1234;
+  outer(1, [](uintptr_t) { return number(g_on_stack); });
+  return the_record();
+}
+
 TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
@@ -252,6 +262,7 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   }
   outer(1, [](uintptr_t) { return number(g_on_stack); });
   EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0x1234, 0));
+  EXPECT_EQ(dump_with_far_frame(), stack_text(place(g_returns[0]), 0, 0));
 }
 
 } // namespace

@@ -190,7 +190,7 @@ TEST(Trwlock, Stress) {
   EXPECT_NO_DAMAGE(stress::run({write, read}));
   EXPECT_NO_DAMAGE(stress::run({write, write}));
   EXPECT_NO_DAMAGE(stress::run({write, try_read}));
-  EXPECT_NO_DAMAGE(stress::run({try_write, try_write, try_read}));
+  EXPECT_NO_DAMAGE(stress::run({write, try_write, try_read}));
   EXPECT_EQ(lock.completions, lock.requests);
   EXPECT_EQ(lock.write_completions, lock.write_requests);
 }

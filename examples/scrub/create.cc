@@ -3,11 +3,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <span>
 
 #include "data_file.hpp"
 #include "interrupt.hpp"
 #include "log.hpp"
 #include "manifest_writer.hpp"
+#include "pipeline.hpp"
 #include "report.hpp"
 #include "text.hpp"
 #include "walk.hpp"
@@ -29,32 +31,57 @@ std::uint64_t count_bytes(const std::string &root, const OwnFiles &own) {
   return bytes;
 }
 
+// Reads the tree in the reader's thread, and there makes the tasks that record what was read.
 class Recorder {
 public:
-  Recorder(ManifestWriter &manifest, Report &report)
-      : manifest_(manifest), report_(report), buffer_(kReadBufferSize) {}
+  Recorder(Pipeline &pipeline, ManifestWriter &manifest, Report &report)
+      : pipeline_(pipeline), manifest_(manifest), report_(report) {}
 
-  void record(const Found &found) {
-    if (found.error != 0) return report_.skipped(found.path, std::strerror(found.error));
-    DataFile file(buffer_);
-    if (!file.open(found.directory, found.name)) return report_.skipped(found.path, file.problem());
-
-    manifest_.begin_file({found.path, file.size(), file.written()});
-    for (Bytes block = file.next_block(); !block.empty(); block = file.next_block()) {
-      manifest_.add_block(checksums_of(block));
-      report_.progress().add_bytes(block.size());
+  void read(Walk &walk) {
+    Found found;
+    while (walk.next(found)) {
+      check_interrupt();
+      read_file(found);
     }
-    if (const char *problem = file.problem(); problem != nullptr) {
-      manifest_.drop_file();
-      return report_.skipped(found.path, problem);
-    }
-    report_.progress().add_file();
   }
 
 private:
+  void read_file(const Found &found) {
+    if (found.error != 0) return skip(found.path, std::strerror(found.error));
+    DataFile file;
+    if (!file.open(found.directory, found.name)) return skip(found.path, file.problem());
+
+    pipeline_.then([this, record = FileRecord{found.path, file.size(), file.written()}] {
+      manifest_.begin_file(record);
+    });
+    read_blocks(file);
+    if (const char *problem = file.problem(); problem != nullptr) {
+      pipeline_.then([this] { manifest_.drop_file(); });
+      return skip(found.path, problem);
+    }
+    pipeline_.then([this] { report_.progress().add_file(); });
+  }
+
+  void read_blocks(DataFile &file) {
+    for (bool more = true; more;) {
+      const std::span<std::byte> room = pipeline_.room();
+      const Blocks blocks = pipeline_.add_blocks(file.read(room));
+      pipeline_.then([this, blocks] {
+        for (const Checksums &block : blocks.checksums)
+          manifest_.add_block(block);
+        report_.progress().add_bytes(blocks.bytes);
+      });
+      more = blocks.bytes == room.size();
+    }
+  }
+
+  void skip(const String &path, const char *why) {
+    pipeline_.then([this, path, why = String(why)] { report_.skipped(path, why.c_str()); });
+  }
+
+  Pipeline &pipeline_;
   ManifestWriter &manifest_;
   Report &report_;
-  ReadBuffer buffer_;
 };
 
 } // namespace
@@ -66,13 +93,10 @@ ExitStatus create(const Job &job) {
   SCRUB_LOG(EVLOG_INFO, "create: %s.", escape(job.root).c_str());
 
   Report report(count_bytes(job.root, own));
-  Recorder recorder(manifest, report);
   Walk walk(job.root, own);
-  Found found;
-  while (walk.next(found)) {
-    check_interrupt();
-    recorder.record(found);
-  }
+  Pipeline pipeline;
+  Recorder recorder(pipeline, manifest, report);
+  pipeline.run([&] { recorder.read(walk); });
   check_interrupt();
   manifest.commit();
   report.finish_create(job, manifest.totals(), walk);

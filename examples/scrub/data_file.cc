@@ -1,6 +1,6 @@
 #include "data_file.hpp"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
 
@@ -26,26 +26,13 @@ bool DataFile::open(int directory, const char *name) {
   return error_ == 0;
 }
 
-Bytes DataFile::next_block() {
-  if (held_.empty() && !refill()) return {};
-  const Bytes block = held_.first(std::min(held_.size(), kBlockSize));
-  held_ = held_.subspan(block.size());
-  return block;
-}
-
-const char *DataFile::problem() const {
-  if (error_ != 0) return std::strerror(error_);
-  return has_changed() ? "changed while it was read" : nullptr;
-}
-
-// Fills the buffer, or takes all that the file has left. False at the end.
-bool DataFile::refill() {
+std::size_t DataFile::read(std::span<std::byte> room) {
   std::size_t filled = 0;
   const auto wanted =
-      static_cast<std::size_t>(std::min<std::uint64_t>(size() - read_, buffer_.size()));
+      static_cast<std::size_t>(std::min<std::uint64_t>(size() - read_, room.size()));
   while (filled < wanted && error_ == 0) {
     check_interrupt();
-    const ssize_t got = read(fd_.get(), buffer_.data() + filled, wanted - filled);
+    const ssize_t got = ::read(fd_.get(), room.data() + filled, wanted - filled);
     if (got > 0) filled += static_cast<std::size_t>(got);
     if (got < 0 && errno != EINTR) error_ = errno;
     if (got == 0) {
@@ -54,8 +41,12 @@ bool DataFile::refill() {
     }
   }
   read_ += filled;
-  held_ = Bytes(buffer_).first(filled);
-  return filled != 0;
+  return filled;
+}
+
+const char *DataFile::problem() const {
+  if (error_ != 0) return std::strerror(error_);
+  return has_changed() ? "changed while it was read" : nullptr;
 }
 
 bool DataFile::has_changed() const {

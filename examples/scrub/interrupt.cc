@@ -1,14 +1,16 @@
 #include "interrupt.hpp"
 
+#include <atomic>
 #include <csignal>
 #include <stdexcept>
 
 namespace scrub {
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+std::atomic<bool> interrupted = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
-void note_interrupt(int) { interrupted = 1; }
+void note_interrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
 
 } // namespace
 
@@ -23,7 +25,7 @@ void catch_signals() {
 }
 
 void check_interrupt() {
-  if (interrupted != 0) throw std::runtime_error("interrupted");
+  if (interrupted.load(std::memory_order_relaxed)) throw std::runtime_error("interrupted");
 }
 
 } // namespace scrub

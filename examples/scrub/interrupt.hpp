@@ -7,7 +7,7 @@ namespace scrub {
 // Also has a closed pipe and the file size limit come back as errors of write(2).
 void catch_signals();
 
-// Throws once such a signal has come: called wherever the run may stop.
+// Throws once such a signal has come: called by any thread wherever the run may stop.
 void check_interrupt();
 
 } // namespace scrub

@@ -9,6 +9,7 @@
 
 namespace scrub {
 
+// No atomic: of a pipeline's threads the caller's alone writes records.
 inline std::uint64_t log_records_written = 0;
 
 inline void count_log_record(int result) {

@@ -5,12 +5,14 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <span>
 
 #include "data_file.hpp"
 #include "failure.hpp"
 #include "interrupt.hpp"
 #include "log.hpp"
 #include "manifest_reader.hpp"
+#include "pipeline.hpp"
 #include "report.hpp"
 #include "text.hpp"
 #include "walk.hpp"
@@ -37,13 +39,84 @@ bool is_below(std::string_view path, std::string_view directory) {
          path.starts_with(directory);
 }
 
-// Goes through the manifest and the tree side by side: both are in path order.
+// How a file that was read stood at its end.
+struct Ending {
+  std::uint64_t size;
+  timespec written;
+  String problem{}; // why it was not read to its end as one thing, empty where it was
+  bool changed = false;
+};
+
+// Compares in the caller's thread, in tasks: begin, the blocks, end.
+class Comparison {
+public:
+  explicit Comparison(Report &report) : report_(report) {}
+
+  void begin(const FileRecord &recorded) {
+    recorded_ = recorded;
+    before_ = read_;
+    blocks_ = damaged_ = 0;
+  }
+
+  void compare(std::span<const Checksums> expected, const Blocks &found) {
+    for (std::size_t i = 0; i < expected.size(); ++i, ++blocks_) {
+      if (found.checksums[i] == expected[i]) continue;
+      report_.damaged_block(recorded_, blocks_, expected[i], found.checksums[i]);
+      ++damaged_;
+    }
+    read_.blocks += expected.size();
+    read_.bytes += found.bytes;
+    report_.progress().add_bytes(found.bytes);
+  }
+
+  void end(const Ending &found) {
+    // What has not been read of it never will be.
+    report_.progress().drop_bytes(recorded_.size - (read_.bytes - before_.bytes));
+    if (!found.problem.empty()) {
+      read_ = before_;
+      if (found.changed) return report_.skipped(recorded_.path, found.problem.c_str());
+      return report_.unreadable(recorded_, found.problem.c_str());
+    }
+    const bool resized = found.size != recorded_.size;
+    if (resized) report_.size_change(recorded_, found.size);
+    if (resized || damaged_ != 0)
+      report_.damaged_file(found.written.tv_sec != recorded_.written.tv_sec ||
+                           found.written.tv_nsec != recorded_.written.tv_nsec);
+    ++read_.files;
+    report_.progress().add_file();
+  }
+
+  void missing(const FileRecord &recorded) {
+    report_.missing(recorded);
+    report_.progress().drop_bytes(recorded.size);
+  }
+  void unreadable(const FileRecord &recorded, const String &why) {
+    report_.unreadable(recorded, why.c_str());
+    report_.progress().drop_bytes(recorded.size);
+  }
+  void added(const String &path) { report_.added(path); }
+  void skipped(const String &path, const String &why) { report_.skipped(path, why.c_str()); }
+
+  const Totals &read() const { return read_; }
+
+private:
+  Report &report_;
+  Totals read_;
+  // Of the file that is being compared:
+  FileRecord recorded_;
+  Totals before_;
+  std::uint64_t blocks_ = 0;
+  std::uint64_t damaged_ = 0;
+};
+
+// Goes through the manifest and the tree side by side, both in path order, in the reader's thread;
+// there makes the tasks that compare.
 class Verifier {
 public:
-  Verifier(ManifestReader &manifest, Walk &walk, Report &report)
-      : manifest_(manifest), walk_(walk), report_(report), buffer_(kReadBufferSize) {}
+  Verifier(Pipeline &pipeline, ManifestReader &manifest, Walk &walk, Comparison &comparison)
+      : pipeline_(pipeline), manifest_(manifest), walk_(walk), comparison_(comparison) {}
 
-  void run() {
+  void read() {
     next_recorded();
     next_found();
     while (more_recorded_ || more_found_) {
@@ -51,26 +124,18 @@ public:
       if (found_is_first()) {
         take_unrecorded();
       } else if (recorded_is_first() || found_.error != 0) {
-        report_.missing(recorded_);
-        drop_recorded();
+        pass_missing();
+        next_recorded();
       } else {
-        compare();
-        drop_recorded();
+        read_file();
+        next_recorded();
         next_found();
       }
     }
   }
 
-  const Totals &read() const { return read_; }
-
 private:
   void next_recorded() { more_recorded_ = manifest_.next_file(recorded_); }
-  // To the next; what has not been read of this one never will be.
-  void drop_recorded() {
-    report_.progress().drop_bytes(recorded_.size - compared_);
-    compared_ = 0;
-    next_recorded();
-  }
   void next_found() { more_found_ = walk_.next(found_); }
 
   bool found_is_first() const {
@@ -80,9 +145,17 @@ private:
     return more_recorded_ && (!more_found_ || path_before(recorded_.path, found_.path));
   }
 
+  void pass_missing() {
+    pipeline_.then([this, recorded = recorded_] { comparison_.missing(recorded); });
+  }
+  void pass_unreadable(const char *why) {
+    pipeline_.then(
+        [this, recorded = recorded_, why = String(why)] { comparison_.unreadable(recorded, why); });
+  }
+
   void take_unrecorded() {
     if (found_.error == 0) {
-      report_.added(found_.path);
+      pipeline_.then([this, path = found_.path] { comparison_.added(path); });
     } else {
       skip_directory();
     }
@@ -92,73 +165,66 @@ private:
   // All that is recorded below it comes next, and cannot be reached.
   void skip_directory() {
     const char *why = std::strerror(found_.error);
-    report_.skipped(found_.path, why);
+    pipeline_.then(
+        [this, path = found_.path, why = String(why)] { comparison_.skipped(path, why); });
     while (more_recorded_ && is_below(recorded_.path, found_.path)) {
       if (found_.error == ENOENT) {
-        report_.missing(recorded_);
+        pass_missing();
       } else {
-        report_.unreadable(recorded_, why);
+        pass_unreadable(why);
       }
-      drop_recorded();
+      next_recorded();
     }
   }
 
-  void compare() {
-    DataFile file(buffer_);
+  void read_file() {
+    DataFile file;
     if (!file.open(found_.directory, found_.name)) {
-      if (file.vanished()) return report_.missing(recorded_);
-      return report_.unreadable(recorded_, file.problem());
+      if (file.vanished()) return pass_missing();
+      return pass_unreadable(file.problem());
     }
 
-    const Totals before = read_;
-    const std::uint64_t damaged = compare_blocks(file);
+    pipeline_.then([this, recorded = recorded_] { comparison_.begin(recorded); });
+    read_blocks(file);
+    Ending ending{.size = file.size(), .written = file.written()};
     if (const char *problem = file.problem(); problem != nullptr) {
-      read_ = before;
-      if (file.changed()) return report_.skipped(recorded_.path, problem);
-      return report_.unreadable(recorded_, problem);
+      ending.problem = problem;
+      ending.changed = file.changed();
     }
-    const bool resized = file.size() != recorded_.size;
-    if (resized) report_.size_change(recorded_, file.size());
-    if (resized || damaged != 0)
-      report_.damaged_file(file.written().tv_sec != recorded_.written.tv_sec ||
-                           file.written().tv_nsec != recorded_.written.tv_nsec);
-    ++read_.files;
-    report_.progress().add_file();
+    pipeline_.then([this, ending] { comparison_.end(ending); });
   }
 
-  // Compares each recorded block that is still there as a whole. Returns how many are damaged.
-  std::uint64_t compare_blocks(DataFile &file) {
-    std::uint64_t damaged = 0;
-    Checksums expected;
-    for (std::uint64_t number = 0; manifest_.next_block(expected); ++number) {
-      const std::size_t length = block_length(recorded_.size, number);
-      const Bytes block = file.next_block();
-      if (block.size() < length) break;
-
-      const Checksums found = checksums_of(block.first(length));
-      if (found != expected) {
-        report_.damaged_block(recorded_, number, expected, found);
-        ++damaged;
-      }
-      ++read_.blocks;
-      read_.bytes += length;
-      compared_ += length;
-      report_.progress().add_bytes(length);
+  // Reads each recorded block that is still there as a whole.
+  void read_blocks(DataFile &file) {
+    std::uint64_t left = recorded_.size;
+    while (left != 0) {
+      const std::span<std::byte> room = pipeline_.room();
+      const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left, room.size()));
+      const std::size_t got = file.read(room.first(wanted));
+      left = got == wanted ? left - got : 0;
+      const Blocks found = pipeline_.add_blocks(got == wanted ? got : got - got % kBlockSize);
+      pipeline_.then([this, found, expected = next_expected(found.checksums.size())] {
+        comparison_.compare(expected, found);
+      });
     }
-    return damaged;
   }
 
+  Vector<Checksums> next_expected(std::size_t count) {
+    Vector<Checksums> blocks(count);
+    for (Checksums &block : blocks)
+      manifest_.next_block(block);
+    return blocks;
+  }
+
+  Pipeline &pipeline_;
   ManifestReader &manifest_;
   Walk &walk_;
-  Report &report_;
-  ReadBuffer buffer_;
+  Comparison &comparison_;
 
-  FileRecord recorded_;        // while more_recorded_
-  Found found_;                // while more_found_
-  std::uint64_t compared_ = 0; // bytes of recorded_
+  FileRecord recorded_; // while more_recorded_
+  Found found_;         // while more_found_
   bool more_recorded_ = false;
   bool more_found_ = false;
-  Totals read_;
 };
 
 } // namespace
@@ -176,9 +242,11 @@ ExitStatus verify(const Job &job) {
   const OwnFiles own(job.places);
   Walk walk(job.root, own);
   Report report(recorded.bytes);
-  Verifier verifier(manifest, walk, report);
-  verifier.run();
-  report.finish_verify(job, verifier.read(), walk);
+  Comparison comparison(report);
+  Pipeline pipeline;
+  Verifier verifier(pipeline, manifest, walk, comparison);
+  pipeline.run([&] { verifier.read(); });
+  report.finish_verify(job, comparison.read(), walk);
   return report.findings().damage() ? kDamage : kClean;
 }
 

@@ -45,22 +45,29 @@ struct Data {
   }
 };
 
-// As many rounds as a few milliseconds take, and no longer than half a second where the threads
-// must share one CPU.
-inline constexpr int kRounds = 20000;
-inline constexpr std::chrono::milliseconds kLongest{500};
+// So many rounds that the threads do meet, but for no longer than this: where they have to share a
+// CPU with others, a lock that spins takes its time.
+inline constexpr int kRounds = 16000;
+inline constexpr int kTurnsOfARound = 16;
+inline constexpr std::chrono::milliseconds kLongest{200};
+
+inline void turn(const Role &role, Data &data, Outcome &mine) {
+  if (!role.acquire()) return;
+  if (!data.whole()) ++mine.torn;
+  if (role.use == kChange) {
+    data.change();
+    ++mine.changes;
+  }
+  role.release();
+}
 
 inline void play(const Role &role, Data &data, Outcome &mine) {
   const auto end = std::chrono::steady_clock::now() + kLongest;
-  for (int round = 0; round < kRounds && std::chrono::steady_clock::now() < end; ++round) {
-    if (!role.acquire()) continue;
-    if (!data.whole()) ++mine.torn;
-    if (role.use == kChange) {
-      data.change();
-      ++mine.changes;
-    }
-    role.release();
-  }
+  int round = 0;
+  do {
+    for (int i = 0; i < kTurnsOfARound; ++i)
+      turn(role, data, mine);
+  } while (++round < kRounds && std::chrono::steady_clock::now() < end);
 }
 
 inline Outcome run(const std::vector<Role> &roles) {

@@ -1,0 +1,125 @@
+// bench-links: bsd
+// The red-black tree beside its peers, with the search for a key's place that each has its callers
+// write or writes for them. Every tree has the same keys in records of the same layout.
+#include "vorn_rbtree.h"
+
+#include <bsd/sys/tree.h>
+
+#include <boost/intrusive/set.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/bench.hpp"
+#include "support/keys.hpp"
+
+namespace {
+
+// A key, and room for the largest node of all: libbsd's, with a word for the colour.
+constexpr std::size_t kRecordSize = 40;
+
+struct OurRecord {
+  std::uint64_t key;
+  vorn_rb_node_s node;
+  std::uint64_t unused;
+};
+static_assert(sizeof(OurRecord) == kRecordSize);
+
+class Ours {
+public:
+  using Record = OurRecord;
+
+  void insert(Record &record) {
+    vorn_rb_node_s **link = &root_.node;
+    vorn_rb_node_s *parent = nullptr;
+    bool before = false;
+    for (vorn_rb_node_s *at = root_.node; at != nullptr; at = before ? at->left : at->right) {
+      parent = at;
+      before = record.key < vorn_rb_entry(at, Record, node)->key;
+    }
+    if (parent != nullptr) link = before ? &parent->left : &parent->right;
+    vorn_rb_link_node(&record.node, parent, link);
+    vorn_rb_insert_color(&record.node, &root_);
+  }
+  void erase(Record &record) { vorn_rb_erase(&record.node, &root_); }
+
+private:
+  vorn_rb_root_s root_ = VORN_RB_ROOT_INIT;
+};
+
+struct BoostRecord {
+  std::uint64_t key;
+  // Compact: the colour in the parent's word, as ours.
+  boost::intrusive::set_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>,
+                                    boost::intrusive::optimize_size<true>>
+      node;
+  std::uint64_t unused;
+  bool operator<(const BoostRecord &other) const { return key < other.key; }
+};
+static_assert(sizeof(BoostRecord) == kRecordSize);
+
+class Boost {
+public:
+  using Record = BoostRecord;
+
+  void insert(Record &record) { set_.insert(record); }
+  void erase(Record &record) { set_.erase(set_.iterator_to(record)); }
+
+private:
+  using Hook = boost::intrusive::member_hook<Record, decltype(Record::node), &Record::node>;
+  boost::intrusive::set<Record, Hook, boost::intrusive::constant_time_size<false>> set_;
+};
+
+struct BsdRecord {
+  std::uint64_t key;
+  RB_ENTRY(BsdRecord) node;
+};
+static_assert(sizeof(BsdRecord) == kRecordSize);
+
+int compare(const BsdRecord *a, const BsdRecord *b) {
+  return a->key < b->key ? -1 : a->key > b->key;
+}
+
+RB_HEAD(BsdTree, BsdRecord);
+RB_GENERATE_INTERNAL(BsdTree, BsdRecord, node, compare, [[maybe_unused]] static)
+
+class Bsd {
+public:
+  using Record = BsdRecord;
+
+  void insert(Record &record) { RB_INSERT(BsdTree, &tree_, &record); }
+  void erase(Record &record) { RB_REMOVE(BsdTree, &tree_, &record); }
+
+private:
+  BsdTree tree_ = RB_INITIALIZER(&tree_);
+};
+
+constexpr std::size_t kKeys = 65536;
+
+// So many keys go in, and then all out, in the order of their arrival. They are others in each
+// round, so that a processor cannot learn by heart how the comparisons end.
+template <class Tree> auto fill_and_empty(std::size_t size) {
+  std::vector<typename Tree::Record> records(size);
+  return [records = std::move(records), keys = bench::random_keys(kKeys), at = kKeys]() mutable {
+    if (at == kKeys) at = 0;
+    Tree tree;
+    for (auto &record : records) {
+      record.key = keys[at++];
+      tree.insert(record);
+    }
+    for (auto &record : records)
+      tree.erase(record);
+  };
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+  const bench::Table table{argc, argv, "Red-black tree"};
+  for (const std::size_t size : {std::size_t{1024}, kKeys}) {
+    table.row(("insert and erase " + std::to_string(size / 1024) + " Ki keys").c_str(),
+              {bench::ours(fill_and_empty<Ours>(size)),
+               bench::peer("Boost.Intrusive", fill_and_empty<Boost>(size)),
+               bench::peer("libbsd", fill_and_empty<Bsd>(size))});
+  }
+}

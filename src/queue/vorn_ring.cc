@@ -1,0 +1,329 @@
+// A ring is one block of memory: a header of four lines of 128 bytes, then the slots.
+//
+//     0  flags
+//   128  watermark | producer: single, size, mask, head, tail
+//   256              consumer: single, size, mask, head, tail
+//   384  size, mask, 0, 0
+//   512  slot 0, slot 1, ... slot mask
+//
+// Four counters run freely modulo 2^32. In the order in which they pass a slot, from the left:
+//
+//     producer.head   producer.tail        consumer.head   consumer.tail
+//   free |   being filled   |   filled           |   being emptied   |   free
+//
+//   word            written by                                 order
+//   head, of one    the one thread of the end                  store release
+//   head, of many   whoever reserves: a run of slots is his    compare-and-swap, acquire release
+//   tail            the owner of the run that begins there     store release
+//   a slot          the owner of the run that it is in         plain
+//   all others      vorn_ring_create
+//
+// Every counter is loaded with acquire. The full barriers order the same accesses for the processor
+// once more; where both stand, it is the loads and stores that a sanitizer follows.
+//
+// Why no two threads have a slot at once.
+// 1. At one end runs do not overlap, as head is moved by one thread alone or by compare-and-swap.
+// 2. A producer reserves no further than mask in front of consumer.tail. It loads head first, then
+//    consumer.tail: were that tail the older, the difference could pass 0 and become huge. A tail
+//    that is newer than head can only make a difference too great when head has moved since, and
+//    then the compare-and-swap fails. Likewise a consumer reserves up to producer.tail.
+// 3. A run is published by one store of tail, behind all accesses to its slots. That store is made
+//    only when tail has come to where the run begins, which the owner of the run before stored, and
+//    so the slots of all runs before were complete. It was loaded with acquire: so whoever loads
+//    tail with acquire and finds a later run published sees the earlier runs' slots as well (the
+//    filled slots at the consumer's end, the emptied ones at the producer's).
+// 4. Runs of no slots are not reserved. Two runs would begin at the same counter, both would be
+//    let through to tail, and the second to store could set it back.
+//
+// ABA: the compare-and-swap on head succeeds wrongly when head has come round to the same value
+// between a thread's load and its swap. As the counters are masked only when a slot is accessed,
+// that takes a thread that sleeps while exactly 2^32 slots pass (not a multiple of the ring's
+// size). Indices that wrapped with the ring would have needed a tag beside them.
+#include "vorn_ring.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "arch/barrier.hpp"
+#include "arch/pause.hpp"
+#include "base/log.hpp"
+#include "vorn_sched.h"
+
+static_assert(offsetof(vorn_ring_s, flags) == 0);
+
+static_assert(offsetof(vorn_ring_s, watermark) == 128);
+static_assert(offsetof(vorn_ring_s, producer.single) == 132);
+static_assert(offsetof(vorn_ring_s, producer.size) == 136);
+static_assert(offsetof(vorn_ring_s, producer.mask) == 140);
+static_assert(offsetof(vorn_ring_s, producer.head) == 144);
+static_assert(offsetof(vorn_ring_s, producer.tail) == 148);
+
+static_assert(offsetof(vorn_ring_s, consumer.single) == 256);
+static_assert(offsetof(vorn_ring_s, consumer.size) == 260);
+static_assert(offsetof(vorn_ring_s, consumer.mask) == 264);
+static_assert(offsetof(vorn_ring_s, consumer.head) == 268);
+static_assert(offsetof(vorn_ring_s, consumer.tail) == 272);
+
+static_assert(offsetof(vorn_ring_s, spare_size) == 384);
+static_assert(offsetof(vorn_ring_s, spare_mask) == 388);
+static_assert(offsetof(vorn_ring_s, spare) == 392);
+
+static_assert(sizeof(vorn_ring_s) == 512 && alignof(vorn_ring_s) == 128);
+static_assert(sizeof(void *) == 8 && sizeof(std::uint32_t) == 4);
+
+namespace vorn::ring {
+namespace {
+
+using Counter = volatile std::uint32_t;
+
+constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // a query's answer
+constexpr std::uint32_t kTestsTillYield = 0x8000000;
+
+enum class Threads { kOne, kMany }; // that use an end at once
+enum class Amount { kAll, kUpTo };  // all of them or none
+
+// Slots that an operation has to itself, by the counter of the first.
+struct Run {
+  std::uint32_t head;
+  std::uint32_t count;
+  std::uint32_t available; // that there were to be reserved
+};
+
+void **slots_of(vorn_ring_s &ring) { return reinterpret_cast<void **>(&ring + 1); }
+
+std::uint32_t load(const Counter &counter) { return __atomic_load_n(&counter, __ATOMIC_ACQUIRE); }
+
+void store(Counter &counter, std::uint32_t value) {
+  __atomic_store_n(&counter, value, __ATOMIC_RELEASE);
+}
+
+template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_t available) {
+  if constexpr (kAmount == Amount::kUpTo) return std::min(wanted, available);
+  return wanted <= available ? wanted : 0;
+}
+
+// Moves the counter on, behind a full barrier. False when another thread was first: expected is
+// then where the counter stands now.
+template <Threads kThreads>
+bool advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
+  if constexpr (kThreads == Threads::kOne) {
+    store(head, next);
+    arch::full_barrier();
+    return true;
+  }
+  const bool first =
+      __atomic_compare_exchange_n(&head, &expected, next, true, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+  arch::full_barrier_after_atomic();
+  return first;
+}
+
+// Reserves slots at one end: count of them, or what grant() makes of it. ahead is how far this
+// end's head may run in front of the other's tail.
+template <Threads kThreads, Amount kAmount> Run reserve(vorn_ring_end_s &end,
+                                                        const vorn_ring_end_s &other,
+                                                        std::uint32_t ahead, std::uint32_t count) {
+  Run run{load(end.head), 0, 0};
+  arch::full_barrier();
+  do {
+    run.available = ahead + load(other.tail) - run.head;
+    run.count = grant<kAmount>(count, run.available);
+    if (run.count == 0) return run;
+  } while (!advance<kThreads>(end.head, run.head, run.head + run.count));
+  return run;
+}
+
+void wait_for(const Counter &tail, std::uint32_t value) {
+  for (;;) {
+    for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
+      if (load(tail) == value) return;
+      arch::pause();
+    }
+    vorn_yield();
+  }
+}
+
+template <Threads kThreads> void publish(vorn_ring_end_s &end, const Run &run) {
+  if constexpr (kThreads == Threads::kMany) wait_for(end.tail, run.head);
+  store(end.tail, run.head + run.count);
+}
+
+// From and to never overlap.
+void copy(void **__restrict to, void *const *__restrict from, std::uint32_t count) {
+  std::uint32_t i = 0;
+  for (; count - i >= 4; i += 4) {
+    to[i] = from[i];
+    to[i + 1] = from[i + 1];
+    to[i + 2] = from[i + 2];
+    to[i + 3] = from[i + 3];
+  }
+  for (; i < count; ++i)
+    to[i] = from[i];
+}
+
+void copy_in(vorn_ring_s &ring, const Run &run, void *const *objs) {
+  void **slots = slots_of(ring);
+  const std::uint32_t index = run.head & ring.producer.mask;
+  const std::uint32_t straight = std::min(run.count, ring.producer.size - index);
+  copy(slots + index, objs, straight);
+  copy(slots, objs + straight, run.count - straight);
+}
+
+void copy_out(vorn_ring_s &ring, const Run &run, void **objs) {
+  void **slots = slots_of(ring);
+  const std::uint32_t index = run.head & ring.consumer.mask;
+  const std::uint32_t straight = std::min(run.count, ring.consumer.size - index);
+  copy(objs, slots + index, straight);
+  copy(objs + straight, slots, run.count - straight);
+}
+
+struct Enqueued {
+  std::uint32_t count;
+  bool over_quota;
+};
+
+bool exceeds_quota(const vorn_ring_s &ring, const Run &run) {
+  return ring.producer.mask + 1 - run.available + run.count > ring.watermark;
+}
+
+template <Threads kThreads, Amount kAmount>
+Enqueued enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+  vorn_ring_end_s &end = ring.producer;
+  const Run run = reserve<kThreads, kAmount>(end, ring.consumer, end.mask, n);
+  if (run.count == 0) return {0, exceeds_quota(ring, run)};
+  copy_in(ring, run, objs);
+  arch::full_barrier();
+  const bool over_quota = exceeds_quota(ring, run);
+  publish<kThreads>(end, run);
+  return {run.count, over_quota};
+}
+
+template <Amount kAmount> Enqueued enqueue(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+  if (ring.producer.single != 0) return enqueue_at<Threads::kOne, kAmount>(ring, objs, n);
+  return enqueue_at<Threads::kMany, kAmount>(ring, objs, n);
+}
+
+int enqueue_all(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+  const Enqueued done = enqueue<Amount::kAll>(ring, objs, n);
+  if (done.count != n) return -ENOBUFS;
+  return done.over_quota ? -EDQUOT : 0;
+}
+
+template <Threads kThreads, Amount kAmount>
+std::uint32_t dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+  vorn_ring_end_s &end = ring.consumer;
+  const Run run = reserve<kThreads, kAmount>(end, ring.producer, 0, n);
+  if (run.count == 0) return 0;
+  copy_out(ring, run, objs);
+  arch::full_barrier();
+  publish<kThreads>(end, run);
+  return run.count;
+}
+
+template <Amount kAmount> std::uint32_t dequeue(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+  if (ring.consumer.single != 0) return dequeue_at<Threads::kOne, kAmount>(ring, objs, n);
+  return dequeue_at<Threads::kMany, kAmount>(ring, objs, n);
+}
+
+int dequeue_all(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+  return dequeue<Amount::kAll>(ring, objs, n) == n ? 0 : -ENOENT;
+}
+
+std::uint32_t used(const vorn_ring_s &ring) {
+  return load(ring.producer.tail) - load(ring.consumer.tail);
+}
+
+std::uint32_t room(const vorn_ring_s &ring) {
+  return (load(ring.consumer.tail) - 1 - load(ring.producer.tail)) & ring.producer.mask;
+}
+
+bool is_valid(std::uint32_t count) {
+  return count != 0 && (count & (count - 1)) == 0 && count < VORN_RING_MAX_COUNT;
+}
+
+void init(vorn_ring_s &ring, std::uint32_t count, std::uint32_t flags) {
+  std::memset(static_cast<void *>(&ring), 0, sizeof ring);
+  const std::uint32_t mask = count - 1;
+  ring.flags =
+      flags == VORN_RING_SINGLE ? VORN_RING_SINGLE_PRODUCER | VORN_RING_SINGLE_CONSUMER : flags;
+  ring.watermark = count;
+  ring.producer = {ring.flags & VORN_RING_SINGLE_PRODUCER, count, mask, 0, 0};
+  ring.consumer = {ring.flags & VORN_RING_SINGLE_CONSUMER, count, mask, 0, 0};
+  ring.spare_size = count;
+  ring.spare_mask = mask;
+}
+
+} // namespace
+} // namespace vorn::ring
+
+vorn_ring_s *vorn_ring_create(uint32_t count, uint32_t flags) {
+  vorn_ring_s *none = nullptr;
+  if (!vorn::ring::is_valid(count))
+    return VORN_FAIL(none, "vorn_ring_create:uiCount must be a power of 2 or great than MAX");
+  void *memory;
+  const std::size_t bytes = sizeof(vorn_ring_s) + count * sizeof(void *);
+  if (posix_memalign(&memory, alignof(vorn_ring_s), bytes) != 0) return nullptr;
+  vorn_ring_s *ring = static_cast<vorn_ring_s *>(memory);
+  vorn::ring::init(*ring, count, flags);
+  return ring;
+}
+
+void vorn_ring_delete(vorn_ring_s **ring) {
+  std::free(*ring);
+  *ring = nullptr;
+}
+
+uint32_t vorn_ring_full(const vorn_ring_s *ring) {
+  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  return vorn::ring::room(*ring) == 0 ? 1 : 0;
+}
+
+uint32_t vorn_ring_empty(const vorn_ring_s *ring) {
+  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  return vorn::ring::used(*ring) == 0 ? 1 : 0;
+}
+
+uint32_t vorn_ring_count(const vorn_ring_s *ring) {
+  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  return vorn::ring::used(*ring) & ring->producer.mask;
+}
+
+uint32_t vorn_ring_size(const vorn_ring_s *ring) {
+  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  return ring->producer.mask + 1;
+}
+
+uint32_t vorn_ring_free_count(const vorn_ring_s *ring) {
+  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  return vorn::ring::room(*ring);
+}
+
+uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n) {
+  const auto done = vorn::ring::enqueue<vorn::ring::Amount::kUpTo>(*ring, objs, n);
+  if (done.count == 0) return 0;
+  return done.over_quota ? done.count | VORN_RING_QUOTA_EXCEEDED : done.count;
+}
+
+int vorn_ring_enqueue_bulk(vorn_ring_s *ring, void *const *objs, uint32_t n) {
+  return vorn::ring::enqueue_all(*ring, objs, n);
+}
+
+int vorn_ring_enqueue(vorn_ring_s *ring, void *obj) {
+  if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
+  return vorn::ring::enqueue_all(*ring, &obj, 1);
+}
+
+uint32_t vorn_ring_dequeue_burst(vorn_ring_s *ring, void **objs, uint32_t n) {
+  return vorn::ring::dequeue<vorn::ring::Amount::kUpTo>(*ring, objs, n);
+}
+
+int vorn_ring_dequeue_bulk(vorn_ring_s *ring, void **objs, uint32_t n) {
+  return vorn::ring::dequeue_all(*ring, objs, n);
+}
+
+int vorn_ring_dequeue(vorn_ring_s *ring, void **obj) {
+  if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
+  return vorn::ring::dequeue_all(*ring, obj, 1);
+}

@@ -1,0 +1,243 @@
+#include "vorn_rbtree.h"
+
+#include <cstddef>
+
+namespace vorn::rbtree {
+namespace {
+
+using Node = vorn_rb_node_s;
+using Root = vorn_rb_root_s;
+using Child = Node *Node::*;
+
+static_assert(offsetof(Node, parent_color) == 0);
+static_assert(offsetof(Node, right) == sizeof(void *));
+static_assert(offsetof(Node, left) == 2 * sizeof(void *));
+static_assert(sizeof(Node) == 3 * sizeof(void *) && alignof(Node) > VORN_RB_COLOR_MASK);
+static_assert(sizeof(Root) == sizeof(void *));
+
+bool is_red(const Node *node) { return (node->parent_color & VORN_RB_BLACK) == 0; }
+bool is_black_or_empty(const Node *node) { return node == nullptr || !is_red(node); }
+
+unsigned long color_of(const Node *node) { return node->parent_color & VORN_RB_BLACK; }
+unsigned long address(const Node *node) { return reinterpret_cast<unsigned long>(node); }
+
+void set_parent(Node *node, const Node *parent) {
+  node->parent_color = address(parent) | color_of(node);
+}
+void set_parent_if_any(Node *node, const Node *parent) {
+  if (node != nullptr) set_parent(node, parent);
+}
+void set_red(Node *node) { node->parent_color = address(vorn_rb_parent(node)); }
+void set_black(Node *node) { node->parent_color = address(vorn_rb_parent(node)) | VORN_RB_BLACK; }
+
+// Where parent, or the root, holds child.
+Node **slot_of(const Node *child, Node *parent, Root *root) {
+  if (parent == nullptr) return &root->node;
+  return parent->left == child ? &parent->left : &parent->right;
+}
+
+// The last node down that side, NULL below an empty place.
+template <Child kSide> Node *outermost(Node *node) {
+  while (node != nullptr && node->*kSide != nullptr)
+    node = node->*kSide;
+  return node;
+}
+
+// The next in order on side kFar.
+template <Child kNear, Child kFar> Node *neighbour(const Node *node) {
+  if (vorn_rb_is_clear(node)) return nullptr;
+  if (node->*kFar != nullptr) return outermost<kNear>(node->*kFar);
+  Node *parent = vorn_rb_parent(node);
+  while (parent != nullptr && parent->*kFar == node) {
+    node = parent;
+    parent = vorn_rb_parent(node);
+  }
+  return parent;
+}
+
+// Down to side kNear goes top, and its child on side kFar takes its place. Colours stay.
+template <Child kNear, Child kFar> void rotate(Node *top, Root *root) {
+  Node *riser = top->*kFar;
+  Node *between = riser->*kNear;
+  Node *parent = vorn_rb_parent(top);
+  *slot_of(top, parent, root) = riser;
+  set_parent(riser, parent);
+  riser->*kNear = top;
+  set_parent(top, riser);
+  top->*kFar = between;
+  set_parent_if_any(between, top);
+}
+
+// node and its parent, grand's child on side kNear, are both red. Returns the node that may be red
+// below a red one now, NULL where none is.
+template <Child kNear, Child kFar>
+Node *part_reds(Node *node, Node *parent, Node *grand, Root *root) {
+  Node *uncle = grand->*kFar;
+  if (!is_black_or_empty(uncle)) {
+    set_black(parent);
+    set_black(uncle);
+    set_red(grand);
+    return grand;
+  }
+  if (node == parent->*kFar) {
+    rotate<kNear, kFar>(parent, root);
+    parent = node;
+  }
+  set_black(parent);
+  set_red(grand);
+  rotate<kFar, kNear>(grand, root);
+  return nullptr;
+}
+
+// Below parent, on side kNear, the paths have a black node too few. Returns the node whose paths
+// have it then, NULL where all are even.
+template <Child kNear, Child kFar> Node *even_out(Node *parent, Root *root) {
+  Node *sibling = parent->*kFar;
+  if (is_red(sibling)) {
+    set_black(sibling);
+    set_red(parent);
+    rotate<kNear, kFar>(parent, root);
+    sibling = parent->*kFar;
+  }
+
+  const bool is_outer_black = is_black_or_empty(sibling->*kFar);
+  if (is_outer_black && is_black_or_empty(sibling->*kNear)) {
+    set_red(sibling);
+    return parent;
+  }
+  if (is_outer_black) {
+    set_red(sibling);
+    rotate<kFar, kNear>(sibling, root);
+    sibling = parent->*kFar;
+  }
+  sibling->parent_color = address(vorn_rb_parent(sibling)) | color_of(parent);
+  set_black(parent);
+  set_black(sibling->*kFar);
+  rotate<kNear, kFar>(parent, root);
+  return nullptr;
+}
+
+// The paths through node, parent's child and maybe empty, have lost a black node.
+void restore_black(Node *node, Node *parent, Root *root) {
+  while (parent != nullptr && is_black_or_empty(node)) {
+    node = node == parent->left ? even_out<&Node::left, &Node::right>(parent, root)
+                                : even_out<&Node::right, &Node::left>(parent, root);
+    if (node == nullptr) return;
+    parent = vorn_rb_parent(node);
+  }
+  if (node != nullptr) set_black(node);
+}
+
+// Up to the top node, on each level the other child too, which a rotation may have put there.
+void update_path(Node *node, vorn_rb_augment_f fn, void *data) {
+  fn(node, data);
+  while (Node *parent = vorn_rb_parent(node)) {
+    const bool has_right_sibling = node == parent->left && parent->right != nullptr;
+    Node *other = has_right_sibling ? parent->right : parent->left;
+    if (other != nullptr) fn(other, data);
+    fn(parent, data);
+    node = parent;
+  }
+}
+
+// node has been linked as a red leaf.
+void restore_colors(Node *node, Root *root) {
+  while (node != nullptr) {
+    Node *parent = vorn_rb_parent(node);
+    if (parent == nullptr || !is_red(parent)) break;
+    Node *grand = vorn_rb_parent(parent); // there is one: the top node is black
+    node = parent == grand->left ? part_reds<&Node::left, &Node::right>(node, parent, grand, root)
+                                 : part_reds<&Node::right, &Node::left>(node, parent, grand, root);
+  }
+  set_black(root->node);
+}
+
+void erase(Node *node, Root *root) {
+  Node *parent = vorn_rb_parent(node);
+  Node **slot = slot_of(node, parent, root);
+  unsigned long lost = color_of(node);
+  Node *child;
+  if (node->left == nullptr || node->right == nullptr) {
+    child = node->left != nullptr ? node->left : node->right;
+    set_parent_if_any(child, parent);
+    *slot = child;
+  } else {
+    Node *successor = outermost<&Node::left>(node->right);
+    lost = color_of(successor);
+    child = successor->right;
+    parent = vorn_rb_parent(successor);
+    if (parent == node) {
+      parent = successor;
+    } else {
+      parent->left = child;
+      set_parent_if_any(child, parent);
+      successor->right = node->right;
+      set_parent(successor->right, successor);
+    }
+    successor->left = node->left;
+    set_parent(successor->left, successor);
+    successor->parent_color = node->parent_color;
+    *slot = successor;
+  }
+  if (lost == VORN_RB_BLACK) restore_black(child, parent, root);
+}
+
+// What rebalancing moved below a new node is on the way up from a child of it.
+Node *lowest_changed_by_insert(Node *node) {
+  if (node->left != nullptr) return node->left;
+  return node->right != nullptr ? node->right : node;
+}
+
+Node *lowest_changed_by_erase(Node *node) {
+  if (node->left == nullptr && node->right == nullptr) return vorn_rb_parent(node);
+  if (node->left == nullptr) return node->right;
+  if (node->right == nullptr) return node->left;
+  Node *successor = outermost<&Node::left>(node->right);
+  if (successor->right != nullptr) return successor->right;
+  Node *parent = vorn_rb_parent(successor);
+  return parent == node ? successor : parent;
+}
+
+} // namespace
+} // namespace vorn::rbtree
+
+void vorn_rb_insert_color(vorn_rb_node_s *node, vorn_rb_root_s *root) {
+  vorn::rbtree::restore_colors(node, root);
+}
+
+void vorn_rb_erase(vorn_rb_node_s *node, vorn_rb_root_s *root) { vorn::rbtree::erase(node, root); }
+
+vorn_rb_node_s *vorn_rb_first(const vorn_rb_root_s *root) {
+  return vorn::rbtree::outermost<&vorn_rb_node_s::left>(root->node);
+}
+
+vorn_rb_node_s *vorn_rb_last(const vorn_rb_root_s *root) {
+  return vorn::rbtree::outermost<&vorn_rb_node_s::right>(root->node);
+}
+
+vorn_rb_node_s *vorn_rb_next(const vorn_rb_node_s *node) {
+  return vorn::rbtree::neighbour<&vorn_rb_node_s::left, &vorn_rb_node_s::right>(node);
+}
+
+vorn_rb_node_s *vorn_rb_prev(const vorn_rb_node_s *node) {
+  return vorn::rbtree::neighbour<&vorn_rb_node_s::right, &vorn_rb_node_s::left>(node);
+}
+
+void vorn_rb_replace_node(vorn_rb_node_s *victim, vorn_rb_node_s *fresh, vorn_rb_root_s *root) {
+  *vorn::rbtree::slot_of(victim, vorn_rb_parent(victim), root) = fresh;
+  vorn::rbtree::set_parent_if_any(victim->left, fresh);
+  vorn::rbtree::set_parent_if_any(victim->right, fresh);
+  *fresh = *victim;
+}
+
+void vorn_rb_augment_insert(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data) {
+  vorn::rbtree::update_path(vorn::rbtree::lowest_changed_by_insert(node), fn, data);
+}
+
+vorn_rb_node_s *vorn_rb_augment_erase_begin(vorn_rb_node_s *node) {
+  return vorn::rbtree::lowest_changed_by_erase(node);
+}
+
+void vorn_rb_augment_erase_end(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data) {
+  if (node != nullptr) vorn::rbtree::update_path(node, fn, data);
+}

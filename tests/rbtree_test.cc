@@ -1,0 +1,304 @@
+#include "vorn_rbtree.h"
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Node = vorn_rb_node_s;
+
+struct Record {
+  int key = 0;
+  int value = 0;
+  int max = 0; // value of the record and of all below it
+  Node node{};
+};
+
+Record *record_of(const Node *node) {
+  return vorn_rb_entry(const_cast<Node *>(node), Record, node);
+}
+
+bool is_black(const Node *node) { return (node->parent_color & VORN_RB_BLACK) != 0; }
+
+int max_below(const Node *node) {
+  int max = record_of(node)->value;
+  for (const Node *child : {node->left, node->right}) {
+    if (child != nullptr) max = std::max(max, record_of(child)->max);
+  }
+  return max;
+}
+
+void update_max(Node *node, void *calls) {
+  record_of(node)->max = max_below(node);
+  ++*static_cast<int *>(calls);
+}
+
+// Checks what is below node and returns its black height. Adds the records in order.
+int check_below(const Node *node, const Node *parent, std::vector<Record *> &order) {
+  if (node == nullptr) return 0;
+  EXPECT_EQ(node->parent_color & ~VORN_RB_BLACK, reinterpret_cast<unsigned long>(parent));
+  if (!is_black(node)) {
+    EXPECT_TRUE(parent != nullptr && is_black(parent)) << "red below red, or a red top node";
+  }
+  const int left = check_below(node->left, node, order);
+  order.push_back(record_of(node));
+  const int right = check_below(node->right, node, order);
+  EXPECT_EQ(left, right) << "black heights differ";
+  return left + (is_black(node) ? 1 : 0);
+}
+
+// A tree beside its model, a map from the keys to the records that must be in it.
+class RbTree : public testing::Test {
+protected:
+  void insert(Record &record) {
+    Node **link = &root_.node;
+    Node *parent = nullptr;
+    while (*link != nullptr) {
+      parent = *link;
+      link = record.key < record_of(parent)->key ? &parent->left : &parent->right;
+    }
+    vorn_rb_link_node(&record.node, parent, link);
+    vorn_rb_insert_color(&record.node, &root_);
+    vorn_rb_augment_insert(&record.node, update_max, &calls_);
+    model_[record.key] = &record;
+  }
+
+  void erase(Record &record) {
+    Node *deepest = vorn_rb_augment_erase_begin(&record.node);
+    vorn_rb_erase(&record.node, &root_);
+    vorn_rb_augment_erase_end(deepest, update_max, &calls_);
+    vorn_rb_clear_node(&record.node);
+    model_.erase(record.key);
+  }
+
+  // The value does not change, so neither does any maximum.
+  void replace(Record &victim, Record &fresh) {
+    fresh.key = victim.key;
+    fresh.value = victim.value;
+    fresh.max = victim.max;
+    const Node before = victim.node;
+    vorn_rb_replace_node(&victim.node, &fresh.node, &root_);
+    EXPECT_EQ(fresh.node.parent_color, before.parent_color);
+    vorn_rb_clear_node(&victim.node);
+    model_[fresh.key] = &fresh;
+  }
+
+  void check() const {
+    std::vector<Record *> wanted;
+    for (const auto &[key, record] : model_)
+      wanted.push_back(record);
+
+    std::vector<Record *> order;
+    check_below(root_.node, nullptr, order);
+    ASSERT_EQ(order, wanted);
+    for (const Record *record : order)
+      ASSERT_EQ(record->max, max_below(&record->node)) << "of " << record->key;
+
+    ASSERT_EQ(walked(vorn_rb_first(&root_), vorn_rb_next), wanted);
+    std::reverse(wanted.begin(), wanted.end());
+    ASSERT_EQ(walked(vorn_rb_last(&root_), vorn_rb_prev), wanted);
+    ASSERT_EQ(vorn_rb_is_empty(&root_) != 0, wanted.empty());
+  }
+
+  static std::vector<Record *> walked(Node *node, Node *(*step)(const Node *)) {
+    std::vector<Record *> records;
+    for (; node != nullptr; node = step(node))
+      records.push_back(record_of(node));
+    return records;
+  }
+
+  vorn_rb_root_s root_ = VORN_RB_ROOT_INIT;
+  std::map<int, Record *> model_;
+  int calls_ = 0; // of update_max
+};
+
+TEST_F(RbTree, KeepsItsInvariantsUnderRandomOperations) {
+  // In a small pool the shapes near the top come up often, in a large one the deep ones.
+  for (const int size : {4, 12, 200}) {
+    std::mt19937 random(static_cast<unsigned>(size));
+    std::vector<Record> pool(static_cast<std::size_t>(size));
+    for (Record &record : pool)
+      vorn_rb_clear_node(&record.node);
+
+    for (int step = 0; step < 2000; ++step) {
+      Record &record = pool[random() % pool.size()];
+      Record &other = pool[random() % pool.size()];
+      if (vorn_rb_is_clear(&record.node)) {
+        const int key = static_cast<int>(random() % 1000000);
+        if (model_.contains(key)) continue;
+        record.key = key;
+        record.value = static_cast<int>(random() % 1000);
+        insert(record);
+      } else if (step % 3 == 0 && vorn_rb_is_clear(&other.node)) {
+        replace(record, other);
+      } else {
+        erase(record);
+      }
+      ASSERT_NO_FATAL_FAILURE(check()) << "step " << step << " of " << size << " records";
+      ASSERT_FALSE(HasFailure()) << "step " << step << " of " << size << " records";
+    }
+    while (!model_.empty())
+      erase(*model_.begin()->second);
+    ASSERT_NO_FATAL_FAILURE(check());
+  }
+}
+
+int depth(const Node *node) {
+  return node == nullptr ? 0 : 1 + std::max(depth(node->left), depth(node->right));
+}
+
+TEST_F(RbTree, StaysBalancedWhenKeysComeInOrder) {
+  for (const int direction : {1, -1}) {
+    std::vector<Record> records(1000);
+    for (int i = 0; i < 1000; ++i) {
+      Record &record = records[static_cast<std::size_t>(i)];
+      record.key = i * direction;
+      record.value = i;
+      insert(record);
+    }
+    check();
+    EXPECT_LE(depth(root_.node), 19); // 2 * log2(1001) is 19.9
+    for (Record &record : records)
+      erase(record);
+    check();
+  }
+}
+
+TEST_F(RbTree, UpdatesOnePathAlone) {
+  std::vector<Record> records(1000);
+  for (Record &record : records) {
+    record.key = static_cast<int>(&record - records.data());
+    calls_ = 0;
+    insert(record);
+    EXPECT_LE(calls_, 2 * depth(root_.node));
+  }
+  for (Record &record : records) {
+    calls_ = 0;
+    erase(record);
+    EXPECT_LE(calls_, 2 * depth(root_.node) + 1);
+  }
+}
+
+TEST_F(RbTree, HasNoNeighboursOutsideATree) {
+  EXPECT_EQ(vorn_rb_first(&root_), nullptr);
+  EXPECT_EQ(vorn_rb_last(&root_), nullptr);
+  Record record;
+  vorn_rb_clear_node(&record.node);
+  EXPECT_EQ(vorn_rb_next(&record.node), nullptr);
+  EXPECT_EQ(vorn_rb_prev(&record.node), nullptr);
+  insert(record);
+  EXPECT_FALSE(vorn_rb_is_clear(&record.node));
+}
+
+// Links nodes by hand: node i has the children left and right, -1 for none.
+struct Links {
+  int left, right;
+};
+
+class Shape {
+public:
+  explicit Shape(const std::vector<Links> &links) : nodes_(links.size()) {
+    for (std::size_t i = 0; i < links.size(); ++i) {
+      nodes_[i].left = adopt(links[i].left, i);
+      nodes_[i].right = adopt(links[i].right, i);
+    }
+  }
+
+  Node *at(int i) { return &nodes_[static_cast<std::size_t>(i)]; }
+  int number(const Node *node) const {
+    return node == nullptr ? -1 : static_cast<int>(node - nodes_.data());
+  }
+
+private:
+  Node *adopt(int child, std::size_t parent) {
+    if (child < 0) return nullptr;
+    at(child)->parent_color = reinterpret_cast<unsigned long>(&nodes_[parent]);
+    return at(child);
+  }
+
+  std::vector<Node> nodes_;
+};
+
+constexpr Links kLeaf{-1, -1};
+
+TEST(RbTreeAugment, FindsTheDeepestNodeThatAnEraseTouches) {
+  const struct {
+    const char *shape;
+    std::vector<Links> links;
+    int erased, deepest;
+  } rows[] = {
+      {"the only node", {kLeaf}, 0, -1},
+      {"a leaf", {{1, -1}, kLeaf}, 1, 0},
+      {"a left child alone", {{1, -1}, kLeaf}, 0, 1},
+      {"a right child alone", {{-1, 1}, kLeaf}, 0, 1},
+      {"the successor is its child, a leaf", {{1, 2}, kLeaf, kLeaf}, 0, 2},
+      {"the successor is its child and has one", {{1, 2}, kLeaf, {-1, 3}, kLeaf}, 0, 3},
+      {"the successor is further down, a leaf", {{1, 2}, kLeaf, {3, -1}, kLeaf}, 0, 2},
+      {"the successor is further down and has a child",
+       {{1, 2}, kLeaf, {3, -1}, {-1, 4}, kLeaf},
+       0,
+       4},
+  };
+  for (const auto &row : rows) {
+    Shape shape(row.links);
+    EXPECT_EQ(shape.number(vorn_rb_augment_erase_begin(shape.at(row.erased))), row.deepest)
+        << row.shape;
+  }
+}
+
+TEST(RbTreeAugment, GoesUpByWayOfTheSiblings) {
+  // Which of a node's children is the lowest, and a level without and with each sibling above it.
+  const struct {
+    std::vector<Links> links;
+    int inserted;
+    std::vector<int> visited;
+  } rows[] = {
+      {{kLeaf}, 0, {0}},
+      {{{1, 2}, kLeaf, kLeaf}, 0, {1, 2, 0}},
+      {{{-1, 1}, kLeaf}, 0, {1, 0}},
+      {{{1, 2}, kLeaf, kLeaf}, 1, {1, 2, 0}},
+      {{{1, 2}, kLeaf, kLeaf}, 2, {2, 1, 0}},
+      {{{1, 4}, {-1, 2}, {3, -1}, kLeaf, kLeaf}, 3, {3, 2, 1, 4, 0}},
+  };
+  for (const auto &row : rows) {
+    Shape shape(row.links);
+    std::vector<Node *> nodes;
+    const auto note = [](Node *node, void *to) {
+      static_cast<std::vector<Node *> *>(to)->push_back(node);
+    };
+    for (const bool erased : {false, true}) {
+      nodes.clear();
+      if (!erased) vorn_rb_augment_insert(shape.at(row.inserted), note, &nodes);
+      // The erase's path begins where it is told to.
+      if (erased) vorn_rb_augment_erase_end(shape.at(row.visited[0]), note, &nodes);
+      std::vector<int> visited;
+      for (const Node *node : nodes)
+        visited.push_back(shape.number(node));
+      // A left child alone may come up as its own sibling.
+      visited.erase(std::unique(visited.begin(), visited.end()), visited.end());
+      EXPECT_EQ(visited, row.visited);
+    }
+  }
+}
+
+// The two low bits of a parent's address are not part of it.
+TEST_F(RbTree, ReadsTheParentWithoutTheLowBits) {
+  std::vector<Record> records(20);
+  for (Record &record : records) {
+    record.key = static_cast<int>(&record - records.data());
+    insert(record);
+  }
+  for (Record &record : records)
+    record.node.parent_color |= 2;
+  EXPECT_EQ(walked(vorn_rb_first(&root_), vorn_rb_next).size(), 20u);
+  EXPECT_EQ(walked(vorn_rb_last(&root_), vorn_rb_prev).size(), 20u);
+  for (Record &record : records)
+    vorn_rb_erase(&record.node, &root_);
+  EXPECT_TRUE(vorn_rb_is_empty(&root_));
+}
+
+} // namespace

@@ -1,0 +1,519 @@
+// test-wraps: posix_memalign
+#include "vorn_ring.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <gtest/gtest.h>
+#include <latch>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+
+namespace {
+
+bool no_memory = false;
+
+} // namespace
+
+extern "C" {
+
+int __real_posix_memalign(void **, std::size_t, std::size_t);
+int __wrap_posix_memalign(void **memory, std::size_t alignment, std::size_t bytes) {
+  return no_memory ? ENOMEM : __real_posix_memalign(memory, alignment, bytes);
+}
+
+} // extern "C"
+
+namespace {
+
+struct Delete {
+  void operator()(vorn_ring_s *ring) const { vorn_ring_delete(&ring); }
+};
+using Ring = std::unique_ptr<vorn_ring_s, Delete>;
+
+Ring make_ring(std::uint32_t count, std::uint32_t flags, std::uint32_t counters = 0) {
+  Ring ring{vorn_ring_create(count, flags)};
+  for (vorn_ring_end_s *end : {&ring->producer, &ring->consumer}) {
+    end->head = counters;
+    end->tail = counters;
+  }
+  return ring;
+}
+
+void *object(std::uintptr_t number) { return reinterpret_cast<void *>(number); }
+
+std::uint32_t load(const volatile std::uint32_t &word) {
+  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+}
+
+// The header word by word, as other programs read it.
+TEST(Ring, HasTheLayoutThatItsUsersKnow) {
+  struct Row {
+    std::uint32_t given, kept, single_producer, single_consumer;
+  };
+  for (const Row &row : {Row{0, 0, 0, 0}, Row{1, 1, 1, 0}, Row{2, 2, 0, 2}, Row{3, 3, 1, 2},
+                         Row{4, 3, 1, 2}, Row{5, 5, 1, 0}, Row{6, 6, 0, 2}, Row{8, 8, 0, 0}}) {
+    const Ring ring = make_ring(16, row.given);
+    std::vector<std::uint32_t> wanted(128);
+    wanted[0] = row.kept;
+    const std::uint32_t producer[] = {16, row.single_producer, 16, 15, 0, 0};
+    const std::uint32_t consumer[] = {row.single_consumer, 16, 15, 0, 0};
+    const std::uint32_t spare[] = {16, 15, 0, 0};
+    std::ranges::copy(producer, &wanted[32]);
+    std::ranges::copy(consumer, &wanted[64]);
+    std::ranges::copy(spare, &wanted[96]);
+    EXPECT_EQ(std::memcmp(ring.get(), wanted.data(), 512), 0) << row.given;
+
+    EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(77)), 0);
+    EXPECT_EQ(*reinterpret_cast<void **>(reinterpret_cast<char *>(ring.get()) + 512), object(77));
+  }
+  EXPECT_NO_RECORD();
+}
+
+TEST(Ring, BeginsAtALineOfItsOwn) {
+  std::vector<Ring> rings;
+  for (std::uint32_t count = 1; count <= 0x8000; count *= 2) {
+    rings.push_back(make_ring(count, 0));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(rings.back().get()) % 128, 0u);
+  }
+}
+
+TEST(Ring, RefusesOtherCounts) {
+  for (const std::uint32_t count : {0u, 3u, 12u, 0x0FFFFFFFu, 0x10000000u, 0x80000000u}) {
+    EXPECT_EQ(vorn_ring_create(count, 0), nullptr) << count;
+    EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_ring.c", "vorn_ring_create",
+                      "vorn_ring_create:uiCount must be a power of 2 or great than MAX");
+  }
+}
+
+TEST(Ring, SaysNothingWhenMemoryRunsOut) {
+  no_memory = true;
+  EXPECT_EQ(vorn_ring_create(0x08000000, 0), nullptr);
+  no_memory = false;
+  EXPECT_NO_RECORD();
+}
+
+TEST(Ring, DeleteClearsThePointer) {
+  vorn_ring_s *ring = vorn_ring_create(8, 0);
+  vorn_ring_delete(&ring);
+  EXPECT_EQ(ring, nullptr);
+  vorn_ring_delete(&ring);
+  EXPECT_EQ(ring, nullptr);
+}
+
+TEST(Ring, RefusesNoRing) {
+  constexpr const char *kText = "Vorn ring id is NULL.";
+  struct Query {
+    const char *name;
+    uint32_t (*call)(const vorn_ring_s *);
+  };
+  for (const Query &query : {Query{"vorn_ring_full", vorn_ring_full},
+                             {"vorn_ring_empty", vorn_ring_empty},
+                             {"vorn_ring_count", vorn_ring_count},
+                             {"vorn_ring_size", vorn_ring_size},
+                             {"vorn_ring_free_count", vorn_ring_free_count}}) {
+    EXPECT_EQ(query.call(nullptr), 0xFFFFFFFF);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_ring.c", query.name, kText);
+  }
+  EXPECT_EQ(vorn_ring_enqueue(nullptr, object(1)), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_ring.c", "vorn_ring_enqueue", kText);
+  void *taken = object(5);
+  EXPECT_EQ(vorn_ring_dequeue(nullptr, &taken), -1);
+  EXPECT_EQ(taken, object(5));
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_ring.c", "vorn_ring_dequeue", kText);
+}
+
+// As enqueues count it, the slot that stays empty is filled.
+TEST(Ring, ReportsTheWatermark) {
+  for (const std::uint32_t flags : {0u, 3u}) {
+    const Ring ring = make_ring(8, flags, 0xFFFFFFFE);
+    ring->watermark = 3;
+    void *objects[8] = {};
+    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 2), 2u);
+    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 0), 0);
+    EXPECT_EQ(vorn_ring_enqueue(ring.get(), objects), -EDQUOT);
+    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 0), -EDQUOT);
+    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 5), -ENOBUFS);
+    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 2), -EDQUOT);
+    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 8), 2 | 0x80000000);
+    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 8), 0u);
+    EXPECT_EQ(vorn_ring_count(ring.get()), 7u);
+  }
+  EXPECT_NO_RECORD();
+}
+
+// The parameter: the flags.
+class EachMode : public testing::TestWithParam<std::uint32_t> {};
+INSTANTIATE_TEST_SUITE_P(Ring, EachMode, testing::Range(0u, 6u));
+
+// What a ring of size slots does, when one thread uses it.
+class Model {
+public:
+  explicit Model(std::uint32_t size) : capacity_(size - 1) {}
+
+  std::uint32_t room() const { return capacity_ - count(); }
+  std::uint32_t count() const { return static_cast<std::uint32_t>(queue_.size()); }
+
+  void put(const std::vector<void *> &objects, std::uint32_t n) {
+    queue_.insert(queue_.end(), objects.begin(), objects.begin() + n);
+  }
+  std::vector<void *> take(std::uint32_t n) {
+    std::vector<void *> taken{queue_.begin(), queue_.begin() + n};
+    queue_.erase(queue_.begin(), queue_.begin() + n);
+    return taken;
+  }
+
+private:
+  std::uint32_t capacity_;
+  std::deque<void *> queue_;
+};
+
+class Comparison {
+public:
+  Comparison(std::uint32_t size, std::uint32_t flags, std::uint32_t counters)
+      : ring_(make_ring(size, flags, counters)), model_(size), size_(size) {}
+
+  void step() {
+    const std::uint32_t n = random_() % (size_ + 3);
+    switch (random_() % 6) {
+    case 0:
+      return enqueue(1, model_.room() >= 1,
+                     [&] { return vorn_ring_enqueue(ring_.get(), objects_[0]); });
+    case 1:
+      return enqueue(n, model_.room() >= n,
+                     [&] { return vorn_ring_enqueue_bulk(ring_.get(), objects_.data(), n); });
+    case 2:
+      return enqueue_burst(n);
+    case 3:
+      return dequeue(1, [&] { return vorn_ring_dequeue(ring_.get(), objects_.data()); });
+    case 4:
+      return dequeue(n, [&] { return vorn_ring_dequeue_bulk(ring_.get(), objects_.data(), n); });
+    default:
+      return dequeue_burst(n);
+    }
+  }
+
+  void compare_queries() const {
+    EXPECT_EQ(vorn_ring_count(ring_.get()), model_.count());
+    EXPECT_EQ(vorn_ring_free_count(ring_.get()), model_.room());
+    EXPECT_EQ(vorn_ring_full(ring_.get()), model_.room() == 0 ? 1u : 0u);
+    EXPECT_EQ(vorn_ring_empty(ring_.get()), model_.count() == 0 ? 1u : 0u);
+    EXPECT_EQ(vorn_ring_size(ring_.get()), size_);
+  }
+
+private:
+  void make_objects() {
+    objects_.resize(size_ + 2);
+    for (void *&made : objects_)
+      made = object(++made_);
+  }
+
+  template <class Call> void enqueue(std::uint32_t n, bool fits, Call call) {
+    make_objects();
+    EXPECT_EQ(call(), fits ? 0 : -105);
+    if (fits) model_.put(objects_, n);
+  }
+
+  void enqueue_burst(std::uint32_t n) {
+    make_objects();
+    const std::uint32_t put = std::min(n, model_.room());
+    EXPECT_EQ(vorn_ring_enqueue_burst(ring_.get(), objects_.data(), n), put);
+    model_.put(objects_, put);
+  }
+
+  // And that nothing else was written.
+  void expect_taken(std::vector<void *> wanted) const {
+    wanted.resize(objects_.size());
+    EXPECT_EQ(objects_, wanted);
+  }
+
+  template <class Call> void dequeue(std::uint32_t n, Call call) {
+    objects_.assign(size_ + 2, nullptr);
+    const bool present = model_.count() >= n;
+    EXPECT_EQ(call(), present ? 0 : -2);
+    expect_taken(model_.take(present ? n : 0));
+  }
+
+  void dequeue_burst(std::uint32_t n) {
+    objects_.assign(size_ + 2, nullptr);
+    const std::uint32_t taken = std::min(n, model_.count());
+    EXPECT_EQ(vorn_ring_dequeue_burst(ring_.get(), objects_.data(), n), taken);
+    expect_taken(model_.take(taken));
+  }
+
+  Ring ring_;
+  Model model_;
+  std::uint32_t size_;
+  std::mt19937 random_{1};
+  std::vector<void *> objects_;
+  std::uintptr_t made_ = 0;
+};
+
+// Runs that wrap in every way, and counters that pass 2^32.
+TEST_P(EachMode, DoesAsAQueueDoes) {
+  for (const std::uint32_t size : {1u, 2u, 8u, 16u}) {
+    for (const std::uint32_t counters : {0u, 0x7FFFFFF0u, 0xFFFFFFF3u}) {
+      Comparison comparison{size, GetParam(), counters};
+      for (int step = 0; step < 500 && !HasFailure(); ++step) {
+        comparison.step();
+        comparison.compare_queries();
+      }
+    }
+  }
+  EXPECT_NO_RECORD();
+}
+
+// A thread that is descheduled with a slot reserved makes the next one spin for the rest of its
+// turn, with a slot reserved too: so that they do not go on like that, each yields now and then
+// between two calls.
+void relax(std::uintptr_t calls) {
+  if (calls % 8 == 0) std::this_thread::yield();
+}
+
+// What passes through the ring in the cases with threads: nothing here is atomic, so that the ring
+// alone makes the producer's writes visible.
+struct Item {
+  unsigned int producer = 0;
+  unsigned int number = 0; // in the order of its producer
+  unsigned int taken = 0;
+};
+
+// One thread at an end: moves batches of changing size, each by another of the three calls.
+class Mover {
+public:
+  Mover(vorn_ring_s *ring, unsigned int seed) : ring_(ring), random_(seed) {}
+
+  std::uint32_t put(Item *const *items, std::uint32_t n) {
+    relax(++calls_);
+    void *objects[kMost];
+    std::copy_n(items, n, objects);
+    switch (random_() % 3) {
+    case 0:
+      return vorn_ring_enqueue(ring_, objects[0]) == 0 ? 1 : 0;
+    case 1:
+      return vorn_ring_enqueue_bulk(ring_, objects, n) == 0 ? n : 0;
+    default:
+      return vorn_ring_enqueue_burst(ring_, objects, n);
+    }
+  }
+
+  std::uint32_t take(Item **items, std::uint32_t n) {
+    relax(++calls_);
+    void *objects[kMost];
+    const std::uint32_t taken = take(objects, n);
+    std::transform(objects, objects + taken, items,
+                   [](void *taken_object) { return static_cast<Item *>(taken_object); });
+    return taken;
+  }
+
+  std::uint32_t batch() { return 1 + random_() % kMost; }
+
+  static constexpr std::uint32_t kMost = 7;
+
+private:
+  std::uint32_t take(void **objects, std::uint32_t n) {
+    switch (random_() % 3) {
+    case 0:
+      return vorn_ring_dequeue(ring_, objects) == 0 ? 1 : 0;
+    case 1:
+      return vorn_ring_dequeue_bulk(ring_, objects, n) == 0 ? n : 0;
+    default:
+      return vorn_ring_dequeue_burst(ring_, objects, n);
+    }
+  }
+
+  vorn_ring_s *ring_;
+  std::minstd_rand random_;
+  unsigned int calls_ = 0;
+};
+
+class Traffic {
+public:
+  static constexpr unsigned int kPerProducer = 3000;
+
+  Traffic(std::uint32_t size, std::uint32_t flags)
+      // The counters pass 2^32 in the middle of it.
+      : ring_(make_ring(size, flags, -kPerProducer / 2)),
+        producers_(ring_->producer.single != 0 ? 1 : 3),
+        consumers_(ring_->consumer.single != 0 ? 1 : 3), items_(producers_ * kPerProducer),
+        ready_(producers_ + consumers_), left_(static_cast<int>(items_.size())) {}
+
+  void run() {
+    std::vector<std::thread> threads;
+    for (unsigned int i = 0; i < producers_; ++i)
+      threads.emplace_back([this, i] { produce(i); });
+    for (unsigned int i = 0; i < consumers_; ++i)
+      threads.emplace_back([this, i] { consume(i); });
+    for (std::thread &thread : threads)
+      thread.join();
+  }
+
+  void expect_each_taken_once() const {
+    EXPECT_TRUE(in_order_);
+    EXPECT_EQ(left_, 0);
+    EXPECT_EQ(std::ranges::count(items_, 1u, &Item::taken), std::ssize(items_));
+    EXPECT_EQ(vorn_ring_empty(ring_.get()), 1u);
+    const std::uint32_t counter = -kPerProducer / 2 + static_cast<std::uint32_t>(items_.size());
+    for (const vorn_ring_end_s *end : {&ring_->producer, &ring_->consumer}) {
+      EXPECT_EQ(end->head, counter);
+      EXPECT_EQ(end->tail, counter);
+    }
+  }
+
+private:
+  void produce(unsigned int producer) {
+    ready_.arrive_and_wait();
+    Mover mover{ring_.get(), producer + 1};
+    Item *batch[Mover::kMost];
+    for (unsigned int next = 0; next < kPerProducer && !given_up_;) {
+      const std::uint32_t n = std::min(mover.batch(), kPerProducer - next);
+      for (std::uint32_t i = 0; i < n; ++i) {
+        batch[i] = &items_[producer * kPerProducer + next + i];
+        batch[i]->producer = producer;
+        batch[i]->number = next + i;
+      }
+      const std::uint32_t put = mover.put(batch, n);
+      if (put == 0) std::this_thread::yield();
+      next += put;
+    }
+  }
+
+  void consume(unsigned int consumer) {
+    ready_.arrive_and_wait();
+    Mover mover{ring_.get(), consumer + 11};
+    std::vector<unsigned int> next(producers_);
+    Item *batch[Mover::kMost];
+    while (left_ > 0 && !given_up_) {
+      const std::uint32_t taken = mover.take(batch, mover.batch());
+      if (taken == 0) std::this_thread::yield();
+      for (std::uint32_t i = 0; i < taken; ++i)
+        accept(batch[i], next);
+      left_ -= static_cast<int>(taken);
+    }
+  }
+
+  void accept(Item *item, std::vector<unsigned int> &next) {
+    if (item < items_.data() || item >= items_.data() + items_.size() ||
+        item->number < next[item->producer]) {
+      in_order_ = false;
+      given_up_ = true; // counters may be such that the others would not end
+      return;
+    }
+    next[item->producer] = item->number + 1;
+    ++item->taken;
+  }
+
+  Ring ring_;
+  unsigned int producers_;
+  unsigned int consumers_;
+  std::vector<Item> items_;
+  std::latch ready_;
+  std::atomic<int> left_;
+  std::atomic<bool> in_order_{true};
+  std::atomic<bool> given_up_{false};
+};
+
+TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
+  for (const std::uint32_t size : {2u, 8u, 64u}) {
+    Traffic traffic{size, GetParam()};
+    traffic.run();
+    traffic.expect_each_taken_once();
+  }
+  EXPECT_NO_RECORD();
+}
+
+// Threads that meet at one end: nothing else keeps them apart, as the ring never fills.
+TEST(Ring, GivesNoSlotToTwoThreads) {
+  constexpr std::uintptr_t kEach = 4000;
+  const Ring ring = make_ring(0x4000, 0, 0xFFFFF000);
+  void *objects[2 * kEach];
+  for (std::uintptr_t i = 0; i < std::size(objects); ++i)
+    objects[i] = object(i);
+
+  std::atomic<int> refused{0};
+  const auto meet = [&](auto move) {
+    std::latch ready{2};
+    const auto run = [&](void **first) {
+      ready.arrive_and_wait();
+      for (std::uintptr_t i = 0; i < kEach; ++i) {
+        relax(i);
+        if (move(first + i) != 0) ++refused;
+      }
+    };
+    std::thread other{run, objects + kEach};
+    run(objects);
+    other.join();
+  };
+  meet([&](void *const *from) { return vorn_ring_enqueue(ring.get(), *from); });
+  meet([&](void **to) { return vorn_ring_dequeue(ring.get(), to); });
+
+  EXPECT_EQ(refused, 0);
+  std::ranges::sort(objects);
+  for (std::uintptr_t i = 0; i < std::size(objects); ++i)
+    ASSERT_EQ(objects[i], object(i));
+}
+
+// A thread has reserved a slot and not published it: it was descheduled, say. The parameter:
+// whether at the producers' end.
+class Stalled : public testing::TestWithParam<bool> {
+protected:
+  Stalled() {
+    EXPECT_EQ(vorn_ring_enqueue(ring_.get(), object(1)), 0);
+    EXPECT_EQ(vorn_ring_enqueue(ring_.get(), object(2)), 0);
+    end_.head = end_.tail + 1;
+  }
+
+  int reserve_behind() {
+    void *taken;
+    if (GetParam()) return vorn_ring_enqueue(ring_.get(), object(4));
+    return vorn_ring_dequeue(ring_.get(), &taken);
+  }
+
+  int reserve_none() {
+    if (GetParam()) return vorn_ring_enqueue_bulk(ring_.get(), nullptr, 0);
+    return vorn_ring_dequeue_bulk(ring_.get(), nullptr, 0);
+  }
+
+  void publish() { __atomic_store_n(&end_.tail, end_.tail + 1, __ATOMIC_RELEASE); }
+
+  Ring ring_ = make_ring(8, 0, 0xFFFFFFFD);
+  vorn_ring_end_s &end_ = GetParam() ? ring_->producer : ring_->consumer;
+};
+
+INSTANTIATE_TEST_SUITE_P(Ring, Stalled, testing::Bool(),
+                         [](const auto &end) { return end.param ? "Producer" : "Consumer"; });
+
+TEST_P(Stalled, IsWaitedForByThoseBehind) {
+  const std::uint32_t tail = end_.tail;
+  std::thread behind{[this] { EXPECT_EQ(reserve_behind(), 0); }};
+  while (load(end_.head) != tail + 2)
+    std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
+  EXPECT_EQ(load(end_.tail), tail);
+  publish();
+  behind.join();
+  EXPECT_EQ(load(end_.tail), tail + 2);
+}
+
+TEST_P(Stalled, IsNotSeenByTheQueries) {
+  EXPECT_EQ(vorn_ring_count(ring_.get()), 2u);
+  EXPECT_EQ(vorn_ring_free_count(ring_.get()), 5u);
+}
+
+// A run of no slots has no place in the order of publication.
+TEST_P(Stalled, IsNotWaitedForByABulkOfNone) {
+  const std::uint32_t tail = end_.tail;
+  EXPECT_EQ(reserve_none(), 0);
+  EXPECT_EQ(end_.head, tail + 1);
+  EXPECT_EQ(end_.tail, tail);
+}
+
+} // namespace

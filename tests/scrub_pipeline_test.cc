@@ -1,0 +1,256 @@
+// test-links: scrub_objects
+// The pipeline of vorn-scrub from the inside: order, bounds, and failures in each of its threads.
+#include "pipeline.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "interrupt.hpp"
+#include "scrub.hpp"
+#include "support/scratch.hpp"
+
+namespace {
+
+using scrub::Pipeline;
+
+// Stands before a read of the file of that inode number: errno to fail with, or 0 to go on.
+ino_t watched = 0;
+std::function<int(int fd)> before_read;
+
+} // namespace
+
+// In the place of the system's.
+extern "C" ssize_t read(int fd, void *buffer, size_t size) {
+  struct stat status {};
+  if (watched != 0 && fstat(fd, &status) == 0 && status.st_ino == watched) {
+    const int error = before_read(fd);
+    if (error != 0) {
+      errno = error;
+      return -1;
+    }
+  }
+  return syscall(SYS_read, fd, buffer, size);
+}
+
+namespace {
+
+// Blocks whose number of bytes and content tell their own number.
+std::string bytes_of(std::size_t number, std::size_t room) {
+  return std::string(number * 4099 % (room + 1), static_cast<char>(number));
+}
+
+void expect_checked(const scrub::Blocks &blocks, const std::string &bytes) {
+  ASSERT_EQ(blocks.bytes, bytes.size());
+  ASSERT_EQ(blocks.checksums.size(), scrub::block_count(bytes.size()));
+  const auto all = std::as_bytes(std::span(bytes));
+  for (std::size_t i = 0; i < blocks.checksums.size(); ++i) {
+    const auto block = all.subspan(i * scrub::kBlockSize, scrub::block_length(bytes.size(), i));
+    ASSERT_EQ(blocks.checksums[i], scrub::checksums_of(block)) << "block " << i;
+  }
+}
+
+TEST(Pipeline, KeepsBlocksAndTasksInOrderManyTimesRound) {
+  constexpr std::size_t kCount = 20 * Pipeline::kBatches;
+  Pipeline pipeline;
+  std::size_t done = 0;
+  pipeline.run([&] {
+    for (std::size_t number = 0; number < kCount; ++number) {
+      if (number % 3 == 0) {
+        pipeline.then([&done, number] { EXPECT_EQ(done++, number); });
+        continue;
+      }
+      const std::span<std::byte> room = pipeline.room();
+      ASSERT_GE(room.size(), scrub::kBlockSize);
+      const std::string bytes = bytes_of(number, room.size());
+      std::memcpy(room.data(), bytes.data(), bytes.size());
+      pipeline.then([&done, number, bytes, blocks = pipeline.add_blocks(bytes.size())] {
+        EXPECT_EQ(done++, number);
+        expect_checked(blocks, bytes);
+      });
+    }
+  });
+  EXPECT_EQ(done, kCount);
+}
+
+// As long as the first task is not done, there is room for so many blocks and no more.
+TEST(Pipeline, StopsTheReaderWhenNothingIsTakenFromIt) {
+  constexpr std::size_t kMost = Pipeline::kBatches * Pipeline::kBlocksPerBatch;
+  Pipeline pipeline;
+  std::atomic<std::size_t> added = 0;
+  std::size_t ahead = 0;
+  pipeline.run([&] {
+    for (std::size_t i = 0; i < 4 * kMost; ++i) {
+      pipeline.room();
+      pipeline.add_blocks(1);
+      pipeline.then([&, i] {
+        if (i != 0) return;
+        while (added < kMost)
+          std::this_thread::yield();
+        // So long that the reader would have added more.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ahead = added;
+      });
+      ++added;
+    }
+  });
+  EXPECT_EQ(ahead, kMost);
+  EXPECT_EQ(added, 4 * kMost);
+}
+
+std::string what_run_throws(Pipeline &pipeline, const scrub::Task &read) {
+  try {
+    pipeline.run(read);
+  } catch (const std::exception &failure) {
+    return failure.what();
+  }
+  return "nothing";
+}
+
+TEST(Pipeline, ThrowsWhatTheReaderThrowsBehindAllThatItPassedOn) {
+  for (const unsigned int count : {0u, 1u, 10000u}) {
+    Pipeline pipeline;
+    unsigned int done = 0;
+    EXPECT_EQ(what_run_throws(pipeline,
+                              [&] {
+                                for (unsigned int i = 0; i < count; ++i)
+                                  pipeline.then([&] { ++done; });
+                                pipeline.room();
+                                throw std::runtime_error("reader");
+                              }),
+              "reader");
+    EXPECT_EQ(done, count);
+  }
+}
+
+TEST(Pipeline, EndsTheReadingWhenATaskThrows) {
+  Pipeline pipeline;
+  unsigned int done = 0;
+  EXPECT_EQ(what_run_throws(pipeline,
+                            [&] {
+                              while (true)
+                                pipeline.then([&] {
+                                  if (++done == 100) throw std::runtime_error("task");
+                                });
+                            }),
+            "task");
+  EXPECT_EQ(done, 100u);
+}
+
+TEST(Pipeline, ThrowsTheFirstOfTwoFailures) {
+  Pipeline pipeline;
+  EXPECT_EQ(what_run_throws(pipeline,
+                            [&] {
+                              pipeline.then([] { throw std::runtime_error("task"); });
+                              throw std::runtime_error("reader");
+                            }),
+            "task");
+}
+
+TEST(Pipeline, EndsWhenItIsInterrupted) {
+  scrub::catch_signals();
+  Pipeline pipeline;
+  EXPECT_EQ(what_run_throws(pipeline,
+                            [&] {
+                              while (true)
+                                pipeline.then([] { std::raise(SIGINT); });
+                            }),
+            "interrupted");
+}
+
+// A file of more than all batches together, and one behind it.
+class ScrubRead : public testing::Test {
+protected:
+  static constexpr std::size_t kSize =
+      (Pipeline::kBatches + 2) * Pipeline::kBlocksPerBatch * scrub::kBlockSize;
+
+  ScrubRead() {
+    scratch::write_file(path("large"), std::string(kSize, 'x'));
+    scratch::write_file(path("z"), "behind");
+    job_.root = directory_ / "";
+    job_.places.manifest_directory = job_.places.log_directory = directory_ / "";
+    job_.places.manifest_name = "m";
+  }
+  ~ScrubRead() override { watched = 0; }
+
+  std::string path(const char *name) const { return directory_ / name; }
+
+  // Calls what before the read that takes the reader to the middle of the large file.
+  void in_the_middle(std::function<int(int fd)> what) {
+    struct stat status {};
+    ASSERT_EQ(stat(path("large").c_str(), &status), 0);
+    watched = status.st_ino;
+    before_read = [what = std::move(what), reads = 0](int fd) mutable {
+      return ++reads == static_cast<int>(Pipeline::kBatches / 2) ? what(fd) : 0;
+    };
+  }
+
+  std::string output(scrub::ExitStatus (*job)(const scrub::Job &), scrub::ExitStatus wanted) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(job(job_), wanted);
+    watched = 0;
+    return testing::internal::GetCapturedStdout();
+  }
+
+  scratch::Directory directory_;
+  scrub::Job job_;
+};
+
+#define EXPECT_CONTAINS(text, part)                                                                \
+  EXPECT_NE((text).find(part), std::string::npos) << "wanted: " << (part) << "\n" << (text)
+
+TEST_F(ScrubRead, AReadThatFailsIsReportedOnceAndTheRunGoesOn) {
+  const auto fails = [](int) { return EIO; };
+  in_the_middle(fails);
+  const std::string created = output(scrub::create, scrub::kClean);
+  EXPECT_CONTAINS(created, "SKIPPED     large: Input/output error\n");
+  EXPECT_CONTAINS(created, "1 read, 1 skipped");
+
+  output(scrub::create, scrub::kClean);
+  in_the_middle(fails);
+  const std::string verified = output(scrub::verify, scrub::kDamage);
+  EXPECT_CONTAINS(verified, "UNREADABLE  large: Input/output error\n");
+  EXPECT_CONTAINS(verified, "1 read, 1 unreadable");
+  EXPECT_CONTAINS(verified, "6 (6 B) in 1 block");
+}
+
+TEST_F(ScrubRead, AFileThatShrinksIsSkipped) {
+  const auto shrinks = [this](int) { return truncate(path("large").c_str(), 5000); };
+  in_the_middle(shrinks);
+  EXPECT_CONTAINS(output(scrub::create, scrub::kClean),
+                  "SKIPPED     large: changed while it was read\n");
+
+  scratch::write_file(path("large"), std::string(kSize, 'x'));
+  output(scrub::create, scrub::kClean);
+  in_the_middle(shrinks);
+  const std::string verified = output(scrub::verify, scrub::kClean);
+  EXPECT_CONTAINS(verified, "SKIPPED     large: changed while it was read\n");
+  EXPECT_CONTAINS(verified, "6 (6 B) in 1 block");
+}
+
+TEST_F(ScrubRead, AnInterruptDuringAReadEndsTheRun) {
+  scrub::catch_signals();
+  in_the_middle([](int) {
+    kill(getpid(), SIGINT);
+    return 0;
+  });
+  testing::internal::CaptureStdout();
+  EXPECT_THROW(scrub::create(job_), std::runtime_error);
+  testing::internal::GetCapturedStdout();
+  struct stat status {};
+  EXPECT_NE(stat(path("m.unfinished").c_str(), &status), 0);
+}
+
+} // namespace
