@@ -36,6 +36,9 @@
 #include "vorn_ticketlock.h"
 #include "vorn_time.h"
 #include "vorn_trwlock.h"
+
+#if __has_include(<mxml.h>) /* only services that read XML need to have that header */
 #include "vorn_xml.h"
+#endif
 
 #endif
