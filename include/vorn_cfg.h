@@ -5,10 +5,9 @@
  * blanks around name, key and value do not count. Names are of ASCII letters, digits and "_", at
  * most 63 of them, and case counts. A value is everything behind the first "=", at most 4194303
  * characters (VORN_CFG_VALUE_MAX); there is no quoting and no comment behind it. Lines that begin
- * with ";" or
- * "=", and lines that are neither, are dropped. Items before the first header belong to the section
- * "NULL". A line is cut at a NUL, carriage returns in it are dropped, and one of more than 4194369
- * bytes is read as several lines.
+ * with ";" or "=", and lines that are neither, are dropped. Items before the first header belong to
+ * the section "NULL". A line is cut at a NUL, carriage returns in it are dropped, and one of more
+ * than 4194369 bytes is read as several lines.
  *
  * A section that comes again continues the first one. An item that comes again in its section
  * replaces the earlier one; only vorn_cfg_getItemFromFile answers with the first. A header without
@@ -137,8 +136,8 @@ VORN_API int vorn_cfg_getItemFromFile(const char *path, const char *section, con
  *
  * A section, item or value that holds a line feed or a carriage return is refused. Other names are
  * written as given, though a name that holds anything but letters, digits and "_" is not read back.
- * Neither is a value of more than VORN_CFG_VALUE_MAX characters, and blanks at the ends of a value
- * are not part of what is read back. */
+ * A value of more than VORN_CFG_VALUE_MAX characters is not either: what is behind them is read as
+ * further lines. Blanks at the ends of a value are not part of what is read back. */
 
 /* Sets an item, and makes the file (mode 0600), the section or the item where it is missing. The
  * file is overwritten in place, once its whole new text is built: a crash at that moment may leave
@@ -161,7 +160,8 @@ VORN_API int vorn_cfg_write_item_to_file(const char *path, const char *section, 
  * the target: a crash at any moment leaves the old file or the new one, whole. The new file has the
  * owner, the group and the mode of the old one. When the path is registered, the registry takes
  * over the new content, and values set in memory alone are lost. The file must exist, and the new
- * text must not exceed 4 MiB.
+ * text must not exceed 4 MiB. A symbolic link at path is replaced by the new file, and what it
+ * names stays as it was; so do other links to the old file.
  *
  * In this order: adds an item that does not exist yet, and its section where that is missing, at
  * the end; removes an item, and its section with the last item; removes a section with all its
@@ -177,7 +177,7 @@ VORN_API int vorn_cfg_file_setItemValue(const char *path, const char *section, c
 /* The engine of those four: parses param->path, has v_pfnProc change what was parsed, and replaces
  * the file. fd is a descriptor of the file, which stays the caller's; it is locked meanwhile. When
  * the path names another file by now, that one is opened, locked and edited instead. v_pfnProc
- * gets the section, item and value of param; it must not keep the node. */
+ * gets the section, item and value of param; it must neither keep the node nor edit the file. */
 VORN_API int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param,
                                         vorn_cfg_edit_f v_pfnProc);
 

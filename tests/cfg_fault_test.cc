@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/file.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "evlog.h"
@@ -25,6 +26,12 @@ static int fail_rename = 0;
 static int fail_read = 0;
 static int fail_flock = 0;
 static ssize_t write_limit = -1;
+static std::function<void()> before_rename; // done once
+static std::function<void()> after_reading; // done once, when a file has been read to its end
+
+static void do_once(std::function<void()> &what) {
+  if (what) std::exchange(what, nullptr)();
+}
 
 extern "C" {
 void *__real_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
@@ -57,6 +64,7 @@ int __wrap_fsync(int) { return fail_fsync != 0 ? fail(fail_fsync) : 0; } // the 
 
 int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
+  do_once(before_rename);
   return fail_rename != 0 ? fail(fail_rename) : __real_rename(from, to);
 }
 
@@ -72,7 +80,9 @@ ssize_t __wrap_read(int fd, void *buffer, size_t size) {
   interrupted = !interrupted;
   if (interrupted) return fail(EINTR);
   if (fail_read != 0 && lseek(fd, 0, SEEK_CUR) > 0) return fail(fail_read);
-  return __real_read(fd, buffer, std::min<size_t>(size, 7));
+  const ssize_t length = __real_read(fd, buffer, std::min<size_t>(size, 7));
+  if (length == 0) do_once(after_reading);
+  return length;
 }
 
 ssize_t __real_write(int fd, const void *buffer, size_t size);
@@ -94,7 +104,10 @@ struct CfgFault : testing::Test {
   const std::string path = directory / "f.ini";
   const std::string temporary = path + ".temp";
 
-  CfgFault() { scratch::write_file(path, kText); }
+  CfgFault() {
+    scratch::write_file(path, kText);
+    fails_once = false;
+  }
 
   std::string get(const char *section, const char *item) {
     char value[64] = "?";
@@ -260,6 +273,22 @@ TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeReplaced) {
     EXPECT_NE(access(temporary.c_str(), F_OK), 0);
     EXPECT_EQ(get("s", "k"), "1");
   }
+  vorn_cfg_destroy();
+}
+
+// A registration that has read the old file, in the midst of an edit or around a whole one.
+TEST_F(CfgFault, RegistersWhatIsOnDiskInTheEnd) {
+  ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
+  before_rename = [&] { EXPECT_EQ(vorn_cfg_init(path.c_str()), 0); };
+  EXPECT_EQ(vorn_cfg_file_setItemValue(path.c_str(), "s", "k", "edited"), 0);
+  EXPECT_EQ(get("s", "k"), "edited");
+
+  after_reading = [&] {
+    EXPECT_EQ(vorn_cfg_file_setItemValue(path.c_str(), "s", "k", "again"), 0);
+  };
+  EXPECT_EQ(vorn_cfg_init(path.c_str()), 0);
+  EXPECT_EQ(get("s", "k"), "again");
+  EXPECT_FALSE(before_rename || after_reading);
   vorn_cfg_destroy();
 }
 

@@ -10,9 +10,11 @@
 
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
+#include "base/unique_fd.hpp"
 #include "cfg/vorn_cfg_index.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
+#include "cfg/vorn_cfg_registry.hpp"
 #include "cfg/vorn_cfg_text.hpp"
 #include "list/vorn_list.hpp"
 
@@ -20,6 +22,9 @@ namespace vorn::cfg {
 namespace {
 
 constinit vorn_list_head_s vorn_cfg_file_list = {&vorn_cfg_file_list, &vorn_cfg_file_list};
+
+// How often a file has been put into the registry, under its lock.
+constinit unsigned long registrations = 0;
 
 vorn_cfg_file_node_s *file_of(vorn_list_head_s *link) {
   return vorn_list_entry(link, vorn_cfg_file_node_s, link);
@@ -42,12 +47,26 @@ vorn_cfg_file_node_s *find_file(const char *path) {
 
 // At the head: the newest comes first.
 void link_file(vorn_cfg_file_node_s *file) {
+  ++registrations;
   list::insert_tail(vorn_cfg_file_list.next, &file->link, show_node, VORN_FILE);
 }
 
 FileNode unlink_file(vorn_cfg_file_node_s *file) {
   list::remove(&file->link, show_node, VORN_FILE);
   return FileNode(file);
+}
+
+// Replaces the registered file of the same path, or is the first.
+void register_file(FileNode file) {
+  FileNode old; // goes after the registry's lock
+  WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *registered = find_file(file->path);
+  file->reference_count = 1;
+  if (registered != nullptr) {
+    file->reference_count += registered->reference_count;
+    old = unlink_file(registered);
+  }
+  link_file(file.release());
 }
 
 int give_too_small(const char *function, unsigned int size, std::size_t actual) {
@@ -57,6 +76,36 @@ int give_too_small(const char *function, unsigned int size, std::size_t actual) 
 }
 
 } // namespace
+
+unsigned long update_file(vorn_cfg_file_node_s *file) {
+  index_build(file);
+  FileNode old; // goes after the registry's lock
+  const WriteGuard registry(g_stCfgRwlock);
+  vorn_cfg_file_node_s *registered = find_file(file->path);
+  if (registered == nullptr) {
+    index_drop(file);
+    return kNotRegistered;
+  }
+  file->reference_count = registered->reference_count;
+  old = unlink_file(registered);
+  link_file(file);
+  return registrations;
+}
+
+bool is_latest(unsigned long registration) {
+  const ReadGuard registry(g_stCfgRwlock);
+  return registrations == registration;
+}
+
+void read_again(const char *path) {
+  UniqueFd source;
+  do {
+    FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr, &source);
+    if (file == nullptr || vorn_cfg_updateFileNode(file.get()) != 0) return;
+    file.release();
+  } while (!is_named(path, source.get()));
+}
+
 } // namespace vorn::cfg
 
 vorn_rwlock_s g_stCfgRwlock = VORN_RWLOCK_INIT;
@@ -69,20 +118,16 @@ int vorn_cfg_init_ex(const char *path) {
     VORN_LOG(vorn::kInfo, "Input File is NULL pointer.");
     return -1;
   }
-  FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr);
+  vorn::UniqueFd source;
+  FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr, &source);
   if (file == nullptr) {
     VORN_LOG(vorn::kDebug, "Parse config file %s failed.", path);
     return -1;
   }
-  FileNode old; // goes after the registry's lock
-  WriteGuard registry(g_stCfgRwlock);
-  vorn_cfg_file_node_s *registered = find_file(path);
-  file->reference_count = 1;
-  if (registered != nullptr) {
-    file->reference_count += registered->reference_count;
-    old = unlink_file(registered);
-  }
-  link_file(file.release());
+  register_file(std::move(file));
+  // An edit that was under way may have replaced the file, and what is registered, since it was
+  // read; one that has yet to replace the file sees that another content was registered.
+  if (!is_named(path, source.get())) read_again(path);
   return 0;
 }
 
@@ -202,16 +247,5 @@ int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *
 int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node) {
   using namespace vorn::cfg;
   if (node == nullptr) return VORN_FAIL(-1, "Param is null.");
-  index_build(node);
-  FileNode old; // goes after the registry's lock
-  const WriteGuard registry(g_stCfgRwlock);
-  vorn_cfg_file_node_s *registered = find_file(node->path);
-  if (registered == nullptr) {
-    index_drop(node);
-    return -1;
-  }
-  node->reference_count = registered->reference_count;
-  old = unlink_file(registered);
-  link_file(node);
-  return 0;
+  return update_file(node) == kNotRegistered ? -1 : 0;
 }

@@ -20,14 +20,14 @@ int lock_file(int fd, int operation) {
   return 0;
 }
 
+} // namespace
+
 bool is_named(const char *path, int fd) {
   struct stat named;
   struct stat opened;
   return vorn_stat(path, &named) == 0 && fstat(fd, &opened) == 0 && named.st_dev == opened.st_dev &&
          named.st_ino == opened.st_ino;
 }
-
-} // namespace
 
 UniqueFd open_locked(const char *path, int flags, unsigned int mode) {
   for (;;) {
@@ -43,7 +43,7 @@ PathLock::PathLock(const char *path, int fd) : fd_(fd) {
   vorn_cfg_file_lock(fd);
   if (is_named(path, fd)) return;
   vorn_cfg_file_unlock(fd);
-  own_ = open_locked(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0);
+  own_ = open_locked(path, O_RDWR | O_NONBLOCK | O_CLOEXEC, 0);
   fd_ = own_.get();
 }
 

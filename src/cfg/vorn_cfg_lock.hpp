@@ -43,6 +43,9 @@ private:
   vorn_rwlock_s *lock_;
 };
 
+// Whether path names the open file.
+bool is_named(const char *path, int fd);
+
 // Editors of a file hold its exclusive flock(2). A rename may take the path from the file while
 // they wait for it, and a lock on a file that has no name any more keeps nobody out: so whoever has
 // got the lock checks that the path still names the file, and otherwise opens and locks again.

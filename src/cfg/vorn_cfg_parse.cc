@@ -131,7 +131,8 @@ int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction funct
   return VORN_FAIL(-1, "Read file failed, fd %d errno %d", fd, lines.error());
 }
 
-FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context) {
+FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context,
+                                 UniqueFd *source) {
   if (path == nullptr) {
     VORN_LOG(kError, "Filename null pointer");
     return nullptr;
@@ -143,13 +144,14 @@ FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *
   FileNode node = new_file_node(__func__, path);
   if (node == nullptr) return node;
   WriteGuard hold(node->lock);
-  const UniqueFd fd = open_to_read(path);
+  UniqueFd fd = open_to_read(path);
   if (!fd) {
     const int error = errno;
     VORN_LOG(kError, "Open file (%s) failed, fd %d errno %d", path, fd.get(), error);
     return nullptr;
   }
   if (vorn_cfg_ini_fd_parse(fd.get(), node.get(), function, context) != 0) return nullptr;
+  if (source != nullptr) *source = std::move(fd);
   return node;
 }
 

@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+#include "base/unique_fd.hpp"
 #include "cfg/vorn_cfg_node.hpp"
 
 namespace vorn::cfg {
@@ -25,8 +26,9 @@ inline constexpr int kContinue = 1;
 int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function, void *context);
 
 // Parses a file into a node of its own, whose lock it holds meanwhile. Null unless the result of
-// the parse is 0.
-FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context);
+// the parse is 0; then source, unless it is null, takes the descriptor that was read.
+FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context,
+                                 UniqueFd *source = nullptr);
 
 // The callback that keeps each item in the node. One that it cannot keep is recorded and does not
 // stop the parse; the bool that context points at, unless it is null, becomes false then.

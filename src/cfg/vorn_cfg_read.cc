@@ -22,7 +22,7 @@ int vorn_cfg_getFromFile_proc(vorn_cfg_file_node_s *, const char *section, const
                               void *context) {
   auto *search = static_cast<Search *>(context);
   if (item.name != search->item || std::strcmp(section, search->section) != 0) return kContinue;
-  vorn_cfg_item_s found;
+  vorn_cfg_item_s found{};
   if (copy_text(found.name, sizeof found.name, item.name) != 0 ||
       copy_text(found.value, sizeof found.value, item.value) != 0)
     return VORN_FAIL(-1, "Copy item (%s=%s) fail.", item.name.data(), item.value.data());

@@ -16,6 +16,7 @@
 #include "cfg/vorn_cfg_index.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
+#include "cfg/vorn_cfg_registry.hpp"
 #include "cfg/vorn_cfg_text.hpp"
 #include "vorn_fileops.h"
 
@@ -100,26 +101,23 @@ void sync_folder(const char *function, const char *path) {
   VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, error);
 }
 
-// The registered file as it is on disk, after an edit that did not get there.
-void read_again(const char *path) {
-  FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr);
-  if (node != nullptr && vorn_cfg_updateFileNode(node.get()) == 0) node.release();
-}
-
 // Replaces the locked file by the content of node. The registry takes the content over before the
-// file does, and gives it back where the file then cannot be replaced.
+// file does, and reads the file again where that then cannot be replaced, or where somebody has
+// registered the old content in between.
 int replace_file(const char *function, const char *path, int fd, FileNode node) {
   TemporaryFile file(path, fd);
   if (!file) return -1; // node goes with it: what others can tell of a node kept is its memory
   if (vorn_cfg_writeFnodeTofile(file.fd(), node.get()) != 0)
     return VORN_FAIL_AS(function, -1, "Write node file(%s) failed.", path);
-  const bool is_registered = vorn_cfg_updateFileNode(node.get()) == 0;
+  const unsigned long registration = update_file(node.get());
+  const bool is_registered = registration != kNotRegistered;
   if (is_registered) node.release();
   if (!file.rename_to(path)) {
     const int error = errno;
     if (is_registered) read_again(path);
     return VORN_FAIL_AS(function, -1, "Replace file(%s) failed, errno<%d>.", path, error);
   }
+  if (is_registered && !is_latest(registration)) read_again(path);
   sync_folder(function, path);
   return 0;
 }
