@@ -29,7 +29,7 @@ constexpr std::size_t kCapacity = 1023;
 constexpr int kPatience = 64;
 
 // So many objects pass at least, that all threads run at the same time and are descheduled too.
-constexpr std::uint64_t kMinObjects = 1 << 18;
+constexpr std::uint64_t kMinObjects = 1 << 14;
 
 // What follows are the queues. Of each, a Producer is made for every producing thread, and put()
 // takes as many of the n objects as fit and returns their number; a Consumer likewise, with take().
