@@ -27,9 +27,10 @@ namespace {
 
 constexpr std::size_t kCapacity = 1023;
 constexpr int kPatience = 64;
+constexpr unsigned int kCalls = 1024;
 
 // So many objects pass at least, that all threads run at the same time and are descheduled too.
-constexpr std::uint64_t kMinObjects = 1 << 18;
+constexpr std::uint64_t kMinObjects = 1 << 13;
 
 // What follows are the queues. Of each, a Producer is made for every producing thread, and put()
 // takes as many of the n objects as fit and returns their number; a Consumer likewise, with take().
@@ -166,15 +167,19 @@ struct Moodycamel {
   std::atomic<std::size_t> next_token{0};
 };
 
+// Whoever is descheduled in the middle of an operation can make the others spin for their turns, in
+// the middle of one too, and with some queues they then go on in turns for seconds. In a service
+// they would not, as it does something else with its objects: so everybody yields now and then.
 class Patience {
 public:
-  void spend() {
-    if (++spent_ > kPatience) sched_yield();
+  void spend(std::size_t moved) {
+    failures_ = moved == 0 ? failures_ + 1 : 0;
+    if (failures_ > kPatience || ++calls_ % kCalls == 0) sched_yield();
   }
-  void renew() { spent_ = 0; }
 
 private:
-  int spent_ = 0;
+  int failures_ = 0;
+  unsigned int calls_ = 0;
 };
 
 // One thread's work. The sum of the objects tells whether all came through.
@@ -199,11 +204,7 @@ template <std::size_t kBurst, class Producer> void produce(Producer producer, Sh
       first = 0;
     }
     const std::size_t put = producer.put(objects + first, kBurst - first);
-    if (put == 0) {
-      patience.spend();
-      continue;
-    }
-    patience.renew();
+    patience.spend(put);
     first += put;
     left -= put;
   }
@@ -215,11 +216,7 @@ template <std::size_t kBurst, class Consumer> void consume(Consumer consumer, Sh
   for (std::uint64_t left = share.count; left > 0;) {
     const std::size_t wanted = std::min<std::uint64_t>(kBurst, left);
     const std::size_t taken = consumer.take(objects, wanted);
-    if (taken == 0) {
-      patience.spend();
-      continue;
-    }
-    patience.renew();
+    patience.spend(taken);
     for (std::size_t i = 0; i < taken; ++i)
       share.sum += reinterpret_cast<std::uintptr_t>(objects[i]);
     left -= taken;

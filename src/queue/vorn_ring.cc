@@ -105,10 +105,13 @@ template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_
   return wanted <= available ? wanted : 0;
 }
 
-// Moves the counter on, behind a full barrier. False when another thread was first: expected is
-// then where the counter stands now.
-template <Threads kThreads>
-bool advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
+// What follows is inlined whole into each exported call: where a Run is passed from one function to
+// the next it goes through memory, which takes longer than the barriers do.
+
+// Moves the counter on, with a full barrier behind it. False when another thread was first:
+// expected is then where the counter stands now.
+template <Threads kThreads> [[gnu::always_inline]] inline bool
+advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
   if constexpr (kThreads == Threads::kOne) {
     store(head, next);
     arch::full_barrier();
@@ -122,17 +125,17 @@ bool advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
 
 // Reserves slots at one end: count of them, or what grant() makes of it. ahead is how far this
 // end's head may run in front of the other's tail.
-template <Threads kThreads, Amount kAmount> Run reserve(vorn_ring_end_s &end,
-                                                        const vorn_ring_end_s &other,
-                                                        std::uint32_t ahead, std::uint32_t count) {
-  Run run{load(end.head), 0, 0};
+template <Threads kThreads, Amount kAmount>
+[[gnu::always_inline]] inline Run reserve(vorn_ring_end_s &end, const vorn_ring_end_s &other,
+                                          std::uint32_t ahead, std::uint32_t count) {
+  std::uint32_t head = load(end.head);
   arch::full_barrier();
-  do {
-    run.available = ahead + load(other.tail) - run.head;
-    run.count = grant<kAmount>(count, run.available);
-    if (run.count == 0) return run;
-  } while (!advance<kThreads>(end.head, run.head, run.head + run.count));
-  return run;
+  for (;;) {
+    const std::uint32_t available = ahead + load(other.tail) - head;
+    const std::uint32_t granted = grant<kAmount>(count, available);
+    if (granted == 0) return {head, 0, available};
+    if (advance<kThreads>(end.head, head, head + granted)) return {head, granted, available};
+  }
 }
 
 void wait_for(const Counter &tail, std::uint32_t value) {
@@ -145,38 +148,44 @@ void wait_for(const Counter &tail, std::uint32_t value) {
   }
 }
 
-template <Threads kThreads> void publish(vorn_ring_end_s &end, const Run &run) {
+template <Threads kThreads>
+[[gnu::always_inline]] inline void publish(vorn_ring_end_s &end, const Run &run) {
   if constexpr (kThreads == Threads::kMany) wait_for(end.tail, run.head);
   store(end.tail, run.head + run.count);
 }
 
 // From and to never overlap.
-void copy(void **__restrict to, void *const *__restrict from, std::uint32_t count) {
-  std::uint32_t i = 0;
-  for (; count - i >= 4; i += 4) {
-    to[i] = from[i];
-    to[i + 1] = from[i + 1];
-    to[i + 2] = from[i + 2];
-    to[i + 3] = from[i + 3];
+[[gnu::always_inline]] inline void copy(void **__restrict to, void *const *__restrict from,
+                                        std::uint32_t count) {
+  for (; count >= 4; count -= 4) {
+    to[0] = from[0];
+    to[1] = from[1];
+    to[2] = from[2];
+    to[3] = from[3];
+    to += 4;
+    from += 4;
   }
-  for (; i < count; ++i)
-    to[i] = from[i];
+  if (count > 0) to[0] = from[0];
+  if (count > 1) to[1] = from[1];
+  if (count > 2) to[2] = from[2];
 }
 
-void copy_in(vorn_ring_s &ring, const Run &run, void *const *objs) {
+[[gnu::always_inline]] inline void copy_in(vorn_ring_s &ring, const Run &run, void *const *objs) {
   void **slots = slots_of(ring);
   const std::uint32_t index = run.head & ring.producer.mask;
-  const std::uint32_t straight = std::min(run.count, ring.producer.size - index);
-  copy(slots + index, objs, straight);
-  copy(slots, objs + straight, run.count - straight);
+  const std::uint32_t to_end = ring.producer.size - index;
+  if (run.count <= to_end) return copy(slots + index, objs, run.count);
+  copy(slots + index, objs, to_end);
+  copy(slots, objs + to_end, run.count - to_end);
 }
 
-void copy_out(vorn_ring_s &ring, const Run &run, void **objs) {
+[[gnu::always_inline]] inline void copy_out(vorn_ring_s &ring, const Run &run, void **objs) {
   void **slots = slots_of(ring);
   const std::uint32_t index = run.head & ring.consumer.mask;
-  const std::uint32_t straight = std::min(run.count, ring.consumer.size - index);
-  copy(objs, slots + index, straight);
-  copy(objs + straight, slots, run.count - straight);
+  const std::uint32_t to_end = ring.consumer.size - index;
+  if (run.count <= to_end) return copy(objs, slots + index, run.count);
+  copy(objs, slots + index, to_end);
+  copy(objs + to_end, slots, run.count - to_end);
 }
 
 struct Enqueued {
@@ -188,8 +197,8 @@ bool exceeds_quota(const vorn_ring_s &ring, const Run &run) {
   return ring.producer.mask + 1 - run.available + run.count > ring.watermark;
 }
 
-template <Threads kThreads, Amount kAmount>
-Enqueued enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline Enqueued
+enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
   vorn_ring_end_s &end = ring.producer;
   const Run run = reserve<kThreads, kAmount>(end, ring.consumer, end.mask, n);
   if (run.count == 0) return {0, exceeds_quota(ring, run)};
@@ -200,19 +209,21 @@ Enqueued enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
   return {run.count, over_quota};
 }
 
-template <Amount kAmount> Enqueued enqueue(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+template <Amount kAmount> [[gnu::always_inline]] inline Enqueued
+enqueue(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
   if (ring.producer.single != 0) return enqueue_at<Threads::kOne, kAmount>(ring, objs, n);
   return enqueue_at<Threads::kMany, kAmount>(ring, objs, n);
 }
 
-int enqueue_all(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+[[gnu::always_inline]] inline int enqueue_all(vorn_ring_s &ring, void *const *objs,
+                                              std::uint32_t n) {
   const Enqueued done = enqueue<Amount::kAll>(ring, objs, n);
   if (done.count != n) return -ENOBUFS;
   return done.over_quota ? -EDQUOT : 0;
 }
 
-template <Threads kThreads, Amount kAmount>
-std::uint32_t dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline std::uint32_t
+dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
   vorn_ring_end_s &end = ring.consumer;
   const Run run = reserve<kThreads, kAmount>(end, ring.producer, 0, n);
   if (run.count == 0) return 0;
@@ -222,12 +233,13 @@ std::uint32_t dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
   return run.count;
 }
 
-template <Amount kAmount> std::uint32_t dequeue(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+template <Amount kAmount> [[gnu::always_inline]] inline std::uint32_t
+dequeue(vorn_ring_s &ring, void **objs, std::uint32_t n) {
   if (ring.consumer.single != 0) return dequeue_at<Threads::kOne, kAmount>(ring, objs, n);
   return dequeue_at<Threads::kMany, kAmount>(ring, objs, n);
 }
 
-int dequeue_all(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+[[gnu::always_inline]] inline int dequeue_all(vorn_ring_s &ring, void **objs, std::uint32_t n) {
   return dequeue<Amount::kAll>(ring, objs, n) == n ? 0 : -ENOENT;
 }
 
