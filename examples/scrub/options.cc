@@ -37,12 +37,10 @@ void set_manifest(Places &places, const std::string &path) {
 } // namespace
 
 Options parse_options(int argc, char **argv) {
-  const option known[] = {{"manifest", required_argument, nullptr, 'm'},
-                          {"log", required_argument, nullptr, 'l'},
-                          {"settings", required_argument, nullptr, 's'},
-                          {"help", no_argument, nullptr, 'h'},
-                          {"version", no_argument, nullptr, 'v'},
-                          {nullptr, 0, nullptr, 0}};
+  const option known[] = {
+      {"manifest", required_argument, nullptr, 'm'}, {"log", required_argument, nullptr, 'l'},
+      {"settings", required_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0}};
   const char *manifest = nullptr;
   const char *log = nullptr;
   const char *settings = nullptr;

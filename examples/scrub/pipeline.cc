@@ -40,7 +40,7 @@ void Pipeline::Lane::run_checker(const std::stop_token &stop) {
 
 Pipeline::Pipeline(const Settings &settings)
     : batches_(kBatches, Batch(settings.read_size_limit / kBlockSize)), lanes_(settings.threads),
-      rate_(settings.rate_limit * 1'000'000) {
+      rate_(settings.rate_limit * 1'000'000, vorn_time_getnanosec()) {
   for (Batch &batch : batches_)
     empty_.put(batch);
 }
@@ -56,16 +56,16 @@ void Pipeline::run(const Task &read) {
 
 std::span<std::byte> Pipeline::room() {
   if (batch_ == nullptr || batch_->full()) next_batch();
-  keep_rate();
   return std::span(batch_->buffer).subspan(batch_->count * kBlockSize);
 }
 
 Blocks Pipeline::add_blocks(std::size_t bytes) {
-  rate_.add(bytes, vorn_time_getnanosec());
   const std::size_t first = batch_->count;
   batch_->count += block_count(bytes);
   for (std::size_t i = first; i < batch_->count; ++i)
     batch_->lengths[i] = block_length(bytes, i - first);
+  rate_.add(bytes, vorn_time_getnanosec());
+  keep_rate();
   return {std::span(batch_->checksums).subspan(first, block_count(bytes)), bytes};
 }
 

@@ -50,11 +50,12 @@ public:
   // The following are for read.
 
   // Room for at least one block, and for whole ones, of the read size limit at most. Waits until
-  // there is some and the rate limit allows the next read.
+  // there is some.
   std::span<std::byte> room();
 
-  // Takes the first bytes of that room, to compute the checksums of the blocks that they are. For
-  // tasks that are added before anything else is done here.
+  // Takes the first bytes of that room, to compute the checksums of the blocks that they are, and
+  // waits for as long as the rate limit says that reading them takes. For tasks that are added
+  // before anything else is done here.
   Blocks add_blocks(std::size_t bytes);
 
   // Adds a task, which is run when the checksums of all blocks before it are there.

@@ -9,12 +9,13 @@ namespace scrub {
 
 class RateLimit {
 public:
-  // A reader that was held up may make up for so much time and no more: in any span of time it
-  // reads what the rate allows for the span and for this window, and one read more.
+  // A reader that was held up may make up for so much time and no more: whatever the span, it reads
+  // what the rate allows for the span and for this window, and one read more.
   static constexpr std::uint64_t kWindow = 100'000'000;
 
-  // 0 bytes a second: no limit.
-  explicit RateLimit(std::uint64_t bytes_per_second) : rate_(bytes_per_second) {}
+  // From now on. 0 bytes a second: no limit.
+  RateLimit(std::uint64_t bytes_per_second, std::uint64_t now)
+      : rate_(bytes_per_second), due_(now) {}
 
   // So many bytes have been read, at most 10^10.
   void add(std::uint64_t bytes, std::uint64_t now) {
@@ -28,7 +29,7 @@ public:
 
 private:
   std::uint64_t rate_;
-  std::uint64_t due_ = 0; // when the next read may begin
+  std::uint64_t due_; // when the next read may begin
 };
 
 } // namespace scrub

@@ -95,7 +95,8 @@ void File::check_name(std::string_view line, std::uint64_t number) const {
 
 void File::read(const Item &item, Settings &settings) const {
   char text[64];
-  const int result = vorn_cfg_getItemValue_ex(path_.c_str(), kSection, item.name, text, sizeof text);
+  const int result =
+      vorn_cfg_getItemValue_ex(path_.c_str(), kSection, item.name, text, sizeof text);
   if (result == VORN_CFG_TOO_SMALL)
     refuse(std::string(item.name) + " is too long, wanted: " + wanted(item));
   if (result != 0) return;
@@ -105,7 +106,8 @@ void File::read(const Item &item, Settings &settings) const {
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), value);
   if (error != std::errc() || end != digits.end() || value < item.least || value > item.most ||
       value % item.step != 0)
-    refuse(std::string(item.name) + " is '" + escape(digits).c_str() + "', wanted: " + wanted(item));
+    refuse(std::string(item.name) + " is '" + escape(digits).c_str() +
+           "', wanted: " + wanted(item));
   settings.*item.value = value;
 }
 
