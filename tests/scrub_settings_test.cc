@@ -84,6 +84,10 @@ TEST_F(SettingsFile, IsRefusedWithTheReason) {
   } rows[] = {
       {"", "there is no section [SCRUB]"},
       {"THREADS=2\n[SCRUBBER]\nTHREADS=2\n; [SCRUB]\n", "there is no section [SCRUB]"},
+      {" [SCRUB]\nTHREADS=2\n", "there is no section [SCRUB]"},
+      {"[SCRUB]\n[not a name]\n",
+       "line 2: neither NAME=value nor a comment, which begins with ';'"},
+      {"[SCRUB]\n[A=\n", "line 2: there is no setting [A"},
       {"[SCRUB]\n\nTHREAD=2\n", "line 3: there is no setting THREAD"},
       {"[SCRUB]\nthreads=2\n", "line 2: there is no setting threads"},
       {"[SCRUB]\nTHREADS 2\n", "line 2: neither NAME=value nor a comment, which begins with ';'"},
@@ -128,7 +132,7 @@ TEST_F(SettingsFile, TheSampleHoldsTheDefaults) {
 }
 
 // 10 bytes a second, at these times.
-TEST(RateLimit, IsKeptOnAverageAndMakesUpForAShortDelayAlone) {
+TEST(ReadRate, IsKeptOnAverageAndMakesUpForAShortDelayAlone) {
   constexpr std::uint64_t kStart = 5 * kSecond;
   RateLimit limit(10, kStart);
   EXPECT_EQ(limit.delay(kStart), 0u);
@@ -151,7 +155,7 @@ TEST(RateLimit, IsKeptOnAverageAndMakesUpForAShortDelayAlone) {
   EXPECT_EQ(none.delay(kStart), 0u);
 }
 
-TEST(RateLimit, NeverAllowsMoreThanTheRateInARunOfUnevenReads) {
+TEST(ReadRate, NeverAllowsMoreThanTheRateInARunOfUnevenReads) {
   constexpr std::uint64_t kRate = 1'000'000;
   std::uint64_t now = 7 * kSecond;
   const std::uint64_t start = now;

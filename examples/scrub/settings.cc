@@ -1,6 +1,7 @@
 #include "settings.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <fstream>
 #include <stdexcept>
@@ -49,7 +50,7 @@ public:
   void read(const Item &item, Settings &settings) const;
 
 private:
-  void check_name(std::string_view line, std::uint64_t number) const;
+  void check_item(std::string_view line, std::uint64_t number) const;
   [[noreturn]] void refuse(const std::string &why) const {
     throw std::runtime_error("settings " + path_ + ": " + why);
   }
@@ -59,31 +60,47 @@ private:
 
 std::string_view trimmed(std::string_view text) {
   constexpr char kBlanks[] = " \t\v\f\r";
-  const std::size_t begin = std::min(text.find_first_not_of(kBlanks), text.size());
+  const std::size_t begin = text.find_first_not_of(kBlanks);
+  if (begin == text.npos) return {};
   return text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
 }
 
+bool is_name(std::string_view text) {
+  return !text.empty() && std::ranges::all_of(text, [](unsigned char c) {
+    return std::isalnum(c) != 0 || c == '_';
+  });
+}
+
+// The section that the line opens, empty where it opens none.
+std::string_view section_of(std::string_view line) {
+  if (!line.starts_with('[')) return {};
+  line = trimmed(line);
+  if (!line.ends_with(']')) return {};
+  const std::string_view name = trimmed(line.substr(1, line.size() - 2));
+  return is_name(name) ? name : std::string_view();
+}
+
 // Whoever only looks items up never meets a misspelt one, and the parser drops what it does not
-// understand: here both are found. Sections of others are left to them.
+// understand: here both are found. Other sections are left alone.
 void File::check_lines() const {
   std::ifstream file(path_);
   std::string text;
   bool inside = false;
   bool found = false;
   for (std::uint64_t number = 1; std::getline(file, text); ++number) {
-    const std::string_view line = trimmed(text.c_str());
-    if (line.empty() || line.starts_with(';')) continue;
-    if (line.starts_with('[') && line.ends_with(']')) {
-      inside = trimmed(line.substr(1, line.size() - 2)) == kSection;
+    const std::string_view line(text.c_str());
+    if (const std::string_view section = section_of(line); !section.empty()) {
+      inside = section == kSection;
       found |= inside;
     } else if (inside) {
-      check_name(line, number);
+      check_item(trimmed(line), number);
     }
   }
   if (!found) refuse(std::string("there is no section [") + kSection + "]");
 }
 
-void File::check_name(std::string_view line, std::uint64_t number) const {
+void File::check_item(std::string_view line, std::uint64_t number) const {
+  if (line.empty() || line.starts_with(';')) return;
   const std::string where = "line " + std::to_string(number) + ": ";
   const std::size_t equals = line.find('=');
   if (equals == line.npos)
