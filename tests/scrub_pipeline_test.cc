@@ -62,9 +62,19 @@ void expect_checked(const scrub::Blocks &blocks, const std::string &bytes) {
   }
 }
 
-TEST(Pipeline, KeepsBlocksAndTasksInOrderManyTimesRound) {
+constexpr std::size_t kBlocksPerBatch = scrub::Settings{}.read_size_limit / scrub::kBlockSize;
+
+// With so many threads that compute checksums.
+class PipelineOf : public testing::TestWithParam<unsigned int> {
+protected:
+  const scrub::Settings settings_{.threads = GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Threads, PipelineOf, testing::Values(1, 3));
+
+TEST_P(PipelineOf, KeepsBlocksAndTasksInOrderManyTimesRound) {
   constexpr std::size_t kCount = 20 * Pipeline::kBatches;
-  Pipeline pipeline;
+  Pipeline pipeline(settings_);
   std::size_t done = 0;
   pipeline.run([&] {
     for (std::size_t number = 0; number < kCount; ++number) {
@@ -86,9 +96,9 @@ TEST(Pipeline, KeepsBlocksAndTasksInOrderManyTimesRound) {
 }
 
 // As long as the first task is not done, there is room for so many blocks and no more.
-TEST(Pipeline, StopsTheReaderWhenNothingIsTakenFromIt) {
-  constexpr std::size_t kMost = Pipeline::kBatches * Pipeline::kBlocksPerBatch;
-  Pipeline pipeline;
+TEST_P(PipelineOf, StopsTheReaderWhenNothingIsTakenFromIt) {
+  constexpr std::size_t kMost = Pipeline::kBatches * kBlocksPerBatch;
+  Pipeline pipeline(settings_);
   std::atomic<std::size_t> added = 0;
   std::size_t ahead = 0;
   pipeline.run([&] {
@@ -119,9 +129,9 @@ std::string what_run_throws(Pipeline &pipeline, const scrub::Task &read) {
   return "nothing";
 }
 
-TEST(Pipeline, ThrowsWhatTheReaderThrowsBehindAllThatItPassedOn) {
+TEST_P(PipelineOf, ThrowsWhatTheReaderThrowsBehindAllThatItPassedOn) {
   for (const unsigned int count : {0u, 1u, 10000u}) {
-    Pipeline pipeline;
+    Pipeline pipeline(settings_);
     unsigned int done = 0;
     EXPECT_EQ(what_run_throws(pipeline,
                               [&] {
@@ -135,8 +145,8 @@ TEST(Pipeline, ThrowsWhatTheReaderThrowsBehindAllThatItPassedOn) {
   }
 }
 
-TEST(Pipeline, EndsTheReadingWhenATaskThrows) {
-  Pipeline pipeline;
+TEST_P(PipelineOf, EndsTheReadingWhenATaskThrows) {
+  Pipeline pipeline(settings_);
   unsigned int done = 0;
   EXPECT_EQ(what_run_throws(pipeline,
                             [&] {
@@ -149,8 +159,8 @@ TEST(Pipeline, EndsTheReadingWhenATaskThrows) {
   EXPECT_EQ(done, 100u);
 }
 
-TEST(Pipeline, ThrowsTheFirstOfTwoFailures) {
-  Pipeline pipeline;
+TEST_P(PipelineOf, ThrowsTheFirstOfTwoFailures) {
+  Pipeline pipeline(settings_);
   EXPECT_EQ(what_run_throws(pipeline,
                             [&] {
                               pipeline.then([] { throw std::runtime_error("task"); });
@@ -159,9 +169,9 @@ TEST(Pipeline, ThrowsTheFirstOfTwoFailures) {
             "task");
 }
 
-TEST(Pipeline, EndsWhenItIsInterrupted) {
+TEST_P(PipelineOf, EndsWhenItIsInterrupted) {
   scrub::catch_signals();
-  Pipeline pipeline;
+  Pipeline pipeline(settings_);
   EXPECT_EQ(what_run_throws(pipeline,
                             [&] {
                               while (true)
@@ -174,7 +184,7 @@ TEST(Pipeline, EndsWhenItIsInterrupted) {
 class ScrubRead : public testing::Test {
 protected:
   static constexpr std::size_t kSize =
-      (Pipeline::kBatches + 2) * Pipeline::kBlocksPerBatch * scrub::kBlockSize;
+      (Pipeline::kBatches + 2) * kBlocksPerBatch * scrub::kBlockSize;
 
   ScrubRead() {
     scratch::write_file(path("large"), std::string(kSize, 'x'));

@@ -592,6 +592,24 @@ TEST_F(Scrub, ReplacesNothingButAManifest) {
   EXPECT_TRUE(fs::is_directory(file("d")));
 }
 
+TEST_F(Scrub, TakesSettingsFromAFileAndShowsThem) {
+  write_file(file("a"), pattern(100000));
+  const std::string settings = scratch_ / "scrub.ini";
+  write_file(settings, "[SCRUB]\nREAD_SIZE_LIMIT=8192\nTHREADS=2\nRATE_LIMIT=1000\n");
+  const std::string text = "reads of at most 8,192 bytes, 2 checksum threads, at most 1,000 MB/s";
+  const std::string line = "Settings of " + settings + ": " + text + "\n";
+  EXPECT_OUTCOME(scrub({"create", "--settings", settings, root()}), kClean, line);
+  const Outcome verified = scrub({"verify", "--settings", settings, root()});
+  EXPECT_OUTCOME(verified, kClean, line);
+  EXPECT_OUTCOME(verified, kClean, "3 records of its own in ");
+  EXPECT_EQ(count(read_file(file(".vorn-scrub.log")), text), 2u);
+
+  write_file(settings, "[SCRUB]\nTHREADS=many\n");
+  const Outcome refused = scrub({"verify", "--settings", settings, root()});
+  EXPECT_OUTCOME(refused, kCouldNotRun, "THREADS is 'many', wanted: 1 to 16");
+  EXPECT_FALSE(contains(refused.text, "Verifying")) << refused.text;
+}
+
 TEST_F(Scrub, RefusesWrongCommandLines) {
   const std::string missing = scratch_ / "missing";
   const struct {
@@ -607,6 +625,10 @@ TEST_F(Scrub, RefusesWrongCommandLines) {
       {{"create", root(), "-q"}, kCouldNotRun, "no option -q"},
       {{"create", root(), "--log"}, kCouldNotRun, "--log needs a value"},
       {{"create", root(), "--manifest", root() + "/"}, kCouldNotRun, "names no file"},
+      {{"create", root(), "--settings"}, kCouldNotRun, "--settings needs a value"},
+      {{"create", root(), "--settings", ""}, kCouldNotRun, "--settings names no file"},
+      {{"create", root(), "--settings", missing}, kCouldNotRun, "there is no settings file"},
+      {{"create", root(), "--settings", root()}, kCouldNotRun, "there is no settings file"},
       {{"create", missing}, kCouldNotRun, "there is no directory"},
       {{"create", "--manifest", missing + "/m", root()}, kCouldNotRun, "there is no directory"},
       {{"create", "--manifest", scratch_ / "m", "/dev/null"},

@@ -94,7 +94,7 @@ ExitStatus create(const Job &job) {
 
   Report report(count_bytes(job.root, own));
   Walk walk(job.root, own);
-  Pipeline pipeline;
+  Pipeline pipeline(job.settings);
   Recorder recorder(pipeline, manifest, report);
   pipeline.run([&] { recorder.read(walk); });
   check_interrupt();

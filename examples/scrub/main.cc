@@ -10,6 +10,7 @@
 #include "log.hpp"
 #include "options.hpp"
 #include "scrub.hpp"
+#include "text.hpp"
 #include "vorn_init.h"
 #include "vorn_log.h"
 
@@ -54,18 +55,31 @@ bool is_there(const std::string &path, mode_t type) {
 }
 
 // Asked before the log is opened, so that a mistyped name leaves no log behind.
-std::string what_is_missing(const Job &job, Command command) {
+std::string what_is_missing(const Options &options) {
+  const Job &job = options.job;
   if (!is_there(job.root, S_IFDIR)) return "there is no directory " + job.root;
   if (!is_there(job.places.manifest_directory, S_IFDIR))
     return "there is no directory " + job.places.manifest_directory;
-  if (command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
+  if (!options.settings_file.empty() && !is_there(options.settings_file, S_IFREG))
+    return "there is no settings file " + options.settings_file;
+  if (options.command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
     return "there is no manifest " + job.places.manifest() + ", make one with create";
   return {};
 }
 
-ExitStatus do_job(const Job &job, Command command) {
+void take_settings(Options &options) {
+  if (options.settings_file.empty()) return;
+  options.job.settings = read_settings(options.settings_file);
+  const std::string text = settings_text(options.job.settings);
+  std::printf("Settings of %s: %s\n", options.settings_file.c_str(), text.c_str());
+  SCRUB_LOG(EVLOG_INFO, "settings of %s: %s.", escape(options.settings_file).c_str(), text.c_str());
+}
+
+ExitStatus do_job(Options &options) {
   try {
-    const ExitStatus status = command == Command::kCreate ? create(job) : verify(job);
+    take_settings(options);
+    const Job &job = options.job;
+    const ExitStatus status = options.command == Command::kCreate ? create(job) : verify(job);
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
       return could_not_run("cannot write to standard output");
     return status;
@@ -91,12 +105,12 @@ int run(int argc, char **argv) {
     break;
   }
 
-  const std::string missing = what_is_missing(options.job, options.command);
+  const std::string missing = what_is_missing(options);
   if (!missing.empty()) return refuse(missing.c_str());
   catch_signals();
   const Session session(options.job);
   if (!session.started()) return could_not_run("the library did not start; the log tells why");
-  return do_job(options.job, options.command);
+  return do_job(options);
 }
 
 } // namespace

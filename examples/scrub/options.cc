@@ -8,7 +8,8 @@
 namespace scrub {
 namespace {
 
-constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR] DIR";
+constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR]"
+                          " [--settings FILE] DIR";
 
 Options wrong(const std::string &what) {
   std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\n'vorn-scrub --help' tells more.\n", what.c_str(),
@@ -36,13 +37,13 @@ void set_manifest(Places &places, const std::string &path) {
 } // namespace
 
 Options parse_options(int argc, char **argv) {
-  const option known[] = {{"manifest", required_argument, nullptr, 'm'},
-                          {"log", required_argument, nullptr, 'l'},
-                          {"help", no_argument, nullptr, 'h'},
-                          {"version", no_argument, nullptr, 'v'},
-                          {nullptr, 0, nullptr, 0}};
+  const option known[] = {
+      {"manifest", required_argument, nullptr, 'm'}, {"log", required_argument, nullptr, 'l'},
+      {"settings", required_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0}};
   const char *manifest = nullptr;
   const char *log = nullptr;
+  const char *settings = nullptr;
   opterr = 0;
   for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
     switch (letter) {
@@ -52,10 +53,13 @@ Options parse_options(int argc, char **argv) {
     case 'l':
       log = optarg;
       break;
+    case 's':
+      settings = optarg;
+      break;
     case 'h':
-      return {Command::kHelp, {}};
+      return {Command::kHelp, {}, {}};
     case 'v':
-      return {Command::kVersion, {}};
+      return {Command::kVersion, {}, {}};
     case ':':
       return wrong(std::string(argv[optind - 1]) + " needs a value");
     default:
@@ -79,6 +83,8 @@ Options parse_options(int argc, char **argv) {
   if (places.manifest_name.empty())
     return wrong(std::string("--manifest ") + manifest + " names no file");
   places.log_directory = log != nullptr ? log : places.manifest_directory;
+  if (settings != nullptr && *settings == '\0') return wrong("--settings names no file");
+  if (settings != nullptr) options.settings_file = settings;
   return options;
 }
 
@@ -94,6 +100,8 @@ Tells which files below a directory have been damaged.
 
   --manifest FILE  the manifest; DIR/.vorn-scrub by default
   --log DIR        where the log goes; beside the manifest by default
+  --settings FILE  how much is read at once, how many threads compute checksums
+                   and the rate of reading; scrub.ini is a sample that tells
   --help           this text
   --version        the version
 

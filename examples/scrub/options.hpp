@@ -11,6 +11,7 @@ enum class Command { kCreate, kVerify, kHelp, kVersion, kWrong };
 struct Options {
   Command command = Command::kWrong;
   Job job;
+  std::string settings_file; // empty: none
 };
 
 // Writes what is wrong to standard error.

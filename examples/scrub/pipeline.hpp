@@ -1,18 +1,19 @@
-// Reads, computes checksums and works on the result in three threads at once. Batches of blocks go
+// Reads, computes checksums and works on the result in threads of their own. Batches of blocks go
 // round between them, each handover by a ring of the library:
 //
 //      reader  --filled-->  checker  --checked-->  caller
-//        ^                                            |
+//        ^     --filled-->  checker  --checked-->     |
+//        |                    ...                     |
 //        +-------------------- empty -----------------+
 //
-// There is one thread at each end of a ring, so batches stay in order. There are as many batches as
-// a ring holds: a ring never overflows, who is faster than the others waits for a batch, and memory
+// There is one thread at each end of a ring. The reader gives batches to the checkers in turn and
+// the caller takes them in the same turn, so batches stay in order. There are as many batches as a
+// ring holds: a ring never overflows, who is faster than the others waits for a batch, and memory
 // is bounded whatever the size of the files. A batch holds blocks of several files where they are
 // small.
 #ifndef SCRUB_PIPELINE_HPP
 #define SCRUB_PIPELINE_HPP
 
-#include <array>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -22,6 +23,8 @@
 #include "checksums.hpp"
 #include "handover.hpp"
 #include "memory.hpp"
+#include "rate_limit.hpp"
+#include "settings.hpp"
 
 namespace scrub {
 
@@ -35,10 +38,9 @@ struct Blocks {
 
 class Pipeline {
 public:
-  static constexpr std::size_t kBlocksPerBatch = 32;
   static constexpr unsigned int kBatches = 31; // one less than a power of two
 
-  Pipeline();
+  explicit Pipeline(const Settings &settings);
 
   // Runs read in a thread of its own and, in the calling one, all the tasks that read adds, in
   // their order. What a task throws ends the reading, and is thrown. What read throws is thrown
@@ -47,11 +49,13 @@ public:
 
   // The following are for read.
 
-  // Room for at least one block, and for whole ones. Waits until there is some.
+  // Room for at least one block, and for whole ones, of the read size limit at most. Waits until
+  // there is some.
   std::span<std::byte> room();
 
-  // Takes the first bytes of that room, to compute the checksums of the blocks that they are. For
-  // tasks that are added before anything else is done here.
+  // Takes the first bytes of that room, to compute the checksums of the blocks that they are, and
+  // waits for as long as the rate limit says that reading them takes. For tasks that are added
+  // before anything else is done here.
   Blocks add_blocks(std::size_t bytes);
 
   // Adds a task, which is run when the checksums of all blocks before it are there.
@@ -60,28 +64,52 @@ public:
 private:
   // Blocks that are read, each at its place in the buffer, and the tasks behind them.
   struct Batch {
+    explicit Batch(std::size_t blocks)
+        : buffer(blocks * kBlockSize), lengths(blocks), checksums(blocks) {}
+
+    bool full() const { return count == lengths.size(); }
     void check();
     void clear();
 
-    Vector<std::byte> buffer = Vector<std::byte>(kBlocksPerBatch * kBlockSize);
+    Vector<std::byte> buffer;
     std::size_t count = 0; // of blocks
-    std::array<std::size_t, kBlocksPerBatch> lengths;
-    std::array<Checksums, kBlocksPerBatch> checksums;
+    Vector<std::size_t> lengths;
+    Vector<Checksums> checksums;
     Vector<Task> tasks;
     bool last = false;
   };
 
+  // The way through a checker.
+  struct Lane {
+    void run_checker(const std::stop_token &stop);
+
+    Handover<Batch> filled{kBatches};
+    Handover<Batch> checked{kBatches};
+  };
+
+  // Takes turns, in the same order for whoever has one.
+  class Turn {
+  public:
+    explicit Turn(Vector<Lane> &lanes) : lanes_(lanes) {}
+    Lane &next() { return lanes_[passed_++ % lanes_.size()]; }
+
+  private:
+    Vector<Lane> &lanes_;
+    std::size_t passed_ = 0;
+  };
+
   void next_batch();
+  void keep_rate();
   void run_reader(const Task &read, const std::stop_token &stop);
-  void run_checker(const std::stop_token &stop);
   void run_tasks();
 
   Vector<Batch> batches_;
+  Vector<Lane> lanes_;
   Handover<Batch> empty_{kBatches};
-  Handover<Batch> filled_{kBatches};
-  Handover<Batch> checked_{kBatches};
 
   // Of the reader's thread:
+  Turn turn_{lanes_};
+  RateLimit rate_;
   Batch *batch_ = nullptr; // the one that it fills
   std::stop_token stop_;
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "places.hpp"
+#include "settings.hpp"
 
 namespace scrub {
 
@@ -13,6 +14,7 @@ enum ExitStatus { kClean = 0, kDamage = 1, kCouldNotRun = 2 };
 struct Job {
   std::string root;
   Places places;
+  Settings settings;
   bool has_log = false;
 };
 

@@ -243,7 +243,7 @@ ExitStatus verify(const Job &job) {
   Walk walk(job.root, own);
   Report report(recorded.bytes);
   Comparison comparison(report);
-  Pipeline pipeline;
+  Pipeline pipeline(job.settings);
   Verifier verifier(pipeline, manifest, walk, comparison);
   pipeline.run([&] { verifier.read(); });
   report.finish_verify(job, comparison.read(), walk);

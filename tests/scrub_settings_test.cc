@@ -1,0 +1,276 @@
+// test-links: scrub_objects
+// The settings of vorn-scrub: what a file may say, and what becomes of it.
+#include "settings.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "interrupt.hpp"
+#include "pipeline.hpp"
+#include "rate_limit.hpp"
+#include "scrub.hpp"
+#include "support/scratch.hpp"
+#include "vorn_time.h"
+
+namespace {
+
+using scrub::RateLimit;
+using scrub::Settings;
+
+constexpr std::uint64_t kSecond = 1'000'000'000;
+std::atomic<std::size_t> largest_read = 0;
+
+} // namespace
+
+// In the place of the system's.
+extern "C" ssize_t read(int fd, void *buffer, size_t size) {
+  if (size > largest_read) largest_read = size;
+  return syscall(SYS_read, fd, buffer, size);
+}
+
+namespace {
+
+std::string sample() {
+  return std::filesystem::path(__FILE__).parent_path().parent_path() / "examples/scrub/scrub.ini";
+}
+
+class SettingsFile : public testing::Test {
+protected:
+  // The values in one line, or why they are refused.
+  std::string outcome(const std::string &content) const {
+    scratch::write_file(path_, content);
+    try {
+      const Settings settings = scrub::read_settings(path_);
+      return std::to_string(settings.read_size_limit) + " " + std::to_string(settings.threads) +
+             " " + std::to_string(settings.rate_limit);
+    } catch (const std::runtime_error &why) {
+      return why.what();
+    }
+  }
+
+  scratch::Directory directory_;
+  const std::string path_ = directory_ / "s.ini";
+};
+
+TEST_F(SettingsFile, SetsWhatItSaysAndLeavesTheRest) {
+  const struct {
+    const char *content, *values;
+  } rows[] = {
+      {"[SCRUB]\n", "131072 1 0"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=4096\nTHREADS=1\nRATE_LIMIT=0\n", "4096 1 0"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=1048576\nTHREADS=16\nRATE_LIMIT=100000", "1048576 16 100000"},
+      {"\r\n; of us\r\n[SCRUB]\r\n\t RATE_LIMIT = 20 \r\n", "131072 1 20"},
+      {"[OTHER]\nTHREADS=9\nCOLOUR=red\n[SCRUB]\nTHREADS=2\n[MORE]\nno item\n", "131072 2 0"},
+      {"[SCRUB]\nTHREADS=2\n[OTHER]\nX=1\n[ SCRUB ]\nTHREADS=3\nRATE_LIMIT=007\n", "131072 3 7"},
+  };
+  for (const auto &row : rows)
+    EXPECT_EQ(outcome(row.content), row.values) << row.content;
+}
+
+TEST_F(SettingsFile, IsRefusedWithTheReason) {
+  const struct {
+    std::string content;
+    const char *why;
+  } rows[] = {
+      {"", "there is no section [SCRUB]"},
+      {"THREADS=2\n[SCRUBBER]\nTHREADS=2\n; [SCRUB]\n", "there is no section [SCRUB]"},
+      {" [SCRUB]\nTHREADS=2\n", "there is no section [SCRUB]"},
+      {"[SCRUB]\n[not a name]\n",
+       "line 2: neither NAME=value nor a comment, which begins with ';'"},
+      {"[SCRUB]\n[A=\n", "line 2: there is no setting [A"},
+      {"[SCRUB]\n\nTHREAD=2\n", "line 3: there is no setting THREAD"},
+      {"[SCRUB]\nthreads=2\n", "line 2: there is no setting threads"},
+      {"[SCRUB]\nTHREADS 2\n", "line 2: neither NAME=value nor a comment, which begins with ';'"},
+      {"[SCRUB]\n# THREADS\n", "line 2: neither NAME=value nor a comment, which begins with ';'"},
+      {"[SCRUB]\n=2\n", "line 2: there is no setting "},
+      {"[SCRUB]\nA B\x01=2\n", "line 2: there is no setting A%20B%01"},
+      {"[SCRUB]\nTHREADS=\n", "THREADS is '', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=0\n", "THREADS is '0', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=17\n", "THREADS is '17', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=-1\n", "THREADS is '-1', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=two\n", "THREADS is 'two', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=2x\n", "THREADS is '2x', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=2 ; two\n", "THREADS is '2%20;%20two', wanted: 1 to 16"},
+      {"[SCRUB]\nTHREADS=" + std::string(1000, '1'), "THREADS is too long, wanted: 1 to 16"},
+      {"[SCRUB]\nRATE_LIMIT=100001\n", "RATE_LIMIT is '100001', wanted: 0 to 100000"},
+      {"[SCRUB]\nRATE_LIMIT=1.5\n", "RATE_LIMIT is '1.5', wanted: 0 to 100000"},
+      {"[SCRUB]\nRATE_LIMIT=18446744073709551616\n",
+       "RATE_LIMIT is '18446744073709551616', wanted: 0 to 100000"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=0\n",
+       "READ_SIZE_LIMIT is '0', wanted: 4096 to 1048576, a multiple of 4096"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=5000\n",
+       "READ_SIZE_LIMIT is '5000', wanted: 4096 to 1048576, a multiple of 4096"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=1052672\n",
+       "READ_SIZE_LIMIT is '1052672', wanted: 4096 to 1048576, a multiple of 4096"},
+  };
+  for (const auto &row : rows)
+    EXPECT_EQ(outcome(row.content), "settings " + path_ + ": " + row.why);
+
+  const std::string missing = directory_ / "missing.ini";
+  EXPECT_THROW(scrub::read_settings(missing), std::runtime_error);
+  EXPECT_THROW(scrub::read_settings(directory_.path()), std::runtime_error);
+}
+
+// Every setting stands in the sample, with the value that it has without a file.
+TEST_F(SettingsFile, TheSampleHoldsTheDefaults) {
+  std::string content = scratch::read_file(sample());
+  EXPECT_EQ(outcome(content), outcome("[SCRUB]\n"));
+  for (const auto &[from, to] :
+       {std::pair("=131072", "=8192"), std::pair("=1\n", "=5\n"), std::pair("=0\n", "=6\n")})
+    content.replace(content.find(from), std::string(from).size(), to);
+  EXPECT_EQ(outcome(content), "8192 5 6");
+}
+
+// 10 bytes a second, at these times.
+TEST(ReadRate, IsKeptOnAverageAndMakesUpForAShortDelayAlone) {
+  constexpr std::uint64_t kStart = 5 * kSecond;
+  RateLimit limit(10, kStart);
+  EXPECT_EQ(limit.delay(kStart), 0u);
+  limit.add(10, kStart);
+  EXPECT_EQ(limit.delay(kStart), kSecond);
+  EXPECT_EQ(limit.delay(kStart + kSecond), 0u);
+  // Half a window late: the next read comes that much earlier.
+  limit.add(10, kStart + kSecond + RateLimit::kWindow / 2);
+  EXPECT_EQ(limit.delay(kStart + 2 * kSecond), 0u);
+  EXPECT_EQ(limit.delay(kStart + 2 * kSecond - 1), 1u);
+  // Much later: a window is made up for.
+  limit.add(10, kStart + 60 * kSecond);
+  EXPECT_EQ(limit.delay(kStart + 60 * kSecond), kSecond - RateLimit::kWindow);
+
+  RateLimit uneven(3, kStart);
+  uneven.add(1, kStart);
+  EXPECT_EQ(uneven.delay(kStart), 333'333'334u) << "rounded down, the rate would be exceeded";
+  RateLimit none(0, kStart);
+  none.add(1'000'000'000, kStart);
+  EXPECT_EQ(none.delay(kStart), 0u);
+}
+
+TEST(ReadRate, NeverAllowsMoreThanTheRateInARunOfUnevenReads) {
+  constexpr std::uint64_t kRate = 1'000'000;
+  std::uint64_t now = 7 * kSecond;
+  const std::uint64_t start = now;
+  RateLimit limit(kRate, now);
+  std::uint64_t bytes = 0;
+  for (std::uint64_t i = 0; i < 10000; ++i) {
+    now += i * 7919 % 40 * 1'000'000; // how long the device takes: 20 ms on average
+    const std::uint64_t size = i * 104729 % 131073;
+    bytes += size;
+    limit.add(size, now);
+    now += limit.delay(now) + i % 50 * 1000; // and how late the reader wakes up
+    ASSERT_LE(bytes, (now - start) * kRate / kSecond);
+  }
+  EXPECT_GE(bytes, (now - start) / 100 * 99 * kRate / kSecond);
+}
+
+// A tree of small files and a large one, and its manifest.
+class ScrubWith : public testing::Test {
+protected:
+  ScrubWith() {
+    vorn_gettime_init();
+    std::string content;
+    for (std::size_t i = 0; i < kLarge; ++i)
+      content += static_cast<char>(i * i >> 7);
+    scratch::write_file(directory_ / "tree/large", content);
+    for (std::size_t i = 0; i < 100; ++i)
+      scratch::write_file(directory_ / ("tree/small/" + std::to_string(i)),
+                          content.substr(i, i * 97));
+    job_.root = directory_ / "tree";
+    job_.places.manifest_directory = job_.places.log_directory = directory_ / "";
+    job_.places.manifest_name = "m";
+  }
+
+  // The manifest that is made.
+  std::string created(const Settings &settings) {
+    run(scrub::create, settings);
+    return scratch::read_file(directory_ / "m");
+  }
+
+  void run(scrub::ExitStatus (*job)(const scrub::Job &), const Settings &settings) {
+    job_.settings = settings;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(job(job_), scrub::kClean);
+    testing::internal::GetCapturedStdout();
+  }
+
+  static constexpr std::size_t kLarge = 3'000'000;
+  scratch::Directory directory_;
+  scrub::Job job_;
+};
+
+TEST_F(ScrubWith, AnySettingsTheManifestIsTheSame) {
+  const std::string manifest = created({});
+  for (std::uint64_t threads = 1; threads <= 4; ++threads) {
+    EXPECT_EQ(created({.read_size_limit = 4096 * threads, .threads = threads}), manifest);
+    run(scrub::verify, {.threads = threads});
+  }
+}
+
+TEST_F(ScrubWith, AReadSizeLimitNoReadIsLarger) {
+  for (const std::size_t limit : {4096u, 12288u, 1048576u}) {
+    largest_read = 0;
+    run(scrub::create, {.read_size_limit = limit});
+    EXPECT_EQ(largest_read, limit);
+  }
+}
+
+TEST_F(ScrubWith, ARateLimitARunTakesItsTime) {
+  constexpr std::uint64_t kRate = 20; // MB a second
+  const auto started = std::chrono::steady_clock::now();
+  run(scrub::create, {.rate_limit = kRate});
+  const auto taken = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(taken, std::chrono::microseconds(kLarge / kRate));
+}
+
+// A megabyte takes a second at this rate, and a hundred of them wait for nobody once the run is
+// over.
+class RateWait : public testing::Test {
+protected:
+  RateWait() { vorn_gettime_init(); }
+
+  // Reads them, behind the tasks that before adds.
+  void expect_early_end(const std::function<void(scrub::Pipeline &)> &before, const char *wanted) {
+    const auto started = std::chrono::steady_clock::now();
+    scrub::Pipeline pipeline({.read_size_limit = kMegabyte, .rate_limit = 1});
+    try {
+      pipeline.run([&] {
+        before(pipeline);
+        for (int i = 0; i < 100; ++i) {
+          pipeline.room();
+          pipeline.add_blocks(kMegabyte);
+        }
+      });
+      ADD_FAILURE() << "all of it was read";
+    } catch (const std::runtime_error &why) {
+      EXPECT_STREQ(why.what(), wanted);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
+  }
+
+  static constexpr std::size_t kMegabyte = 1 << 20;
+};
+
+TEST_F(RateWait, EndsWhenATaskThrows) {
+  expect_early_end(
+      [](scrub::Pipeline &pipeline) {
+        for (int i = 0; i < 1000; ++i) // so many that they do not wait for blocks
+          pipeline.then([] { throw std::runtime_error("task"); });
+      },
+      "task");
+}
+
+TEST_F(RateWait, EndsWhenTheRunIsInterrupted) {
+  scrub::catch_signals();
+  expect_early_end([](scrub::Pipeline &) { std::raise(SIGINT); }, "interrupted");
+}
+
+} // namespace
