@@ -1,7 +1,6 @@
-// test-wraps: malloc vsnprintf vorn_system_s
+// test-wraps: malloc vorn_system_s
 #include "vorn_filecmd.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -27,7 +26,6 @@ static std::vector<Started> started;
 static bool dry = false;
 static int dry_result = 0;
 static bool fail_next_malloc = false;
-static bool fail_formats = false;
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -35,12 +33,6 @@ void *__wrap_malloc(size_t size) {
   if (!fail_next_malloc) return __real_malloc(size);
   fail_next_malloc = false;
   return nullptr;
-}
-
-int __real_vsnprintf(char *buffer, size_t size, const char *format, va_list args);
-int __wrap_vsnprintf(char *buffer, size_t size, const char *format, va_list args) {
-  if (fail_formats && std::string(format).rfind("rm -rf", 0) == 0) return -1;
-  return __real_vsnprintf(buffer, size, format, args);
 }
 
 int __real_vorn_system_s(const char *command, const char *whitelist);
@@ -102,7 +94,6 @@ protected:
     started.clear();
     dry = false;
     dry_result = 0;
-    fail_formats = false;
   }
   void TearDown() override { EXPECT_NO_RECORD(); }
 
@@ -144,14 +135,12 @@ TEST_F(Filecmd, NullAndLongPathsAreRefusedByEach) {
       EXPECT_EQ(row.call("one", nullptr), -22);
       EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, row.null_text);
     }
-    for (const size_t length : {1024u, 1900u}) {
-      const std::string path(length, 'b');
-      EXPECT_EQ(row.call(path.c_str(), fits.c_str()), -36);
-      EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, path, fits));
-      if (row.paths == 2) {
-        EXPECT_EQ(row.call(fits.c_str(), path.c_str()), -36);
-        EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, fits, path));
-      }
+    const std::string path(1024, 'b');
+    EXPECT_EQ(row.call(path.c_str(), fits.c_str()), -36);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, path, fits));
+    if (row.paths == 2) {
+      EXPECT_EQ(row.call(fits.c_str(), path.c_str()), -36);
+      EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, fits, path));
     }
     EXPECT_EQ(row.call(std::string(5000, 'c').c_str(), "two"), -36);
     EXPECT_EQ(capture::take().size(), 1u);
@@ -167,26 +156,12 @@ TEST_F(Filecmd, NullAndLongPathsAreRefusedByEach) {
 }
 
 TEST_F(Filecmd, ACommandThatCannotBeWrittenIsNotRun) {
-  dry = true;
   fail_next_malloc = true;
   EXPECT_EQ(vorn_cmd_touch("one"), -12);
   const auto records = capture::take();
   ASSERT_EQ(records.size(), 2u); // the allocator's comes first
   EXPECT_EQ(records[1].function, "vorn_cmd_touch");
-  EXPECT_EQ(records[1].level, EVLOG_ERROR);
   EXPECT_EQ(records[1].text, "AllocCmd is NULL");
-
-  fail_formats = true;
-  unsigned reported = 0;
-  for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(vorn_cmd_rm("one"), -22);
-  for (const auto &record : capture::take()) {
-    if (record.text != "sprintf_s secure function failed, destMax<4096>.") continue;
-    EXPECT_EQ(record.level, EVLOG_ERROR);
-    EXPECT_EQ(record.function, "vorn_cmd_rm");
-    ++reported;
-  }
-  EXPECT_EQ(reported, 3u);
   EXPECT_TRUE(started.empty());
 }
 
@@ -243,15 +218,6 @@ TEST_F(Filecmd, AFolderIsMadeWhenItsMakingReturns) {
   usleep(20000);
   for (int i = 0; i < 8; ++i)
     EXPECT_FALSE(is_there(one + std::to_string(i) + "/with/some/above"));
-  EXPECT_EQ(vorn_cmd_mkdir((one + "0").c_str()), 0);
-}
-
-TEST_F(Filecmd, AFolderThatCannotBeMadeIsAFailure) {
-  scratch::write_file(one, "a file");
-  for (const std::string &path : {one, one + "/folder"}) {
-    expect_failed("vorn_cmd_mkdir", "mkdir -p " + path + " &>/dev/null",
-                  vorn_cmd_mkdir(path.c_str()));
-  }
 }
 
 // As if the background mkdir of the shell had all the time in the world.
@@ -262,7 +228,11 @@ TEST_F(Filecmd, AFolderIsMadeWhereTheShellLeavesItsCommandBehind) {
     EXPECT_EQ(vorn_cmd_mkdir(path.c_str()), 0);
     EXPECT_TRUE(is_folder(path));
   }
-  expect_failed("vorn_cmd_mkdir", "mkdir -p  &>/dev/null", vorn_cmd_mkdir(""));
+  scratch::write_file(two, "a file");
+  for (const std::string &path : {std::string(), two, two + "/folder"}) {
+    expect_failed("vorn_cmd_mkdir", "mkdir -p " + path + " &>/dev/null",
+                  vorn_cmd_mkdir(path.c_str()));
+  }
   ASSERT_EQ(chdir("/"), 0);
 }
 
