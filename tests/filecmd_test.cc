@@ -1,6 +1,8 @@
-// test-wraps: malloc vorn_system_s
+// test-wraps: malloc vsnprintf vorn_system_s
 #include "vorn_filecmd.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -26,6 +28,7 @@ static std::vector<Started> started;
 static bool dry = false;
 static int dry_result = 0;
 static bool fail_next_malloc = false;
+static bool fail_formats = false;
 
 extern "C" {
 void *__real_malloc(size_t size);
@@ -33,6 +36,12 @@ void *__wrap_malloc(size_t size) {
   if (!fail_next_malloc) return __real_malloc(size);
   fail_next_malloc = false;
   return nullptr;
+}
+
+int __real_vsnprintf(char *buffer, size_t size, const char *format, va_list args);
+int __wrap_vsnprintf(char *buffer, size_t size, const char *format, va_list args) {
+  if (fail_formats && std::string(format).starts_with("rm -rf")) return -1;
+  return __real_vsnprintf(buffer, size, format, args);
 }
 
 int __real_vorn_system_s(const char *command, const char *whitelist);
@@ -162,6 +171,14 @@ TEST_F(Filecmd, ACommandThatCannotBeWrittenIsNotRun) {
   ASSERT_EQ(records.size(), 2u); // the allocator's comes first
   EXPECT_EQ(records[1].function, "vorn_cmd_touch");
   EXPECT_EQ(records[1].text, "AllocCmd is NULL");
+
+  fail_formats = true;
+  for (int i = 0; i < 10; ++i)
+    EXPECT_EQ(vorn_cmd_rm("one"), -22);
+  fail_formats = false;
+  const std::string text = "sprintf_s secure function failed, destMax<4096>.";
+  const auto texts = capture::take_texts();
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), text), 3); // and no more for some time
   EXPECT_TRUE(started.empty());
 }
 
