@@ -233,18 +233,13 @@ TEST_F(CfgFault, LeavesOutWhatThereIsNoMemoryFor) {
 }
 
 TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeReplaced) {
-  struct {
-    int *error;
-    int value;
-  } const faults[] = {{&fail_rename, EXDEV}, {&fail_fsync, EIO}};
   ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
-  for (const auto &fault : faults) {
-    *fault.error = fault.value;
-    capture::take();
+  capture::take();
+  for (int *fault : {&fail_rename, &fail_fsync}) {
+    *fault = EIO;
     EXPECT_EQ(vorn_cfg_file_setItemValue(path.c_str(), "s", "k", "new"), -1);
-    *fault.error = 0;
-    EXPECT_EQ(capture::take_texts().front(),
-              "Replace file(" + path + ") failed, errno<" + std::to_string(fault.value) + ">.");
+    *fault = 0;
+    EXPECT_EQ(capture::take_texts().front(), "Replace file(" + path + ") failed, errno<5>.");
     EXPECT_EQ(scratch::read_file(path), kText);
     EXPECT_NE(access(temporary.c_str(), F_OK), 0);
     EXPECT_EQ(get("s", "k"), "1");

@@ -182,36 +182,31 @@ TEST_F(ConfigurationStore, RefusesBeforeAnyRequest) {
 TEST_F(ConfigurationStore, TellsWhatFailed) {
   const struct {
     int open_error, result, ioctl_error;
-    const char *text; // of the request; "": none
+    std::vector<std::string> texts; // of the request
   } rows[] = {
-      {ENOENT, 0, 0, "Open file failed, errno 2"},
-      {0, -1, EIO, "Ioctl failed, errno 5"},
-      {0, -1, EPERM, ""},
-      {0, 3, EIO, ""},
+      {ENOENT, 0, 0, {"Open file failed, errno 2"}},
+      {0, -1, EIO, {"Ioctl failed, errno 5"}},
+      {0, -1, EPERM, {}},
+      {0, 3, EIO, {}},
   };
   for (const auto &row : rows) {
     open_error = row.open_error;
     ioctl_result = row.result;
     ioctl_error = row.ioctl_error;
-    const auto expect_chain = [&](const std::string &function, const std::string &text) {
-      std::vector<std::string> wanted = {"vorn_cst_syscall: " + std::string(row.text)};
-      if (row.text[0] == '\0') wanted.clear();
-      wanted.push_back(function + ": " + text);
-      std::vector<std::string> chain;
-      for (const auto &record : capture::take())
-        chain.push_back(record.function + ": " + record.text);
-      EXPECT_EQ(chain, wanted);
+    const auto expect_failure = [&](int result, const std::string &text) {
+      EXPECT_EQ(result, -1);
+      auto wanted = row.texts;
+      wanted.push_back(text);
+      EXPECT_EQ(capture::take_texts(), wanted);
       EXPECT_EQ(fcntl(last_fd, F_GETFD), -1);
     };
     char out[VORN_CST_VALUE_SIZE] = "before";
-    EXPECT_EQ(vorn_cst_getItem("sec", "item", out, sizeof out), -1);
-    expect_chain("vorn_cst_getItem", "Get item failed, section(sec) item name(item), cmd(256).");
+    expect_failure(vorn_cst_getItem("sec", "item", out, sizeof out),
+                   "Get item failed, section(sec) item name(item), cmd(256).");
     EXPECT_STREQ(out, "before");
-    EXPECT_EQ(vorn_cst_setItem("sec", "item", "value"), -1);
-    expect_chain("vorn_cst_setItem",
-                 "Set item failed, section(sec) itemName(item) itemValue(value)");
-    EXPECT_EQ(vorn_cst_reloadConfig(), -1);
-    expect_chain("vorn_cst_reloadConfig", "Reload config fail");
+    expect_failure(vorn_cst_setItem("sec", "item", "value"),
+                   "Set item failed, section(sec) itemName(item) itemValue(value)");
+    expect_failure(vorn_cst_reloadConfig(), "Reload config fail");
   }
 }
 

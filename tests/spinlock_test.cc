@@ -173,10 +173,7 @@ std::string place(uintptr_t address) {
   return text;
 }
 
-std::string the_record() {
-  const auto texts = capture::take_texts();
-  return texts.size() == 1 ? texts[0] : "not one record";
-}
+std::string the_record() { return capture::take_texts().at(0); }
 
 std::string stack_text(const std::string &first, uintptr_t second, uintptr_t third) {
   return "current tid:" + std::to_string(gettid()) + ", stack:" + first + " << " + place(second) +
