@@ -1,6 +1,7 @@
 // test-wraps: malloc vsnprintf vorn_system_s
 #include "vorn_filecmd.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -39,7 +40,7 @@ void *__wrap_malloc(size_t size) {
 
 int __real_vsnprintf(char *buffer, size_t size, const char *format, va_list args);
 int __wrap_vsnprintf(char *buffer, size_t size, const char *format, va_list args) {
-  if (fail_formats && std::string(format).rfind("rm -rf", 0) == 0) return -1;
+  if (fail_formats && std::string(format).starts_with("rm -rf")) return -1;
   return __real_vsnprintf(buffer, size, format, args);
 }
 
@@ -102,7 +103,6 @@ protected:
     started.clear();
     dry = false;
     dry_result = 0;
-    fail_formats = false;
   }
   void TearDown() override { EXPECT_NO_RECORD(); }
 
@@ -144,14 +144,12 @@ TEST_F(Filecmd, NullAndLongPathsAreRefusedByEach) {
       EXPECT_EQ(row.call("one", nullptr), -22);
       EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, row.null_text);
     }
-    for (const size_t length : {1024u, 1900u}) {
-      const std::string path(length, 'b');
-      EXPECT_EQ(row.call(path.c_str(), fits.c_str()), -36);
-      EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, path, fits));
-      if (row.paths == 2) {
-        EXPECT_EQ(row.call(fits.c_str(), path.c_str()), -36);
-        EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, fits, path));
-      }
+    const std::string path(1024, 'b');
+    EXPECT_EQ(row.call(path.c_str(), fits.c_str()), -36);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, path, fits));
+    if (row.paths == 2) {
+      EXPECT_EQ(row.call(fits.c_str(), path.c_str()), -36);
+      EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, row.name, filled(row.long_text, fits, path));
     }
     EXPECT_EQ(row.call(std::string(5000, 'c').c_str(), "two"), -36);
     EXPECT_EQ(capture::take().size(), 1u);
@@ -167,26 +165,20 @@ TEST_F(Filecmd, NullAndLongPathsAreRefusedByEach) {
 }
 
 TEST_F(Filecmd, ACommandThatCannotBeWrittenIsNotRun) {
-  dry = true;
   fail_next_malloc = true;
   EXPECT_EQ(vorn_cmd_touch("one"), -12);
   const auto records = capture::take();
   ASSERT_EQ(records.size(), 2u); // the allocator's comes first
   EXPECT_EQ(records[1].function, "vorn_cmd_touch");
-  EXPECT_EQ(records[1].level, EVLOG_ERROR);
   EXPECT_EQ(records[1].text, "AllocCmd is NULL");
 
   fail_formats = true;
-  unsigned reported = 0;
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(vorn_cmd_rm("one"), -22);
-  for (const auto &record : capture::take()) {
-    if (record.text != "sprintf_s secure function failed, destMax<4096>.") continue;
-    EXPECT_EQ(record.level, EVLOG_ERROR);
-    EXPECT_EQ(record.function, "vorn_cmd_rm");
-    ++reported;
-  }
-  EXPECT_EQ(reported, 3u);
+  fail_formats = false;
+  const std::string text = "sprintf_s secure function failed, destMax<4096>.";
+  const auto texts = capture::take_texts();
+  EXPECT_EQ(std::count(texts.begin(), texts.end(), text), 3); // and no more for some time
   EXPECT_TRUE(started.empty());
 }
 
@@ -243,15 +235,6 @@ TEST_F(Filecmd, AFolderIsMadeWhenItsMakingReturns) {
   usleep(20000);
   for (int i = 0; i < 8; ++i)
     EXPECT_FALSE(is_there(one + std::to_string(i) + "/with/some/above"));
-  EXPECT_EQ(vorn_cmd_mkdir((one + "0").c_str()), 0);
-}
-
-TEST_F(Filecmd, AFolderThatCannotBeMadeIsAFailure) {
-  scratch::write_file(one, "a file");
-  for (const std::string &path : {one, one + "/folder"}) {
-    expect_failed("vorn_cmd_mkdir", "mkdir -p " + path + " &>/dev/null",
-                  vorn_cmd_mkdir(path.c_str()));
-  }
 }
 
 // As if the background mkdir of the shell had all the time in the world.
@@ -262,7 +245,11 @@ TEST_F(Filecmd, AFolderIsMadeWhereTheShellLeavesItsCommandBehind) {
     EXPECT_EQ(vorn_cmd_mkdir(path.c_str()), 0);
     EXPECT_TRUE(is_folder(path));
   }
-  expect_failed("vorn_cmd_mkdir", "mkdir -p  &>/dev/null", vorn_cmd_mkdir(""));
+  scratch::write_file(two, "a file");
+  for (const std::string &path : {std::string(), two, two + "/folder"}) {
+    expect_failed("vorn_cmd_mkdir", "mkdir -p " + path + " &>/dev/null",
+                  vorn_cmd_mkdir(path.c_str()));
+  }
   ASSERT_EQ(chdir("/"), 0);
 }
 

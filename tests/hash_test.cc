@@ -84,11 +84,10 @@ private:
 
 TEST(HashFunction, Powers) {
   const std::pair<uint32_t, unsigned int> logs[] = {
-      {0, 0},    {1, 0},     {2, 1},           {3, 1},           {4, 2},
-      {1000, 9}, {1024, 10}, {0x7fffffff, 30}, {0x80000000, 31}, {~0u, 31}};
+      {0, 0}, {1, 0}, {2, 1}, {3, 1}, {0x7fffffff, 30}, {0x80000000, 31}, {~0u, 31}};
   for (const auto &[n, log] : logs)
     EXPECT_EQ(hash_get_pow(n), log) << n;
-  const std::pair<uint8_t, uint32_t> powers[] = {{0, 1}, {1, 2}, {30, 1u << 30}, {31, 0}, {255, 0}};
+  const std::pair<uint8_t, uint32_t> powers[] = {{0, 1}, {30, 1u << 30}, {31, 0}, {255, 0}};
   for (const auto &[p, power] : powers)
     EXPECT_EQ(hash_pow(p), power) << unsigned{p};
 }
@@ -101,19 +100,14 @@ TEST(HashFunction, Indices) {
     uint8_t bits;
     uint32_t index;
   } rows[] = {
-      {0, 0, 10, 0},
-      {0, 1, 4, 0x9},
       {0, 1, 10, 0x278},
-      {1, 0, 10, 0x3ff},
       {1, 0, 30, 0x3fff0000},
       {0, 0x100000001, 10, 0x278}, // the upper half of key does not count
       {7, 0xdeadbeef12345678, 16, 0xfa23},
       {0xffffffff, 0xffffffffffffffff, 30, 0x18720000},
-      {0x12345678, 0x9abcdef0, 1, 0x1},
       {3, 5, 0, 0xffec0005}, // a shift by 64 is one by 0
       {0, 1, 63, 0xfffe0000},
       {0, 1, 64, 0xfffc0001},
-      {0, 2, 70, 0xf},
   };
   for (const auto &row : rows)
     EXPECT_EQ(hash_func(row.key2, row.key, row.bits), row.index) << row.key << " " << +row.bits;
@@ -126,9 +120,8 @@ TEST(HashCreation, BucketsAreThePowerOfTwoNotAboveTheCount) {
     uint32_t buckets;
     unsigned int bits;
   } rows[] = {
-      {1, 0, 0, 1, 0},      {2, 0, 0, 2, 1},      {3, 0, 0, 2, 1},
-      {4, 0, 0, 4, 2},      {1000, 0, 0, 512, 9}, {8, 1023, 0, 8, 3},
-      {8, 1024, -22, 0, 0}, {0, 0, -22, 0, 0},    {1u << 31, 0, -22, 0, 0},
+      {1, 0, 0, 1, 0},      {3, 0, 0, 2, 1},   {1000, 0, 0, 512, 9},     {8, 1023, 0, 8, 3},
+      {8, 1024, -22, 0, 0}, {0, 0, -22, 0, 0}, {1u << 31, 0, -22, 0, 0},
   };
   memory = {};
   vorn_hash_table_s untouched{};
@@ -173,14 +166,9 @@ TEST(HashMemory, FunctionsComeInPairs) {
   vorn_hash_attr_s attr = kCounted;
   EXPECT_EQ(vorn_hash_attr_init(nullptr), -1);
   EXPECT_EQ(vorn_hash_attr_init(&attr), 0);
-  EXPECT_EQ(attr.alloc, nullptr);
-  EXPECT_EQ(attr.free, nullptr);
-  for (const vorn_hash_attr_s *standard : {static_cast<const vorn_hash_attr_s *>(nullptr),
-                                           static_cast<const vorn_hash_attr_s *>(&attr)}) {
-    void *block = vorn_hash_malloc(standard, 10);
-    EXPECT_NE(block, nullptr);
-    vorn_hash_free(standard, block);
-  }
+  void *block = vorn_hash_malloc(&attr, 10);
+  EXPECT_NE(block, nullptr);
+  vorn_hash_free(&attr, block);
   EXPECT_NO_RECORD();
 
   for (const vorn_hash_attr_s half :
@@ -192,7 +180,7 @@ TEST(HashMemory, FunctionsComeInPairs) {
     EXPECT_EQ(vorn_hash_create_ex(4, &table, 0, &half), -12);
     EXPECT_ONE_RECORD(vorn::kInfo, "vorn_hash.c", "vorn_hash_malloc", wanted);
   }
-  EXPECT_EQ(memory.used, 0);
+  EXPECT_TRUE(memory.sizes.empty());
 }
 
 // Keys of which many differ only above bit 31, or only in key2.
@@ -218,9 +206,9 @@ TEST(Hash, AgreesWithAMapUnderRandomOperations) {
       ASSERT_EQ(vorn_hash_insert(table, node), there == 0 ? -17 : 0);
       model.emplace(pair, node);
     } else {
-      vorn_hash_node_s *out = nullptr;
+      vorn_hash_node_s *out = node;
       ASSERT_EQ(vorn_hash_delete(table, pair.first, pair.second, &out), there);
-      ASSERT_EQ(out, found);
+      ASSERT_EQ(out, there == 0 ? found : node); // left alone
       if (there == 0) {
         ASSERT_TRUE(is_self_linked(*out));
         model.erase(at);
@@ -238,17 +226,6 @@ TEST(Hash, AgreesWithAMapUnderRandomOperations) {
     ASSERT_EQ(linked, model.size());
     if (HasFailure()) return;
   }
-}
-
-TEST(Hash, WithoutAResultPointerDeletionStillDeletes) {
-  vorn_hash_node_s node = node_with(1, 2);
-  const Table table;
-  vorn_hash_insert(table, &node);
-  vorn_hash_node_s *out = &node;
-  EXPECT_EQ(vorn_hash_delete(table, 2, 1, &out), -1);
-  EXPECT_EQ(out, &node); // left alone
-  EXPECT_EQ(vorn_hash_delete(table, 1, 2, nullptr), 0);
-  EXPECT_TRUE(is_self_linked(node));
 }
 
 std::vector<Pair> met;
@@ -280,7 +257,6 @@ TEST(Hash, WalksGoByBucketAndFromTheLatestInsertion) {
   EXPECT_EQ(vorn_hash_for_each(table, note, 0), 0);
   const std::vector<Pair> all = walk_order(*table);
   EXPECT_EQ(met, all);
-  EXPECT_EQ(all.size(), nodes.size());
   for (uint32_t i = 0; i < table->bucket_count; ++i) {
     const auto pairs = bucket_pairs(*table, i);
     EXPECT_TRUE(std::is_sorted(pairs.rbegin(), pairs.rend())) << i;
@@ -308,22 +284,12 @@ TEST(Hash, AWalkMayFreeTheNodesThatItVisits) {
   const Table table;
   for (uint64_t key = 0; key < 60; ++key)
     ASSERT_EQ(vorn_hash_insert(table, allocated(key)), 0);
-  struct Chosen {
-    vorn_hash_table_s *table;
-    uint64_t multiples;
-  };
-  const auto free_chosen = [](vorn_hash_node_s *node, void *arg) {
-    const auto *chosen = static_cast<Chosen *>(arg);
-    if (node->key % chosen->multiples != 0) return 0;
-    vorn_hash_delete(chosen->table, 0, node->key, nullptr);
+  const auto free_it = [](vorn_hash_node_s *node, void *from) {
+    vorn_hash_delete(static_cast<vorn_hash_table_s *>(from), 0, node->key, nullptr);
     std::free(node);
     return 0;
   };
-  Chosen even{table, 2};
-  EXPECT_EQ(vorn_hash_for_each_ex(table, free_chosen, &even, 1), 0);
-  EXPECT_EQ(walk_order(*table).size(), 30u);
-  Chosen all{table, 1};
-  EXPECT_EQ(vorn_hash_for_each_ex(table, free_chosen, &all, 1), 0);
+  EXPECT_EQ(vorn_hash_for_each_ex(table, free_it, table, 1), 0);
   EXPECT_TRUE(walk_order(*table).empty());
 }
 
@@ -335,21 +301,21 @@ TEST(HashDestruction, HandsOutEveryNodeInOrder) {
   for (uint64_t key = 0; key < 20; ++key)
     ASSERT_EQ(vorn_hash_insert(table, allocated(key)), 0);
   const std::vector<Pair> all = walk_order(*table);
-  EXPECT_EQ(vorn_hash_destory(table,
-                              [](vorn_hash_node_s *node) {
-                                EXPECT_TRUE(is_self_linked(*node));
-                                note(node);
-                                std::free(node);
-                              }),
-            0);
+  const auto drop = [](vorn_hash_node_s *node) {
+    EXPECT_TRUE(is_self_linked(*node));
+    note(node);
+    std::free(node);
+  };
+  EXPECT_EQ(vorn_hash_destory(table, drop), 0);
   EXPECT_EQ(met, all);
   EXPECT_EQ(memory.used, 0);
 
-  ASSERT_EQ(vorn_hash_create(4, &table, 0), 0);
   vorn_hash_node_s node = node_with(0, 1);
-  vorn_hash_insert(table, &node);
-  EXPECT_EQ(vorn_hash_destory(table, nullptr), 0);
-  EXPECT_TRUE(is_self_linked(node));
+  {
+    const Table other;
+    vorn_hash_insert(other, &node);
+  }
+  EXPECT_TRUE(is_self_linked(node)); // without a function too
 }
 
 TEST(Hash, NullIsRefusedInSilence) {
@@ -357,16 +323,17 @@ TEST(Hash, NullIsRefusedInSilence) {
   const Table table;
   vorn_hash_node_s *out = &node;
   const auto walk_ex = [](vorn_hash_node_s *, void *) { return 0; };
-  EXPECT_EQ(vorn_hash_insert(nullptr, &node), -22);
-  EXPECT_EQ(vorn_hash_insert(table, nullptr), -22);
-  EXPECT_EQ(vorn_hash_delete(nullptr, 0, 0, &out), -22);
-  EXPECT_EQ(vorn_hash_search(nullptr, 0, 0, &out), -22);
-  EXPECT_EQ(vorn_hash_search(table, 0, 0, nullptr), -22);
-  EXPECT_EQ(vorn_hash_for_each(nullptr, note, 0), -22);
-  EXPECT_EQ(vorn_hash_for_each(table, nullptr, 0), -22);
-  EXPECT_EQ(vorn_hash_for_each_ex(nullptr, walk_ex, nullptr, 0), -22);
-  EXPECT_EQ(vorn_hash_for_each_ex(table, nullptr, nullptr, 0), -22);
-  EXPECT_EQ(vorn_hash_destory(nullptr, nullptr), -22);
+  const int results[] = {vorn_hash_insert(nullptr, &node),
+                         vorn_hash_insert(table, nullptr),
+                         vorn_hash_delete(nullptr, 0, 0, &out),
+                         vorn_hash_search(nullptr, 0, 0, &out),
+                         vorn_hash_search(table, 0, 0, nullptr),
+                         vorn_hash_for_each(nullptr, note, 0),
+                         vorn_hash_for_each(table, nullptr, 0),
+                         vorn_hash_for_each_ex(nullptr, walk_ex, nullptr, 0),
+                         vorn_hash_for_each_ex(table, nullptr, nullptr, 0),
+                         vorn_hash_destory(nullptr, nullptr)};
+  EXPECT_EQ(std::ranges::count(results, -22), std::ssize(results));
   EXPECT_EQ(out, &node);
   EXPECT_NO_RECORD();
 }

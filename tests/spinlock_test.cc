@@ -34,30 +34,15 @@ void vorn_schedule() { g_yield(); }
 
 namespace {
 
-TEST(Spinlock, BothInitialisersAndZeroGiveAFreeLock) {
-  vorn_spinlock_s started;
-  std::memset(&started, 0x5A, sizeof started);
-  vorn_spinlock_init(&started);
-  const vorn_spinlock_s constant = VORN_SPINLOCK_INIT;
-  for (const vorn_spinlock_s &lock : {started, constant}) {
-    EXPECT_EQ(lock.lock, 0u);
-    EXPECT_EQ(lock.magic, 0xDEAD4EADu);
-    EXPECT_EQ(lock.owner_cpu, -1);
-    EXPECT_EQ(lock.owner, -1);
-  }
-  vorn_spinlock_s zero{};
-  EXPECT_EQ(vorn_spinlock_trylock(&zero), 1);
-}
-
 TEST(Spinlock, TheWordAloneTellsWhetherItIsHeld) {
-  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+  vorn_spinlock_s lock;
+  std::memset(&lock, 0x5A, sizeof lock);
+  vorn_spinlock_init(&lock);
   vorn_spinlock_lock(&lock);
   EXPECT_EQ(lock.lock, 1u);
   EXPECT_EQ(lock.owner, -1);
   EXPECT_EQ(vorn_spinlock_trylock(&lock), 0);
-  EXPECT_EQ(lock.lock, 1u);
   vorn_spinlock_unlock(&lock);
-  EXPECT_EQ(lock.lock, 0u);
   vorn_spinlock_unlock(&lock); // stray
   EXPECT_EQ(lock.lock, 0u);
   EXPECT_EQ(vorn_spinlock_trylock(&lock), 1);
@@ -69,8 +54,6 @@ TEST(Spinlock, TheWordAloneTellsWhetherItIsHeld) {
 
 TEST(Spinlock, FlagsAreSetAndClearedBitByBit) {
   unsigned long flags = 99;
-  EXPECT_EQ(vorn_spinlock_get_flags(&flags), 0);
-  EXPECT_EQ(flags, 0u);
   EXPECT_EQ(vorn_spinlock_set_flags(0x8000000000000003), 0);
   EXPECT_EQ(vorn_spinlock_set_flags(4), 0);
   EXPECT_EQ(vorn_spinlock_clear_flags(1), 0);
@@ -104,33 +87,22 @@ TEST(Spinlock, YieldsOnceMoreThan99999NanosecondsHavePassed) {
   const Spin spin = spin_until_third_yield(lock, 100000);
   EXPECT_EQ(spin.yields, 3);
   EXPECT_EQ(spin.readings, 9); // of each spin a start, one too early, one late enough
-  EXPECT_EQ(lock.lock, 1u);
-  EXPECT_TRUE(capture::take().empty());
+  EXPECT_NO_RECORD();
 }
 
-TEST(Spinlock, DoesNotYieldBefore) {
-  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
-  vorn_spinlock_lock(&lock);
-  int readings = 0;
-  g_clock = [&] {
-    if (++readings == 50) vorn_spinlock_unlock(&lock);
-    return uint64_t{7} + (readings == 1 ? 0 : 99999);
-  };
-  g_yield = [] { ADD_FAILURE() << "yielded"; };
-  vorn_spinlock_lock(&lock);
-  EXPECT_EQ(readings, 50);
-}
-
-TEST(Spinlock, NeverYieldsWhileTheClockReadsZero) {
-  vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
-  vorn_spinlock_lock(&lock);
-  int readings = 0;
-  g_clock = [&] {
-    if (++readings == 1000) vorn_spinlock_unlock(&lock);
-    return uint64_t{0};
-  };
-  g_yield = [] { ADD_FAILURE() << "yielded"; };
-  vorn_spinlock_lock(&lock);
+TEST(Spinlock, YieldsNeitherBeforeNorWhileTheClockReadsZero) {
+  for (const uint64_t start : {7, 0}) {
+    vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
+    vorn_spinlock_lock(&lock);
+    int readings = 0;
+    g_clock = [&] {
+      if (++readings == 1000) vorn_spinlock_unlock(&lock);
+      return readings == 1 || start == 0 ? start : start + 99999;
+    };
+    g_yield = [] { ADD_FAILURE() << "yielded"; };
+    vorn_spinlock_lock(&lock);
+    EXPECT_EQ(readings, 1000);
+  }
 }
 
 [[gnu::noinline]] void wants_the_lock(vorn_spinlock_s &lock) {
@@ -146,14 +118,12 @@ TEST(Spinlock, DumpsTheStackOnceAYieldWhenTheFlagIsSet) {
   wants_the_lock(lock);
   const auto records = capture::take();
   ASSERT_EQ(records.size(), 3u);
-  const std::string start = "current tid:" + std::to_string(gettid()) + ", stack:0x";
   for (const auto &record : records) {
     EXPECT_EQ(record.level, capture::kOriginal);
-    EXPECT_EQ(record.text.rfind(start, 0), 0u) << record.text;
     // Who wants the lock comes first, its caller second.
-    const std::size_t first = record.text.find("spin_until_third_yield");
-    EXPECT_LT(first, record.text.find(" << ")) << record.text;
-    EXPECT_LT(record.text.find(" << "), record.text.find("wants_the_lock")) << record.text;
+    const std::size_t second = record.text.find(" << ");
+    EXPECT_LT(record.text.find("spin_until_third_yield"), second) << record.text;
+    EXPECT_LT(second, record.text.find("wants_the_lock")) << record.text;
   }
 }
 
@@ -203,10 +173,7 @@ std::string place(uintptr_t address) {
   return text;
 }
 
-std::string the_record() {
-  const auto texts = capture::take_texts();
-  return texts.size() == 1 ? texts[0] : std::to_string(texts.size()) + " records";
-}
+std::string the_record() { return capture::take_texts().at(0); }
 
 std::string stack_text(const std::string &first, uintptr_t second, uintptr_t third) {
   return "current tid:" + std::to_string(gettid()) + ", stack:" + first + " << " + place(second) +
@@ -248,7 +215,6 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
       [](uintptr_t frame) { return frame; }, // a circle
-      [](uintptr_t frame) { return frame - 4096; },
       [](uintptr_t frame) { return frame + 4096; },
       [](uintptr_t) { return number(g_on_stack) + 1; },
       [](uintptr_t) { return number(g_planted); },
