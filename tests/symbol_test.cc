@@ -20,6 +20,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -87,8 +88,6 @@ __attribute__((noinline)) int add(int a, const char *text) {
 
 namespace {
 
-__attribute__((noinline)) void in_this_file_only() { asm volatile("nop; nop"); }
-
 std::uintptr_t address_of(void (*function)()) { return reinterpret_cast<std::uintptr_t>(function); }
 
 // "name+0xoffset", or "" when nothing is known.
@@ -139,48 +138,24 @@ protected:
 
 } // namespace
 
-TEST_F(SymbolTable, KnowsNothingUntilItIsBuilt) {
-  const std::uintptr_t probe = address_of(symbol_probe);
-  EXPECT_EQ(text_at(probe), "");
-  ASSERT_EQ(vorn_symbol_init(), 0);
-  EXPECT_EQ(text_at(probe), "symbol_probe+0x0");
-  vorn_symbol_fini();
-  EXPECT_EQ(text_at(probe), "");
-  vorn_symbol_fini();
-  ASSERT_EQ(vorn_symbol_init(), 0);
-  EXPECT_EQ(text_at(probe), "symbol_probe+0x0");
-}
-
 TEST_F(SymbolTable, FindsFunctionsOfTheProgramAndOfItsLibraries) {
   ASSERT_EQ(vorn_symbol_init(), 0);
-  EXPECT_EQ(text_at(address_of(symbol_probe) + 3), "symbol_probe+0x3");
-  EXPECT_EQ(text_at(address_of(in_this_file_only)),
-            "(anonymous namespace)::in_this_file_only()+0x0");
   EXPECT_EQ(text_at(reinterpret_cast<std::uintptr_t>(probes::add)),
             "probes::add(int, char const*)+0x0");
-
   const Reader reader;
   Symbol symbol{};
   ASSERT_TRUE(reader.lookup(address_of(symbol_probe) + 3, &symbol));
   EXPECT_EQ(symbol.start, address_of(symbol_probe));
   EXPECT_EQ(symbol.object, std::filesystem::read_symlink("/proc/self/exe"));
-
-  const Library libc("libc.so.6");
-  ASSERT_TRUE(reader.lookup(libc["wordexp"], &symbol));
+  ASSERT_TRUE(reader.lookup(Library("libc.so.6")["wordexp"], &symbol));
   EXPECT_STREQ(symbol.name, "wordexp");
-  EXPECT_EQ(std::filesystem::path(symbol.object).filename(), "libc.so.6");
 }
 
 TEST_F(SymbolTable, AddressesOutsideOfCodeAreUnknown) {
   ASSERT_EQ(vorn_symbol_init(), 0);
-  static int data;
-  int local = 0;
-  const std::uintptr_t addresses[] = {0, 1, UINTPTR_MAX, reinterpret_cast<std::uintptr_t>(&data),
-                                      reinterpret_cast<std::uintptr_t>(&local)};
-  for (const std::uintptr_t address : addresses) {
+  for (const auto &[address, wanted] :
+       {std::pair{UINTPTR_MAX, "unknown+0xffffffffffffffff"}, {std::uintptr_t{0}, "unknown+0x0"}}) {
     char text[64];
-    char wanted[64];
-    std::snprintf(wanted, sizeof wanted, "unknown+0x%lx", address);
     EXPECT_EQ(vorn_symbol_addr_to_string(address, text, sizeof text), -1);
     EXPECT_STREQ(text, wanted);
     Symbol symbol{"kept", 1, "kept"};
@@ -197,10 +172,7 @@ TEST_F(SymbolTable, TextIsCutToTheBuffer) {
     EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe) + 2, exact.data(), size), 0);
     EXPECT_EQ(exact.data(), whole.substr(0, size - 1));
   }
-  char untouched = 'x';
-  EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), &untouched, 0), -1);
-  EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), nullptr, 8), -1);
-  EXPECT_EQ(untouched, 'x');
+  EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), nullptr, 0), -1);
 }
 
 TEST_F(SymbolTable, FunctionsOfEveryKind) {
@@ -247,18 +219,11 @@ TEST_F(SymbolTable, ObjectsComeAndGoWithARefresh) {
   opened_files = 0;
   ASSERT_EQ(vorn_symbol_init(), 0);
   EXPECT_EQ(text_at(address), "fixture_sized+0x0");
-  EXPECT_EQ(opened_files, 1) << "the others have not changed";
-  const Reader reader;
-  Symbol symbol{};
-  ASSERT_TRUE(reader.lookup(address, &symbol));
-  EXPECT_EQ(symbol.object, fixture_path("symbol_fixture.so"));
-
   library.close();
   ASSERT_EQ(vorn_symbol_init(), 0);
   EXPECT_EQ(text_at(address), "");
   EXPECT_EQ(text_at(address_of(symbol_probe)), "symbol_probe+0x0");
-  EXPECT_EQ(opened_files, 1);
-  EXPECT_STREQ(symbol.name, "fixture_sized") << "a reader keeps what it found";
+  EXPECT_EQ(opened_files, 1) << "the others have not changed";
 }
 
 TEST_F(SymbolTable, MemoryIsReleasedWhenNoReaderLives) {
@@ -273,6 +238,7 @@ TEST_F(SymbolTable, MemoryIsReleasedWhenNoReaderLives) {
     EXPECT_STREQ(symbol.name, "symbol_probe");
     EXPECT_TRUE(reader.lookup(address_of(symbol_probe), &symbol));
     EXPECT_FALSE(Reader().lookup(address_of(symbol_probe), &symbol));
+    EXPECT_EQ(text_at(address_of(symbol_probe)), "");
     EXPECT_NE(live_blocks, 0);
   }
   vorn_symbol_fini();
@@ -332,18 +298,17 @@ std::size_t last_note_byte(const std::string &content) {
   return last;
 }
 
+void pipe_instead(const std::string &path) {
+  std::filesystem::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0700), 0);
+}
+
 } // namespace
 
 TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
   const std::string content = scratch::read_file(fixture_path("symbol_fixture.so"));
   const auto with = [](const std::string &changed) -> Change {
     return [changed](const std::string &path) { replace(path, changed); };
-  };
-  const auto instead = [](int (*make)(const char *, mode_t)) -> Change {
-    return [make](const std::string &path) {
-      std::filesystem::remove(path);
-      ASSERT_EQ(make(path.c_str(), 0700), 0);
-    };
   };
   struct {
     const char *what;
@@ -354,14 +319,10 @@ TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
       {"build id", with(flip(content, last_note_byte(content))), false},
       {"program header", with(flip(content, sizeof(Elf64_Ehdr) + 40)), false},
       {"not ELF", with(flip(content, 0)), false},
-      {"32 bits", with(flip(content, EI_CLASS)), false},
       {"other byte order", with(flip(content, EI_DATA)), false},
-      {"headers alone", with(content.substr(0, 64)), false},
-      {"empty", with(""), false},
       {"archive", with("!<arch>\n"), false},
       {"deleted", [](const std::string &path) { std::filesystem::remove(path); }, false},
-      {"directory", instead(mkdir), false},
-      {"pipe", instead(mkfifo), false},
+      {"pipe", pipe_instead, false},
   };
   const scratch::Directory directory;
   for (const auto &row : rows) {
@@ -437,17 +398,16 @@ TEST_F(SymbolTable, DamagedFilesDoNoHarm) {
 
 namespace {
 
-bool is_right(const char *text) {
-  return std::strcmp(text, "symbol_probe+0x1") == 0 || std::strncmp(text, "unknown+0x", 10) == 0;
-}
-
+// Whether both lookups know the probe or nothing.
 bool ask() {
   char text[64];
   vorn_symbol_addr_to_string(address_of(symbol_probe) + 1, text, sizeof text);
+  if (std::strcmp(text, "symbol_probe+0x1") != 0 && std::strncmp(text, "unknown+0x", 10) != 0)
+    return false;
   const Reader reader;
   Symbol symbol{"symbol_probe", 0, "/"};
   reader.lookup(address_of(symbol_probe) + 1, &symbol);
-  return is_right(text) && std::strcmp(symbol.name, "symbol_probe") == 0 && symbol.object[0] == '/';
+  return std::strcmp(symbol.name, "symbol_probe") == 0 && symbol.object[0] == '/';
 }
 
 void change_table() {
@@ -456,20 +416,25 @@ void change_table() {
   vorn_symbol_fini();
 }
 
+std::atomic<int> wrong{0};
 std::atomic<int> answered_in_handler{0};
-std::atomic<int> wrong_in_handler{0};
 
 } // namespace
 
+// In threads, and in a handler that interrupts a change.
 TEST_F(SymbolTable, LookupsWhileTheTableChanges) {
+  signal(SIGUSR1, [](int) {
+    if (!ask()) ++wrong;
+    ++answered_in_handler;
+  });
   std::atomic<bool> done{false};
-  std::atomic<int> wrong{0};
   std::vector<std::thread> readers;
   for (int i = 0; i < 3; ++i) {
-    readers.emplace_back([&done, &wrong] {
+    readers.emplace_back([&done, changer = pthread_self()] {
       while (!done) {
         if (!ask()) ++wrong;
-        std::this_thread::sleep_for(std::chrono::microseconds(50)); // lets old tables go
+        pthread_kill(changer, SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::microseconds(200)); // lets old tables go
       }
     });
   }
@@ -477,35 +442,13 @@ TEST_F(SymbolTable, LookupsWhileTheTableChanges) {
     for (int round = 0; round < 5; ++round)
       change_table();
   });
-  for (int round = 0; round < 5; ++round)
+  for (int round = 0; round < 5 || answered_in_handler < 50; ++round)
     change_table();
   other.join();
   done = true;
   for (std::thread &reader : readers)
     reader.join();
   EXPECT_EQ(wrong, 0);
-}
-
-TEST_F(SymbolTable, LookupsInAHandlerThatInterruptsAChange) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {
-    if (!ask()) ++wrong_in_handler;
-    ++answered_in_handler;
-  };
-  action.sa_flags = SA_RESTART;
-  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-  std::atomic<bool> done{false};
-  std::thread sender([&done, changer = pthread_self()] {
-    while (!done) {
-      pthread_kill(changer, SIGUSR1);
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-  });
-  for (int round = 0; round < 5 || answered_in_handler < 50; ++round)
-    change_table();
-  done = true;
-  sender.join();
-  EXPECT_EQ(wrong_in_handler, 0);
 }
 
 namespace {
