@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <vector>
 
+#include "evlog.h"
 #include "support/log_capture.hpp"
 
 // The kernel module: what it was asked, byte by byte, and what it answers.
@@ -197,7 +198,13 @@ TEST_F(ConfigurationStore, TellsWhatFailed) {
       EXPECT_EQ(result, -1);
       auto wanted = row.texts;
       wanted.push_back(text);
-      EXPECT_EQ(capture::take_texts(), wanted);
+      std::vector<std::string> texts;
+      for (const auto &record : capture::take()) {
+        texts.push_back(record.text);
+        EXPECT_EQ(record.level, EVLOG_ERROR);
+        EXPECT_EQ(record.file, "vorn_cst.c");
+      }
+      EXPECT_EQ(texts, wanted);
       EXPECT_EQ(fcntl(last_fd, F_GETFD), -1);
     };
     char out[VORN_CST_VALUE_SIZE] = "before";

@@ -110,6 +110,7 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
     for (const auto &record : capture::take()) {
       texts += record.text;
       EXPECT_EQ(record.level, 6);
+      EXPECT_EQ(record.file, "vorn_ticketlock.c");
       EXPECT_EQ(record.function, row.operation.name);
     }
     EXPECT_EQ(texts, row.texts);
