@@ -202,10 +202,11 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
 uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
 volatile uintptr_t *g_on_stack;
 
-// Has a frame farther up than the walk may go.
-[[gnu::noinline]] std::string dump_with_far_frame() {
+// Has a frame so many words up its own, which is on the stack even where a sanitizer keeps the
+// locals of others elsewhere.
+[[gnu::noinline, gnu::no_sanitize_address]] std::string dump_with_frame_at(std::size_t word) {
   volatile uintptr_t words[1024] = {};
-  g_on_stack = words + 4096 / sizeof words[0] + 8;
+  g_on_stack = words + word;
   g_on_stack[1] = 0x1234;
   outer(1, [](uintptr_t) { return number(g_on_stack); });
   return the_record();
@@ -216,19 +217,17 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
       [](uintptr_t) { return uintptr_t{0}; },
       [](uintptr_t frame) { return frame; }, // a circle
       [](uintptr_t frame) { return frame + 4096; },
-      [](uintptr_t) { return number(g_on_stack) + 1; },
+      [](uintptr_t frame) { return frame + 2 * sizeof frame + 1; }, // not aligned
       [](uintptr_t) { return number(g_planted); },
       [](uintptr_t) { return UINTPTR_MAX - 7; },
   };
-  volatile uintptr_t on_stack[3] = {0, 0x1234, 0};
-  g_on_stack = on_stack;
   for (const Damage damage : outside) {
     outer(1, damage);
     EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0, 0)) << &damage - outside;
   }
-  outer(1, [](uintptr_t) { return number(g_on_stack); });
-  EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0x1234, 0));
-  EXPECT_EQ(dump_with_far_frame(), stack_text(place(g_returns[0]), 0, 0));
+  EXPECT_EQ(dump_with_frame_at(0), stack_text(place(g_returns[0]), 0x1234, 0));
+  EXPECT_EQ(dump_with_frame_at(4096 / sizeof(uintptr_t) + 8),
+            stack_text(place(g_returns[0]), 0, 0));
 }
 
 } // namespace
