@@ -205,17 +205,20 @@ TEST(RateWait, EndsWithTheRun) {
   vorn_gettime_init();
   scrub::catch_signals();
   const auto started = std::chrono::steady_clock::now();
-  const std::pair<scrub::Task, const char *> rows[] = {
+  const struct {
+    scrub::Task task;
+    const char *wanted;
+  } rows[] = {
       {[] { throw std::runtime_error("task"); }, "task"},
       {[] { std::raise(SIGINT); }, "interrupted"},
   };
-  for (const auto &[task, wanted] : rows) {
+  for (const auto &row : rows) {
     constexpr std::size_t kMegabyte = 1 << 20;
     scrub::Pipeline pipeline({.read_size_limit = kMegabyte, .rate_limit = 1});
     try {
       pipeline.run([&] {
         for (int i = 0; i < 1000; ++i) // so many that they do not wait for blocks
-          pipeline.then(task);
+          pipeline.then(row.task);
         for (int i = 0; i < 100; ++i) {
           pipeline.room();
           pipeline.add_blocks(kMegabyte);
@@ -223,7 +226,7 @@ TEST(RateWait, EndsWithTheRun) {
       });
       ADD_FAILURE() << "all of it was read";
     } catch (const std::runtime_error &why) {
-      EXPECT_STREQ(why.what(), wanted);
+      EXPECT_STREQ(why.what(), row.wanted);
     }
   }
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(30));
