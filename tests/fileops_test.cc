@@ -65,10 +65,10 @@ protected:
     most_written = SIZE_MAX;
     read_errors = {};
     write_errors = {};
-    next_fd_ = probe();
+    next_fd_ = scratch::next_descriptor();
   }
   void TearDown() override {
-    EXPECT_EQ(probe(), next_fd_);
+    EXPECT_EQ(scratch::next_descriptor(), next_fd_);
     EXPECT_NO_RECORD();
   }
 
@@ -77,13 +77,6 @@ protected:
   const std::string other = directory / "other";
 
 private:
-  // The lowest free descriptor: a leak would raise it.
-  static int probe() {
-    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(fd);
-    return fd;
-  }
-
   int next_fd_ = -1;
 };
 

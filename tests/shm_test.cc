@@ -13,6 +13,7 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/scratch.hpp"
 
 static int fallocate_error = 0;
 
@@ -34,11 +35,11 @@ class Shm : public testing::Test {
 protected:
   void SetUp() override {
     fallocate_error = 0;
-    next_fd_ = probe();
+    next_fd_ = scratch::next_descriptor();
   }
   void TearDown() override {
     shm_unlink(name.c_str());
-    EXPECT_EQ(probe(), next_fd_);
+    EXPECT_EQ(scratch::next_descriptor(), next_fd_);
     EXPECT_NO_RECORD();
   }
 
@@ -50,13 +51,6 @@ protected:
   const std::string name = "/vorn_shm_test_" + std::to_string(getpid());
 
 private:
-  // The lowest free descriptor: a leak would raise it.
-  static int probe() {
-    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    close(fd);
-    return fd;
-  }
-
   int next_fd_ = -1;
 };
 

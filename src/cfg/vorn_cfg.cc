@@ -69,6 +69,19 @@ void register_file(FileNode file) {
   link_file(file.release());
 }
 
+// A copy for a setter, with what copying gave; null after a record when memory runs out.
+Text copy_value(const char *function, const char *value, int *error) {
+  const std::size_t size = std::strlen(value) + 1;
+  Text copy(static_cast<char *>(allocate(size, function)));
+  if (copy == nullptr) {
+    VORN_LOG_AS(function, kError, "Alloc needed item memory fail, size(%u).",
+                static_cast<unsigned int>(size));
+    return copy;
+  }
+  *error = copy_text(copy.get(), size, value);
+  return copy;
+}
+
 int give_too_small(const char *function, unsigned int size, std::size_t actual) {
   return VORN_FAIL_AS(function, VORN_CFG_TOO_SMALL,
                       "Invalid Buffer size, inputSize(%u), actualSize(%u).", size,
@@ -197,13 +210,9 @@ int vorn_cfg_setItemValue(const char *section, const char *item, const char *val
     return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
                      pointer(section), pointer(item), pointer(value));
   }
-  const std::size_t size = std::strlen(value) + 1;
-  Text copy(static_cast<char *>(allocate(size)));
-  if (copy == nullptr) {
-    return VORN_FAIL(-1, "Alloc needed item memory fail, size(%u).",
-                     static_cast<unsigned int>(size));
-  }
-  const int error = copy_text(copy.get(), size, value);
+  int error = 0;
+  Text copy = copy_value(__func__, value, &error);
+  if (copy == nullptr) return -1;
   if (error != 0) return VORN_FAIL(-1, "strncpy_s failed, errno:%d", error);
 
   const WriteGuard registry(g_stCfgRwlock);
@@ -224,13 +233,9 @@ int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *
     return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
                      pointer(section), pointer(item), pointer(value));
   }
-  const std::size_t size = std::strlen(value) + 1;
-  Text copy(static_cast<char *>(allocate(size)));
-  if (copy == nullptr) {
-    return VORN_FAIL(-1, "Alloc needed item memory fail, size(%u).",
-                     static_cast<unsigned int>(size));
-  }
-  const int error = copy_text(copy.get(), size, value);
+  int error = 0;
+  Text copy = copy_value(__func__, value, &error);
+  if (copy == nullptr) return -1;
   if (error != 0) return VORN_FAIL(-1, "Can not do strncpy_s, errno (%d).", error);
 
   WriteGuard registry(g_stCfgRwlock);

@@ -1,6 +1,7 @@
 #include "support/scratch.hpp"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -73,6 +74,12 @@ void write_file(const std::string &path, const std::string &content) {
 std::string read_file(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};
+}
+
+int next_descriptor() {
+  const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  close(fd);
+  return fd;
 }
 
 bool cover_directory(const std::string &directory) {

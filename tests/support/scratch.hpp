@@ -24,6 +24,9 @@ private:
 void write_file(const std::string &path, const std::string &content); // makes missing directories
 std::string read_file(const std::string &path);
 
+// The lowest free descriptor: a leak raises it.
+int next_descriptor();
+
 // From now on this process sees an empty file system at directory, as nobody else does. A directory
 // of "/" that the machine does not have appears for this process alone. False where the machine
 // does not let a test have a mount namespace (it takes root).
