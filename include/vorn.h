@@ -33,6 +33,7 @@
 #include "vorn_str.h"
 #include "vorn_symbol.h"
 #include "vorn_syscall.h"
+#include "vorn_thrd.h"
 #include "vorn_ticketlock.h"
 #include "vorn_time.h"
 #include "vorn_trwlock.h"

@@ -1,0 +1,357 @@
+/* Threads: the record that the library keeps of each, their creation, the pool, scheduling
+ * strategies and CPU binding.
+ *
+ * Every thread started here is detached and has a record, a vorn_thread_s, with its name, kernel
+ * id, strategy, stacks and context. Records lie in a table of VORN_THRD_SLOT_COUNT slots with a
+ * reference count each; a slot's record is never freed, so whoever finds a thread by its id and
+ * holds the reference may read the record also after the thread has ended. Where the table is full
+ * a thread still gets a record, which no lookup and no listing sees and which goes with the thread.
+ *
+ * Unless a function says otherwise: any thread may call, it does not block but for the allocator,
+ * it is not for signal handlers, and it returns 0, or -1 after an error record. */
+#ifndef VORN_THRD_H
+#define VORN_THRD_H
+
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* Threads that lookups and listings can see at a time. */
+#define VORN_THRD_SLOT_COUNT 1024u
+
+/* Bytes of a name with its NUL. */
+#define VORN_THRD_NAME_SIZE 16
+
+/* Bytes of each thread's alternate signal stack. */
+#define VORN_THRD_SIGSTACK_SIZE 65536u
+
+/* CPUs that a set for binding has room for; 64-bit words and bytes of such a set, whose bit n is
+ * CPU n. */
+#define VORN_THRD_CPU_COUNT 1024u
+#define VORN_THRD_CPUSET_WORDS 16
+#define VORN_THRD_CPUSET_SIZE 128u
+
+/* The scheduling strategies, and vorn_thread_s::strategy while none has been applied. */
+enum {
+  VORN_THRD_STRATEGY_DEFAULT = 0,
+  VORN_THRD_STRATEGY_CRITICAL = 1,
+  VORN_THRD_STRATEGY_CTRL = 2,
+  VORN_THRD_STRATEGY_MANAGE = 3,
+  VORN_THRD_STRATEGY_IO = 4,
+  VORN_THRD_STRATEGY_BACKGROUND = 5,
+  VORN_THRD_STRATEGY_COUNT = 6,
+  VORN_THRD_STRATEGY_NONE = -1
+};
+
+/* What vorn_thread_s::context holds. */
+enum {
+  VORN_THRD_CONTEXT_NORMAL = 0,
+  VORN_THRD_CONTEXT_IOD = 1, /* dispatches I/O */
+  VORN_THRD_CONTEXT_IRQ = 2  /* stands for an interrupt */
+};
+
+/* A thread function. What it returns goes nowhere: threads are detached. */
+typedef void *(*vorn_thrd_entry_f)(void *argument);
+
+/* The last changes of a thread from one light-weight instance to another. Switch number n is in
+ * entry n mod VORN_THRD_SWITCH_COUNT. */
+#define VORN_THRD_SWITCH_COUNT 3
+#define VORN_THRD_SWITCH_DEPTH 9
+
+typedef struct vorn_thrd_switch {
+  uint64_t old_id;
+  uint64_t new_id;
+  unsigned long addresses[VORN_THRD_SWITCH_DEPTH]; /* return addresses, from the innermost out */
+} vorn_thrd_switch_s;
+
+typedef struct vorn_thrd_switch_trace {
+  uint64_t count; /* of switches so far */
+  vorn_thrd_switch_s entries[VORN_THRD_SWITCH_COUNT];
+} vorn_thrd_switch_trace_s;
+
+/* A place in the table of threads; what is in it is the library's. */
+struct vorn_thrd_slot;
+
+/* The record of a thread. Its owner is the thread itself, which alone changes it; another reads it
+ * with a reference held. Of what may change while the thread runs, tid, strategy and name are
+ * written as whole words (a name as two), so that a reader sees the one or the other. */
+typedef struct vorn_thread {
+  struct vorn_thrd_slot *slot;    /* NULL: the record has no place in the table */
+  pthread_t handle;               /* of a pool thread */
+  vorn_thrd_entry_f entry;        /* the thread function; of a pool thread its job, NULL if idle */
+  void *argument;                 /* its argument */
+  char name[VORN_THRD_NAME_SIZE]; /* "[NULL]" until vorn_thrd_setname */
+  int64_t tid;                    /* the kernel's id, 0 until the thread has started */
+  int32_t pid;                    /* of the process */
+  int32_t strategy;               /* VORN_THRD_STRATEGY_* */
+  uint32_t context;               /* VORN_THRD_CONTEXT_* */
+  uint32_t iod_thread_id;         /* all ones: none */
+  unsigned long os_stack_low;     /* the usable stack; both 0: unknown */
+  unsigned long os_stack_high;    /* the address behind it */
+  unsigned char *sig_stack;       /* VORN_THRD_SIGSTACK_SIZE bytes */
+  sem_t job;                      /* raised once for each job of a pool thread */
+  uint32_t preempt_flag;          /* 0: may be preempted */
+  uint32_t pooled;                /* 1: a thread of the pool */
+  uint64_t jobs;                  /* that a pool thread has run */
+  uint64_t cpuset[VORN_THRD_CPUSET_WORDS]; /* what the thread last bound itself to; 0: nothing */
+  vorn_thrd_switch_trace_s switch_trace;
+} vorn_thread_s;
+
+/* --- Records --- */
+
+/* The calling thread's record, NULL when it has none: the library neither created nor adopted it.
+ * Signal-safe. */
+VORN_API vorn_thread_s *vorn_thrd_currentthreadinfo(void);
+
+/* The record of the running thread whose kernel id is tid, with a reference that the caller gives
+ * back by vorn_thrd_putthreadinfo; NULL, without a record in the log, when no thread in the table
+ * has it. Signal-safe. */
+VORN_API vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid);
+
+/* Gives a reference back; the record must not be used behind that. Returns how many are left. One
+ * that none was held of is reported as an error and left at 0. A record without a slot is freed. */
+VORN_API int vorn_thrd_putthreadinfo(vorn_thread_s *thread);
+
+/* Adopts the calling thread, which the library did not create: gives it a record, its signal stack
+ * and strategy 0. Nothing is done where it has one. It must call vorn_thrd_clearcurthreadinfo
+ * before it ends. Returns 0; -1 after an information record when memory is short. */
+VORN_API int vorn_thrd_setcurthreadinfo(void);
+
+/* Takes the calling thread's record away from it: for one that was adopted, or that leaves by
+ * pthread_exit(3) without returning from its entry. Returns 0; -1 when it has none. */
+VORN_API int vorn_thrd_clearcurthreadinfo(void);
+
+/* Prepares the registry, once per process. Every function that needs it calls it, vorn_Init too.
+ * Returns 0. */
+VORN_API int vorn_thrd_module_init(void);
+
+/* Lists the threads of the table with their kernel id, name and strategy through print. Returns 0;
+ * -1 when print is NULL. */
+VORN_API int vorn_thrd_list(vorn_print_f print);
+
+/* Has the kernel module report the state of thread tid. Without the module: an information record,
+ * nothing else. */
+VORN_API void vorn_thrd_getstatus(unsigned int tid);
+
+/* --- Ids and names --- */
+
+/* The calling thread's kernel id (gettid(2)). Signal-safe. */
+VORN_API long vorn_thread_get_knl_tid(void);
+
+/* The process id (getpid(2)) and the id of a thread, kept in the process: a getter asks the system
+ * only until there is a value. A pid of 0 and less, and a thread id of all ones, are no values. A
+ * child of fork() begins without. The thread id is one for the whole process, that of whoever set
+ * it or asked first; for the calling thread's own use pthread_self(3). Signal-safe. */
+VORN_API void vorn_thrd_setpid_accl(pid_t pid);
+VORN_API pid_t vorn_thrd_getpid_accl(void);
+VORN_API void vorn_thrd_settid_accl(pthread_t thread);
+VORN_API pthread_t vorn_thrd_gettid_accl(void);
+
+/* Names the calling thread, in its record and for the kernel (PR_SET_NAME of prctl(2)). A name is
+ * cut to 15 characters. Nothing but an error record when format is NULL or the thread has no
+ * record. */
+VORN_API void vorn_thrd_setname(const char *format, ...) VORN_PRINTF(1, 2);
+
+/* The calling thread's name, valid for as long as its record; NULL without a record. Signal-safe.
+ */
+VORN_API const char *vorn_thrd_getname(void);
+
+/* The process's name as /proc/PID/status has it, and the file name of its executable, each read
+ * once and copied with its NUL into the len bytes at buf; 32 are always enough. Return 0; -1 after
+ * an error record when buf is NULL, the name cannot be read or does not fit. Block on /proc. */
+VORN_API int vorn_get_process_name(char *buf, unsigned int len);
+VORN_API int vorn_get_process_exe_name(char *buf, unsigned int len);
+
+/* --- The calling thread --- */
+
+/* sched_yield(2). */
+VORN_API void vorn_thrd_yield(void);
+
+/* The CPU that the calling thread was bound to by vorn_sched_setaffinity or vorn_thrd_core_set,
+ * else the one that it runs on at the moment (sched_getcpu(3)). Signal-safe. */
+VORN_API int smp_processor_id(void);
+
+/* The CPU and the NUMA node that the calling thread is said to be on; a negative one is none, and
+ * -1 the value of a new thread. Signal-safe. */
+VORN_API void vorn_thrd_core_set(int core);
+VORN_API void vorn_thrd_numaId_set(int node);
+VORN_API int vorn_thrd_numaId_get(void);
+
+/* The calling thread's context. Without a record the setters do nothing, the checks and the id are
+ * 0. Signal-safe.
+ *
+ * It dispatches I/O from now on, under this id. */
+VORN_API void vorn_thread_run_in_iod_context_init(unsigned int id);
+/* Whether it dispatches I/O, and under which id. */
+VORN_API int vorn_thread_run_in_iod_context_check(void);
+VORN_API unsigned int vorn_thread_iod_thread_id_get(void);
+/* It stands for an interrupt until the context that is saved in *saved is restored. */
+VORN_API void vorn_thread_run_in_irq_context_save(unsigned int *saved);
+VORN_API void vorn_thread_run_in_irq_context_restore(unsigned int saved);
+VORN_API int vorn_thread_run_in_irq_context_check(void);
+
+/* --- Stacks --- */
+
+/* The bounds of the calling thread's stack, and of its signal stack: the lowest address and the one
+ * behind the highest. -1 without a record in the log when they are unknown. Signal-safe. */
+VORN_API int vorn_thrd_getosstack(unsigned long *low, unsigned long *high);
+VORN_API int vorn_thrd_getsigstack(unsigned long *low, unsigned long *high);
+
+/* The bounds of the stack of the thread with kernel id tid; -1 without a record in the log when
+ * they are unknown. Signal-safe. */
+VORN_API int vorn_thread_get_specific_stack(long tid, unsigned long *low, unsigned long *high);
+
+/* What knows the stacks of light-weight threads. Both are called in signal handlers. */
+typedef struct vorn_lwt_stack_ops {
+  int (*is_lwt_stack)(unsigned long address); /* 0: it lies in one */
+  int (*get_lwt_stack)(unsigned long address, unsigned long *low,
+                       unsigned long *high); /* 0: the bounds are found */
+} vorn_lwt_stack_ops_s;
+
+/* Registers both functions of *ops, which is copied, or takes them away. The first returns 0; -1
+ * without a record in the log when ops is NULL. */
+VORN_API int register_lwt_stack_ops(const vorn_lwt_stack_ops_s *ops);
+VORN_API void unregister_lwt_stack_ops(void);
+
+/* Ask those functions; -1 when none is registered. Signal-safe. */
+VORN_API int vorn_thrd_islwtstack(unsigned long address);
+VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, unsigned long *high);
+
+/* On which of the calling thread's stacks address lies: its bounds, and in *kind "LWT_STACK",
+ * "OS_STACK" (a page below the stack still counts), "SIG_STACK", or "UNKNOWN_STACK" for an address
+ * close above the caller's frame on a stack that nobody knows; this one is taken to begin at the
+ * address's page and to be vorn_thrd_getunknownstacksize bytes long. -1 without a record in the log
+ * when kind is NULL, or the address lies on none, with *kind "INVALID_STACK" or "INVALID_LWT_STACK"
+ * then. Signal-safe. */
+VORN_API int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low,
+                                       unsigned long *high, const char **kind);
+
+/* The size in bytes that a stack of unknown bounds is taken for; 0 at the start. Signal-safe. */
+VORN_API void vorn_thrd_setunknownstacksize(unsigned long size);
+VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
+
+/* Stores count return addresses of the calling thread, from the innermost out: skip 0 begins with
+ * the address in the function that called this one, each more leaves out one call. Returns 0; -1
+ * when addresses is NULL or the stack has not so many, what it has is stored then and 0 behind it.
+ * The addresses are found by frame pointers and end where a function was built without.
+ * Signal-safe.
+ */
+VORN_API int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, unsigned int skip);
+
+/* --- Creation --- */
+
+/* Starts a thread that runs entry(argument), in the pool where that has an idle one, else a new
+ * one under strategy 0. Its id goes to *out unless out is NULL; it may have ended by then. Returns
+ * 0; -1 after a record in the log. */
+VORN_API int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+
+/* The same, always a new thread. */
+VORN_API int create_thread_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+VORN_API int vorn_thread_create_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+
+/* The same as vorn_thrd_create; a new thread has a stack of 131072 bytes where the instant-map flag
+ * is set. */
+VORN_API int create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+
+/* A new thread with these attributes (NULL: default ones), made detached, and without a strategy.
+ */
+VORN_API int vorn_thrd_create_attr(vorn_thrd_entry_f entry, void *argument, pthread_t *out,
+                                   pthread_attr_t *attr);
+
+/* What the others build on: a new thread that runs start_routine with its vorn_thread_s * as
+ * argument, which holds entry and argument, and is to be put back when the thread ends. */
+VORN_API int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument,
+                                    vorn_thrd_entry_f start_routine, pthread_t *out,
+                                    pthread_attr_t *attr);
+
+/* pthread_attr_init(3), pthread_attr_destroy(3) and pthread_attr_setstacksize(3); size in bytes.
+ * Return 0; -1 without a record in the log when attr is NULL or the call fails. */
+VORN_API int vorn_thrd_attr_init(pthread_attr_t *attr);
+VORN_API int vorn_thrd_attr_destroy(pthread_attr_t *attr);
+VORN_API int vorn_thrd_setstacksize(pthread_attr_t *attr, size_t size);
+
+/* Threads started from now on get small stacks where their function says so: 1 once set. */
+VORN_API void vorn_set_instant_map_flag(void);
+VORN_API int vorn_get_instant_map_flag(void);
+
+/* --- The pool --- */
+
+/* Creates the pool of count threads, at most 1024, which then wait for jobs. Once per process: a
+ * second call is logged and returns 0. A quarter of them and one more, which starts the rest, have
+ * been started when it returns; the result is their number, and count 4 and more therefore give
+ * less than count (8 asked, 3 returned). */
+VORN_API unsigned int vorn_thread_pool_create(unsigned int count);
+
+/* Has an idle thread of the pool run entry(argument). Its id goes to *out unless out is NULL.
+ * Returns 0; -1 without a record in the log when there is no pool or no thread of it is idle.
+ * Neither locks nor allocates. After the job the thread is bound to all CPUs and runs under
+ * strategy 0 again. */
+VORN_API int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argument,
+                                            pthread_t *out);
+
+/* Has all threads of the pool end, those with a job when it is done; sleeps 10 ms. A job that was
+ * given is always run. Returns how many had not left by then, 0 without a pool. There is no other
+ * pool afterwards. */
+VORN_API int vorn_thread_pool_destroy(void);
+
+/* --- Strategy, priority and CPU binding --- */
+
+/* What a strategy is made of. */
+typedef struct vorn_thrd_strategy {
+  uint32_t prio;       /* the nice value, -20 to 19, as a signed number */
+  const char *cpumask; /* as vorn_cpum_parse_cpumask reads it */
+} vorn_thrd_strategy_s;
+
+/* Sets up a strategy, before threads that use it start: the table has no lock. Returns 0; -1 after
+ * an information record when there is no such strategy or its CPUs cannot be read, it is invalid
+ * then. */
+VORN_API int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *settings);
+
+/* Puts the calling thread under a strategy: its nice value and its CPUs. One that is not set up
+ * takes those of strategy 0; where that is not either, nothing is done. Returns 0, also for a
+ * number that is no strategy, after an information record; -1 after one when the system refuses. */
+VORN_API int vorn_setCurThreadStrategy(unsigned int strategy);
+
+/* The calling thread's nice value: setpriority(2). Returns 0; -1 after a warning. */
+VORN_API int vorn_setCurThreadPrio(int prio);
+
+/* The same on a scale: levels 0 to 4 are the nice values -20, -15, 0, 10 and 15; others do nothing.
+ */
+VORN_API void vorn_thrd_setprio(unsigned int level);
+
+/* Binds the calling thread to the CPUs of a text as vorn_cpum_parse_cpumask reads it. */
+VORN_API int vorn_setCurThreadBind(const char *cpumask);
+
+/* Shows the table of strategies through print. Returns 0; -1 when print is NULL. */
+VORN_API int vorn_showThreadStrategyDbg(vorn_print_f print);
+
+/* Binds a thread to the CPUs of a set: its first n / 8 bytes (rounded up), n the number of
+ * configured CPUs, at most VORN_THRD_CPUSET_SIZE, are read; bits from n on are ignored. A set
+ * without a CPU changes nothing. */
+VORN_API int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset);
+
+/* Binds the calling thread to all configured CPUs. */
+VORN_API int vorn_thrd_bindAllCfgCpu(void);
+
+/* The CPUs that a thread is bound to (pthread_getaffinity_np(3)), and those of the main thread of
+ * the process pid (sched_getaffinity(2); 0: the calling thread). */
+VORN_API int vorn_thrd_getbindcpu(pthread_t thread, cpu_set_t *set);
+VORN_API int vorn_thrd_getbindcpu_bypid(pid_t pid, cpu_set_t *set);
+
+/* --- The watched thread --- */
+
+/* One thread id that processes share, in the shared memory object "vornThreadWatch": set it, take
+ * it back, read it. vorn_thread_watch_add returns -1 when the object cannot be made; the others
+ * then return 0. The first call opens the object. */
+VORN_API int vorn_thread_watch_add(unsigned int tid);
+VORN_API int vorn_thread_watch_del(void);
+VORN_API unsigned int vorn_thread_watch_get(void);
+
+VORN_END_DECLS
+
+#endif
