@@ -28,6 +28,7 @@
 #include "vorn_ring.h"
 #include "vorn_rwlock.h"
 #include "vorn_sched.h"
+#include "vorn_sem_enhance.h"
 #include "vorn_shm.h"
 #include "vorn_spinlock.h"
 #include "vorn_str.h"
@@ -37,6 +38,7 @@
 #include "vorn_ticketlock.h"
 #include "vorn_time.h"
 #include "vorn_trwlock.h"
+#include "vorn_wait.h"
 
 #if __has_include(<mxml.h>) /* only services that read XML need to have that header */
 #include "vorn_xml.h"
