@@ -9,6 +9,7 @@
 #include "vorn_cfg.h"
 #include "vorn_cmd.h"
 #include "vorn_cpufreq.h"
+#include "vorn_cpumask.h"
 #include "vorn_crc.h"
 #include "vorn_cst.h"
 #include "vorn_dl.h"
