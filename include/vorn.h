@@ -8,6 +8,7 @@
 #include "vorn_bitops.h"
 #include "vorn_cfg.h"
 #include "vorn_cmd.h"
+#include "vorn_cpu.h"
 #include "vorn_cpufreq.h"
 #include "vorn_cpumask.h"
 #include "vorn_crc.h"
