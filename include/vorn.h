@@ -2,6 +2,7 @@
 #ifndef VORN_H
 #define VORN_H
 
+#include "vorn_affinity.h"
 #include "vorn_api.h"
 #include "vorn_avl.h"
 #include "vorn_bay.h"
