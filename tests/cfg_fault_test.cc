@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write flock
+// test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write
 // What is left behind when memory runs out or the system fails: nothing, and whole files.
 #include "vorn_cfg.h"
 
@@ -8,7 +8,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/file.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -23,7 +22,6 @@ static int blocks = 0;     // that exist
 static int fail_fsync = 0; // the errno to fail with, 0 for none
 static int fail_rename = 0;
 static int fail_read = 0;
-static int fail_flock = 0;
 static ssize_t write_limit = -1;
 static std::function<void()> before_rename; // done once
 static std::function<void()> after_reading; // done once, when a file has been read to its end
@@ -65,11 +63,6 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
   do_once(before_rename);
   return fail_rename != 0 ? fail(fail_rename) : __real_rename(from, to);
-}
-
-int __real_flock(int fd, int operation);
-int __wrap_flock(int fd, int operation) {
-  return fail_flock != 0 ? fail(fail_flock) : __real_flock(fd, operation);
 }
 
 // Interrupted once before every piece.
@@ -221,17 +214,6 @@ TEST_F(CfgFault, TakesNoPartForTheFile) {
   fail_read = 0;
   EXPECT_EQ(scratch::read_file(path), kText);
   EXPECT_EQ(capture::take_texts().front().substr(0, 20), "Read file failed, fd");
-}
-
-TEST_F(CfgFault, EditsWithoutALock) {
-  fail_flock = ENOLCK;
-  EXPECT_EQ(vorn_cfg_write_item_to_file(path.c_str(), "s", "k", "new"), 0);
-  EXPECT_EQ(vorn_cfg_file_delSection(path.c_str(), "t"), 0);
-  fail_flock = 0;
-  EXPECT_EQ(scratch::read_file(path), "[s]\nk=new\n");
-  const std::string add = "Add flock failed, errno = " + std::to_string(ENOLCK);
-  const std::string down = "Down flock failed, errno = " + std::to_string(ENOLCK);
-  EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{add, down, add, down}));
 }
 
 } // namespace
