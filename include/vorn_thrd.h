@@ -231,7 +231,7 @@ VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, un
 VORN_API int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low,
                                        unsigned long *high, const char **kind);
 
-/* The size in bytes that a stack of unknown bounds is taken for; 0 at the start. Signal-safe. */
+/* The size in bytes that a stack of unknown bounds is taken for; 8192 at the start. Signal-safe. */
 VORN_API void vorn_thrd_setunknownstacksize(unsigned long size);
 VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
 
@@ -330,9 +330,9 @@ VORN_API int vorn_setCurThreadBind(const char *cpumask);
 /* Shows the table of strategies through print. Returns 0; -1 when print is NULL. */
 VORN_API int vorn_showThreadStrategyDbg(vorn_print_f print);
 
-/* Binds a thread to the CPUs of a set: its first n / 8 bytes (rounded up), n the number of
- * configured CPUs, at most VORN_THRD_CPUSET_SIZE, are read; bits from n on are ignored. A set
- * without a CPU changes nothing. */
+/* Binds a thread to the CPUs of a set (pthread_setaffinity_np(3)). Only its first n / 8 bytes,
+ * rounded up, are read, n the number of configured CPUs, at most VORN_THRD_CPUSET_SIZE; where they
+ * are all 0 nothing is changed. */
 VORN_API int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset);
 
 /* Binds the calling thread to all configured CPUs. */
