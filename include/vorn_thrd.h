@@ -58,20 +58,22 @@ enum {
 /* A thread function. What it returns goes nowhere: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
-/* The last changes of a thread from one light-weight instance to another. Switch number n is in
- * entry n mod VORN_THRD_SWITCH_COUNT. */
+/* How many changes a trace holds, and return addresses of each. */
 #define VORN_THRD_SWITCH_COUNT 3
 #define VORN_THRD_SWITCH_DEPTH 9
 
+/* A thread's change from one light-weight instance to another. */
 typedef struct vorn_thrd_switch {
-  uint64_t old_id;
-  uint64_t new_id;
+  uint64_t old_id;                                 /* of the instance that was left */
+  uint64_t new_id;                                 /* of the one that was entered */
   unsigned long addresses[VORN_THRD_SWITCH_DEPTH]; /* return addresses, from the innermost out */
 } vorn_thrd_switch_s;
 
+/* The last changes of a thread. */
 typedef struct vorn_thrd_switch_trace {
-  uint64_t count; /* of switches so far */
-  vorn_thrd_switch_s entries[VORN_THRD_SWITCH_COUNT];
+  uint64_t count; /* of changes so far */
+  vorn_thrd_switch_s
+      entries[VORN_THRD_SWITCH_COUNT]; /* change n is entry n mod VORN_THRD_SWITCH_COUNT */
 } vorn_thrd_switch_trace_s;
 
 /* A place in the table of threads; what is in it is the library's. */
@@ -99,7 +101,7 @@ typedef struct vorn_thread {
   uint32_t pooled;                /* 1: a thread of the pool */
   uint64_t jobs;                  /* that a pool thread has run */
   uint64_t cpuset[VORN_THRD_CPUSET_WORDS]; /* what the thread last bound itself to; 0: nothing */
-  vorn_thrd_switch_trace_s switch_trace;
+  vorn_thrd_switch_trace_s switch_trace;   /* of light-weight instances on this thread */
 } vorn_thread_s;
 
 /* --- Records --- */

@@ -16,6 +16,25 @@
 namespace vorn::thread {
 namespace {
 
+// Later modules and services are built on this layout.
+static_assert(offsetof(vorn_thread_s, slot) == 0);
+static_assert(offsetof(vorn_thread_s, handle) == 8);
+static_assert(offsetof(vorn_thread_s, entry) == 16);
+static_assert(offsetof(vorn_thread_s, argument) == 24);
+static_assert(offsetof(vorn_thread_s, name) == 32);
+static_assert(offsetof(vorn_thread_s, tid) == 48);
+static_assert(offsetof(vorn_thread_s, pid) == 56);
+static_assert(offsetof(vorn_thread_s, strategy) == 60);
+static_assert(offsetof(vorn_thread_s, context) == 64);
+static_assert(offsetof(vorn_thread_s, iod_thread_id) == 68);
+static_assert(offsetof(vorn_thread_s, os_stack_low) == 72);
+static_assert(offsetof(vorn_thread_s, os_stack_high) == 80);
+static_assert(offsetof(vorn_thread_s, sig_stack) == 88);
+static_assert(offsetof(vorn_thread_s, job) == 96);
+static_assert(offsetof(vorn_thread_s, preempt_flag) == 128);
+static_assert(offsetof(vorn_thread_s, switch_trace) == 272);
+static_assert(sizeof(vorn_thread_s) == 544);
+
 constinit Slot table[VORN_THRD_SLOT_COUNT];
 
 // Where a lookup begins: the slot of the thread whose kernel id fell here last, and the ids of all

@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::uint32_t kValid = 1;
 
+static_assert(VORN_CPUM_MASK_WORDS == VORN_THRD_CPUSET_WORDS);
+
 // Written by vorn_initThreadStrategy without a lock: its callers set the table up before they start
 // threads that use it.
 struct Strategy {
