@@ -7,6 +7,8 @@
 
 #include "base/bounded.hpp"
 #include "base/log.hpp"
+#include "base/stream.hpp"
+#include "vorn_syscall.h"
 
 namespace vorn::cpufreq {
 namespace {
@@ -16,9 +18,6 @@ constexpr char kPolicyRoot[] = "/sys/devices/system/cpu/cpufreq";
 struct CloseDirectory {
   void operator()(DIR *directory) const { closedir(directory); }
 };
-struct CloseFile {
-  void operator()(FILE *file) const { std::fclose(file); }
-};
 
 // The frequency in kHz that an attribute of a policy holds; false when it cannot be read.
 bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
@@ -27,7 +26,7 @@ bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
       0) {
     return false;
   }
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "re"));
+  const Stream file(std::fopen(path, "re"));
   return file != nullptr && std::fscanf(file.get(), "%lu", khz) == 1;
 }
 
@@ -40,6 +39,13 @@ bool log_policy(const char *policy) {
   }
   VORN_LOG_AS("vorn_cpufreq_init", kDebug, "cpufreq %s: %lu to %lu kHz.", policy, min_khz, max_khz);
   return true;
+}
+
+// The kernel module answers in 32 bits.
+int request(unsigned int operation, unsigned long argument1, unsigned long argument2) {
+  return static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), argument1,
+                                               argument2, VORN_SYSCALL_UNUSED,
+                                               VORN_SYSCALL_UNUSED));
 }
 
 } // namespace
@@ -55,4 +61,24 @@ int vorn_cpufreq_init() {
   }
   VORN_LOG(vorn::kDebug, "cpufreq: %u policies can be controlled.", usable);
   return 0;
+}
+
+int vorn_cpufreq_set_low_all(unsigned long argument1, unsigned long argument2) {
+  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_LOW_ALL, argument1, argument2);
+}
+
+int vorn_cpufreq_set_high_all(unsigned long argument1, unsigned long argument2) {
+  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_HIGH_ALL, argument1, argument2);
+}
+
+int vorn_cpufreq_up_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
+  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_UP, argument1, argument2);
+}
+
+int vorn_cpufreq_down_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
+  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_DOWN, argument1, argument2);
+}
+
+int vorn_get_local_cpufreq(unsigned long argument1, unsigned long argument2) {
+  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_GET, argument1, argument2);
 }
