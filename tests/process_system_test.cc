@@ -84,24 +84,11 @@ TEST_F(NodeNames, AddRowsAndBadLinesAreReported) {
   EXPECT_NO_RECORD(); // the file is read once
 }
 
-TEST_F(NodeNames, MissingFileIsSilent) {
-  EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
-  EXPECT_NO_RECORD();
-}
-
 TEST_F(NodeNames, WhatCannotBeReadIsReported) {
   ASSERT_EQ(mkfifo(names_file.c_str(), 0600), 0); // nobody ever writes to it
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_process.c", "pid_init_names",
                     "/WRK/conf/vorn_module_names is not a table of module names.");
-}
-
-TEST_F(NodeNames, WhatCannotBeOpenedIsReported) {
-  names_file += "/below";
-  scratch::write_file(directory_ / "names", "");
-  EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_process.c", "pid_init_names",
-                    "Open /WRK/conf/vorn_module_names failed, errno=20.");
 }
 
 } // namespace
