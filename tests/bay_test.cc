@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <string>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -21,10 +20,6 @@ constexpr char kFunction[] = "vorn_get_bay_config_keyvalue";
 constexpr char kScript[] = "/WRK/script/os_get_bay_config_segment.sh";
 constexpr char kNotGot[] = "Can not get the file(/WRK/conf/bay_config.ini).";
 const std::string kTemporary = "/tmp/bay_cfg_segment_" + std::to_string(getpid()) + ".conf";
-
-std::ptrdiff_t open_descriptors() {
-  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-}
 
 TEST(BayParameters, AreChecked) {
   char out[8] = "before";
@@ -71,7 +66,7 @@ TEST_F(Bay, ReadsTheFirstLine) {
       {"", 16, "", {missing}},
       {"value", 1, "", {missing}},
   };
-  const auto before = open_descriptors();
+  const auto before = scratch::next_descriptor();
   for (const auto &row : rows) {
     SCOPED_TRACE(row.printed);
     scratch::write_file("/WRK/value", row.printed);
@@ -83,7 +78,7 @@ TEST_F(Bay, ReadsTheFirstLine) {
     EXPECT_EQ(capture::take_texts(), row.texts);
   }
   EXPECT_EQ(calls().substr(0, 14), "SLOT 1\nSLOT 1\n");
-  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(scratch::next_descriptor(), before);
 }
 
 TEST_F(Bay, ReportsAFailedScriptAndReplacesWhatItLeft) {
