@@ -134,15 +134,15 @@ protected:
 
   void compare_lookups(int key) {
     const auto at = model_.lower_bound(key);
+    const bool is_there = at != model_.end() && at->first == key;
     unsigned long where = 2;
     Record *found = find(key, &where);
-    if (at != model_.end() && at->first == key) {
-      ASSERT_EQ(found, at->second);
+    ASSERT_EQ(found, is_there ? at->second : nullptr);
+    if (is_there) {
       ASSERT_EQ(where, 2u);
       ASSERT_EQ(vorn_walk_avl_node(&tree_, found, 1), record_at(std::next(at)));
       ASSERT_EQ(vorn_walk_avl_node(&tree_, found, 0), record_before(at));
     } else {
-      ASSERT_EQ(found, nullptr);
       ASSERT_EQ(vorn_find_avl_nearest_node(&tree_, where, 1), record_at(at));
       ASSERT_EQ(vorn_find_avl_nearest_node(&tree_, where, 0), record_before(at));
     }
@@ -193,15 +193,11 @@ TEST_F(Avl, RemovalTakesTheHeirFromTheHigherSide) {
 
 TEST_F(Avl, PositionsNameParentAndSide) {
   EXPECT_EQ(where_of(5), 0u);
-  EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, 0, 1), nullptr);
   EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, 1, 0), nullptr);
-  EXPECT_EQ(vorn_get_avl_first_node(&tree_), nullptr);
-  EXPECT_EQ(vorn_get_avl_last_node(&tree_), nullptr);
   add({4, 2, 6});
   const auto parent = reinterpret_cast<unsigned long>(&records_[6].node);
   EXPECT_EQ(where_of(5), parent);
   EXPECT_EQ(where_of(7), parent | 1);
-  EXPECT_EQ(find(5, nullptr), nullptr);
 }
 
 TEST_F(Avl, AComparisonOutOfRangeFindsNothingAndMakesARootAlone) {

@@ -25,24 +25,6 @@ using Lock = vorn_trwlock_s;
 
 constexpr uint32_t kMax = UINT32_MAX;
 
-TEST(Trwlock, CountsEveryoneAndWritersSeparatelyAcrossTheWrap) {
-  Lock lock{kMax, 7, kMax, 7};
-  vorn_trwlock_read_lock(&lock);
-  EXPECT_EQ(vorn_trwlock_read_trylock(&lock), 1); // beside the first
-  EXPECT_EQ(lock, (Lock{kMax, 7, 1, 7}));
-  vorn_trwlock_read_unlock(&lock);
-  vorn_trwlock_read_unlock(&lock);
-  EXPECT_EQ(lock, (Lock{1, 7, 1, 7}));
-
-  lock = {kMax, kMax, kMax, kMax};
-  vorn_trwlock_write_lock(&lock);
-  EXPECT_EQ(lock, (Lock{kMax, kMax, 0, 0}));
-  vorn_trwlock_write_unlock(&lock);
-  EXPECT_EQ(lock, (Lock{0, 0, 0, 0}));
-  EXPECT_EQ(vorn_trwlock_write_trylock(&lock), 1);
-  EXPECT_EQ(lock, (Lock{0, 0, 1, 1}));
-}
-
 TEST(Trwlock, TrylocksYieldToWhoIsInOrWaits) {
   const struct {
     const char *state;
