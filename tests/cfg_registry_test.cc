@@ -107,31 +107,4 @@ TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
   }
 }
 
-// A node that was built by hand, with two sections of one name and two items of one name.
-TEST_F(CfgRegistry, TakesANodeOver) {
-  ASSERT_EQ(init(a, "[s]\nk=1\n"), 0);
-  ASSERT_EQ(init(b, "[s]\nk=b\n"), 0);
-  auto *node = static_cast<vorn_cfg_file_node_s *>(vorn_malloc(381, sizeof(vorn_cfg_file_node_s)));
-  std::memset(node, 0, sizeof *node);
-  vorn_list_init_head(&node->sections);
-  std::strcpy(node->path, "unknown");
-  EXPECT_EQ(vorn_cfg_updateFileNode(node), -1);
-  EXPECT_EQ(node->index, nullptr);
-  EXPECT_NO_RECORD();
-  ASSERT_EQ(vorn_cfg_add_item_func(node, "s", "k", "first"), 0);
-  ASSERT_EQ(vorn_cfg_add_item_func(node, "t", "k", "other"), 0);
-  auto *section = vorn_list_entry(node->sections.next, vorn_cfg_section_node_s, link);
-  auto *item = vorn_cfg_new_item_node_ex("k", "second");
-  EXPECT_EQ(item->link.next, &item->link);
-  item->link = {&section->items, section->items.prev};
-  section->items.prev = section->items.prev->next = &item->link;
-  std::strcpy(vorn_list_entry(node->sections.prev, vorn_cfg_section_node_s, link)->name, "s");
-  std::strcpy(node->path, a.c_str());
-  EXPECT_EQ(vorn_cfg_updateFileNode(node), 0);
-  EXPECT_EQ(get("s", "k"), "first"); // also the newest now
-  vorn_cfg_destroy_ex(a.c_str());    // the old one's count
-  EXPECT_EQ(get("s", "k"), "b");
-  vorn_cfg_destroy();
-}
-
 } // namespace

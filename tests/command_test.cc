@@ -268,16 +268,6 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
   EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command holds none back";
 }
 
-TEST_F(CommandRun, ShellsInheritMaskAndIgnoredSignals) {
-  std::signal(SIGUSR1, SIG_IGN);
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  sigaddset(&blocked, SIGUSR2);
-  sigprocmask(SIG_BLOCK, &blocked, nullptr);
-  EXPECT_EQ(output_of("kill -USR1 $$; kill -USR2 $$; echo alive"), "alive\n");
-  EXPECT_EQ(vorn_system("kill -USR1 $$ && kill -USR2 $$"), 0);
-}
-
 TEST_F(CommandRun, IsNotCancelled) {
   int status = -1;
   int stream_status = -1;

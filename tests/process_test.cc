@@ -22,13 +22,6 @@ TEST(ModuleNames, OutOfRangeNameIsTheThreadsOwn) {
   EXPECT_STREQ(mine, "<1024>");
 }
 
-TEST(ModuleNames, IgnoresWhatCannotBeNamed) {
-  vorn_pid_set_name(1024, "X");
-  vorn_pid_set_name(5, nullptr);
-  EXPECT_STREQ(vorn_pid_get_name(1024), "<1024>");
-  EXPECT_STREQ(vorn_pid_get_name(5), "NONE");
-}
-
 TEST(ModuleNames, GivenNamesGoWithTheTableAndRowsComeBack) {
   const char name[] = "MINE";
   vorn_pid_set_name(5, name);

@@ -144,29 +144,4 @@ TEST_F(RbTree, KeepsItsInvariantsUnderRandomOperations) {
   }
 }
 
-int depth(const Node *node) {
-  return node == nullptr ? 0 : 1 + std::max(depth(node->left), depth(node->right));
-}
-
-TEST_F(RbTree, StaysBalancedAndUpdatesOnePathAloneWhenKeysComeInOrder) {
-  for (const int direction : {1, -1}) {
-    std::vector<Record> records(1000);
-    for (Record &record : records) {
-      record.value = static_cast<int>(&record - records.data());
-      record.key = record.value * direction;
-      calls_ = 0;
-      insert(record);
-      EXPECT_LE(calls_, 2 * depth(root_.node));
-    }
-    check();
-    EXPECT_LE(depth(root_.node), 19); // 2 * log2(1001) is 19.9
-    for (Record &record : records) {
-      calls_ = 0;
-      erase(record);
-      EXPECT_LE(calls_, 2 * depth(root_.node) + 1);
-    }
-    check();
-  }
-}
-
 } // namespace
