@@ -63,7 +63,9 @@ protected:
     }
     vorn_rb_link_node(&record.node, parent, link);
     vorn_rb_insert_color(&record.node, &root_);
+    calls_ = 0;
     vorn_rb_augment_insert(&record.node, update_max, &calls_);
+    EXPECT_LE(calls_, 32); // one path, and what a rotation moved off it
     model_[record.key] = &record;
   }
 
