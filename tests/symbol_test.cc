@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <filesystem>
+#include <memory>
 #include <pthread.h>
 #include <random>
 #include <string>
@@ -87,32 +88,24 @@ std::string text_at(std::uintptr_t address) {
 
 std::string fixture_path(const char *name) { return std::string(VORN_FIXTURE_DIR) + "/" + name; }
 
+struct Unload {
+  void operator()(void *handle) const { dlclose(handle); }
+};
+
 class Library {
 public:
-  explicit Library(const std::string &path) : handle_(dlopen(path.c_str(), RTLD_NOW)) {
-    EXPECT_NE(handle_, nullptr) << dlerror();
-  }
-  Library(const Library &) = delete;
-  Library &operator=(const Library &) = delete;
-  ~Library() { close(); }
-
+  explicit Library(const std::string &path) : handle_(dlopen(path.c_str(), RTLD_NOW)) {}
   std::uintptr_t operator[](const char *name) const {
-    void *address = dlsym(handle_, name);
-    EXPECT_NE(address, nullptr) << name;
-    return reinterpret_cast<std::uintptr_t>(address);
+    return reinterpret_cast<std::uintptr_t>(dlsym(handle_.get(), name));
   }
-
   std::uintptr_t static_function() const {
     const auto get = reinterpret_cast<int (*(*)())(int)>((*this)["fixture_static"]);
     return reinterpret_cast<std::uintptr_t>(get());
   }
-
-  void close() {
-    if (handle_ != nullptr) dlclose(std::exchange(handle_, nullptr));
-  }
+  void close() { handle_.reset(); }
 
 private:
-  void *handle_;
+  std::unique_ptr<void, Unload> handle_;
 };
 
 // Every case ends without a table, and then without memory.
