@@ -45,7 +45,8 @@ protected:
     try {
       const Settings settings = scrub::read_settings(path_);
       return std::to_string(settings.read_size_limit) + " " + std::to_string(settings.threads) +
-             " " + std::to_string(settings.rate_limit);
+             " " + std::to_string(settings.rate_limit) + " " + std::to_string(settings.nice) + " " +
+             settings.cpus;
     } catch (const std::runtime_error &why) {
       return why.what();
     }
@@ -59,10 +60,13 @@ TEST_F(SettingsFile, SetsWhatItSaysAndLeavesTheRest) {
   const struct {
     const char *content, *values;
   } rows[] = {
-      {"[SCRUB]\nREAD_SIZE_LIMIT=4096\nTHREADS=1\nRATE_LIMIT=0\n", "4096 1 0"},
-      {"[SCRUB]\nREAD_SIZE_LIMIT=1048576\nTHREADS=16\nRATE_LIMIT=100000", "1048576 16 100000"},
-      {"\r\n; of us\r\n[SCRUB]\r\n\t RATE_LIMIT = 20 \r\n", "131072 1 20"},
-      {"[OTHER]\nTHREADS=9\nCOLOUR=red\n[SCRUB]\nTHREADS=2\n[MORE]\nno item\n", "131072 2 0"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=4096\nTHREADS=1\nRATE_LIMIT=0\n", "4096 1 0 0 0-1023"},
+      {"[SCRUB]\nREAD_SIZE_LIMIT=1048576\nTHREADS=16\nRATE_LIMIT=100000",
+       "1048576 16 100000 0 0-1023"},
+      {"\r\n; of us\r\n[SCRUB]\r\n\t RATE_LIMIT = 20 \r\nNICE=19\nCPUS=1,4-7\r\n",
+       "131072 1 20 19 1,4-7"},
+      {"[OTHER]\nTHREADS=9\nCOLOUR=red\n[SCRUB]\nTHREADS=2\n[MORE]\nno item\n",
+       "131072 2 0 0 0-1023"},
   };
   for (const auto &row : rows)
     EXPECT_EQ(outcome(row.content), row.values) << row.content;
@@ -81,6 +85,7 @@ TEST_F(SettingsFile, IsRefusedWithTheReason) {
       {"[SCRUB]\nTHREADS=" + std::string(1000, '1'), "THREADS is too long, wanted: 1 to 16"},
       {"[SCRUB]\nREAD_SIZE_LIMIT=5000\n",
        "READ_SIZE_LIMIT is '5000', wanted: 4096 to 1048576, a multiple of 4096"},
+      {"[SCRUB]\nCPUS=all\n", "CPUS is 'all', wanted: numbers and ranges, as 0-3,8"},
   };
   for (const auto &row : rows)
     EXPECT_EQ(outcome(row.content), "settings " + path_ + ": " + row.why);
@@ -97,7 +102,7 @@ TEST_F(SettingsFile, TheSampleHoldsTheDefaults) {
   for (const auto &[from, to] :
        {std::pair("=131072", "=8192"), std::pair("=1\n", "=5\n"), std::pair("=0\n", "=6\n")})
     content.replace(content.find(from), std::string(from).size(), to);
-  EXPECT_EQ(outcome(content), "8192 5 6");
+  EXPECT_EQ(outcome(content), "8192 5 6 0 0-1023");
 }
 
 TEST(ReadRate, NeverAllowsMoreThanTheRateInARunOfUnevenReads) {
