@@ -144,8 +144,7 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
   EXPECT_EQ(the_record(), stack_text(place(0), 0, 0));
 }
 
-constexpr uintptr_t kFarUp = 12288;   // more than a stack that nobody knows is taken to hold
-uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
+constexpr uintptr_t kFarUp = 12288; // more than a stack that nobody knows is taken to hold
 volatile uintptr_t *g_on_stack;
 
 // Has a frame so many words up its own, which is on the stack even where a sanitizer keeps the
@@ -159,20 +158,19 @@ volatile uintptr_t *g_on_stack;
 }
 
 TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
+  static uintptr_t planted[2] = {0, 0x1234}; // a frame, but not of the stack
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
       [](uintptr_t frame) { return frame; }, // a circle
       [](uintptr_t frame) { return frame + kFarUp; },
       [](uintptr_t frame) { return frame + 2 * sizeof frame + 1; }, // not aligned
-      [](uintptr_t) { return number(g_planted); },
+      [](uintptr_t) { return number(planted); },
       [](uintptr_t) { return UINTPTR_MAX - 7; },
   };
   for (const Damage damage : outside) {
     outer(1, damage);
     EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0, 0)) << &damage - outside;
   }
-  EXPECT_EQ(dump_with_frame_at(0), stack_text(place(g_returns[0]), 0x1234, 0));
-  EXPECT_EQ(dump_with_frame_at(kFarUp / sizeof(uintptr_t)), stack_text(place(g_returns[0]), 0, 0));
   // The registry knows how far the stack of a thread of its own goes.
   ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
   EXPECT_EQ(dump_with_frame_at(kFarUp / sizeof(uintptr_t)),

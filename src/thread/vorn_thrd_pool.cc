@@ -213,7 +213,7 @@ int vorn_thread_pool_destroy() {
   if (pool_size.load() == 0) return 0;
   stopping.store(true);
   const int first = post_all();
-  vorn_usleep(kStopMilliseconds * 1000);
+  vorn_msleep(kStopMilliseconds);
   const int second = post_all();
   VORN_LOG(vorn::kInfo, "TBA:res1 %d, res2 %d.", first, second);
   return second;
