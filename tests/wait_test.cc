@@ -122,6 +122,7 @@ TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
       word = 0;
     };
     EXPECT_EQ(vorn_wait_comm(&word, row.timeout), row.left) << row.nanoseconds;
+    g_clock = nullptr;
   }
 }
 
