@@ -12,6 +12,17 @@ VORN_BEGIN_DECLS
  * signal-safe. */
 VORN_API int vorn_cpufreq_init(void);
 
+/* Have the kernel module put all CPUs at their lowest or highest frequency, take all a step up or
+ * down, and read the frequency. The two words go to the module as they are and are its own to
+ * define. Return what it answers; -1 with errno when it does not (ENOSYS where there is no such
+ * module). Any thread; block as the module does. */
+VORN_API int vorn_cpufreq_set_low_all(unsigned long argument1, unsigned long argument2);
+VORN_API int vorn_cpufreq_set_high_all(unsigned long argument1, unsigned long argument2);
+VORN_API int vorn_cpufreq_up_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2);
+VORN_API int vorn_cpufreq_down_allcpu_freq_by_step(unsigned long argument1,
+                                                   unsigned long argument2);
+VORN_API int vorn_get_local_cpufreq(unsigned long argument1, unsigned long argument2);
+
 VORN_END_DECLS
 
 #endif

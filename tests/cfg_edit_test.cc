@@ -26,6 +26,9 @@ struct CfgEdit : testing::Test {
     vorn_cfg_getItemValue_ex(path.c_str(), section, item, value, sizeof value);
     return value;
   }
+  int write(const std::string &section, const std::string &item, const std::string &value) {
+    return vorn_cfg_write_item_to_file(path.c_str(), section.c_str(), item.c_str(), value.c_str());
+  }
 };
 
 enum Edit { kAdd, kSet, kDelete, kDeleteSection };
@@ -52,10 +55,8 @@ TEST_F(CfgEdit, ChangesTheFile) {
       {kAdd, "s", "k", "l=1\n;c\n[s]\n", "[NULL]\nl=1\n[s]\nk=new\n"},
       {kAdd, "s", "k", "[s]\nl=1\n[t]\nk=2\n[s]\nm=3", "[s]\nl=1\nm=3\nk=new\n[t]\nk=2\n"},
       {kAdd, "NULL", "k", "[s]\nk=1\n", "[s]\nk=1\n[NULL]\nk=new\n"},
-      {kAdd, "", "", "[s]\nk=1\n", "[s]\nk=1\n[]\n =new\n"},
       {kSet, "s", "k", "[t]\nk=1\n[s]\nl=1\nk=1\nm=1\n", "[t]\nk=1\n[s]\nl=1\nk=new\nm=1\n"},
       {kDelete, "s", "k", "[t]\nk=1\n[s]\nk=1\n", "[t]\nk=1\n"},
-      {kDelete, "s", "k", "[s]\nk=1\n", ""},
       {kDeleteSection, "s", nullptr, "[s]\nk=1\nl=2\n[t]\nk=1\n[s]\nm=3\n", "[t]\nk=1\n"},
   };
   for (const auto &row : rows) {
@@ -67,56 +68,33 @@ TEST_F(CfgEdit, ChangesTheFile) {
   EXPECT_NO_RECORD();
 }
 
-TEST_F(CfgEdit, RecordsWhyItCannot) {
+TEST_F(CfgEdit, LeavesTheFileAloneWhereItRefuses) {
   const std::string before = "[s]\nk=1\n";
   const std::string name64(64, 'n');
-  const std::string end = "Section, item or value holds a line end.";
-  const std::string proc = "Exec v_pfnProc(" + path + ") failed.";
-  const std::string endings[] = {
-      "Exec write operate failed.", "exec write operate to set item value failed.",
-      "Exec write operate to del item failed.", "Exec write operate to del section<t> failed."};
-  const std::string no_item = "Set item failed.item(k) is not exist in file(" + path + ").";
-  const std::string from = " is not exist in file(" + path + ").";
-  const char *n = name64.c_str();
   const struct {
     Edit edit;
-    const char *section, *item, *value;
-    std::vector<std::string> texts; // before those that each failed edit has
+    std::string section, item, value, why; // where the first text begins
   } rows[] = {
-      {kAdd, "s", "k", "v", {"add item fail, item(k) is already exist"}},
-      {kAdd, "s", n, "v", {"Strcpy pItemName failed.", "new item node(" + name64 + ",v) fail."}},
-      {kAdd, n, "k", "v", {"Copy section name (" + name64 + ") fail in new section node."}},
-      {kAdd, "s", "l", "v\n[x]", {end}},
-      {kAdd, "s", "l\n", "v", {end}},
-      {kAdd, "s\r", "l", "v", {end}},
-      {kSet, "t", "k", "v", {"Can't find section=t", no_item}},
-      {kSet, "s", "k", "\r", {end}},
-      {kDelete, "t", "k", nullptr, {"Delete item failed.Section(t)" + from}},
-      {kDelete, "s", "l", nullptr, {"Delete item failed.item(l)" + from}},
-      {kDeleteSection, "t", nullptr, nullptr, {"Delete section(t)" + from}},
+      {kAdd, "s", "k", "v", "add item fail, item(k) is already exist"},
+      {kAdd, "s", name64, "v", "Strcpy pItemName failed."},
+      {kAdd, name64, "k", "v", "Copy section name (" + name64 + ") fail in new section node."},
+      {kAdd, "s", "l", "v\n[x]", "Section, item or value holds a line end."},
+      {kAdd, "s", "l\n", "v", "Section, item or value holds a line end."},
+      {kAdd, "s\r", "l", "v", "Section, item or value holds a line end."},
+      {kSet, "t", "k", "v", "Can't find section=t"},
+      {kDelete, "t", "k", "", "Delete item failed.Section(t) is not exist in file("},
+      {kDelete, "s", "l", "", "Delete item failed.item(l) is not exist in file("},
+      {kDeleteSection, "t", "", "", "Delete section(t) is not exist in file("},
   };
   scratch::write_file(path, before);
   for (const auto &row : rows) {
-    EXPECT_EQ(run(row.edit, path.c_str(), row.section, row.item, row.value), -1);
-    auto wanted = row.texts;
-    wanted.insert(wanted.end(), {proc, endings[row.edit]});
-    EXPECT_EQ(capture::take_texts(), wanted);
+    EXPECT_EQ(run(row.edit, path.c_str(), row.section.c_str(), row.item.c_str(), row.value.c_str()),
+              -1);
+    const auto texts = capture::take_texts();
+    EXPECT_EQ(texts.at(0).substr(0, row.why.size()), row.why);
+    EXPECT_EQ(texts.at(texts.size() - 2), "Exec v_pfnProc(" + path + ") failed.");
     EXPECT_EQ(scratch::read_file(path), before);
   }
-  const std::string none = directory / "none";
-  EXPECT_EQ(run(kAdd, none.c_str(), "s", "k", "v"), -1);
-  EXPECT_EQ(run(kSet, none.c_str(), "s", "k", "v"), -1);
-  EXPECT_EQ(run(kAdd, path.c_str(), "s", nullptr, "v"), -1);
-  EXPECT_EQ(run(kSet, path.c_str(), nullptr, "k", "v"), -1);
-  EXPECT_EQ(run(kDelete, path.c_str(), "s", nullptr, nullptr), -1);
-  EXPECT_EQ(run(kDeleteSection, path.c_str(), nullptr, nullptr, nullptr), -1);
-  const std::vector<std::string> wanted = {"Open file<" + none + "> failed, errno<2>",
-                                           "open file<" + none + "> failed, errno<2>",
-                                           "Param is null.",
-                                           "param is null.",
-                                           "Param is null.",
-                                           "Param is null."};
-  EXPECT_EQ(capture::take_texts(), wanted);
   EXPECT_FALSE(is_there(temporary));
 }
 
@@ -187,59 +165,100 @@ TEST_F(CfgEdit, EditsTheFileThatThePathNames) {
   EXPECT_EQ(close(fd), 0);
 }
 
-TEST_F(CfgEdit, NamesTheItemWhereTheFileCannotBeParsed) {
-  const int fd = open(directory.path().c_str(), O_RDONLY | O_CLOEXEC);
-  vorn_cfg_oper_param_s param{directory.path().c_str(), "s", "k", "v"};
-  EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_add_item_func), -1);
-  EXPECT_EQ(capture::take_texts().back(), "Parse config file k failed.");
-  EXPECT_EQ(vorn_cfg_file_writeOperate(fd, nullptr, vorn_cfg_add_item_func), -1);
-  EXPECT_EQ(capture::take_texts().back(), "Param is null.");
-  close(fd);
+using CfgWrite = CfgEdit; // in place
+
+TEST_F(CfgWrite, SetsOneItem) {
+  const struct {
+    const char *before;
+    const char *section;
+    const char *item;
+    const char *after; // with the value "new"
+  } rows[] = {
+      {"", "s", "k", "[s]\nk=new\n"},
+      {"[s]\nl=2\nk=1\n", "s", "k", "[s]\nl=2\nk=new\n"},
+      {"[s]\nl=2\n[t]\nm=3\n", "s", "k", "[s]\nl=2\nk=new\n[t]\nm=3\n"},
+      {"[s]\nl=2\n", "t", "k", "[s]\nl=2\n[t]\nk=new\n"},
+      {"[s]\n", "s", "k", "[s]\nk=new\n"},
+      {"k=1", "NULL", "k", "[NULL]\nk=new\n"},
+      {";c\n\n  l = 2 \n[ e ]\n[s]\nk=1", "s", "k", "[NULL]\nl=2\n[s]\nk=new\n"},
+      // The first item of a section is told by its section, later ones are not.
+      {"[t]\nk=1\n[s]\nk=1\n[u]\nk=1\n", "s", "k", "[t]\nk=1\n[s]\nk=new\n[u]\nk=1\n"},
+      {"[t]\nl=1\nk=1\n[s]\nk=1\n", "s", "k", "[t]\nl=1\nk=new\n[s]\nk=new\n"},
+      // A section that comes again keeps its headers, but for one behind itself.
+      {"[s]\nl=1\n[t]\nm=1\n[s]\nk=1\n", "s", "k", "[s]\nl=1\nk=new\n[t]\nm=1\n[s]\nk=new\n"},
+      {"[s]\nl=1\n[t]\n[s]\nk=1\nk=2\n", "s", "k", "[s]\nl=1\nk=new\nk=new\n"},
+      {"[]\nl=1\n", "s", "k", "l=1\n[s]\nk=new\n"},
+      // Written as given; blanks at the ends are not read back.
+      {"", "a b", "k.l", "[a b]\nk.l=new\n"},
+  };
+  for (const auto &row : rows) {
+    scratch::write_file(path, row.before);
+    EXPECT_EQ(write(row.section, row.item, "new"), 0) << row.before;
+    EXPECT_EQ(scratch::read_file(path), row.after) << row.before;
+  }
+  EXPECT_NO_RECORD();
 }
 
-// A node of the caller's own, written to a file that was longer.
-TEST_F(CfgEdit, WritesAnyNode) {
-  vorn_cfg_file_node_s node{};
-  vorn_list_init_head(&node.sections);
-  std::strcpy(node.path, "somewhere");
-  scratch::write_file(path, std::string(100, 'x'));
-  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-  const std::string big(0x4000E0, 'v');
-  EXPECT_EQ(vorn_cfg_add_item_func(&node, "s", "k", "1"), 0);
-  EXPECT_EQ(vorn_cfg_set_item_func(&node, "s", "k", "2"), 0);
-  EXPECT_EQ(vorn_cfg_add_item_func(&node, "t", "l", big.c_str()), 0);
-  EXPECT_EQ(vorn_cfg_writeFnodeTofile(fd, &node), -1); // its 100 bytes are room too
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_writeFnodeTofile",
-                    "sprintf_s secure function failed, destMax<4194532>.");
-  EXPECT_EQ(scratch::read_file(path), std::string(100, 'x'));
-  EXPECT_EQ(vorn_cfg_set_item_func(&node, "t", "l", ""), 0);
-  EXPECT_EQ(vorn_cfg_writeFnodeTofile(fd, &node), 0);
-  EXPECT_EQ(scratch::read_file(path), "[s]\nk=2\n[t]\nl=\n");
-  EXPECT_EQ(vorn_cfg_del_item_func(&node, "s", "k", nullptr), 0);
-  EXPECT_EQ(vorn_cfg_del_section_func(&node, "t", nullptr, nullptr), 0);
-  EXPECT_TRUE(vorn_list_is_empty(&node.sections));
-  EXPECT_EQ(node.lock.word, 0);
-  close(fd);
-  capture::take();
-  EXPECT_EQ(vorn_cfg_writeFnodeTofile(-1, &node), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_writeFnodeTofile",
-                    "Wirte file (-1) fail,errno 9");
+TEST_F(CfgWrite, KeepsLinksAndLeavesTheRegistryAlone) {
+  scratch::write_file(path, "[s]\nk=1\n");
+  const std::string other = directory / "other";
+  ASSERT_EQ(link(path.c_str(), other.c_str()), 0);
+  ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
+  EXPECT_EQ(write("s", "k", "2"), 0);
+  EXPECT_EQ(scratch::read_file(other), "[s]\nk=2\n");
+  char value[8];
+  EXPECT_EQ(vorn_cfg_getItemValue("s", "k", value, sizeof value), 0);
+  EXPECT_STREQ(value, "1");
+  vorn_cfg_destroy();
 }
 
-TEST_F(CfgEdit, MakesATemporaryFile) {
+// The value goes to many places: the text outgrows its buffer.
+TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
+  constexpr std::size_t kSlack = 0x400080;
+  std::string before = "[t]\nl=1\n";
+  for (int i = 0; i < 5; ++i)
+    before += "k=1\n";
+  scratch::write_file(path, before);
+  const std::string big(1 << 20, 'v');
+  EXPECT_EQ(write("s", "k", big), 22);
+  const std::string room = std::to_string(before.size() + kSlack - 8 - 4 * (big.size() + 3));
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_write_item_func",
+                    "sprintf_s secure function failed, destMax<" + room + ">.");
+  EXPECT_EQ(scratch::read_file(path), before);
+
+  // To the byte, where the item is new: the text and a zero fill the buffer.
   scratch::write_file(path, "");
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  char *name = nullptr;
-  const int created = vorn_cfg_create_tmpfile(path.c_str(), fd, &name);
-  ASSERT_GE(created, 0);
-  EXPECT_EQ(name, temporary);
-  EXPECT_EQ(fcntl(created, F_GETFD), FD_CLOEXEC);
-  vorn_free(name);
-  close(created);
-  close(fd);
-  name = nullptr;
-  EXPECT_EQ(vorn_cfg_create_tmpfile(path.c_str(), fd, &name), -1);
-  EXPECT_EQ(name, nullptr);
+  const std::string fits(kSlack - 1 - std::string("[s]\nk=\n").size(), 'v');
+  EXPECT_EQ(write("s", "k", fits + "v"), 22);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_write_item_to_file",
+                    "sprintf_s secure function failed, destMax<4194432>.");
+  EXPECT_EQ(scratch::read_file(path), "");
+  EXPECT_EQ(write("s", "k", fits), 0);
+  EXPECT_EQ(scratch::read_file(path), "[s]\nk=" + fits + "\n");
+  EXPECT_NO_RECORD();
+}
+
+TEST_F(CfgWrite, RefusesWhatWouldForgeLines) {
+  scratch::write_file(path, "[s]\nk=1\n");
+  for (const char *bad : {"a\nb=c", "a\rb"}) {
+    EXPECT_EQ(write(bad, "k", "v"), -1);
+    EXPECT_EQ(write("s", bad, "v"), -1);
+    EXPECT_EQ(write("s", "k", bad), -1);
+  }
+  EXPECT_EQ(scratch::read_file(path), "[s]\nk=1\n");
+}
+
+TEST_F(CfgWrite, ClosesDescriptorZeroForANameThatIsTooLong) {
+  const std::string name63(63, 'n');
+  EXPECT_EQ(write(name63, name63, "v"), 0);
+  EXPECT_NE(fcntl(0, F_GETFD), -1);
+  const std::string before = scratch::read_file(path);
+  EXPECT_EQ(write("s", name63 + "n", "v"), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_write_item_to_file",
+                    "Strcpy_s failed pSection<s>, pItemName<" + name63 +
+                        "n>, pItemValue<v>, iRet = 34.");
+  EXPECT_EQ(fcntl(0, F_GETFD), -1);
+  EXPECT_EQ(scratch::read_file(path), before);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write flock
+// test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write
 // What is left behind when memory runs out or the system fails: nothing, and whole files.
 #include "vorn_cfg.h"
 
@@ -8,7 +8,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
-#include <sys/file.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -23,7 +22,6 @@ static int blocks = 0;     // that exist
 static int fail_fsync = 0; // the errno to fail with, 0 for none
 static int fail_rename = 0;
 static int fail_read = 0;
-static int fail_flock = 0;
 static ssize_t write_limit = -1;
 static std::function<void()> before_rename; // done once
 static std::function<void()> after_reading; // done once, when a file has been read to its end
@@ -65,11 +63,6 @@ int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
   do_once(before_rename);
   return fail_rename != 0 ? fail(fail_rename) : __real_rename(from, to);
-}
-
-int __real_flock(int fd, int operation);
-int __wrap_flock(int fd, int operation) {
-  return fail_flock != 0 ? fail(fail_flock) : __real_flock(fd, operation);
 }
 
 // Interrupted once before every piece.
@@ -165,73 +158,6 @@ TEST_F(CfgFault, LeavesNothingBehindWithoutMemory) {
   }
 }
 
-TEST_F(CfgFault, RecordsWhatMemoryWasFor) {
-  const char *file = path.c_str();
-  const int fd = open(file, O_RDWR | O_CLOEXEC);
-  vorn_cfg_file_node_s node{};
-  vorn_list_init_head(&node.sections);
-  ASSERT_EQ(vorn_cfg_add_item_func(&node, "s", "k", "1"), 0);
-  vorn_cfg_item_s out;
-  char *name = nullptr;
-  ASSERT_EQ(vorn_cfg_init(file), 0);
-  capture::take();
-  const auto init = [=] { return vorn_cfg_init(file); };
-  const auto get = [=, &out] { return vorn_cfg_getItemFromFile(file, "s", "k", &out); };
-  const auto set = [] { return vorn_cfg_setItemValue("s", "k", "v"); };
-  const auto set_ex = [=] { return vorn_cfg_setItemValue_ex(file, "s", "k", "v"); };
-  const auto write = [=] { return vorn_cfg_write_item_to_file(file, "s", "k", "v"); };
-  const auto set_func = [&] { return vorn_cfg_set_item_func(&node, "s", "k", "v"); };
-  const auto add_func = [&] { return vorn_cfg_add_item_func(&node, "t", "k", "v"); };
-  const auto new_item = [] { return vorn_cfg_new_item_node_ex("k", "v") == nullptr ? -1 : 0; };
-  const auto create = [=, &name] { return vorn_cfg_create_tmpfile(file, fd, &name); };
-  const auto write_node = [=, &node] { return vorn_cfg_writeFnodeTofile(fd, &node); };
-  const struct {
-    int count; // of allocations that succeed before
-    std::function<int()> call;
-    std::string text;
-  } rows[] = {
-      {0, init, "Alloc needed filenode memory fail, filenode size (312)."},
-      {1, init, "Alloc memory fail, size(65537)."},
-      {1, get, "Alloc memory fail, size(65537)."},
-      {0, set, "Alloc needed item memory fail, size(2)."},
-      {0, set_ex, "Alloc needed item memory fail, size(2)."},
-      {0, write, "Alloc memory failed, size(2)."},
-      {1, write, "Alloc memory Size: (4194452) failed."},
-      {0, set_func, "Set item failed,malloc size:2 memory fail."},
-      {0, add_func, "Alloc needed section memory fail, section node size (96)."},
-      {1, add_func, "new item node(k,v) fail."},
-      {0, new_item, "Malloc item node failed."},
-      {1, new_item, "Malloc item memory failed."},
-      {0, create, "Malloc memory for tempFile failed.errno(12)."},
-      {1, create, "Malloc memory for stat failed.errno(12)."},
-      {0, write_node, "Malloc size:4194452 memory failed,errno 12."},
-  };
-  for (const auto &row : rows) {
-    mallocs_before_failure = row.count;
-    EXPECT_EQ(row.call(), -1);
-    mallocs_before_failure = -1;
-    const auto texts = capture::take_texts();
-    EXPECT_NE(std::find(texts.begin(), texts.end(), row.text), texts.end()) << row.text;
-  }
-  vorn_cfg_del_section_func(&node, "s", nullptr, nullptr);
-  vorn_cfg_destroy();
-  close(fd);
-}
-
-// An item whose node, or whose value, there is no memory for is left out; so is one whose section
-// there is none for. The file has 3 items in 2 sections, with an index of 2 blocks.
-TEST_F(CfgFault, LeavesOutWhatThereIsNoMemoryFor) {
-  for (int count = 2; count < 12; ++count) {
-    mallocs_before_failure = count;
-    ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
-    mallocs_before_failure = -1;
-    const auto texts = capture::take_texts();
-    EXPECT_EQ(texts.back(), "Set config [t] : m = 3 fail.") << count;
-    EXPECT_EQ(get("t", "m"), "?");
-    vorn_cfg_destroy();
-  }
-}
-
 TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeReplaced) {
   ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);
   capture::take();
@@ -288,17 +214,6 @@ TEST_F(CfgFault, TakesNoPartForTheFile) {
   fail_read = 0;
   EXPECT_EQ(scratch::read_file(path), kText);
   EXPECT_EQ(capture::take_texts().front().substr(0, 20), "Read file failed, fd");
-}
-
-TEST_F(CfgFault, EditsWithoutALock) {
-  fail_flock = ENOLCK;
-  EXPECT_EQ(vorn_cfg_write_item_to_file(path.c_str(), "s", "k", "new"), 0);
-  EXPECT_EQ(vorn_cfg_file_delSection(path.c_str(), "t"), 0);
-  fail_flock = 0;
-  EXPECT_EQ(scratch::read_file(path), "[s]\nk=new\n");
-  const std::string add = "Add flock failed, errno = " + std::to_string(ENOLCK);
-  const std::string down = "Down flock failed, errno = " + std::to_string(ENOLCK);
-  EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{add, down, add, down}));
 }
 
 } // namespace

@@ -77,18 +77,6 @@ TEST_F(CfgRace, ProcessesLoseNoEdit) {
   expect_all_items(path);
 }
 
-TEST_F(CfgRace, ThreadsLoseNoEdit) {
-  scratch::write_file(path, "");
-  std::atomic<int> successes{0};
-  {
-    std::vector<std::jthread> threads;
-    for (int worker = 0; worker < kWorkers; ++worker)
-      threads.emplace_back([&, worker] { successes += add_items(path, worker); });
-  }
-  EXPECT_EQ(successes, kWorkers);
-  expect_all_items(path);
-}
-
 // All lookups and setters, while the file is edited, registered again and dropped. Nobody may see
 // anything but a value that somebody wrote: the sanitizers watch the memory.
 TEST_F(CfgRace, ReadersGoOnDuringEdits) {

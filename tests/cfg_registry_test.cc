@@ -91,50 +91,6 @@ TEST_F(CfgRegistry, NeedsRoomForTheZero) {
   EXPECT_STREQ(value, "1234");
 }
 
-TEST_F(CfgRegistry, RecordsEachRefusal) {
-  ASSERT_EQ(init(a, "[s]\nk=1\n"), 0);
-  const char *path = a.c_str();
-  char value[8];
-  vorn_cfg_item_s out;
-  char nulls[128];
-  std::snprintf(nulls, sizeof nulls, "pItemName:(nil), pItemValue:%p.", static_cast<void *>(&out));
-  const struct {
-    int result;
-    int level;
-    std::string end; // of the text
-  } rows[] = {
-      {vorn_cfg_init(nullptr), EVLOG_INFO, "Input File is NULL pointer."},
-      {vorn_cfg_getItemValue("s", "k", value, 0), EVLOG_INFO,
-       "Invalid SectionName or ItemName or size in getItemValue."},
-      {vorn_cfg_getItemValue("s", "k", nullptr, 8), EVLOG_WARNING,
-       "Get ItemValue by pSection s and pItemName k failed."},
-      {vorn_cfg_getItemValue_ex(path, "s", "k", nullptr, 8), EVLOG_ERROR,
-       "Invalid SectionName or ItemName or size in getItemValue_ex."},
-      {vorn_cfg_getItemValue_ex(nullptr, "s", "k", value, 8), EVLOG_ERROR,
-       "Invalid SectionName or ItemName or size in getItemValue_ex."},
-      {vorn_cfg_setItemValue(nullptr, nullptr, nullptr), EVLOG_ERROR,
-       "Null pointer found, section:(nil) itemname:(nil) itemValue:(nil)"},
-      {vorn_cfg_setItemValue_ex(path, nullptr, nullptr, nullptr), EVLOG_ERROR,
-       "Null pointer found, section:(nil) itemname:(nil) itemValue:(nil)"},
-      {vorn_cfg_setItemValue_ex("no", "s", "k", "v"), EVLOG_ERROR, "Config file (no) is no exist."},
-      {vorn_cfg_setItemValue_ex(path, "s", "l", "v"), EVLOG_ERROR,
-       "Can not find item (l) in file (" + a + ")."},
-      {vorn_cfg_getItemValue_ex(path, "t", "k", value, 8), EVLOG_DEBUG, "Can't find section=t"},
-      {vorn_cfg_setItemValue("t", "k", "v"), EVLOG_DEBUG, "Can't find section=t"},
-      {vorn_cfg_updateFileNode(nullptr), EVLOG_ERROR, "Param is null."},
-      {vorn_cfg_getItemFromFile(path, "s", nullptr, &out), EVLOG_ERROR, nulls},
-  };
-  auto records = capture::take();
-  std::erase_if(records, [](const auto &record) { return record.file != "vorn_cfg.c"; }); // jiffies
-  ASSERT_EQ(records.size(), std::size(rows));
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(rows[i].result, -1) << rows[i].end;
-    EXPECT_EQ(records[i].level, rows[i].level) << rows[i].end;
-    EXPECT_TRUE(records[i].text.ends_with(rows[i].end)) << records[i].text;
-  }
-  vorn_cfg_destroy();
-}
-
 TEST_F(CfgRegistry, WarnsOfMissingItemsAtALimitedRate) {
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(get("s", "k"), "-1");

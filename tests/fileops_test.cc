@@ -5,17 +5,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <deque>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
-#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
-#include "vorn_dl.h"
 
 static size_t most_read = SIZE_MAX; // bytes that one call moves
 static size_t most_written = SIZE_MAX;
@@ -104,56 +101,6 @@ TEST_F(Fileops, DoesWhatTheSystemDoes) {
   EXPECT_GT(system.f_bsize, 0);
 }
 
-TEST_F(Fileops, ReadsAFolderByFilterAndOrder) {
-  for (const char *name : {"b", "a", "left_out", "c"})
-    scratch::write_file(directory / name, "");
-  struct dirent **names = nullptr;
-  const auto filter = [](const struct dirent *entry) {
-    return entry->d_name[1] == '\0' && entry->d_name[0] != '.' ? 1 : 0;
-  };
-  const int count = vorn_readdir_new(directory.path().c_str(), &names, filter, alphasort);
-  std::string joined;
-  for (int i = 0; i < count; ++i) {
-    joined += names[i]->d_name;
-    std::free(names[i]);
-  }
-  std::free(names);
-  EXPECT_EQ(joined, "abc");
-}
-
-TEST_F(Fileops, NullIsRefusedByName) {
-  struct stat known;
-  struct statfs system;
-  struct dirent **names = nullptr;
-  const struct {
-    int result;
-    const char *function;
-    const char *text;
-  } rows[] = {
-      {vorn_access(nullptr, F_OK), "vorn_access", "pFilePath is NULL."},
-      {vorn_open(nullptr, O_RDONLY, 0), "vorn_open", "pFilePath is NULL."},
-      {static_cast<int>(vorn_read(0, nullptr, 0)), "vorn_read", "pBuf is NULL."},
-      {static_cast<int>(vorn_write(1, nullptr, 0)), "vorn_write", "pBuf is NULL."},
-      {vorn_stat(nullptr, &known), "vorn_stat", "pPath is NULL."},
-      {vorn_stat("/", nullptr), "vorn_stat", "pBuf is NULL."},
-      {vorn_statfs(nullptr, &system), "vorn_statfs", "pPath is NULL."},
-      {vorn_statfs("/", nullptr), "vorn_statfs", "pBuf is NULL."},
-      {vorn_readdir_new(nullptr, &names, nullptr, nullptr), "vorn_readdir_new", "path is NULL."},
-      {vorn_readdir_new("/", nullptr, nullptr, nullptr), "vorn_readdir_new", "namelist is NULL."},
-      {vorn_copy(nullptr, "b"), "vorn_copy", "Param is NULL."},
-      {vorn_copy("a", nullptr), "vorn_copy", "Param is NULL."},
-  };
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), std::size(rows));
-  for (size_t i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(rows[i].result, -1) << rows[i].function;
-    EXPECT_EQ(records[i].level, EVLOG_ERROR);
-    EXPECT_EQ(records[i].file, kFile);
-    EXPECT_EQ(records[i].function, rows[i].function);
-    EXPECT_EQ(records[i].text, rows[i].text);
-  }
-}
-
 TEST_F(Fileops, CopiesEveryByteHoweverTheSystemMovesThem) {
   for (const size_t size : {0u, 1u, 131072u, 400001u}) {
     for (const size_t most : {SIZE_MAX, size_t{4999}}) {
@@ -189,45 +136,34 @@ TEST_F(Fileops, ACopyIsItsOwnersAloneAndAFileCopiedToItselfStaysWhole) {
 }
 
 TEST_F(Fileops, AFailedCopyTellsWhere) {
-  const std::string &from = file;
-  const std::string missing = directory / "missing/file";
-  EXPECT_EQ(vorn_copy(from.c_str(), other.c_str()), -125);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", "Open srcFile " + from + " error.");
-  EXPECT_EQ(access(other.c_str(), F_OK), -1);
-
-  scratch::write_file(from, "text");
-  EXPECT_NE(vorn_copy(from.c_str(), missing.c_str()), 0);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", "Open pDestFile " + missing + " error.");
-
-  EXPECT_NE(vorn_copy(directory.path().c_str(), other.c_str()), 0);
-  EXPECT_EQ(errno, EISDIR);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy",
-                    "copydata read from srcFile=" + directory.path() + " to destfile=" + other +
-                        " error.");
-
-  write_errors = {ENOSPC};
-  EXPECT_NE(vorn_copy(from.c_str(), other.c_str()), 0);
-  EXPECT_EQ(errno, ENOSPC);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy",
-                    "copydata WRITE from srcFile=" + from + " to destfile=" + other + " error.");
-
+  scratch::write_file(file, "text");
+  const std::string missing = directory / "missing/file", folder = directory.path();
+  const struct {
+    std::string from, to;
+    int write_error, error;
+    std::string text;
+  } rows[] = {
+      {missing, other, 0, ENOENT, "Open srcFile " + missing + " error."},
+      {file, missing, 0, ENOENT, "Open pDestFile " + missing + " error."},
+      {folder, other, 0, EISDIR,
+       "copydata read from srcFile=" + folder + " to destfile=" + other + " error."},
+      {file, other, ENOSPC, ENOSPC,
+       "copydata WRITE from srcFile=" + file + " to destfile=" + other + " error."},
+  };
+  for (const auto &row : rows) {
+    write_errors = {row.write_error};
+    EXPECT_NE(vorn_copy(row.from.c_str(), row.to.c_str()), 0);
+    EXPECT_EQ(errno, row.error);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", row.text);
+  }
+  write_errors = {};
+  EXPECT_EQ(vorn_copy(nullptr, "b"), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "vorn_copy", "Param is NULL.");
   scratch::write_file(other, "kept");
   fail_next_malloc = true;
-  EXPECT_EQ(vorn_copy(from.c_str(), other.c_str()), -12);
+  EXPECT_EQ(vorn_copy(file.c_str(), other.c_str()), -12);
   EXPECT_EQ(scratch::read_file(other), "kept");
   EXPECT_EQ(capture::take().size(), 1u); // the allocator's
-}
-
-TEST_F(Fileops, TheLoaderIsPassedThrough) {
-  void *program = vorn_dlopen(nullptr, RTLD_NOW);
-  ASSERT_NE(program, nullptr);
-  EXPECT_EQ(vorn_dlsym(program, "getpid"), dlsym(program, "getpid"));
-  EXPECT_EQ(vorn_dlerror(), nullptr);
-  EXPECT_EQ(vorn_dlsym(program, "no_such_function"), nullptr);
-  EXPECT_NE(vorn_dlerror(), nullptr);
-  EXPECT_EQ(vorn_dlclose(program), 0);
 }
 
 } // namespace

@@ -3,17 +3,22 @@
 #include <string>
 #include <vector>
 
+#include "evlog.h"
 #include "support/log_capture.hpp"
+#include "vorn_affinity.h"
 #include "vorn_cpufreq.h"
+#include "vorn_cpumask.h"
 #include "vorn_crc.h"
 #include "vorn_init.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_smp.h"
 #include "vorn_symbol.h"
 #include "vorn_time.h"
 
 static std::vector<std::string> steps;
 static uint64_t time_result = 0;
+static int optional_result = 0;
 
 static int note(const char *step) {
   steps.push_back(step);
@@ -27,11 +32,14 @@ void pid_init_names() { note("names"); }
 void vorn_pid_set_name(unsigned int id, const char *name) {
   note((std::to_string(id) + " " + name).c_str());
 }
+int cpumask_init() { return note("masks") + optional_result; }
+int globalCpuNum_init() { return note("counts") + optional_result; }
 int vorn_cpufreq_init() { return note("cpufreq"); }
 uint64_t vorn_gettime_init() {
   note("time");
   return time_result;
 }
+int vorn_affinity_init() { return note("affinity") + optional_result; }
 int vorn_symbol_init() { return note("symbols"); }
 void vorn_crc32_init() { note("crc"); }
 void pid_destroy_names() { note("clear names"); }
@@ -43,13 +51,24 @@ using Steps = std::vector<std::string>;
 
 TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
   ASSERT_EQ(vorn_Init(), 0);
-  EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX", "cpufreq",
-                          "time", "symbols", "crc"}));
+  EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX", "masks",
+                          "counts", "cpufreq", "time", "affinity", "symbols", "crc"}));
   EXPECT_EQ(capture::take_texts(), (Steps{"Vorn init start.", "Vorn init end ret 0."}));
   steps.clear();
   vorn_destory();
   EXPECT_EQ(steps, (Steps{"clear names", "release symbols"}));
   EXPECT_EQ(capture::take_texts(), (Steps{"Vorn destroy start.", "Vorn destroy end."}));
+}
+
+TEST(InitOrder, SomeStepsMayFail) {
+  optional_result = -1;
+  ASSERT_EQ(vorn_Init(), 0);
+  EXPECT_EQ(steps.back(), "crc");
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[1].level, EVLOG_ERROR);
+  EXPECT_EQ(records[1].function, "vorn_init_inner");
+  EXPECT_EQ(records[1].text, "Vorn affinity initialize failed.");
 }
 
 TEST(InitOrder, NothingFollowsAFailedStep) {

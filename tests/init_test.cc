@@ -34,30 +34,13 @@ TEST(Init, StartsOnceAndSaysSo) {
   ASSERT_GE(records.size(), 2u);
   EXPECT_EQ(records.front().text, "Vorn init start.");
   EXPECT_EQ(records.back().text, "Vorn init end ret 0.");
-  for (const auto *record : {&records.front(), &records.back()}) {
-    EXPECT_EQ(record->module, 381u);
-    EXPECT_EQ(record->level, EVLOG_INFO);
-    EXPECT_EQ(record->file, "vorn_init.c");
-    EXPECT_EQ(record->function, "vorn_Init");
-  }
-  EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
+  EXPECT_EQ(records.back().function, "vorn_Init");
+  // A machine without the jiffies driver starts, and says what is missing.
+  EXPECT_EQ(count_text(records, "Get jiffies usr addr failed."), 1);
   EXPECT_NE(vorn_time_getnanosec(), 0u);
 
   EXPECT_EQ(vorn_Init(), 0);
   EXPECT_NO_RECORD();
-}
-
-// A machine without the jiffies driver starts, and says what is missing.
-TEST(Init, GoesOnWithoutTheJiffiesDriver) {
-  ASSERT_EQ(vorn_Init(), 0);
-  bool seen = false;
-  for (const auto &record : capture::take()) {
-    if (record.text != "Get jiffies usr addr failed.") continue;
-    seen = true;
-    EXPECT_EQ(record.level, EVLOG_ERROR);
-    EXPECT_EQ(record.function, "vorn_init_inner");
-  }
-  EXPECT_TRUE(seen);
 }
 
 TEST(Init, FailedStepStopsAndALaterCallRunsAllAgain) {
@@ -101,11 +84,6 @@ TEST(Init, ConcurrentCallersStartAndStopItOnceARound) {
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX"); // built again on demand
 }
 
-TEST(Init, LoadsTheUnwinder) {
-  EXPECT_GE(vorn_glibc_init(), 1);
-  EXPECT_LE(vorn_glibc_init(), 3);
-}
-
 } // namespace
 
 // A logging library whose functions take more than the default one's.
@@ -117,8 +95,6 @@ int fake_init(unsigned long a, unsigned long b, unsigned long c, unsigned long d
               unsigned long f) __asm__("evlog_init");
 int fake_level_set(unsigned long a, unsigned long b, unsigned long c, unsigned long d,
                    unsigned long e, unsigned long f) __asm__("evlog_loglevel_set");
-int fake_destroy(unsigned long a) __asm__("evlog_destroy");
-int fake_level_get(unsigned long a) __asm__("evlog_loglevel_get");
 int fake_group(unsigned int module) __asm__("evlog_get_group_id");
 int fake_ratelimit(int group, unsigned int a, unsigned int b) __asm__("evlog_ratelimit_set");
 // NOLINTEND
@@ -137,8 +113,6 @@ int fake_level_set(unsigned long a, unsigned long b, unsigned long c, unsigned l
                    unsigned long e, unsigned long f) {
   return keep(a, b, c, d, e, f, 18);
 }
-int fake_destroy(unsigned long a) { return keep(a, 0, 0, 0, 0, 0, 20); }
-int fake_level_get(unsigned long a) { return keep(a, 0, 0, 0, 0, 0, 21); }
 int fake_group(unsigned int module) { return static_cast<int>(module) + 1000; }
 int fake_ratelimit(int group, unsigned int a, unsigned int b) {
   return keep(static_cast<unsigned long>(group), a, b, 0, 0, 0, 19);
@@ -160,12 +134,6 @@ TEST(Log, PassesFullWordsAndResultsUnchanged) {
   std::fill(std::begin(seen), std::end(seen), 0);
   EXPECT_EQ(vorn_log_level_set(first, words[1], words[2], words[3], words[4], words[5]), 18);
   EXPECT_EQ(got(), words);
-}
-
-TEST(Log, EachGoesToItsOwn) {
-  EXPECT_EQ(vorn_log_destroy(5), 20);
-  EXPECT_EQ(vorn_log_level_get(~0ul), 21);
-  EXPECT_EQ(seen[0], ~0ul);
 }
 
 TEST(Log, LimitsTheGroupOfAModule) {

@@ -133,28 +133,6 @@ TEST_F(List, RemovalReportsBothNeighbours) {
   EXPECT_EQ(values(head_), (std::vector{0, 2})); // mended by the relinking
 }
 
-TEST_F(List, RemovalNamesTheNextNeighbour) {
-  fill(2);
-  records_[1].node.prev = nullptr;
-  const std::string wanted = "Abnormal list node next:" + shown(&records_[1].node) +
-                             " is not point to cur:" + shown(&records_[0].node);
-  remove(&records_[0].node, dump, VORN_FILE);
-  EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "TestBody", wanted);
-}
-
-TEST_F(List, DrainReportsAFirstNodeThatDoesNotPointBack) {
-  fill(2);
-  records_[0].node.prev = &records_[1].node;
-  const std::string head = shown(&head_);
-  const std::string wanted = "Abnormal list node cur:" + shown(&records_[0].node) +
-                             ", is not point to last:" + head.substr(0, head.find('('));
-  EXPECT_EQ(take_first(&head_, dump, VORN_FILE), &records_[0].node);
-  const auto records = capture::take();
-  EXPECT_EQ(records.front().text, wanted);
-  EXPECT_EQ(records.front().level, vorn::kError);
-  EXPECT_EQ(dumped.front(), &records_[0].node);
-}
-
 // A tail that is no node is noted, and then faults.
 TEST_F(List, MissingTailIsNotedInTheCallersPlace) {
   for (vorn_list_head_s *tail : {static_cast<vorn_list_head_s *>(nullptr), VORN_LIST_POISON_PREV}) {
@@ -163,19 +141,6 @@ TEST_F(List, MissingTailIsNotedInTheCallersPlace) {
     EXPECT_DEATH(insert_tail(&head_, &records_[0].node, shown_at_fault(), VORN_FILE), // here
                  "6 list_test.c " + std::to_string(line) + " List node prev:\\(");
   }
-}
-
-TEST_F(List, EmptyDrainIsSilent) {
-  EXPECT_EQ(take_first(&head_, dump, VORN_FILE), nullptr);
-  EXPECT_NO_RECORD();
-  EXPECT_TRUE(dumped.empty());
-}
-
-TEST_F(List, SecondRemovalReportsAndFaults) {
-  fill(1);
-  remove(&records_[0].node, dump, VORN_FILE);
-  EXPECT_DEATH(remove(&records_[0].node, shown_at_fault(), VORN_FILE),
-               "List node prev:\\(0x200200\\), cur:\\(0x");
 }
 
 } // namespace

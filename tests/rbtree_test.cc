@@ -172,20 +172,4 @@ TEST_F(RbTree, StaysBalancedAndUpdatesOnePathAloneWhenKeysComeInOrder) {
   }
 }
 
-// The two low bits of a parent's address are not part of it.
-TEST_F(RbTree, ReadsTheParentWithoutTheLowBits) {
-  std::vector<Record> records(20);
-  for (Record &record : records) {
-    record.key = static_cast<int>(&record - records.data());
-    insert(record);
-  }
-  for (Record &record : records)
-    record.node.parent_color |= 2;
-  EXPECT_EQ(walked(vorn_rb_first(&root_), vorn_rb_next).size(), 20u);
-  EXPECT_EQ(walked(vorn_rb_last(&root_), vorn_rb_prev).size(), 20u);
-  for (Record &record : records)
-    vorn_rb_erase(&record.node, &root_);
-  EXPECT_TRUE(vorn_rb_is_empty(&root_));
-}
-
 } // namespace

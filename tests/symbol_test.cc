@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubproc vorn_freesub __cxa_demangle elf_begin
+// test-wraps: vorn_mallocsubproc vorn_freesub __cxa_demangle
 #include "symbol/vorn_symbol.hpp"
 
 #include <algorithm>
@@ -11,15 +11,13 @@
 #include <dlfcn.h>
 #include <elf.h>
 #include <filesystem>
-#include <functional>
-#include <libelf.h>
 #include <link.h>
-#include <optional>
 #include <pthread.h>
 #include <random>
 #include <string>
-#include <sys/stat.h>
+#include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -39,7 +37,6 @@ namespace {
 
 std::atomic<long> live_blocks{0};
 std::atomic<long> until_failure{LONG_MAX};
-std::atomic<int> opened_files{0};
 
 bool fails_now() { return until_failure.fetch_sub(1) <= 0; }
 
@@ -68,12 +65,6 @@ char *__wrap___cxa_demangle(const char *name, char *buffer, std::size_t *length,
   if (!fails_now()) return __real___cxa_demangle(name, buffer, length, status);
   *status = -1;
   return nullptr;
-}
-
-Elf *__real_elf_begin(int, Elf_Cmd, Elf *);
-Elf *__wrap_elf_begin(int fd, Elf_Cmd command, Elf *reference) {
-  ++opened_files;
-  return __real_elf_begin(fd, command, reference);
 }
 
 __attribute__((noinline)) void symbol_probe() { asm volatile("nop; nop; nop; nop"); }
@@ -142,26 +133,11 @@ TEST_F(SymbolTable, FindsFunctionsOfTheProgramAndOfItsLibraries) {
   ASSERT_EQ(vorn_symbol_init(), 0);
   EXPECT_EQ(text_at(reinterpret_cast<std::uintptr_t>(probes::add)),
             "probes::add(int, char const*)+0x0");
-  const Reader reader;
+  EXPECT_EQ(text_at(Library("libc.so.6")["wordexp"]), "wordexp+0x0");
   Symbol symbol{};
-  ASSERT_TRUE(reader.lookup(address_of(symbol_probe) + 3, &symbol));
+  ASSERT_TRUE(Reader().lookup(address_of(symbol_probe) + 3, &symbol));
   EXPECT_EQ(symbol.start, address_of(symbol_probe));
   EXPECT_EQ(symbol.object, std::filesystem::read_symlink("/proc/self/exe"));
-  ASSERT_TRUE(reader.lookup(Library("libc.so.6")["wordexp"], &symbol));
-  EXPECT_STREQ(symbol.name, "wordexp");
-}
-
-TEST_F(SymbolTable, AddressesOutsideOfCodeAreUnknown) {
-  ASSERT_EQ(vorn_symbol_init(), 0);
-  for (const auto &[address, wanted] :
-       {std::pair{UINTPTR_MAX, "unknown+0xffffffffffffffff"}, {std::uintptr_t{0}, "unknown+0x0"}}) {
-    char text[64];
-    EXPECT_EQ(vorn_symbol_addr_to_string(address, text, sizeof text), -1);
-    EXPECT_STREQ(text, wanted);
-    Symbol symbol{"kept", 1, "kept"};
-    EXPECT_FALSE(Reader().lookup(address, &symbol));
-    EXPECT_STREQ(symbol.name, "kept");
-  }
 }
 
 TEST_F(SymbolTable, TextIsCutToTheBuffer) {
@@ -173,6 +149,9 @@ TEST_F(SymbolTable, TextIsCutToTheBuffer) {
     EXPECT_EQ(exact.data(), whole.substr(0, size - 1));
   }
   EXPECT_EQ(vorn_symbol_addr_to_string(address_of(symbol_probe), nullptr, 0), -1);
+  char text[64];
+  EXPECT_EQ(vorn_symbol_addr_to_string(UINTPTR_MAX, text, sizeof text), -1);
+  EXPECT_STREQ(text, "unknown+0xffffffffffffffff");
 }
 
 TEST_F(SymbolTable, FunctionsOfEveryKind) {
@@ -182,13 +161,9 @@ TEST_F(SymbolTable, FunctionsOfEveryKind) {
     const char *stripped;
   } const rows[] = {
       {0, "fixture_sized+0x0", "fixture_sized+0x0"},
-      {15, "fixture_sized+0xf", "fixture_sized+0xf"},
-      {16, "", ""}, // a gap
-      {31, "", ""},
+      {16, "", ""},                  // a gap
       {32, "fixture_label+0x0", ""}, // of unknown size: up to the next function
-      {47, "fixture_label+0xf", ""},
       {48, "fixture_outer+0x0", "fixture_outer+0x0"},
-      {56, "fixture_inner+0x0", "fixture_outer+0x8"},
       {59, "fixture_inner+0x3", "fixture_outer+0xb"},
       {60, "fixture_outer+0xc", "fixture_outer+0xc"},
   };
@@ -216,14 +191,12 @@ TEST_F(SymbolTable, ObjectsComeAndGoWithARefresh) {
   const std::uintptr_t address = library["fixture_sized"];
   EXPECT_EQ(text_at(address), "");
 
-  opened_files = 0;
   ASSERT_EQ(vorn_symbol_init(), 0);
   EXPECT_EQ(text_at(address), "fixture_sized+0x0");
   library.close();
   ASSERT_EQ(vorn_symbol_init(), 0);
   EXPECT_EQ(text_at(address), "");
   EXPECT_EQ(text_at(address_of(symbol_probe)), "symbol_probe+0x0");
-  EXPECT_EQ(opened_files, 1) << "the others have not changed";
 }
 
 TEST_F(SymbolTable, MemoryIsReleasedWhenNoReaderLives) {
@@ -248,28 +221,22 @@ TEST_F(SymbolTable, MemoryIsReleasedWhenNoReaderLives) {
 TEST_F(SymbolTable, WithoutMemoryTheOldTableStays) {
   const Library library(fixture_path("symbol_fixture.so"));
   ASSERT_EQ(vorn_symbol_init(), 0);
-  for (int fresh = 0; fresh < 2; ++fresh) {
+  for (const bool fresh : {false, true}) {
     int failures = 0;
-    for (long step = 0;; step += 1 + step / 8) {
-      if (fresh != 0) vorn_symbol_fini();
-      capture::take();
+    for (long step = 0;; step += 1 + step / 8, ++failures) {
+      if (fresh) vorn_symbol_fini();
       until_failure = step;
       const int result = vorn_symbol_init();
       until_failure = LONG_MAX;
       if (result == 0) break;
-      ++failures;
-      EXPECT_EQ(result, -1);
-      EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_symbol.c", "vorn_symbol_init",
-                        "Symbol table init failed, no memory.");
-      EXPECT_EQ(text_at(address_of(symbol_probe)), fresh != 0 ? "" : "symbol_probe+0x0");
+      EXPECT_EQ(text_at(address_of(symbol_probe)), fresh ? "" : "symbol_probe+0x0");
     }
     EXPECT_GT(failures, 10);
   }
+  EXPECT_EQ(capture::take().back().text, "Symbol table init failed, no memory.");
 }
 
 namespace {
-
-using Change = std::function<void(const std::string &path)>;
 
 // Loaded objects stay as they are: a file is never written to, another takes its place.
 void replace(const std::string &path, const std::string &content) {
@@ -298,31 +265,19 @@ std::size_t last_note_byte(const std::string &content) {
   return last;
 }
 
-void pipe_instead(const std::string &path) {
-  std::filesystem::remove(path);
-  ASSERT_EQ(mkfifo(path.c_str(), 0700), 0);
-}
-
 } // namespace
 
 TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
   const std::string content = scratch::read_file(fixture_path("symbol_fixture.so"));
-  const auto with = [](const std::string &changed) -> Change {
-    return [changed](const std::string &path) { replace(path, changed); };
-  };
   struct {
     const char *what;
-    Change change;
+    std::string now; // "" deletes it
     bool known;
   } const rows[] = {
-      {"copy", with(content), true},
-      {"build id", with(flip(content, last_note_byte(content))), false},
-      {"program header", with(flip(content, sizeof(Elf64_Ehdr) + 40)), false},
-      {"not ELF", with(flip(content, 0)), false},
-      {"other byte order", with(flip(content, EI_DATA)), false},
-      {"archive", with("!<arch>\n"), false},
-      {"deleted", [](const std::string &path) { std::filesystem::remove(path); }, false},
-      {"pipe", pipe_instead, false},
+      {"copy", content, true},
+      {"build id", flip(content, last_note_byte(content)), false},
+      {"not ELF", flip(content, 0), false},
+      {"deleted", "", false},
   };
   const scratch::Directory directory;
   for (const auto &row : rows) {
@@ -330,7 +285,8 @@ TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
     const std::string path = directory / row.what;
     replace(path, content);
     const Library library(path);
-    row.change(path);
+    replace(path, row.now);
+    if (row.now.empty()) std::filesystem::remove(path);
     capture::take();
     ASSERT_EQ(vorn_symbol_init(), 0);
     EXPECT_EQ(text_at(library["fixture_sized"]), row.known ? "fixture_sized+0x0" : "");
@@ -344,32 +300,16 @@ TEST_F(SymbolTable, FilesThatAreNotTheLoadedOneAreLeftOut) {
   }
 }
 
-namespace {
+namespace {} // namespace
 
 bool take_object(const std::string &path, vorn::symbol::Object *object) {
-  struct Walk {
-    const std::string &path;
-    vorn::symbol::Object *object;
-  } walk{path, object};
+  const std::pair walk{&path, object};
   const auto visit = [](dl_phdr_info *info, std::size_t, void *argument) {
-    auto *self = static_cast<Walk *>(argument);
-    return self->path == info->dlpi_name && self->object->take(*info, false) ? 1 : 0;
+    const auto &[wanted, taken] = *static_cast<const decltype(walk) *>(argument);
+    return *wanted == info->dlpi_name && taken->take(*info, false) ? 1 : 0;
   };
-  return dl_iterate_phdr(visit, &walk) == 1;
+  return dl_iterate_phdr(visit, const_cast<void *>(static_cast<const void *>(&walk))) == 1;
 }
-
-void expect_sound_answers(const vorn::symbol::Object &object) {
-  const vorn::symbol::Image &image = object.image();
-  for (std::uintptr_t at = image.code_begin(); at < image.code_end(); at += 8) {
-    Symbol symbol{};
-    if (!object.lookup(at, &symbol)) continue;
-    EXPECT_GE(symbol.start, image.code_begin());
-    EXPECT_LE(symbol.start, at);
-    EXPECT_NE(std::strlen(symbol.name), 0u);
-  }
-}
-
-} // namespace
 
 // Damage where a reader trusts most: the section headers and the symbols behind the code.
 TEST_F(SymbolTable, DamagedFilesDoNoHarm) {
@@ -392,7 +332,13 @@ TEST_F(SymbolTable, DamagedFilesDoNoHarm) {
     vorn::symbol::Object object;
     ASSERT_TRUE(take_object(path, &object));
     object.read();
-    expect_sound_answers(object);
+    const vorn::symbol::Image &image = object.image();
+    for (std::uintptr_t at = image.code_begin(); at < image.code_end(); at += 8) {
+      Symbol symbol{};
+      if (!object.lookup(at, &symbol)) continue;
+      EXPECT_TRUE(image.code_begin() <= symbol.start && symbol.start <= at);
+      EXPECT_NE(std::strlen(symbol.name), 0u);
+    }
   }
 }
 
@@ -459,16 +405,6 @@ using vorn::symbol::Function;
 constexpr std::uintptr_t kLimit = 64;
 constexpr std::uintptr_t limit_of(std::uintptr_t start) { return start < 32 ? 32 : kLimit; }
 
-bool is_preferred(const Function &a, const Function &b) {
-  const auto rank = [](const Function &f) {
-    return f.binding == STB_GLOBAL ? 2 : f.binding == STB_WEAK ? 1 : 0;
-  };
-  if (a.start != b.start) return a.start > b.start;
-  if (rank(a) != rank(b)) return rank(a) > rank(b);
-  if (a.size != b.size) return a.size > b.size;
-  return std::strcmp(a.name, b.name) > 0;
-}
-
 bool contains(const Function &function, std::uintptr_t address) {
   return function.start <= address && address - function.start < function.size &&
          address < function.limit;
@@ -484,17 +420,20 @@ bool reaches(const std::vector<Function> &all, const Function &function, std::ui
          });
 }
 
+// Of those that own an address the greatest is taken.
+auto preference(const Function &f) {
+  const int rank = f.binding == STB_GLOBAL ? 2 : f.binding == STB_WEAK ? 1 : 0;
+  return std::tuple(f.size != 0, f.start, rank, f.size, std::string_view(f.name));
+}
+
 // The owner of an address by looking at every function; "" for none.
 std::string naive_owner(const std::vector<Function> &all, std::uintptr_t address) {
-  std::vector<Function> owners;
+  const Function *owner = nullptr;
   for (const Function &function : all) {
-    if (contains(function, address) || reaches(all, function, address)) owners.push_back(function);
+    if (!contains(function, address) && !reaches(all, function, address)) continue;
+    if (owner == nullptr || preference(*owner) < preference(function)) owner = &function;
   }
-  const auto known = std::partition(owners.begin(), owners.end(),
-                                    [](const Function &function) { return function.size != 0; });
-  if (known != owners.begin()) owners.erase(known, owners.end());
-  if (owners.empty()) return "";
-  return std::min_element(owners.begin(), owners.end(), is_preferred)->name;
+  return owner == nullptr ? "" : owner->name;
 }
 
 } // namespace

@@ -4,10 +4,13 @@
 
 #include "base/log.hpp"
 #include "base/once.hpp"
+#include "vorn_affinity.h"
 #include "vorn_cpufreq.h"
+#include "vorn_cpumask.h"
 #include "vorn_crc.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_smp.h"
 #include "vorn_symbol.h"
 #include "vorn_time.h"
 
@@ -20,15 +23,21 @@ constinit Once started{OncePolicy::kRetry};
 
 int start_time() { return static_cast<int>(vorn_gettime_init()); }
 
+enum class Need { kRequired, kOptional };
+
 struct Step {
   int (*run)();
-  const char *failure;
+  const char *failure; // nullptr: the step has said it itself
+  Need need;
 };
 
-// In the order that they depend on each other; the first that fails ends the start-up.
+// In the order that they depend on each other; the first required one that fails ends the start-up.
 constexpr Step kSteps[] = {
-    {vorn_cpufreq_init, "Vorn cpufreq initialize failed."},
-    {start_time, "Vorn time initialize failed."},
+    {cpumask_init, nullptr, Need::kOptional},
+    {globalCpuNum_init, nullptr, Need::kOptional},
+    {vorn_cpufreq_init, "Vorn cpufreq initialize failed.", Need::kRequired},
+    {start_time, "Vorn time initialize failed.", Need::kRequired},
+    {vorn_affinity_init, "Vorn affinity initialize failed.", Need::kOptional},
 };
 
 int vorn_init_inner() {
@@ -40,7 +49,9 @@ int vorn_init_inner() {
   vorn_pid_set_name(kModuleId, VORN_MODULE_NAME);
   for (const Step &step : kSteps) {
     const int result = step.run();
-    if (result != 0) return VORN_FAIL(result, "%s", step.failure);
+    if (result == 0) continue;
+    if (step.failure != nullptr) VORN_LOG(kError, "%s", step.failure);
+    if (step.need == Need::kRequired) return result;
   }
   vorn_symbol_init();
   vorn_crc32_init();

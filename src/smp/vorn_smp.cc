@@ -1,0 +1,57 @@
+#include "vorn_smp.h"
+
+#include <cerrno>
+#include <unistd.h>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "vorn_sysinfo.h"
+
+namespace vorn::smp {
+namespace {
+
+constexpr long kMostCpus = 256;
+
+constinit Once counted{OncePolicy::kRetry};
+
+// num_config_cpus may ask at the same time.
+void set(uint32_t &count, uint32_t value) { __atomic_store_n(&count, value, __ATOMIC_RELAXED); }
+
+// A count above kMostCpus is taken here, unlike in num_config_cpus.
+int count_cpus() {
+  const uint32_t online = vorn_sysinfo_cpu_num();
+  set(g_onlineCpuNum, online);
+  const long configured = sysconf(_SC_NPROCESSORS_CONF);
+  if (configured < 0) {
+    const int error = errno;
+    return VORN_FAIL_AS("globalCpuNum_init", -1, "Vorn_smp getting cpu num failed errno=%d.",
+                        error);
+  }
+  set(g_configCpuNum, static_cast<uint32_t>(configured));
+  return online != 0 && configured != 0 ? 0 : -1;
+}
+
+} // namespace
+} // namespace vorn::smp
+
+uint32_t g_configCpuNum;
+uint32_t g_onlineCpuNum;
+
+int globalCpuNum_init() {
+  vorn::smp::counted.run(vorn::smp::count_cpus);
+  return 0;
+}
+
+uint32_t num_online_cpus() { return vorn_sysinfo_cpu_num(); }
+
+uint32_t num_config_cpus() {
+  const uint32_t known = __atomic_load_n(&g_configCpuNum, __ATOMIC_RELAXED);
+  if (known != 0) return known;
+  const long count = sysconf(_SC_NPROCESSORS_CONF);
+  if (count < 1 || count > vorn::smp::kMostCpus) {
+    const int error = errno;
+    return VORN_FAIL(0u, "Vorn_smp getting cpu num failed ret %ld errno=%d.", count, error);
+  }
+  vorn::smp::set(g_configCpuNum, static_cast<uint32_t>(count));
+  return static_cast<uint32_t>(count);
+}

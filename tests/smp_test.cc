@@ -1,0 +1,63 @@
+// test-wraps: sysconf
+#include "vorn_smp.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+
+static long configured = 8;
+static long online = 6;
+
+extern "C" {
+long __real_sysconf(int name);
+long __wrap_sysconf(int name) {
+  errno = EINVAL;
+  if (name == _SC_NPROCESSORS_CONF) return configured;
+  return name == _SC_NPROCESSORS_ONLN ? online : __real_sysconf(name);
+}
+}
+
+namespace {
+
+TEST(Smp, ACountThatIsMissingIsAskedForAgainAndOneThatIsKnownKept) {
+  configured = online = -1;
+  EXPECT_EQ(globalCpuNum_init(), 0);
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].text, "vorn_sysinfo getting online cpu num failed errno=22.");
+  EXPECT_EQ(records[0].function, "vorn_sysinfo_cpu_num");
+  EXPECT_EQ(records[1].text, "Vorn_smp getting cpu num failed errno=22.");
+  EXPECT_EQ(records[1].function, "globalCpuNum_init");
+  configured = 4;
+  EXPECT_EQ(num_config_cpus(), 4u);
+  configured = 5;
+  EXPECT_EQ(num_config_cpus(), 4u);
+  globalCpuNum_init();
+  EXPECT_EQ(capture::take().size(), 1u);
+  for (online = 3; online < 5; ++online)
+    EXPECT_EQ(num_online_cpus(), 3u);
+  globalCpuNum_init();
+  configured = 6;
+  globalCpuNum_init();
+  EXPECT_EQ(num_config_cpus(), 5u);
+  EXPECT_EQ(g_onlineCpuNum, 3u);
+  EXPECT_NO_RECORD();
+}
+
+TEST(Smp, MoreCpusThanAMaskHasRoomForAreTakenByTheStartAlone) {
+  for (long count : {0l, 300l, 257l}) {
+    configured = count;
+    EXPECT_EQ(num_config_cpus(), 0u);
+    EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_smp.c", "num_config_cpus",
+                      "Vorn_smp getting cpu num failed ret " + std::to_string(count) +
+                          " errno=22.");
+    EXPECT_EQ(g_configCpuNum, 0u);
+  }
+  globalCpuNum_init();
+  EXPECT_EQ(num_config_cpus(), 257u);
+}
+
+} // namespace
