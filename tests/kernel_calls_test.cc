@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -63,28 +64,30 @@ TEST(KernelCalls, PassTwoWordsAndTheResult) {
   EXPECT_NO_RECORD();
 }
 
-TEST(TimeOfDay, AsksTheModuleFirst) {
+TEST(TimeOfDay, IsTheModules) {
   int64_t seconds = 1;
   uint32_t nanoseconds = 2;
   int32_t dst = 3;
-  for (const int error : {0, EPERM}) {
-    answered_errno = error;
-    const int want = error == 0 ? 7 : -1;
-    EXPECT_EQ(vorn_time_getlocaltime(&seconds, &nanoseconds), want);
-    EXPECT_EQ(asked, request(0x100, word(&seconds), word(&nanoseconds)));
-    EXPECT_EQ(vorn_time_getlocal_fromutc(-9, &seconds), want);
-    EXPECT_EQ(asked, request(0x101, -9ul, word(&seconds)));
-    EXPECT_EQ(vorn_time_gettime(&seconds, &nanoseconds), want);
-    EXPECT_EQ(asked, request(0x102, word(&seconds), word(&nanoseconds)));
-    EXPECT_EQ(vorn_time_getdst_fromutc(9, &dst), want);
-    EXPECT_EQ(asked, request(0x103, 9, word(&dst)));
-    EXPECT_EQ(vorn_time_getdsttime(&dst, &dst), want);
-    EXPECT_EQ(asked, request(0x104, word(&dst), word(&dst)));
+  const struct {
+    std::function<int()> call;
+    std::vector<unsigned long> request;
+  } rows[] = {
+      {[&] { return vorn_time_getlocaltime(&seconds, &nanoseconds); },
+       request(0x100, word(&seconds), word(&nanoseconds))},
+      {[&] { return vorn_time_getlocal_fromutc(-9, &seconds); },
+       request(0x101, -9ul, word(&seconds))},
+      {[&] { return vorn_time_gettime(&seconds, &nanoseconds); },
+       request(0x102, word(&seconds), word(&nanoseconds))},
+      {[&] { return vorn_time_getdst_fromutc(9, &dst); }, request(0x103, 9, word(&dst))},
+      {[&] { return vorn_time_getdsttime(&dst, &dst); }, request(0x104, word(&dst), word(&dst))}};
+  for (const auto &row : rows) {
+    answered_errno = 0;
+    EXPECT_EQ(row.call(), 7);
+    EXPECT_EQ(asked, row.request);
+    answered_errno = EPERM; // a refusal, not an absence
+    EXPECT_EQ(row.call(), -1);
   }
-  EXPECT_EQ(seconds, 1);
-  EXPECT_EQ(nanoseconds, 2u);
-  EXPECT_EQ(dst, 3);
-  EXPECT_NO_RECORD();
+  EXPECT_TRUE(seconds == 1 && nanoseconds == 2 && dst == 3);
 }
 
 TEST(TimeOfDay, IsTheSystemsWithoutAModule) {
@@ -116,7 +119,6 @@ TEST(TimeOfDay, IsTheSystemsWithoutAModule) {
   EXPECT_EQ(vorn_time_getdsttime(&dst, &offset), 0);
   EXPECT_EQ(dst, 0);
   EXPECT_EQ(offset, 19800);
-  EXPECT_NO_RECORD();
   EXPECT_EQ(vorn_time_getlocal_fromutc(INT64_MAX, &local), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_time_local.c", "vorn_time_getlocal_fromutc",
                     "localtime_r failed, errno 75.");
