@@ -6,6 +6,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <mutex>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -34,11 +35,15 @@ namespace {
 constexpr uint32_t kTag = KRAM_EXT3_EVENT_TAG;
 
 std::atomic<int> seen{0};
-std::string last;
+std::mutex mutex;
+std::string last; // under the mutex
 int released_by_callback = -1;
 
 void keep(const void *event) {
-  last.assign(static_cast<const char *>(event), KRAM_EXT3_EVENT_SIZE);
+  {
+    const std::lock_guard hold{mutex};
+    last.assign(static_cast<const char *>(event), KRAM_EXT3_EVENT_SIZE);
+  }
   KRAM_Netlink_ext3_release(released_by_callback);
   ++seen;
 }
@@ -59,13 +64,15 @@ bool send_to_port(uint32_t word, const std::string &text) {
   return sent > 0;
 }
 
-// The listener may not have bound yet.
-void send_event(const std::string &text) {
+// What the listener, which may not have bound yet, sees of it behind the tag.
+std::string send_event(const std::string &text) {
   const int before = seen;
   while (!send_to_port(kTag, text))
     usleep(1000);
   while (seen == before)
     usleep(1000);
+  const std::lock_guard hold{mutex};
+  return last.substr(4);
 }
 
 class Netlink : public testing::Test {
@@ -84,11 +91,9 @@ protected:
 TEST_F(Netlink, ListenerSeesEventsUntilItsSocketIsReleased) {
   const int free_descriptor = scratch::next_descriptor();
   std::thread thread = listener();
-  send_event("abc");
-  EXPECT_EQ(last.substr(4), "abc" + std::string(49, '\0'));
+  EXPECT_EQ(send_event("abc"), "abc" + std::string(49, '\0'));
   send_to_port(kTag + 1, "no event");
-  send_event(std::string(100, 'z'));
-  EXPECT_EQ(last.substr(4), std::string(52, 'z'));
+  EXPECT_EQ(send_event(std::string(100, 'z')), std::string(52, 'z'));
   usleep(20000); // blocked in its receive
   KRAM_Netlink_ext3_release(socket);
   int number[2];

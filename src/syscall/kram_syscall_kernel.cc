@@ -131,9 +131,9 @@ void accept_connections(int listener) {
       return;
     }
     if (connections.fetch_add(1) >= kMaxConnections) {
+      VORN_LOG_RATELIMITED(kError, "%u connections are open, another is closed.", kMaxConnections);
       close(socket);
       connections.fetch_sub(1);
-      VORN_LOG_RATELIMITED(kError, "%u connections are open, another is closed.", kMaxConnections);
       continue;
     }
     if (!start_connection(socket)) return;
