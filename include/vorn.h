@@ -33,6 +33,7 @@
 #include "vorn_ring.h"
 #include "vorn_rwlock.h"
 #include "vorn_sched.h"
+#include "vorn_sem_enhance.h"
 #include "vorn_shm.h"
 #include "vorn_smp.h"
 #include "vorn_spinlock.h"
@@ -46,6 +47,7 @@
 #include "vorn_time.h"
 #include "vorn_trwlock.h"
 #include "vorn_tty.h"
+#include "vorn_wait.h"
 
 #if __has_include(<mxml.h>) /* only services that read XML need to have that header */
 #include "vorn_xml.h"

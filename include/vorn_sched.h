@@ -1,13 +1,33 @@
-/* Sleeps and yields. Any thread may call. None retries a sleep that a signal ended, none reports a
- * failure, and none changes what it waits for. Safe in a signal handler, errno apart. */
+/* Sleeps, yields, and the wait that everything else here builds on: a thread sleeps on a word of
+ * its own until another makes that word 0 and sends it the wake-up signal. The tick is 4 ms.
+ *
+ * A thread that another is to wake sets its word to 1 before it can be found, and calls
+ * vorn_wait_comm. The other makes the word 0, and then calls vorn_wake_up_process. In that order no
+ * wake-up is lost, wherever the waiter is at that moment. Wait queues (vorn_wait.h) and semaphores
+ * (vorn_sem_enhance.h) do just that.
+ *
+ * The signal is SIGWAKEUP, which the library reserves. Its handler does nothing, and restarts what
+ * it interrupts (SA_RESTART) as far as the system can: select(2), nanosleep(2) and others end early
+ * with EINTR all the same. A thread that saw its word become 0 before it slept gets the signal
+ * later, when it may end a sleep, or the next interruptible wait. So that the signal arrives, the
+ * first wait of a thread takes it out of the thread's signal mask.
+ *
+ * Any thread may call. Sleeps and yields are safe in a signal handler, errno apart. */
 #ifndef VORN_SCHED_H
 #define VORN_SCHED_H
+
+#include <signal.h>
 
 #include "vorn_api.h"
 
 VORN_BEGIN_DECLS
 
-/* Sleeps for that many microseconds (select(2)). Returns at once for 0. */
+/* --- Sleeps: none goes on after a signal has ended it, none reports a failure --- */
+
+/* Sleep for that many units of 10 ms, milliseconds, microseconds (select(2)). Return at once for 0.
+ */
+VORN_API void vorn_10msleep(unsigned int count);
+VORN_API void vorn_msleep(unsigned int milliseconds);
 VORN_API void vorn_usleep(unsigned int microseconds);
 
 /* Gives the processor away for one millisecond (nanosleep(2)), so that also a thread of lower
@@ -17,6 +37,54 @@ VORN_API void vorn_schedule(void);
 /* Lets the threads of the same priority that wait for this CPU run first: sched_yield(2). Returns
  * its result, 0. */
 VORN_API int vorn_yield(void);
+
+/* Keeps the processor busy for more than that many milliseconds, by vorn_time_getnanosec. Returns
+ * the nanoseconds that it took. Starts the time base, if nobody has, and may block on that. */
+VORN_API uint64_t vorn_mdelay(unsigned int milliseconds);
+
+/* --- Of the calling thread --- */
+
+/* Names it: vorn_thrd_setname with name as the text, not as a format. Returns 0. */
+VORN_API int vorn_set_process_name(const char *name);
+
+/* Binds it to one CPU (sched_setaffinity(2)), which smp_processor_id tells from then on. Returns 0;
+ * -1 after an error record when cpu is not below the number of configured CPUs or the system
+ * refuses. */
+VORN_API int vorn_sched_setaffinity(unsigned long cpu);
+
+/* --- Wait and wake-up --- */
+
+/* The wake-up signal. */
+#define SIGWAKEUP (SIGRTMAX - 4)
+
+/* A time-out in ticks that never comes. */
+#define VORN_WAIT_FOREVER INT64_MAX
+
+/* Sleeps while *word is not 0, for at most timeout ticks from now, and until a handler of any
+ * signal has run in the thread. A word that is 0 already ends the wait at once, a handler that ran
+ * before the thread slept does not. The kernel module does the waiting; where it is absent, which
+ * the first wait of the process finds out, futex(2) does.
+ *
+ * Returns the ticks that were left, rounded up: at least 1 for a wait that was ended. 0 when the
+ * time has run out, the kernel module could not wait, or timeout is 0 or less, which does not wait.
+ * word must be aligned; it is read only and belongs to the process. Not signal-safe. */
+VORN_API uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout);
+
+/* The same for at most 250 ticks. Returns -1 when the wait was ended, 0 when the time ran out. */
+VORN_API int vorn_wait_interruptible(uint32_t *word);
+
+/* Sends the wake-up signal to the thread of this process whose kernel id is tid (tgkill(2)). It is
+ * a wake-up only for a thread whose word is 0 by now. A thread that has taken over the id of one
+ * that ended gets a signal that does it no harm. Returns 0 or a positive errno: ESRCH when there is
+ * no such thread, EAGAIN when the queue of signals is full, and that of sigaction(2), after an
+ * error record, while the handler cannot be installed: nothing is sent then, for the signal would
+ * end the process. Signal-safe after the first call. */
+VORN_API int vorn_wake_up_process(uint32_t tid);
+
+/* Installs the handler of the wake-up signal; vorn_Init calls it. Returns 0; -1 after an error
+ * record when the first call of the process could not. A later wait or wake-up tries again, this
+ * function does not. Not signal-safe. */
+VORN_API int vorn_sched_init(void);
 
 VORN_END_DECLS
 

@@ -75,9 +75,9 @@ VORN_API int vorn_spinlock_get_flags(unsigned long *out);
  * (vorn_symbol_addr_to_string), from the innermost out. skip 0 begins with the address in the
  * function that called this one; each more leaves out one call.
  *
- * The addresses are found by frame pointers, within the 4096 bytes of stack above the call: what
- * lies farther out, or beyond a function built without a frame pointer, is shown as 0 (or, in the
- * latter case, may be left out). Any thread, signal-safe, keeps errno. */
+ * The addresses are found by frame pointers, within the stack as vorn_thrd_getcurrentstack knows
+ * it: what lies farther out, or beyond a function built without a frame pointer, is shown as 0 (or,
+ * in the latter case, may be left out). Any thread, signal-safe, keeps errno. */
 VORN_API void debug_dump_stack(unsigned int skip);
 
 VORN_END_DECLS

@@ -58,20 +58,22 @@ enum {
 /* A thread function. What it returns goes nowhere: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
-/* The last changes of a thread from one light-weight instance to another. Switch number n is in
- * entry n mod VORN_THRD_SWITCH_COUNT. */
+/* How many changes a trace holds, and return addresses of each. */
 #define VORN_THRD_SWITCH_COUNT 3
 #define VORN_THRD_SWITCH_DEPTH 9
 
+/* A thread's change from one light-weight instance to another. */
 typedef struct vorn_thrd_switch {
-  uint64_t old_id;
-  uint64_t new_id;
+  uint64_t old_id;                                 /* of the instance that was left */
+  uint64_t new_id;                                 /* of the one that was entered */
   unsigned long addresses[VORN_THRD_SWITCH_DEPTH]; /* return addresses, from the innermost out */
 } vorn_thrd_switch_s;
 
+/* The last changes of a thread. */
 typedef struct vorn_thrd_switch_trace {
-  uint64_t count; /* of switches so far */
-  vorn_thrd_switch_s entries[VORN_THRD_SWITCH_COUNT];
+  uint64_t count; /* of changes so far */
+  vorn_thrd_switch_s
+      entries[VORN_THRD_SWITCH_COUNT]; /* change n is entry n mod VORN_THRD_SWITCH_COUNT */
 } vorn_thrd_switch_trace_s;
 
 /* A place in the table of threads; what is in it is the library's. */
@@ -99,7 +101,7 @@ typedef struct vorn_thread {
   uint32_t pooled;                /* 1: a thread of the pool */
   uint64_t jobs;                  /* that a pool thread has run */
   uint64_t cpuset[VORN_THRD_CPUSET_WORDS]; /* what the thread last bound itself to; 0: nothing */
-  vorn_thrd_switch_trace_s switch_trace;
+  vorn_thrd_switch_trace_s switch_trace;   /* of light-weight instances on this thread */
 } vorn_thread_s;
 
 /* --- Records --- */
@@ -231,7 +233,7 @@ VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, un
 VORN_API int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low,
                                        unsigned long *high, const char **kind);
 
-/* The size in bytes that a stack of unknown bounds is taken for; 0 at the start. Signal-safe. */
+/* The size in bytes that a stack of unknown bounds is taken for; 8192 at the start. Signal-safe. */
 VORN_API void vorn_thrd_setunknownstacksize(unsigned long size);
 VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
 
@@ -330,9 +332,9 @@ VORN_API int vorn_setCurThreadBind(const char *cpumask);
 /* Shows the table of strategies through print. Returns 0; -1 when print is NULL. */
 VORN_API int vorn_showThreadStrategyDbg(vorn_print_f print);
 
-/* Binds a thread to the CPUs of a set: its first n / 8 bytes (rounded up), n the number of
- * configured CPUs, at most VORN_THRD_CPUSET_SIZE, are read; bits from n on are ignored. A set
- * without a CPU changes nothing. */
+/* Binds a thread to the CPUs of a set (pthread_setaffinity_np(3)). Only its first n / 8 bytes,
+ * rounded up, are read, n the number of configured CPUs, at most VORN_THRD_CPUSET_SIZE; where they
+ * are all 0 nothing is changed. */
 VORN_API int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset);
 
 /* Binds the calling thread to all configured CPUs. */

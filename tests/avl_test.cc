@@ -29,11 +29,6 @@ int compare_key(const void *value, const void *record) {
   return order(*static_cast<const int *>(value), static_cast<const Record *>(record)->key);
 }
 
-// Sends every value to the right, and fails at record 3.
-int compare_badly(const void *, const void *record) {
-  return static_cast<const Record *>(record)->key == 3 ? 2 : 1;
-}
-
 const Record *record_of(const vorn_avl_node_s *node) {
   return reinterpret_cast<const Record *>(reinterpret_cast<const char *>(node) -
                                           offsetof(Record, node));
@@ -66,10 +61,6 @@ protected:
     capture::take();
   }
 
-  void add(std::initializer_list<int> keys) {
-    for (const int key : keys)
-      vorn_add_avl_node(&tree_, &records_[key]);
-  }
   Record *find(int key, unsigned long *where) {
     return static_cast<Record *>(vorn_find_avl_node(&tree_, &key, where));
   }
@@ -91,127 +82,61 @@ protected:
 };
 
 // Beside std::map, with the tree checked after each step. Each way to insert and to remove is taken
-// at every size from none to nearly all.
-class AvlModel : public Avl {
-protected:
-  using Model = std::map<int, Record *>;
-
-  // Pairs of records have equal keys.
-  AvlModel() {
-    for (int i = 0; i < kRecords; ++i)
-      records_[i].key = i / 2;
-  }
-
-  void insert(Record *record, std::mt19937 &random) {
-    const auto [at, inserted] = model_.emplace(record->key, record);
-    const auto next = std::next(at);
-    switch (random() % 4) {
-    case 0:
-      if (!inserted) break;
-      ASSERT_EQ(vorn_insert_avl_node(&tree_, record, where_of(record->key)), 0);
-      return;
-    case 1:
-      if (!inserted || at == model_.begin()) break;
-      ASSERT_EQ(vorn_insert_avl_node_specified(&tree_, record, std::prev(at)->second, 1), 0);
-      return;
-    case 2:
-      if (!inserted || next == model_.end()) break;
-      ASSERT_EQ(vorn_insert_avl_node_specified(&tree_, record, next->second, 0), 0);
-      return;
-    }
-    vorn_add_avl_node(&tree_, record); // of an equal one too: nothing happens
-  }
-
-  void remove(Model::iterator at) {
-    ASSERT_EQ(vorn_remove_avl_node(&tree_, at->second), 0);
-    model_.erase(at);
-  }
-
-  Record *record_at(Model::iterator at) { return at == model_.end() ? nullptr : at->second; }
-  Record *record_before(Model::iterator at) {
-    return at == model_.begin() ? nullptr : std::prev(at)->second;
-  }
-
-  void compare_lookups(int key) {
-    const auto at = model_.lower_bound(key);
-    unsigned long where = 2;
-    Record *found = find(key, &where);
-    if (at != model_.end() && at->first == key) {
-      ASSERT_EQ(found, at->second);
-      ASSERT_EQ(where, 2u);
-      ASSERT_EQ(vorn_walk_avl_node(&tree_, found, 1), record_at(std::next(at)));
-      ASSERT_EQ(vorn_walk_avl_node(&tree_, found, 0), record_before(at));
-    } else {
-      ASSERT_EQ(found, nullptr);
-      ASSERT_EQ(vorn_find_avl_nearest_node(&tree_, where, 1), record_at(at));
-      ASSERT_EQ(vorn_find_avl_nearest_node(&tree_, where, 0), record_before(at));
-    }
-    ASSERT_EQ(vorn_get_avl_first_node(&tree_), record_at(model_.begin()));
-    ASSERT_EQ(vorn_get_avl_last_node(&tree_), record_before(model_.end()));
-  }
-
-  void compare_trees() {
-    std::vector<int> keys;
-    for (const auto &[key, record] : model_)
-      keys.push_back(key);
-    ASSERT_EQ(checked_keys(), keys);
-  }
-
-  Model model_;
-};
-
-TEST_F(AvlModel, AgreesWithAMapUnderRandomOperations) {
+// at every size from none to nearly all. Pairs of records have equal keys.
+TEST_F(Avl, AgreesWithAMapUnderRandomOperations) {
   capture::set_level(vorn::kError); // records by the thousand otherwise
+  for (int i = 0; i < kRecords; ++i)
+    records_[i].key = i / 2;
+  std::map<int, Record *> model;
+  const auto after = [&](auto at) { return at == model.end() ? nullptr : at->second; };
+  const auto before = [&](auto at) {
+    return at == model.begin() ? nullptr : std::prev(at)->second;
+  };
+  const auto insert = [&](Record *record, unsigned int way) {
+    const unsigned long where = model.contains(record->key) ? 0 : where_of(record->key);
+    const auto [at, inserted] = model.emplace(record->key, record);
+    if (!inserted || way == 0) return vorn_add_avl_node(&tree_, record); // an equal one is left out
+    Record *left = before(at), *right = after(std::next(at));
+    if (way == 1 && left != nullptr) {
+      EXPECT_EQ(vorn_insert_avl_node_specified(&tree_, record, left, 1), 0);
+    } else if (way == 2 && right != nullptr) {
+      EXPECT_EQ(vorn_insert_avl_node_specified(&tree_, record, right, 0), 0);
+    } else {
+      EXPECT_EQ(vorn_insert_avl_node(&tree_, record, where), 0);
+    }
+  };
+  const auto compare = [&](int key) {
+    std::vector<int> keys;
+    for (const auto &[each, record] : model)
+      keys.push_back(each);
+    EXPECT_EQ(checked_keys(), keys);
+    EXPECT_EQ(vorn_get_avl_first_node(&tree_), after(model.begin()));
+    EXPECT_EQ(vorn_get_avl_last_node(&tree_), before(model.end()));
+    const auto at = model.lower_bound(key);
+    if (at == model.end() || at->first != key) {
+      EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, where_of(key), 1), after(at));
+      EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, where_of(key), 0), before(at));
+      return;
+    }
+    EXPECT_EQ(find(key, nullptr), at->second);
+    EXPECT_EQ(vorn_walk_avl_node(&tree_, at->second, 1), after(std::next(at)));
+    EXPECT_EQ(vorn_walk_avl_node(&tree_, at->second, 0), before(at));
+  };
+
   std::mt19937 random{1};
-  for (unsigned int step = 0; step < 6000; ++step) {
+  for (unsigned int step = 0; step < 6000 && !HasFailure(); ++step) {
     Record *record = &records_[random() % kRecords];
-    const auto at = model_.find(record->key);
+    const auto at = model.find(record->key);
     const bool filling = step / 500 % 2 == 0;
     if (random() % 4 == 0 ? !filling : filling) {
-      insert(record, random);
-    } else if (at != model_.end()) {
-      remove(at);
+      insert(record, random() % 4);
+    } else if (at != model.end()) {
+      EXPECT_EQ(vorn_remove_avl_node(&tree_, at->second), 0);
+      model.erase(at);
     }
-    ASSERT_NO_FATAL_FAILURE(compare_trees());
-    ASSERT_NO_FATAL_FAILURE(compare_lookups(static_cast<int>(random() % (kRecords / 2))));
-    if (HasFailure()) return;
+    compare(static_cast<int>(random() % (kRecords / 2)));
   }
   EXPECT_NO_RECORD();
-}
-
-// The heir of a node with two children comes from the higher side, and from the left when both are
-// equally high.
-TEST_F(Avl, RemovalTakesTheHeirFromTheHigherSide) {
-  add({4, 2, 6});
-  vorn_remove_avl_node(&tree_, &records_[4]);
-  EXPECT_EQ(tree_.root, &records_[2].node);
-  add({8, 1, 9}); // 2 with 1 on the left, and 8 above 6 and 9 on the right
-  vorn_remove_avl_node(&tree_, &records_[2]);
-  EXPECT_EQ(tree_.root, &records_[6].node);
-  EXPECT_EQ(checked_keys(), (std::vector{1, 6, 8, 9}));
-}
-
-TEST_F(Avl, PositionsNameParentAndSide) {
-  EXPECT_EQ(where_of(5), 0u);
-  EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, 0, 1), nullptr);
-  EXPECT_EQ(vorn_find_avl_nearest_node(&tree_, 1, 0), nullptr);
-  EXPECT_EQ(vorn_get_avl_first_node(&tree_), nullptr);
-  EXPECT_EQ(vorn_get_avl_last_node(&tree_), nullptr);
-  add({4, 2, 6});
-  const auto parent = reinterpret_cast<unsigned long>(&records_[6].node);
-  EXPECT_EQ(where_of(5), parent);
-  EXPECT_EQ(where_of(7), parent | 1);
-  EXPECT_EQ(find(5, nullptr), nullptr);
-}
-
-TEST_F(Avl, AComparisonOutOfRangeFindsNothingAndMakesARootAlone) {
-  add({1, 2, 3});
-  tree_.add_compare = tree_.find_compare = compare_badly;
-  EXPECT_EQ(where_of(2), 0u);
-  add({4});
-  EXPECT_EQ(tree_.root, &records_[4].node);
-  EXPECT_EQ(tree_.root->children[0], nullptr);
-  EXPECT_EQ(vorn_get_avl_node_num(&tree_), 4);
 }
 
 TEST_F(Avl, BadArgumentsAreReportedByTheFunctionThatGotThem) {

@@ -2,10 +2,6 @@
 // test-links: vorn_objects
 #include "vorn_crc.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <ostream>
@@ -16,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "arch/crc.hpp"
+#include "support/guarded_page.hpp"
 
 namespace {
 
@@ -69,27 +66,6 @@ struct Routine {
 };
 
 void PrintTo(const Routine &routine, std::ostream *out) { *out << routine.name; }
-
-// A page of noise, with memory that cannot be read on either side.
-class GuardedPage {
-public:
-  GuardedPage() {
-    map_ = mmap(nullptr, 3 * size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    void *page = static_cast<std::uint8_t *>(map_) + size;
-    if (map_ == MAP_FAILED || mprotect(page, size, PROT_READ | PROT_WRITE) != 0) abort();
-    std::memcpy(page, noise().data(), size);
-    data = static_cast<const std::uint8_t *>(page);
-  }
-  ~GuardedPage() { munmap(map_, 3 * size); }
-  GuardedPage(const GuardedPage &) = delete;
-  GuardedPage &operator=(const GuardedPage &) = delete;
-
-  const std::size_t size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  const std::uint8_t *data;
-
-private:
-  void *map_;
-};
 
 // A copying routine as one that only sums: it must copy all that it sums, and nothing else.
 template <class Copy> auto checked(Copy copy) {
@@ -148,6 +124,7 @@ TEST_P(EveryRoutine, EqualsDivisionAtEveryLengthAndAlignment) {
   const Routine &routine = GetParam();
   const std::uint32_t start = routine.by_bit(0x1D0F, 0);
   const GuardedPage page;
+  std::memcpy(page.data, noise().data(), page.size);
   for (std::size_t alignment = 0; alignment < kAlignments; ++alignment) {
     const std::uint8_t *data = page.data + alignment;
     const auto expected = routine.expected(start, data, kLengths - 1);
@@ -157,7 +134,7 @@ TEST_P(EveryRoutine, EqualsDivisionAtEveryLengthAndAlignment) {
     }
   }
   for (std::size_t length = routine.shortest; length < kLengths; ++length) {
-    const std::uint8_t *data = page.data + page.size - length;
+    const std::uint8_t *data = page.end() - length;
     ASSERT_EQ(routine.run(start, data, length), routine.expected(start, data, length).back())
         << "length " << length << ", at the end of what may be read";
   }

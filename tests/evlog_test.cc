@@ -429,22 +429,3 @@ TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
   for (std::thread &thread : busy)
     thread.join();
 }
-
-TEST_F(Evlog, ACancelledThreadLeavesNoLockBehind) {
-  open_log();
-  static std::atomic<int> records;
-  for (int i = 0; i < 20; ++i) {
-    records = 0;
-    std::thread thread([] {
-      for (;; pthread_testcancel()) {
-        log_at(EVLOG_INFO, "record");
-        ++records;
-      }
-    });
-    while (records < 10)
-      sched_yield();
-    pthread_cancel(thread.native_handle());
-    thread.join();
-    EXPECT_EQ(log_at(EVLOG_INFO, "after"), 0);
-  }
-}

@@ -1,14 +1,17 @@
-// test-wraps: read write malloc
+// test-wraps: read pread write malloc
 #include "vorn_fileops.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/prctl.h>
 #include <unistd.h>
+#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
@@ -19,6 +22,7 @@ static size_t most_written = SIZE_MAX;
 static std::deque<int> read_errors; // 0: none
 static std::deque<int> write_errors;
 static bool fail_next_malloc = false;
+static const char *rename_after_read = nullptr;
 
 template <class Call> static ssize_t scripted(std::deque<int> &errors, Call call, size_t most) {
   const int error = errors.empty() ? 0 : errors.front();
@@ -28,12 +32,21 @@ template <class Call> static ssize_t scripted(std::deque<int> &errors, Call call
   return -1;
 }
 
+template <class Call> static ssize_t scripted_read(Call call, size_t count) {
+  const ssize_t length = scripted(read_errors, call, std::min(count, most_read));
+  if (rename_after_read != nullptr) prctl(PR_SET_NAME, rename_after_read);
+  return length;
+}
+
 extern "C" {
 ssize_t __real_read(int fd, void *buf, size_t count);
 ssize_t __wrap_read(int fd, void *buf, size_t count) {
-  return scripted(
-      read_errors, [=](size_t most) { return __real_read(fd, buf, most); },
-      std::min(count, most_read));
+  return scripted_read([=](size_t most) { return __real_read(fd, buf, most); }, count);
+}
+
+ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
+ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset) {
+  return scripted_read([=](size_t most) { return __real_pread(fd, buf, most, offset); }, count);
 }
 
 ssize_t __real_write(int fd, const void *buf, size_t count);
@@ -164,6 +177,132 @@ TEST_F(Fileops, AFailedCopyTellsWhere) {
   EXPECT_EQ(vorn_copy(file.c_str(), other.c_str()), -12);
   EXPECT_EQ(scratch::read_file(other), "kept");
   EXPECT_EQ(capture::take().size(), 1u); // the allocator's
+}
+
+// The contract in its plain form, byte by byte: what lies before the zero, "" for NULL.
+std::string next_line(const std::string &content, size_t *position, size_t size) {
+  std::string line;
+  while (line.size() + 1 < size && *position < content.size()) {
+    const char byte = content[(*position)++];
+    if (byte == '\r') continue;
+    line += byte;
+    if (byte == '\n') break;
+  }
+  return line;
+}
+
+constexpr char kUntouched = 0x55;
+
+// Reads all of fd, which holds content and stands at its start, beside the model.
+void expect_as_model(int fd, const std::string &content, int size, bool positioned) {
+  size_t position = 0;
+  for (bool more = true; more;) {
+    const std::string line = next_line(content, &position, static_cast<size_t>(size));
+    more = !line.empty();
+    std::vector<char> bytes(static_cast<size_t>(size) + 2, kUntouched); // one more on each side
+    std::vector<char> wanted = bytes;
+    char *const buffer = bytes.data() + 1;
+    ASSERT_EQ(vorn_readline(fd, buffer, size), more ? buffer : nullptr);
+    std::memcpy(wanted.data() + 1, line.c_str(), line.size() + 1);
+    wanted[static_cast<size_t>(size)] = '\0';
+    ASSERT_EQ(bytes, wanted);
+    if (positioned) {
+      ASSERT_EQ(lseek(fd, 0, SEEK_CUR), static_cast<off_t>(position));
+    }
+  }
+}
+
+class Readline : public Fileops {
+protected:
+  int opened(const std::string &content) {
+    scratch::write_file(file, content);
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    EXPECT_GE(fd, 0);
+    return fd;
+  }
+
+  std::string next(int fd, int size = 128) {
+    std::vector<char> buffer(static_cast<size_t>(size));
+    const char *line = vorn_readline(fd, buffer.data(), size);
+    return line == nullptr ? "(null)" : line;
+  }
+};
+
+TEST_F(Readline, AgreesWithTheModelWhateverTheBufferAndTheSource) {
+  using namespace std::string_literals;
+  const std::vector<std::string> contents = {
+      "",
+      "\r\n",
+      "one\r",
+      "one\ntwo\nthree",
+      "a\rb\r\rc\n\rd\n\r\n\r",
+      "nul\0 inside\0\n\0\n\0"s,
+      std::string(511, 'x') + "\nsecond\n",
+      std::string(510, 'x') + "\r\nsecond\r\n",
+      std::string(1536, 'y') + "\r\n" + std::string(4096, 'z') + "\n",
+      std::string(700, '\r') + "\n",
+  };
+  for (const std::string &content : contents) {
+    for (const int size : {1, 2, 3, 13, 512, 513, 514, 9000}) {
+      for (const size_t most : {SIZE_MAX, size_t{3}}) {
+        SCOPED_TRACE(testing::Message() << content.size() << " bytes, buffer of " << size);
+        most_read = most;
+        read_errors = {EINTR, 0, EINTR, EINTR};
+        const int fd = opened(content);
+        expect_as_model(fd, content, size, true);
+        close(fd);
+
+        read_errors = {EINTR, 0, EINTR};
+        int pipe_ends[2];
+        ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
+        ASSERT_EQ(write(pipe_ends[1], content.data(), content.size()),
+                  static_cast<ssize_t>(content.size()));
+        close(pipe_ends[1]);
+        expect_as_model(pipe_ends[0], content, size, false);
+        close(pipe_ends[0]);
+      }
+    }
+  }
+  char byte = kUntouched;
+  EXPECT_EQ(vorn_readline(0, nullptr, 10), nullptr);
+  EXPECT_EQ(vorn_readline(0, &byte, 0), nullptr);
+  EXPECT_EQ(byte, kUntouched);
+}
+
+TEST_F(Readline, AFailedReadEndsTheLineAndTheNextCallTellsWhy) {
+  most_read = 4;
+  read_errors = {0, EIO, EIO};
+  const int fd = opened("abcdefgh\n");
+  EXPECT_EQ(next(fd), "abcd");
+  EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 4);
+  errno = 0;
+  EXPECT_EQ(next(fd), "(null)");
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(next(fd), "efgh\n");
+  close(fd);
+
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  ASSERT_EQ(write(ends[1], "ab", 2), 2);
+  EXPECT_EQ(next(ends[0]), "ab");
+  EXPECT_EQ(next(ends[0]), "(null)");
+  EXPECT_EQ(errno, EAGAIN);
+  close(ends[1]);
+  errno = 0;
+  EXPECT_EQ(next(ends[0]), "(null)");
+  EXPECT_EQ(errno, 0); // the end is no failure
+  close(ends[0]);
+}
+
+// The kernel writes such a file's text anew after a seek.
+TEST_F(Readline, ATextThatTheKernelMakesUpIsNotTorn) {
+  ASSERT_EQ(prctl(PR_SET_NAME, "lower-case"), 0);
+  const int fd = open("/proc/thread-self/comm", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  rename_after_read = "UPPER-CASE";
+  EXPECT_EQ(next(fd, 7), "lower-");
+  EXPECT_EQ(next(fd), "case\n");
+  close(fd);
 }
 
 } // namespace

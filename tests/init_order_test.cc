@@ -1,6 +1,7 @@
 // Every step of the start-up, replaced by a note of its call: a process may put its own in front.
 #include <gtest/gtest.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "evlog.h"
@@ -12,8 +13,10 @@
 #include "vorn_init.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_sched.h"
 #include "vorn_smp.h"
 #include "vorn_symbol.h"
+#include "vorn_thrd.h"
 #include "vorn_time.h"
 
 static std::vector<std::string> steps;
@@ -32,6 +35,8 @@ void pid_init_names() { note("names"); }
 void vorn_pid_set_name(unsigned int id, const char *name) {
   note((std::to_string(id) + " " + name).c_str());
 }
+void vorn_thrd_setpid_accl(pid_t pid) { note(pid == getpid() ? "process id" : "wrong id"); }
+int vorn_sched_init() { return note("sched") + optional_result; }
 int cpumask_init() { return note("masks") + optional_result; }
 int globalCpuNum_init() { return note("counts") + optional_result; }
 int vorn_cpufreq_init() { return note("cpufreq"); }
@@ -39,6 +44,7 @@ uint64_t vorn_gettime_init() {
   note("time");
   return time_result;
 }
+int vorn_thrd_module_init() { return note("threads"); }
 int vorn_affinity_init() { return note("affinity") + optional_result; }
 int vorn_symbol_init() { return note("symbols"); }
 void vorn_crc32_init() { note("crc"); }
@@ -51,8 +57,9 @@ using Steps = std::vector<std::string>;
 
 TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
   ASSERT_EQ(vorn_Init(), 0);
-  EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX", "masks",
-                          "counts", "cpufreq", "time", "affinity", "symbols", "crc"}));
+  EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX",
+                          "process id", "sched", "masks", "counts", "cpufreq", "time", "threads",
+                          "affinity", "symbols", "crc"}));
   EXPECT_EQ(capture::take_texts(), (Steps{"Vorn init start.", "Vorn init end ret 0."}));
   steps.clear();
   vorn_destory();

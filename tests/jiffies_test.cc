@@ -19,13 +19,6 @@ namespace {
 
 const std::string kUio = "/sys/devices/platform/jiffies_uio/uio/";
 
-int open_descriptors() {
-  int count = 0;
-  for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
-    ++count;
-  return count;
-}
-
 // The driver's files as this process alone sees them.
 class Driver : public testing::Test {
 protected:
@@ -55,14 +48,14 @@ TEST_F(Driver, CounterIsReadFromTheMapping) {
   install("uio0", "0xffff000000000000\n", "0x2000\n", "0x340\n");
   scratch::write_file(kUio + "ui/x", "");
   set_counter("uio0", 0x340, 0x1122334455667788);
-  const int before = open_descriptors();
+  const int before = scratch::next_descriptor();
   EXPECT_EQ(vorn_get_jiffies(), 0x1122334455667788u);
   EXPECT_NO_RECORD();
   const vorn_jiffies_uio_s *record = jiffies_uio_get();
   EXPECT_EQ(record->addr, 0xffff000000000000u);
   EXPECT_EQ(record->size, 0x2000);
   EXPECT_EQ(*record->jiffies, 0x1122334455667788u);
-  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_EQ(scratch::next_descriptor(), before);
 
   // the record's descriptors belong to others by now
   const int innocent = dup(0);
@@ -82,13 +75,13 @@ TEST_F(Driver, AMissingFileIsReportedClosesAllAndLeavesTheClock) {
       {kUio + "uio0/maps/map0/size", "Vorn jiffies open size_fd map failed, errno=2."},
       {kUio + "uio0/maps/map0/offset", "Vorn jiffies open map failed, errno=2."},
   };
-  const int before = open_descriptors();
+  const int before = scratch::next_descriptor();
   for (const auto &[missing, text] : rows) {
     install("uio0", "0x1000", "0x1000", "0");
     std::filesystem::remove_all(missing);
     EXPECT_EQ(jiffies_usr_main(), -1);
     EXPECT_ONE_RECORD(EVLOG_ERROR, "jiffies_uio_adp.c", "jiffies_uio_adp_open", text);
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(scratch::next_descriptor(), before);
     EXPECT_EQ(jiffies_uio_get()->jiffies, nullptr);
   }
   vorn_gettime_init();

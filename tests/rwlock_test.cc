@@ -22,28 +22,6 @@ namespace {
 constexpr int64_t kWriter = -1;
 constexpr int64_t kMayblockWriter = INT64_MIN;
 
-TEST(Rwlock, TheWordCountsReadersOrIsNegative) {
-  vorn_rwlock_s lock;
-  vorn_rwlock_init(&lock);
-  EXPECT_EQ(lock.word, 0);
-  vorn_rwlock_read_lock(&lock);
-  EXPECT_EQ(vorn_rwlock_try_read_lock(&lock), 1);
-  vorn_rwlock_read_lock_mayblock(&lock);
-  EXPECT_EQ(lock.word, 3);
-  for (int readers = 2; readers >= 0; --readers) {
-    vorn_rwlock_read_unlock(&lock);
-    EXPECT_EQ(lock.word, readers);
-  }
-  vorn_rwlock_write_lock(&lock);
-  EXPECT_EQ(lock.word, kWriter);
-  vorn_rwlock_write_unlock(&lock);
-  EXPECT_EQ(lock.word, 0);
-  vorn_rwlock_write_lock_mayblock(&lock);
-  EXPECT_EQ(lock.word, kMayblockWriter);
-  vorn_rwlock_write_unlock(&lock);
-  EXPECT_EQ(lock.word, 0);
-}
-
 // Who holds the lock, who waits for it, and what the word is to be after that one has it.
 struct Wait {
   int64_t held;

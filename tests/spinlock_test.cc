@@ -11,6 +11,7 @@
 #include "support/log_capture.hpp"
 #include "vorn_sched.h"
 #include "vorn_symbol.h"
+#include "vorn_thrd.h"
 #include "vorn_time.h"
 
 namespace {
@@ -143,13 +144,13 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
   EXPECT_EQ(the_record(), stack_text(place(0), 0, 0));
 }
 
-uintptr_t g_planted[2] = {0, 0x1234}; // a frame, but not of the stack
+constexpr uintptr_t kFarUp = 12288; // more than a stack that nobody knows is taken to hold
 volatile uintptr_t *g_on_stack;
 
 // Has a frame so many words up its own, which is on the stack even where a sanitizer keeps the
 // locals of others elsewhere.
 [[gnu::noinline, gnu::no_sanitize_address]] std::string dump_with_frame_at(std::size_t word) {
-  volatile uintptr_t words[1024] = {};
+  volatile uintptr_t words[2048] = {};
   g_on_stack = words + word;
   g_on_stack[1] = 0x1234;
   outer(1, [](uintptr_t) { return number(g_on_stack); });
@@ -157,20 +158,23 @@ volatile uintptr_t *g_on_stack;
 }
 
 TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
+  static uintptr_t planted[2] = {0, 0x1234}; // a frame, but not of the stack
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
-      [](uintptr_t frame) { return frame; },                        // a circle
+      [](uintptr_t frame) { return frame; }, // a circle
+      [](uintptr_t frame) { return frame + kFarUp; },
       [](uintptr_t frame) { return frame + 2 * sizeof frame + 1; }, // not aligned
-      [](uintptr_t) { return number(g_planted); },
+      [](uintptr_t) { return number(planted); },
       [](uintptr_t) { return UINTPTR_MAX - 7; },
   };
   for (const Damage damage : outside) {
     outer(1, damage);
     EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0, 0)) << &damage - outside;
   }
-  EXPECT_EQ(dump_with_frame_at(0), stack_text(place(g_returns[0]), 0x1234, 0));
-  EXPECT_EQ(dump_with_frame_at(4096 / sizeof(uintptr_t) + 8),
-            stack_text(place(g_returns[0]), 0, 0));
+  // The registry knows how far the stack of a thread of its own goes.
+  ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
+  EXPECT_EQ(dump_with_frame_at(kFarUp / sizeof(uintptr_t)),
+            stack_text(place(g_returns[0]), 0x1234, 0));
 }
 
 } // namespace

@@ -15,32 +15,6 @@ namespace {
 
 constexpr uint64_t kNobody = UINT64_MAX;
 
-void expect_fields(const vorn_tspinlock_s &lock, uint32_t serving, uint32_t next, uint64_t owner) {
-  EXPECT_EQ(lock.serving, serving);
-  EXPECT_EQ(lock.next, next);
-  EXPECT_EQ(lock.owner, owner);
-}
-
-TEST(Ticketlock, HandsOutAndServesNumbersThatWrap) {
-  vorn_tspinlock_s lock;
-  std::memset(&lock, 0x5A, sizeof lock);
-  vorn_tspinlock_init(&lock);
-  expect_fields(lock, 0, 0, kNobody);
-  const auto self = static_cast<uint64_t>(gettid());
-  for (const bool tries : {false, true}) {
-    lock.serving = lock.next = UINT32_MAX;
-    const bool is_taken =
-        tries ? vorn_tspinlock_trylock(&lock) : (vorn_tspinlock_lock(&lock), true);
-    EXPECT_TRUE(is_taken);
-    expect_fields(lock, UINT32_MAX, 0, self);
-    std::thread([&] { EXPECT_EQ(vorn_tspinlock_trylock(&lock), 0); }).join();
-    expect_fields(lock, UINT32_MAX, 0, self);
-    vorn_tspinlock_unlock(&lock); // serving wraps, and next stays
-    expect_fields(lock, 0, 0, kNobody);
-  }
-  EXPECT_NO_RECORD();
-}
-
 // Reports are made in the name of the caller, and the operation goes on.
 TEST(Ticketlock, ReportsMisuseAndGoesOn) {
   const auto self = static_cast<uint64_t>(gettid());

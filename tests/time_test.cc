@@ -51,27 +51,6 @@ TEST(Time, RunsAtTheRateOfTheMonotonicClock) {
   EXPECT_NEAR(elapsed / clock_elapsed, 1.0, 0.1); // wide: the machine may stop between two readings
 }
 
-TEST(Time, IsMonotonicAcrossThreads) {
-  ASSERT_EQ(vorn_gettime_init(), 0u);
-  std::atomic<uint64_t> latest{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&latest] {
-      for (int i = 0; i < 5000; ++i) {
-        const uint64_t before = latest.load();
-        sched_yield(); // the kernel's entry orders the reading behind the load
-        const uint64_t now = vorn_time_getnanosec();
-        ASSERT_GE(now, before);
-        uint64_t seen = before;
-        while (seen < now && !latest.compare_exchange_weak(seen, now)) {
-        }
-      }
-    });
-  }
-  for (auto &thread : threads)
-    thread.join();
-}
-
 // The shell finds a cat that prints this instead of the processor's description.
 class CpuInfo {
 public:

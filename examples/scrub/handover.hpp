@@ -1,36 +1,14 @@
-// Hands pointers from one thread to another, in order: a ring of the library, and the waiting of
-// whoever takes from it.
+// Hands pointers from one thread to another, in order: a ring of the library, and a semaphore that
+// counts what is in it, on which whoever takes from it sleeps.
 #ifndef SCRUB_HANDOVER_HPP
 #define SCRUB_HANDOVER_HPP
 
-#include <algorithm>
 #include <new>
-#include <stop_token>
 
 #include "vorn_ring.h"
-#include "vorn_sched.h"
+#include "vorn_sem_enhance.h"
 
 namespace scrub {
-
-// Waits for longer and longer: first gives the processor away, then sleeps.
-class Patience {
-public:
-  void wait() {
-    if (yields_ != 0) {
-      --yields_;
-      vorn_yield();
-      return;
-    }
-    vorn_usleep(sleep_);
-    sleep_ = std::min(2 * sleep_, kLongestSleep);
-  }
-
-private:
-  static constexpr unsigned int kLongestSleep = 1000; // microseconds
-
-  unsigned int yields_ = 4;
-  unsigned int sleep_ = 100;
-};
 
 // One thread puts and one takes.
 template <class T> class Handover {
@@ -39,27 +17,32 @@ public:
   explicit Handover(unsigned int capacity)
       : ring_(vorn_ring_create(capacity + 1, VORN_RING_SINGLE)) {
     if (ring_ == nullptr) throw std::bad_alloc();
+    vorn_sem_enhance_init(&held_, 0);
   }
   Handover(const Handover &) = delete;
   Handover &operator=(const Handover &) = delete;
   ~Handover() { vorn_ring_delete(&ring_); }
 
   // There must be room.
-  void put(T &item) { vorn_ring_enqueue(ring_, &item); }
+  void put(T &item) {
+    vorn_ring_enqueue(ring_, &item);
+    vorn_sem_enhance_up(&held_);
+  }
 
-  // Waits for the next, NULL once it is told to stop.
-  T *take(const std::stop_token &stop) {
+  // Nothing is put any more: any thread may say so, once.
+  void close() { vorn_sem_enhance_up(&held_); }
+
+  // Waits for the next, NULL when it is closed and all was taken. Not to be called behind that.
+  T *take() {
+    vorn_sem_enhance_down(&held_);
     void *item = nullptr;
-    Patience patience;
-    while (vorn_ring_dequeue(ring_, &item) != 0) {
-      if (stop.stop_requested()) return nullptr;
-      patience.wait();
-    }
+    vorn_ring_dequeue(ring_, &item);
     return static_cast<T *>(item);
   }
 
 private:
   vorn_ring_s *ring_;
+  vorn_sem_enhance_s held_;
 };
 
 } // namespace scrub

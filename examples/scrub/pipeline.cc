@@ -1,10 +1,12 @@
 #include "pipeline.hpp"
 
 #include <algorithm>
-#include <thread>
+#include <string>
 #include <utility>
 
 #include "interrupt.hpp"
+#include "thread.hpp"
+#include "vorn_sched.h"
 #include "vorn_time.h"
 
 namespace scrub {
@@ -13,7 +15,7 @@ namespace {
 // So many tasks go with a batch at most, so that a run of them without blocks is passed on, too.
 constexpr std::size_t kMostTasks = 128;
 
-// Whoever waits for longer looks in between whether to go on at all.
+// Whoever waits for the rate looks in between whether to go on at all.
 constexpr std::uint64_t kLongestSleep = 10'000; // microseconds
 
 // Ends the reading when nobody wants its batches any more.
@@ -31,8 +33,8 @@ void Pipeline::Batch::clear() {
   tasks.clear();
 }
 
-void Pipeline::Lane::run_checker(const std::stop_token &stop) {
-  while (Batch *batch = filled.take(stop)) {
+void Pipeline::Lane::run_checker() {
+  while (Batch *batch = filled.take()) {
     batch->check();
     checked.put(*batch);
   }
@@ -41,16 +43,21 @@ void Pipeline::Lane::run_checker(const std::stop_token &stop) {
 Pipeline::Pipeline(const Settings &settings)
     : batches_(kBatches, Batch(settings.read_size_limit / kBlockSize)), lanes_(settings.threads),
       rate_(settings.rate_limit * 1'000'000, vorn_time_getnanosec()) {
+  set_strategy(settings);
   for (Batch &batch : batches_)
     empty_.put(batch);
 }
 
 void Pipeline::run(const Task &read) {
-  Vector<std::jthread> checkers;
-  for (Lane &lane : lanes_)
-    checkers.emplace_back([&lane](const std::stop_token &stop) { lane.run_checker(stop); });
-  const std::jthread reader([&](const std::stop_token &stop) { run_reader(read, stop); });
-  run_tasks();
+  {
+    Vector<Thread> threads;
+    const Stop stop(*this); // ahead of waiting for them, whatever ends the run
+    for (Lane &lane : lanes_)
+      threads.emplace_back("scrub_check" + std::to_string(threads.size()),
+                           [&lane] { lane.run_checker(); });
+    threads.emplace_back("scrub_read", [&] { run_reader(read); });
+    run_tasks();
+  }
   if (failure_) std::rethrow_exception(failure_);
 }
 
@@ -78,20 +85,26 @@ void Pipeline::then(Task task) {
 // Passes on the batch, if there is one, and waits for an empty one.
 void Pipeline::next_batch() {
   if (batch_ != nullptr) turn_.next().filled.put(*std::exchange(batch_, nullptr));
-  batch_ = empty_.take(stop_);
+  batch_ = empty_.take();
   if (batch_ == nullptr) throw Stopped();
 }
 
 void Pipeline::keep_rate() {
   while (const std::uint64_t delay = rate_.delay(vorn_time_getnanosec())) {
     check_interrupt();
-    if (stop_.stop_requested()) throw Stopped();
+    if (stopped_) throw Stopped();
     vorn_usleep(static_cast<unsigned int>(std::min(delay / 1000 + 1, kLongestSleep)));
   }
 }
 
-void Pipeline::run_reader(const Task &read, const std::stop_token &stop) {
-  stop_ = stop;
+Pipeline::Stop::~Stop() {
+  pipeline_.stopped_ = true;
+  pipeline_.empty_.close();
+  for (Lane &lane : pipeline_.lanes_)
+    lane.filled.close();
+}
+
+void Pipeline::run_reader(const Task &read) {
   try {
     read();
   } catch (const Stopped &) {
@@ -99,7 +112,7 @@ void Pipeline::run_reader(const Task &read, const std::stop_token &stop) {
   } catch (...) {
     failure_ = std::current_exception();
   }
-  if (batch_ == nullptr) batch_ = empty_.take(stop);
+  if (batch_ == nullptr) batch_ = empty_.take();
   if (batch_ == nullptr) return;
   batch_->last = true;
   turn_.next().filled.put(*batch_);
@@ -108,7 +121,7 @@ void Pipeline::run_reader(const Task &read, const std::stop_token &stop) {
 void Pipeline::run_tasks() {
   Turn turn(lanes_);
   for (bool last = false; !last;) {
-    Batch *batch = turn.next().checked.take({});
+    Batch *batch = turn.next().checked.take();
     for (const Task &task : batch->tasks) {
       check_interrupt();
       task();

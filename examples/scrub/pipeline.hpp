@@ -1,5 +1,5 @@
-// Reads, computes checksums and works on the result in threads of their own. Batches of blocks go
-// round between them, each handover by a ring of the library:
+// Reads and computes checksums in threads of the library, and works on the result in the caller's.
+// Batches of blocks go round between them, each handover by a ring of the library:
 //
 //      reader  --filled-->  checker  --checked-->  caller
 //        ^     --filled-->  checker  --checked-->     |
@@ -14,11 +14,11 @@
 #ifndef SCRUB_PIPELINE_HPP
 #define SCRUB_PIPELINE_HPP
 
+#include <atomic>
 #include <cstddef>
 #include <exception>
 #include <functional>
 #include <span>
-#include <stop_token>
 
 #include "checksums.hpp"
 #include "handover.hpp"
@@ -81,7 +81,7 @@ private:
 
   // The way through a checker.
   struct Lane {
-    void run_checker(const std::stop_token &stop);
+    void run_checker();
 
     Handover<Batch> filled{kBatches};
     Handover<Batch> checked{kBatches};
@@ -98,20 +98,32 @@ private:
     std::size_t passed_ = 0;
   };
 
+  // Has the threads end.
+  class Stop {
+  public:
+    explicit Stop(Pipeline &pipeline) : pipeline_(pipeline) {}
+    Stop(const Stop &) = delete;
+    Stop &operator=(const Stop &) = delete;
+    ~Stop();
+
+  private:
+    Pipeline &pipeline_;
+  };
+
   void next_batch();
   void keep_rate();
-  void run_reader(const Task &read, const std::stop_token &stop);
+  void run_reader(const Task &read);
   void run_tasks();
 
   Vector<Batch> batches_;
   Vector<Lane> lanes_;
   Handover<Batch> empty_{kBatches};
+  std::atomic<bool> stopped_ = false;
 
   // Of the reader's thread:
   Turn turn_{lanes_};
   RateLimit rate_;
   Batch *batch_ = nullptr; // the one that it fills
-  std::stop_token stop_;
 
   std::exception_ptr failure_; // the reader's, there before the last batch is
 };

@@ -4,12 +4,15 @@
 #include <cctype>
 #include <charconv>
 #include <fstream>
+#include <span>
 #include <stdexcept>
 #include <string_view>
 
 #include "checksums.hpp"
 #include "text.hpp"
 #include "vorn_cfg.h"
+#include "vorn_cpu.h"
+#include "vorn_thrd.h"
 
 namespace scrub {
 namespace {
@@ -29,7 +32,10 @@ constexpr Item kItems[] = {
     {"READ_SIZE_LIMIT", &Settings::read_size_limit, kBlockSize, 1048576, kBlockSize},
     {"THREADS", &Settings::threads, 1, 16},
     {"RATE_LIMIT", &Settings::rate_limit, 0, 100000},
+    {"NICE", &Settings::nice, 0, 19},
 };
+
+constexpr char kCpus[] = "CPUS";
 
 std::string wanted(const Item &item) {
   const std::string range = std::to_string(item.least) + " to " + std::to_string(item.most);
@@ -48,8 +54,10 @@ public:
 
   void check_lines() const;
   void read(const Item &item, Settings &settings) const;
+  void read_cpus(Settings &settings) const;
 
 private:
+  bool find(const char *name, const std::string &wanted, std::span<char> text) const;
   void check_item(std::string_view line, std::uint64_t number) const;
   [[noreturn]] void refuse(const std::string &why) const {
     throw std::runtime_error("settings " + path_ + ": " + why);
@@ -106,18 +114,21 @@ void File::check_item(std::string_view line, std::uint64_t number) const {
   if (equals == line.npos)
     refuse(where + "neither NAME=value nor a comment, which begins with ';'");
   const std::string_view name = trimmed(line.substr(0, equals));
-  if (std::ranges::find(kItems, name, &Item::name) == std::end(kItems))
+  if (name != kCpus && std::ranges::find(kItems, name, &Item::name) == std::end(kItems))
     refuse(where + "there is no setting " + escape(name).c_str());
+}
+
+// False when it is not set.
+bool File::find(const char *name, const std::string &wanted, std::span<char> text) const {
+  const int result = vorn_cfg_getItemValue_ex(path_.c_str(), kSection, name, text.data(),
+                                              static_cast<unsigned int>(text.size()));
+  if (result == VORN_CFG_TOO_SMALL) refuse(std::string(name) + " is too long, wanted: " + wanted);
+  return result == 0;
 }
 
 void File::read(const Item &item, Settings &settings) const {
   char text[64];
-  const int result =
-      vorn_cfg_getItemValue_ex(path_.c_str(), kSection, item.name, text, sizeof text);
-  if (result == VORN_CFG_TOO_SMALL)
-    refuse(std::string(item.name) + " is too long, wanted: " + wanted(item));
-  if (result != 0) return;
-
+  if (!find(item.name, wanted(item), text)) return;
   const std::string_view digits(text);
   std::uint64_t value = 0;
   const auto [end, error] = std::from_chars(digits.begin(), digits.end(), value);
@@ -128,6 +139,16 @@ void File::read(const Item &item, Settings &settings) const {
   settings.*item.value = value;
 }
 
+void File::read_cpus(Settings &settings) const {
+  constexpr char kWanted[] = "numbers and ranges, as 0-3,8";
+  char text[256];
+  if (!find(kCpus, kWanted, text)) return;
+  std::uint64_t cpus[VORN_THRD_CPUSET_WORDS] = {};
+  if (vorn_cpum_parse_cpumask(text, cpus) != 0)
+    refuse(std::string(kCpus) + " is '" + escape(text).c_str() + "', wanted: " + kWanted);
+  settings.cpus = text;
+}
+
 } // namespace
 
 Settings read_settings(const std::string &path) {
@@ -136,6 +157,7 @@ Settings read_settings(const std::string &path) {
   Settings settings;
   for (const Item &item : kItems)
     file.read(item, settings);
+  file.read_cpus(settings);
   return settings;
 }
 
@@ -143,7 +165,8 @@ std::string settings_text(const Settings &settings) {
   return "reads of at most " + grouped(settings.read_size_limit) + " bytes, " +
          counted(settings.threads, "checksum thread") + ", " +
          (settings.rate_limit == 0 ? "no rate limit"
-                                   : "at most " + grouped(settings.rate_limit) + " MB/s");
+                                   : "at most " + grouped(settings.rate_limit) + " MB/s") +
+         ", nice " + std::to_string(settings.nice) + ", CPUs " + settings.cpus;
 }
 
 } // namespace scrub

@@ -11,6 +11,8 @@ struct Settings {
   std::uint64_t read_size_limit = 131072; // bytes that are read and checked at once: whole blocks
   std::uint64_t threads = 1;              // that compute checksums
   std::uint64_t rate_limit = 0;           // megabytes (10^6) of data read a second, 0: no limit
+  std::uint64_t nice = 0;                 // of the threads that read and compute checksums
+  std::string cpus = "0-1023";            // that they run on
 };
 
 // Takes what the file sets and leaves the rest as above. Throws std::runtime_error when the file
@@ -18,7 +20,7 @@ struct Settings {
 // library is up.
 Settings read_settings(const std::string &path);
 
-// "reads of at most 131,072 bytes, 1 checksum thread, no rate limit".
+// "reads of at most 131,072 bytes, 1 checksum thread, no rate limit, nice 0, CPUs 0-1023".
 std::string settings_text(const Settings &settings);
 
 } // namespace scrub

@@ -7,6 +7,7 @@
 
 #include "base/bounded.hpp"
 #include "base/log.hpp"
+#include "base/stream.hpp"
 #include "vorn_syscall.h"
 
 namespace vorn::cpufreq {
@@ -17,9 +18,6 @@ constexpr char kPolicyRoot[] = "/sys/devices/system/cpu/cpufreq";
 struct CloseDirectory {
   void operator()(DIR *directory) const { closedir(directory); }
 };
-struct CloseFile {
-  void operator()(FILE *file) const { std::fclose(file); }
-};
 
 // The frequency in kHz that an attribute of a policy holds; false when it cannot be read.
 bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
@@ -28,7 +26,7 @@ bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
       0) {
     return false;
   }
-  const std::unique_ptr<FILE, CloseFile> file(std::fopen(path, "re"));
+  const Stream file(std::fopen(path, "re"));
   return file != nullptr && std::fscanf(file.get(), "%lu", khz) == 1;
 }
 

@@ -1,6 +1,7 @@
 #include "vorn_init.h"
 
 #include <execinfo.h>
+#include <unistd.h>
 
 #include "base/log.hpp"
 #include "base/once.hpp"
@@ -10,8 +11,10 @@
 #include "vorn_crc.h"
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
+#include "vorn_sched.h"
 #include "vorn_smp.h"
 #include "vorn_symbol.h"
+#include "vorn_thrd.h"
 #include "vorn_time.h"
 
 namespace vorn::init {
@@ -37,6 +40,7 @@ constexpr Step kSteps[] = {
     {globalCpuNum_init, nullptr, Need::kOptional},
     {vorn_cpufreq_init, "Vorn cpufreq initialize failed.", Need::kRequired},
     {start_time, "Vorn time initialize failed.", Need::kRequired},
+    {vorn_thrd_module_init, nullptr, Need::kOptional},
     {vorn_affinity_init, "Vorn affinity initialize failed.", Need::kOptional},
 };
 
@@ -47,6 +51,8 @@ int vorn_init_inner() {
   jiffies_Init();
   pid_init_names();
   vorn_pid_set_name(kModuleId, VORN_MODULE_NAME);
+  vorn_thrd_setpid_accl(getpid());
+  vorn_sched_init();
   for (const Step &step : kSteps) {
     const int result = step.run();
     if (result == 0) continue;

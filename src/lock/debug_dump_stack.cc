@@ -2,45 +2,25 @@
 
 #include <cstdint>
 
+#include "base/frame_walk.hpp"
 #include "base/thread_id.hpp"
 #include "evlog.h"
 #include "vorn_symbol.h"
+#include "vorn_thrd.h"
 
 namespace vorn::lock {
 namespace {
 
-constexpr std::uintptr_t kStackBytes = 4096;
+constexpr unsigned long kStackBytes = 4096;
 
-// What the frame pointer points at, on every processor of ours.
-struct Frame {
-  std::uintptr_t caller; // where the caller's frame is
-  std::uintptr_t return_address;
-};
-
-// Goes from frame to frame, as long as they lie within the stack. A caller's frame lies above.
-class FrameWalk {
-public:
-  explicit FrameWalk(const void *frame)
-      : at_(reinterpret_cast<std::uintptr_t>(frame)), lower_(at_),
-        upper_(at_ + kStackBytes - sizeof(Frame)) {}
-
-  bool inside() const { return at_ >= lower_ && at_ <= upper_ && at_ % alignof(Frame) == 0; }
-
-  // The frame's return address, and on to the caller's frame. 0, and no further, outside the stack.
-  // What is read may be any words of the stack, if a function without frame pointers came between.
-  [[gnu::no_sanitize_address, gnu::no_sanitize_thread]] std::uintptr_t next() {
-    if (!inside()) return 0;
-    const auto *frame = reinterpret_cast<const Frame *>(at_);
-    lower_ = at_ + sizeof(Frame);
-    at_ = frame->caller;
-    return frame->return_address;
-  }
-
-private:
-  std::uintptr_t at_;
-  std::uintptr_t lower_;
-  std::uintptr_t upper_;
-};
+// Of the stack that frame is on, in so far as it is known.
+StackBounds stack_of(const void *frame) {
+  const auto address = reinterpret_cast<unsigned long>(frame);
+  StackBounds stack{};
+  const char *kind = nullptr;
+  if (vorn_thrd_getcurrentstack(address, &stack.low, &stack.high, &kind) == 0) return stack;
+  return {address, address + kStackBytes};
+}
 
 // An address and what lies there, for one record.
 class Place {
@@ -61,9 +41,9 @@ private:
 } // namespace vorn::lock
 
 void debug_dump_stack(unsigned int skip) {
-  vorn::lock::FrameWalk walk{__builtin_frame_address(0)};
-  for (; skip > 0 && walk.inside(); --skip)
-    walk.next();
+  const void *frame = __builtin_frame_address(0);
+  vorn::FrameWalk walk{frame, vorn::lock::stack_of(frame)};
+  walk.skip(skip);
   const vorn::lock::Place first{walk.next()};
   const vorn::lock::Place second{walk.next()};
   const vorn::lock::Place third{walk.next()};

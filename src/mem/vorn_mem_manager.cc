@@ -2,12 +2,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "base/log.hpp"
 #include "base/once.hpp"
+#include "base/stream.hpp"
 #include "vorn_cmd.h"
 #include "vorn_mem.h"
 #include "vorn_syscall.h"
@@ -27,14 +27,9 @@ uint64_t page_size() { return __atomic_load_n(&g_CurSysPageSize, __ATOMIC_RELAXE
 // Two threads that find it 0 read the same figure twice.
 constinit std::atomic<unsigned long> total_kb{0};
 
-struct CloseFile {
-  void operator()(FILE *file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, CloseFile>;
-
 // The value in kB of the line that key names, colon included; 0 with -1 when there is none.
 int vorn_get_meminfo(const char *key, unsigned long *value) {
-  const File file(std::fopen(kMeminfo, "re"));
+  const Stream file(std::fopen(kMeminfo, "re"));
   if (file == nullptr) {
     const int error = errno;
     VORN_LOG(kInfo, "Fopen /proc/meminfo fail errno %d.", error);

@@ -1,0 +1,55 @@
+/* The enhanced semaphore: a count of units, which threads take (down) and give back (up). A unit
+ * that is given back goes to the thread that has waited longest, without being counted: nobody
+ * overtakes a waiter. Threads sleep as vorn_sched.h describes, and what is said there of SIGWAKEUP
+ * holds.
+ *
+ * Any thread may call, also up without a down before. None is for signal handlers. Where nobody
+ * has to wait the spin lock is taken and nothing else done. */
+#ifndef VORN_SEM_ENHANCE_H
+#define VORN_SEM_ENHANCE_H
+
+#include "vorn_api.h"
+#include "vorn_list.h"
+#include "vorn_spinlock.h"
+
+VORN_BEGIN_DECLS
+
+/* A semaphore. It must outlive every call, those that have not returned by then included. */
+typedef struct vorn_sem_enhance {
+  vorn_spinlock_s lock;       /* guards the other fields, and the waiters */
+  int32_t cnt;                /* units that are free; a negative count is made up for first */
+  vorn_list_head_s wait_list; /* the waiters, the longest waiting first */
+} vorn_sem_enhance_s;
+
+/* What a down that got no unit returns. */
+#define VORN_SEM_TIMED_OUT (-61)
+#define VORN_SEM_INTERRUPTED (-4)
+
+/* Makes *sem a semaphore of count units, while nobody uses it. Returns 0. */
+VORN_API int vorn_sem_enhance_init(vorn_sem_enhance_s *sem, int count);
+
+/* Takes a unit; waits for it for ever, whatever signals come. */
+VORN_API void vorn_sem_enhance_down(vorn_sem_enhance_s *sem);
+
+/* Takes a unit. Returns 0, or VORN_SEM_INTERRUPTED when a signal ended the wait. */
+VORN_API int vorn_sem_enhance_down_interruptible(vorn_sem_enhance_s *sem);
+
+/* The same for at most timeout milliseconds, rounded down to ticks of 4 ms: below 4 it does not
+ * wait. Returns VORN_SEM_TIMED_OUT as well. */
+VORN_API int vorn_sem_enhance_down_timeout(vorn_sem_enhance_s *sem, int64_t timeout);
+
+/* Gives a unit back: to the longest waiting thread, which it wakes, else to the count, which must
+ * stay below 2^31. Returns 0, or the positive errno of vorn_wake_up_process, after information
+ * records: the unit is the waiter's all the same, which has ended by now where that is ESRCH. While
+ * the system's queue of signals is full it tries again every microsecond. */
+VORN_API int vorn_sem_enhance_up(vorn_sem_enhance_s *sem);
+
+/* There is nothing to release. Returns 0. */
+VORN_API int vorn_sem_enhance_destroy(vorn_sem_enhance_s *sem);
+
+/* Writes the count and each waiter to the log, as information records. */
+VORN_API void vorn_sem_enhance_show(vorn_sem_enhance_s *sem);
+
+VORN_END_DECLS
+
+#endif

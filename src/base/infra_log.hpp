@@ -1,0 +1,12 @@
+// An information record that the node's own log wants too: written under module 0 with "[Infra]"
+// ahead of it and without a level check, then under the library's module as usual.
+#ifndef VORN_BASE_INFRA_LOG_HPP
+#define VORN_BASE_INFRA_LOG_HPP
+
+#include "base/log.hpp"
+
+#define VORN_LOG_INFRA_AS(func, format, ...)                                                       \
+  (::evlog(0, ::vorn::kInfo, VORN_FILE, __LINE__, (func), 0, "[Infra]" format, __VA_ARGS__),       \
+   VORN_LOG_AS(func, ::vorn::kInfo, format, __VA_ARGS__))
+
+#endif

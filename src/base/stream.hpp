@@ -1,0 +1,17 @@
+// A stream of the C library that is closed with its owner.
+#ifndef VORN_BASE_STREAM_HPP
+#define VORN_BASE_STREAM_HPP
+
+#include <cstdio>
+#include <memory>
+
+namespace vorn {
+
+struct CloseStream {
+  void operator()(std::FILE *stream) const { std::fclose(stream); }
+};
+using Stream = std::unique_ptr<std::FILE, CloseStream>;
+
+} // namespace vorn
+
+#endif

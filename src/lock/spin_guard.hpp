@@ -1,0 +1,64 @@
+// Hold a spin lock for the length of a block, and let go of it for the length of one. Both act in
+// the name of the function that they stand in, or of the site given.
+#ifndef VORN_LOCK_SPIN_GUARD_HPP
+#define VORN_LOCK_SPIN_GUARD_HPP
+
+#include <mutex>
+
+#include "vorn_spinlock.h"
+
+namespace vorn::lock {
+
+class SpinGuard {
+public:
+  explicit SpinGuard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
+                     unsigned int line = __builtin_LINE())
+      : word_(&lock.lock), site_(site), line_(line), held_(true) {
+    do_vorn_spinlock_lock(word_, site, line);
+  }
+
+  // Takes the lock if it is free now.
+  SpinGuard(vorn_spinlock_s &lock, std::try_to_lock_t, const char *site = __builtin_FUNCTION(),
+            unsigned int line = __builtin_LINE())
+      : word_(&lock.lock), site_(site), line_(line),
+        held_(do_vorn_spinlock_trylock(word_, site, line) != 0) {}
+
+  SpinGuard(const SpinGuard &) = delete;
+  SpinGuard &operator=(const SpinGuard &) = delete;
+
+  ~SpinGuard() {
+    if (held_) do_vorn_spinlock_unlock(word_, site_, line_);
+  }
+
+  explicit operator bool() const { return held_; }
+
+private:
+  uint64_t *word_;
+  const char *site_;
+  unsigned int line_;
+  bool held_;
+};
+
+// Of a lock that is held; it is again when the block ends.
+class SpinRelease {
+public:
+  explicit SpinRelease(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
+                       unsigned int line = __builtin_LINE())
+      : word_(&lock.lock), site_(site), line_(line) {
+    do_vorn_spinlock_unlock(word_, site, line);
+  }
+
+  SpinRelease(const SpinRelease &) = delete;
+  SpinRelease &operator=(const SpinRelease &) = delete;
+
+  ~SpinRelease() { do_vorn_spinlock_lock(word_, site_, line_); }
+
+private:
+  uint64_t *word_;
+  const char *site_;
+  unsigned int line_;
+};
+
+} // namespace vorn::lock
+
+#endif

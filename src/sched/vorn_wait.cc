@@ -1,0 +1,173 @@
+// No wake-up is lost. The waker makes the word 0 and then sends the signal, which finds the waiter
+// in one of these places:
+//
+//   - Ahead of its test of the word. It sees 0 and does not sleep: a signal is sent after the word
+//     was written, so a thread that has handled it sees the word as it is.
+//   - Between the test and the sleep. The handler runs and comes back, and nothing in this thread
+//     knows of it. The sleep is prevented by the kernel alone: it compares the word with the value
+//     that was tested, and does not put to sleep who waits for a value that is gone.
+//   - In the kernel, compared and not yet asleep. A thread with a signal pending does not go to
+//     sleep. This is what the word cannot tell, and why it has to be made 0 ahead of the signal and
+//     not behind it.
+//   - Asleep. The handler runs, and the sleep ends with EINTR.
+//   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else.
+//
+// The sleep always has a time to end at, if in 292 years: one without is taken up again by the
+// kernel after a handler that was installed with SA_RESTART.
+#define VORN_FILE "vorn_sched.c"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "base/kept_errno.hpp"
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "vorn_sched.h"
+#include "vorn_syscall.h"
+
+namespace vorn::sched {
+namespace {
+
+constexpr std::int64_t kTicksPerSecond = 250;
+constexpr std::int64_t kNanosecondsPerSecond = 1000000000;
+constexpr std::int64_t kNanosecondsPerTick = kNanosecondsPerSecond / kTicksPerSecond;
+constexpr std::int64_t kInterruptibleTicks = 250;
+
+constinit std::atomic<bool> installed{false};
+constinit std::atomic<bool> module_absent{false};
+constinit thread_local bool t_admitted = false;
+
+constinit Once sched_init_once{OncePolicy::kLatch};
+constinit int s_sched_init = -1;
+
+void on_wakeup(int) {}
+
+// Two that install at the same time do the same.
+int wakeup_signal_init() {
+  if (installed.load(std::memory_order_acquire)) return 0;
+  struct sigaction action {};
+  sigemptyset(&action.sa_mask);
+  action.sa_handler = on_wakeup;
+  action.sa_flags = SA_RESTART;
+  if (sigaction(SIGWAKEUP, &action, nullptr) != 0) {
+    const KeptErrno failure;
+    return VORN_FAIL(-1, "signal SIGWAKEUP(%d) fail errno(%d)", SIGWAKEUP, failure.value());
+  }
+  installed.store(true, std::memory_order_release);
+  return 0;
+}
+
+// A thread that was started with all signals blocked would never be woken.
+void admit_wakeup_signal() {
+  if (t_admitted) return;
+  sigset_t wakeup;
+  sigemptyset(&wakeup);
+  sigaddset(&wakeup, SIGWAKEUP);
+  t_admitted = pthread_sigmask(SIG_UNBLOCK, &wakeup, nullptr) == 0;
+}
+
+timespec now() {
+  timespec time;
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time;
+}
+
+// Whatever the ticks, their seconds and those of the clock are far from an overflow.
+timespec after(std::int64_t ticks) {
+  timespec time = now();
+  time.tv_sec += ticks / kTicksPerSecond;
+  time.tv_nsec += ticks % kTicksPerSecond * kNanosecondsPerTick;
+  if (time.tv_nsec >= kNanosecondsPerSecond) {
+    time.tv_nsec -= kNanosecondsPerSecond;
+    ++time.tv_sec;
+  }
+  return time;
+}
+
+// Rounded up, and never none: the wait that asks was ended ahead of its time.
+std::uint64_t ticks_until(const timespec &deadline) {
+  const timespec time = now();
+  std::int64_t seconds = deadline.tv_sec - time.tv_sec;
+  std::int64_t nanoseconds = deadline.tv_nsec - time.tv_nsec;
+  if (nanoseconds < 0) {
+    nanoseconds += kNanosecondsPerSecond;
+    --seconds;
+  }
+  const std::int64_t ticks =
+      seconds * kTicksPerSecond + (nanoseconds + kNanosecondsPerTick - 1) / kNanosecondsPerTick;
+  return ticks > 0 ? static_cast<std::uint64_t>(ticks) : 1;
+}
+
+std::uint32_t load(const std::uint32_t *word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
+
+// Returns 0 when somebody woke the word, or an errno.
+int futex_wait(const std::uint32_t *word, std::uint32_t value, const timespec &deadline) {
+  const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, &deadline, nullptr,
+                              FUTEX_BITSET_MATCH_ANY);
+  return result == 0 ? 0 : errno;
+}
+
+std::uint64_t wait_for_word(const std::uint32_t *word, std::int64_t timeout) {
+  std::uint32_t value = load(word);
+  if (value == 0) return static_cast<std::uint64_t>(timeout);
+  const timespec deadline = after(timeout);
+  for (;;) {
+    const int error = futex_wait(word, value, deadline);
+    value = load(word);
+    if (value == 0 || error == EINTR) return ticks_until(deadline);
+    if (error != 0 && error != EAGAIN) return 0;
+  }
+}
+
+template <class T> unsigned long address(T *object) {
+  return reinterpret_cast<unsigned long>(object);
+}
+
+// Whether there is a module that waited; *left is what is to be returned then.
+bool wait_in_module(std::uint32_t *word, std::int64_t timeout, unsigned long *left) {
+  if (module_absent.load(std::memory_order_relaxed)) return false;
+  const long result = vorn_private_syscall(VORN_SYSCALL_COMMAND(VORN_SYSCALL_WAIT), address(word),
+                                           address(&timeout), address(left), VORN_SYSCALL_UNUSED);
+  if (result == -1 && errno == ENOSYS) {
+    module_absent.store(true, std::memory_order_relaxed);
+    return false;
+  }
+  if (result == 0) *left = 0;
+  return true;
+}
+
+} // namespace
+} // namespace vorn::sched
+
+uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout) {
+  const int installed = vorn::sched::wakeup_signal_init();
+  if (timeout <= 0) return 0;
+  if (installed == 0) vorn::sched::admit_wakeup_signal();
+  unsigned long left = 0;
+  if (vorn::sched::wait_in_module(word, timeout, &left)) return left;
+  return vorn::sched::wait_for_word(word, timeout);
+}
+
+int vorn_wait_interruptible(uint32_t *word) {
+  return vorn_wait_comm(word, vorn::sched::kInterruptibleTicks) != 0 ? -1 : 0;
+}
+
+int vorn_wake_up_process(uint32_t tid) {
+  if (vorn::sched::wakeup_signal_init() != 0) return errno;
+  return tgkill(getpid(), static_cast<pid_t>(tid), SIGWAKEUP) == 0 ? 0 : errno;
+}
+
+int vorn_sched_init() {
+  vorn::sched::sched_init_once.run([] {
+    vorn::sched::s_sched_init = vorn::sched::wakeup_signal_init();
+    return 0;
+  });
+  const int result = vorn::sched::s_sched_init;
+  return result == 0 ? 0 : VORN_FAIL(-1, "sched init fail s_sched_init(%d)", result);
+}

@@ -1,0 +1,89 @@
+// Who may touch an entry. All of it is the waiter's until prepare_to_wait links it, and guarded by
+// the queue's lock from then on; but the waiter looks without the lock whether its node is alone,
+// and takes the entry away when it is. So the waker makes the node alone last of all, and does not
+// look at the entry again.
+#define VORN_FILE "vorn_sched.c"
+
+#include "vorn_wait.h"
+
+#include <mutex>
+#include <unistd.h>
+
+#include "lock/spin_guard.hpp"
+#include "sched/links.hpp"
+#include "vorn_sched.h"
+
+namespace vorn::sched {
+namespace {
+
+using lock::SpinGuard;
+
+static_assert(offsetof(vorn_wait_queue_head_s, lock) == 0);
+static_assert(offsetof(vorn_wait_queue_head_s, queue) == 24);
+static_assert(sizeof(vorn_wait_queue_head_s) == 40);
+static_assert(offsetof(vorn_wait_entry_s, tid) == 0);
+static_assert(offsetof(vorn_wait_entry_s, flag) == 4);
+static_assert(offsetof(vorn_wait_entry_s, callback) == 8);
+static_assert(offsetof(vorn_wait_entry_s, node) == 16);
+static_assert(sizeof(vorn_wait_entry_s) == 32);
+
+constexpr unsigned int kBackOffMicroseconds = 10;
+
+void set_flag(vorn_wait_entry_s *entry, uint32_t flag) {
+  __atomic_store_n(&entry->flag, flag, __ATOMIC_RELEASE);
+}
+
+void take_out(vorn_list_head_s *node) {
+  unlink(node);
+  make_alone(node);
+}
+
+void wake(vorn_wait_entry_s *entry) {
+  const uint32_t tid = entry->tid;
+  set_flag(entry, 0);
+  vorn_wake_up_process(tid);
+  take_out(&entry->node);
+}
+
+} // namespace
+} // namespace vorn::sched
+
+void __init_waitqueue_head(vorn_wait_queue_head_s *head) {
+  vorn_spinlock_init(&head->lock);
+  vorn_list_init_head(&head->queue);
+}
+
+int prepare_to_wait(vorn_wait_queue_head_s *head, vorn_wait_entry_s *entry) {
+  const vorn::sched::SpinGuard hold{head->lock};
+  vorn::sched::set_flag(entry, 1);
+  if (vorn::sched::is_alone(&entry->node)) vorn::sched::insert_behind(&head->queue, &entry->node);
+  return 0;
+}
+
+int sched_wait(vorn_wait_entry_s *entry) { return vorn_wait_interruptible(&entry->flag); }
+
+uint64_t sched_wait_timeout(vorn_wait_entry_s *entry, int64_t timeout) {
+  return vorn_wait_comm(&entry->flag, timeout);
+}
+
+void finish_wait(vorn_wait_queue_head_s *head, vorn_wait_entry_s *entry) {
+  while (!vorn::sched::is_alone(&entry->node)) {
+    const vorn::sched::SpinGuard hold{head->lock, std::try_to_lock};
+    if (!hold) {
+      usleep(vorn::sched::kBackOffMicroseconds);
+      continue;
+    }
+    if (!vorn::sched::is_alone(&entry->node)) vorn::sched::take_out(&entry->node);
+    vorn::sched::set_flag(entry, 0);
+  }
+}
+
+void __wake_up(vorn_wait_queue_head_s *head) {
+  const vorn::sched::SpinGuard hold{head->lock};
+  while (vorn_list_head_s *node = vorn_list_first(&head->queue))
+    vorn::sched::wake(vorn_list_entry(node, vorn_wait_entry_s, node));
+}
+
+void before_wait() {}
+
+int autoremove_wake_function() { return 0; }

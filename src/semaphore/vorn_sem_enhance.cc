@@ -1,0 +1,153 @@
+// Who may touch a waiter. It lies on the stack of the thread in down, and is guarded by the
+// semaphore's lock from its linking on. An up that grants it a unit does all that it has to do with
+// it under the lock; the waiter looks at its status under the lock too, and so leaves only when
+// that up has let go of it. What up knows beyond that is a number, the thread's id.
+#include "vorn_sem_enhance.h"
+
+#include <cerrno>
+
+#include "base/infra_log.hpp"
+#include "base/log.hpp"
+#include "base/thread_id.hpp"
+#include "lock/spin_guard.hpp"
+#include "sched/links.hpp"
+#include "vorn_sched.h"
+
+namespace vorn::semaphore {
+namespace {
+
+using lock::SpinGuard;
+using lock::SpinRelease;
+
+constexpr int64_t kMillisecondsPerTick = 4;
+
+enum Status : uint32_t { kGranted = 0, kWaiting = 1 };
+
+struct Waiter {
+  vorn_list_head_s node;
+  uint32_t waiter_tid;
+  uint32_t status; // what the thread sleeps on
+};
+
+static_assert(offsetof(vorn_sem_enhance_s, lock) == 0);
+static_assert(offsetof(vorn_sem_enhance_s, cnt) == 24);
+static_assert(offsetof(vorn_sem_enhance_s, wait_list) == 32);
+static_assert(sizeof(vorn_sem_enhance_s) == 48);
+
+enum class Mode { kInterruptible, kPlain };
+
+bool take_unit(vorn_sem_enhance_s *sem) {
+  if (sem->cnt < 1) return false;
+  --sem->cnt;
+  return true;
+}
+
+// Called with the lock held, and returns so. A time-out ends a plain wait no more than a signal
+// does: for ever is longer than that, so the wait must have failed, and is not to be repeated in
+// haste.
+int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
+  Waiter self{{}, thread_id(), kWaiting};
+  sched::insert_behind(sem->wait_list.prev, &self.node);
+  for (;;) {
+    uint64_t left = 0;
+    {
+      const SpinRelease open{sem->lock};
+      left = vorn_wait_comm(&self.status, timeout);
+      if (left == 0 && mode == Mode::kPlain) vorn_schedule();
+    }
+    if (self.status == kGranted) return 0;
+    if (mode == Mode::kPlain) continue;
+    sched::unlink(&self.node);
+    return left == 0 ? VORN_SEM_TIMED_OUT : VORN_SEM_INTERRUPTED;
+  }
+}
+
+// Gives the unit to the first waiter and returns its id, or to the count, which gives 0.
+uint32_t give_unit(vorn_sem_enhance_s *sem) {
+  vorn_list_head_s *node = vorn_list_first(&sem->wait_list);
+  if (node == nullptr) {
+    ++sem->cnt;
+    return 0;
+  }
+  Waiter *waiter = vorn_list_entry(node, Waiter, node);
+  sched::unlink(node);
+  sched::make_alone(node);
+  const uint32_t tid = waiter->waiter_tid;
+  __atomic_store_n(&waiter->status, kGranted, __ATOMIC_RELEASE);
+  return tid;
+}
+
+// The waiter has its unit, but sleeps on until it gets the signal.
+[[gnu::cold, gnu::noinline]] int retry_wake_up(const vorn_sem_enhance_s *sem, uint32_t tid,
+                                               int result) {
+  constexpr const char *kUp = "vorn_sem_enhance_up";
+  const auto address = reinterpret_cast<unsigned long>(sem);
+  VORN_LOG_INFRA_AS(kUp, "Wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", address, tid, result);
+  while (result == EAGAIN) {
+    result = vorn_wake_up_process(tid);
+    if (result == 0) {
+      VORN_LOG_INFRA_AS(kUp, "Retry wake up sem(0x%lx) waiter tid(%u) sucess.", address, tid);
+      return 0;
+    }
+    vorn_usleep(1);
+  }
+  VORN_LOG_INFRA_AS(kUp, "Retry wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", address, tid,
+                    result);
+  return result;
+}
+
+} // namespace
+} // namespace vorn::semaphore
+
+int vorn_sem_enhance_init(vorn_sem_enhance_s *sem, int count) {
+  vorn_spinlock_init(&sem->lock);
+  sem->cnt = count;
+  vorn_list_init_head(&sem->wait_list);
+  return 0;
+}
+
+void vorn_sem_enhance_down(vorn_sem_enhance_s *sem) {
+  const vorn::semaphore::SpinGuard hold{sem->lock};
+  if (vorn::semaphore::take_unit(sem)) return;
+  down_common_inner(sem, vorn::semaphore::Mode::kPlain, VORN_WAIT_FOREVER);
+}
+
+int vorn_sem_enhance_down_interruptible(vorn_sem_enhance_s *sem) {
+  const vorn::semaphore::SpinGuard hold{sem->lock};
+  if (vorn::semaphore::take_unit(sem)) return 0;
+  return down_common_inner(sem, vorn::semaphore::Mode::kInterruptible, VORN_WAIT_FOREVER);
+}
+
+int vorn_sem_enhance_down_timeout(vorn_sem_enhance_s *sem, int64_t timeout) {
+  const vorn::semaphore::SpinGuard hold{sem->lock};
+  if (vorn::semaphore::take_unit(sem)) return 0;
+  return down_common_inner(sem, vorn::semaphore::Mode::kInterruptible,
+                           timeout / vorn::semaphore::kMillisecondsPerTick);
+}
+
+int vorn_sem_enhance_up(vorn_sem_enhance_s *sem) {
+  uint32_t tid = 0;
+  {
+    const vorn::semaphore::SpinGuard hold{sem->lock};
+    tid = vorn::semaphore::give_unit(sem);
+  }
+  if (tid == 0) return 0;
+  const int result = vorn_wake_up_process(tid);
+  return result == 0 ? 0 : vorn::semaphore::retry_wake_up(sem, tid, result);
+}
+
+int vorn_sem_enhance_destroy(vorn_sem_enhance_s *) { return 0; }
+
+void vorn_sem_enhance_show(vorn_sem_enhance_s *sem) {
+  using vorn::semaphore::Waiter;
+  const void *address = sem;
+  const vorn::semaphore::SpinGuard hold{sem->lock};
+  VORN_LOG(vorn::kInfo, "TBOSAX:sem %p cnt %d", address, sem->cnt);
+  for (vorn_list_head_s *node = sem->wait_list.next; node != &sem->wait_list; node = node->next) {
+    const Waiter *waiter = vorn_list_entry(node, Waiter, node);
+    VORN_LOG(vorn::kInfo, "TBOSAX:sem %p cnt %d waiterTid %d status %d cur %p next %p pre %p",
+             address, sem->cnt, static_cast<int>(waiter->waiter_tid),
+             static_cast<int>(waiter->status), static_cast<void *>(node),
+             static_cast<void *>(node->next), static_cast<void *>(node->prev));
+  }
+}

@@ -1,0 +1,276 @@
+#include "vorn_thrd.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "base/thread_id.hpp"
+#include "thread/vorn_thrd.hpp"
+#include "vorn_mem.h"
+#include "vorn_syscall.h"
+
+namespace vorn::thread {
+namespace {
+
+// Later modules and services are built on this layout.
+static_assert(offsetof(vorn_thread_s, slot) == 0);
+static_assert(offsetof(vorn_thread_s, handle) == 8);
+static_assert(offsetof(vorn_thread_s, entry) == 16);
+static_assert(offsetof(vorn_thread_s, argument) == 24);
+static_assert(offsetof(vorn_thread_s, name) == 32);
+static_assert(offsetof(vorn_thread_s, tid) == 48);
+static_assert(offsetof(vorn_thread_s, pid) == 56);
+static_assert(offsetof(vorn_thread_s, strategy) == 60);
+static_assert(offsetof(vorn_thread_s, context) == 64);
+static_assert(offsetof(vorn_thread_s, iod_thread_id) == 68);
+static_assert(offsetof(vorn_thread_s, os_stack_low) == 72);
+static_assert(offsetof(vorn_thread_s, os_stack_high) == 80);
+static_assert(offsetof(vorn_thread_s, sig_stack) == 88);
+static_assert(offsetof(vorn_thread_s, job) == 96);
+static_assert(offsetof(vorn_thread_s, preempt_flag) == 128);
+static_assert(offsetof(vorn_thread_s, switch_trace) == 272);
+static_assert(sizeof(vorn_thread_s) == 544);
+
+constinit Slot table[VORN_THRD_SLOT_COUNT];
+
+// Where a lookup begins: the slot of the thread whose kernel id fell here last, and the ids of all
+// slots side by side, which it passes over when another thread's fell there since. Both are hints:
+// what counts is the id of a record whose reference is held and whose state is alive.
+constexpr std::size_t kHints = 4096;
+constinit std::atomic<Slot *> hints[kHints];
+constinit std::atomic<std::int64_t> tids[VORN_THRD_SLOT_COUNT];
+
+constinit Once prepared{OncePolicy::kRetry};
+
+std::atomic<Slot *> &hint_of(std::int64_t tid) {
+  return hints[static_cast<std::uint64_t>(tid) % kHints];
+}
+
+std::size_t index_of(const Slot &slot) { return static_cast<std::size_t>(&slot - table); }
+
+vorn_thread_s *allocate_record() {
+  auto *stack = static_cast<unsigned char *>(vorn_malloc(kModuleId, VORN_THRD_SIGSTACK_SIZE));
+  const int stack_error = errno;
+  if (stack == nullptr)
+    return VORN_FAIL(nullptr, "Vorn_malloc sig stack for vorn_thread_s failed, errno=%d.",
+                     stack_error);
+  void *memory = vorn_malloc(kModuleId, sizeof(vorn_thread_s));
+  if (memory == nullptr) {
+    const int error = errno;
+    vorn_free(stack);
+    return VORN_FAIL(nullptr, "Vorn_malloc vorn_thread_s failed, errno=%d.", error);
+  }
+  auto *record = new (memory) vorn_thread_s{};
+  record->sig_stack = stack;
+  return record;
+}
+
+void free_record(vorn_thread_s *record) {
+  vorn_free(record->sig_stack);
+  vorn_free(record);
+}
+
+// The first free slot, owned from now on; NULL when there is none.
+Slot *take_slot() {
+  for (Slot &slot : table) {
+    std::uint32_t count = slot.count.load(std::memory_order_relaxed);
+    if (count != 0 || !slot.count.compare_exchange_strong(count, 1, std::memory_order_acq_rel))
+      continue;
+    slot.state.store(kAllocated, std::memory_order_release);
+    return &slot;
+  }
+  return nullptr;
+}
+
+// The slot's own record, made at its first use; NULL after an error record.
+vorn_thread_s *record_of(Slot &slot) {
+  vorn_thread_s *record = slot.record.load(std::memory_order_relaxed);
+  if (record != nullptr) return record;
+  record = allocate_record();
+  if (record == nullptr) return nullptr;
+  record->slot = &slot;
+  slot.record.store(record, std::memory_order_release);
+  return record;
+}
+
+void initialise(vorn_thread_s &record, vorn_thrd_entry_f entry, void *argument) {
+  Slot *slot = record.slot;
+  unsigned char *stack = record.sig_stack;
+  std::memset(&record, 0, sizeof record);
+  record.slot = slot;
+  record.sig_stack = stack;
+  record.entry = entry;
+  record.argument = argument;
+  store_name(record, {"[NULL]"});
+  set_tid(record, 0);
+  record.pid = vorn_thrd_getpid_accl();
+  record.strategy = VORN_THRD_STRATEGY_NONE;
+  record.iod_thread_id = ~0u;
+  sem_init(&record.job, 0, 0);
+}
+
+// Gives back one of count references; false when there is none.
+bool drop(Slot &slot, std::uint32_t *left) {
+  std::uint32_t count = slot.count.load(std::memory_order_relaxed);
+  do {
+    if (count == 0) return false;
+  } while (!slot.count.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel,
+                                             std::memory_order_relaxed));
+  *left = count - 1;
+  return true;
+}
+
+// The slot's record with a reference, when it is that of a running thread of this id; else NULL.
+vorn_thread_s *hold(Slot &slot, std::int64_t tid) {
+  Reference reference(slot);
+  if (!reference || !reference.alive()) return nullptr;
+  vorn_thread_s *record = reference.record();
+  if (__atomic_load_n(&record->tid, __ATOMIC_RELAXED) != tid) return nullptr;
+  reference.release();
+  return record;
+}
+
+// In a child of fork() the thread that called it goes on alone, under other ids. What the others
+// held or looked at is free there.
+void keep_own_thread() {
+  const vorn_thread_s *own = t_record;
+  for (Slot &slot : table) {
+    if (own != nullptr && own->slot == &slot) continue;
+    slot.state.store(0, std::memory_order_relaxed);
+    slot.count.store(0, std::memory_order_relaxed);
+  }
+  forget_pool();
+  if (own == nullptr) return;
+  t_record->pid = getpid();
+  set_tid(*t_record, gettid());
+}
+
+int watch_forks() { return pthread_atfork(nullptr, nullptr, keep_own_thread); }
+
+} // namespace
+
+thread_local constinit vorn_thread_s *t_record = nullptr;
+
+std::span<Slot> slots() { return table; }
+
+Reference::Reference(Slot &slot) : slot_(&slot) {
+  std::uint32_t count = slot.count.load(std::memory_order_relaxed);
+  do {
+    if (count == 0) {
+      slot_ = nullptr;
+      return;
+    }
+  } while (!slot.count.compare_exchange_weak(count, count + 1, std::memory_order_acq_rel,
+                                             std::memory_order_relaxed));
+}
+
+Reference::~Reference() {
+  std::uint32_t left = 0;
+  if (slot_ != nullptr) drop(*slot_, &left);
+}
+
+vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument) {
+  Slot *slot = take_slot();
+  vorn_thread_s *record = slot != nullptr ? record_of(*slot) : allocate_record();
+  if (record != nullptr) {
+    initialise(*record, entry, argument);
+  } else if (slot != nullptr) {
+    slot->count.store(0, std::memory_order_release);
+  }
+  return record;
+}
+
+void set_state(const vorn_thread_s &record, State state) {
+  if (record.slot != nullptr) record.slot->state.store(state, std::memory_order_release);
+}
+
+void set_tid(vorn_thread_s &record, std::int64_t tid) {
+  __atomic_store_n(&record.tid, tid, __ATOMIC_RELAXED);
+  if (record.slot == nullptr) return;
+  tids[index_of(*record.slot)].store(tid, std::memory_order_relaxed);
+  hint_of(tid).store(record.slot, std::memory_order_relaxed);
+}
+
+} // namespace vorn::thread
+
+using vorn::thread::Reference;
+using vorn::thread::Slot;
+using vorn::thread::t_record;
+
+vorn_thread_s *vorn_thrd_currentthreadinfo() { return t_record; }
+
+vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid) {
+  using namespace vorn::thread;
+  Slot *hint = hint_of(tid).load(std::memory_order_relaxed);
+  vorn_thread_s *record = hint != nullptr ? hold(*hint, tid) : nullptr;
+  for (std::size_t i = 0; record == nullptr && i < VORN_THRD_SLOT_COUNT; ++i)
+    if (tids[i].load(std::memory_order_relaxed) == tid) record = hold(table[i], tid);
+  return record;
+}
+
+int vorn_thrd_putthreadinfo(vorn_thread_s *thread) {
+  if (thread == nullptr) return VORN_FAIL(-1, "Put of a thread record that is null.");
+  if (thread->slot == nullptr) {
+    vorn::thread::free_record(thread);
+    return 0;
+  }
+  std::uint32_t left = 0;
+  if (!vorn::thread::drop(*thread->slot, &left))
+    VORN_LOG(vorn::kError, "Put of thread slot %zu, which nobody holds.",
+             vorn::thread::index_of(*thread->slot));
+  return static_cast<int>(left);
+}
+
+int vorn_thrd_setcurthreadinfo() {
+  using namespace vorn::thread;
+  vorn_thrd_module_init();
+  if (t_record != nullptr) return 0;
+  vorn_thread_s *record = take_record(nullptr, nullptr);
+  if (record == nullptr) {
+    VORN_LOG(vorn::kInfo, "Create thread info fail.");
+    return -1;
+  }
+  enter(record);
+  vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_DEFAULT);
+  set_state(*record, kRunning);
+  return 0;
+}
+
+int vorn_thrd_clearcurthreadinfo() {
+  vorn_thread_s *record = t_record;
+  if (record == nullptr) return -1;
+  vorn::thread::leave(record);
+  return 0;
+}
+
+int vorn_thrd_module_init() {
+  vorn::thread::prepared.run(vorn::thread::watch_forks);
+  return 0;
+}
+
+int vorn_thrd_list(vorn_print_f print) {
+  using namespace vorn::thread;
+  if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
+  print("list threads flag(0:preempt 1:nonpreempt) created by vorn:\n");
+  print("%-5s %-18s %-11s %-8s\n", "tid", "name", "preemptflag", "strategy");
+  for (Slot &slot : table) {
+    const Reference reference(slot);
+    if (!reference || !reference.alive()) continue;
+    const vorn_thread_s &record = *reference.record();
+    print("%5lu %-18s %-11d %-8d\n",
+          static_cast<unsigned long>(__atomic_load_n(&record.tid, __ATOMIC_RELAXED)),
+          load_name(record).text, 0, __atomic_load_n(&record.strategy, __ATOMIC_RELAXED));
+  }
+  return 0;
+}
+
+void vorn_thrd_getstatus(unsigned int tid) {
+  const long result = vorn_private_syscall(
+      VORN_SYSCALL_COMMAND(VORN_SYSCALL_THREAD_STATUS), reinterpret_cast<unsigned long>(&tid),
+      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
+  if (result != 0) VORN_LOG(vorn::kInfo, "Vorn syscall for thrd_getstatus failed.");
+}

@@ -1,0 +1,160 @@
+// Names: of threads, of the process and of its executable.
+#define VORN_FILE "vorn_thrd.c"
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include "base/bounded.hpp"
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "base/stream.hpp"
+#include "base/thread_id.hpp"
+#include "thread/vorn_thrd.hpp"
+
+namespace vorn::thread {
+namespace {
+
+using Word [[gnu::may_alias]] = std::uint64_t;
+constexpr std::size_t kNameWords = VORN_THRD_NAME_SIZE / sizeof(Word);
+static_assert(offsetof(vorn_thread_s, name) % alignof(Word) == 0);
+
+constexpr std::size_t kProcessNameSize = 32;
+
+// A name of the process that is looked up once, under the lock of its flag.
+struct ProcessName {
+  Once known{OncePolicy::kRetry};
+  char text[kProcessNameSize] = "default";
+};
+constinit ProcessName process_name;
+constinit ProcessName executable_name;
+
+// The line of /proc/PID/status that begins with "Name:", which is the first. False after a record.
+bool read_status_line(char *line, int size) {
+  char path[32];
+  snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/status", getpid());
+  const Stream file(std::fopen(path, "re"));
+  const int open_error = errno;
+  if (!file)
+    return VORN_FAIL_AS("vorn_get_process_name", false,
+                        "ev log read comm failed fp=%p errno=%d file=%s",
+                        static_cast<void *>(file.get()), open_error, path);
+  const char *read = std::fgets(line, size, file.get());
+  const int read_error = errno;
+  if (read == nullptr)
+    return VORN_FAIL_AS("vorn_get_process_name", false,
+                        "ev log get comm failed ret=%p errno=%d file=%s",
+                        static_cast<const void *>(read), read_error, path);
+  return true;
+}
+
+int read_process_name() {
+  char line[128];
+  if (!read_status_line(line, sizeof line)) return -1;
+  // The kernel's names have 15 characters at most, escaped ones twice as many.
+  return std::sscanf(line, "Name:\t%31[^\n]", process_name.text) == 1 ? 0 : -1;
+}
+
+const char *after_last_slash(const char *path) {
+  const char *slash = std::strrchr(path, '/');
+  return slash != nullptr ? slash + 1 : path;
+}
+
+// False after a record.
+bool read_executable_link(char *link, std::size_t size) {
+  char path[32];
+  snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/exe", static_cast<int>(thread_id()));
+  const ssize_t length = readlink(path, link, size - 1);
+  const int error = errno;
+  if (length < 0)
+    return VORN_FAIL_AS("vorn_get_process_exe_name", false,
+                        "Readlink program path<%s> fail errno<%d>.", path, error);
+  link[length] = '\0';
+  return true;
+}
+
+int read_executable_name() {
+  char link[4096];
+  if (!read_executable_link(link, sizeof link))
+    return VORN_FAIL_AS("vorn_get_process_exe_name", -1, "Can't get program path info.");
+  const char *name = after_last_slash(link);
+  const int result = strcpy_s(executable_name.text, kProcessNameSize, name);
+  if (result == 0) return 0;
+  return name == link ? VORN_FAIL_AS("vorn_get_process_exe_name", -1,
+                                     "Set programName failed, ret(%d).", result)
+                      : VORN_FAIL_AS("vorn_get_process_exe_name", -1,
+                                     "Set exe name failed, ret(%d).", result);
+}
+
+} // namespace
+
+void store_name(vorn_thread_s &record, const Name &name) {
+  auto *to = reinterpret_cast<Word *>(record.name);
+  Word words[kNameWords];
+  std::memcpy(words, name.text, sizeof words);
+  for (std::size_t i = 0; i < kNameWords; ++i)
+    __atomic_store_n(&to[i], words[i], __ATOMIC_RELAXED);
+}
+
+Name load_name(const vorn_thread_s &record) {
+  const auto *from = reinterpret_cast<const Word *>(record.name);
+  Word words[kNameWords];
+  for (std::size_t i = 0; i < kNameWords; ++i)
+    words[i] = __atomic_load_n(&from[i], __ATOMIC_RELAXED);
+  Name name;
+  std::memcpy(name.text, words, sizeof words);
+  name.text[VORN_THRD_NAME_SIZE - 1] = '\0';
+  return name;
+}
+
+} // namespace vorn::thread
+
+void vorn_thrd_setname(const char *format, ...) {
+  using namespace vorn::thread;
+  if (format == nullptr) {
+    VORN_LOG(vorn::kError, "Vorn set thrd name(NULL) fail.");
+    return;
+  }
+  if (t_record == nullptr) {
+    VORN_LOG(vorn::kError, "Vorn set thrd name(%s) fail, please use vorn or Kram create thrd.",
+             format);
+    return;
+  }
+  Name name{};
+  std::va_list args;
+  va_start(args, format);
+  const int length =
+      vorn::vsnprintf_s(name.text, sizeof name.text, sizeof name.text - 1, format, args);
+  va_end(args);
+  // A name that was cut is kept.
+  if (length < 0 && name.text[0] == '\0')
+    VORN_LOG(vorn::kError, "vsnprintf_s failed, name(%s).", format);
+  store_name(*t_record, name);
+  if (prctl(PR_SET_NAME, name.text) == 0) return;
+  const int error = errno;
+  VORN_LOG(vorn::kError, "Vorn set thrd name fail, errno:%d.", error);
+}
+
+const char *vorn_thrd_getname() {
+  using vorn::thread::t_record;
+  return t_record != nullptr ? t_record->name : nullptr;
+}
+
+int vorn_get_process_name(char *buf, unsigned int len) {
+  using namespace vorn::thread;
+  if (buf == nullptr) return VORN_FAIL(-1, "processName is NULL.");
+  if (process_name.known.run(read_process_name) != 0) return -1;
+  if (vorn::strcpy_s(buf, len, process_name.text) != 0)
+    return VORN_FAIL(-1, "strncpy_s failed, processName(%s).", process_name.text);
+  return 0;
+}
+
+int vorn_get_process_exe_name(char *buf, unsigned int len) {
+  using namespace vorn::thread;
+  if (buf == nullptr) return VORN_FAIL(-1, "programName is NULL.");
+  if (executable_name.known.run(read_executable_name) != 0) return -1;
+  const int result = vorn::strcpy_s(buf, len, executable_name.text);
+  if (result != 0) return VORN_FAIL(-1, "Copy program name failed, ret(%d).", result);
+  return 0;
+}

@@ -1,0 +1,52 @@
+// The watched thread: one word of shared memory, of which the halves are written together.
+//
+//   bits 63..32  kernel id of the watched thread, 0: none
+//   bits 31..0   marker, once anybody has written
+#define VORN_FILE "vorn_thrd.c"
+#include <atomic>
+
+#include "base/once.hpp"
+#include "thread/vorn_thrd.hpp"
+#include "vorn_shm.h"
+
+namespace vorn::thread {
+namespace {
+
+constexpr char kObject[] = "vornThreadWatch";
+constexpr std::uint32_t kMarker = 0xEADD7741;
+
+constinit Once mapped{OncePolicy::kRetry};
+std::uint64_t *shared_word; // written once, under the flag
+
+int map() {
+  shared_word = static_cast<std::uint64_t *>(vorn_shm_create(kObject, sizeof *shared_word));
+  return shared_word != nullptr ? 0 : -1;
+}
+
+// NULL when the object cannot be made.
+std::uint64_t *word() { return mapped.run(map) == 0 ? shared_word : nullptr; }
+
+bool watch(std::uint32_t tid) {
+  std::uint64_t *at = word();
+  if (at == nullptr) return false;
+  std::atomic_ref(*at).store(static_cast<std::uint64_t>(tid) << 32 | kMarker);
+  return true;
+}
+
+} // namespace
+} // namespace vorn::thread
+
+int vorn_thread_watch_add(unsigned int tid) { return vorn::thread::watch(tid) ? 0 : -1; }
+
+int vorn_thread_watch_del() {
+  vorn::thread::watch(0);
+  return 0;
+}
+
+unsigned int vorn_thread_watch_get() {
+  std::uint64_t *at = vorn::thread::word();
+  if (at == nullptr) return 0;
+  const std::uint64_t value = std::atomic_ref(*at).load();
+  const bool marked = static_cast<std::uint32_t>(value) == vorn::thread::kMarker;
+  return marked ? static_cast<unsigned int>(value >> 32) : 0;
+}

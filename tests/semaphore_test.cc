@@ -1,0 +1,218 @@
+#include "vorn_sem_enhance.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <dlfcn.h>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "vorn_sched.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+std::vector<int> g_failures; // of the next wake-ups, the first last
+
+} // namespace
+
+int vorn_wake_up_process(uint32_t tid) {
+  static const auto real =
+      reinterpret_cast<int (*)(uint32_t)>(dlsym(RTLD_NEXT, "vorn_wake_up_process"));
+  if (g_failures.empty()) return real(tid);
+  const int failure = g_failures.back();
+  g_failures.pop_back();
+  return failure;
+}
+
+namespace {
+
+class Semaphore : public testing::Test {
+protected:
+  void SetUp() override { EXPECT_EQ(vorn_sem_enhance_init(&sem, 0), 0); }
+
+  int waiting() {
+    capture::take();
+    vorn_sem_enhance_show(&sem);
+    return static_cast<int>(capture::take().size()) - 1;
+  }
+
+  // Returns when the thread is in the list.
+  std::jthread start(std::function<void(uint32_t tid)> down) {
+    const int before = waiting();
+    std::jthread thread{[=] { down(static_cast<uint32_t>(gettid())); }};
+    while (waiting() == before)
+      std::this_thread::sleep_for(milliseconds{1});
+    return thread;
+  }
+
+  vorn_sem_enhance_s sem;
+};
+
+TEST_F(Semaphore, CountsUnits) {
+  vorn_sem_enhance_init(&sem, -1);
+  for (int i = 0; i < 4; ++i)
+    EXPECT_EQ(vorn_sem_enhance_up(&sem), 0);
+  vorn_sem_enhance_down(&sem);
+  EXPECT_EQ(vorn_sem_enhance_down_interruptible(&sem), 0);
+  EXPECT_EQ(vorn_sem_enhance_down_timeout(&sem, -5), 0);
+  EXPECT_EQ(sem.cnt, 0);
+  EXPECT_EQ(sem.lock.magic, 0xDEAD4EADu);
+  EXPECT_EQ(vorn_sem_enhance_destroy(&sem), 0);
+}
+
+TEST_F(Semaphore, TimesOutInTicksAndIsInterrupted) {
+  const auto start_of_wait = Clock::now();
+  EXPECT_EQ(vorn_sem_enhance_down_timeout(&sem, 3), -61);
+  EXPECT_EQ(vorn_sem_enhance_down_timeout(&sem, 19), -61);
+  EXPECT_GE(Clock::now() - start_of_wait, milliseconds{16});
+  const auto self = static_cast<uint32_t>(gettid());
+  for (const bool timed : {false, true}) {
+    std::atomic<bool> back{false};
+    std::jthread signals{[&] {
+      while (!back) {
+        std::this_thread::sleep_for(milliseconds{2});
+        vorn_wake_up_process(self);
+      }
+    }};
+    EXPECT_EQ(timed ? vorn_sem_enhance_down_timeout(&sem, INT64_MAX)
+                    : vorn_sem_enhance_down_interruptible(&sem),
+              -4);
+    back = true;
+  }
+  EXPECT_EQ(waiting(), 0);
+  EXPECT_EQ(vorn_sem_enhance_up(&sem), 0); // nobody is left to be granted it
+  EXPECT_EQ(sem.cnt, 1);
+}
+
+// What comes between is signals, which a plain down does not give up for.
+TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
+  constexpr int kThreads = 4;
+  std::atomic<int> granted{0};
+  int order[kThreads] = {};
+  std::vector<std::jthread> threads;
+  std::atomic<uint32_t> tids[kThreads];
+  for (int i = 0; i < kThreads; ++i) {
+    threads.push_back(start([&, i](uint32_t tid) {
+      tids[i] = tid;
+      vorn_sem_enhance_down(&sem);
+      order[i] = ++granted;
+    }));
+  }
+  for (int i = 0; i < kThreads; ++i) {
+    for (int of = i; of < kThreads; ++of)
+      vorn_wake_up_process(tids[of]);
+    EXPECT_EQ(vorn_sem_enhance_up(&sem), 0);
+    while (granted <= i)
+      std::this_thread::sleep_for(milliseconds{1});
+    EXPECT_EQ(order[i], i + 1);
+  }
+  EXPECT_EQ(sem.cnt, 0);
+}
+
+TEST_F(Semaphore, ShowsItsWaiters) {
+  uint32_t first_tid = 0;
+  const auto down = [&](uint32_t) { vorn_sem_enhance_down(&sem); };
+  const std::jthread first =
+      start([&](uint32_t tid) { vorn_sem_enhance_down((first_tid = tid, &sem)); });
+  const std::jthread second = start(down);
+  const void *address = &sem;
+  const void *nodes[] = {sem.wait_list.next, sem.wait_list.prev};
+  vorn_sem_enhance_show(&sem);
+  const auto texts = capture::take_texts();
+  ASSERT_EQ(texts.size(), 3u);
+  char text[256];
+  std::snprintf(text, sizeof text, "TBOSAX:sem %p cnt 0", address);
+  EXPECT_EQ(texts[0], text);
+  std::snprintf(text, sizeof text,
+                "TBOSAX:sem %p cnt 0 waiterTid %u status 1 cur %p next %p pre %p", address,
+                first_tid, nodes[0], nodes[1], static_cast<const void *>(&sem.wait_list));
+  EXPECT_EQ(texts[1], text);
+  vorn_sem_enhance_up(&sem);
+  vorn_sem_enhance_up(&sem);
+}
+
+// The signal fails, the unit is the waiter's all the same.
+TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
+  struct Row {
+    std::vector<int> failures;
+    int result;
+    std::vector<std::string> endings;
+  };
+  const Row rows[] = {
+      {{EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
+      {{ESRCH, EAGAIN}, ESRCH, {"fail ret(11).", "fail ret(3)."}},
+      {{ESRCH}, ESRCH, {"fail ret(3).", "fail ret(3)."}},
+  };
+  for (const Row &row : rows) {
+    std::atomic<int> result{1};
+    uint32_t waiter = 0;
+    std::jthread thread = start([&](uint32_t tid) {
+      waiter = tid;
+      result = vorn_sem_enhance_down_timeout(&sem, 40);
+    });
+    g_failures = row.failures;
+    EXPECT_EQ(vorn_sem_enhance_up(&sem), row.result);
+    thread.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(sem.cnt, 0);
+    const auto records = capture::take();
+    ASSERT_EQ(records.size(), 4u);
+    for (std::size_t i = 0; i < 4; ++i) {
+      char text[128];
+      std::snprintf(text, sizeof text, "%s%s sem(0x%lx) waiter tid(%u) %s",
+                    i % 2 == 0 ? "[Infra]" : "", i < 2 ? "Wake up" : "Retry wake up",
+                    reinterpret_cast<unsigned long>(&sem), waiter, row.endings[i / 2].c_str());
+      EXPECT_EQ(records[i].text, text);
+      EXPECT_EQ(records[i].module, i % 2 == 0 ? 0u : 381u);
+      EXPECT_EQ(records[i].level, EVLOG_INFO);
+      EXPECT_EQ(records[i].function, "vorn_sem_enhance_up");
+    }
+  }
+}
+
+// Two threads hand each other the turn to change plain data, a million times where the machine is
+// fast. A hand-off that is lost leaves both asleep, and the test without an end.
+TEST_F(Semaphore, MillionHandOffs) {
+  constexpr unsigned long kHandOffs = 1000000;
+  constexpr unsigned long kWindow = 256;
+  const auto end = Clock::now() + milliseconds{1500};
+  vorn_sem_enhance_s room;
+  vorn_sem_enhance_init(&room, kWindow);
+  unsigned long cells[kWindow] = {};
+  bool last[kWindow] = {};
+  std::jthread giver{[&] {
+    for (unsigned long i = 0;; ++i) {
+      vorn_sem_enhance_down(&room);
+      cells[i % kWindow] = i;
+      const bool done = i + 1 == kHandOffs || (i % 64 == 0 && Clock::now() > end);
+      last[i % kWindow] = done;
+      vorn_sem_enhance_up(&sem);
+      if (done) return;
+    }
+  }};
+  unsigned long wrong = 0;
+  unsigned long i = 0;
+  for (bool done = false; !done; ++i) {
+    vorn_sem_enhance_down(&sem);
+    wrong += cells[i % kWindow] != i ? 1 : 0;
+    done = last[i % kWindow];
+    vorn_sem_enhance_up(&room);
+  }
+  giver.join();
+  EXPECT_EQ(wrong, 0u);
+  EXPECT_EQ(sem.cnt, 0);
+  EXPECT_EQ(room.cnt, static_cast<int>(kWindow));
+}
+
+} // namespace

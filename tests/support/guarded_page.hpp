@@ -1,0 +1,28 @@
+// A page between two that cannot be touched: whoever reads or writes a byte too many dies.
+#ifndef VORN_TESTS_GUARDED_PAGE_HPP
+#define VORN_TESTS_GUARDED_PAGE_HPP
+
+#include <cstddef>
+#include <cstdlib>
+#include <sys/mman.h>
+#include <unistd.h>
+
+class GuardedPage {
+public:
+  GuardedPage() {
+    void *map = mmap(nullptr, 3 * size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (map == MAP_FAILED) std::abort();
+    data = static_cast<unsigned char *>(map) + size;
+    if (mprotect(data, size, PROT_READ | PROT_WRITE) != 0) std::abort();
+  }
+  GuardedPage(const GuardedPage &) = delete;
+  GuardedPage &operator=(const GuardedPage &) = delete;
+  ~GuardedPage() { munmap(data - size, 3 * size); }
+
+  unsigned char *end() const { return data + size; }
+
+  const std::size_t size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  unsigned char *data;
+};
+
+#endif

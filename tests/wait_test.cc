@@ -1,0 +1,250 @@
+// test-wraps: sigaction clock_gettime vorn_private_syscall
+// Waits, wake-ups and wait queues, behind a kernel module of the test's own or none.
+#include "vorn_wait.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <functional>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "vorn_sched.h"
+#include "vorn_syscall.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+std::atomic<int> g_requests{0};
+std::function<long(unsigned long *left)> g_module; // none: there is no kernel module
+bool g_refuse_handlers = false;
+std::function<void(timespec *now)> g_clock; // none: the system's
+
+uint32_t tid() { return static_cast<uint32_t>(gettid()); }
+
+template <class T> T *pointer(unsigned long word) { return reinterpret_cast<T *>(word); }
+
+} // namespace
+
+extern "C" {
+
+int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
+
+int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
+  if (!g_refuse_handlers) return __real_sigaction(signal, action, old);
+  errno = EPERM;
+  return -1;
+}
+
+int __real_clock_gettime(clockid_t clock, timespec *time);
+
+int __wrap_clock_gettime(clockid_t clock, timespec *time) {
+  if (!g_clock) return __real_clock_gettime(clock, time);
+  return g_clock(time), 0;
+}
+
+long __wrap_vorn_private_syscall(unsigned long command, unsigned long, unsigned long ticks,
+                                 unsigned long left, unsigned long unused) {
+  ++g_requests;
+  EXPECT_EQ(command, 0x17D00000800u);
+  EXPECT_EQ(unused, ~0ul);
+  if (g_module) {
+    EXPECT_EQ(*pointer<int64_t>(ticks), 250);
+    EXPECT_EQ(*pointer<unsigned long>(left), 0u);
+    return g_module(pointer<unsigned long>(left));
+  }
+  errno = ENOSYS;
+  return -1;
+}
+}
+
+namespace {
+
+TEST(Wait, ModuleAnswersWithWhatItLeft) {
+  struct Row {
+    long result;
+    unsigned long left;
+    unsigned long returned;
+  };
+  for (const Row &row : {Row{0, 7, 0}, Row{-1, 9, 9}, Row{5, 1, 1}, Row{-1, 0, 0}}) {
+    g_module = [&](unsigned long *left) {
+      *left = row.left;
+      errno = EINTR;
+      return row.result;
+    };
+    uint32_t word = 0; // which the module looks at, not we
+    EXPECT_EQ(vorn_wait_comm(&word, 250), row.returned);
+    EXPECT_EQ(vorn_wait_interruptible(&word), row.returned == 0 ? 0 : -1);
+  }
+  g_requests = 0;
+  uint32_t word = 1;
+  for (const int64_t timeout : {int64_t{0}, INT64_MIN})
+    EXPECT_EQ(vorn_wait_comm(&word, timeout), 0u);
+  EXPECT_EQ(g_requests, 0);
+}
+
+TEST(Wait, WithoutModuleTheWordEndsItOrTheTime) {
+  uint32_t word = 0;
+  for (const int64_t timeout : {int64_t{1}, INT64_MAX})
+    EXPECT_EQ(vorn_wait_comm(&word, timeout), static_cast<uint64_t>(timeout));
+  word = 2; // anything but 0 waits
+  const auto start = Clock::now();
+  EXPECT_EQ(vorn_wait_comm(&word, 4), 0u);
+  EXPECT_GE(Clock::now() - start, milliseconds{16});
+  EXPECT_EQ(g_requests, 1); // its absence is remembered
+}
+
+// The word is tested, then the clock is read: what wakes there comes between test and sleep.
+TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
+  struct Row {
+    int64_t timeout;
+    long nanoseconds; // that pass
+    uint64_t left;
+  };
+  for (const Row &row : {Row{250, 0, 250}, Row{250, 10000000, 248}, Row{250, 999999999, 1},
+                         Row{4, 16000000, 1}, Row{4, 90000000, 1}, Row{INT64_MAX, 1, INT64_MAX}}) {
+    uint32_t word = 1;
+    timespec time{1l << 33, 900000000};
+    g_clock = [&](timespec *now) {
+      *now = time;
+      time.tv_nsec += row.nanoseconds;
+      if (time.tv_nsec >= 1000000000) time = {time.tv_sec + 1, time.tv_nsec - 1000000000};
+      word = 0;
+    };
+    EXPECT_EQ(vorn_wait_comm(&word, row.timeout), row.left) << row.nanoseconds;
+  }
+}
+
+// With a handler that restarts, and for ever; the thread blocked every signal before it waited.
+TEST(Wait, SignalsEndTheSleep) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  for (const bool wake_up : {false, true}) {
+    std::atomic<uint32_t> waiter{0};
+    std::atomic<uint64_t> left{0};
+    std::jthread thread{[&] {
+      sigset_t all;
+      sigfillset(&all);
+      sigdelset(&all, SIGUSR1);
+      pthread_sigmask(SIG_SETMASK, &all, nullptr);
+      waiter = tid();
+      uint32_t word = 1;
+      left = vorn_wait_comm(&word, VORN_WAIT_FOREVER);
+    }};
+    while (left == 0) { // one may come ahead of the sleep
+      std::this_thread::sleep_for(milliseconds{1});
+      if (waiter != 0 && wake_up) vorn_wake_up_process(waiter);
+      if (waiter != 0 && !wake_up) pthread_kill(thread.native_handle(), SIGUSR1);
+    }
+  }
+  EXPECT_EQ(vorn_wake_up_process(0x7FFFFFFF), ESRCH);
+}
+
+// A signal without its handler would end the process.
+TEST(Wait, SendsNothingWhileItsHandlerIsRefused) {
+  const std::string text = "signal SIGWAKEUP(" + std::to_string(SIGRTMAX - 4) + ") fail errno(1)";
+  g_refuse_handlers = true;
+  EXPECT_EQ(vorn_wake_up_process(tid()), EPERM);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "wakeup_signal_init", text);
+  EXPECT_EQ(vorn_sched_init(), -1);
+  const auto records = capture::take_texts();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1], "sched init fail s_sched_init(-1)");
+  g_refuse_handlers = false;
+  EXPECT_EQ(vorn_wake_up_process(tid()), 0);
+  EXPECT_EQ(vorn_sched_init(), -1); // is tried once
+}
+
+class Queue : public testing::Test {
+protected:
+  void SetUp() override {
+    __init_waitqueue_head(&head);
+    for (vorn_wait_entry_s &entry : entries)
+      vorn_wait_entry_init(&entry, tid());
+  }
+
+  std::vector<vorn_wait_entry_s *> queued() const {
+    std::vector<vorn_wait_entry_s *> all;
+    for (auto *node = vorn_list_first(&head.queue); node != nullptr;
+         node = vorn_list_next(&head.queue, node))
+      all.push_back(vorn_list_entry(node, vorn_wait_entry_s, node));
+    return all;
+  }
+
+  vorn_wait_queue_head_s head;
+  vorn_wait_entry_s entries[3];
+};
+
+TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
+  EXPECT_EQ(head.lock.magic, 0xDEAD4EADu);
+  for (const int i : {0, 1, 2, 0})
+    EXPECT_EQ(prepare_to_wait(&head, &entries[i]), 0);
+  EXPECT_EQ(queued(), (std::vector{&entries[2], &entries[1], &entries[0]}));
+  finish_wait(&head, &entries[1]);
+  EXPECT_EQ(entries[1].flag, 0u);
+  EXPECT_EQ(queued(), (std::vector{&entries[2], &entries[0]}));
+  __wake_up(&head);
+  EXPECT_TRUE(queued().empty());
+  for (vorn_wait_entry_s &entry : entries) {
+    EXPECT_EQ(entry.flag, 0u);
+    EXPECT_EQ(entry.node.next, &entry.node);
+    EXPECT_EQ(sched_wait(&entry), -1);
+    EXPECT_EQ(sched_wait_timeout(&entry, 3), 3u);
+  }
+  vorn_spinlock_lock(&head.lock); // which finish_wait does not need for who was woken
+  entries[0].flag = 1;
+  finish_wait(&head, &entries[0]);
+  EXPECT_EQ(entries[0].flag, 1u); // nor looks at it
+}
+
+// Turns that a waker opens one by one, each to all waiters, who leave their stack frames behind
+// between them. One wake-up lost, and the turn is not taken before the wait's own end.
+TEST_F(Queue, Stress) {
+  constexpr int kWaiters = 3;
+  constexpr int kTurns = 3000;
+  const auto end = Clock::now() + milliseconds{600};
+  std::atomic<int> turn{0};
+  std::atomic<int> taken{0};
+  std::atomic<bool> last{false};
+  std::atomic<bool> late{false};
+  std::vector<std::jthread> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.emplace_back([&] {
+      for (int seen = 0; !last; ++seen) {
+        vorn_wait_entry_s entry;
+        vorn_wait_entry_init(&entry, tid());
+        for (;;) {
+          prepare_to_wait(&head, &entry);
+          if (turn > seen) break;
+          if (sched_wait_timeout(&entry, 2500) == 0) late = true;
+        }
+        finish_wait(&head, &entry);
+        ++taken;
+      }
+    });
+  }
+  for (int next = 1; !last; ++next) {
+    last = next == kTurns || Clock::now() > end;
+    turn = next;
+    __wake_up(&head);
+    while (taken < next * kWaiters)
+      sched_yield();
+  }
+  waiters.clear();
+  EXPECT_FALSE(late);
+  EXPECT_TRUE(queued().empty());
+}
+
+} // namespace
