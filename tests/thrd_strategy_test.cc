@@ -142,7 +142,7 @@ TEST_F(Strategy, WithoutACountAllCpusAreAWholeSet) {
 }
 
 std::string shown;
-int show(const char *format, ...) {
+VORN_PRINTF(1, 2) int show(const char *format, ...) {
   char line[256];
   va_list args;
   va_start(args, format);

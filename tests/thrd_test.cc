@@ -55,7 +55,7 @@ long __wrap_vorn_private_syscall(unsigned long command, unsigned long a1, unsign
 namespace {
 
 std::string shown;
-int show(const char *format, ...) {
+VORN_PRINTF(1, 2) int show(const char *format, ...) {
   char line[256];
   va_list args;
   va_start(args, format);

@@ -25,7 +25,7 @@ struct Strategy {
 
   bool valid() const { return (flags & kValid) != 0; }
 };
-constinit Strategy strategies[VORN_THRD_STRATEGY_COUNT];
+constinit Strategy strategies[VORN_THRD_STRATEGY_COUNT]{};
 
 constexpr const char *kNames[VORN_THRD_STRATEGY_COUNT] = {"Default", "Critical", "Ctrl",
                                                           "Manage",  "IO",       "BackGroud"};
