@@ -41,6 +41,7 @@ extern "C" {
 int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
 
 int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
+  EXPECT_TRUE(signal != SIGWAKEUP || action->sa_flags == SA_RESTART);
   if (!g_refuse_handlers) return __real_sigaction(signal, action, old);
   errno = EPERM;
   return -1;
