@@ -11,6 +11,7 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/shown.hpp"
 #include "vorn_jiffies.h"
 
 // What the system was asked for; nothing is done, so that it takes no rights and no CPUs.
@@ -141,21 +142,10 @@ TEST_F(Strategy, WithoutACountAllCpusAreAWholeSet) {
   EXPECT_EQ(capture::take().size(), 1u) << "the system is asked once";
 }
 
-std::string shown;
-VORN_PRINTF(1, 2) int show(const char *format, ...) {
-  char line[256];
-  va_list args;
-  va_start(args, format);
-  const int length = vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  shown += line;
-  return length;
-}
-
 TEST_F(Strategy, TableIsShown) {
   const vorn_thrd_strategy_s background = {19, "5,64"};
   vorn_initThreadStrategy(5, &background);
-  EXPECT_EQ(vorn_showThreadStrategyDbg(show), 0);
+  const std::string shown = shown::by(vorn_showThreadStrategyDbg);
   EXPECT_EQ(shown.substr(0, shown.find('\n')), "Strategy   Flags      Prio CpuMask");
   EXPECT_NE(shown.find("BackGroud  0x00000001 19   0x0000000000000020 0000000000000001 "),
             std::string::npos);

@@ -18,6 +18,7 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/shown.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_syscall.h"
 
@@ -54,24 +55,9 @@ long __wrap_vorn_private_syscall(unsigned long command, unsigned long a1, unsign
 
 namespace {
 
-std::string shown;
-VORN_PRINTF(1, 2) int show(const char *format, ...) {
-  char line[256];
-  va_list args;
-  va_start(args, format);
-  const int length = vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  shown += line;
-  return length;
-}
-
 int ignore(const char *, ...) { return 0; }
 
-std::string listing() {
-  shown.clear();
-  vorn_thrd_list(show);
-  return shown;
-}
+std::string listing() { return shown::by(vorn_thrd_list); }
 
 // A thread of the library that runs body, and then waits until it may end.
 class Thread {
@@ -138,7 +124,7 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   });
   char line[64];
   snprintf(line, sizeof line, "%5lu %-18s %-11d %-8d\n", thread.tid, "a-long-thread-n", 0, -1);
-  EXPECT_NE(listing().find(line), std::string::npos) << shown;
+  EXPECT_NE(listing().find(line), std::string::npos) << shown::text;
 
   vorn_thread_s *found = vorn_thrd_getthreadinfobytid(thread.tid);
   ASSERT_EQ(found, thread.record);
