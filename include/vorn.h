@@ -2,6 +2,8 @@
 #ifndef VORN_H
 #define VORN_H
 
+#include "kram_fs.h"
+#include "kram_syscall.h"
 #include "vorn_affinity.h"
 #include "vorn_api.h"
 #include "vorn_avl.h"
@@ -40,9 +42,11 @@
 #include "vorn_syscall.h"
 #include "vorn_sysinfo.h"
 #include "vorn_thrd.h"
+#include "vorn_thread_dump.h"
 #include "vorn_ticketlock.h"
 #include "vorn_time.h"
 #include "vorn_trwlock.h"
+#include "vorn_tty.h"
 #include "vorn_wait.h"
 
 #if __has_include(<mxml.h>) /* only services that read XML need to have that header */

@@ -1,4 +1,5 @@
-/* The time base: nanoseconds and milliseconds from the processor's counter, read in user space. */
+/* The time base: nanoseconds and milliseconds from the processor's counter, read in user space. The
+ * time of day on the clock of the kernel module. */
 #ifndef VORN_TIME_H
 #define VORN_TIME_H
 
@@ -47,6 +48,34 @@ VORN_API int vorn_get_tsc_freq(void);
  * the nearest 10 MHz (a tie goes up), stores it in currCpuGHz and logs it. Any thread; not
  * signal-safe. */
 VORN_API void vorn_estimate_tsc_freq(void);
+
+/* --- The time of day --- */
+
+/* Each of these asks the node's kernel module, and answers from the system's clock (CLOCK_REALTIME)
+ * and zone (tzset(3), localtime_r(3)) where there is no module. A time of UTC is in seconds since
+ * 1970-01-01 00:00 UTC; a local one in seconds since the local clock showed that date, so that
+ * gmtime_r(3) takes it apart. Any thread; not signal-safe. They return 0 with the answer stored;
+ * -1 after an error record when a pointer is NULL or the system's zone does not reach so far; else
+ * what the module returned when it refused, -1 with errno.
+ *
+ * The time of UTC, and the local time, with the nanoseconds of the second. */
+VORN_API int vorn_time_gettime(int64_t *seconds, uint32_t *nanoseconds);
+VORN_API int vorn_time_getlocaltime(int64_t *seconds, uint32_t *nanoseconds);
+/* The local time at a time of UTC. */
+VORN_API int vorn_time_getlocal_fromutc(int64_t utc, int64_t *local);
+/* Whether daylight-saving time applies at a time of UTC: 1 or 0 in *dst. */
+VORN_API int vorn_time_getdst_fromutc(int64_t utc, int32_t *dst);
+/* Whether it applies now, and the local clock's offset from UTC in seconds, positive in the east.
+ */
+VORN_API int vorn_time_getdsttime(int32_t *dst, int32_t *offset);
+
+/* The most characters of a zone's name. */
+#define VORN_TIME_ZONE_NAME_LENGTH 63u
+
+/* Keeps the zone's name, length characters at name, in the process. It changes no clock. Returns 0;
+ * -1 after an error record when name is NULL or longer than VORN_TIME_ZONE_NAME_LENGTH. Any thread;
+ * not signal-safe. */
+VORN_API int vorn_time_zone_name_set(const char *name, unsigned int length);
 
 VORN_END_DECLS
 

@@ -16,28 +16,13 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/shown.hpp"
 #include "vorn_syscall.h"
 #include "vornsim.h"
 
 namespace {
 
-std::string shown;
-
-__attribute__((format(printf, 1, 2))) int show(const char *format, ...) {
-  char text[256];
-  va_list args;
-  va_start(args, format);
-  const int length = std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  shown += text;
-  return length;
-}
-
-std::string show_all() {
-  shown.clear();
-  vorn_mem_show(show);
-  return shown;
-}
+std::string show_all() { return shown::by(vorn_mem_show); }
 
 const std::string kHeader = [] {
   std::string text = "Begin to show used memory (Bytes) of all PID.\n";

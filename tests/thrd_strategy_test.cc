@@ -11,6 +11,7 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/shown.hpp"
 #include "vorn_jiffies.h"
 
 // What the system was asked for; nothing is done, so that it takes no rights and no CPUs.
@@ -18,6 +19,7 @@ static std::vector<int> prios;
 static std::vector<std::string> bindings; // the first four bytes of each
 static int prio_error = 0;
 static int bind_error = 0;
+static long configured = 18;
 
 extern "C" {
 int __wrap_setpriority(int which, id_t who, int prio) {
@@ -38,7 +40,9 @@ int __wrap_pthread_setaffinity_np(pthread_t, std::size_t size, const cpu_set_t *
 }
 
 long __real_sysconf(int name);
-long __wrap_sysconf(int name) { return name == _SC_NPROCESSORS_CONF ? 18 : __real_sysconf(name); }
+long __wrap_sysconf(int name) {
+  return name == _SC_NPROCESSORS_CONF ? configured : __real_sysconf(name);
+}
 }
 
 namespace {
@@ -95,6 +99,7 @@ TEST_F(Strategy, RefusalOfTheSystemIsReported) {
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
   EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{"Set thread prio fail -1, errno 13.",
                                                              "Set thread strategy 1 fail."}));
+  EXPECT_EQ(bindings, Bindings{"01000000"}) << "without its nice value, but bound";
   prio_error = 0;
   bind_error = EINVAL;
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
@@ -130,21 +135,17 @@ TEST_F(Strategy, BindingReadsNoMoreThanTheConfiguredCpusTake) {
   EXPECT_TRUE(CPU_EQUAL(&own, &of_pid));
 }
 
-std::string shown;
-int show(const char *format, ...) {
-  char line[256];
-  va_list args;
-  va_start(args, format);
-  const int length = vsnprintf(line, sizeof line, format, args);
-  va_end(args);
-  shown += line;
-  return length;
+TEST_F(Strategy, WithoutACountAllCpusAreAWholeSet) {
+  configured = -1;
+  EXPECT_EQ(vorn_thrd_bindAllCfgCpu(), 0);
+  EXPECT_EQ(vorn_thrd_currentthreadinfo()->cpuset[15], ~0ul);
+  EXPECT_EQ(capture::take().size(), 1u) << "the system is asked once";
 }
 
 TEST_F(Strategy, TableIsShown) {
   const vorn_thrd_strategy_s background = {19, "5,64"};
   vorn_initThreadStrategy(5, &background);
-  EXPECT_EQ(vorn_showThreadStrategyDbg(show), 0);
+  const std::string shown = shown::by(vorn_showThreadStrategyDbg);
   EXPECT_EQ(shown.substr(0, shown.find('\n')), "Strategy   Flags      Prio CpuMask");
   EXPECT_NE(shown.find("BackGroud  0x00000001 19   0x0000000000000020 0000000000000001 "),
             std::string::npos);

@@ -1,0 +1,42 @@
+/* Events of file systems, which the node's kernel module sends over netlink protocol 28. Any thread
+ * may call; none is for signal handlers. */
+#ifndef KRAM_FS_H
+#define KRAM_FS_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* Bytes of an event, and the value of the first four of them, in host byte order. */
+#define KRAM_EXT3_EVENT_SIZE 56u
+#define KRAM_EXT3_EVENT_TAG 0x0AE32014u
+
+/* Takes an event: KRAM_EXT3_EVENT_SIZE bytes, aligned to 8, that begin with KRAM_EXT3_EVENT_TAG.
+ * What lies behind the tag is the kernel module's; what it did not send is 0. The event is valid
+ * until the function returns. */
+typedef void (*kram_ext3_event_f)(const void *event);
+
+/* Opens a socket for events. Returns it, to be given back by KRAM_Netlink_ext3_release; -1 after an
+ * error record. */
+VORN_API int KRAM_Netlink_ext3_create(void);
+
+/* Binds the socket to the netlink port id and group 1, and calls callback for each event, in the
+ * calling thread, until the socket is released. Messages that are no events are dropped. Returns
+ *    0  the socket was released,
+ *   -2  it is negative,
+ *   -7  id is below 1,
+ *   -3  callback is NULL,
+ *   -4  the socket cannot be bound,
+ *   -5  memory or descriptors run out,
+ *   -6  a receive failed,
+ * without a record but for a lack of memory; errno tells why for -4 to -6. Interrupted receives are
+ * repeated. */
+VORN_API int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback);
+
+/* Closes a socket and ends a listener on it, which leaves when its callback has returned; its port
+ * is free from then on. A callback may call it. A negative socket is left alone. */
+VORN_API void KRAM_Netlink_ext3_release(int socket);
+
+VORN_END_DECLS
+
+#endif

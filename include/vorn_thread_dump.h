@@ -1,0 +1,24 @@
+/* Stacks that the node's kernel module writes to its log. What the two arguments mean, which thread
+ * or CPU among it, is the module's business: they are passed on as they are.
+ *
+ * Each function returns what the module answers; -1 with errno on failure, ENOSYS where there is no
+ * module. None writes a record. Any thread; signal-safe; blocks as the module does. */
+#ifndef VORN_THREAD_DUMP_H
+#define VORN_THREAD_DUMP_H
+
+#include "vorn_api.h"
+
+VORN_BEGIN_DECLS
+
+/* The stack of a thread, and of one only while it is not running. */
+VORN_API int vorn_thread_dump_thread_stack(unsigned long argument1, unsigned long argument2);
+VORN_API int vorn_thrd_dump_thread_stack_if_not_running(unsigned long argument1,
+                                                        unsigned long argument2);
+
+/* The stack of what a CPU runs, and its kernel stack. */
+VORN_API int vorn_thrd_dump_cpu_stack(unsigned long argument1, unsigned long argument2);
+VORN_API int vorn_thrd_dump_cpu_stack_knl(unsigned long argument1, unsigned long argument2);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,51 @@
+// What goes over a connection between a client of private calls and the server: a header before
+// each request and each reply, and its payload. Host byte order, since neither leaves the machine.
+#ifndef VORN_SYSCALL_KRAM_WIRE_HPP
+#define VORN_SYSCALL_KRAM_WIRE_HPP
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <netinet/in.h>
+#include <optional>
+#include <sys/types.h>
+
+namespace vorn::kram {
+
+struct WireHeader {
+  std::uint32_t command;
+  std::uint32_t reserved; // 0
+  std::uint64_t length;   // of the payload that follows
+  std::uint64_t capacity; // the client's for the reply's payload; in a reply as in the request
+  std::int64_t result;    // the handler's; 0 in a request
+};
+static_assert(offsetof(WireHeader, command) == 0);
+static_assert(offsetof(WireHeader, reserved) == 4);
+static_assert(offsetof(WireHeader, length) == 8);
+static_assert(offsetof(WireHeader, capacity) == 16);
+static_assert(offsetof(WireHeader, result) == 24);
+static_assert(sizeof(WireHeader) == 32);
+
+// A longer payload of a reply is no reply's.
+inline constexpr std::uint64_t kMaxReply = 0x100000;
+
+sockaddr_in server_address();
+
+// Small messages leave at once.
+void set_no_delay(int socket);
+
+// When a message must be complete; none: there is all the time in the world.
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;
+
+// Receives the next piece of a message, length bytes at most. Returns its length, 0 at the end of
+// the connection; -1 with errno on failure, ETIMEDOUT behind the deadline.
+ssize_t receive_piece(int socket, void *buffer, std::size_t length, const Deadline &deadline);
+
+// Sends a header with its payload, in one call where the socket has room. False with errno on
+// failure.
+bool send_message(int socket, const WireHeader &header, const void *payload,
+                  const Deadline &deadline);
+
+} // namespace vorn::kram
+
+#endif

@@ -1,0 +1,125 @@
+#include "time/vorn_time_local.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "base/log.hpp"
+#include "base/mutex.hpp"
+#include "vorn_syscall.h"
+
+namespace vorn::time {
+namespace {
+
+constinit Mutex zone_mutex;
+constinit char zone_name[VORN_TIME_ZONE_NAME_LENGTH + 1] = {};
+
+template <class T> unsigned long word(T *address) {
+  return reinterpret_cast<unsigned long>(address);
+}
+
+// True where there is a kernel module; *result is its answer, of 32 bits.
+bool ask_module(unsigned int operation, unsigned long a1, unsigned long a2, int *result) {
+  *result = static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), a1, a2,
+                                                  VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
+  return *result != -1 || errno != ENOSYS;
+}
+
+timespec system_time() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return now;
+}
+
+// The system's zone may have been changed since the last look.
+bool system_local(const char *function, std::int64_t utc, tm *local) {
+  const time_t time = utc;
+  tzset();
+  if (localtime_r(&time, local) != nullptr) return true;
+  const int error = errno;
+  return VORN_FAIL_AS(function, false, "localtime_r failed, errno %d.", error);
+}
+
+int null_pointer(const char *function) { return VORN_FAIL_AS(function, -1, "Parameter is null."); }
+
+} // namespace
+
+void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]) {
+  const MutexGuard hold{zone_mutex};
+  std::memcpy(out, zone_name, sizeof out);
+}
+
+} // namespace vorn::time
+
+int vorn_time_gettime(int64_t *seconds, uint32_t *nanoseconds) {
+  using namespace vorn::time;
+  if (seconds == nullptr || nanoseconds == nullptr) return null_pointer(__func__);
+  int result = 0;
+  if (ask_module(VORN_SYSCALL_TIME, word(seconds), word(nanoseconds), &result)) return result;
+  const timespec now = system_time();
+  *seconds = now.tv_sec;
+  *nanoseconds = static_cast<uint32_t>(now.tv_nsec);
+  return 0;
+}
+
+int vorn_time_getlocaltime(int64_t *seconds, uint32_t *nanoseconds) {
+  using namespace vorn::time;
+  if (seconds == nullptr || nanoseconds == nullptr) return null_pointer(__func__);
+  int result = 0;
+  if (ask_module(VORN_SYSCALL_LOCAL_TIME, word(seconds), word(nanoseconds), &result)) return result;
+  const timespec now = system_time();
+  tm local{};
+  if (!system_local(__func__, now.tv_sec, &local)) return -1;
+  *seconds = now.tv_sec + local.tm_gmtoff;
+  *nanoseconds = static_cast<uint32_t>(now.tv_nsec);
+  return 0;
+}
+
+int vorn_time_getlocal_fromutc(int64_t utc, int64_t *local) {
+  using namespace vorn::time;
+  if (local == nullptr) return null_pointer(__func__);
+  int result = 0;
+  if (ask_module(VORN_SYSCALL_LOCAL_TIME_FROM_UTC, static_cast<unsigned long>(utc), word(local),
+                 &result)) {
+    return result;
+  }
+  tm fields{};
+  if (!system_local(__func__, utc, &fields)) return -1;
+  *local = utc + fields.tm_gmtoff;
+  return 0;
+}
+
+int vorn_time_getdst_fromutc(int64_t utc, int32_t *dst) {
+  using namespace vorn::time;
+  if (dst == nullptr) return null_pointer(__func__);
+  int result = 0;
+  if (ask_module(VORN_SYSCALL_DST_FROM_UTC, static_cast<unsigned long>(utc), word(dst), &result))
+    return result;
+  tm fields{};
+  if (!system_local(__func__, utc, &fields)) return -1;
+  *dst = fields.tm_isdst > 0 ? 1 : 0;
+  return 0;
+}
+
+int vorn_time_getdsttime(int32_t *dst, int32_t *offset) {
+  using namespace vorn::time;
+  if (dst == nullptr || offset == nullptr) return null_pointer(__func__);
+  int result = 0;
+  if (ask_module(VORN_SYSCALL_DST_TIME, word(dst), word(offset), &result)) return result;
+  tm fields{};
+  if (!system_local(__func__, system_time().tv_sec, &fields)) return -1;
+  *dst = fields.tm_isdst > 0 ? 1 : 0;
+  *offset = static_cast<int32_t>(fields.tm_gmtoff);
+  return 0;
+}
+
+int vorn_time_zone_name_set(const char *name, unsigned int length) {
+  using namespace vorn::time;
+  if (name == nullptr) return null_pointer(__func__);
+  if (length > VORN_TIME_ZONE_NAME_LENGTH)
+    return VORN_FAIL(-1, "Zone name of %u characters is too long.", length);
+  const vorn::MutexGuard hold{zone_mutex};
+  std::memcpy(zone_name, name, length);
+  zone_name[length] = '\0';
+  return 0;
+}

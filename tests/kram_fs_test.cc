@@ -1,0 +1,134 @@
+// test-wraps: socket
+#include "kram_fs.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <mutex>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "evlog.h"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+
+static bool is_missing = false;
+
+extern "C" {
+int __real_socket(int, int, int);
+
+// The system has no protocol 28: one that it has, whose own messages are no events.
+int __wrap_socket(int domain, int type, int protocol) {
+  if (protocol != 28) return __real_socket(domain, type, protocol);
+  EXPECT_EQ(type, SOCK_RAW | SOCK_CLOEXEC);
+  errno = EPROTONOSUPPORT;
+  return is_missing ? -1 : __real_socket(domain, type, NETLINK_KOBJECT_UEVENT);
+}
+}
+
+namespace {
+
+constexpr uint32_t kTag = KRAM_EXT3_EVENT_TAG;
+
+std::atomic<int> seen{0};
+std::mutex mutex;
+std::string last; // under the mutex
+int released_by_callback = -1;
+
+void keep(const void *event) {
+  {
+    const std::lock_guard hold{mutex};
+    last.assign(static_cast<const char *>(event), KRAM_EXT3_EVENT_SIZE);
+  }
+  KRAM_Netlink_ext3_release(released_by_callback);
+  ++seen;
+}
+
+// The system gives a socket that sends unbound the number of the process.
+int port() { return getpid() + (1 << 24); }
+
+bool send_to_port(uint32_t word, const std::string &text) {
+  std::string message(NLMSG_HDRLEN, '\0');
+  message.append(reinterpret_cast<const char *>(&word), sizeof word).append(text);
+  sockaddr_nl to{};
+  to.nl_family = AF_NETLINK;
+  to.nl_pid = static_cast<uint32_t>(port());
+  const int socket = __real_socket(AF_NETLINK, SOCK_RAW, NETLINK_KOBJECT_UEVENT);
+  const auto sent = sendto(socket, message.data(), message.size(), 0,
+                           reinterpret_cast<const sockaddr *>(&to), sizeof to);
+  close(socket);
+  return sent > 0;
+}
+
+// What the listener, which may not have bound yet, sees of it behind the tag.
+std::string send_event(const std::string &text) {
+  const int before = seen;
+  while (!send_to_port(kTag, text))
+    usleep(1000);
+  while (seen == before)
+    usleep(1000);
+  const std::lock_guard hold{mutex};
+  return last.substr(4);
+}
+
+class Netlink : public testing::Test {
+protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "only root may send over netlink";
+  }
+  std::thread listener() {
+    return std::thread([this] { result = KRAM_Netlink_ext3_listen(socket, port(), keep); });
+  }
+
+  const int socket = KRAM_Netlink_ext3_create();
+  int result = 1;
+};
+
+TEST_F(Netlink, ListenerSeesEventsUntilItsSocketIsReleased) {
+  const int free_descriptor = scratch::next_descriptor();
+  std::thread thread = listener();
+  EXPECT_EQ(send_event("abc"), "abc" + std::string(49, '\0'));
+  send_to_port(kTag + 1, "no event");
+  EXPECT_EQ(send_event(std::string(100, 'z')), std::string(52, 'z'));
+  usleep(20000); // blocked in its receive
+  KRAM_Netlink_ext3_release(socket);
+  int number[2];
+  ASSERT_EQ(pipe(number), 0); // takes the released number
+  EXPECT_EQ(number[0], socket);
+  ASSERT_EQ(write(number[1], "x", 1), 1);
+  thread.join();
+  EXPECT_EQ(result, 0);
+  char byte = 0;
+  EXPECT_EQ(read(socket, &byte, 1), 1); // nobody else has read from it
+  EXPECT_EQ(close(number[0]) + close(number[1]), 0);
+  EXPECT_EQ(scratch::next_descriptor(), free_descriptor - 1);
+  EXPECT_EQ(seen, 2);
+}
+
+TEST_F(Netlink, CallbackMayReleaseTheSocket) {
+  released_by_callback = socket;
+  std::thread thread = listener();
+  send_event("last");
+  thread.join();
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(seen, 1);
+}
+
+TEST_F(Netlink, RefusesWhatItCannotListenOn) {
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(-1, 0, nullptr), -2);
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(socket, 0, nullptr), -7);
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(socket, 1, nullptr), -3);
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(STDIN_FILENO, 1, keep), -4);
+  KRAM_Netlink_ext3_release(-1);
+  EXPECT_NO_RECORD();
+  is_missing = true;
+  EXPECT_EQ(KRAM_Netlink_ext3_create(), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "kram_fs.c", "KRAM_Netlink_ext3_create",
+                    "KRAM_Netlink_ext3_create failed, sockfd:-1, errno:93,Protocol not supported.");
+}
+
+} // namespace
