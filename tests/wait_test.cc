@@ -255,8 +255,7 @@ TEST_F(Queue, Stress) {
   const auto end = Clock::now() + milliseconds{600};
   std::atomic<int> turn{0};
   std::atomic<int> taken{0};
-  std::atomic<bool> last{false};
-  std::atomic<bool> late{false};
+  std::atomic<bool> last{false}, late{false};
   std::vector<std::jthread> waiters;
   for (int i = 0; i < kWaiters; ++i) {
     waiters.emplace_back([&] {
