@@ -6,6 +6,8 @@
  * reference count each; a slot's record is never freed, so whoever finds a thread by its id and
  * holds the reference may read the record also after the thread has ended. Where the table is full
  * a thread still gets a record, which no lookup and no listing sees and which goes with the thread.
+ * A child of fork() begins with the record of the thread that called it, and without a pool; the
+ * other records, and references to them, are the parent's alone.
  *
  * Unless a function says otherwise: any thread may call, it does not block but for the allocator,
  * it is not for signal handlers, and it returns 0, or -1 after an error record. */
@@ -80,8 +82,9 @@ typedef struct vorn_thrd_switch_trace {
 struct vorn_thrd_slot;
 
 /* The record of a thread. Its owner is the thread itself, which alone changes it; another reads it
- * with a reference held. Of what may change while the thread runs, tid, strategy and name are
- * written as whole words (a name as two), so that a reader sees the one or the other. */
+ * with a reference held. Of what may change while the thread runs, tid and strategy are written as
+ * whole words, so that a reader sees the one or the other, and the name as two: its halves may be
+ * of two names. */
 typedef struct vorn_thread {
   struct vorn_thrd_slot *slot;    /* NULL: the record has no place in the table */
   pthread_t handle;               /* of a pool thread */
@@ -116,7 +119,8 @@ VORN_API vorn_thread_s *vorn_thrd_currentthreadinfo(void);
 VORN_API vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid);
 
 /* Gives a reference back; the record must not be used behind that. Returns how many are left. One
- * that none was held of is reported as an error and left at 0. A record without a slot is freed. */
+ * that none was held of is reported as an error and left at 0. A record without a slot is freed.
+ * Signal-safe for a record that vorn_thrd_getthreadinfobytid has found. */
 VORN_API int vorn_thrd_putthreadinfo(vorn_thread_s *thread);
 
 /* Adopts the calling thread, which the library did not create: gives it a record, its signal stack
@@ -285,14 +289,15 @@ VORN_API int vorn_get_instant_map_flag(void);
 
 /* Creates the pool of count threads, at most 1024, which then wait for jobs. Once per process: a
  * second call is logged and returns 0. A quarter of them and one more, which starts the rest, have
- * been started when it returns; the result is their number, and count 4 and more therefore give
- * less than count (8 asked, 3 returned). */
+ * been started when it returns; the result is their number, and every count but 1 therefore gives
+ * less than count (8 asked, 3 returned). Where not one could be started the call may be made again.
+ */
 VORN_API unsigned int vorn_thread_pool_create(unsigned int count);
 
 /* Has an idle thread of the pool run entry(argument). Its id goes to *out unless out is NULL.
  * Returns 0; -1 without a record in the log when there is no pool or no thread of it is idle.
  * Neither locks nor allocates. After the job the thread is bound to all CPUs and runs under
- * strategy 0 again. */
+ * strategy 0 again, and for 20 microseconds looks for the next one before it sleeps. */
 VORN_API int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argument,
                                             pthread_t *out);
 

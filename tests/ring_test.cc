@@ -295,6 +295,10 @@ INSTANTIATE_TEST_SUITE_P(Ring, Stalled, testing::Bool(),
 TEST_P(Stalled, IsWaitedForByThoseBehind) {
   EXPECT_EQ(vorn_ring_count(ring_.get()), 2u); // nor is it seen by the queries
   EXPECT_EQ(vorn_ring_free_count(ring_.get()), 5u);
+  void *objects[6] = {}; // and what it has not published is not the other end's
+  EXPECT_NE(GetParam() ? vorn_ring_dequeue_bulk(ring_.get(), objects, 3)
+                       : vorn_ring_enqueue_bulk(ring_.get(), objects, 6),
+            0);
   const std::uint32_t tail = end_.tail;
   std::thread behind{[this] { EXPECT_EQ(reserve_behind(), 0); }};
   while (load(end_.head) != tail + 2)

@@ -1,17 +1,16 @@
-// test-wraps: select nanosleep sched_yield sysconf sched_setaffinity vorn_thrd_setname vorn_thrd_core_set vorn_time_getnanosec
+// test-wraps: select nanosleep sched_yield sysconf sched_setaffinity vorn_time_getnanosec
 #include "vorn_sched.h"
 
-#include <cstdarg>
-#include <cstdio>
+#include <cerrno>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <string>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "vorn_thrd.h"
 
 namespace {
 
@@ -19,8 +18,6 @@ timeval g_timeout;
 timespec g_sleep;
 int g_calls = 0;
 uint64_t g_clock = 0;
-std::string g_name;
-int g_core = -1;
 int g_bound = -1;
 
 } // namespace
@@ -45,17 +42,6 @@ int __wrap_nanosleep(const timespec *time, timespec *) {
 int __wrap_sched_yield() { return 7; }
 
 uint64_t __wrap_vorn_time_getnanosec() { return g_clock += 400000; }
-
-void __wrap_vorn_thrd_setname(const char *format, ...) {
-  char text[64];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  g_name = text;
-}
-
-void __wrap_vorn_thrd_core_set(int core) { g_core = core; }
 
 long __wrap_sysconf(int name) { return name == _SC_NPROCESSORS_CONF ? 300 : __real_sysconf(name); }
 
@@ -97,19 +83,21 @@ TEST(Sched, DelayIsLongerThanAskedFor) {
 }
 
 TEST(Sched, NameIsNoFormat) {
+  ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
   EXPECT_EQ(vorn_set_process_name("100%s"), 0);
-  EXPECT_EQ(g_name, "100%s");
+  EXPECT_STREQ(vorn_thrd_getname(), "100%s");
+  EXPECT_EQ(vorn_thrd_clearcurthreadinfo(), 0);
 }
 
 TEST(Sched, BindsToOneConfiguredCpu) {
   EXPECT_EQ(vorn_sched_setaffinity(299), 0);
   EXPECT_EQ(g_bound, 299);
-  EXPECT_EQ(g_core, 299);
+  EXPECT_EQ(smp_processor_id(), 299);
   EXPECT_EQ(vorn_sched_setaffinity(298), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
                     "set affinity fail, errno:22");
   EXPECT_EQ(vorn_sched_setaffinity(300), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
                     "cpu num overstep, current only has 300 cpu");
-  EXPECT_EQ(g_core, 299);
+  EXPECT_EQ(smp_processor_id(), 299);
 }

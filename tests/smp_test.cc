@@ -47,6 +47,15 @@ TEST(Smp, ACountThatIsMissingIsAskedForAgainAndOneThatIsKnownKept) {
   EXPECT_NO_RECORD();
 }
 
+TEST(Smp, AKnownCountNeedsNoSecondAnswer) {
+  EXPECT_EQ(num_config_cpus(), 8u);
+  configured = -1;
+  globalCpuNum_init();
+  globalCpuNum_init();
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_smp.c", "globalCpuNum_init",
+                    "Vorn_smp getting cpu num failed errno=22.");
+}
+
 TEST(Smp, MoreCpusThanAMaskHasRoomForAreTakenByTheStartAlone) {
   for (long count : {0l, 300l, 257l}) {
     configured = count;

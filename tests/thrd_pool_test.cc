@@ -12,29 +12,41 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "thread/vorn_thrd.hpp"
 
 namespace {
 
-std::atomic<int> idle;
+int listed;
+int idle;
 
-int count_idle(const char *format, ...) {
+bool is_idle(unsigned long tid) {
+  vorn_thread_s *record = vorn_thrd_getthreadinfobytid(static_cast<long>(tid));
+  if (record == nullptr) return false;
+  const bool result = record->slot->state == vorn::thread::kIdle;
+  vorn_thrd_putthreadinfo(record);
+  return result;
+}
+
+int count_threads(const char *format, ...) {
   if (std::string(format) != "%5lu %-18s %-11d %-8d\n") return 0;
   va_list args;
   va_start(args, format);
-  va_arg(args, unsigned long);
-  idle += std::string(va_arg(args, const char *)) == "OSThrdPoolNull" ? 1 : 0;
+  const auto tid = va_arg(args, unsigned long);
+  const bool named = std::string(va_arg(args, const char *)) == "OSThrdPoolNull";
   va_end(args);
+  ++listed;
+  idle += named && is_idle(tid) ? 1 : 0;
   return 0;
 }
 
-// The last threads of a pool are started behind the call that creates it.
+// Until there are so many threads, and all wait for a job: the last ones of a pool are started
+// behind the call that creates it, and leave behind the one that ends it.
 void wait_for_idle(int count) {
   do {
     usleep(1000);
-    idle = 0;
-    vorn_thrd_list(count_idle);
-  } while (idle != count);
-  usleep(1000); // the name comes before the state
+    listed = idle = 0;
+    vorn_thrd_list(count_threads);
+  } while (listed != count || idle != count);
 }
 
 // Jobs that stay until they are let go, and tell who ran them.
@@ -98,8 +110,12 @@ TEST(Pool, OfOneThreadIsTheSpawner) {
   EXPECT_STREQ(name, "OSThrdPoolRun");
   jobs.end.count_down();
   wait_for_idle(1);
-  EXPECT_EQ(vorn_thread_pool_destroy(), 0);
+  vorn_thread_pool_destroy();
+  wait_for_idle(0);
   EXPECT_EQ(jobs.ended, 1) << "what ends the pool is no job";
+  capture::take();
+  EXPECT_EQ(vorn_thread_pool_destroy(), 0);
+  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_destroy", "TBA:res1 0, res2 0.");
 }
 
 TEST(Pool, NothingOfAJobStaysWithTheThread) {
@@ -126,7 +142,10 @@ TEST(Pool, NothingOfAJobStaysWithTheThread) {
       sched_yield();
   while (looked != kLooks)
     usleep(100);
-  EXPECT_EQ(CPU_COUNT(&bound), sysconf(_SC_NPROCESSORS_ONLN));
+  cpu_set_t all;
+  vorn_thrd_bindAllCfgCpu();
+  vorn_thrd_getbindcpu(pthread_self(), &all);
+  EXPECT_TRUE(CPU_EQUAL(&bound, &all));
   wait_for_idle(1);
   EXPECT_EQ(worker->jobs, kLooks + 1);
   int posts = -1;

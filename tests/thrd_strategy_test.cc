@@ -18,6 +18,7 @@ static std::vector<int> prios;
 static std::vector<std::string> bindings; // the first four bytes of each
 static int prio_error = 0;
 static int bind_error = 0;
+static long configured = 18;
 
 extern "C" {
 int __wrap_setpriority(int which, id_t who, int prio) {
@@ -38,7 +39,9 @@ int __wrap_pthread_setaffinity_np(pthread_t, std::size_t size, const cpu_set_t *
 }
 
 long __real_sysconf(int name);
-long __wrap_sysconf(int name) { return name == _SC_NPROCESSORS_CONF ? 18 : __real_sysconf(name); }
+long __wrap_sysconf(int name) {
+  return name == _SC_NPROCESSORS_CONF ? configured : __real_sysconf(name);
+}
 }
 
 namespace {
@@ -95,6 +98,7 @@ TEST_F(Strategy, RefusalOfTheSystemIsReported) {
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
   EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{"Set thread prio fail -1, errno 13.",
                                                              "Set thread strategy 1 fail."}));
+  EXPECT_EQ(bindings, Bindings{"01000000"}) << "without its nice value, but bound";
   prio_error = 0;
   bind_error = EINVAL;
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
@@ -130,8 +134,15 @@ TEST_F(Strategy, BindingReadsNoMoreThanTheConfiguredCpusTake) {
   EXPECT_TRUE(CPU_EQUAL(&own, &of_pid));
 }
 
+TEST_F(Strategy, WithoutACountAllCpusAreAWholeSet) {
+  configured = -1;
+  EXPECT_EQ(vorn_thrd_bindAllCfgCpu(), 0);
+  EXPECT_EQ(vorn_thrd_currentthreadinfo()->cpuset[15], ~0ul);
+  EXPECT_EQ(capture::take().size(), 1u) << "the system is asked once";
+}
+
 std::string shown;
-int show(const char *format, ...) {
+VORN_PRINTF(1, 2) int show(const char *format, ...) {
   char line[256];
   va_list args;
   va_start(args, format);

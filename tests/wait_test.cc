@@ -41,6 +41,7 @@ extern "C" {
 int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
 
 int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
+  EXPECT_TRUE(signal != SIGWAKEUP || action->sa_flags == SA_RESTART);
   if (!g_refuse_handlers) return __real_sigaction(signal, action, old);
   errno = EPERM;
   return -1;
@@ -122,6 +123,7 @@ TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
       word = 0;
     };
     EXPECT_EQ(vorn_wait_comm(&word, row.timeout), row.left) << row.nanoseconds;
+    g_clock = nullptr;
   }
 }
 

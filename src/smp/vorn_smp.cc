@@ -16,19 +16,19 @@ constinit Once counted{OncePolicy::kRetry};
 
 // num_config_cpus may ask at the same time.
 void set(uint32_t &count, uint32_t value) { __atomic_store_n(&count, value, __ATOMIC_RELAXED); }
+uint32_t get(const uint32_t &count) { return __atomic_load_n(&count, __ATOMIC_RELAXED); }
 
 // A count above kMostCpus is taken here, unlike in num_config_cpus.
 int count_cpus() {
-  const uint32_t online = vorn_sysinfo_cpu_num();
-  set(g_onlineCpuNum, online);
+  set(g_onlineCpuNum, vorn_sysinfo_cpu_num());
   const long configured = sysconf(_SC_NPROCESSORS_CONF);
-  if (configured < 0) {
+  if (configured >= 0) {
+    set(g_configCpuNum, static_cast<uint32_t>(configured));
+  } else {
     const int error = errno;
-    return VORN_FAIL_AS("globalCpuNum_init", -1, "Vorn_smp getting cpu num failed errno=%d.",
-                        error);
+    VORN_LOG_AS("globalCpuNum_init", kError, "Vorn_smp getting cpu num failed errno=%d.", error);
   }
-  set(g_configCpuNum, static_cast<uint32_t>(configured));
-  return online != 0 && configured != 0 ? 0 : -1;
+  return get(g_onlineCpuNum) != 0 && get(g_configCpuNum) != 0 ? 0 : -1;
 }
 
 } // namespace
@@ -45,7 +45,7 @@ int globalCpuNum_init() {
 uint32_t num_online_cpus() { return vorn_sysinfo_cpu_num(); }
 
 uint32_t num_config_cpus() {
-  const uint32_t known = __atomic_load_n(&g_configCpuNum, __ATOMIC_RELAXED);
+  const uint32_t known = vorn::smp::get(g_configCpuNum);
   if (known != 0) return known;
   const long count = sysconf(_SC_NPROCESSORS_CONF);
   if (count < 1 || count > vorn::smp::kMostCpus) {

@@ -179,7 +179,9 @@ vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument) {
   if (record != nullptr) {
     initialise(*record, entry, argument);
   } else if (slot != nullptr) {
-    slot->count.store(0, std::memory_order_release);
+    // Somebody may be looking at the slot: what he holds is still his to give back.
+    std::uint32_t left = 0;
+    drop(*slot, &left);
   }
   return record;
 }

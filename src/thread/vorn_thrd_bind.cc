@@ -33,7 +33,8 @@ constinit Once all_cpus_known{OncePolicy::kLatch};
 cpu_set_t all_cpus; // written once, under the flag
 
 int fill_all_cpus() {
-  for (std::size_t cpu = 0; cpu < usable_cpus(); ++cpu)
+  const std::size_t count = usable_cpus();
+  for (std::size_t cpu = 0; cpu < count; ++cpu)
     CPU_SET(cpu, &all_cpus);
   return 0;
 }

@@ -30,30 +30,25 @@ struct ProcessName {
 constinit ProcessName process_name;
 constinit ProcessName executable_name;
 
-// The line of /proc/PID/status that begins with "Name:", which is the first. False after a record.
-bool read_status_line(char *line, int size) {
+int read_process_name() {
   char path[32];
   snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/status", getpid());
   const Stream file(std::fopen(path, "re"));
   const int open_error = errno;
   if (!file)
-    return VORN_FAIL_AS("vorn_get_process_name", false,
+    return VORN_FAIL_AS("vorn_get_process_name", -1,
                         "ev log read comm failed fp=%p errno=%d file=%s",
                         static_cast<void *>(file.get()), open_error, path);
-  const char *read = std::fgets(line, size, file.get());
+  char line[128];
+  const char *read = std::fgets(line, sizeof line, file.get());
   const int read_error = errno;
-  if (read == nullptr)
-    return VORN_FAIL_AS("vorn_get_process_name", false,
+  // The first line has the name. Those of the kernel have 15 characters at most, escaped ones twice
+  // as many; a process can also have made its own empty.
+  if (read == nullptr || std::sscanf(line, "Name:\t%31[^\n]", process_name.text) != 1)
+    return VORN_FAIL_AS("vorn_get_process_name", -1,
                         "ev log get comm failed ret=%p errno=%d file=%s",
                         static_cast<const void *>(read), read_error, path);
-  return true;
-}
-
-int read_process_name() {
-  char line[128];
-  if (!read_status_line(line, sizeof line)) return -1;
-  // The kernel's names have 15 characters at most, escaped ones twice as many.
-  return std::sscanf(line, "Name:\t%31[^\n]", process_name.text) == 1 ? 0 : -1;
+  return 0;
 }
 
 const char *after_last_slash(const char *path) {

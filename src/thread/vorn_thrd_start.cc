@@ -65,8 +65,9 @@ void run(vorn_thread_s *record) {
 } // namespace
 
 void enter(vorn_thread_s *record) {
-  t_record = record;
+  // A signal handler that sees the record finds the thread's id in it.
   set_tid(*record, thread_id());
+  t_record = record;
   vorn_thrd_setosstack(*record);
   vorn_thrd_setsigstack(*record);
 }

@@ -25,7 +25,7 @@ struct Strategy {
 
   bool valid() const { return (flags & kValid) != 0; }
 };
-constinit Strategy strategies[VORN_THRD_STRATEGY_COUNT];
+constinit Strategy strategies[VORN_THRD_STRATEGY_COUNT]{};
 
 constexpr const char *kNames[VORN_THRD_STRATEGY_COUNT] = {"Default", "Critical", "Ctrl",
                                                           "Manage",  "IO",       "BackGroud"};
@@ -74,7 +74,10 @@ int vorn_setCurThreadStrategy(unsigned int strategy) {
   using namespace vorn::thread;
   const Strategy *entry = vorn_getValidThreadAttr(strategy);
   if (entry == nullptr) return 0;
-  if (vorn_setCurThreadPrio(entry->prio) != 0 || bind_to(entry->cpus) != 0) {
+  // A thread that may not have its nice value gets its CPUs all the same.
+  const int prio_result = vorn_setCurThreadPrio(entry->prio);
+  const int bind_result = bind_to(entry->cpus);
+  if (prio_result != 0 || bind_result != 0) {
     VORN_LOG_RATELIMITED(vorn::kInfo, "Set thread strategy %d fail.", static_cast<int>(strategy));
     return -1;
   }
