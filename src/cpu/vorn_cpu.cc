@@ -8,8 +8,8 @@
 
 #include "base/kept_errno.hpp"
 #include "base/log.hpp"
+#include "syscall/request.hpp"
 #include "vorn_bitops.h"
-#include "vorn_syscall.h"
 
 namespace vorn::cpu {
 namespace {
@@ -61,11 +61,8 @@ int parse_list(std::string_view list, uint64_t *mask) {
   }
 }
 
-// The kernel module answers in 32 bits.
 int request(unsigned int operation, unsigned int cpu, void *data) {
-  return static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), cpu,
-                                               reinterpret_cast<unsigned long>(data),
-                                               VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
+  return syscall::request(operation, cpu, reinterpret_cast<unsigned long>(data));
 }
 
 } // namespace

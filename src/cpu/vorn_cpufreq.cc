@@ -8,7 +8,7 @@
 #include "base/bounded.hpp"
 #include "base/log.hpp"
 #include "base/stream.hpp"
-#include "vorn_syscall.h"
+#include "syscall/request.hpp"
 
 namespace vorn::cpufreq {
 namespace {
@@ -41,13 +41,6 @@ bool log_policy(const char *policy) {
   return true;
 }
 
-// The kernel module answers in 32 bits.
-int request(unsigned int operation, unsigned long argument1, unsigned long argument2) {
-  return static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), argument1,
-                                               argument2, VORN_SYSCALL_UNUSED,
-                                               VORN_SYSCALL_UNUSED));
-}
-
 } // namespace
 } // namespace vorn::cpufreq
 
@@ -64,21 +57,21 @@ int vorn_cpufreq_init() {
 }
 
 int vorn_cpufreq_set_low_all(unsigned long argument1, unsigned long argument2) {
-  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_LOW_ALL, argument1, argument2);
+  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_LOW_ALL, argument1, argument2);
 }
 
 int vorn_cpufreq_set_high_all(unsigned long argument1, unsigned long argument2) {
-  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_HIGH_ALL, argument1, argument2);
+  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_HIGH_ALL, argument1, argument2);
 }
 
 int vorn_cpufreq_up_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
-  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_UP, argument1, argument2);
+  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_UP, argument1, argument2);
 }
 
 int vorn_cpufreq_down_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
-  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_DOWN, argument1, argument2);
+  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_DOWN, argument1, argument2);
 }
 
 int vorn_get_local_cpufreq(unsigned long argument1, unsigned long argument2) {
-  return vorn::cpufreq::request(VORN_SYSCALL_CPUFREQ_GET, argument1, argument2);
+  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_GET, argument1, argument2);
 }
