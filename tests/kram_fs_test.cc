@@ -1,4 +1,4 @@
-// test-wraps: socket
+// test-wraps: eventfd socket
 #include "kram_fs.h"
 
 #include <atomic>
@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -17,9 +18,20 @@
 #include "support/scratch.hpp"
 
 static bool is_missing = false;
+static int released_at_the_start = -1; // by another thread, while a listener is made
+static std::thread releaser;
 
 extern "C" {
 int __real_socket(int, int, int);
+int __real_eventfd(unsigned int, int);
+
+int __wrap_eventfd(unsigned int value, int flags) {
+  if (released_at_the_start >= 0) {
+    releaser = std::thread(KRAM_Netlink_ext3_release, released_at_the_start);
+    usleep(20000);
+  }
+  return __real_eventfd(value, flags);
+}
 
 // The system has no protocol 28: one that it has, whose own messages are no events.
 int __wrap_socket(int domain, int type, int protocol) {
@@ -105,6 +117,27 @@ TEST_F(Netlink, ListenerSeesEventsUntilItsSocketIsReleased) {
   EXPECT_EQ(result, 0);
   EXPECT_EQ(scratch::next_descriptor(), free_descriptor - 1);
   EXPECT_EQ(seen, 2);
+}
+
+TEST_F(Netlink, ReleaseWhileAListenerIsMadeEndsIt) {
+  released_at_the_start = socket;
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(socket, port(), keep), 0);
+  releaser.join();
+}
+
+TEST_F(Netlink, ChildReleasesItsCopyAlone) {
+  std::thread thread = listener();
+  send_event("before");
+  const pid_t child = fork();
+  if (child == 0) {
+    KRAM_Netlink_ext3_release(socket);
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(send_event("behind"), "behind" + std::string(46, '\0'));
+  KRAM_Netlink_ext3_release(socket);
+  thread.join();
+  EXPECT_EQ(result, 0);
 }
 
 // The listener leaves the number alone, which is another file's by then.
