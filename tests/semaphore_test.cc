@@ -23,7 +23,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-std::vector<int> g_failures;       // of the next wake-ups, the first last
+std::vector<int> g_wake_ups;       // results of the next, the first last: they send nothing
 std::function<uint64_t()> g_sleep; // in the place of the wait
 
 template <class Function> Function *library(const char *name) {
@@ -39,10 +39,10 @@ uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout) {
 
 int vorn_wake_up_process(uint32_t tid) {
   static const auto real = library<int(uint32_t)>("vorn_wake_up_process");
-  if (g_failures.empty()) return real(tid);
-  const int failure = g_failures.back();
-  g_failures.pop_back();
-  return failure;
+  if (g_wake_ups.empty()) return real(tid);
+  const int result = g_wake_ups.back();
+  g_wake_ups.pop_back();
+  return result;
 }
 
 namespace {
@@ -135,10 +135,12 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
   g_sleep = nullptr;
 }
 
-// What comes between is signals, which a plain down does not give up for.
+// What comes between is signals, which a plain down does not give up for. No thread ends before the
+// last unit is given: one that saw its grant by itself could be gone when its signal is sent.
 TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
   constexpr int kThreads = 4;
   std::atomic<int> granted{0};
+  std::atomic<bool> over{false};
   int order[kThreads] = {};
   std::vector<std::jthread> threads;
   std::atomic<uint32_t> tids[kThreads];
@@ -148,6 +150,8 @@ TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
       vorn_sem_enhance_down(&sem);
       order[i] = granted + 1; // nobody else is granted one meanwhile
       ++granted;
+      while (!over)
+        std::this_thread::sleep_for(milliseconds{1});
     }));
   }
   for (int i = 0; i < kThreads; ++i) {
@@ -158,6 +162,7 @@ TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
       std::this_thread::sleep_for(milliseconds{1});
     EXPECT_EQ(order[i], i + 1);
   }
+  over = true;
   EXPECT_EQ(sem.cnt, 0);
 }
 
@@ -186,12 +191,12 @@ TEST_F(Semaphore, ShowsItsWaiters) {
 // The signal fails, the unit is the waiter's all the same.
 TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
   struct Row {
-    std::vector<int> failures;
+    std::vector<int> wake_ups;
     int result;
     std::vector<std::string> endings;
   };
   const Row rows[] = {
-      {{EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
+      {{0, EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
       {{ESRCH, EAGAIN}, ESRCH, {"fail ret(11).", "fail ret(3)."}},
       {{ESRCH}, ESRCH, {"fail ret(3).", "fail ret(3)."}},
   };
@@ -202,7 +207,7 @@ TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
       waiter = tid;
       result = vorn_sem_enhance_down_timeout(&sem, INT64_MAX);
     });
-    g_failures = row.failures;
+    g_wake_ups = row.wake_ups;
     EXPECT_EQ(vorn_sem_enhance_up(&sem), row.result);
     vorn_wake_up_process(waiter);
     thread.join();
