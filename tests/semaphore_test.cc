@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "vorn_sched.h"
+#include "vorn_time.h"
 
 namespace {
 
@@ -25,6 +27,8 @@ using std::chrono::milliseconds;
 
 std::vector<int> g_wake_ups;       // results of the next, the first last: they send nothing
 std::function<uint64_t()> g_sleep; // in the place of the wait
+uint32_t *g_word = nullptr;        // that this would be on
+std::function<void()> g_yield;     // in the place of what a lock does that is not free
 
 template <class Function> Function *library(const char *name) {
   return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -34,11 +38,19 @@ template <class Function> Function *library(const char *name) {
 
 uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout) {
   static const auto real = library<uint64_t(uint32_t *, int64_t)>("vorn_wait_comm");
-  return g_sleep ? g_sleep() : real(word, timeout);
+  if (!g_sleep) return real(word, timeout);
+  g_word = word;
+  return g_sleep();
+}
+
+void vorn_schedule() {
+  static const auto real = library<void()>("vorn_schedule");
+  g_yield ? g_yield() : real();
 }
 
 int vorn_wake_up_process(uint32_t tid) {
   static const auto real = library<int(uint32_t)>("vorn_wake_up_process");
+  EXPECT_TRUE(g_word == nullptr || *g_word == 0) << "woken ahead of its word";
   if (g_wake_ups.empty()) return real(tid);
   const int result = g_wake_ups.back();
   g_wake_ups.pop_back();
@@ -119,6 +131,8 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
         Row{kInterruptible, 7, 1, 0}, Row{kInterruptible, 7, 0, -4}, Row{kPlain, 7, 2, 0},
         Row{kPlain, 0, 2, 0}}) {
     int waits = 0;
+    int pauses = 0;
+    g_yield = [&] { ++pauses; };
     g_sleep = [&] {
       if (++waits == row.granted_in) vorn_sem_enhance_up(&sem);
       return row.left;
@@ -129,10 +143,41 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
     if (row.down == kTimed) result = vorn_sem_enhance_down_timeout(&sem, 8);
     EXPECT_EQ(result, row.result);
     EXPECT_EQ(waits, std::max(row.granted_in, 1));
+    EXPECT_EQ(pauses, row.down == kPlain && row.left == 0 ? waits : 0); // the wait must have failed
     EXPECT_EQ(sem.cnt, 0);
     EXPECT_EQ(waiting(), 0);
   }
+  g_yield = nullptr;
   g_sleep = nullptr;
+  g_word = nullptr;
+}
+
+TEST_F(Semaphore, EveryOperationTakesTheLock) {
+  vorn_gettime_init(); // by which the lock tells when to yield
+  g_sleep = [&] {
+    vorn_spinlock_lock(&sem.lock); // which is free meanwhile, and not when the waiter is back
+    return uint64_t{7};
+  };
+  int yields = 0;
+  g_yield = [&] {
+    ++yields;
+    vorn_spinlock_unlock(&sem.lock);
+  };
+  const std::function<void()> operations[] = {
+      [&] { vorn_sem_enhance_up(&sem); },
+      [&] { vorn_sem_enhance_down(&sem); },
+      [&] { vorn_sem_enhance_down_timeout(&sem, 1); },
+      [&] { vorn_sem_enhance_down_interruptible(&sem); },
+      [&] { vorn_sem_enhance_show(&sem); },
+  };
+  const int wanted[] = {1, 1, 2, 2, 1};
+  for (std::size_t i = 0; i < std::size(operations); ++i) {
+    yields = 0;
+    vorn_spinlock_lock(&sem.lock);
+    operations[i]();
+    EXPECT_EQ(yields, wanted[i]) << i;
+    EXPECT_EQ(sem.lock.lock, 0u);
+  }
 }
 
 // What comes between is signals, which a plain down does not give up for. No thread ends before the

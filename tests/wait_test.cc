@@ -1,4 +1,4 @@
-// test-wraps: sigaction clock_gettime vorn_private_syscall
+// test-wraps: sigaction clock_gettime tgkill usleep vorn_private_syscall
 // Waits, wake-ups and wait queues, behind a kernel module of the test's own or none.
 #include "vorn_wait.h"
 
@@ -29,6 +29,8 @@ std::atomic<int> g_requests{0};
 std::function<long(unsigned long *left)> g_module; // none: there is no kernel module
 bool g_refuse_handlers = false;
 std::function<void(timespec *now)> g_clock; // none: the system's
+std::function<void()> g_signal;             // what to look at ahead of a signal
+std::function<void()> g_back_off;           // none: the system's usleep
 
 uint32_t tid() { return static_cast<uint32_t>(gettid()); }
 
@@ -52,6 +54,21 @@ int __real_clock_gettime(clockid_t clock, timespec *time);
 int __wrap_clock_gettime(clockid_t clock, timespec *time) {
   if (!g_clock) return __real_clock_gettime(clock, time);
   return g_clock(time), 0;
+}
+
+int __real_tgkill(pid_t process, pid_t thread, int signal);
+
+int __wrap_tgkill(pid_t process, pid_t thread, int signal) {
+  if (g_signal) g_signal();
+  return __real_tgkill(process, thread, signal);
+}
+
+int __real_usleep(useconds_t microseconds);
+
+int __wrap_usleep(useconds_t microseconds) {
+  if (!g_back_off) return __real_usleep(microseconds);
+  EXPECT_EQ(microseconds, 10u);
+  return g_back_off(), 0;
 }
 
 long __wrap_vorn_private_syscall(unsigned long command, unsigned long, unsigned long ticks,
@@ -193,11 +210,17 @@ TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
   EXPECT_EQ(head.lock.magic, 0xDEAD4EADu);
   for (const int i : {0, 1, 2, 0})
     EXPECT_EQ(prepare_to_wait(&head, &entries[i]), 0);
+  EXPECT_EQ(entries[0].flag, 1u);
   EXPECT_EQ(queued(), (std::vector{&entries[2], &entries[1], &entries[0]}));
   finish_wait(&head, &entries[1]);
   EXPECT_EQ(entries[1].flag, 0u);
   EXPECT_EQ(queued(), (std::vector{&entries[2], &entries[0]}));
+  g_signal = [&] { // the one who is sent it finds its flag written, and is not let go yet
+    EXPECT_EQ(queued().front()->flag, 0u);
+    EXPECT_EQ(head.lock.lock, 1u);
+  };
   __wake_up(&head);
+  g_signal = nullptr;
   EXPECT_TRUE(queued().empty());
   for (vorn_wait_entry_s &entry : entries) {
     EXPECT_EQ(entry.flag, 0u);
@@ -209,6 +232,19 @@ TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
   entries[0].flag = 1;
   finish_wait(&head, &entries[0]);
   EXPECT_EQ(entries[0].flag, 1u); // nor looks at it
+}
+
+TEST_F(Queue, LeavesOnlyUnderTheLock) {
+  prepare_to_wait(&head, &entries[0]);
+  vorn_spinlock_lock(&head.lock);
+  int back_offs = 0;
+  g_back_off = [&] {
+    EXPECT_EQ(queued().size(), 1u);
+    if (++back_offs == 2) vorn_spinlock_unlock(&head.lock);
+  };
+  finish_wait(&head, &entries[0]);
+  EXPECT_EQ(back_offs, 2);
+  EXPECT_TRUE(queued().empty());
 }
 
 // Turns that a waker opens one by one, each to all waiters, who leave their stack frames behind
@@ -225,7 +261,7 @@ TEST_F(Queue, Stress) {
       for (int seen = 0; seen < turns; ++seen) {
         vorn_wait_entry_s entry;
         vorn_wait_entry_init(&entry, tid());
-        for (;;) {
+        while (turn <= seen) { // who was woken leaves without a look at the lock
           prepare_to_wait(&head, &entry);
           if (turn > seen) break;
           sched_wait_timeout(&entry, VORN_WAIT_FOREVER);
