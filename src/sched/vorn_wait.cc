@@ -6,15 +6,21 @@
 //   - Between the test and the sleep. The handler runs and comes back, and nothing in this thread
 //     knows of it. The sleep is prevented by the kernel alone: it compares the word with the value
 //     that was tested, and does not put to sleep who waits for a value that is gone.
-//   - In the kernel, compared and not yet asleep. A thread with a signal pending does not go to
-//     sleep. This is what the word cannot tell, and why it has to be made 0 ahead of the signal and
-//     not behind it.
+//   - In the kernel, compared and not yet asleep. A thread that a signal is pending for does not go
+//     to sleep. Had the signal been sent ahead of the 0, it could have been used up by now.
 //   - Asleep. The handler runs, and the sleep ends with EINTR.
-//   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else.
+//   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else. If the thread
+//     has ended and another has its id by now, that one gets a signal that does it no harm.
+//
+// The waker does not wake the futex as well, which would reach a thread that blocks the signal: it
+// would cost a system call, and hide a fault of that thread until there is a kernel module, which
+// knows of signals alone.
 //
 // The sleep always has a time to end at, if in 292 years: one without is taken up again by the
 // kernel after a handler that was installed with SA_RESTART.
 #define VORN_FILE "vorn_sched.c"
+
+#include "vorn_sched.h"
 
 #include <atomic>
 #include <cerrno>
@@ -28,7 +34,6 @@
 #include "base/kept_errno.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "vorn_sched.h"
 #include "vorn_syscall.h"
 
 namespace vorn::sched {
