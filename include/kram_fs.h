@@ -34,7 +34,9 @@ VORN_API int KRAM_Netlink_ext3_create(void);
 VORN_API int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback);
 
 /* Closes a socket and ends a listener on it, which leaves when its callback has returned; its port
- * is free from then on. A callback may call it. A negative socket is left alone. */
+ * is free from then on. A callback may call it. A negative socket is left alone. In a child of
+ * fork() there are no listeners: one that a callback has forked ends as on a release, and a release
+ * of the child's copy ends none of the parent's. */
 VORN_API void KRAM_Netlink_ext3_release(int socket);
 
 VORN_END_DECLS

@@ -89,7 +89,7 @@ VORN_API const kram_entry_s *KRAM_FindSysCall(uint32_t command);
  * A request of more than KRAM_SYSCALL_BUFFER_SIZE bytes ends its connection after an error record,
  * and so does a longer reply. A peer that stops for ten seconds in the middle of a message is
  * dropped; between two messages it may wait for as long as it likes. Connections over 512 are
- * closed as they come. A child of fork() has the sockets, but none of the threads. */
+ * closed as they come. A child of fork() has no server: its copies of the sockets are closed. */
 VORN_API int KRAM_PrivateSysCallIntfInit(void);
 
 /* Does nothing: the server runs until the process ends. */
@@ -102,10 +102,11 @@ VORN_API int KRAM_SyscallInit(void);
 
 /* Has the server carry out a command. Calls of one process wait for each other and share a
  * connection, which the first of them opens; a child of fork() opens its own. Blocks for as long as
- * the handler takes. Returns the handler's result with the reply in *request; -1 when there is no
- * such command; -1 after an error record, with output_length as it was, when the reply does not fit
- * or the server cannot be reached. After a failure of the connection the next call opens another: a
- * server that was started again is found by the second call. */
+ * the handler takes; not for a handler that a call of its own process may be waiting for. Returns
+ * the handler's result with the reply in *request; -1 when there is no such command; -1 after an
+ * error record, with output_length as it was, when the reply does not fit or the server cannot be
+ * reached. After a failure of the connection the next call opens another: a server that was started
+ * again is found by the second call. */
 VORN_API int KRAM_SysCall(uint32_t command, kram_request_s *request);
 
 /* --- Random numbers --- */

@@ -12,7 +12,8 @@
  * later, when it may end a sleep, or the next interruptible wait. So that the signal arrives, the
  * first wait of a thread takes it out of the thread's signal mask.
  *
- * Any thread may call. Sleeps and yields are safe in a signal handler, errno apart. */
+ * Any thread may call. Sleeps and yields are safe in a signal handler, errno apart; vorn_mdelay is
+ * once the time base has been started. */
 #ifndef VORN_SCHED_H
 #define VORN_SCHED_H
 
@@ -78,7 +79,7 @@ VORN_API int vorn_wait_interruptible(uint32_t *word);
  * that ended gets a signal that does it no harm. Returns 0 or a positive errno: ESRCH when there is
  * no such thread, EAGAIN when the queue of signals is full, and that of sigaction(2), after an
  * error record, while the handler cannot be installed: nothing is sent then, for the signal would
- * end the process. Signal-safe after the first call. */
+ * end the process. Signal-safe, errno apart, once the handler is installed. */
 VORN_API int vorn_wake_up_process(uint32_t tid);
 
 /* Installs the handler of the wake-up signal; vorn_Init calls it. Returns 0; -1 after an error

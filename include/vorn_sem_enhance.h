@@ -17,7 +17,7 @@ VORN_BEGIN_DECLS
 /* A semaphore. It must outlive every call, those that have not returned by then included. */
 typedef struct vorn_sem_enhance {
   vorn_spinlock_s lock;       /* guards the other fields, and the waiters */
-  int32_t cnt;                /* units that are free; a negative count is made up for first */
+  int32_t cnt;                /* free units; below 0, those owed by ups that find no waiter */
   vorn_list_head_s wait_list; /* the waiters, the longest waiting first */
 } vorn_sem_enhance_s;
 

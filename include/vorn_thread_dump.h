@@ -1,5 +1,5 @@
-/* Stacks that the node's kernel module writes to its log. What the two arguments mean, which thread
- * or CPU among it, is the module's business: they are passed on as they are.
+/* Stacks that the node's kernel module dumps. What the two arguments mean, which thread or CPU
+ * among it, is the module's business: they are passed on as they are.
  *
  * Each function returns what the module answers; -1 with errno on failure, ENOSYS where there is no
  * module. None writes a record. Any thread; signal-safe; blocks as the module does. */

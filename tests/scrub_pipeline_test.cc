@@ -63,7 +63,7 @@ void expect_checked(const scrub::Blocks &blocks, const std::string &bytes) {
   }
 }
 
-constexpr std::size_t kBlocksPerBatch = scrub::Settings{}.read_size_limit / scrub::kBlockSize;
+constexpr std::size_t kBlocksPerBatch = scrub::kReadSizeLimit / scrub::kBlockSize;
 
 // With so many threads that compute checksums.
 class PipelineOf : public testing::TestWithParam<unsigned int> {

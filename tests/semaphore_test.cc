@@ -21,7 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-std::vector<int> g_failures;                      // of the next wake-ups, the first last
+std::vector<int> g_wake_ups; // results of the next, the first last: they send nothing
 std::function<uint64_t(int64_t timeout)> g_sleep; // in the place of the wait
 uint32_t *g_word = nullptr;                       // that this would be on
 std::function<void()> g_yield; // in the place of what a lock does that is not free
@@ -47,10 +47,10 @@ void vorn_schedule() {
 int vorn_wake_up_process(uint32_t tid) {
   static const auto real = library<int(uint32_t)>("vorn_wake_up_process");
   EXPECT_TRUE(g_word == nullptr || *g_word == 0) << "woken ahead of its word";
-  if (g_failures.empty()) return real(tid);
-  const int failure = g_failures.back();
-  g_failures.pop_back();
-  return failure;
+  if (g_wake_ups.empty()) return real(tid);
+  const int result = g_wake_ups.back();
+  g_wake_ups.pop_back();
+  return result;
 }
 
 namespace {
@@ -161,10 +161,12 @@ TEST_F(Semaphore, EveryOperationTakesTheLock) {
   }
 }
 
-// What comes between is signals, which a plain down does not give up for.
+// What comes between is signals, which a plain down does not give up for. No thread ends before the
+// last unit is given: one that saw its grant by itself could be gone when its signal is sent.
 TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
   constexpr int kThreads = 4;
   std::atomic<int> granted{0};
+  std::atomic<bool> over{false};
   int order[kThreads] = {};
   std::vector<std::jthread> threads;
   std::atomic<uint32_t> tids[kThreads];
@@ -174,6 +176,8 @@ TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
       vorn_sem_enhance_down(&sem);
       order[i] = granted + 1; // nobody else is granted one meanwhile
       ++granted;
+      while (!over)
+        std::this_thread::sleep_for(milliseconds{1});
     }));
   }
   for (int i = 0; i < kThreads; ++i) {
@@ -184,6 +188,7 @@ TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
       std::this_thread::sleep_for(milliseconds{1});
     EXPECT_EQ(order[i], i + 1);
   }
+  over = true;
   EXPECT_EQ(sem.cnt, 0);
 }
 
@@ -212,12 +217,12 @@ TEST_F(Semaphore, ShowsItsWaiters) {
 // The signal fails, the unit is the waiter's all the same.
 TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
   struct Row {
-    std::vector<int> failures;
+    std::vector<int> wake_ups;
     int result;
     std::vector<const char *> endings;
   };
   const Row rows[] = {
-      {{EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
+      {{0, EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
       {{ESRCH, EAGAIN}, ESRCH, {"fail ret(11).", "fail ret(3)."}},
       {{ESRCH}, ESRCH, {"fail ret(3).", "fail ret(3)."}},
   };
@@ -228,7 +233,7 @@ TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
       waiter = tid;
       result = vorn_sem_enhance_down_timeout(&sem, INT64_MAX);
     });
-    g_failures = row.failures;
+    g_wake_ups = row.wake_ups;
     EXPECT_EQ(vorn_sem_enhance_up(&sem), row.result);
     vorn_wake_up_process(waiter);
     thread.join();

@@ -7,12 +7,15 @@
 
 namespace scrub {
 
+inline constexpr std::uint64_t kReadSizeLimit = 131072;
+
 struct Settings {
-  std::uint64_t read_size_limit = 131072; // bytes that are read and checked at once: whole blocks
-  std::uint64_t threads = 1;              // that compute checksums
-  std::uint64_t rate_limit = 0;           // megabytes (10^6) of data read a second, 0: no limit
-  std::uint64_t nice = 0;                 // of the threads that read and compute checksums
-  std::string cpus = "0-1023";            // that they run on
+  std::uint64_t read_size_limit =
+      kReadSizeLimit;           // bytes that are read and checked at once: whole blocks
+  std::uint64_t threads = 1;    // that compute checksums
+  std::uint64_t rate_limit = 0; // megabytes (10^6) of data read a second, 0: no limit
+  std::uint64_t nice = 0;       // of the threads that read and compute checksums
+  std::string cpus = "0-1023";  // that they run on
 };
 
 // Takes what the file sets and leaves the rest as above. Throws std::runtime_error when the file

@@ -4,13 +4,11 @@
 
 #include <chrono>
 
-#include "base/unique_fd.hpp"
-
 namespace vorn::kram {
 
 // Answers the requests of a stream socket until its peer leaves, sends what does not fit, or takes
-// longer than time_limit over a message.
-void serve(UniqueFd socket, std::chrono::milliseconds time_limit);
+// longer than time_limit over a message. The socket stays the caller's to close.
+void serve(int socket, std::chrono::milliseconds time_limit);
 
 } // namespace vorn::kram
 

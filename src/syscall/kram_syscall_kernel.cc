@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
-#include <utility>
+#include <unistd.h>
 
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
@@ -26,8 +27,42 @@ constexpr unsigned int kMaxConnections = 512;
 constexpr std::chrono::seconds kMessageTime{10};
 constexpr unsigned int kBufferSize = KRAM_SYSCALL_BUFFER_SIZE;
 
-// Those that are served.
-constinit std::atomic<unsigned int> connections{0};
+// A socket of the server, -1 for none.
+class Endpoint {
+public:
+  int get() const { return socket_; }
+  bool claim(int socket) {
+    int none = -1;
+    return socket_.compare_exchange_strong(none, socket);
+  }
+  // Gives the number up first: a child of fork() must not close what it stands for by then.
+  void end() {
+    const int socket = socket_.exchange(-1);
+    if (socket >= 0) close(socket);
+  }
+
+private:
+  std::atomic<int> socket_{-1};
+};
+
+constinit Endpoint listener;
+constinit Endpoint connections[kMaxConnections];
+
+// A child of fork() has none of the threads. Its copies would keep the port from a server that is
+// started again, and the peers of a server that has ended waiting.
+void close_in_child() {
+  listener.end();
+  for (Endpoint &connection : connections)
+    connection.end();
+}
+
+[[gnu::constructor]] void watch_forks() { pthread_atfork(nullptr, nullptr, close_in_child); }
+
+Endpoint *claim_connection(int socket) {
+  auto *free = std::find_if(std::begin(connections), std::end(connections),
+                            [socket](Endpoint &connection) { return connection.claim(socket); });
+  return free != std::end(connections) ? free : nullptr;
+}
 
 void acknowledge_quickly(int socket) {
   const int on = 1;
@@ -92,73 +127,77 @@ bool send_reply(int socket, const WireHeader &header, const char *output,
 
 void *syscall_do_thr(void *argument) {
   vorn_thrd_setname("syscall_do_thr");
-  serve(UniqueFd(static_cast<int>(reinterpret_cast<std::intptr_t>(argument))), kMessageTime);
-  connections.fetch_sub(1);
+  auto &connection = *static_cast<Endpoint *>(argument);
+  serve(connection.get(), kMessageTime);
+  connection.end();
   return nullptr;
 }
 
 // False: no thread can be had.
-bool start_connection(int socket) {
-  set_no_delay(socket);
-  auto *argument = reinterpret_cast<void *>(static_cast<std::intptr_t>(socket));
-  const int result = create_thread_nopreempt_raw(syscall_do_thr, argument, nullptr);
+bool start_connection(Endpoint &connection) {
+  set_no_delay(connection.get());
+  const int result = create_thread_nopreempt_raw(syscall_do_thr, &connection, nullptr);
   if (result == 0) return true;
-  close(socket);
-  connections.fetch_sub(1);
+  connection.end();
   return VORN_FAIL(false, "creat syscall thrd failed, ret = %d.\n", result);
 }
 
-UniqueFd listen_on_loopback() {
-  UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!listener) return VORN_FAIL(UniqueFd(), "Create socket %d fail!.\n", listener.get());
+// False after a record.
+bool listen_on_loopback(int socket) {
   const int on = 1;
-  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   const sockaddr_in address = server_address();
-  if (bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-    return VORN_FAIL(UniqueFd(), "Bind socket %d fail!", listener.get());
-  if (listen(listener.get(), kBacklog) == 0) return listener;
+  if (bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    return VORN_FAIL(false, "Bind socket %d fail!", socket);
+  if (listen(socket, kBacklog) == 0) return true;
   const int error = errno;
-  return VORN_FAIL(UniqueFd(), "Listen socket %d fail!, error is %d.\n", listener.get(), error);
+  return VORN_FAIL(false, "Listen socket %d fail!, error is %d.\n", socket, error);
 }
 
-void accept_connections(int listener) {
+void accept_connections() {
   for (;;) {
-    const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const int socket = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) {
       const int error = errno;
       if (error == EINTR) continue;
       VORN_LOG(kError, "accept errno = %d\n", error);
       return;
     }
-    if (connections.fetch_add(1) >= kMaxConnections) {
+    Endpoint *connection = claim_connection(socket);
+    if (connection == nullptr) {
       VORN_LOG_RATELIMITED(kError, "%u connections are open, another is closed.", kMaxConnections);
       close(socket);
-      connections.fetch_sub(1);
       continue;
     }
-    if (!start_connection(socket)) return;
+    if (!start_connection(*connection)) return;
   }
 }
 
 void *syscall_thr(void *) {
   vorn_thrd_setname("syscall_thr");
-  const UniqueFd listener = listen_on_loopback();
-  if (listener) accept_connections(listener.get());
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket < 0) return VORN_FAIL(nullptr, "Create socket %d fail!.\n", socket);
+  if (!listen_on_loopback(socket) || !listener.claim(socket)) {
+    close(socket);
+    return nullptr;
+  }
+  accept_connections();
+  listener.end();
   return nullptr;
 }
 
 } // namespace
 
-void serve(UniqueFd socket, std::chrono::milliseconds time_limit) {
+void serve(int socket, std::chrono::milliseconds time_limit) {
   const fileops::Block input = fileops::allocate_block(kBufferSize);
   const fileops::Block output = fileops::allocate_block(kBufferSize);
   if (input == nullptr || output == nullptr) return; // the allocator has logged it
   std::memset(output.get(), 0, kBufferSize); // a handler may tell a length that it did not fill
   WireHeader header;
   do {
-    if (!receive_request(socket.get(), header, input.get(), time_limit)) return;
+    if (!receive_request(socket, header, input.get(), time_limit)) return;
     execute(header, input.get(), output.get());
-  } while (send_reply(socket.get(), header, output.get(), time_limit));
+  } while (send_reply(socket, header, output.get(), time_limit));
 }
 
 } // namespace vorn::kram

@@ -26,7 +26,7 @@ static_assert(offsetof(WireHeader, capacity) == 16);
 static_assert(offsetof(WireHeader, result) == 24);
 static_assert(sizeof(WireHeader) == 32);
 
-// A longer payload of a reply is no reply's.
+// A reply that tells a longer payload comes from no server of private calls.
 inline constexpr std::uint64_t kMaxReply = 0x100000;
 
 sockaddr_in server_address();

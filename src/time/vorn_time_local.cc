@@ -18,11 +18,13 @@ template <class T> unsigned long word(T *address) {
   return reinterpret_cast<unsigned long>(address);
 }
 
-// True where there is a kernel module; *result is its answer, of 32 bits.
+// True where there is a kernel module; *result is its answer, of 32 bits. One that is -1 in these
+// alone is a module's, and errno says nothing of it.
 bool ask_module(unsigned int operation, unsigned long a1, unsigned long a2, int *result) {
-  *result = static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), a1, a2,
-                                                  VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
-  return *result != -1 || errno != ENOSYS;
+  const long answer = vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), a1, a2,
+                                           VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
+  *result = static_cast<int>(answer);
+  return answer != -1 || errno != ENOSYS;
 }
 
 timespec system_time() {
