@@ -11,6 +11,7 @@
 #include <string_view>
 #include <sys/socket.h>
 
+#include "base/unique_fd.hpp"
 #include "evlog.h"
 #include "kram_syscall.h"
 #include "syscall/kram_server.hpp"
@@ -89,7 +90,10 @@ std::string served(std::string_view sent) {
   const vorn::UniqueFd client(ends[0]);
   expect(send(client.get(), sent.data(), sent.size(), 0) == static_cast<ssize_t>(sent.size()));
   shutdown(client.get(), SHUT_WR);
-  vorn::kram::serve(vorn::UniqueFd(ends[1]), std::chrono::milliseconds(0));
+  {
+    const vorn::UniqueFd server(ends[1]);
+    vorn::kram::serve(server.get(), std::chrono::milliseconds(0));
+  }
   std::string replies;
   char piece[4096];
   for (ssize_t length; (length = recv(client.get(), piece, sizeof piece, 0)) > 0;)
