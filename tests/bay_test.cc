@@ -18,28 +18,13 @@ namespace fs = std::filesystem;
 constexpr char kFile[] = "vorn_socket_add.c";
 constexpr char kFunction[] = "vorn_get_bay_config_keyvalue";
 constexpr char kScript[] = "/WRK/script/os_get_bay_config_segment.sh";
-constexpr char kNotGot[] = "Can not get the file(/WRK/conf/bay_config.ini).";
 const std::string kTemporary = "/tmp/bay_cfg_segment_" + std::to_string(getpid()) + ".conf";
 
-TEST(BayParameters, AreChecked) {
-  char out[8] = "before";
-  EXPECT_EQ(vorn_get_bay_config_keyvalue("", out, sizeof out), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "get_bay_config_keyvalue_param_check", "Para1 is \\0.");
-  EXPECT_EQ(vorn_get_bay_config_keyvalue(">", out, sizeof out), -22);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "get_bay_config_keyvalue_param_check",
-                    "Param error: keySegment(>) is dangerous.");
-  EXPECT_EQ(get_bay_config_keyvalue_param_check("key", nullptr), -22);
-  EXPECT_EQ(get_bay_config_keyvalue_param_check(nullptr, out), -22);
-  EXPECT_STREQ(out, "before");
-}
-
-class Bay : public testing::Test {
-protected:
+struct Bay : testing::Test {
   void SetUp() override {
     if (!scratch::cover_directory("/WRK")) GTEST_SKIP() << "no right to mount here";
     set_script("cat /WRK/value");
   }
-
   void TearDown() override { fs::remove(kTemporary); }
 
   // The script notes that it ran, with which arguments, and then does this.
@@ -49,6 +34,12 @@ protected:
   }
 
   std::string calls() { return scratch::read_file("/WRK/calls"); }
+
+  int get(const std::string &key, uint32_t size = sizeof out) {
+    return vorn_get_bay_config_keyvalue(key.c_str(), out, size);
+  }
+
+  char out[16] = "before";
 };
 
 TEST_F(Bay, ReadsTheFirstLine) {
@@ -70,58 +61,55 @@ TEST_F(Bay, ReadsTheFirstLine) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.printed);
     scratch::write_file("/WRK/value", row.printed);
-    char out[16] = "before";
-    const int wanted = row.texts.empty() ? 0 : -1;
-    EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT 1", out, row.size), wanted);
+    EXPECT_EQ(get("SLOT 1", row.size), row.texts.empty() ? 0 : -1);
     EXPECT_STREQ(out, row.out);
     EXPECT_FALSE(fs::exists(kTemporary));
     EXPECT_EQ(capture::take_texts(), row.texts);
   }
-  EXPECT_EQ(calls().substr(0, 14), "SLOT 1\nSLOT 1\n");
+  EXPECT_TRUE(calls().starts_with("SLOT 1\nSLOT 1\n"));
   EXPECT_EQ(scratch::next_descriptor(), before);
 }
 
-TEST_F(Bay, ReportsAFailedScriptAndReplacesWhatItLeft) {
+TEST_F(Bay, WritesThroughNothingThatIsInItsWay) {
   set_script("echo left over from a failure; exit 3");
-  char out[32] = "before";
-  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, kNotGot);
+  EXPECT_EQ(get("SLOT"), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction,
+                    "Can not get the file(/WRK/conf/bay_config.ini).");
   EXPECT_STREQ(out, "before");
   EXPECT_TRUE(fs::exists(kTemporary));
   set_script("stat -Lc %a /proc/$$/fd/1");
-  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), 0);
+  EXPECT_EQ(get("SLOT"), 0);
   EXPECT_STREQ(out, "600");
-}
 
-TEST_F(Bay, WritesThroughNothingThatWasPutInItsWay) {
-  scratch::write_file("/WRK/value", "value\n");
   scratch::write_file("/WRK/victim", "untouched");
-  char out[16] = "before";
   fs::create_symlink("/WRK/victim", kTemporary);
-  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), 0);
+  EXPECT_EQ(get("SLOT"), 0);
   EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
   fs::remove("/WRK/calls");
 
   // A file that cannot be removed, as another user's, stops it before the script.
   scratch::write_file(kTemporary, "");
   ASSERT_EQ(mount("/WRK/victim", kTemporary.c_str(), nullptr, MS_BIND, nullptr), 0);
-  EXPECT_EQ(vorn_get_bay_config_keyvalue("SLOT", out, sizeof out), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction, kNotGot);
+  EXPECT_EQ(get("SLOT"), -1);
   EXPECT_EQ(calls(), "");
   EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
   umount(kTemporary.c_str());
 }
 
-TEST_F(Bay, RunsNoCommandThatWasCut) {
+TEST_F(Bay, RunsNoCommandThatWasCutOrIsDangerous) {
+  EXPECT_EQ(get(""), -1);
+  EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "get_bay_config_keyvalue_param_check", "Para1 is \\0.");
+  EXPECT_EQ(get(">"), -22);
+  EXPECT_EQ(capture::take_texts().at(0), "Param error: keySegment(>) is dangerous.");
   const std::string around = kScript + std::string("  >") + kTemporary + " 2>/dev/null";
   const std::string longest(255 - around.size(), 'k');
-  char out[16] = "before";
-  EXPECT_EQ(vorn_get_bay_config_keyvalue((longest + "k").c_str(), out, sizeof out), -1);
+  EXPECT_EQ(get(longest + "k"), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, kFunction,
                     "snprintf_s secure function failed, destMax<256>, count<255>.");
   EXPECT_EQ(calls(), "");
+  EXPECT_STREQ(out, "before");
   set_script("echo value");
-  EXPECT_EQ(vorn_get_bay_config_keyvalue(longest.c_str(), out, sizeof out), 0);
+  EXPECT_EQ(get(longest), 0);
   EXPECT_EQ(calls(), longest + "\n");
 }
 

@@ -1,6 +1,6 @@
 #include "vorn_cfg.h"
 
-#include <cstring>
+#include <algorithm>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -41,7 +41,6 @@ std::string parsed(const std::string &text) {
   vorn_cfg_oper_param_s param{path.c_str(), nullptr, nullptr, nullptr};
   EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, show), -1);
   close(fd);
-  EXPECT_EQ(scratch::read_file(path), text);
   return content;
 }
 
@@ -51,24 +50,20 @@ TEST(CfgParse, ReadsSectionsAndItems) {
     std::string text;
     std::string wanted;
   } rows[] = {
-      {"k=v", "[NULL]k=v|"},               // no header, no final line feed
-      {"[a]\n[b]\nk=v\n[c]\n", "[b]k=v|"}, // headers without items
-      {"[a]\nk=1\n[b]\nk=2\n[a]\nl=3\n", "[a]k=1|l=3|[b]k=2|"},
-      {"[a]\nk=1\nl=2\nk=3\n", "[a]l=2|k=3|"},     // the last value, at the end
-      {"=v\n[a]\n;k=v\n; [b]\n x=1\n", "[a]x=1|"}, // comments
-      {"[ \ta ]  \nk=v\n", "[a]k=v|"},
-      {" [a]\n[a-b]\n[a b]\n[a\nk=v\n", "[NULL]k=v|"}, // no headers
+      {"k=v", "[NULL]k=v|"}, // no header, no final line feed
+      {"[c]\n[a]\nk=1\n[b]\nk=2\n[a]\nl=3\n", "[a]k=1|l=3|[b]k=2|"},
+      {"[a]\nk=1\nl=2\nk=3\n", "[a]l=2|k=3|"},           // the last value, at the end
+      {"=v\n[ \ta ]  \n;k=v\n; [b]\n x=1\n", "[a]x=1|"}, // comments
+      {" [a]\n[a-b]\n[a b]\n[a\nk=v\n", "[NULL]k=v|"},   // no headers
       {"[" + name63 + "]\nk=v\n", "[" + name63 + "]k=v|"},
       {"[ " + name63 + "]\nk=v\n", "[NULL]k=v|"}, // the line counts, blanks included
       {name63 + "=v\n" + name63 + "n=w\n", "[NULL]" + name63 + "=v|"},
       {"k = v ; note # more\n", "[NULL]k=v ; note # more|"},
       {"k=a=b==c\nl=\n = m\n", "[NULL]k=a=b==c|l=|=m|"},
-      {"\t k\t = \t v v \t \n", "[NULL]k=v v|"},
-      {"#k=1\nk.l=1\nk l=1\n\xC3\xA4=1\nno item\n", ""},
-      {"K=1\nk=2\nk_9=3\n", "[NULL]K=1|k=2|k_9=3|"},
+      {"#k=1\nk.l=1\nk l=1\n\xC3\xA4=1\nno item\n \t\n", ""},
+      {"\t K\t = \t v v \t \nk=2\nk_9=3\n", "[NULL]K=v v|k=2|k_9=3|"},
       {"a=1\r\n\r\nb=2\r\r\n\rc\r=3\r", "[NULL]a=1|b=2|c=3|"},
       {"a=1\0b=2\nc=3\n\0d=4\n"s, "[NULL]a=1|c=3|"}, // cut at a NUL
-      {"\n\n \t\n\xFF\xFE=\n", ""},
   };
   for (const auto &row : rows)
     EXPECT_EQ(parsed(row.text), row.wanted) << row.text;
@@ -81,14 +76,12 @@ TEST(CfgParse, KeepsToItsLimits) {
     std::string text;
     std::string wanted;
   } rows[] = {
-      {"k=" + value, "[NULL]k=" + value + "|"},
-      // Blanks at the ends do not count, a carriage return nowhere.
-      {std::string(0x3E, ' ') + "\r\rk=" + value + " \nl=1\n", "[NULL]k=" + value + "|l=1|"},
+      // A full line: blanks at the ends do not count, a carriage return nowhere.
+      {std::string(0x40, ' ') + "\r\rk=" + value + " \nl=1\n", "[NULL]k=" + value + "|l=1|"},
       {"k=" + value + "v\nl=1\n", "[NULL]l=1|"},
       // A line that is too long is read as several: the first is dropped, the next may be an item.
       {std::string(kLine, 'k') + "a=b\nl=1\n", "[NULL]a=b|l=1|"},
       {std::string(kLine - 1, 'k') + "a=b\nl=1\n", "[NULL]l=1|"},
-      {"k=" + std::string(kLine - 3, 'x') + "\nl=1", "[NULL]l=1|"},
       {"l=1\nk=" + std::string(5 << 20, 'x'), "[NULL]l=1|"},
   };
   for (const auto &row : rows)
@@ -108,22 +101,13 @@ TEST(CfgParse, RefusesWhatIsNoFile) {
 }
 
 TEST(CfgText, KeepsWhatCanBePrinted) {
-  const struct {
-    const char *src;
-    int src_length, size, result;
-    const char *wanted;
-  } rows[] = {
-      {"Model 7\n", 8, 16, 0, "Model 7"},
-      {"abc", 9, 10, 0, "abc"},
-      {"abc", 3, 3, -1, "?"},
-      {"abc", -1, 1, 0, ""},
-      {"\x80", 1, 2, 0, ""},
-  };
-  for (const auto &row : rows) {
-    char dst[16] = "?";
-    EXPECT_EQ(vorn_remove_noneprint_characters(row.src, row.src_length, dst, row.size), row.result);
-    EXPECT_STREQ(dst, row.wanted);
-  }
+  char text[16] = "?";
+  EXPECT_EQ(vorn_remove_noneprint_characters("abc", 3, text, 3), -1);
+  EXPECT_STREQ(text, "?");
+  EXPECT_EQ(vorn_remove_noneprint_characters("Model 7\n8", 9, text, 10), 0);
+  EXPECT_STREQ(text, "Model 7");
+  EXPECT_EQ(vorn_remove_noneprint_characters("\x80", -1, text, 1), 0);
+  EXPECT_STREQ(text, "");
 }
 
 struct CfgRegistry : testing::Test {
@@ -131,14 +115,15 @@ struct CfgRegistry : testing::Test {
   const std::string a = directory / "a.ini";
   const std::string b = directory / "b.ini";
 
-  std::string get(const char *section, const char *item) {
+  // Of section s: of the newest file that has it, or of this one.
+  std::string get(const char *item) {
     char value[256] = "?";
-    const int result = vorn_cfg_getItemValue(section, item, value, sizeof value);
+    const int result = vorn_cfg_getItemValue("s", item, value, sizeof value);
     return result == 0 ? value : std::to_string(result);
   }
-  std::string get(const std::string &path, const char *section, const char *item) {
+  std::string get(const std::string &path, const char *item) {
     char value[256] = "?";
-    const int result = vorn_cfg_getItemValue_ex(path.c_str(), section, item, value, sizeof value);
+    const int result = vorn_cfg_getItemValue_ex(path.c_str(), "s", item, value, sizeof value);
     return result == 0 ? value : std::to_string(result);
   }
   int init(const std::string &path, const std::string &text) {
@@ -150,14 +135,13 @@ struct CfgRegistry : testing::Test {
 TEST_F(CfgRegistry, CountsReferences) {
   ASSERT_EQ(init(a, "[s]\nk=1\n"), 0);
   ASSERT_EQ(init(a, "[s]\nk=2\n"), 0);
-  EXPECT_EQ(get(a, "s", "k"), "2"); // read again
+  EXPECT_EQ(get(a, "k"), "2"); // read again
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
-  EXPECT_EQ(get(a, "s", "k"), "2");
+  EXPECT_EQ(get(a, "k"), "2");
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
   EXPECT_NO_RECORD();
-  EXPECT_EQ(get(a, "s", "k"), "-1");
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_getItemValue_ex",
-                    "Can not find file " + a + ".");
+  EXPECT_EQ(get(a, "k"), "-1");
+  EXPECT_EQ(capture::take_texts().at(0), "Can not find file " + a + ".");
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
   EXPECT_EQ(vorn_cfg_destroy_ex(nullptr), 0);
 }
@@ -165,16 +149,16 @@ TEST_F(CfgRegistry, CountsReferences) {
 TEST_F(CfgRegistry, AsksTheNewestFileFirst) {
   ASSERT_EQ(init(a, "[s]\nk=a\nonly=a\n"), 0);
   ASSERT_EQ(init(b, "[s]\nk=b\n"), 0);
-  EXPECT_EQ(get("s", "k"), "b");
-  EXPECT_EQ(get("s", "only"), "a");
+  EXPECT_EQ(get("k"), "b");
+  EXPECT_EQ(get("only"), "a");
   ASSERT_EQ(init(a, "[s]\nk=a\n"), 0); // becomes the newest
-  EXPECT_EQ(get("s", "k"), "a");
-  EXPECT_EQ(get("s", "only"), "-1");
+  EXPECT_EQ(get("k"), "a");
+  EXPECT_EQ(get("only"), "-1");
   remove(b.c_str());
   EXPECT_EQ(vorn_cfg_init(b.c_str()), -1); // stays as it was
-  EXPECT_EQ(get(b, "s", "k"), "b");
+  EXPECT_EQ(get(b, "k"), "b");
   EXPECT_EQ(vorn_cfg_destroy(), 0); // whatever the counts
-  EXPECT_EQ(get("s", "k"), "-1");
+  EXPECT_EQ(get("k"), "-1");
 }
 
 TEST_F(CfgRegistry, SetsValuesInMemoryAlone) {
@@ -182,12 +166,12 @@ TEST_F(CfgRegistry, SetsValuesInMemoryAlone) {
   ASSERT_EQ(init(b, "[s]\nk=b\n"), 0);
   EXPECT_EQ(vorn_cfg_setItemValue("s", "k", "newest"), 0);
   EXPECT_EQ(vorn_cfg_setItemValue("s", "l", ""), 0);
-  EXPECT_EQ(get(a, "s", "k") + get(b, "s", "k") + get(a, "s", "l"), "anewest");
+  EXPECT_EQ(get(a, "k") + get(b, "k") + get(a, "l"), "anewest");
   EXPECT_EQ(vorn_cfg_setItemValue_ex(a.c_str(), "s", "k", std::string(256, 'x').c_str()), 0);
-  EXPECT_EQ(get(b, "s", "k"), "newest");
+  EXPECT_EQ(get(b, "k"), "newest");
   EXPECT_EQ(scratch::read_file(a), "[s]\nk=a\nl=a\n");
   EXPECT_NO_RECORD();
-  EXPECT_EQ(get(a, "s", "k"), std::to_string(VORN_CFG_TOO_SMALL));
+  EXPECT_EQ(get(a, "k"), std::to_string(VORN_CFG_TOO_SMALL));
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_getItemValue_ex",
                     "Invalid Buffer size, inputSize(256), actualSize(257).");
   vorn_cfg_destroy();
@@ -195,11 +179,9 @@ TEST_F(CfgRegistry, SetsValuesInMemoryAlone) {
 
 TEST_F(CfgRegistry, WarnsOfMissingItemsAtALimitedRate) {
   for (int i = 0; i < 10; ++i)
-    EXPECT_EQ(get("s", "k"), "-1");
-  int warnings = 0;
-  for (const auto &record : capture::take())
-    warnings += record.level == EVLOG_WARNING;
-  EXPECT_EQ(warnings, 3);
+    EXPECT_EQ(get("k"), "-1");
+  const auto records = capture::take();
+  EXPECT_EQ(std::ranges::count(records, EVLOG_WARNING, &capture::Record::level), 3);
 }
 
 TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
@@ -207,16 +189,16 @@ TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
                              "\nlonger=" + std::string(256, 'v') + "\n[t]\nk=3\n");
   const struct {
     const char *section, *item;
-    int result;
-    std::string value;
+    std::string value; // "?" where there is none
   } rows[] = {
-      {"s", "k", 0, "1"}, // the first of repeated ones
-      {"t", "k", 0, "3"},       {"s", "long", 0, std::string(255, 'v')},
-      {"s", "longer", -1, "?"}, {"t", "long", -1, "?"},
+      {"s", "k", "1"}, // the first of repeated ones
+      {"t", "k", "3"},      {"s", "long", std::string(255, 'v')},
+      {"s", "longer", "?"}, {"t", "long", "?"},
   };
   for (const auto &row : rows) {
     vorn_cfg_item_s out{"?", "?"};
-    EXPECT_EQ(vorn_cfg_getItemFromFile(a.c_str(), row.section, row.item, &out), row.result);
+    const int result = vorn_cfg_getItemFromFile(a.c_str(), row.section, row.item, &out);
+    EXPECT_EQ(result, row.value == "?" ? -1 : 0);
     EXPECT_EQ(out.value, row.value);
   }
 }

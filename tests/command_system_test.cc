@@ -2,14 +2,14 @@
 #include "vorn_cmd.h"
 
 #include <cerrno>
-#include <fcntl.h>
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
 #include "vorn_mem.h"
 
 static int limit = 100;
@@ -53,25 +53,7 @@ namespace {
 
 const Block kTableOf100{381, 400, "vorn_popen_init"};
 
-TEST(CommandSystem, NoProcessLeavesNothingOpen) {
-  const int before = dup(0);
-  close(before);
-  int pid = 5;
-  for (const char *mode : {"r", "w"}) {
-    EXPECT_EQ(vorn_popen("true", mode), nullptr);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(vorn_popen_with_pid("true", mode, &pid), nullptr);
-  }
-  EXPECT_EQ(vorn_system("true"), -1);
-  EXPECT_EQ(pid, 5);
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(after, before);
-  EXPECT_EQ(allocated, std::vector{kTableOf100});
-  EXPECT_NO_RECORD();
-}
-
-TEST(CommandSystem, WithoutATableThereIsNoStream) {
+TEST(CommandSystem, WithoutATableOrAProcessThereIsNoStream) {
   for (const int bad : {0, -1}) {
     limit = bad;
     EXPECT_EQ(vorn_popen("true", "r"), nullptr);
@@ -81,8 +63,33 @@ TEST(CommandSystem, WithoutATableThereIsNoStream) {
   out_of_memory = true;
   EXPECT_EQ(vorn_popen("true", "r"), nullptr);
   out_of_memory = false;
+
+  const int before = scratch::next_descriptor();
+  int pid = 5;
+  for (const char *mode : {"r", "w"}) {
+    EXPECT_EQ(vorn_popen("true", mode), nullptr);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(vorn_popen_with_pid("true", mode, &pid), nullptr);
+  }
+  EXPECT_EQ(vorn_system("true"), -1);
+  EXPECT_EQ(pid, 5);
+  EXPECT_EQ(scratch::next_descriptor(), before);
+  EXPECT_EQ(allocated, std::vector{kTableOf100});
+}
+
+TEST(CommandSystem, AStreamNeedsAPlaceInTheTable) {
+  const int first = scratch::next_descriptor();
+  limit = first + 1;
   EXPECT_EQ(vorn_popen("true", "r"), nullptr);
-  EXPECT_EQ(allocated, std::vector{kTableOf100}); // tried again
+  EXPECT_EQ(errno, EAGAIN); // it had one
+  EXPECT_EQ(vorn_popen("true", "w"), nullptr);
+  EXPECT_EQ(errno, EMFILE); // the end to write to is the second
+  EXPECT_EQ(scratch::next_descriptor(), first);
+  const int place = dup(0);
+  FILE *beyond = std::fopen("/dev/null", "re");
+  EXPECT_EQ(vorn_pclose(beyond), -1);
+  EXPECT_EQ(std::fclose(beyond), 0);
+  close(place);
 }
 
 TEST(CommandSystem, OfTwoTablesOneStays) {

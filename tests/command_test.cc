@@ -8,9 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <set>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -26,22 +24,28 @@ namespace {
 constexpr char kBlack[] = "|;&$<>!\n`";
 constexpr int kDangerous = -29;
 
-std::string read_all(FILE *stream) {
-  std::string text;
-  for (int c = std::fgetc(stream); c != EOF; c = std::fgetc(stream))
-    text.push_back(static_cast<char>(c));
-  return text;
+std::string line_of(FILE *stream) {
+  char line[16];
+  return stream != nullptr && std::fgets(line, sizeof line, stream) != nullptr ? line : "(none)";
 }
 
-std::string output_of(const std::string &command) {
-  FILE *stream = vorn_popen(command.c_str(), "r");
-  if (stream == nullptr) return "no stream";
-  const std::string text = read_all(stream);
+std::string output_of(const std::string &command, const char *whitelist = nullptr) {
+  FILE *stream = vorn_popen_s(command.c_str(), "r", whitelist);
+  const std::string line = line_of(stream);
   EXPECT_EQ(vorn_pclose(stream), 0);
-  return text;
+  return line;
 }
 
 int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+// Runs work in a child. Its result is the exit code.
+template <class Work> int in_child(Work work) {
+  const pid_t child = fork();
+  if (child == 0) _exit(work());
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return exit_code(status);
+}
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
@@ -54,49 +58,34 @@ protected:
     EXPECT_EQ(descriptors(), before_);
   }
 
-  static std::set<int> descriptors() {
-    std::set<int> open;
+  static std::vector<int> descriptors() {
+    std::vector<int> open;
     for (int fd = 0; fd < 256; ++fd) {
-      if (fcntl(fd, F_GETFD) >= 0) open.insert(fd);
+      if (fcntl(fd, F_GETFD) >= 0) open.push_back(fd);
     }
     return open;
   }
 
   scratch::Directory scratch_;
+  const std::string file = scratch_ / "file";
 
 private:
-  const std::set<int> before_ = descriptors();
+  const std::vector<int> before_ = descriptors();
 };
 
-using CommandGuard = Command;
 using CommandStream = Command;
-using CommandRun = Command;
-using CommandExec = Command;
 
-TEST_F(CommandGuard, JudgesEveryCharacter) {
+TEST_F(Command, JudgesEveryCharacter) {
   for (int code = 0; code < 256; ++code) {
-    SCOPED_TRACE(code);
-    const char character = static_cast<char>(code);
+    const std::string own(1, static_cast<char>(code));
+    const std::string command = "a" + own + "b";
     const bool black = code != 0 && std::strchr(kBlack, code) != nullptr;
-    std::string others = kBlack;
-    std::erase(others, character);
-    const std::string own(1, character);
-    const std::string command = std::string("a") + character + "b";
-
-    EXPECT_EQ(isBlackChar(&character), black);
-    EXPECT_EQ(isWhiteChar(&character, own.c_str()), code != 0);
-    EXPECT_EQ(isWhiteChar(&character, others.c_str()),
-              code != 0 && others.find(character) != std::string::npos);
-    EXPECT_EQ(isDangerousCmd(command.c_str(), nullptr), black);
-    EXPECT_EQ(isDangerousCmd(command.c_str(), others.c_str()), black);
-    EXPECT_EQ(isDangerousCmd(command.c_str(), own.c_str()), 0);
+    EXPECT_EQ(isBlackChar(own.data()), black) << code;
+    EXPECT_EQ(isWhiteChar(own.data(), own.c_str()), code != 0) << code;
+    EXPECT_EQ(isWhiteChar("x", own.c_str()), code == 'x');
+    EXPECT_EQ(isDangerousCmd(command.c_str(), "x"), black) << code;
+    EXPECT_EQ(isDangerousCmd(command.c_str(), own.c_str()), 0) << code;
   }
-  const char bar = '|';
-  EXPECT_EQ(isBlackChar(nullptr), 0);
-  EXPECT_EQ(isWhiteChar(nullptr, "|"), 0);
-  EXPECT_EQ(isWhiteChar(&bar, nullptr), 0);
-  EXPECT_EQ(isDangerousCmd(nullptr, nullptr), 0);
-  EXPECT_EQ(isDangerousCmd("", "|"), 0);
 }
 
 // Ways to a stream; all but the first look at the command.
@@ -111,10 +100,10 @@ const std::vector<Opener> kOpeners = {
     [](const char *command, const char *mode) { return popen_s(command, mode, nullptr); },
 };
 
-TEST_F(CommandGuard, FrontEndsRefuseInSilence) {
-  for (const char *black = kBlack; *black != '\0'; ++black) {
-    SCOPED_TRACE(*black);
-    const std::string command = "touch " + (scratch_ / "ran") + *black;
+TEST_F(Command, FrontEndsRefuseInSilence) {
+  const std::string touch = "touch " + file;
+  for (const char black : std::string(kBlack)) {
+    const std::string command = touch + black;
     for (size_t i = 1; i < kOpeners.size(); ++i)
       EXPECT_EQ(kOpeners[i](command.c_str(), "r"), nullptr) << i;
     EXPECT_EQ(vorn_system_s(command.c_str(), nullptr), kDangerous);
@@ -123,18 +112,15 @@ TEST_F(CommandGuard, FrontEndsRefuseInSilence) {
   for (const Opener opener : kOpeners) {
     EXPECT_EQ(opener(nullptr, "r"), nullptr);
     for (const char *mode : {static_cast<const char *>(nullptr), "", "x", "r+", "wr"})
-      EXPECT_EQ(opener(("touch " + (scratch_ / "ran")).c_str(), mode), nullptr);
+      EXPECT_EQ(opener(touch.c_str(), mode), nullptr);
   }
-  EXPECT_FALSE(exists(scratch_ / "ran"));
+  EXPECT_FALSE(exists(file));
   EXPECT_EQ(vorn_popen_with_pid("true", "r", nullptr), nullptr);
-  EXPECT_EQ(vorn_system_s(nullptr, nullptr), -22);
   EXPECT_EQ(vorn_cmd_exec(nullptr), -22);
   EXPECT_EQ(unused_pid, 5);
   EXPECT_NO_RECORD();
 
-  FILE *stream = vorn_popen_s("echo a | cat", "r", "|");
-  EXPECT_EQ(read_all(stream), "a\n");
-  EXPECT_EQ(vorn_pclose(stream), 0);
+  EXPECT_EQ(output_of("echo a | cat", "|"), "a\n");
   EXPECT_EQ(exit_code(system_s("true; exit 7", ";")), 7);
 }
 
@@ -152,23 +138,17 @@ TEST_F(CommandStream, ClosesWithTheRawStatus) {
 }
 
 TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
-  FILE *file = std::fopen("/dev/null", "re");
-  EXPECT_EQ(vorn_pclose(file), -1); // there is no table yet
+  EXPECT_EQ(vorn_pclose(stdin), -1); // there is no table yet
   EXPECT_EQ(output_of("echo x"), "x\n");
-  EXPECT_EQ(vorn_pclose(file), -1);
-  EXPECT_EQ(std::fclose(file), 0);
+  EXPECT_EQ(vorn_pclose(stdin), -1);
 
-  const int used = open("/dev/null", O_RDONLY); // the number after it was that of the first stream
   int pid = -1;
-  FILE *stream = vorn_popen_s_with_pid("echo y", "r", nullptr, &pid);
+  FILE *stream = vorn_popen_s_with_pid("echo y", "r", nullptr, &pid); // has the first one's number
   ASSERT_NE(stream, nullptr);
   EXPECT_EQ(vorn_pclose(stream), -1);
-  EXPECT_EQ(read_all(stream), "y\n");
+  EXPECT_EQ(line_of(stream), "y\n");
   std::fclose(stream);
-  close(used);
-  int status = -1;
-  EXPECT_EQ(waitpid(pid, &status, 0), pid);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
 // Ends with its input; not for good if a child holds an end of another's pipe.
@@ -179,13 +159,11 @@ TEST_F(CommandStream, ServesManyThreads) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < 6; ++i) {
-        FILE *first = vorn_popen(kReadAll, "w");
-        FILE *second = vorn_popen(kReadAll, "w");
+        FILE *reader = vorn_popen(kReadAll, "w");
         const std::string number = std::to_string(100 * t + i);
         EXPECT_EQ(output_of("echo " + number), number + "\n");
         EXPECT_EQ(exit_code(vorn_system(("exit " + std::to_string(t)).c_str())), t);
-        EXPECT_EQ(vorn_pclose(first), 0);
-        EXPECT_EQ(vorn_pclose(second), 0);
+        EXPECT_EQ(vorn_pclose(reader), 0);
       }
     });
   }
@@ -193,12 +171,11 @@ TEST_F(CommandStream, ServesManyThreads) {
     thread.join();
 }
 
-TEST_F(CommandRun, RefusesASeparator) {
-  const std::string file = scratch_ / "ran";
+TEST_F(Command, RefusesASeparator) {
   const std::string touch = "touch " + file;
   const std::pair<std::string, int> rows[] = {
-      {touch + ";", 0},   {touch + " && true", 0}, {touch + "\ntrue", 0}, {touch + "; true", -1},
-      {touch + ";;", -1}, {"; " + touch, -1},      {"|| " + touch, -1},   {touch + " ||", -1},
+      {touch + ";", 0},   {touch + " && true", 0}, {touch + "; true", -1},
+      {touch + ";;", -1}, {"|| " + touch, -1},     {touch + " ||", -1},
   };
   for (const auto &[command, status] : rows) {
     EXPECT_EQ(vorn_system(command.c_str()), status) << command;
@@ -206,32 +183,9 @@ TEST_F(CommandRun, RefusesASeparator) {
     EXPECT_EQ(exists(file), status == 0) << command;
     unlink(file.c_str());
   }
-  EXPECT_EQ(vorn_system(""), 0);
 }
 
-TEST_F(CommandStream, NeedsDescriptorsAndAPlaceInTheTable) {
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit low{64, limit.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &low);
-  EXPECT_EQ(output_of("echo x"), "x\n"); // there is a table of 64 now
-  setrlimit(RLIMIT_NOFILE, &limit);
-  std::vector<int> fillers;
-  for (int fd = dup(0); fd < 63; fd = dup(0))
-    fillers.push_back(fd); // 63 is taken too, and one to read from would be 64
-  EXPECT_EQ(vorn_popen("echo x", "r"), nullptr);
-  EXPECT_EQ(errno, EMFILE);
-  FILE *high = std::fopen("/dev/null", "re");
-  EXPECT_EQ(fileno(high), 64);
-  EXPECT_EQ(vorn_pclose(high), -1);
-  std::fclose(high);
-  close(63);
-  EXPECT_EQ(output_of("echo x"), "x\n");
-  for (const int fd : fillers)
-    close(fd);
-}
-
-TEST_F(CommandRun, IsThatOfAProgramLinkedForIt) {
+TEST_F(Command, IsThatOfAProgramLinkedForIt) {
   const std::string emulator = VORN_TEST_EMULATOR;
   EXPECT_EQ(exit_code(std::system((emulator + " " + VORN_TEST_PROGRAM).c_str())), 0);
 }
@@ -240,7 +194,6 @@ const char *sign = nullptr; // a file
 std::atomic<int> handled_after_sign{-1};
 
 TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
-  const std::string file = scratch_ / "done";
   sign = file.c_str();
   struct sigaction action {};
   action.sa_handler = [](int) {
@@ -261,22 +214,21 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
   EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command holds none back";
 }
 
-TEST_F(CommandRun, IsNotCancelled) {
+TEST_F(Command, IsNotCancelled) {
   int status = -1;
   int stream_status = -1;
-  std::thread thread([&] {
+  std::thread([&] {
     pthread_cancel(pthread_self());
     status = vorn_system("exit 1");
     FILE *stream = vorn_popen("exit 2", "r");
     stream_status = stream == nullptr ? -1 : vorn_pclose(stream);
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
-  });
-  thread.join();
+  }).join();
   EXPECT_EQ(exit_code(status), 1);
   EXPECT_EQ(exit_code(stream_status), 2);
 }
 
-TEST_F(CommandRun, HasNoStatusWhereChildrenAreIgnored) {
+TEST_F(Command, HasNoStatusWhereChildrenAreIgnored) {
   std::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(vorn_system("true"), -1);
   EXPECT_EQ(errno, ECHILD);
@@ -298,45 +250,36 @@ int try_with_closed(unsigned int closed, const std::string &path) {
   const std::string list = "test -e /proc/self/fd/" + std::to_string(fileno(read)) +
                            " -o -e /proc/self/fd/" + std::to_string(fileno(write));
   if (exit_code(vorn_system(list.c_str())) != 1) return 2;
-  if (read_all(read) != "text\n") return 3;
+  if (line_of(read) != "text\n") return 3;
   if (std::fputs("text", write) < 0 || vorn_pclose(write) != 0) return 4;
   if (vorn_pclose(read) != 0) return 5;
   return scratch::read_file(path) == "text" ? 0 : 6;
 }
 
 TEST_F(CommandStream, AnyStandardDescriptorMayBeClosed) {
-  for (unsigned int closed = 0; closed < 8; ++closed) {
-    const pid_t child = fork();
-    if (child == 0) _exit(try_with_closed(closed, scratch_ / "out"));
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0) << closed << " step " << exit_code(status);
-  }
+  for (unsigned int closed = 0; closed < 8; ++closed)
+    EXPECT_EQ(in_child([&] { return try_with_closed(closed, file); }), 0) << closed;
 }
 
-TEST_F(CommandExec, LooksAtTheArgumentsOnly) {
+TEST_F(Command, LooksAtTheArgumentsOnly) {
   const auto argument = [](const char *text) { return const_cast<char *>(text); };
   char *const safe[] = {argument("sh"), argument("-c"), argument("exit 7"), nullptr};
   char *const unsafe[] = {argument("sh"), nullptr, argument("a|b"), argument("c;d"), nullptr};
   const auto accept = [](const char *path, int, char *const *) {
     return path == std::string("/bin/sh") ? 0x101 : 0x100;
   };
-  const char *missing = "/no/such;program";
+  const char *missing = "/no/such;program"; // whatever gets past the guard fails to run
   EXPECT_EQ(execv_s(nullptr, 3, safe, nullptr, nullptr), -22);
-  EXPECT_EQ(execv_s("/bin/sh", -1, safe, nullptr, nullptr), -22);
+  EXPECT_EQ(execv_s(missing, -1, safe, nullptr, nullptr), -22);
   EXPECT_EQ(execv_s(missing, 3, safe, nullptr, accept), kDangerous);
   EXPECT_EQ(execv_s(missing, 4, unsafe, ";|", nullptr), -1);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(execv_s(missing, 2, unsafe, nullptr, nullptr), -1);
   EXPECT_NO_RECORD();
-  EXPECT_EQ(execv_s("/bin/sh", 4, unsafe, "|", accept), kDangerous);
+  EXPECT_EQ(execv_s(missing, 4, unsafe, "|", nullptr), kDangerous);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_str.c", "execv_s",
                     "execv cmd is dangerous, argv[3] is: c;d.");
-  const pid_t child = fork();
-  if (child == 0) _exit(execv_s("/bin/sh", 3, safe, nullptr, accept));
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(exit_code(status), 7);
+  EXPECT_EQ(in_child([&] { return execv_s("/bin/sh", 3, safe, nullptr, accept); }), 7);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // test-wraps: open ioctl
 #include "vorn_cst.h"
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <fcntl.h>
@@ -12,59 +11,46 @@
 
 #include "support/log_capture.hpp"
 
-// The kernel module: what it was asked, byte by byte, and what it answers.
+// The kernel module: how it reads a request, what it was asked, and what it answers.
+struct Block {
+  uint32_t input_length;
+  uint32_t output_length;
+  uint64_t reserved;
+  const char *input;
+  char *output;
+};
 struct Call {
   unsigned long request;
-  std::string block; // "(none)": NULL
+  Block block;
   std::string input;
 };
 static std::vector<Call> calls;
 static int open_flags = 0;
 static int last_fd = -1;
-static int open_error = 0;
-static int ioctl_result = 0;
-static int ioctl_error = 0;
 static std::string reply_value;
-
-static uint64_t number(const std::string &bytes, size_t offset, size_t size) {
-  uint64_t value = 0;
-  std::memcpy(&value, bytes.data() + offset, size);
-  return value;
-}
-
-template <class Type> static Type *pointer(const std::string &block, size_t offset) {
-  return reinterpret_cast<Type *>(number(block, offset, 8));
-}
-
-static void take_call(unsigned long request, const char *block) {
-  Call call{request, "(none)", ""};
-  if (block != nullptr) {
-    call.block.assign(block, 32);
-    call.input.assign(pointer<const char>(call.block, 16), number(call.block, 0, 4));
-    char *reply = pointer<char>(call.block, 24);
-    if (reply != nullptr) std::memcpy(reply + 33, reply_value.data(), reply_value.size());
-  }
-  calls.push_back(call);
-}
 
 extern "C" {
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
   if (std::string(path) != "/proc/nyx/syscall") return __real_open(path, flags);
   open_flags = flags;
-  errno = open_error;
-  last_fd = open_error != 0 ? -1 : __real_open("/dev/null", flags);
-  return last_fd;
+  return last_fd = __real_open("/dev/null", flags);
 }
 
 int __wrap_ioctl(int fd, unsigned long request, ...) {
   EXPECT_EQ(fd, last_fd);
   va_list args;
   va_start(args, request);
-  take_call(request, va_arg(args, const char *));
+  const Block *block = va_arg(args, const Block *);
   va_end(args);
-  errno = ioctl_error;
-  return ioctl_result;
+  if (block == nullptr) {
+    calls.push_back({request, {}, ""});
+    return 0;
+  }
+  calls.push_back({request, *block, std::string(block->input, block->input_length)});
+  if (block->output != nullptr)
+    std::memcpy(block->output + 33, reply_value.data(), reply_value.size());
+  return 0;
 }
 }
 
@@ -82,15 +68,8 @@ const std::string kSection(34, 's');
 const std::string kItem(32, 'i');
 const std::string kValue(256, 'v');
 
-struct ConfigurationStore : testing::Test {
-  ConfigurationStore() {
-    calls.clear();
-    open_flags = 0;
-  }
-};
-
 // What goes to the kernel module: 325 bytes of the section's, the item's and the value's.
-TEST_F(ConfigurationStore, AsksTheKernelModule) {
+TEST(ConfigurationStore, AsksTheKernelModule) {
   reply_value = std::string("on\0behind", 9);
   char out[VORN_CST_VALUE_SIZE];
   ASSERT_EQ(vorn_cst_getItem(kSection.c_str(), kItem.c_str(), out, sizeof out), 0);
@@ -102,18 +81,17 @@ TEST_F(ConfigurationStore, AsksTheKernelModule) {
 
   ASSERT_EQ(calls.size(), 3u);
   EXPECT_EQ(calls[0].request, 256u);
-  EXPECT_EQ(number(calls[0].block, 0, 4), 325u);
-  EXPECT_EQ(number(calls[0].block, 4, 4), 290u);
+  EXPECT_EQ(calls[0].block.output_length, 290u);
   EXPECT_EQ(calls[0].input, item_bytes(kSection, kItem, ""));
   EXPECT_EQ(calls[1].request, 257u);
   EXPECT_EQ(calls[1].input, item_bytes(kSection, kItem, kValue));
-  EXPECT_EQ(number(calls[1].block, 24, 8), 0u); // there is no reply
+  EXPECT_EQ(calls[1].block.output, nullptr); // there is no reply
   EXPECT_EQ(calls[2].request, 258u);
-  EXPECT_EQ(calls[2].block, "(none)");
+  EXPECT_EQ(calls[2].block.input, nullptr);
   EXPECT_NO_RECORD();
 }
 
-TEST_F(ConfigurationStore, StoresNoMoreThanThereIsRoomFor) {
+TEST(ConfigurationStore, StoresNoMoreThanThereIsRoomFor) {
   const std::string unterminated(257, 'v');
   const struct {
     std::string reply;
