@@ -31,19 +31,22 @@ static bool fails_next(std::deque<int> &errors) {
   return errno != 0;
 }
 
+static ssize_t then_rename(ssize_t length) {
+  if (rename_after_read != nullptr) prctl(PR_SET_NAME, rename_after_read);
+  return length;
+}
+
 extern "C" {
 ssize_t __real_read(int fd, void *buf, size_t count);
 ssize_t __wrap_read(int fd, void *buf, size_t count) {
   if (fails_next(read_errors)) return -1;
-  const ssize_t length = __real_read(fd, buf, std::min(count, most_read));
-  if (rename_after_read != nullptr) prctl(PR_SET_NAME, rename_after_read);
-  return length;
+  return then_rename(__real_read(fd, buf, std::min(count, most_read)));
 }
 
 ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
 ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset) {
   if (fails_next(read_errors)) return -1;
-  return __real_pread(fd, buf, std::min(count, most_read), offset);
+  return then_rename(__real_pread(fd, buf, std::min(count, most_read), offset));
 }
 
 ssize_t __real_write(int fd, const void *buf, size_t count);

@@ -27,6 +27,7 @@ struct Lockfile : testing::Test {
   int refused_elsewhere(vorn_file_lock_s lock) {
     const pid_t child = fork();
     if (child == 0) {
+      alarm(10); // of a wait without end
       const int other = open(path.c_str(), O_RDWR | O_CLOEXEC);
       _exit(vorn_lockfile(other, &lock) == 0 ? 0 : errno);
     }
