@@ -10,13 +10,12 @@
 
 namespace {
 
-int g_calls = 0;
-
 TEST(PercpuPosix, OnceRunsOnceAndAKeyHoldsAValueForEachThread) {
+  static int calls = 0;
   pthread_once_t once = PTHREAD_ONCE_INIT;
   for (int i = 0; i < 2; ++i)
-    EXPECT_EQ(vorn_pthread_init_once(&once, [] { ++g_calls; }), 0);
-  EXPECT_EQ(g_calls, 1);
+    EXPECT_EQ(vorn_pthread_init_once(&once, [] { ++calls; }), 0);
+  EXPECT_EQ(calls, 1);
 
   pthread_key_t key;
   ASSERT_EQ(vorn_key_create(&key, [](void *value) { *static_cast<int *>(value) = 7; }), 0);
