@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <chrono>
 #include <deque>
@@ -226,11 +227,14 @@ TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
     const unsigned int consumers = ring_->consumer.single != 0 ? 1 : 3;
     items_.assign(producers * kPerProducer, {});
     left_ = static_cast<int>(items_.size());
+    std::barrier start{static_cast<std::ptrdiff_t>(producers + consumers)};
     std::vector<std::jthread> threads;
-    for (unsigned int i = 0; i < producers; ++i)
-      threads.emplace_back([this, i] { produce(i); });
-    for (unsigned int i = 0; i < consumers; ++i)
-      threads.emplace_back([this, i] { consume(i); });
+    for (unsigned int i = 0; i < producers + consumers; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        i < producers ? produce(i) : consume(i - producers);
+      });
+    }
     threads.clear();
     ASSERT_FALSE(given_up_) << size;
     EXPECT_EQ(std::ranges::count(items_, 1u, &Item::taken), std::ssize(items_));
