@@ -94,6 +94,16 @@ TEST_F(Driver, AnUnusableOneIsReportedAndClosedUntilItCanBeUsed) {
   EXPECT_EQ(vorn_get_jiffies(), kCount);
 }
 
+TEST_F(Driver, ANameThatIsTooLongIsReportedAndGoesOnAsNone) {
+  scratch::write_file(kUio + "uio" + std::string(124, 'x') + "/x", "");
+  EXPECT_EQ(jiffies_usr_main(), -1);
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].function, "vorn_get_child_dir");
+  EXPECT_EQ(records[0].text, "strcpy_s failed.");
+  EXPECT_EQ(records[1].text, "Vorn jiffies open addr_fd map failed, errno=2.");
+}
+
 TEST(Jiffies, AreTheClocksWithoutTheDriver) {
   std::vector<std::jthread> threads;
   for (int t = 0; t < 4; ++t)
