@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <latch>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -102,6 +103,25 @@ TEST(Mem, CountsFromManyThreadsLoseNothing) {
   }
   threads.clear();
   EXPECT_EQ(shown::by(vorn_mem_show), shown_as("| 5            800000 ", "800000"));
+}
+
+TEST(Mem, ChildOfForkMayAllocateWhileNoTableIsThere) {
+  vornsim_fail(VORN_SYSCALL_MEM_STAT, EPERM);
+  std::jthread other([](const std::stop_token &stop) {
+    while (!stop.stop_requested())
+      vorn_mem_stat_add(1, 1);
+  });
+  for (int i = 0; i < 100; ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(60);
+      vorn_mem_stat_add(1, 1);
+      _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(status, 0);
+  }
 }
 
 TEST(MemInfo, AgreesWithTheSystem) {
