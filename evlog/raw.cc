@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "guards.hpp"
+#include "base/kept_errno.hpp"
+#include "no_cancel.hpp"
 #include "output.hpp"
 
 namespace logging {
@@ -20,7 +21,7 @@ constexpr std::size_t kRawBytes = 1023;
 // for %m: evlog.h excludes these. Were one to come nevertheless, the risk is an interrupted malloc
 // or setlocale, and only in a signal handler.
 int write_raw(LineEnd end, const char *format, std::va_list args) {
-  const KeepErrno errno_stays;
+  const vorn::KeptErrno errno_stays;
   const NoCancel not_cancelled;
   if (format == nullptr) return -1;
   char buffer[kRawBytes + 1]; // the NUL's place takes the newline
