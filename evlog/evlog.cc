@@ -1,7 +1,8 @@
 #include "evlog.h"
 
-#include "guards.hpp"
+#include "base/kept_errno.hpp"
 #include "modules.hpp"
+#include "no_cancel.hpp"
 #include "output.hpp"
 #include "rate_limit.hpp"
 #include "raw.hpp"
@@ -13,7 +14,7 @@ namespace {
 
 void report_dropped(unsigned int module, unsigned long dropped, const Place &place) {
   if (dropped == 0) return;
-  const KeepErrno errno_stays; // the record that follows may show it
+  const vorn::KeptErrno errno_stays; // the record that follows may show it
   write_record(module, EVLOG_WARNING, place,
                "%lu records of group %d were dropped by the rate limit.", dropped,
                group_of(module));
@@ -31,7 +32,7 @@ int evlog_init(const char *program, const char *directory) {
 }
 
 int evlog_destroy() {
-  const KeepErrno errno_stays;
+  const vorn::KeptErrno errno_stays;
   const NoCancel not_cancelled;
   close_log_file();
   return 0;
@@ -43,7 +44,7 @@ int evlog_level_check(unsigned int module, int level) {
 
 int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
           unsigned int, const char *format, ...) {
-  const KeepErrno errno_stays;
+  const vorn::KeptErrno errno_stays;
   const NoCancel not_cancelled;
   unsigned long dropped;
   if (!admit_record(group_of(module), &dropped)) return 1;
@@ -77,7 +78,7 @@ int evlog_loglevel_set(unsigned int module, int level) {
 }
 
 int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms) {
-  const KeepErrno errno_stays;
+  const vorn::KeptErrno errno_stays;
   const NoCancel not_cancelled;
   unsigned long dropped;
   if (!set_rate_limit(group, burst, interval_ms, &dropped)) return -1;

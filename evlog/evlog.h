@@ -9,12 +9,12 @@
  *   2024-05-06T07:08:09.123456+02:00 E 381 4711 vorn_init.c:120 vorn_Init: Vorn init failed.
  *
  * that is local time with its offset from UTC, level (C critical, E error, W warning, I
- * information, D debug), module, kernel thread id, file:line, function and text. A file that
- * reaches 8 MiB becomes <program>.log.1, the older ones .2 and .3, and a new one is begun. What a
- * full disk refuses is lost. Where the directory does not permit the renaming, the file is let grow
- * to 32 MiB and then emptied. The library holds one descriptor, made by the first evlog_init and
- * kept until the process ends: a process that closes descriptors it does not know does so before
- * that.
+ * information, D debug), module, kernel thread id, file:line, function and text. A file of 8 MiB or
+ * more becomes <program>.log.1 ahead of the next text, the older ones .2 and .3, and a new one is
+ * begun. What a full disk refuses is lost. Where the directory does not permit the renaming, the
+ * file is let grow to 32 MiB and then emptied. The library holds one descriptor, made by the first
+ * evlog_init and kept until the process ends: a process that closes descriptors it does not know
+ * does so before that.
  *
  * Any thread may call any function, and none is a cancellation point. evlog_level_check,
  * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of
@@ -71,8 +71,8 @@ EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned i
  * there, to the log file (standard error where there is none or it fails) in one write; a newline
  * is added where the text does not end in one. Neither locks nor allocates, keeps errno:
  * signal-safe, as long as no width or precision in the format exceeds 500 and no conversion takes
- * wide characters or a numbered value (%1$d). Returns the number of bytes written; -1 for a
- * NULL format and when nothing could be written. */
+ * wide characters, a numbered value (%1$d) or the errno's text (%m). Returns the number of bytes
+ * written; -1 for a NULL format and when nothing could be written. */
 EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 
 /* The same with the values as a va_list, and nothing added to the text. */

@@ -11,11 +11,12 @@
 // Whoever changes the slot holds `switching`. Opening and closing wait for it, but a writer that
 // finds the file full only tries: when it fails somebody else is at it, maybe the very code that
 // this signal handler interrupted, and the text stays in the file of before. Rotation consists of
-// system calls that signal handlers may make. The count of bytes and the file may disagree for a
-// moment when a writer adds to the count of the next file; that only moves the next rotation a
-// little.
+// system calls that signal handlers may make. How full the file is, every writer asks the kernel:
+// other processes may write to it, or have put the next one in its place, and a text must not go to
+// a file that is about to be deleted.
 #include "output.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -65,7 +66,7 @@ constinit SwitchLock switching;
 Paths paths;                            // under switching
 constinit int slot = -1;                // under switching
 constinit std::atomic<int> log_fd = -1; // the slot while there is a log file
-constinit std::atomic<off_t> file_bytes = 0;
+constinit std::atomic<off_t> full_size = kFileBytes;
 
 int fail(int error) {
   errno = error;
@@ -106,15 +107,13 @@ UniqueFd open_to_append(const char *path) {
 
 // The first file makes the slot, above the standard descriptors even where these are closed.
 bool put_into_slot(const UniqueFd &file) {
-  struct stat info;
-  if (fstat(file.get(), &info) != 0) return false;
   if (slot < 0) {
     slot = fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (slot < 0) return false;
   } else if (dup3(file.get(), slot, O_CLOEXEC) < 0) {
     return false;
   }
-  file_bytes = info.st_size;
+  full_size = kFileBytes;
   return true;
 }
 
@@ -149,15 +148,16 @@ bool begin_next_file(const struct stat &full) {
 
 void rotate() {
   std::unique_lock hold{switching, std::try_to_lock};
-  if (!hold.owns_lock() || log_fd < 0 || file_bytes < kFileBytes) return;
+  if (!hold.owns_lock() || log_fd < 0) return;
   struct stat full;
-  if (fstat(slot, &full) != 0 || !lock_full_file(F_WRLCK)) return;
+  if (fstat(slot, &full) != 0 || full.st_size < full_size || !lock_full_file(F_WRLCK)) return;
   age_files(full);
   if (begin_next_file(full)) return;
   lock_full_file(F_UNLCK);
   // Try again a file's size later, within what all the files may take together.
   if (full.st_size >= kAllBytes) std::ignore = ftruncate(slot, 0);
-  file_bytes = 0;
+  full_size =
+      full.st_size < kAllBytes ? std::min(full.st_size + kFileBytes, kAllBytes) : kFileBytes;
 }
 
 } // namespace
@@ -185,9 +185,8 @@ void close_log_file() {
 ssize_t write_log_file(std::string_view text) {
   const int fd = log_fd;
   if (fd < 0) return -1;
-  const ssize_t written = write_whole(fd, text);
-  if (written > 0 && file_bytes.fetch_add(written) + written >= kFileBytes) rotate();
-  return written;
+  if (lseek(fd, 0, SEEK_END) >= full_size) rotate(); // every write appends, wherever that leads
+  return write_whole(fd, text);
 }
 
 ssize_t write_console(std::string_view text) { return write_whole(STDERR_FILENO, text); }

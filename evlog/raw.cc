@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "guards.hpp"
+#include "base/kept_errno.hpp"
+#include "no_cancel.hpp"
 #include "output.hpp"
 
 namespace logging {
@@ -16,10 +17,11 @@ constexpr std::size_t kRawBytes = 1023;
 
 // The C library's formatter works on the stack for texts, characters, integers and pointers, and
 // for floating point of ordinary width. It takes memory for a width or precision beyond about a
-// thousand, for wide characters and for long lists of numbered values: evlog.h excludes these. Were
-// one to come nevertheless, the risk is an interrupted malloc, and only in a signal handler.
+// thousand, for wide characters and for long lists of numbered values, and takes the locale's locks
+// for %m: evlog.h excludes these. Were one to come nevertheless, the risk is an interrupted malloc
+// or setlocale, and only in a signal handler.
 int write_raw(LineEnd end, const char *format, std::va_list args) {
-  const KeepErrno errno_stays;
+  const vorn::KeptErrno errno_stays;
   const NoCancel not_cancelled;
   if (format == nullptr) return -1;
   char buffer[kRawBytes + 1]; // the NUL's place takes the newline

@@ -11,7 +11,7 @@
 
 // In front of the library's own: the process's name, the configuration store and the binding.
 static const char *process = "app_data";
-static const char *item = "1,3,4096,,-1,4294967298,1023,x";
+static const char *item = "1,3,1024,,-1,4294967298,1023,x";
 static int bind_result = 0;
 static std::string bound;
 
@@ -40,38 +40,39 @@ int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset) {
 namespace {
 
 constexpr char kFile[] = "vorn_affinity.c";
+constexpr char kLevel[] = "affinity_level_1";
+
+void expect_nothing_to_bind_to() {
+  for (const char *name : {kLevel, "other", ""})
+    EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), name), 0);
+  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), nullptr), -1);
+  EXPECT_EQ(vorn_get_affinity_entity(""), nullptr);
+  EXPECT_EQ(bound, "");
+}
 
 TEST(Affinity, ThreadsAreBoundToTheLevel) {
   std::thread reader([] { // sees the whole level or none
     const vorn_affinity_level_s *level = nullptr;
-    while ((level = vorn_get_affinity_entity("affinity_level_1")) == nullptr)
+    while ((level = vorn_get_affinity_entity(kLevel)) == nullptr)
       std::this_thread::yield();
     EXPECT_EQ(level->cpuset[15], 1ul << 63);
+    EXPECT_STREQ(level->name, kLevel);
   });
   EXPECT_EQ(vorn_affinity_init(), 0);
   reader.join();
   item = "9";
   ASSERT_EQ(vorn_affinity_init(), 0);
-  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), "affinity_level_1"), 0);
+  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), kLevel), 0);
   std::string expected(VORN_THRD_CPUSET_SIZE, '\0');
   expected[0] = 0x0B; // 0, 1 and 3
   expected[127] = '\x80';
   EXPECT_EQ(bound, expected);
-  EXPECT_STREQ(vorn_get_affinity_entity("affinity_level_1")->name, "affinity_level_1");
   EXPECT_NO_RECORD();
   bind_result = -1;
-  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), "affinity_level_1"), -1);
+  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), kLevel), -1);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, "vorn_set_thread_affinity",
                     "vorn_thrd_setbindcpu for tid(" + std::to_string(pthread_self()) +
                         ") with(affinity_level_1) failed.");
-}
-
-void expect_nothing_to_bind_to() {
-  for (const char *name : {"affinity_level_1", "other", ""})
-    EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), name), 0);
-  EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), nullptr), -1);
-  EXPECT_EQ(vorn_get_affinity_entity(""), nullptr);
-  EXPECT_EQ(bound, "");
 }
 
 TEST(Affinity, AnotherProcessHasNoLevel) {

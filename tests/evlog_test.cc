@@ -2,7 +2,6 @@
 // test-links: evlog
 #include "evlog.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -10,21 +9,20 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <functional>
 #include <gtest/gtest.h>
-#include <pthread.h>
+#include <sstream>
 #include <string>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "base/unique_fd.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -35,32 +33,28 @@ constexpr unsigned int kModule = 381;
 const char *const kNoText = nullptr;
 
 std::vector<std::string> lines_of(const std::string &text) {
+  std::istringstream in(text);
   std::vector<std::string> lines;
-  for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = std::min(text.find('\n', start), text.size());
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  for (std::string line; std::getline(in, line);)
+    lines.push_back(line);
   return lines;
 }
 
 // Takes what goes to descriptor 2 while it exists.
 class Console {
 public:
-  Console() : saved_(dup(STDERR_FILENO)), taken_(memfd_create("console", 0)) {
-    fcntl(taken_, F_SETFL, O_APPEND);
-    dup2(taken_, STDERR_FILENO);
+  Console() {
+    fcntl(taken_.get(), F_SETFL, O_APPEND);
+    dup2(taken_.get(), STDERR_FILENO);
   }
-  ~Console() {
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    close(taken_);
+  ~Console() { dup2(saved_.get(), STDERR_FILENO); }
+  std::string text() const {
+    return scratch::read_file("/proc/self/fd/" + std::to_string(taken_.get()));
   }
-  std::string text() const { return scratch::read_file("/proc/self/fd/" + std::to_string(taken_)); }
 
 private:
-  int saved_;
-  int taken_;
+  const vorn::UniqueFd saved_{dup(STDERR_FILENO)};
+  const vorn::UniqueFd taken_{memfd_create("console", 0)};
 };
 
 class Evlog : public testing::Test {
@@ -98,6 +92,13 @@ int vraw(const char *format, ...) {
 void write_numbered(int number) { evlog_original("%-1000d", number); }
 constexpr int kNumberedPerFile = kFileBytes / 1001 + 1;
 
+std::size_t count_of(const std::string &text, const std::string &log) {
+  std::size_t count = 0;
+  for (const std::string &line : lines_of(log))
+    count += line.ends_with(text);
+  return count;
+}
+
 // The sum of all reports of the rate limit on group 23.
 unsigned long dropped_by_reports(const std::string &log) {
   unsigned long sum = 0;
@@ -108,27 +109,12 @@ unsigned long dropped_by_reports(const std::string &log) {
   return sum;
 }
 
-std::size_t count_of(const std::string &text, const std::string &log) {
-  std::size_t count = 0;
-  for (const std::string &line : lines_of(log))
-    count += line.ends_with(text);
-  return count;
-}
-
 // Run once, just before the next call of the system's function.
 void (*before_write)();
 void (*before_rename)();
 
 void run(void (*&hook)()) {
   if (hook != nullptr) std::exchange(hook, nullptr)();
-}
-
-void run_threads(int count, const std::function<void(int thread)> &body) {
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < count; ++thread)
-    threads.emplace_back(body, thread);
-  for (std::thread &thread : threads)
-    thread.join();
 }
 
 } // namespace
@@ -146,15 +132,14 @@ int rename(const char *from, const char *to) {
 
 TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
   setenv("TZ", "LOG-02:30", 1);
-  tzset();
   open_log();
+  Console console;
   const std::time_t before = time(nullptr);
   EXPECT_EQ(evlog(kModule, EVLOG_INFO, "vorn_init.c", 120, "vorn_Init", 0, "ret %d.\n", -5), 0);
 
   const std::string text = log();
   std::tm written = {};
-  const char *fraction = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &written);
-  ASSERT_NE(fraction, nullptr) << text;
+  ASSERT_NE(strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &written), nullptr) << text;
   EXPECT_GE(mktime(&written), before);
   EXPECT_LE(mktime(&written), time(nullptr));
   EXPECT_EQ(text.substr(text.find('+')),
@@ -166,21 +151,12 @@ TEST_F(Evlog, ARecordIsALineWithItsTimeLevelModuleThreadAndPlace) {
     const std::string line = lines_of(log()).back();
     EXPECT_EQ(line.size() - line.find("vorn_x.c"), 4095u);
   }
-}
-
-TEST_F(Evlog, TheFileTakesEveryLevelAndTheConsoleWarnings) {
-  open_log();
-  Console console;
-  for (int level = 0; level < 8; ++level) {
+  for (int level = 0; level < 8; ++level) { // the console takes warnings, the file all
     log_at(level, "text");
     EXPECT_EQ(lines_of(log()).back()[33], "CCCEWIID"[level]) << level;
   }
   EXPECT_EQ(lines_of(console.text()).size(), 5u);
-  EXPECT_EQ(lines_of(console.text()).back(), lines_of(log())[EVLOG_WARNING]);
-  evlog_destroy(); // the console is what there is then
-  log_at(EVLOG_INFO, "unseen");
-  evlog_original("seen");
-  EXPECT_EQ(lines_of(console.text()).size(), 6u);
+  EXPECT_EQ(lines_of(console.text()).back(), lines_of(log())[3 + EVLOG_WARNING]);
 }
 
 TEST_F(Evlog, LevelsAreKeptByModule) {
@@ -221,9 +197,7 @@ TEST_F(Evlog, ASecondInitMovesTheLogUnlessItFails) {
   evlog_original("one");
   ASSERT_EQ(evlog_init(nullptr, (dir / "made").c_str()), 0);
   evlog_original("two");
-  open_log();
-  evlog_original("three");
-  EXPECT_EQ(log(), "one\nthree\n");
+  EXPECT_EQ(log(), "one\n");
   EXPECT_EQ(scratch::read_file(dir / "made/" + program_invocation_short_name + ".log"), "two\n");
 }
 
@@ -243,41 +217,35 @@ TEST_F(Evlog, FilesRotateAndThreeOldOnesAreKept) {
   EXPECT_FALSE(fs::exists(dir / "app.log.4"));
 }
 
-// The child finds the file full while its parent rotates it.
+// The child finds the file full while its parent rotates it, and an old one later. What filled it
+// was not the child's.
 TEST_F(Evlog, OneOfTheProcessesThatShareAFileRotatesIt) {
-  scratch::write_file(dir / "app.log", std::string(kFileBytes, 'x'));
+  static pid_t child;
+  static constexpr auto await_stop = [] { waitpid(child, nullptr, WUNTRACED); };
+  scratch::write_file(dir / "app.log", std::string(kFileBytes - 1, 'x'));
   open_log();
-  static int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  static constexpr auto pass_turn = [](int end) { send(end, "", 1, 0); };
-  static constexpr auto await_turn = [](int end) {
-    char turn;
-    recv(end, &turn, 1, 0);
-  };
-  const pid_t child = fork();
+  child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    await_turn(ends[1]);
-    evlog_original("child");
-    pass_turn(ends[1]);
-    await_turn(ends[1]);
-    evlog_original("child, late");
-    evlog_original("child, moved");
+    for (const char *text : {"child", "child, moved"}) {
+      raise(SIGSTOP);
+      evlog_original("%s", text);
+    }
     _exit(0);
   }
+  await_stop();
+  evlog_original("full");
   before_rename = [] {
     evlog_original("in the midst");
-    pass_turn(ends[0]);
-    await_turn(ends[0]);
+    kill(child, SIGCONT);
+    await_stop();
   };
-  log_at(EVLOG_INFO, "parent"); // a record rotates the file as well
-  evlog_original("parent, moved");
-  pass_turn(ends[0]);
-  ASSERT_EQ(waitpid(child, nullptr, 0), child);
+  log_at(EVLOG_INFO, "parent, moved"); // a record rotates the file as well
+  kill(child, SIGCONT);
+  await_stop();
 
-  EXPECT_TRUE(scratch::read_file(dir / "app.log.1")
-                  .ends_with("work: parent\nin the midst\nchild\nchild, late\n"));
-  EXPECT_EQ(log(), "parent, moved\nchild, moved\n");
+  EXPECT_TRUE(scratch::read_file(dir / "app.log.1").ends_with("xfull\nin the midst\nchild\n"));
+  EXPECT_TRUE(log().ends_with("work: parent, moved\nchild, moved\n")) << log();
   EXPECT_FALSE(fs::exists(dir / "app.log.2"));
 }
 
@@ -295,16 +263,19 @@ TEST_F(Evlog, AFileThatCannotBeRotatedStaysBounded) {
   EXPECT_EQ(std::stoi(lines_of(log()).back()), 5 * kNumberedPerFile - 1);
 }
 
-TEST_F(Evlog, AFullDiskSendsRawTextsAndWarningsToTheConsole) {
+TEST_F(Evlog, AFullOrClosedLogSendsRawTextsAndWarningsToTheConsole) {
   fs::create_symlink("/dev/full", dir / "app.log");
   open_log();
   Console console;
-  errno = ERANGE;
-  EXPECT_EQ(log_at(EVLOG_INFO, "lost"), 0);
-  EXPECT_EQ(log_at(EVLOG_WARNING, "seen"), 0);
-  EXPECT_EQ(evlog_original("raw"), 4);
-  EXPECT_EQ(errno, ERANGE);
-  EXPECT_EQ(lines_of(console.text()).size(), 2u) << console.text();
+  for (const std::size_t seen : {2u, 4u}) {
+    errno = ERANGE;
+    EXPECT_EQ(log_at(EVLOG_INFO, "lost"), 0);
+    EXPECT_EQ(log_at(EVLOG_WARNING, "seen"), 0);
+    EXPECT_EQ(evlog_original("raw"), 4);
+    EXPECT_EQ(evlog_destroy(), 0);
+    EXPECT_EQ(errno, ERANGE);
+    EXPECT_EQ(lines_of(console.text()).size(), seen) << console.text();
+  }
 }
 
 TEST_F(Evlog, EveryRecordOfAGroupIsWrittenOrCounted) {
@@ -330,19 +301,28 @@ TEST_F(Evlog, EveryRecordOfAGroupIsWrittenOrCounted) {
 }
 
 // What a writer takes for the log file is never somebody else's file, and its text is not lost.
-TEST_F(Evlog, ALogThatClosesUnderItsWriterSendsTheTextToTheConsole) {
-  open_log();
+TEST_F(Evlog, ALogMayMoveAndCloseUnderItsWriter) {
+  static std::string other;
   static std::vector<int> victims;
-  victims.clear();
-  before_write = [] {
-    evlog_destroy();
+  static constexpr auto take_descriptors = [] {
     for (int i = 0; i < 10; ++i)
       victims.push_back(memfd_create("victim", 0));
   };
+  other = dir / "other";
+  open_log();
+  before_write = [] {
+    evlog_init("app", other.c_str());
+    take_descriptors();
+  };
+  EXPECT_EQ(evlog_original("moved"), 6);
+  before_write = [] {
+    evlog_destroy();
+    take_descriptors();
+  };
   Console console;
-  EXPECT_EQ(evlog_original("text"), 5);
-  EXPECT_EQ(console.text(), "text\n");
-  EXPECT_EQ(log(), "");
+  EXPECT_EQ(evlog_original("closed"), 7);
+  EXPECT_EQ(scratch::read_file(other + "/app.log"), "moved\n");
+  EXPECT_EQ(console.text(), "closed\n");
   for (const int victim : victims)
     EXPECT_EQ(lseek(victim, 0, SEEK_END), 0);
 }
@@ -351,8 +331,7 @@ TEST_F(Evlog, ALogThatClosesUnderItsWriterSendsTheTextToTheConsole) {
 TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfARecord) {
   open_log();
   Console console;
-  static std::atomic<int> handled;
-  handled = 0;
+  static std::atomic<int> handled = 0;
   signal(SIGALRM, [](int) {
     const int interrupted = errno;
     errno = ERANGE;
@@ -375,43 +354,17 @@ TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfARecord) {
   EXPECT_EQ(count_of("work: record", console.text()), records);
 }
 
-TEST_F(Evlog, TheLogMovesUnderManyWritersWithoutALoss) {
-  Console console;
-  std::atomic<bool> stop = false;
-  std::thread mover{[&] {
-    const std::string other = dir / "other";
-    while (!stop) {
-      evlog_init("app", dir.path().c_str());
-      evlog_init("app", other.c_str());
-      evlog_destroy();
-    }
-  }};
-  constexpr int kThreads = 3, kTexts = 5000;
-  run_threads(kThreads, [](int) {
-    for (int i = 0; i < kTexts; ++i)
-      evlog_original("text");
-  });
-  stop = true;
-  mover.join();
-  EXPECT_EQ(count_of("text", log() + scratch::read_file(dir / "other/app.log") + console.text()),
-            static_cast<std::size_t>(kThreads * kTexts));
-}
-
 TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
   open_log();
   std::atomic<bool> stop = false;
-  std::vector<std::thread> busy;
-  for (int thread = 0; thread < 2; ++thread) {
-    busy.emplace_back([&] {
-      while (!stop) {
-        log_at(EVLOG_INFO, "busy");
-        evlog_ratelimit_set(23, 0, 0);
-        evlog_init("app", dir.path().c_str());
-      }
-    });
-  }
-  log_at(EVLOG_INFO, "parent"); // whose thread id is not the child's
-  for (int i = 0; i < 50; ++i) {
+  const auto keep_busy = [&] {
+    while (!stop) {
+      log_at(EVLOG_INFO, "busy");
+      evlog_ratelimit_set(23, 0, 0);
+      evlog_init("app", dir.path().c_str());
+    }
+  };
+  const auto fork_one = [&] {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
@@ -425,8 +378,12 @@ TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
     const std::string id = std::to_string(child);
     const std::string line = lines_of(scratch::read_file(dir / "child.log")).back();
     EXPECT_NE(line.find(" I 381 " + id + " vorn_x.c:7 work: " + id), std::string::npos) << line;
-  }
-  stop = true;
-  for (std::thread &thread : busy)
-    thread.join();
+  };
+  run_threads(3, [&](int thread) {
+    if (thread > 0) return keep_busy();
+    log_at(EVLOG_INFO, "parent"); // whose thread id is not the child's
+    for (int i = 0; i < 50; ++i)
+      fork_one();
+    stop = true;
+  });
 }

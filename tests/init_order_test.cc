@@ -4,48 +4,32 @@
 #include <unistd.h>
 #include <vector>
 
-#include "evlog.h"
 #include "support/log_capture.hpp"
-#include "vorn_affinity.h"
-#include "vorn_cpufreq.h"
-#include "vorn_cpumask.h"
-#include "vorn_crc.h"
-#include "vorn_init.h"
-#include "vorn_jiffies.h"
-#include "vorn_process.h"
-#include "vorn_sched.h"
-#include "vorn_smp.h"
-#include "vorn_symbol.h"
-#include "vorn_thrd.h"
-#include "vorn_time.h"
+#include "vorn.h"
 
 static std::vector<std::string> steps;
-static uint64_t time_result = 0;
+static int cpufreq_result = 0;
+static int time_result = 0;
 static int optional_result = 0;
 
-static int note(const char *step) {
+static int note(const std::string &step, int result = 0) {
   steps.push_back(step);
-  return 0;
+  return result;
 }
 
 int vorn_glibc_init() { return note("unwinder"); }
 int jiffies_usr_main() { return note("jiffies source"); }
 void jiffies_Init() { note("jiffies"); }
 void pid_init_names() { note("names"); }
-void vorn_pid_set_name(unsigned int id, const char *name) {
-  note((std::to_string(id) + " " + name).c_str());
-}
+void vorn_pid_set_name(unsigned int id, const char *name) { note(std::to_string(id) + " " + name); }
 void vorn_thrd_setpid_accl(pid_t pid) { note(pid == getpid() ? "process id" : "wrong id"); }
-int vorn_sched_init() { return note("sched") + optional_result; }
-int cpumask_init() { return note("masks") + optional_result; }
-int globalCpuNum_init() { return note("counts") + optional_result; }
-int vorn_cpufreq_init() { return note("cpufreq"); }
-uint64_t vorn_gettime_init() {
-  note("time");
-  return time_result;
-}
+int vorn_sched_init() { return note("sched", optional_result); }
+int cpumask_init() { return note("masks", optional_result); }
+int globalCpuNum_init() { return note("counts", optional_result); }
+int vorn_cpufreq_init() { return note("cpufreq", cpufreq_result); }
+uint64_t vorn_gettime_init() { return static_cast<uint64_t>(note("time", time_result)); }
 int vorn_thrd_module_init() { return note("threads"); }
-int vorn_affinity_init() { return note("affinity") + optional_result; }
+int vorn_affinity_init() { return note("affinity", optional_result); }
 int vorn_symbol_init() { return note("symbols"); }
 void vorn_crc32_init() { note("crc"); }
 void pid_destroy_names() { note("clear names"); }
@@ -55,35 +39,53 @@ namespace {
 
 using Steps = std::vector<std::string>;
 
+// What was logged: "level function: text".
+Steps records() {
+  Steps all;
+  for (const auto &record : capture::take())
+    all.push_back(std::to_string(record.level) + " " + record.function + ": " + record.text);
+  return all;
+}
+
 TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
   ASSERT_EQ(vorn_Init(), 0);
+  EXPECT_EQ(records(),
+            (Steps{"6 vorn_Init: Vorn init start.", "6 vorn_Init: Vorn init end ret 0."}));
+  ASSERT_EQ(vorn_Init(), 0); // does nothing
   EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX",
                           "process id", "sched", "masks", "counts", "cpufreq", "time", "threads",
                           "affinity", "symbols", "crc"}));
-  EXPECT_EQ(capture::take_texts(), (Steps{"Vorn init start.", "Vorn init end ret 0."}));
   steps.clear();
   vorn_destory();
+  vorn_destory();
   EXPECT_EQ(steps, (Steps{"clear names", "release symbols"}));
-  EXPECT_EQ(capture::take_texts(), (Steps{"Vorn destroy start.", "Vorn destroy end."}));
+  EXPECT_EQ(records(),
+            (Steps{"6 vorn_destory: Vorn destroy start.", "6 vorn_destory: Vorn destroy end."}));
 }
 
-TEST(InitOrder, SomeStepsMayFail) {
-  optional_result = -1;
-  ASSERT_EQ(vorn_Init(), 0);
-  EXPECT_EQ(steps.back(), "crc");
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(records[1].level, EVLOG_ERROR);
-  EXPECT_EQ(records[1].function, "vorn_init_inner");
-  EXPECT_EQ(records[1].text, "Vorn affinity initialize failed.");
-}
-
-TEST(InitOrder, NothingFollowsAFailedStep) {
-  time_result = 5;
-  EXPECT_EQ(vorn_Init(), -1);
-  EXPECT_EQ(steps.back(), "time");
-  EXPECT_EQ(capture::take_texts(),
-            (Steps{"Vorn init start.", "Vorn time initialize failed.", "Vorn init end ret 5."}));
+TEST(InitOrder, AFailedStepEndsTheStartUnlessItMayFail) {
+  const struct {
+    int *step;
+    int result;
+    std::string last_step;
+    std::string failure;
+    std::string end;
+  } rows[] = {{&cpufreq_result, -1, "cpufreq", "cpufreq", "7"},
+              {&time_result, -1, "time", "time", "7"},
+              {&optional_result, 0, "crc", "affinity", "0"}};
+  for (const auto &row : rows) {
+    steps.clear();
+    *row.step = 7;
+    EXPECT_EQ(vorn_Init(), row.result);
+    *row.step = 0;
+    EXPECT_EQ(steps.front(), "unwinder"); // all of them again
+    EXPECT_EQ(steps.back(), row.last_step);
+    EXPECT_EQ(records(), (Steps{"6 vorn_Init: Vorn init start.",
+                                "3 vorn_init_inner: Vorn " + row.failure + " initialize failed.",
+                                "6 vorn_Init: Vorn init end ret " + row.end + "."}));
+    if (row.result != 0) vorn_destory(); // not started: nothing to undo, nothing to say
+    EXPECT_NO_RECORD();
+  }
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #include "vorn_process.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 
 static bool clock_works = true;
 static std::string names_file = "/no/such"; // stands in for the node's
@@ -36,12 +36,10 @@ int __wrap_open(const char *path, int flags, ...) {
 namespace {
 
 TEST(ProcessVersion, IsTakenOnce) {
-  uint64_t other = 0;
-  std::thread thread([&other] { other = ps_get_version(); });
-  const uint64_t stamp = ps_get_version();
-  thread.join();
-  EXPECT_NE(stamp, 0u);
-  EXPECT_EQ(stamp, other);
+  uint64_t stamps[2] = {};
+  run_threads(2, [&stamps](int thread) { stamps[thread] = ps_get_version(); });
+  EXPECT_NE(stamps[0], 0u);
+  EXPECT_EQ(stamps[0], stamps[1]);
 }
 
 TEST(ProcessVersion, StaysZeroWhenTheClockFailsOnce) {
@@ -54,49 +52,40 @@ TEST(ProcessVersion, StaysZeroWhenTheClockFailsOnce) {
   EXPECT_NO_RECORD();
 }
 
-TEST(ModuleNames, KnowsRowsGapsAndIdsOutOfRange) {
-  EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
-  EXPECT_STREQ(vorn_pid_get_name(1023), "NONE");
-  EXPECT_STREQ(vorn_pid_get_name(1024), "<1024>");
-  EXPECT_STREQ(vorn_pid_get_name(70000), "<4464>");
-  EXPECT_STREQ(vorn_pid_get_name(65535), "<65535>");
-  EXPECT_STREQ(vorn_pid_get_name(65536), "<0>");
-}
-
 TEST(ModuleNames, OutOfRangeNameIsTheThreadsOwn) {
   const char *mine = vorn_pid_get_name(1024);
-  std::thread([] { EXPECT_STREQ(vorn_pid_get_name(2000), "<2000>"); }).join();
+  std::thread([] {
+    EXPECT_STREQ(vorn_pid_get_name(65535), "<65535>");
+    EXPECT_STREQ(vorn_pid_get_name(70000), "<4464>");
+  }).join();
   EXPECT_STREQ(mine, "<1024>");
 }
 
 TEST(ModuleNames, GivenNamesGoWithTheTableAndRowsComeBack) {
   const char name[] = "MINE";
-  vorn_pid_set_name(5, name);
-  vorn_pid_set_name(381, name);
-  EXPECT_EQ(vorn_pid_get_name(5), name); // the pointer, not a copy
-  pid_init_names();                      // built already: nothing changes
-  EXPECT_EQ(vorn_pid_get_name(381), name);
+  EXPECT_STREQ(vorn_pid_get_name(1023), "NONE");
+  for (const unsigned int id : {381u, 1023u}) {
+    vorn_pid_set_name(id, name);
+    vorn_pid_set_name(id, nullptr);
+    pid_init_names();                       // built already: nothing changes
+    EXPECT_EQ(vorn_pid_get_name(id), name); // the pointer, not a copy
+  }
+  vorn_pid_set_name(1024, name);
   pid_destroy_names();
   pid_destroy_names();
-  EXPECT_STREQ(vorn_pid_get_name(5), "NONE");
+  EXPECT_STREQ(vorn_pid_get_name(1023), "NONE");
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
 }
 
 TEST(ModuleNames, AreAlwaysWholeWhileOthersClearAndName) {
-  std::thread clearing([] {
-    for (int i = 0; i < 300; ++i)
-      pid_destroy_names();
+  run_threads(3, [](int thread) {
+    for (int i = 0; i < 3000; ++i) {
+      if (thread == 0 && i % 10 == 0) pid_destroy_names();
+      if (thread == 1) vorn_pid_set_name(7, i % 2 == 0 ? "EVEN" : "ODD");
+      const std::string name = vorn_pid_get_name(7);
+      ASSERT_TRUE(name == "NONE" || name == "EVEN" || name == "ODD") << name;
+    }
   });
-  std::thread naming([] {
-    for (int i = 0; i < 3000; ++i)
-      vorn_pid_set_name(7, i % 2 == 0 ? "EVEN" : "ODD");
-  });
-  for (int i = 0; i < 3000; ++i) {
-    const std::string name = vorn_pid_get_name(7);
-    ASSERT_TRUE(name == "NONE" || name == "EVEN" || name == "ODD") << name;
-  }
-  clearing.join();
-  naming.join();
 }
 
 class NodeNames : public testing::Test {
@@ -118,14 +107,14 @@ TEST_F(NodeNames, AddRowsAndBadLinesAreReported) {
                                   "99999 FAR\n"
                                   "1024 OUTSIDE\n"
                                   "16 LAST");
-  EXPECT_STREQ(vorn_pid_get_name(12), "TWELVE");
-  EXPECT_STREQ(vorn_pid_get_name(900), "OTHER");
-  EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
-  EXPECT_STREQ(vorn_pid_get_name(16), "LAST");
-  for (const unsigned int id : {13u, 14u, 15u})
-    EXPECT_STREQ(vorn_pid_get_name(id), "NONE");
-
-  std::vector<std::string> lines;
+  for (int round = 0; round < 2; ++round) {
+    std::string names;
+    for (const unsigned int id : {12, 900, 381, 16, 13, 14, 15})
+      names += vorn_pid_get_name(id) + std::string(" ");
+    EXPECT_EQ(names, "TWELVE OTHER OSAX LAST NONE NONE NONE ");
+    pid_destroy_names();
+  }
+  std::vector<std::string> lines; // the file is read once
   for (const auto &record : capture::take()) {
     EXPECT_EQ(record.level, EVLOG_WARNING);
     EXPECT_EQ(record.file, "vorn_process.c");
@@ -134,10 +123,6 @@ TEST_F(NodeNames, AddRowsAndBadLinesAreReported) {
   }
   const std::string file = "/WRK/conf/vorn_module_names line ";
   EXPECT_EQ(lines, (std::vector{file + "6", file + "7", file + "8", file + "9", file + "10"}));
-
-  pid_destroy_names();
-  EXPECT_STREQ(vorn_pid_get_name(12), "TWELVE");
-  EXPECT_NO_RECORD(); // the file is read once
 }
 
 TEST_F(NodeNames, WhatCannotBeReadIsReported) {

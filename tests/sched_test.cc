@@ -7,20 +7,14 @@
 #include <sched.h>
 #include <sys/select.h>
 #include <unistd.h>
+#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "vorn_thrd.h"
 
-namespace {
-
-timeval g_timeout;
-timespec g_sleep;
-int g_calls = 0;
-uint64_t g_clock = 0;
-int g_bound = -1;
-
-} // namespace
+static std::vector<uint64_t> slept; // nanoseconds
+static int bound = -1;
 
 extern "C" {
 
@@ -28,57 +22,46 @@ long __real_sysconf(int name);
 
 int __wrap_select(int descriptors, fd_set *read, fd_set *write, fd_set *other, timeval *timeout) {
   EXPECT_TRUE(descriptors == 0 && read == nullptr && write == nullptr && other == nullptr);
-  g_timeout = *timeout;
-  ++g_calls;
+  EXPECT_LT(timeout->tv_usec, 1000000);
+  slept.push_back(timeout->tv_sec * 1000000000ul + timeout->tv_usec * 1000ul);
   return -1;
 }
 
 int __wrap_nanosleep(const timespec *time, timespec *) {
-  g_sleep = *time;
-  ++g_calls;
+  slept.push_back(time->tv_sec * 1000000000ul + time->tv_nsec * 1ul);
   return -1;
 }
 
 int __wrap_sched_yield() { return 7; }
 
-uint64_t __wrap_vorn_time_getnanosec() { return g_clock += 400000; }
+uint64_t __wrap_vorn_time_getnanosec() {
+  static uint64_t clock = 0;
+  return clock += 400000;
+}
 
 long __wrap_sysconf(int name) { return name == _SC_NPROCESSORS_CONF ? 300 : __real_sysconf(name); }
 
 int __wrap_sched_setaffinity(pid_t, size_t size, const cpu_set_t *set) {
   EXPECT_EQ(size, 128u);
   EXPECT_EQ(CPU_COUNT(set), 1);
-  for (g_bound = 0; !CPU_ISSET(g_bound, set);)
-    ++g_bound;
+  for (bound = 0; !CPU_ISSET(bound, set);)
+    ++bound;
   errno = EINVAL;
-  return g_bound == 298 ? -1 : 0;
+  return bound == 298 ? -1 : 0;
 }
 }
 
 // An interrupted sleep is not tried again: each is one call.
 TEST(Sched, SleepsAndYieldsAreOneCallOfTheSystem) {
-  struct Row {
-    void (*sleep)(unsigned int);
-    unsigned int count;
-    long seconds;
-    long microseconds;
-  };
-  for (const Row &row :
-       {Row{vorn_10msleep, 250, 2, 500000}, Row{vorn_msleep, 1007, 1, 7000},
-        Row{vorn_usleep, 1500000, 1, 500000}, Row{vorn_usleep, 4294967295U, 4294, 967295}}) {
-    row.sleep(row.count);
-    EXPECT_EQ(g_timeout.tv_sec, row.seconds);
-    EXPECT_EQ(g_timeout.tv_usec, row.microseconds);
-  }
+  vorn_10msleep(250);
+  vorn_msleep(1007);
+  vorn_usleep(1500000);
+  vorn_usleep(4294967295U);
   vorn_schedule();
-  EXPECT_EQ(g_sleep.tv_sec, 0);
-  EXPECT_EQ(g_sleep.tv_nsec, 1000000);
-  EXPECT_EQ(g_calls, 5);
+  EXPECT_EQ(slept,
+            (std::vector<uint64_t>{2500000000, 1007000000, 1500000000, 4294967295000, 1000000}));
   EXPECT_EQ(vorn_yield(), 7);
-}
-
-TEST(Sched, DelayIsLongerThanAskedFor) {
-  EXPECT_EQ(vorn_mdelay(0), 400000u);
+  EXPECT_EQ(vorn_mdelay(0), 400000u); // always longer than asked for
   EXPECT_EQ(vorn_mdelay(2), 2400000u);
 }
 
@@ -91,7 +74,7 @@ TEST(Sched, NameIsNoFormat) {
 
 TEST(Sched, BindsToOneConfiguredCpu) {
   EXPECT_EQ(vorn_sched_setaffinity(299), 0);
-  EXPECT_EQ(g_bound, 299);
+  EXPECT_EQ(bound, 299);
   EXPECT_EQ(smp_processor_id(), 299);
   EXPECT_EQ(vorn_sched_setaffinity(298), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",

@@ -7,12 +7,14 @@
 #ifndef VORN_TESTS_LOCK_STRESS_HPP
 #define VORN_TESTS_LOCK_STRESS_HPP
 
+#include <algorithm>
 #include <barrier>
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <thread>
 #include <vector>
+
+#include "support/threads.hpp"
 
 namespace stress {
 
@@ -34,11 +36,7 @@ struct Outcome {
 struct Data {
   std::uint64_t words[8] = {};
 
-  bool whole() const {
-    for (const std::uint64_t word : words)
-      if (word != words[0]) return false;
-    return true;
-  }
+  bool whole() const { return std::count(words, words + 8, words[0]) == 8; }
   void change() {
     for (std::uint64_t &word : words)
       word = word + 1;
@@ -72,20 +70,18 @@ inline void play(const Role &role, Data &data, Outcome &mine) {
 
 inline Outcome run(const std::vector<Role> &roles) {
   Data data;
+  const int count = static_cast<int>(roles.size());
   std::vector<Outcome> outcomes(roles.size());
-  std::barrier start{static_cast<std::ptrdiff_t>(roles.size())};
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < roles.size(); ++i) {
-    threads.emplace_back([&, i] {
-      start.arrive_and_wait();
-      play(roles[i], data, outcomes[i]);
-    });
-  }
+  std::barrier start{count};
+  run_threads(count, [&](int thread) {
+    const auto at = static_cast<std::size_t>(thread);
+    start.arrive_and_wait();
+    play(roles[at], data, outcomes[at]);
+  });
   Outcome all;
-  for (std::size_t i = 0; i < roles.size(); ++i) {
-    threads[i].join();
-    all.changes += outcomes[i].changes;
-    all.torn += outcomes[i].torn;
+  for (const Outcome &one : outcomes) {
+    all.changes += one.changes;
+    all.torn += one.torn;
   }
   all.recorded = data.words[0];
   return all;
