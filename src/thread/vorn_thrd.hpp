@@ -83,8 +83,13 @@ void *start_raw(void *record);
 // Stack of a thread where the instant-map flag is set.
 inline constexpr std::size_t kSmallStack = 131072;
 
-// Set an attribute. 0, or the error after a record in the name of function.
-int set_detached(pthread_attr_t *attributes, const char *function);
+// Starts a detached thread with this record, with default attributes where none are given. 0; what
+// pthread_create failed with; or kNotDetached, after a record in the name of function.
+inline constexpr int kNotDetached = -1;
+int start_detached(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
+                   pthread_attr_t *given, const char *function);
+
+// Sets the attribute. 0, or the error after a record in the name of function.
 int set_small_stack(pthread_attr_t *attributes, const char *function, int level);
 
 // The pool, in a child of fork(): there is none yet.

@@ -17,32 +17,22 @@ int new_thread(vorn_thrd_entry_f entry, void *argument, vorn_thrd_entry_f start_
   return create_thread_raw_base(entry, argument, start_routine, out, attributes);
 }
 
-// 0, or -1 after a record. Puts the record back where no thread has come to own it.
-int start(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
-          pthread_attr_t *attributes) {
-  pthread_t id{};
-  int result = set_detached(attributes, "create_thread_raw_base");
-  if (result == 0) {
-    result = pthread_create(&id, attributes, start_routine, record);
-    if (result != 0)
-      VORN_LOG_AS("create_thread_raw_base", kError, "Create thread failed, error %d.", result);
-  }
-  if (result != 0) {
-    vorn_thrd_putthreadinfo(record);
-    return -1;
-  }
-  if (out != nullptr) *out = id;
-  return 0;
-}
-
 } // namespace
 
-int set_detached(pthread_attr_t *attributes, const char *function) {
-  const int result = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
-  if (result == 0) return 0;
+int start_detached(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
+                   pthread_attr_t *given, const char *function) {
+  pthread_attr_t own;
+  pthread_attr_init(&own);
+  pthread_attr_t *attributes = given != nullptr ? given : &own;
+  const int refused = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
   const int error = errno;
-  VORN_LOG_AS(function, kError, "Set thread detach state failed, ret:%d, errno(%d:%s).", result,
-              error, std::strerror(error));
+  int result = kNotDetached;
+  if (refused == 0)
+    result = pthread_create(out, attributes, start_routine, record);
+  else
+    VORN_LOG_AS(function, kError, "Set thread detach state failed, ret:%d, errno(%d:%s).", refused,
+                error, std::strerror(error));
+  pthread_attr_destroy(&own);
   return result;
 }
 
@@ -98,12 +88,15 @@ int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument, vorn_thrd_en
     VORN_LOG(vorn::kInfo, "Create thread info fail.");
     return -1;
   }
-  if (attr != nullptr) return start(record, start_routine, out, attr);
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  const int result = start(record, start_routine, out, &attributes);
-  pthread_attr_destroy(&attributes);
-  return result;
+  pthread_t id{};
+  const int result = start_detached(record, start_routine, &id, attr, __func__);
+  if (result > 0) VORN_LOG(vorn::kError, "Create thread failed, error %d.", result);
+  if (result != 0) {
+    vorn_thrd_putthreadinfo(record);
+    return -1;
+  }
+  if (out != nullptr) *out = id;
+  return 0;
 }
 
 int vorn_thrd_attr_init(pthread_attr_t *attr) {

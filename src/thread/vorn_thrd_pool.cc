@@ -117,17 +117,10 @@ int create_thread_pool_base(vorn_thrd_entry_f start_routine, pthread_attr_t *own
     return -1;
   }
   record->pooled = 1;
-  pthread_attr_t local;
-  pthread_attr_init(&local);
-  pthread_attr_t *used = own != nullptr ? own : &local;
-  int result = set_detached(used, __func__);
-  if (result == 0) {
-    result = pthread_create(&record->handle, used, start_routine, record);
-    const int error = errno;
-    if (result != 0) VORN_LOG(kError, "Create thread failed, error %d, errno %d.", result, error);
-  }
-  pthread_attr_destroy(&local);
+  const int result = start_detached(record, start_routine, &record->handle, own, __func__);
   if (result == 0) return 0;
+  const int error = errno;
+  if (result > 0) VORN_LOG(kError, "Create thread failed, error %d, errno %d.", result, error);
   vorn_thrd_putthreadinfo(record);
   return -1;
 }
