@@ -24,17 +24,17 @@ typedef struct vorn_jiffies_uio {
 VORN_API uint64_t vorn_get_jiffies(void);
 
 /* Starts the module: tries the driver, then starts the time base, and counts as done when either
- * works. A process that starts without the driver keeps the time
- * base, unless a later jiffies_usr_main (another vorn_Init makes one) finds it. Any thread; blocks
- * on another caller's start and on the file system. */
+ * works. A process that starts without the driver keeps the time base, unless a later
+ * jiffies_usr_main (another vorn_Init makes one) finds it. Any thread; blocks on another caller's
+ * start and on the file system. */
 VORN_API void jiffies_Init(void);
 
 /* Returns value: there is nothing to release. */
 VORN_API int jiffies_fini(int value);
 
 /* Maps the driver's counter, once per process. Returns 0, also when it is mapped already; -1 after
- * an error record when it cannot be mapped, and the next call tries again. Any thread;
- * blocks as jiffies_Init does. */
+ * an error record when it cannot be mapped, and the next call tries again. Any thread; blocks as
+ * jiffies_Init does. */
 VORN_API int jiffies_usr_main(void);
 
 /* The mapping record, of the process; never NULL. */

@@ -68,7 +68,8 @@ VORN_API void vorn_mem_stat_sub(unsigned int pid, unsigned int size);
  */
 VORN_API void vorn_mem_show(vorn_print_f print);
 
-/* Has the kernel module print its table. Returns the result of the request: 0, or -1. */
+/* Has the kernel module print its table. Returns what it answers; -1 with errno when it
+ * does not. */
 VORN_API int vorn_mem_stat_dump(void);
 
 /* Fills size bytes at dest with value and returns dest. A NULL dest is returned as it is.

@@ -10,8 +10,8 @@ VORN_BEGIN_DECLS
 
 /* Builds the table from the objects that are loaded now: the functions of their .symtab, else of
  * their .dynsym, with C++ names demangled. Called again, it adds the objects loaded since and drops
- * those unloaded; the others are not read again, but for those left out, which are tried
- * (and recorded) each time. vorn_Init makes the first call.
+ * those unloaded; the others are not read again, but for those left out, which are tried (and
+ * recorded) each time. vorn_Init makes the first call.
  *
  * Left out, with an information record, is an object whose file cannot be read, is damaged, or is
  * not the one that was loaded (replaced on disk since). Objects without a file, such as the

@@ -9,8 +9,8 @@ VORN_BEGIN_DECLS
 
 /* The processor's nominal frequency in GHz, for information: 2.6 from start-up on, what
  * /proc/cpuinfo tells after vorn_get_tsc_freq, the measured frequency of the counter after
- * vorn_estimate_tsc_freq. Written without a lock: a concurrent
- * reader sees the old or the new value. */
+ * vorn_estimate_tsc_freq. Written without a lock: a concurrent reader sees the old or the new
+ * value. */
 VORN_API extern double currCpuGHz;
 
 /* Starts the time base, once per process; vorn_Init calls it. Returns 0, also when it had been

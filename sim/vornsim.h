@@ -1,15 +1,14 @@
 /* libvornsim.so plays the node's kernel module inside a process, so that a service can be developed
  * where there is none. A process links it before libvorn.so, or preloads it (LD_PRELOAD): its
  * vorn_private_syscall then stands in front of the library's own. Nothing is ever rebooted, reset
- * or stopped.
+ * or stopped, and no stack dumped.
  *
  * It answers these operations of module 381, and -1 with ENOSYS to all others. Each call is
  * recorded:
  * - 0x000 reset the local board, 0x001 reboot, 0x003 panic: printed on standard error
  * - 0x002 read the reboot count: the count of vornsim_set_reboot_count, printed as well
  * - 0x100 to 0x104 the time of day: -1 with ENOSYS, so that the system's clock and zone serve
- * - 0x200 to 0x203 console, 0x500, 0x702 to 0x704 stacks: printed on standard error, nothing is
- * done
+ * - 0x200 to 0x203 console, 0x500, 0x702 to 0x704 stacks: printed on standard error
  * - 0x400 free memory: the machine's, in kB
  * - 0x401 memory accounting: a table of 1024 counters, of the process
  * - 0x402 dump memory statistics: the table's modules, printed on standard error

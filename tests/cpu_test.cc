@@ -1,7 +1,6 @@
 #include "vorn_cpu.h"
 
-#include <array>
-#include <cerrno>
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <string>
@@ -9,30 +8,10 @@
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "support/scratch.hpp"
 #include "vorn_cpufreq.h"
-#include "vorn_syscall.h"
-
-// The kernel module: what it was asked, and what it answers.
-using Words = std::array<unsigned long, 5>;
-static Words asked;
-static uint32_t set_value = 0;
-static long answer = 0;
-
-long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long a2,
-                          unsigned long a3, unsigned long a4) {
-  asked = {command, a1, a2, a3, a4};
-  if (command == VORN_SYSCALL_COMMAND(0x306)) set_value = *reinterpret_cast<uint32_t *>(a2);
-  errno = EIO;
-  return answer;
-}
 
 namespace {
-
-using Texts = std::vector<std::string>;
-
-Words words(unsigned int operation, unsigned long a1, unsigned long a2) {
-  return {381ul << 32 | operation, a1, a2, ~0ul, ~0ul};
-}
 
 TEST(Cpu, ListsOfCpus) {
   const std::string bad = "Parse cpu mask fail, invalid format:";
@@ -40,7 +19,7 @@ TEST(Cpu, ListsOfCpus) {
     const char *text;
     int result;
     std::vector<int> cpus;
-    Texts records;
+    std::vector<std::string> records;
   } rows[] = {
       {"0,2- 4, 70", 0, {0, 2, 3, 4, 70}, {}},
       {"1022-2000", 0, {1022, 1023}, {}},
@@ -48,7 +27,6 @@ TEST(Cpu, ListsOfCpus) {
       {"8-4", -1, {}, {"Parse cpu mask 8-4 fail, end:4 is less than start:8"}},
       {"*/A,,5,-6", 0, {5}, {bad + "*/A", bad, bad + "-6"}},
       {"3--5", 0, {3}, {}},
-      {"", -1, {}, {bad}},
       {nullptr, -1, {}, {}},
   };
   for (const auto &row : rows) {
@@ -68,41 +46,25 @@ TEST(Cpu, ListsOfCpus) {
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list", bad + "x");
 }
 
-TEST(Cpu, RequestsOfTheKernelModule) {
-  uint32_t value = 0;
-  const auto address = reinterpret_cast<unsigned long>(&value);
-  answer = 7;
-  EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), 7);
-  EXPECT_EQ(asked, words(0x305, 5, address));
-  EXPECT_EQ(vorn_set_idle_no_cstates(6, 0xFFFFFFFE), 7);
-  EXPECT_EQ(asked, words(0x306, 6, asked[2]));
-  EXPECT_EQ(set_value, 0xFFFFFFFE);
-  EXPECT_EQ(vorn_get_cpu_task_info(~0u, &value), -1);
-  EXPECT_EQ(asked, words(0x307, ~0u, address));
-  answer = 1l << 32; // 0 in 32 bits
-  EXPECT_EQ(vorn_get_cpu_task_info(0, &value), 0);
-  answer = 0xFFFFFFFF; // -1 in 32 bits
-  EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), -1);
-  EXPECT_NO_RECORD();
+TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
+  const std::string root = "/sys/devices/system/cpu/cpufreq/";
+  if (!scratch::cover_directory("/sys/devices/system/cpu"))
+    GTEST_SKIP() << "no right to mount here";
+  EXPECT_EQ(vorn_cpufreq_init(), 0); // a machine that offers none
 
-  EXPECT_EQ(vorn_set_idle_no_cstates(6, 1), -1);
-  EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(vorn_get_idle_no_cstates(5, nullptr), -1);
-  EXPECT_EQ(vorn_get_cpu_task_info(5, nullptr), -1);
-  EXPECT_EQ(capture::take_texts(),
-            (Texts{"Syscall for vorn_set_idle_no_cstates failed.", "idle_no_cstates_value is null.",
-                   "pCpuTaskInfo is null."}));
-}
-
-TEST(Cpu, FrequencyRequestsPassTwoWords) {
-  unsigned int operation = 0x300;
-  for (auto *function :
-       {vorn_cpufreq_set_low_all, vorn_cpufreq_set_high_all, vorn_cpufreq_up_allcpu_freq_by_step,
-        vorn_cpufreq_down_allcpu_freq_by_step, vorn_get_local_cpufreq}) {
-    answer = operation - 0x302l;
-    EXPECT_EQ(function(~1ul, ~2ul), answer);
-    EXPECT_EQ(asked, words(operation++, ~1ul, ~2ul));
+  for (const std::string policy : {"policy0", "policy4"}) {
+    scratch::write_file(root + policy + "/cpuinfo_min_freq", "200000\n");
+    scratch::write_file(root + policy + "/cpuinfo_max_freq", "2600000\n");
   }
+  scratch::write_file(root + "policy8/cpuinfo_min_freq", "junk");
+  scratch::write_file(root + "boost", "1");
+  EXPECT_EQ(vorn_cpufreq_init(), 0);
+  auto texts = capture::take_texts();
+  std::sort(texts.begin(), texts.end());
+  const std::string range = ": 200000 to 2600000 kHz.";
+  EXPECT_EQ(texts, (std::vector<std::string>{"cpufreq policy0" + range, "cpufreq policy4" + range,
+                                             "cpufreq: 0 policies can be controlled.",
+                                             "cpufreq: 2 policies can be controlled."}));
 }
 
 } // namespace

@@ -1,27 +1,41 @@
-// A process's own function in front of the door: answers that no simulator gives.
+// A process's own function in front of the door: what passes through it, and answers that no
+// simulator gives.
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
+#include "vorn_cpu.h"
+#include "vorn_cpufreq.h"
 #include "vorn_mem.h"
 #include "vorn_reboot.h"
 #include "vorn_syscall.h"
 
-static long answer = 0;
-static uint64_t table_address = 0; // what operation 0x401 writes
-static uint64_t dirty_table[VORN_MODULE_ID_COUNT];
-static std::string panic_text;
+using Words = std::array<unsigned long, 5>;
 
-long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long, unsigned long,
-                          unsigned long) {
-  if (command == VORN_SYSCALL_COMMAND(VORN_SYSCALL_PANIC)) {
+static long answer = 0;
+static Words asked; // the last request
+static uint64_t table_address = 0;
+static std::string panic_text;
+static uint32_t set_value = 0;
+
+long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long a2,
+                          unsigned long a3, unsigned long a4) {
+  asked = {command, a1, a2, a3, a4};
+  switch (command & 0xFFFFFFFF) {
+  case VORN_SYSCALL_PANIC:
     panic_text.assign(reinterpret_cast<const char *>(a1), 256);
-  }
-  if (command == VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT)) {
-    std::memcpy(reinterpret_cast<void *>(a1), &table_address, sizeof table_address);
+    break;
+  case VORN_SYSCALL_SET_IDLE_NO_CSTATES:
+    set_value = *reinterpret_cast<uint32_t *>(a2);
+    break;
+  case VORN_SYSCALL_MEM_STAT:
+    *reinterpret_cast<uint64_t *>(a1) = table_address;
+    break;
   }
   errno = EIO;
   return answer;
@@ -30,28 +44,60 @@ long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long
 namespace {
 
 constexpr long kMinusOneIn32Bits = 0xFFFFFFFF;
+constexpr long kZeroIn32Bits = 1l << 32;
+
+Words words(unsigned int operation, unsigned long a1, unsigned long a2) {
+  return {381ul << 32 | operation, a1, a2, ~0ul, ~0ul};
+}
 
 TEST(Door, ResultsAreComparedAs32Bits) {
+  uint32_t value = 0;
+  unsigned long free_memory = 0;
   answer = kMinusOneIn32Bits;
   EXPECT_EQ(vorn_ResetLocalBoard(), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_reboot.c", "vorn_ResetLocalBoard",
-                    "Syscall for vorn_ResetLocalBoard failed.");
   vorn_Reboot(1, 1, nullptr);
-  EXPECT_EQ(capture::take().back().text, "Syscall for vorn_Reboot failed.");
   EXPECT_EQ(vorn_get_reboot_count(1, 1), ~0u);
   EXPECT_EQ(vorn_mem_stat_dump(), -1);
-  answer = 1l << 32; // 0 in 32 bits
-  unsigned long free_memory = 0;
+  EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), -1);
+  answer = kZeroIn32Bits;
   EXPECT_EQ(vorn_get_free_mem(&free_memory), 0);
+  EXPECT_EQ(vorn_get_cpu_task_info(0, &value), 0);
+  EXPECT_EQ(vorn_get_reboot_count(1, 2), 0u); // which was not written
   answer = 5;
   capture::take();
   EXPECT_EQ(vorn_get_free_mem(&free_memory), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Syscall failed 5.");
 }
 
-TEST(Door, CountThatTheKernelModuleDoesNotWriteIsZero) {
-  EXPECT_EQ(vorn_get_reboot_count(1, 2), 0u);
+TEST(Door, RequestsOfTheCpus) {
+  uint32_t value = 0;
+  const auto address = reinterpret_cast<unsigned long>(&value);
+  answer = 7;
+  EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), 7);
+  EXPECT_EQ(asked, words(0x305, 5, address));
+  EXPECT_EQ(vorn_set_idle_no_cstates(6, 0xFFFFFFFE), 7);
+  EXPECT_EQ(asked, words(0x306, 6, asked[2]));
+  EXPECT_EQ(set_value, 0xFFFFFFFE);
+  EXPECT_EQ(vorn_get_cpu_task_info(~0u, &value), -1);
+  EXPECT_EQ(asked, words(0x307, ~0u, address));
+
+  unsigned int operation = 0x300;
+  for (auto *function :
+       {vorn_cpufreq_set_low_all, vorn_cpufreq_set_high_all, vorn_cpufreq_up_allcpu_freq_by_step,
+        vorn_cpufreq_down_allcpu_freq_by_step, vorn_get_local_cpufreq}) {
+    EXPECT_EQ(function(~1ul, ~2ul), 7);
+    EXPECT_EQ(asked, words(operation++, ~1ul, ~2ul));
+  }
   EXPECT_NO_RECORD();
+
+  answer = kMinusOneIn32Bits;
+  EXPECT_EQ(vorn_set_idle_no_cstates(6, 1), -1);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(vorn_get_idle_no_cstates(5, nullptr), -1);
+  EXPECT_EQ(vorn_get_cpu_task_info(5, nullptr), -1);
+  EXPECT_EQ(capture::take_texts(),
+            (std::vector<std::string>{"Syscall for vorn_set_idle_no_cstates failed.",
+                                      "idle_no_cstates_value is null.", "pCpuTaskInfo is null."}));
 }
 
 TEST(Door, PanicSendsItsWholeBuffer) {
@@ -59,39 +105,29 @@ TEST(Door, PanicSendsItsWholeBuffer) {
   EXPECT_EQ(panic_text, std::string(255, 'x') + '\0');
   panic("a %d", 5);
   EXPECT_EQ(panic_text, "a 5" + std::string(253, '\0'));
-  capture::take();
   answer = -1;
   panic("b");
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[1].level, EVLOG_ERROR);
-  EXPECT_EQ(records[1].function, "panic");
-  EXPECT_EQ(records[1].text, "Syscall for vorn_Reboot failed.errno 5");
+  EXPECT_EQ(capture::take().back().function, "panic"); // whose text names another
 }
 
-TEST(Door, TableIsTakenOnlyFromASuccessAndCleared) {
-  std::memset(dirty_table, 0xFF, sizeof dirty_table);
-  table_address = reinterpret_cast<uint64_t>(dirty_table);
-  answer = -1;
-  vorn_mem_stat_add(3, 1);
-  EXPECT_EQ(dirty_table[3], ~0ul);
-  answer = 0;
-  table_address = 0;
-  vorn_mem_stat_add(3, 1);
-  table_address = reinterpret_cast<uint64_t>(dirty_table);
-  vorn_mem_stat_add(3, 7);
-  EXPECT_EQ(dirty_table[3], 7u);
-  EXPECT_EQ(dirty_table[0], 0u);
-  EXPECT_EQ(dirty_table[1023], 0u);
-}
-
-TEST(Door, AllocatorKeepsErrno) {
+TEST(Door, TableIsTakenOnlyFromASuccessAndClearedAndErrnoKept) {
+  static uint64_t table[VORN_MODULE_ID_COUNT];
+  std::fill_n(table, VORN_MODULE_ID_COUNT, ~0ul);
+  table_address = reinterpret_cast<uint64_t>(table);
   answer = -1;
   errno = 7;
-  void *block = vorn_malloc(1, 10);
+  void *block = vorn_malloc(3, 10);
   EXPECT_EQ(errno, 7);
   vorn_free(block);
   EXPECT_EQ(errno, 7);
+  EXPECT_EQ(table[3], ~0ul);
+  answer = 0;
+  table_address = 0;
+  vorn_mem_stat_add(3, 1);
+  table_address = reinterpret_cast<uint64_t>(table);
+  vorn_mem_stat_add(3, 7);
+  EXPECT_EQ(table[3], 7u);
+  EXPECT_EQ(std::count(table, table + VORN_MODULE_ID_COUNT, 0), VORN_MODULE_ID_COUNT - 1);
 }
 
 } // namespace

@@ -15,13 +15,7 @@
 
 static long page_size = 4096;
 static std::string meminfo;
-struct Protection {
-  uintptr_t address;
-  size_t length;
-  int access;
-  bool operator==(const Protection &) const = default;
-};
-static std::vector<Protection> protections;
+static std::vector<std::pair<size_t, int>> protections; // lengths and accesses
 static bool fail_next_malloc = false;
 
 extern "C" {
@@ -34,13 +28,14 @@ long __wrap_sysconf(int name) {
 
 FILE *__real_fopen(const char *path, const char *mode);
 FILE *__wrap_fopen(const char *path, const char *mode) {
-  if (std::string(path) != "/proc/meminfo") return __real_fopen(path, mode);
-  return __real_fopen(meminfo.c_str(), mode);
+  return __real_fopen(std::string(path) == "/proc/meminfo" ? meminfo.c_str() : path, mode);
 }
 
 int __wrap_mprotect(void *address, size_t length, int access) {
-  protections.push_back({reinterpret_cast<uintptr_t>(address), length, access});
-  return 0;
+  protections.emplace_back(length, access);
+  if (reinterpret_cast<uintptr_t>(address) % 4096 == 0) return 0;
+  errno = EINVAL;
+  return -1;
 }
 
 void *__real_malloc(size_t size);
@@ -53,51 +48,52 @@ void *__wrap_malloc(size_t size) {
 
 namespace {
 
-TEST(MemSystem, PageSizeIsReadAgainAfterAFailure) {
-  page_size = -1;
+TEST(MemSystem, OutOfMemoryIsAnOrdinaryError) {
+  fail_next_malloc = true;
+  void *block = vorn_malloc(7, 10);
+  EXPECT_EQ(block, nullptr);
+}
+
+// With pages of 64 KiB a unit of 4096 bytes fits only sixteen at a time, and success is reported on
+// purpose.
+TEST(MemSystem, ProtectionGoesByUnitsAndLargePagesWantWholeOnes) {
+  const std::string refused = "Param is invalied, page_addr(0x1";
+  const struct {
+    long page;
+    uintptr_t address;
+    unsigned int units;
+    int result;
+    size_t length; // 0: nothing is changed
+    std::string record;
+  } rows[] = {
+      {4096, 0x11000, 3, 0, 12288, ""},
+      {4096, 1, 1, EINVAL, 4096, "set page protect read failed, page_addr(0x1), errno(22):"},
+      {4096, 0x11000, 0, -1, 0, "Param is invalied,addr is NULL(0x11000), numpages is 0."},
+      {65536, 0x10000, 16, 0, 65536, ""},
+      {65536, 0x10000, 15, 0, 0, refused + "0000), numpages(15), g_CurSysPageSize(65536)."},
+      {65536, 0x11000, 16, 0, 0, refused + "1000), numpages(16), g_CurSysPageSize(65536)."},
+      {65536, 0x10000, 0x100000, 0, 1ul << 32, ""}, // wraps to 0 in 32 bits and so passes
+  };
+  page_size = -1; // a failed reading is repeated
   unsigned long page = 5;
   EXPECT_EQ(vorn_get_sys_page_size(&page), -1);
   EXPECT_EQ(page, 0u);
   EXPECT_EQ(vorn_setmemory_ro(&page, 1), -1);
   EXPECT_EQ(capture::take().back().function, "vorn_setmemory_ro");
-  page_size = 65536;
-  EXPECT_EQ(vorn_get_sys_page_size(&page), 0);
-  EXPECT_EQ(page, 65536u);
-}
-
-TEST(MemSystem, OutOfMemoryIsAnOrdinaryError) {
-  fail_next_malloc = true;
-  void *block = vorn_mallocsubstandard(7, 10, 0, "f", 1);
-  EXPECT_EQ(block, nullptr);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem.c", "vorn_mallocsubstandard",
-                    "Malloc memory fails. PID: (7), size: (10), type: (1).");
-}
-
-// With pages of 64 KiB a unit of 4096 bytes fits only sixteen at a time, and success is reported on
-// purpose.
-TEST(MemSystem, LargePagesWantWholePages) {
-  page_size = 65536;
-  struct Row {
-    uintptr_t address;
-    unsigned int units;
-    size_t length; // 0: nothing is changed, and a record is made
-  };
-  const Row rows[] = {
-      {0x10000, 16, 65536},
-      {0x10000, 15, 0},
-      {0x11000, 16, 0},
-      {0x10000, 0x100000, 1ul << 32}, // wraps to 0 in 32 bits and so passes
-  };
-  for (const Row &row : rows) {
+  for (const auto &row : rows) {
+    page_size = row.page;
+    EXPECT_EQ(vorn_get_sys_page_size(&page), 0);
+    EXPECT_EQ(vorn_get_current_page_size_inner(), 0);
     protections.clear();
-    EXPECT_EQ(vorn_setmemory_ro(reinterpret_cast<void *>(row.address), row.units), 0);
-    EXPECT_EQ(vorn_setmemory_rw(reinterpret_cast<void *>(row.address), row.units), 0);
-    std::vector<Protection> wanted;
-    if (row.length != 0) {
-      wanted = {{row.address, row.length, PROT_READ}, {row.address, row.length, PROT_WRITE}};
-    }
+    EXPECT_EQ(vorn_setmemory_ro(reinterpret_cast<void *>(row.address), row.units), row.result);
+    EXPECT_EQ(vorn_setmemory_rw(reinterpret_cast<void *>(row.address), row.units), row.result);
+    std::vector<std::pair<size_t, int>> wanted;
+    if (row.length != 0) wanted = {{row.length, PROT_READ}, {row.length, PROT_WRITE}};
     EXPECT_EQ(protections, wanted) << row.units;
-    EXPECT_EQ(capture::take().size(), row.length == 0 ? 2u : 0u);
+    const auto texts = capture::take_texts();
+    EXPECT_EQ(texts.size(), row.record.empty() ? 0u : 2u);
+    for (const std::string &text : texts)
+      EXPECT_TRUE(text.starts_with(row.record)) << text;
   }
 }
 

@@ -3,36 +3,29 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <deque>
 #include <gtest/gtest.h>
-#include <latch>
 #include <memory>
 #include <random>
-#include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
 
-namespace {
-
-bool no_memory = false;
-
-} // namespace
+static bool no_memory = false;
 
 extern "C" {
-
 int __real_posix_memalign(void **, std::size_t, std::size_t);
 int __wrap_posix_memalign(void **memory, std::size_t alignment, std::size_t bytes) {
   return no_memory ? ENOMEM : __real_posix_memalign(memory, alignment, bytes);
 }
-
-} // extern "C"
+}
 
 namespace {
 
@@ -56,19 +49,19 @@ std::uint32_t load(const volatile std::uint32_t &word) {
   return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
 }
 
-// The header word by word, as other programs read it.
-TEST(Ring, HasTheLayoutThatItsUsersKnow) {
-  for (const std::uint32_t flags : {0u, 1u, 2u, 3u, 6u}) {
-    const Ring ring = make_ring(16, flags);
-    std::vector<std::uint32_t> wanted(128);
-    wanted[0] = flags;
-    const std::uint32_t producer[] = {16, flags & 1, 16, 15, 0, 0};
-    const std::uint32_t consumer[] = {flags & 2, 16, 15, 0, 0};
-    std::ranges::copy(producer, &wanted[32]);
-    std::ranges::copy(consumer, &wanted[64]);
-    std::ranges::copy(std::span(consumer).subspan(1), &wanted[96]);
-    EXPECT_EQ(std::memcmp(ring.get(), wanted.data(), 512), 0) << flags;
-
+// What other programs read in the header, and where they read the slots.
+TEST(Ring, ShowsItsFlagsAndSizesAheadOfTheSlots) {
+  const std::pair<std::uint32_t, std::uint32_t> rows[] = {{0, 0}, {1, 1}, {2, 2}, {4, 3}, {6, 6}};
+  for (const auto &[given, kept] : rows) {
+    const Ring ring = make_ring(16, given);
+    EXPECT_EQ(ring->flags, kept);
+    EXPECT_EQ(ring->producer.single, kept & 1);
+    EXPECT_EQ(ring->consumer.single, kept & 2);
+    for (const std::uint32_t size :
+         {ring->watermark, ring->producer.size, ring->consumer.size, ring->spare_size})
+      EXPECT_EQ(size, 16u);
+    for (const std::uint32_t mask : {ring->producer.mask, ring->consumer.mask, ring->spare_mask})
+      EXPECT_EQ(mask, 15u);
     EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(77)), 0);
     EXPECT_EQ(*reinterpret_cast<void **>(reinterpret_cast<char *>(ring.get()) + 512), object(77));
   }
@@ -95,29 +88,6 @@ TEST(Ring, IsMadeOfAPowerOfTwoAndBeginsAtALineOfItsOwn) {
   EXPECT_EQ(capture::take_texts(), std::vector<std::string>(2, "Vorn ring id is NULL."));
 }
 
-// As enqueues count it, the slot that stays empty is filled.
-TEST(Ring, ReportsTheWatermark) {
-  for (const std::uint32_t flags : {0u, 3u}) {
-    const Ring ring = make_ring(8, flags, 0xFFFFFFFE);
-    ring->watermark = 3;
-    void *objects[8] = {};
-    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 2), 2u);
-    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 0), 0);
-    EXPECT_EQ(vorn_ring_enqueue(ring.get(), objects), -EDQUOT);
-    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 0), -EDQUOT);
-    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 5), -ENOBUFS);
-    EXPECT_EQ(vorn_ring_enqueue_bulk(ring.get(), objects, 2), -EDQUOT);
-    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 8), 2 | 0x80000000);
-    EXPECT_EQ(vorn_ring_enqueue_burst(ring.get(), objects, 8), 0u);
-    EXPECT_EQ(vorn_ring_count(ring.get()), 7u);
-  }
-  EXPECT_NO_RECORD();
-}
-
-// The parameter: the flags.
-class EachMode : public testing::TestWithParam<std::uint32_t> {};
-INSTANTIATE_TEST_SUITE_P(Ring, EachMode, testing::Range(0u, 4u));
-
 // The calls that move objects, for both ends.
 enum Call { kOne, kBulk, kBurst };
 
@@ -135,9 +105,11 @@ int take(vorn_ring_s *ring, Call call, void **objects, std::uint32_t n) {
   return static_cast<int>(vorn_ring_dequeue_burst(ring, objects, n));
 }
 
-// A ring of size slots beside a queue, both used by one thread. Its runs wrap in every way.
+// A ring of size slots beside a queue, both used by one thread. Its runs wrap in every way. As
+// enqueues compare with the watermark, the slot that stays empty is filled.
 void expect_a_queue(std::uint32_t size, std::uint32_t flags, std::uint32_t counters) {
   const Ring ring = make_ring(size, flags, counters);
+  if (size > 8) ring->watermark = 3;
   std::deque<void *> queue;
   std::mt19937 random{1};
   std::uintptr_t made = 0;
@@ -148,8 +120,10 @@ void expect_a_queue(std::uint32_t size, std::uint32_t flags, std::uint32_t count
     const auto count = static_cast<std::uint32_t>(queue.size());
     const std::uint32_t most = putting ? size - 1 - count : count;
     const std::uint32_t moved = n <= most ? n : call == kBurst ? most : 0;
-    const int failure = putting ? -105 : -2;
-    const int wanted = call == kBurst ? static_cast<int>(moved) : n <= most ? 0 : failure;
+    const bool over = putting && count + moved + 1 > ring->watermark;
+    const int refused = putting ? -105 : -2;
+    const auto burst = static_cast<int>(moved | (over && moved != 0 ? 0x80000000 : 0));
+    const int wanted = call == kBurst ? burst : n > most ? refused : over ? -122 : 0;
     std::vector<void *> objects(size + 2);
     if (putting) {
       for (void *&fresh : objects)
@@ -170,15 +144,17 @@ void expect_a_queue(std::uint32_t size, std::uint32_t flags, std::uint32_t count
   }
 }
 
-TEST_P(EachMode, DoesAsAQueueDoes) {
-  for (const std::uint32_t size : {1u, 2u, 8u, 16u}) {
-    for (const std::uint32_t counters : {0u, 0x7FFFFFF0u, 0xFFFFFFF3u})
-      expect_a_queue(size, GetParam(), counters);
+TEST(Ring, DoesAsAQueueDoes) {
+  for (const std::uint32_t flags : {0u, 1u, 2u, 3u}) {
+    for (const std::uint32_t size : {1u, 2u, 8u, 16u}) {
+      for (const std::uint32_t counters : {0u, 0x7FFFFFF0u, 0xFFFFFFF3u})
+        expect_a_queue(size, flags, counters);
+    }
   }
   EXPECT_NO_RECORD();
 }
 
-// What passes through the ring in the cases with threads: nothing here is atomic, so that the ring
+// What passes through the ring in the case with threads: nothing here is atomic, so that the ring
 // alone makes the producer's writes visible.
 struct Item {
   unsigned int producer = 0;
@@ -186,128 +162,115 @@ struct Item {
   unsigned int taken = 0;
 };
 
-// One thread's end: moves up to so many objects by any of the three calls, and tells how many went.
-class Mover {
-public:
-  Mover(vorn_ring_s *ring, unsigned int seed) : ring_(ring), random_(seed) {}
+// The parameter: the flags.
+class EachMode : public testing::TestWithParam<std::uint32_t> {
+protected:
+  static constexpr std::uint32_t kMost = 7, kPerProducer = 3000;
 
+  // Moves up to so many objects by any of the three calls; tells how many went.
   template <class Move, class Objects>
-  std::uint32_t operator()(Move move, Objects objects, std::uint32_t most) {
-    const Call call = any_call(random_());
-    const std::uint32_t n = call == kOne ? 1 : 1 + random_() % most;
-    const int result = move(ring_, call, objects, n);
+  std::uint32_t move(Move by, Objects objects, std::uint32_t most, std::mt19937 &random) {
+    const Call call = any_call(random());
+    const std::uint32_t n = call == kOne ? 1 : 1 + random() % most;
+    const int result = by(ring_.get(), call, objects, n);
     const auto moved = call == kBurst ? static_cast<std::uint32_t>(result) : result == 0 ? n : 0;
     // A thread that is descheduled with a slot reserved makes the next one spin for the rest of its
     // turn, with a slot reserved too: so that they do not go on like that, each yields now and
     // then.
-    if (moved == 0 || ++calls_ % 8 == 0) std::this_thread::yield();
+    if (moved == 0 || random() % 8 == 0) std::this_thread::yield();
     return moved;
   }
 
-private:
-  vorn_ring_s *ring_;
-  std::mt19937 random_;
-  unsigned int calls_ = 0;
+  void produce(unsigned int producer) {
+    std::mt19937 random{producer};
+    void *batch[kMost];
+    for (std::uint32_t next = 0; next < kPerProducer && !given_up_;) {
+      const std::uint32_t n = std::min(kMost, kPerProducer - next);
+      for (std::uint32_t i = 0; i < n; ++i) {
+        Item &item = items_[producer * kPerProducer + next + i];
+        item = {producer, next + i, 0};
+        batch[i] = &item;
+      }
+      next += move(put, batch, n, random);
+    }
+  }
+
+  void consume(unsigned int consumer) {
+    std::mt19937 random{consumer + 11};
+    std::uint32_t next[3] = {};
+    void *batch[kMost];
+    while (left_ > 0 && !given_up_) {
+      const std::uint32_t taken = move(take, batch, kMost, random);
+      for (std::uint32_t i = 0; i < taken && !given_up_; ++i) {
+        auto *item = static_cast<Item *>(batch[i]);
+        given_up_ = item < items_.data() || item > &items_.back() ||
+                    item->number < next[item->producer] || item->taken++ != 0;
+        if (!given_up_) next[item->producer] = item->number + 1;
+      }
+      left_ -= static_cast<int>(taken);
+    }
+  }
+
+  Ring ring_;
+  std::vector<Item> items_;
+  std::atomic<int> left_;
+  std::atomic<bool> given_up_{false}; // counters may be such that the others would not end
 };
+
+INSTANTIATE_TEST_SUITE_P(Ring, EachMode, testing::Range(0u, 4u));
 
 // Every item is taken once, in the order of its producer. The counters pass 2^32 in the midst.
 TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
-  constexpr std::uint32_t kMost = 7, kPerProducer = 3000;
   for (const std::uint32_t size : {2u, 8u, 64u}) {
-    const Ring ring = make_ring(size, GetParam(), -kPerProducer / 2);
-    const unsigned int producers = ring->producer.single != 0 ? 1 : 3;
-    const unsigned int consumers = ring->consumer.single != 0 ? 1 : 3;
-    std::vector<Item> items(producers * kPerProducer);
-    std::latch ready{producers + consumers};
-    std::atomic<int> left{static_cast<int>(items.size())};
-    std::atomic<bool> given_up{false}; // counters may be such that the others would not end
-
-    const auto produce = [&](unsigned int producer) {
-      ready.arrive_and_wait();
-      Mover mover{ring.get(), producer};
-      void *batch[kMost];
-      for (std::uint32_t next = 0; next < kPerProducer && !given_up;) {
-        const std::uint32_t n = std::min(kMost, kPerProducer - next);
-        for (std::uint32_t i = 0; i < n; ++i) {
-          Item &item = items[producer * kPerProducer + next + i];
-          item = {producer, next + i, 0};
-          batch[i] = &item;
-        }
-        next += mover(put, batch, n);
-      }
-    };
-    const auto consume = [&](unsigned int consumer) {
-      ready.arrive_and_wait();
-      Mover mover{ring.get(), consumer + 11};
-      std::vector<unsigned int> next(producers);
-      void *batch[kMost];
-      while (left > 0 && !given_up) {
-        const std::uint32_t taken = mover(take, batch, kMost);
-        for (std::uint32_t i = 0; i < taken && !given_up; ++i) {
-          auto *item = static_cast<Item *>(batch[i]);
-          given_up = item < items.data() || item > &items.back() ||
-                     item->number < next[item->producer] || item->taken++ != 0;
-          if (!given_up) next[item->producer] = item->number + 1;
-        }
-        left -= static_cast<int>(taken);
-      }
-    };
-    {
-      std::vector<std::jthread> threads;
-      for (unsigned int i = 0; i < producers; ++i)
-        threads.emplace_back(produce, i);
-      for (unsigned int i = 0; i < consumers; ++i)
-        threads.emplace_back(consume, i);
+    ring_ = make_ring(size, GetParam(), -kPerProducer / 2);
+    const unsigned int producers = ring_->producer.single != 0 ? 1 : 3;
+    const unsigned int consumers = ring_->consumer.single != 0 ? 1 : 3;
+    items_.assign(producers * kPerProducer, {});
+    left_ = static_cast<int>(items_.size());
+    std::barrier start{static_cast<std::ptrdiff_t>(producers + consumers)};
+    std::vector<std::jthread> threads;
+    for (unsigned int i = 0; i < producers + consumers; ++i) {
+      threads.emplace_back([&, i] {
+        start.arrive_and_wait();
+        i < producers ? produce(i) : consume(i - producers);
+      });
     }
-    ASSERT_FALSE(given_up) << size;
-    EXPECT_EQ(std::ranges::count(items, 1u, &Item::taken), std::ssize(items));
-    const auto end = -kPerProducer / 2 + static_cast<std::uint32_t>(items.size());
-    EXPECT_EQ(ring->producer.tail, end);
-    EXPECT_EQ(ring->consumer.tail, end);
+    threads.clear();
+    ASSERT_FALSE(given_up_) << size;
+    EXPECT_EQ(std::ranges::count(items_, 1u, &Item::taken), std::ssize(items_));
+    const auto end = -kPerProducer / 2 + static_cast<std::uint32_t>(items_.size());
+    EXPECT_EQ(ring_->producer.tail, end);
+    EXPECT_EQ(ring_->consumer.tail, end);
   }
 }
 
-// A thread has reserved a slot and not published it: it was descheduled, say. The parameter:
-// whether at the producers' end.
-class Stalled : public testing::TestWithParam<bool> {
-protected:
-  Stalled() {
-    EXPECT_EQ(vorn_ring_enqueue(ring_.get(), object(1)), 0);
-    EXPECT_EQ(vorn_ring_enqueue(ring_.get(), object(2)), 0);
-    end_.head = end_.tail + 1;
+// A thread has reserved a slot and not published it: it was descheduled, say.
+TEST(Ring, AStalledThreadIsWaitedForByThoseBehind) {
+  for (const bool producing : {false, true}) {
+    const Ring ring = make_ring(8, 0, 0xFFFFFFFD);
+    EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(1)), 0);
+    EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(2)), 0);
+    vorn_ring_end_s &end = producing ? ring->producer : ring->consumer;
+    const std::uint32_t tail = end.tail;
+    end.head = tail + 1;
+
+    EXPECT_EQ(vorn_ring_count(ring.get()), 2u); // nor is it seen by the queries
+    EXPECT_EQ(vorn_ring_free_count(ring.get()), 5u);
+    void *objects[6] = {}; // and what it has not published is not the other end's
+    EXPECT_LT(producing ? take(ring.get(), kBulk, objects, 3) : put(ring.get(), kBulk, objects, 6),
+              0);
+    std::thread behind{[&] {
+      void *one[] = {object(4)};
+      EXPECT_EQ(producing ? put(ring.get(), kOne, one, 1) : take(ring.get(), kOne, one, 1), 0);
+    }};
+    while (load(end.head) != tail + 2)
+      std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
+    EXPECT_EQ(load(end.tail), tail);
+    __atomic_store_n(&end.tail, tail + 1, __ATOMIC_RELEASE);
+    behind.join();
+    EXPECT_EQ(load(end.tail), tail + 2);
   }
-
-  int reserve_behind() {
-    void *taken;
-    if (GetParam()) return vorn_ring_enqueue(ring_.get(), object(4));
-    return vorn_ring_dequeue(ring_.get(), &taken);
-  }
-
-  void publish() { __atomic_store_n(&end_.tail, end_.tail + 1, __ATOMIC_RELEASE); }
-
-  Ring ring_ = make_ring(8, 0, 0xFFFFFFFD);
-  vorn_ring_end_s &end_ = GetParam() ? ring_->producer : ring_->consumer;
-};
-
-INSTANTIATE_TEST_SUITE_P(Ring, Stalled, testing::Bool(),
-                         [](const auto &end) { return end.param ? "Producer" : "Consumer"; });
-
-TEST_P(Stalled, IsWaitedForByThoseBehind) {
-  EXPECT_EQ(vorn_ring_count(ring_.get()), 2u); // nor is it seen by the queries
-  EXPECT_EQ(vorn_ring_free_count(ring_.get()), 5u);
-  void *objects[6] = {}; // and what it has not published is not the other end's
-  EXPECT_NE(GetParam() ? vorn_ring_dequeue_bulk(ring_.get(), objects, 3)
-                       : vorn_ring_enqueue_bulk(ring_.get(), objects, 6),
-            0);
-  const std::uint32_t tail = end_.tail;
-  std::thread behind{[this] { EXPECT_EQ(reserve_behind(), 0); }};
-  while (load(end_.head) != tail + 2)
-    std::this_thread::yield();
-  std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
-  EXPECT_EQ(load(end_.tail), tail);
-  publish();
-  behind.join();
-  EXPECT_EQ(load(end_.tail), tail + 2);
 }
 
 } // namespace

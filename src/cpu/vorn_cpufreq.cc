@@ -2,10 +2,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
-#include <memory>
 
 #include "base/bounded.hpp"
+#include "base/directory.hpp"
 #include "base/log.hpp"
 #include "base/stream.hpp"
 #include "syscall/request.hpp"
@@ -14,10 +13,6 @@ namespace vorn::cpufreq {
 namespace {
 
 constexpr char kPolicyRoot[] = "/sys/devices/system/cpu/cpufreq";
-
-struct CloseDirectory {
-  void operator()(DIR *directory) const { closedir(directory); }
-};
 
 // The frequency in kHz that an attribute of a policy holds; false when it cannot be read.
 bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
@@ -45,8 +40,7 @@ bool log_policy(const char *policy) {
 } // namespace vorn::cpufreq
 
 int vorn_cpufreq_init() {
-  const std::unique_ptr<DIR, vorn::cpufreq::CloseDirectory> root(
-      opendir(vorn::cpufreq::kPolicyRoot));
+  const vorn::Directory root(opendir(vorn::cpufreq::kPolicyRoot));
   unsigned int usable = 0;
   while (const dirent *entry = root == nullptr ? nullptr : readdir(root.get())) {
     if (std::strncmp(entry->d_name, "policy", 6) != 0) continue;

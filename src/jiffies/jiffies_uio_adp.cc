@@ -3,12 +3,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "base/bounded.hpp"
+#include "base/directory.hpp"
 #include "base/log.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_jiffies.h"
@@ -24,32 +24,14 @@ constexpr std::size_t kAttributeSize = 32;
 
 constinit vorn_jiffies_uio_s g_jiffies_uio{};
 
-class Directory {
-public:
-  explicit Directory(const char *path) : dir_(opendir(path)) {}
-  Directory(const Directory &) = delete;
-  Directory &operator=(const Directory &) = delete;
-  ~Directory() {
-    if (dir_ != nullptr) closedir(dir_);
-  }
-  explicit operator bool() const { return dir_ != nullptr; }
-  const char *next_name() {
-    const dirent *entry = readdir(dir_);
-    return entry == nullptr ? nullptr : entry->d_name;
-  }
-
-private:
-  DIR *dir_;
-};
-
 // The first entry of the driver's directory that is a UIO device. A name that is too long is
 // reported and leaves an empty one. False, with errno, when there is none.
 bool vorn_get_child_dir(char (&name)[kNameSize]) {
-  Directory directory(kDriverDir);
-  if (!directory) return false;
-  for (const char *entry = directory.next_name(); entry != nullptr; entry = directory.next_name()) {
-    if (std::strncmp(entry, "uio", 3) != 0) continue;
-    if (strcpy_s(name, kNameSize, entry) != 0) VORN_LOG(kError, "strcpy_s failed.");
+  const Directory directory(opendir(kDriverDir));
+  if (directory == nullptr) return false;
+  while (const dirent *entry = readdir(directory.get())) {
+    if (std::strncmp(entry->d_name, "uio", 3) != 0) continue;
+    if (strcpy_s(name, kNameSize, entry->d_name) != 0) VORN_LOG(kError, "strcpy_s failed.");
     return true;
   }
   errno = ENOENT;

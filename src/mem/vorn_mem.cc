@@ -17,8 +17,9 @@ static_assert(offsetof(vorn_mem_head_s, magic) == 0 && offsetof(vorn_mem_head_s,
 
 vorn_mem_head_s *head_of(void *ptr) { return static_cast<vorn_mem_head_s *>(ptr) - 1; }
 
-// Before a block that is not ours lies the system allocator's own data, which a sanitizer guards.
-__attribute__((no_sanitize("address"))) bool is_ours(const vorn_mem_head_s *head) {
+// Before a block that is not ours lies the system allocator's own data, or a block that was freed:
+// sanitizers guard both.
+[[gnu::no_sanitize_address, gnu::no_sanitize_thread]] bool is_ours(const vorn_mem_head_s *head) {
   return head->magic == VORN_MEM_MAGIC;
 }
 

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <pthread.h>
 
 #include "base/mutex.hpp"
 #include "vorn_syscall.h"
@@ -15,6 +16,13 @@ constexpr unsigned int kColumns = 5;
 // Set once, under the mutex, when the counters behind it are cleared.
 constinit std::atomic<std::uint64_t *> known_table{nullptr};
 constinit Mutex table_mutex;
+
+// Without a kernel module every use asks: a fork would often find the mutex another thread's, and
+// the child could allocate no more.
+[[gnu::constructor]] void watch_forks() {
+  constexpr auto unlock = [] { table_mutex.unlock(); };
+  pthread_atfork([] { table_mutex.lock(); }, unlock, unlock);
+}
 
 // An allocation that succeeds and a free leave errno alone, also where no kernel module answers.
 std::uint64_t *ask_for_table() {

@@ -28,8 +28,8 @@ __attribute__((visibility("default"))) int (*fixture_static())(int) {
 }
 }
 
-// 16 bytes each: a function with aliases, a gap, a function of unknown size, one of known size with
-// another inside its second half, one whose name in .symtab carries its version.
+// 16 bytes each: a function with aliases, a gap, a function of unknown size, one whose name in
+// .symtab carries its version.
 asm(R"(
   .text
   .balign 64
@@ -49,16 +49,6 @@ fixture_local_alias:
   .type fixture_label, %function
 fixture_label:
   .skip 16
-  .globl fixture_outer
-  .type fixture_outer, %function
-fixture_outer:
-  .skip 8
-  .type fixture_inner, %function
-fixture_inner:
-  .skip 4
-  .size fixture_inner, 4
-  .skip 4
-  .size fixture_outer, 16
   .globl fixture_version_1
   .type fixture_version_1, %function
 fixture_version_1:
