@@ -1,7 +1,6 @@
 /* Checksums: CRC-32C (Castagnoli, RFC 3720 appendix B.4) and CRC-16/T10-DIF (SCSI Block Commands,
  * the guard of a protected sector). Every function may be called from any thread and in a signal
- * handler, and none blocks or keeps
- * anything of a checksum between two calls. */
+ * handler, and none blocks or keeps anything of a checksum between two calls. */
 #ifndef VORN_CRC_H
 #define VORN_CRC_H
 
@@ -28,9 +27,8 @@ VORN_API uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32
 /* The same by table, for any length; crc itself when length is 0. data is not tested. */
 VORN_API uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length);
 
-/* vorn_crc32cContinueHard over src while copying it to dst; the two must not overlap, and
- * neither is tested. A length of 2
- * GiB and more copies nothing and returns crc unchanged. */
+/* vorn_crc32cContinueHard over src while copying it to dst; the two must not overlap, and neither
+ * is tested. A length of 2 GiB and more copies nothing and returns crc unchanged. */
 VORN_API uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length,
                                                const void *src);
 

@@ -1,6 +1,7 @@
 // test-objects: the checked list is not exported
 #include "list/vorn_list.hpp"
 
+#include <algorithm>
 #include <csignal>
 #include <deque>
 #include <gtest/gtest.h>
@@ -28,117 +29,128 @@ void dump(vorn_list_head_s *node) { dumped.push_back(node); }
 
 // "0x1(0x2,0x3)": a node and its links, as the records show it.
 std::string shown(const vorn_list_head_s *node) {
-  const auto hex = [](const void *address) {
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%p", address);
-    return std::string(buffer);
-  };
-  return hex(node) + "(" + hex(node->next) + "," + hex(node->prev) + ")";
-}
-
-std::vector<int> values(const vorn_list_head_s &head) {
-  std::vector<int> found;
-  for (auto *node = vorn_list_first(&head); node != nullptr; node = vorn_list_next(&head, node)) {
-    found.push_back(vorn_list_entry(node, Record, node)->value);
-  }
-  return found;
-}
-
-// From now on a fault shows the records on standard error and ends the process.
-vorn::list::Show shown_at_fault() {
-  signal(SIGSEGV, [](int) {
-    for (const auto &record : capture::take()) {
-      std::fprintf(stderr, "%d %s %u %s\n", record.level, record.file.c_str(), record.line,
-                   record.text.c_str());
-    }
-    _exit(1);
-  });
-  return dump;
+  char text[80];
+  std::snprintf(text, sizeof text, "%p(%p,%p)", static_cast<const void *>(node),
+                static_cast<const void *>(node->next), static_cast<const void *>(node->prev));
+  return text;
 }
 
 class List : public testing::Test {
 protected:
-  void SetUp() override {
+  List() : records_(40) {
     vorn_list_init_head(&head_);
-    for (int i = 0; i < 4; ++i) {
-      records_[i].value = i;
-      vorn_list_poison(&records_[i].node);
+    for (int i = 0; i < 40; ++i) {
+      records_[static_cast<std::size_t>(i)].value = i;
+      vorn_list_poison(node(i));
     }
   }
-  void fill(int count) {
-    for (int i = 0; i < count; ++i)
-      insert_tail(&head_, &records_[i].node, dump, VORN_FILE);
+
+  vorn_list_head_s *node(int i) { return &records_[static_cast<std::size_t>(i)].node; }
+
+  std::vector<int> values() const {
+    std::vector<int> found;
+    for (auto *at = vorn_list_first(&head_); at != nullptr; at = vorn_list_next(&head_, at))
+      found.push_back(vorn_list_entry(at, Record, node)->value);
+    return found;
   }
+
   vorn_list_head_s head_;
-  Record records_[4];
+  std::vector<Record> records_;
 };
 
 TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
   std::mt19937 random(1);
-  std::vector<Record> pool(40);
   std::deque<int> model;
-  for (int i = 0; i < 40; ++i) {
-    pool[static_cast<size_t>(i)].value = i;
-    vorn_list_poison(&pool[static_cast<size_t>(i)].node);
-  }
   for (int step = 0; step < 5000; ++step) {
-    const int pick = static_cast<int>(random() % pool.size());
-    Record &record = pool[static_cast<size_t>(pick)];
+    const int pick = static_cast<int>(random() % records_.size());
     const auto at = std::find(model.begin(), model.end(), pick);
     if (random() % 8 == 0) {
       auto *first = take_first(&head_, dump, VORN_FILE);
-      ASSERT_EQ(first == nullptr, model.empty());
-      if (first == nullptr) continue;
-      ASSERT_EQ(vorn_list_entry(first, Record, node)->value, model.front());
-      model.pop_front();
+      ASSERT_EQ(first, model.empty() ? nullptr : node(model.front()));
+      if (first != nullptr) model.pop_front();
     } else if (at == model.end()) {
-      ASSERT_TRUE(vorn_list_is_poisoned(&record.node));
-      insert_tail(&head_, &record.node, dump, VORN_FILE);
+      ASSERT_TRUE(vorn_list_is_poisoned(node(pick)));
+      insert_tail(&head_, node(pick), dump, VORN_FILE);
       model.push_back(pick);
     } else {
-      remove(&record.node, dump, VORN_FILE);
+      remove(node(pick), dump, VORN_FILE);
       model.erase(at);
     }
-    ASSERT_EQ(values(head_), std::vector<int>(model.begin(), model.end()));
+    ASSERT_EQ(values(), std::vector<int>(model.begin(), model.end()));
   }
   EXPECT_NO_RECORD();
   EXPECT_TRUE(dumped.empty());
 }
 
-TEST_F(List, InsertionReportsAnOverwrittenTailAndStillLinks) {
-  fill(1);
-  auto *stranger = &records_[3].node;
-  vorn_list_init_head(stranger);
-  head_.prev = stranger;
-  const std::string wanted =
-      "Abnormal list node prev:" + shown(stranger) + " is not point to cur:" + shown(&head_);
-  insert_tail(&head_, &records_[1].node, dump, VORN_FILE);
-  EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "TestBody", wanted);
-  EXPECT_EQ(dumped, (std::vector{&head_, stranger}));
-  EXPECT_EQ(head_.prev, &records_[1].node);
-  EXPECT_EQ(stranger->next, &records_[1].node);
-  EXPECT_EQ(records_[1].node.prev, stranger);
+// Three nodes are in the list, and its neighbours are pointed at a fourth.
+class DamagedList : public List {
+protected:
+  DamagedList() {
+    for (int i = 0; i < 3; ++i)
+      insert_tail(&head_, node(i), dump, VORN_FILE);
+    vorn_list_init_head(stranger_);
+  }
+
+  // Runs the operation and expects this report of it alone.
+  template <class Operation> void expect_report(const std::string &text, Operation operation,
+                                                const std::vector<vorn_list_head_s *> &shown) {
+    operation();
+    EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "Owner", "Abnormal list node " + text);
+    EXPECT_EQ(std::exchange(dumped, {}), shown);
+  }
+
+  vorn_list_head_s *const stranger_ = node(3);
+};
+
+TEST_F(DamagedList, InsertionReportsTheTailAndStillLinks) {
+  head_.prev = stranger_;
+  expect_report("prev:" + shown(stranger_) + " is not point to cur:" + shown(&head_),
+                [&] { insert_tail(&head_, node(4), dump, VORN_FILE, "Owner"); },
+                {&head_, stranger_});
+  EXPECT_EQ(head_.prev, node(4));
+  EXPECT_EQ(stranger_->next, node(4));
+  EXPECT_EQ(node(4)->prev, stranger_);
 }
 
-TEST_F(List, RemovalReportsBothNeighboursAndRelinksThem) {
-  fill(3);
-  auto *node = &records_[1].node;
-  records_[0].node.next = &records_[3].node;
-  records_[2].node.prev = &records_[3].node;
-  remove(node, dump, VORN_FILE);
-  EXPECT_EQ(capture::take().size(), 2u);
-  EXPECT_EQ(dumped, (std::vector{node, &records_[0].node, node, &records_[2].node}));
-  EXPECT_TRUE(vorn_list_is_poisoned(node));
-  EXPECT_EQ(values(head_), (std::vector{0, 2}));
+TEST_F(DamagedList, RemovalReportsEachNeighbourAndRelinksThem) {
+  node(0)->next = stranger_;
+  expect_report("prev:" + shown(node(0)) + " is not point to cur:" + shown(node(1)),
+                [&] { remove(node(1), dump, VORN_FILE, "Owner"); }, {node(1), node(0)});
+  EXPECT_EQ(values(), (std::vector{0, 2}));
+  node(0)->prev = stranger_;
+  expect_report("next:" + shown(node(0)) + " is not point to cur:" + shown(&head_),
+                [&] { remove(&head_, dump, VORN_FILE, "Owner"); }, {&head_, node(0)});
+  EXPECT_TRUE(vorn_list_is_poisoned(&head_));
 }
 
-TEST_F(List, MissingTailIsNotedInTheCallersPlace) {
+TEST_F(DamagedList, TakingTheFirstReportsThatItDoesNotLeadBack) {
+  node(0)->prev = stranger_;
+  stranger_->next = node(0);
+  const std::string head = shown(&head_);
+  expect_report("cur:" + shown(node(0)) +
+                    ", is not point to last:" + head.substr(0, head.find('(')),
+                [&] { take_first(&head_, dump, VORN_FILE, "Owner"); }, {node(0)});
+}
+
+// From now on a fault shows the records on standard error and ends the process.
+vorn::list::Show shown_at_fault() {
+  signal(SIGSEGV, [](int) {
+    for (const auto &record : capture::take())
+      std::fprintf(stderr, "%d %s %u %s\n", record.level, record.file.c_str(), record.line,
+                   record.text.c_str());
+    _exit(1);
+  });
+  return dump;
+}
+
+TEST_F(List, ALinkThatIsNoneIsNotedInTheCallersPlaceAndFaults) {
   for (vorn_list_head_s *tail : {static_cast<vorn_list_head_s *>(nullptr), VORN_LIST_POISON_PREV}) {
     head_.prev = tail;
     const unsigned int line = __LINE__ + 1;
-    EXPECT_DEATH(insert_tail(&head_, &records_[0].node, shown_at_fault(), VORN_FILE), // here
+    EXPECT_DEATH(insert_tail(&head_, node(0), shown_at_fault(), VORN_FILE), // here
                  "6 list_test.c " + std::to_string(line) + " List node prev:\\(");
   }
+  EXPECT_DEATH(remove(node(0), shown_at_fault(), VORN_FILE), "List node prev:\\(0x200200\\), cur");
 }
 
 } // namespace

@@ -193,11 +193,13 @@ TEST_F(Semaphore, GrantsInTheOrderOfWaiting) {
 }
 
 TEST_F(Semaphore, ShowsItsWaiters) {
-  uint32_t first_tid = 0;
-  const auto down = [&](uint32_t) { vorn_sem_enhance_down(&sem); };
-  const std::jthread first =
-      start([&](uint32_t tid) { vorn_sem_enhance_down((first_tid = tid, &sem)); });
-  const std::jthread second = start(down);
+  std::atomic<uint32_t> tids[2];
+  std::jthread waiters[2];
+  for (int i : {0, 1})
+    waiters[i] = start([this, &own = tids[i]](uint32_t tid) {
+      own = tid;
+      vorn_sem_enhance_down(&sem);
+    });
   const void *address = &sem;
   const void *nodes[] = {sem.wait_list.next, sem.wait_list.prev};
   vorn_sem_enhance_show(&sem);
@@ -208,7 +210,7 @@ TEST_F(Semaphore, ShowsItsWaiters) {
   EXPECT_EQ(texts[0], text);
   std::snprintf(text, sizeof text,
                 "TBOSAX:sem %p cnt 0 waiterTid %u status 1 cur %p next %p pre %p", address,
-                first_tid, nodes[0], nodes[1], static_cast<const void *>(&sem.wait_list));
+                tids[0].load(), nodes[0], nodes[1], static_cast<const void *>(&sem.wait_list));
   EXPECT_EQ(texts[1], text);
   vorn_sem_enhance_up(&sem);
   vorn_sem_enhance_up(&sem);
@@ -262,27 +264,26 @@ TEST_F(Semaphore, MillionHandOffs) {
   vorn_sem_enhance_s room;
   vorn_sem_enhance_init(&room, kWindow);
   unsigned long cells[kWindow] = {};
-  bool last[kWindow] = {};
   std::jthread giver{[&] {
-    for (unsigned long i = 0;; ++i) {
+    unsigned long i = 0;
+    do {
       vorn_sem_enhance_down(&room);
       cells[i % kWindow] = i;
-      const bool done = i + 1 == kHandOffs || (i % 64 == 0 && Clock::now() > end);
-      last[i % kWindow] = done;
       vorn_sem_enhance_up(&sem);
-      if (done) return;
-    }
+      ++i;
+    } while (i < kHandOffs && (i % 64 != 0 || Clock::now() < end));
+    vorn_sem_enhance_down(&room);
+    cells[i % kWindow] = kHandOffs; // that was all
+    vorn_sem_enhance_up(&sem);
   }};
-  unsigned long wrong = 0;
-  unsigned long i = 0;
-  for (bool done = false; !done; ++i) {
+  for (unsigned long i = 0;; ++i) {
     vorn_sem_enhance_down(&sem);
-    wrong += cells[i % kWindow] != i ? 1 : 0;
-    done = last[i % kWindow];
+    const unsigned long cell = cells[i % kWindow];
     vorn_sem_enhance_up(&room);
+    if (cell == kHandOffs) break;
+    ASSERT_EQ(cell, i);
   }
   giver.join();
-  EXPECT_EQ(wrong, 0u);
   EXPECT_EQ(sem.cnt, 0);
   EXPECT_EQ(room.cnt, static_cast<int>(kWindow));
 }

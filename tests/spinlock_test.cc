@@ -147,11 +147,11 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
 constexpr uintptr_t kFarUp = 12288; // more than a stack that nobody knows is taken to hold
 volatile uintptr_t *g_on_stack;
 
-// Has a frame so many words up its own, which is on the stack even where a sanitizer keeps the
-// locals of others elsewhere.
-[[gnu::noinline, gnu::no_sanitize_address]] std::string dump_with_frame_at(std::size_t word) {
+// With a frame so far up its own, which is on the stack even where a sanitizer keeps the locals of
+// others elsewhere.
+[[gnu::noinline, gnu::no_sanitize_address]] std::string dump_with_frame_far_up() {
   volatile uintptr_t words[2048] = {};
-  g_on_stack = words + word;
+  g_on_stack = words + kFarUp / sizeof(uintptr_t);
   g_on_stack[1] = 0x1234;
   outer(1, [](uintptr_t) { return number(g_on_stack); });
   return the_record();
@@ -173,8 +173,7 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   }
   // The registry knows how far the stack of a thread of its own goes.
   ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
-  EXPECT_EQ(dump_with_frame_at(kFarUp / sizeof(uintptr_t)),
-            stack_text(place(g_returns[0]), 0x1234, 0));
+  EXPECT_EQ(dump_with_frame_far_up(), stack_text(place(g_returns[0]), 0x1234, 0));
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <string>
 #include <sys/stat.h>
 
+#include "descriptors.hpp"
 #include "interrupt.hpp"
 #include "log.hpp"
 #include "options.hpp"
@@ -91,6 +92,7 @@ ExitStatus do_job(Options &options) {
 }
 
 int run(int argc, char **argv) {
+  keep_standard_descriptors();
   Options options = parse_options(argc, argv);
   switch (options.command) {
   case Command::kWrong:
@@ -108,6 +110,7 @@ int run(int argc, char **argv) {
   const std::string missing = what_is_missing(options);
   if (!missing.empty()) return refuse(missing.c_str());
   catch_signals();
+  raise_descriptor_limit();
   const Session session(options.job);
   if (!session.started()) return could_not_run("the library did not start; the log tells why");
   return do_job(options);

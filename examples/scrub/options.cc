@@ -107,8 +107,8 @@ Tells which files below a directory have been damaged.
 
 Links are not followed. Files that cannot be read, or change while they are
 read, are reported and skipped. An existing manifest is replaced only once the
-new one is complete. A byte of a name that is a blank, a control character or
-'%' is written as %XX.
+new one is complete. A byte of a name that is of a blank, of a control
+character, of '%' or of no UTF-8 is written as %XX.
 
 Exit status: 0 clean (also where files are new or were skipped),
 1 damage found (a block, a size, a missing or unreadable file), 2 could not run.

@@ -59,8 +59,10 @@ void Progress::print(const char *format, ...) {
   std::putchar('\n');
 }
 
+// What was skipped, or has shrunk, is not waited for any more.
 void Progress::finish() {
   if (!terminal_) return;
+  total_ = bytes_;
   draw_bar();
   std::putchar('\n');
   bar_shown_ = false;
@@ -85,12 +87,14 @@ void Progress::draw_bar() {
                                    bytes_text(static_cast<double>(total_)).c_str(),
                                    counted(files_, "file").c_str(),
                                    speed_text(bytes_, vorn_time_getnanosec() - started_).c_str());
+  const std::size_t width = terminal_width();
   const std::size_t taken = static_cast<std::size_t>(length) + 2;
-  const std::size_t cells =
-      std::clamp<std::size_t>(terminal_width(), taken + 8, taken + 40) - taken;
-  std::string bar(cells * percent() / 100, '#');
-  bar.resize(cells, '.');
-  std::printf("%s[%s%s", kClearLine, bar.c_str(), state);
+  const std::size_t cells = std::clamp<std::size_t>(width, taken + 8, taken + 40) - taken;
+  std::string line = "[" + std::string(cells * percent() / 100, '#');
+  line.resize(1 + cells, '.');
+  line += state;
+  // A line that wraps could not be cleared.
+  std::printf("%s%.*s", kClearLine, static_cast<int>(width - 1), line.c_str());
   bar_shown_ = true;
 }
 

@@ -1,5 +1,7 @@
 #include "text.hpp"
 
+#include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cstdio>
 #include <iterator>
@@ -7,7 +9,24 @@
 namespace scrub {
 namespace {
 
-bool needs_escape(unsigned char c) { return c <= ' ' || c == 0x7F || c == '%'; }
+// The length of the character that text begins with where it may stand as it is, else 0: then its
+// first byte is escaped. Not only the control characters of ASCII speak to terminals, those from
+// U+0080 to U+009F do as well.
+std::size_t plain_length(std::string_view text) {
+  constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000}; // by length
+  const auto first = static_cast<unsigned char>(text[0]);
+  if (first < 0x80) return first > ' ' && first != 0x7F && first != '%' ? 1 : 0;
+
+  const auto length = static_cast<std::size_t>(std::countl_one(first));
+  if (length < 2 || length > 4 || length > text.size()) return 0;
+  std::uint32_t character = first & (0xFFu >> length);
+  for (const unsigned char at : text.substr(1, length - 1)) {
+    if ((at & 0xC0u) != 0x80) return 0;
+    character = character << 6 | (at & 0x3Fu);
+  }
+  const bool surrogate = character >= 0xD800 && character <= 0xDFFF;
+  return character < kLeast[length] || character > 0x10FFFF || surrogate ? 0 : length;
+}
 
 } // namespace
 
@@ -15,13 +34,15 @@ String escape(std::string_view path) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   String word;
   word.reserve(path.size());
-  for (const char at : path) {
-    const auto c = static_cast<unsigned char>(at);
-    if (needs_escape(c)) {
-      word += {'%', kDigits[c >> 4], kDigits[c & 15]};
+  while (!path.empty()) {
+    const std::size_t plain = plain_length(path);
+    const auto first = static_cast<unsigned char>(path[0]);
+    if (plain != 0) {
+      word += path.substr(0, plain);
     } else {
-      word += at;
+      word += {'%', kDigits[first >> 4], kDigits[first & 15]};
     }
+    path.remove_prefix(std::max<std::size_t>(plain, 1));
   }
   return word;
 }

@@ -10,8 +10,9 @@
 
 namespace scrub {
 
-// A path as one printable word: blanks, control characters and '%' become %XX. The same in the
-// manifest, in the log and on the terminal, so that a name can be searched for.
+// A path as one printable word: the bytes of blanks, of control characters, of '%' and of what is
+// no UTF-8 become %XX. The same in the manifest, in the log and on the terminal, so that a name can
+// be searched for.
 String escape(std::string_view path);
 
 // The path behind such a word. False where the word is not one that escape makes.

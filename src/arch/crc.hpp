@@ -1,4 +1,6 @@
-// The checksums by this processor's special instructions:
+// The checksums by special instructions:
+//   vorn::arch::CrcProbe       which of them a processor has
+//   vorn::arch::crc_probe      which of them this one has
 //   vorn::arch::has_crc32c()   whether these may be called:
 //   vorn::arch::crc32c()       the register carried on over length bytes
 //   vorn::arch::crc32c_copy()  the same while copying them, each word stored before it is used

@@ -153,8 +153,9 @@ private:
 
   [[gnu::always_inline]] static std::uint16_t few(Vector before, const std::uint8_t *data,
                                                   std::size_t vectors) {
-    if (vectors > 1) before = fold(before, kFolds[vectors - 1]);
-    return finish(before, data, vectors).reduce();
+    Vector sum = before ^ Vector::load(data);
+    if (vectors > 1) sum = finish(fold(sum, kFolds[vectors - 1]), data + kBytes, vectors - 1);
+    return sum.reduce();
   }
 
   [[gnu::noinline]] static std::uint16_t many(Vector before, const std::uint8_t *data,

@@ -101,7 +101,8 @@ public:
     if (length >= 8 * kWord) { // whose multiples, the most usual, need none of the rest
       for (; length >= 8 * kWord; length -= 8 * kWord)
         crc = words<8>(crc, source);
-      if (length == 0) return static_cast<std::uint32_t>(crc);
+      if (length == 0) [[likely]]
+        return static_cast<std::uint32_t>(crc);
     }
     for (; length >= 2 * kWord; length -= 2 * kWord)
       crc = words<2>(crc, source);

@@ -2,8 +2,7 @@
 
 #include <atomic>
 
-#include "arch/crc.hpp"
-#include "crc/tables.hpp"
+#include "crc/routines.hpp"
 
 namespace vorn::crc {
 namespace {
@@ -11,9 +10,6 @@ namespace {
 using Continue = std::uint32_t (*)(std::uint32_t crc, const void *data, std::uint32_t length);
 
 constexpr std::uint32_t kStart = 0xFFFFFFFF;
-
-// Fewer bytes than the kernel takes go through the table.
-constexpr std::uint64_t kCrc16KernelMin = 16;
 
 std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length);
 
@@ -31,34 +27,6 @@ std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t 
 // The hard routines take their length as signed: 2 GiB and more is a negative length, of nothing.
 bool is_negative(std::uint32_t length) { return static_cast<std::int32_t>(length) < 0; }
 
-std::uint32_t crc32c_by_table(std::uint32_t crc, const void *data, std::size_t length) {
-  const auto *at = static_cast<const std::uint8_t *>(data);
-  for (const auto *end = at + length; at != end; ++at) {
-    crc = kCrc32cTable[(crc ^ *at) & 0xFF] ^ (crc >> 8);
-  }
-  return crc;
-}
-
-std::uint32_t crc32c_copy_by_table(std::uint32_t crc, void *to, const void *from,
-                                   std::size_t length) {
-  const auto *at = static_cast<const std::uint8_t *>(from);
-  auto *copy = static_cast<std::uint8_t *>(to);
-  for (const auto *end = at + length; at != end; ++at, ++copy) {
-    const std::uint8_t byte = *at;
-    *copy = byte;
-    crc = kCrc32cTable[(crc ^ byte) & 0xFF] ^ (crc >> 8);
-  }
-  return crc;
-}
-
-std::uint16_t crc16_by_table(std::uint16_t crc, const void *data, std::size_t length) {
-  const auto *at = static_cast<const std::uint8_t *>(data);
-  for (const auto *end = at + length; at != end; ++at) {
-    crc = static_cast<std::uint16_t>((crc << 8) ^ kCrc16Table[*at ^ (crc >> 8)]);
-  }
-  return crc;
-}
-
 } // namespace
 } // namespace vorn::crc
 
@@ -73,9 +41,7 @@ uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length) {
 uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length) {
   if (vorn::crc::is_negative(length)) [[unlikely]]
     return crc;
-  if (!vorn::arch::has_crc32c()) [[unlikely]]
-    return vorn::crc::crc32c_by_table(crc, data, length);
-  return vorn::arch::crc32c(crc, data, length);
+  return vorn::crc::crc32c(vorn::arch::crc_probe, crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length) {
@@ -85,9 +51,7 @@ uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length
 uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length, const void *src) {
   if (vorn::crc::is_negative(length)) [[unlikely]]
     return crc;
-  if (!vorn::arch::has_crc32c()) [[unlikely]]
-    return vorn::crc::crc32c_copy_by_table(crc, dst, src, length);
-  return vorn::arch::crc32c_copy(crc, dst, src, length);
+  return vorn::crc::crc32c_copy(vorn::arch::crc_probe, crc, dst, src, length);
 }
 
 uint32_t vorn_crc32cStart(const void *data, uint32_t length) {
@@ -112,10 +76,7 @@ uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
 }
 
 uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length) {
-  if (length < vorn::crc::kCrc16KernelMin || !vorn::arch::has_crc16()) [[unlikely]] {
-    return vorn::crc::crc16_by_table(crc, data, length);
-  }
-  return vorn::arch::crc16(crc, data, length);
+  return vorn::crc::crc16(vorn::arch::crc_probe, crc, data, length);
 }
 
 uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length) {

@@ -7,12 +7,28 @@
 namespace vorn::arch {
 
 // Every processor that the library runs on has the CRC32 and PMULL instructions: nothing is probed.
-constexpr bool has_crc32c() { return true; }
-constexpr bool has_crc16() { return true; }
+struct CrcProbe {};
+inline constexpr CrcProbe crc_probe{};
+
+constexpr bool has_crc32c(CrcProbe) { return true; }
+constexpr bool has_crc16(CrcProbe) { return true; }
 
 std::uint32_t crc32c(std::uint32_t crc, const void *data, std::size_t length);
 std::uint32_t crc32c_copy(std::uint32_t crc, void *to, const void *from, std::size_t length);
 std::uint16_t crc16(std::uint16_t crc, const void *data, std::size_t length);
+
+inline std::uint32_t crc32c(CrcProbe, std::uint32_t crc, const void *data, std::size_t length) {
+  return crc32c(crc, data, length);
+}
+
+inline std::uint32_t crc32c_copy(CrcProbe, std::uint32_t crc, void *to, const void *from,
+                                 std::size_t length) {
+  return crc32c_copy(crc, to, from, length);
+}
+
+inline std::uint16_t crc16(CrcProbe, std::uint16_t crc, const void *data, std::size_t length) {
+  return crc16(crc, data, length);
+}
 
 } // namespace vorn::arch
 

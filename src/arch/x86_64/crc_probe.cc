@@ -5,9 +5,9 @@ namespace {
 
 CrcProbe probe() {
   __builtin_cpu_init();
-  const bool narrow = __builtin_cpu_supports("sse4.2") && __builtin_cpu_supports("pclmul");
+  if (!__builtin_cpu_supports("sse4.2") || !__builtin_cpu_supports("pclmul")) return {};
   const bool wide = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("vpclmulqdq");
-  return {.narrow = narrow, .wide = narrow && wide};
+  return wide ? kCrcWide : kCrcNarrow;
 }
 
 } // namespace
