@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <source_location>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -70,9 +69,8 @@ bool contains(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
 
-void expect(const Outcome &outcome, int status, const Words &parts,
-            std::source_location place = std::source_location::current()) {
-  const testing::ScopedTrace trace(place.file_name(), static_cast<int>(place.line()), outcome.text);
+void expect(const Outcome &outcome, int status, const Words &parts, int line = __builtin_LINE()) {
+  const testing::ScopedTrace trace(__FILE__, line, outcome.text);
   EXPECT_EQ(outcome.status, status);
   for (const std::string &part : parts)
     EXPECT_TRUE(contains(outcome.text, part)) << "wanted: " << part;
