@@ -22,7 +22,7 @@ const std::string kTemporary = "/tmp/bay_cfg_segment_" + std::to_string(getpid()
 
 struct Bay : testing::Test {
   void SetUp() override {
-    if (!scratch::cover_directory("/WRK")) GTEST_SKIP() << "no right to mount here";
+    if (!scratch::cover_directory("/WRK")) GTEST_SKIP() << scratch::kNoMounts;
     set_script("cat /WRK/value");
   }
   void TearDown() override { fs::remove(kTemporary); }

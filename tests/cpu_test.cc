@@ -48,8 +48,7 @@ TEST(Cpu, ListsOfCpus) {
 
 TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
   const std::string root = "/sys/devices/system/cpu/cpufreq/";
-  if (!scratch::cover_directory("/sys/devices/system/cpu"))
-    GTEST_SKIP() << "no right to mount here";
+  if (!scratch::cover_directory("/sys/devices/system/cpu")) GTEST_SKIP() << scratch::kNoMounts;
   EXPECT_EQ(vorn_cpufreq_init(), 0); // a machine that offers none
 
   for (const std::string policy : {"policy0", "policy4"}) {

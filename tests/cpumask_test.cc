@@ -63,7 +63,7 @@ TEST(Cpumask, SearchEndsAtTheLastCpu) {
 
 TEST(Cpumask, AFailedLoadIsTriedAgainAndASuccessIsKept) {
   const std::string root = "/sys/devices/system/cpu/";
-  if (!scratch::cover_directory(root)) GTEST_SKIP() << "no right to mount here";
+  if (!scratch::cover_directory(root)) GTEST_SKIP() << scratch::kNoMounts;
   const int descriptor = scratch::next_descriptor();
   scratch::write_file(root + "possible", "0-5\n");
   scratch::write_file(root + "present", "0-3\n");

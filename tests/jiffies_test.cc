@@ -33,7 +33,7 @@ class Driver : public testing::Test {
 protected:
   void SetUp() override {
     if (!scratch::cover_directory("/sys/devices/platform") || !scratch::cover_directory("/dev")) {
-      GTEST_SKIP() << "no right to mount here";
+      GTEST_SKIP() << scratch::kNoMounts;
     }
   }
 };

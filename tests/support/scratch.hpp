@@ -29,8 +29,10 @@ int next_descriptor();
 
 // From now on this process sees an empty file system at directory, as nobody else does. A directory
 // of "/" that the machine does not have appears for this process alone. False where the machine
-// does not let a test have a mount namespace (it takes root).
+// does not let a test have mounts of its own.
 bool cover_directory(const std::string &directory);
+inline constexpr char kNoMounts[] =
+    "mounts of its own take CAP_SYS_ADMIN and a root directory that is a mount point";
 
 } // namespace scratch
 
