@@ -1,8 +1,8 @@
 #include "evlog.h"
 
+#include "base/cancellation_off.hpp"
 #include "base/kept_errno.hpp"
 #include "modules.hpp"
-#include "no_cancel.hpp"
 #include "output.hpp"
 #include "rate_limit.hpp"
 #include "raw.hpp"
@@ -27,13 +27,13 @@ void report_dropped(unsigned int module, unsigned long dropped, const Place &pla
 using namespace logging;
 
 int evlog_init(const char *program, const char *directory) {
-  const NoCancel not_cancelled;
+  const vorn::CancellationOff off;
   return open_log_file(program, directory);
 }
 
 int evlog_destroy() {
   const vorn::KeptErrno errno_stays;
-  const NoCancel not_cancelled;
+  const vorn::CancellationOff off;
   close_log_file();
   return 0;
 }
@@ -45,7 +45,7 @@ int evlog_level_check(unsigned int module, int level) {
 int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
           unsigned int, const char *format, ...) {
   const vorn::KeptErrno errno_stays;
-  const NoCancel not_cancelled;
+  const vorn::CancellationOff off;
   unsigned long dropped;
   if (!admit_record(group_of(module), &dropped)) return 1;
   report_dropped(module, dropped, {"evlog.c", __LINE__, __func__});
@@ -79,7 +79,7 @@ int evlog_loglevel_set(unsigned int module, int level) {
 
 int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms) {
   const vorn::KeptErrno errno_stays;
-  const NoCancel not_cancelled;
+  const vorn::CancellationOff off;
   unsigned long dropped;
   if (!set_rate_limit(group, burst, interval_ms, &dropped)) return -1;
   report_dropped(first_module_of(group), dropped, {"evlog.c", __LINE__, __func__});

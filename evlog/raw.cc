@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "base/cancellation_off.hpp"
 #include "base/kept_errno.hpp"
-#include "no_cancel.hpp"
 #include "output.hpp"
 
 namespace logging {
@@ -22,7 +22,7 @@ constexpr std::size_t kRawBytes = 1023;
 // or setlocale, and only in a signal handler.
 int write_raw(LineEnd end, const char *format, std::va_list args) {
   const vorn::KeptErrno errno_stays;
-  const NoCancel not_cancelled;
+  const vorn::CancellationOff off;
   if (format == nullptr) return -1;
   char buffer[kRawBytes + 1]; // the NUL's place takes the newline
   const int wanted = vsnprintf(buffer, sizeof buffer, format, args);

@@ -26,12 +26,9 @@ public:
   // Runs step, which returns 0 on success, unless an earlier run counts. The result is 0, or what
   // the step of this call returned.
   template <class Step> int run(Step step) {
-    if (done()) return 0;
-    MutexGuard hold{mutex_};
-    if (done_.load(std::memory_order_relaxed)) return 0;
-    const int result = step();
-    done_.store(result == 0 || policy_ == OncePolicy::kLatch, std::memory_order_release);
-    return result;
+    if (done()) [[likely]]
+      return 0;
+    return run_under_mutex(step);
   }
 
   // Undoes a run: calls step and clears the flag, unless there is nothing to undo.
@@ -43,7 +40,20 @@ public:
     done_.store(false, std::memory_order_release);
   }
 
+  // While locked no step begins or is under way. For a fork, whose child could not finish one.
+  void lock() { mutex_.lock(); }
+  void unlock() { mutex_.unlock(); }
+
 private:
+  // Apart, so that the usual case costs its caller one test and no more.
+  template <class Step> [[gnu::noinline]] int run_under_mutex(Step &step) {
+    const MutexGuard hold{mutex_};
+    if (done_.load(std::memory_order_relaxed)) return 0;
+    const int result = step();
+    done_.store(result == 0 || policy_ == OncePolicy::kLatch, std::memory_order_release);
+    return result;
+  }
+
   std::atomic<bool> done_{false};
   Mutex mutex_;
   OncePolicy policy_;

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <pthread.h>
 
-#include "base/mutex.hpp"
+#include "base/once.hpp"
 #include "vorn_syscall.h"
 
 namespace vorn::mem {
@@ -13,15 +13,15 @@ namespace {
 
 constexpr unsigned int kColumns = 5;
 
-// Set once, under the mutex, when the counters behind it are cleared.
-constinit std::atomic<std::uint64_t *> known_table{nullptr};
-constinit Mutex table_mutex;
+// The table is written in this step, when its counters are cleared.
+constinit Once table_found{OncePolicy::kRetry};
+constinit std::uint64_t *found_table = nullptr;
 
-// Without a kernel module every use asks: a fork would often find the mutex another thread's, and
-// the child could allocate no more.
+// Without a kernel module every use asks: a fork would often come in the middle of it, and the
+// child could allocate no more.
 [[gnu::constructor]] void watch_forks() {
-  constexpr auto unlock = [] { table_mutex.unlock(); };
-  pthread_atfork([] { table_mutex.lock(); }, unlock, unlock);
+  constexpr auto unlock = [] { table_found.unlock(); };
+  pthread_atfork([] { table_found.lock(); }, unlock, unlock);
 }
 
 // An allocation that succeeds and a free leave errno alone, also where no kernel module answers.
@@ -40,19 +40,16 @@ std::atomic_ref<std::uint64_t> counter(std::uint64_t *table, unsigned int pid) {
   return std::atomic_ref(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
 }
 
-// NULL while the kernel module has given none.
-std::uint64_t *stat_table() {
-  std::uint64_t *table = known_table.load(std::memory_order_acquire);
-  if (table != nullptr) return table;
-  MutexGuard hold{table_mutex};
-  table = known_table.load(std::memory_order_relaxed);
-  if (table != nullptr) return table;
-  table = ask_for_table();
-  if (table == nullptr) return nullptr;
+int find_table() {
+  std::uint64_t *table = ask_for_table();
+  if (table == nullptr) return -1;
   std::memset(table, 0, VORN_MODULE_ID_COUNT * sizeof *table);
-  known_table.store(table, std::memory_order_release);
-  return table;
+  found_table = table;
+  return 0;
 }
+
+// NULL while the kernel module has given none.
+std::uint64_t *stat_table() { return table_found.run(find_table) == 0 ? found_table : nullptr; }
 
 } // namespace
 } // namespace vorn::mem

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
 #include "str/pid_table.hpp"
 #include "str/spawn.hpp"
@@ -68,7 +69,7 @@ FILE *start(const char *function, const char *command, const char *mode, const P
 
 FILE *vorn_popen(const char *command, const char *mode) {
   if (command == nullptr || !vorn::str::is_mode(mode)) return nullptr;
-  const vorn::str::CancellationOff off;
+  const vorn::CancellationOff off;
   if (!vorn::str::pid_table_ready()) return nullptr;
   vorn::str::Pipe pipe{};
   if (!pipe.open(mode)) return nullptr;
@@ -90,7 +91,7 @@ FILE *vorn_popen_s(const char *command, const char *mode, const char *whitelist)
 
 FILE *vorn_popen_with_pid(const char *command, const char *mode, int *pid) {
   if (command == nullptr || mode == nullptr || pid == nullptr) return nullptr;
-  const vorn::str::CancellationOff off;
+  const vorn::CancellationOff off;
   vorn::str::Pipe pipe{};
   if (!pipe.open(mode)) return nullptr;
   return vorn::str::start(__func__, command, mode, pipe, pid);
@@ -107,7 +108,7 @@ int vorn_pclose(FILE *stream) {
   if (stream == nullptr) return -1;
   const int fd = fileno(stream);
   if (fd == -1) return -1;
-  const vorn::str::CancellationOff off;
+  const vorn::CancellationOff off;
   const pid_t child = vorn::str::pid_table_take(fd);
   if (child == 0) return -1;
   fclose(stream);

@@ -2,22 +2,9 @@
 #ifndef VORN_STR_SPAWN_HPP
 #define VORN_STR_SPAWN_HPP
 
-#include <pthread.h>
 #include <sys/types.h>
 
 namespace vorn::str {
-
-// While one exists, the thread is not cancelled: it would leave a child unreaped or a pipe open.
-class CancellationOff {
-public:
-  CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-  CancellationOff(const CancellationOff &) = delete;
-  CancellationOff &operator=(const CancellationOff &) = delete;
-  ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
-
-private:
-  int before_ = PTHREAD_CANCEL_ENABLE;
-};
 
 // A descriptor that the shell has under another number. The numbers may be the same.
 struct Redirection {

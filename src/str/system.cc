@@ -6,6 +6,7 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
 #include "str/spawn.hpp"
 
@@ -30,7 +31,7 @@ bool is_refusal(int result) { return (result & 0xFF) == 0; }
 int vorn_system(const char *command) {
   if (command == nullptr) return -EINVAL;
   if (vorn::str::has_separator(command)) return -1;
-  const vorn::str::CancellationOff off;
+  const vorn::CancellationOff off;
   const pid_t child = vorn::str::spawn_shell(command, nullptr);
   return child < 0 ? -1 : vorn::str::wait_for(child);
 }

@@ -1,0 +1,23 @@
+// While one exists the thread is not cancelled: it would leave a lock held, a child unreaped or a
+// descriptor open.
+#ifndef VORN_BASE_CANCELLATION_OFF_HPP
+#define VORN_BASE_CANCELLATION_OFF_HPP
+
+#include <pthread.h>
+
+namespace vorn {
+
+class CancellationOff {
+public:
+  CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  CancellationOff(const CancellationOff &) = delete;
+  CancellationOff &operator=(const CancellationOff &) = delete;
+  ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+
+private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
+} // namespace vorn
+
+#endif
