@@ -6,12 +6,12 @@
 #include <bitset>
 #include <endian.h>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/guarded_page.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -101,24 +101,19 @@ TEST(Bitops, UpdatesOfOneByteLoseNothing) {
   alignas(8) unsigned char bitmap[9] = {};
   std::atomic<int> lost{0};
   std::barrier start(8);
-  std::vector<std::thread> threads;
-  for (std::uint32_t own = 0; own < 8; ++own) {
-    threads.emplace_back([&bitmap, &lost, &start, own] {
-      const std::uint32_t nr = 64 + own;
-      start.arrive_and_wait();
-      for (int round = 0; round < 20000; ++round) {
-        if (vorn_test_and_set_bit(nr, bitmap) != 0) ++lost;
-        if (find_next_bit(bitmap, 72, nr) != nr) ++lost;
-        if (vorn_test_and_clear_bit(nr, bitmap) != 1) ++lost;
-        vorn_set_bit(nr, bitmap);
-        if (vorn_find_next_zero_bit(bitmap, 72, nr) == nr) ++lost;
-        vorn_clear_bit(nr, bitmap);
-      }
-      if (own % 2 == 0) vorn_set_bit(nr, bitmap);
-    });
-  }
-  for (std::thread &thread : threads)
-    thread.join();
+  run_threads(8, [&](int own) {
+    const std::uint32_t nr = 64 + static_cast<std::uint32_t>(own);
+    start.arrive_and_wait();
+    for (int round = 0; round < 20000; ++round) {
+      if (vorn_test_and_set_bit(nr, bitmap) != 0) ++lost;
+      if (find_next_bit(bitmap, 72, nr) != nr) ++lost;
+      if (vorn_test_and_clear_bit(nr, bitmap) != 1) ++lost;
+      vorn_set_bit(nr, bitmap);
+      if (vorn_find_next_zero_bit(bitmap, 72, nr) == nr) ++lost;
+      vorn_clear_bit(nr, bitmap);
+    }
+    if (own % 2 == 0) vorn_set_bit(nr, bitmap);
+  });
   EXPECT_EQ(lost, 0);
   EXPECT_EQ(bitmap[8], 0x55);
 }

@@ -18,6 +18,7 @@
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -155,20 +156,15 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
 constexpr char kReadAll[] = "exec timeout 20 cat";
 
 TEST_F(CommandStream, ServesManyThreads) {
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t] {
-      for (int i = 0; i < 6; ++i) {
-        FILE *reader = vorn_popen(kReadAll, "w");
-        const std::string number = std::to_string(100 * t + i);
-        EXPECT_EQ(output_of("echo " + number), number + "\n");
-        EXPECT_EQ(exit_code(vorn_system(("exit " + std::to_string(t)).c_str())), t);
-        EXPECT_EQ(vorn_pclose(reader), 0);
-      }
-    });
-  }
-  for (std::thread &thread : threads)
-    thread.join();
+  run_threads(4, [](int thread) {
+    for (int i = 0; i < 6; ++i) {
+      FILE *reader = vorn_popen(kReadAll, "w");
+      const std::string number = std::to_string(100 * thread + i);
+      EXPECT_EQ(output_of("echo " + number), number + "\n");
+      EXPECT_EQ(exit_code(vorn_system(("exit " + std::to_string(thread)).c_str())), thread);
+      EXPECT_EQ(vorn_pclose(reader), 0);
+    }
+  });
 }
 
 TEST_F(Command, RefusesASeparator) {

@@ -4,13 +4,12 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 #include "vorn_time.h"
 
 namespace {
@@ -105,10 +104,7 @@ TEST_F(Driver, ANameThatIsTooLongIsReportedAndGoesOnAsNone) {
 }
 
 TEST(Jiffies, AreTheClocksWithoutTheDriver) {
-  std::vector<std::jthread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([] { EXPECT_GT(vorn_get_jiffies(), 0u); });
-  threads.clear();
+  run_threads(4, [](int) { EXPECT_GT(vorn_get_jiffies(), 0u); });
   EXPECT_EQ(capture::take().size(), 1u); // one start, one report of the missing driver
   const uint64_t earliest = vorn_time_getnanosec() / 4000000;
   EXPECT_GE(vorn_get_jiffies(), earliest);

@@ -11,11 +11,11 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
+#include "support/threads.hpp"
 #include "vorn_syscall.h"
 #include "vornsim.h"
 
@@ -89,19 +89,15 @@ TEST(Mem, TableIsAskedForUntilItIsThereAndShownFiveToALine) {
 
 TEST(Mem, CountsFromManyThreadsLoseNothing) {
   std::latch start{4};
-  std::vector<std::jthread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&start] {
-      start.arrive_and_wait();
-      for (int i = 0; i < 2000; ++i) {
-        void *block = vorn_malloc(4, 32);
-        vorn_free(block);
-      }
-      for (int i = 0; i < 200000; ++i)
-        vorn_mem_stat_add(5, 1);
-    });
-  }
-  threads.clear();
+  run_threads(4, [&](int) {
+    start.arrive_and_wait();
+    for (int i = 0; i < 2000; ++i) {
+      void *block = vorn_malloc(4, 32);
+      vorn_free(block);
+    }
+    for (int i = 0; i < 200000; ++i)
+      vorn_mem_stat_add(5, 1);
+  });
   EXPECT_EQ(shown::by(vorn_mem_show), shown_as("| 5            800000 ", "800000"));
 }
 
