@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 #include "support/threads.hpp"
@@ -35,17 +36,6 @@ std::string output_of(const std::string &command, const char *whitelist = nullpt
   const std::string line = line_of(stream);
   EXPECT_EQ(vorn_pclose(stream), 0);
   return line;
-}
-
-int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
-
-// Runs work in a child. Its result is the exit code.
-template <class Work> int in_child(Work work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
-  return exit_code(status);
 }
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
@@ -254,7 +244,7 @@ int try_with_closed(unsigned int closed, const std::string &path) {
 
 TEST_F(CommandStream, AnyStandardDescriptorMayBeClosed) {
   for (unsigned int closed = 0; closed < 8; ++closed)
-    EXPECT_EQ(in_child([&] { return try_with_closed(closed, file); }), 0) << closed;
+    EXPECT_EQ(run_in_child([&] { return try_with_closed(closed, file); }), 0) << closed;
 }
 
 TEST_F(Command, LooksAtTheArgumentsOnly) {
@@ -275,7 +265,7 @@ TEST_F(Command, LooksAtTheArgumentsOnly) {
   EXPECT_EQ(execv_s(missing, 4, unsafe, "|", nullptr), kDangerous);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_str.c", "execv_s",
                     "execv cmd is dangerous, argv[3] is: c;d.");
-  EXPECT_EQ(in_child([&] { return execv_s("/bin/sh", 3, safe, nullptr, accept); }), 7);
+  EXPECT_EQ(run_in_child([&] { return execv_s("/bin/sh", 3, safe, nullptr, accept); }), 7);
 }
 
 } // namespace

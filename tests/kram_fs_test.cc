@@ -9,12 +9,12 @@
 #include <mutex>
 #include <string>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include "base/unique_fd.hpp"
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 
@@ -135,12 +135,7 @@ TEST_F(Netlink, ReleaseWhileAListenerIsMadeEndsIt) {
 TEST_F(Netlink, ChildReleasesItsCopyAlone) {
   std::thread thread = listener();
   send_event("before");
-  const pid_t child = fork();
-  if (child == 0) {
-    KRAM_Netlink_ext3_release(socket);
-    _exit(0);
-  }
-  waitpid(child, nullptr, 0);
+  EXPECT_EQ(run_in_child([&] { return KRAM_Netlink_ext3_release(socket), 0; }), 0);
   EXPECT_EQ(send_event("behind"), "behind" + std::string(46, '\0'));
   KRAM_Netlink_ext3_release(socket);
   thread.join();

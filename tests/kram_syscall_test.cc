@@ -20,6 +20,7 @@
 
 #include "base/unique_fd.hpp"
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 #include "syscall/kram_server.hpp"
@@ -332,15 +333,11 @@ TEST(Kram, ChildHasAConnectionOfItsOwn) {
   const int thread = call(0x400);
   std::thread caller([] { call(0x403); });
   ASSERT_TRUE(eventually([] { return held.load(); }));
-  const pid_t child = fork(); // while a call is under way
-  if (child == 0) {
-    alarm(60);
+  const auto has_its_own = [thread] {
     const int own = call(0x400);
-    _exit(own > 0 && own != thread ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return own > 0 && own != thread ? 0 : 1;
+  };
+  EXPECT_EQ(run_in_child(has_its_own), 0); // while a call is under way
   held = false;
   caller.join();
   EXPECT_EQ(call(0x400), thread);

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/child.hpp"
 #include "support/scratch.hpp"
 
 namespace {
@@ -25,15 +26,10 @@ struct Lockfile : testing::Test {
 
   // 0 when another process gets the lock, else the errno of its failure.
   int refused_elsewhere(vorn_file_lock_s lock) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(10); // of a wait without end
+    return run_in_child([&] {
       const int other = open(path.c_str(), O_RDWR | O_CLOEXEC);
-      _exit(vorn_lockfile(other, &lock) == 0 ? 0 : errno);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+      return vorn_lockfile(other, &lock) == 0 ? 0 : errno;
+    });
   }
 
   scratch::Directory directory;

@@ -8,11 +8,11 @@
 #include <gtest/gtest.h>
 #include <latch>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
 #include "support/threads.hpp"
@@ -107,17 +107,8 @@ TEST(Mem, ChildOfForkMayAllocateWhileNoTableIsThere) {
     while (!stop.stop_requested())
       vorn_mem_stat_add(1, 1);
   });
-  for (int i = 0; i < 100; ++i) {
-    const pid_t child = fork();
-    if (child == 0) {
-      alarm(60);
-      vorn_mem_stat_add(1, 1);
-      _exit(0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    ASSERT_EQ(status, 0);
-  }
+  for (int i = 0; i < 100; ++i)
+    ASSERT_EQ(run_in_child([] { return vorn_mem_stat_add(1, 1), 0; }), 0);
 }
 
 TEST(MemInfo, AgreesWithTheSystem) {

@@ -11,12 +11,12 @@
 #include <pthread.h>
 #include <string>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
 #include "thread/vorn_thrd.hpp"
@@ -253,18 +253,15 @@ TEST(Registry, ChildOfForkSeesItselfAlone) {
   vorn_thrd_setcurthreadinfo();
   vorn_thrd_getpid_accl();
   vorn_thrd_settid_accl(0);
-  const pid_t child = fork();
-  if (child == 0) {
-    const bool right = vorn_thrd_getpid_accl() == getpid() && vorn_thrd_gettid_accl() != 0 &&
+  const auto is_alone = [&] {
+    const bool alone = vorn_thrd_getpid_accl() == getpid() && vorn_thrd_gettid_accl() != 0 &&
                        vorn_thread_get_knl_tid() == gettid() &&
                        vorn_thrd_currentthreadinfo()->pid == getpid() &&
                        vorn_thrd_getthreadinfobytid(gettid()) == vorn_thrd_currentthreadinfo() &&
                        vorn_thrd_getthreadinfobytid(other.tid) == nullptr;
-    _exit(right ? 0 : 1);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+    return alone ? 0 : 1;
+  };
+  EXPECT_EQ(run_in_child(is_alone), 0);
 }
 
 TEST(Registry, StatusIsTheKernelModulesToReport) {
@@ -389,9 +386,7 @@ TEST(Names, OfProcessAndExecutable) {
 TEST(Watch, IsSharedAndTakenBack) {
   EXPECT_EQ(vorn_thread_watch_add(77), 0);
   EXPECT_EQ(vorn_thread_watch_get(), 77u);
-  const pid_t child = fork();
-  if (child == 0) _exit(vorn_thread_watch_del());
-  waitpid(child, nullptr, 0);
+  EXPECT_EQ(run_in_child(vorn_thread_watch_del), 0);
   EXPECT_EQ(vorn_thread_watch_get(), 0u);
 }
 

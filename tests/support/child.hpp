@@ -1,0 +1,22 @@
+// A child of fork() that does some of a test's work.
+#ifndef VORN_TESTS_CHILD_HPP
+#define VORN_TESTS_CHILD_HPP
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+inline int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+// The exit code of a child that ends with what work returns; -1 where it was killed, as after a
+// minute.
+template <class Work> int run_in_child(Work work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    _exit(work());
+  }
+  int status = -1;
+  return waitpid(child, &status, 0) == child ? exit_code(status) : -1;
+}
+
+#endif
