@@ -14,7 +14,8 @@ target_compile_options(vorn_library_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
 target_link_options(vorn_library_options INTERFACE
   -static-libgcc -static-libstdc++ LINKER:--exclude-libs,ALL LINKER:--as-needed
-  LINKER:-z,relro LINKER:-z,now)
+  LINKER:-z,relro LINKER:-z,now
+  LINKER:-z,nodelete) # stays loaded: its signal handler, threads and keys have no way to be recalled
 
 if(VORN_SANITIZE STREQUAL "address")
   set(sanitize -fsanitize=address,undefined -fno-sanitize-recover=all)

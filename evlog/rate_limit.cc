@@ -64,7 +64,4 @@ bool set_rate_limit(int group, unsigned int burst, unsigned int interval_ms,
   return true;
 }
 
-void lock_rate_limits() { mutex.lock(); }
-void unlock_rate_limits() { mutex.unlock(); }
-
 } // namespace logging

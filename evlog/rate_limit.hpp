@@ -13,9 +13,6 @@ bool admit_record(int group, unsigned long *dropped);
 bool set_rate_limit(int group, unsigned int burst, unsigned int interval_ms,
                     unsigned long *dropped);
 
-void lock_rate_limits();
-void unlock_rate_limits();
-
 } // namespace logging
 
 #endif

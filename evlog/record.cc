@@ -31,9 +31,6 @@ public:
     line_.reserve(kLineBytes); // so that no record allocates
   }
 
-  void lock() { mutex_.lock(); }
-  void unlock() { mutex_.unlock(); }
-
 private:
   void sink_it_(const spdlog::details::log_msg &record) override {
     line_.clear();
@@ -116,16 +113,6 @@ bool write_record(unsigned int module, int level, const Place &place, const char
   const bool written = write_vrecord(module, level, place, format, args);
   va_end(args);
   return written;
-}
-
-void lock_records() {
-  sinks().file.lock();
-  sinks().console.lock();
-}
-
-void unlock_records() {
-  sinks().console.unlock();
-  sinks().file.unlock();
 }
 
 } // namespace logging

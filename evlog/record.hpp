@@ -21,8 +21,6 @@ bool write_record(unsigned int module, int level, const Place &place, const char
     EVLOG_PRINTF(4, 5);
 
 // While locked no record is written.
-void lock_records();
-void unlock_records();
 
 } // namespace logging
 

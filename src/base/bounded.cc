@@ -35,8 +35,10 @@ int snprintf_s(char *buffer, std::size_t size, std::size_t count, const char *fo
   return length;
 }
 
+// safeclib refuses a larger destination. A longer text would not fit in what is left of it: those
+// have a copy of their own.
 int strcpy_s(char *dest, std::size_t size, const char *src) {
-  return _strcpy_s_chk(dest, size, src, kUnknownObjectSize);
+  return _strcpy_s_chk(dest, std::min<std::size_t>(size, RSIZE_MAX_STR), src, kUnknownObjectSize);
 }
 
 // safeclib takes at most RSIZE_MAX_MEM bytes a call, and no value that is more than a byte.

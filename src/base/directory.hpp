@@ -5,10 +5,15 @@
 #include <dirent.h>
 #include <memory>
 
+#include "base/cancellation_off.hpp"
+
 namespace vorn {
 
 struct CloseDirectory {
-  void operator()(DIR *directory) const { closedir(directory); }
+  void operator()(DIR *directory) const {
+    const CancellationOff off;
+    closedir(directory);
+  }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 

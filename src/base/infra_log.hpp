@@ -6,7 +6,8 @@
 #include "base/log.hpp"
 
 #define VORN_LOG_INFRA_AS(func, format, ...)                                                       \
-  (::evlog(0, ::vorn::kInfo, VORN_FILE, __LINE__, (func), 0, "[Infra]" format, __VA_ARGS__),       \
+  (::vorn::KeptErrno{}.after(                                                                      \
+       ::evlog(0, ::vorn::kInfo, VORN_FILE, __LINE__, (func), 0, "[Infra]" format, __VA_ARGS__)),  \
    VORN_LOG_AS(func, ::vorn::kInfo, format, __VA_ARGS__))
 
 #endif

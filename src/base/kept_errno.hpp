@@ -1,4 +1,4 @@
-// Keeps the errno of a failed call over a record of it, which may leave another.
+// Puts errno back to what it was when the object was made.
 #ifndef VORN_BASE_KEPT_ERRNO_HPP
 #define VORN_BASE_KEPT_ERRNO_HPP
 
@@ -15,8 +15,11 @@ public:
 
   int value() const { return value_; }
 
+  // Puts it back at once: KeptErrno{}.after(call()).
+  void after(int) const { errno = value_; }
+
 private:
-  int value_ = errno;
+  const int value_ = errno;
 };
 
 } // namespace vorn

@@ -1,9 +1,11 @@
-// The one way the library logs: level test, record and returned error in one expression.
+// The one way the library logs: level test, log message and returned error in one expression, which
+// leaves errno as it is, for the caller and for the message's own arguments.
 #ifndef VORN_BASE_LOG_HPP
 #define VORN_BASE_LOG_HPP
 
 #include <cstddef>
 
+#include "base/kept_errno.hpp"
 #include "evlog.h"
 #include "vorn_api.h"
 
@@ -37,6 +39,11 @@ consteval SourceName source_name(const char *path) {
   return name;
 }
 
+inline bool log_wanted(int level) {
+  const KeptErrno errno_stays;
+  return ::evlog_level_check(kModuleId, level) == 0;
+}
+
 // The source being compiled, not the header that a record stands in.
 namespace {
 [[maybe_unused]] constexpr SourceName kSourceName = source_name(__BASE_FILE__);
@@ -52,9 +59,12 @@ namespace {
 
 // A record in the name of another place: that of the caller, which passed it.
 #define VORN_LOG_AT(file, line, func, level, ...)                                                  \
-  (::evlog_level_check(::vorn::kModuleId, (level)) != 0                                            \
-       ? (void)0                                                                                   \
-       : (void)::evlog(::vorn::kModuleId, (level), (file), (line), (func), 0, __VA_ARGS__))
+  (::vorn::log_wanted(level) ? VORN_LOG_UNCHECKED(file, line, func, level, __VA_ARGS__) : (void)0)
+
+// The same without the level test, for a report that belongs to a message that was wanted.
+#define VORN_LOG_UNCHECKED(file, line, func, level, ...)                                           \
+  ::vorn::KeptErrno{}.after(                                                                       \
+      ::evlog(::vorn::kModuleId, (level), (file), (line), (func), 0, __VA_ARGS__))
 
 // A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
 #define VORN_LOG_AS(func, level, ...) VORN_LOG_AT(VORN_FILE, __LINE__, func, level, __VA_ARGS__)

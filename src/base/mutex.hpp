@@ -1,10 +1,12 @@
-// The process-private mutex behind the library's own flags and tables; std::lock_guard holds it.
-// It is constant-initialised, so it serves before and after static constructors have run.
+// The process-private mutex of the library's own flags and tables. It is constant-initialised, so
+// that it serves before and after static constructors have run. A child of fork() finds it free.
 #ifndef VORN_BASE_MUTEX_HPP
 #define VORN_BASE_MUTEX_HPP
 
-#include <mutex>
 #include <pthread.h>
+
+#include "base/cancellation_off.hpp"
+#include "base/fork_gate.hpp"
 
 namespace vorn {
 
@@ -14,14 +16,31 @@ public:
   Mutex(const Mutex &) = delete;
   Mutex &operator=(const Mutex &) = delete;
 
-  void lock() { pthread_mutex_lock(&mutex_); }
-  void unlock() { pthread_mutex_unlock(&mutex_); }
+  void lock() {
+    enter_fork_gate();
+    pthread_mutex_lock(&mutex_);
+  }
+  void unlock() {
+    pthread_mutex_unlock(&mutex_);
+    leave_fork_gate();
+  }
 
 private:
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-using MutexGuard = std::lock_guard<Mutex>;
+// Holds the mutex for the length of a block, in which the thread is not cancelled.
+class MutexGuard {
+public:
+  explicit MutexGuard(Mutex &mutex) : mutex_(mutex) { mutex_.lock(); }
+  MutexGuard(const MutexGuard &) = delete;
+  MutexGuard &operator=(const MutexGuard &) = delete;
+  ~MutexGuard() { mutex_.unlock(); }
+
+private:
+  const CancellationOff off_; // before the lock is taken, until after it was released
+  Mutex &mutex_;
+};
 
 } // namespace vorn
 

@@ -13,7 +13,8 @@ enum class OncePolicy {
   kLatch, // the first run counts, whatever its result
 };
 
-// The flag is written under the mutex only, with release; a reader that sees it set with acquire
+// A step runs under the mutex: the thread is not cancelled in it, and a fork waits for its end. The
+// flag is written under the mutex only, with release; a reader that sees it set with acquire
 // sees everything the step wrote.
 class Once {
 public:
@@ -39,10 +40,6 @@ public:
     step();
     done_.store(false, std::memory_order_release);
   }
-
-  // While locked no step begins or is under way. For a fork, whose child could not finish one.
-  void lock() { mutex_.lock(); }
-  void unlock() { mutex_.unlock(); }
 
 private:
   // Apart, so that the usual case costs its caller one test and no more.

@@ -30,27 +30,23 @@ bool rate_limit_admit(RateLimit &site, std::uint32_t *report);
 
 } // namespace vorn
 
-// A rate-limited record in the name of func; report_level is the level of the suppression report,
-// which is written without a second level check.
-#define VORN_LOG_RATELIMITED_BY(func, level, report_level, ...)                                    \
+// A rate-limited message in the name of func. report_level is the level of the report of the
+// suppressed ones, which is written without a second level test.
+#define VORN_LOG_RATELIMITED_AS(func, level, report_level, ...)                                    \
   do {                                                                                             \
-    if (::evlog_level_check(::vorn::kModuleId, (level)) != 0) break;                               \
+    if (!::vorn::log_wanted(level)) break;                                                         \
     static constinit ::vorn::RateLimit vorn_site;                                                  \
     std::uint32_t vorn_report = 0;                                                                 \
     if (!::vorn::rate_limit_admit(vorn_site, &vorn_report)) break;                                 \
     if (vorn_report != 0) {                                                                        \
-      ::evlog(::vorn::kModuleId, (report_level), VORN_FILE, __LINE__, (func), 0,                   \
-              "print: %u messages suppressed.%s,line=%d.", vorn_report, (func), __LINE__);         \
+      VORN_LOG_UNCHECKED(VORN_FILE, __LINE__, func, report_level,                                  \
+                         "print: %u messages suppressed.%s,line=%d.", vorn_report, (func),         \
+                         __LINE__);                                                                \
     }                                                                                              \
     VORN_LOG_AS(func, level, __VA_ARGS__);                                                         \
   } while (false)
 
-#define VORN_LOG_RATELIMITED_AT(level, report_level, ...)                                          \
-  VORN_LOG_RATELIMITED_BY(__func__, level, report_level, __VA_ARGS__)
-
-#define VORN_LOG_RATELIMITED_AS(func, level, ...)                                                  \
-  VORN_LOG_RATELIMITED_BY(func, level, ::vorn::kInfo, __VA_ARGS__)
-
-#define VORN_LOG_RATELIMITED(level, ...) VORN_LOG_RATELIMITED_AS(__func__, level, __VA_ARGS__)
+#define VORN_LOG_RATELIMITED(level, ...)                                                           \
+  VORN_LOG_RATELIMITED_AS(__func__, level, ::vorn::kInfo, __VA_ARGS__)
 
 #endif

@@ -5,10 +5,15 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/cancellation_off.hpp"
+
 namespace vorn {
 
 struct CloseStream {
-  void operator()(std::FILE *stream) const { std::fclose(stream); }
+  void operator()(std::FILE *stream) const {
+    const CancellationOff off;
+    std::fclose(stream);
+  }
 };
 using Stream = std::unique_ptr<std::FILE, CloseStream>;
 

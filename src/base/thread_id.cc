@@ -1,15 +1,14 @@
 #include "base/thread_id.hpp"
 
-#include <pthread.h>
 #include <unistd.h>
+
+#include "base/fork_gate.hpp"
 
 namespace vorn {
 namespace {
 
 // The one thread that goes on in a child of fork() has another id there.
-void forget_in_child() { t_thread_id = 0; }
-
-[[gnu::constructor]] void watch_forks() { pthread_atfork(nullptr, nullptr, forget_in_child); }
+const ForkChild forget{[] { t_thread_id = 0; }};
 
 } // namespace
 

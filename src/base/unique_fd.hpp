@@ -5,6 +5,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/cancellation_off.hpp"
+
 namespace vorn {
 
 class UniqueFd {
@@ -16,11 +18,16 @@ public:
     return *this;
   }
   ~UniqueFd() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ < 0) return;
+    const CancellationOff off;
+    close(fd_);
   }
 
   explicit operator bool() const { return fd_ >= 0; }
   int get() const { return fd_; }
+
+  // Leaves the descriptor to the caller.
+  int release() { return std::exchange(fd_, -1); }
 
 private:
   int fd_;

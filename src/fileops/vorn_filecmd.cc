@@ -37,7 +37,7 @@ int run_command(const char *function, const char *whitelist, const char *format,
   const int length = vsnprintf_s(command.get(), kCommandSize, kCommandSize - 1, format, args);
   va_end(args);
   if (length < 0) {
-    VORN_LOG_RATELIMITED_AS(function, kError, "sprintf_s secure function failed, destMax<%lu>.",
+    VORN_LOG_RATELIMITED_AS(function, kError, kInfo, "sprintf_s secure function failed, destMax<%lu>.",
                             static_cast<unsigned long>(kCommandSize));
     return -EINVAL;
   }

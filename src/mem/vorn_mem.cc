@@ -55,8 +55,8 @@ void vorn_mem_init_head(vorn_mem_head_s *header, unsigned int size, unsigned int
 
 void vorn_freesub(void *ptr, const char *function, unsigned int line) {
   if (ptr == nullptr) {
-    VORN_LOG_RATELIMITED_AT(vorn::kError, vorn::kError, "ptr  is null, function(%s) line(%u)",
-                            function, line);
+    VORN_LOG_RATELIMITED_AS(__func__, vorn::kError, vorn::kError,
+                            "ptr  is null, function(%s) line(%u)", function, line);
     return;
   }
   vorn_mem_head_s *head = vorn::mem::head_of(ptr);

@@ -1,12 +1,11 @@
 #include "vorn_mem.h"
 
 #include <atomic>
-#include <cerrno>
 #include <cstring>
-#include <pthread.h>
 
+#include "base/kept_errno.hpp"
+#include "base/kernel_request.hpp"
 #include "base/once.hpp"
-#include "vorn_syscall.h"
 
 namespace vorn::mem {
 namespace {
@@ -17,22 +16,11 @@ constexpr unsigned int kColumns = 5;
 constinit Once table_found{OncePolicy::kRetry};
 constinit std::uint64_t *found_table = nullptr;
 
-// Without a kernel module every use asks: a fork would often come in the middle of it, and the
-// child could allocate no more.
-[[gnu::constructor]] void watch_forks() {
-  constexpr auto unlock = [] { table_found.unlock(); };
-  pthread_atfork([] { table_found.lock(); }, unlock, unlock);
-}
-
 // An allocation that succeeds and a free leave errno alone, also where no kernel module answers.
 std::uint64_t *ask_for_table() {
-  const int kept_errno = errno;
+  const KeptErrno errno_stays;
   std::uint64_t address = 0;
-  const long result = vorn_private_syscall(
-      VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT), reinterpret_cast<unsigned long>(&address),
-      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
-  errno = kept_errno;
-  if (static_cast<int>(result) != 0) return nullptr;
+  if (kernel_request(VORN_SYSCALL_MEM_STAT, &address) != 0) return nullptr;
   return reinterpret_cast<std::uint64_t *>(address);
 }
 
@@ -85,8 +73,4 @@ void vorn_mem_show(vorn_print_f print) {
   print("\nTotal used memory: %lld\n", static_cast<long long>(total));
 }
 
-int vorn_mem_stat_dump() {
-  return static_cast<int>(vorn_private_syscall(VORN_SYSCALL_COMMAND(VORN_SYSCALL_MEM_STAT_DUMP),
-                                               VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED,
-                                               VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
-}
+int vorn_mem_stat_dump() { return vorn::kernel_request(VORN_SYSCALL_MEM_STAT_DUMP); }

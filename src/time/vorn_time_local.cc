@@ -1,6 +1,7 @@
 #include "time/vorn_time_local.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 

@@ -36,6 +36,17 @@ std::vector<Record> take() {
   return std::exchange(records, {});
 }
 
+std::vector<std::string> take_lines() {
+  std::vector<std::string> lines;
+  for (const Record &record : take()) {
+    const char *mark = record.level == EVLOG_ERROR     ? "E "
+                       : record.level == EVLOG_WARNING ? "W "
+                                                       : "";
+    lines.push_back(mark + record.text);
+  }
+  return lines;
+}
+
 std::vector<std::string> take_texts() {
   std::vector<std::string> texts;
   for (Record &record : take())
@@ -50,7 +61,7 @@ void set_level(int level) { wanted_level = level; }
 extern "C" {
 
 int evlog_level_check(unsigned int, int level) {
-  errno = ENOTTY; // a record shows the errno of the failure only if that was saved before the check
+  errno = ENOTTY; // the library keeps its caller's errno over this, and over the message
   return level <= capture::wanted_level ? 0 : 1;
 }
 
@@ -60,6 +71,7 @@ int evlog(unsigned int module, int level, const char *file, unsigned int line, c
   va_start(args, format);
   capture::keep({module, level, file, line, function, capture::format_text(format, args)});
   va_end(args);
+  errno = ENOTTY;
   return 0;
 }
 

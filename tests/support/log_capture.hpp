@@ -23,7 +23,10 @@ inline constexpr int kRaw = -2;      // evlog_vraw
 // What was logged since the last call, in order.
 std::vector<Record> take();
 
-// The texts alone.
+// The texts alone; those of errors begin with "E ", those of warnings with "W ".
+std::vector<std::string> take_lines();
+
+// The texts alone, whatever their level.
 std::vector<std::string> take_texts();
 
 // Records at this level and below are wanted; 7, the start value, wants all.

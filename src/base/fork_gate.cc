@@ -1,0 +1,114 @@
+// How fork() waits for the threads that are inside the gate.
+//
+//   a thread that enters:  adds itself to `inside`, then reads `closed`
+//   a thread that forks:   adds itself to `closed`, then reads `inside`
+//
+// Both orders are sequentially consistent, so at least one of the two sees the other: the thread
+// that enters steps back, or the one that forks waits for it. A thread counts once, however deeply
+// it nests, and one that is inside does not look at `closed`: it may have to take a further lock to
+// get out. A thread that forks from inside counts itself, and waits for the others only.
+//
+// The wait has an end, in case that a thread inside is stopped, or waits for the one that forks.
+// The child then has that thread's locks as they were.
+#include "base/fork_gate.hpp"
+
+#include <atomic>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "base/kept_errno.hpp"
+
+namespace vorn {
+namespace {
+
+constexpr int kPatienceMilliseconds = 5000;
+
+constinit std::atomic<std::uint32_t> inside{0};
+constinit std::atomic<std::uint32_t> closed{0};
+thread_local constinit unsigned int t_depth __attribute__((tls_model("initial-exec"))) = 0;
+
+constinit ForkChild *children = nullptr; // linked while the library is loaded
+
+// syscall(2) is no cancellation point. Waits a millisecond at most, so that no wake-up can be lost.
+void wait_for_change(const std::atomic<std::uint32_t> &word, std::uint32_t value) {
+  constexpr timespec kLongest{0, 1000000};
+  syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, &kLongest);
+}
+
+void wake_all(const std::atomic<std::uint32_t> &word) {
+  syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX);
+}
+
+void step_out() {
+  inside.fetch_sub(1, std::memory_order_release);
+  if (closed.load(std::memory_order_relaxed) != 0) wake_all(inside);
+}
+
+std::uint32_t own_count() { return t_depth != 0 ? 1 : 0; }
+
+std::int64_t milliseconds_now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+void close_gate() {
+  const KeptErrno errno_stays;
+  closed.fetch_add(1, std::memory_order_seq_cst);
+  const std::int64_t end = milliseconds_now() + kPatienceMilliseconds;
+  for (;;) {
+    const std::uint32_t others = inside.load(std::memory_order_seq_cst);
+    if (others <= own_count() || milliseconds_now() >= end) return;
+    wait_for_change(inside, others);
+  }
+}
+
+void open_in_parent() {
+  const KeptErrno errno_stays;
+  if (closed.fetch_sub(1, std::memory_order_release) == 1) wake_all(closed);
+}
+
+void open_in_child() {
+  const KeptErrno errno_stays;
+  inside.store(own_count(), std::memory_order_relaxed);
+  closed.store(0, std::memory_order_relaxed);
+  ForkChild::run_all();
+}
+
+[[gnu::constructor]] void watch_forks() {
+  pthread_atfork(close_gate, open_in_parent, open_in_child);
+}
+
+} // namespace
+
+void enter_fork_gate() {
+  if (t_depth++ != 0) return;
+  inside.fetch_add(1, std::memory_order_seq_cst);
+  while (closed.load(std::memory_order_seq_cst) != 0) {
+    const KeptErrno errno_stays;
+    step_out();
+    for (std::uint32_t seen = 0; (seen = closed.load(std::memory_order_acquire)) != 0;)
+      wait_for_change(closed, seen);
+    inside.fetch_add(1, std::memory_order_seq_cst);
+  }
+}
+
+void leave_fork_gate() {
+  if (--t_depth != 0) return;
+  const KeptErrno errno_stays;
+  step_out();
+}
+
+ForkChild::ForkChild(void (*run)()) : run_(run), next_(children) { children = this; }
+
+void ForkChild::run_all() {
+  for (const ForkChild *child = children; child != nullptr; child = child->next_)
+    child->run_();
+}
+
+} // namespace vorn

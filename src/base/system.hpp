@@ -1,0 +1,66 @@
+// The system's calls as the library makes them.
+//
+//   - None is a cancellation point, so the library may hold anything while it makes them.
+//   - None makes descriptor 0, 1 or 2: a process that has closed these would find its own input and
+//     output, and its log, in a file of the library's.
+//   - Those that transfer or wait go on after a signal.
+//
+// Otherwise results and errno are the system's. Safe in a signal handler, but for streams and
+// directories.
+#ifndef VORN_BASE_SYSTEM_HPP
+#define VORN_BASE_SYSTEM_HPP
+
+#include <cstddef>
+#include <ctime>
+#include <poll.h>
+#include <semaphore.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include "base/directory.hpp"
+#include "base/stream.hpp"
+#include "base/unique_fd.hpp"
+
+namespace vorn::sys {
+
+// New descriptors. All are close-on-exec; invalid with errno on failure.
+UniqueFd open(const char *path, int flags, mode_t mode = 0); // not repeated after a signal
+UniqueFd duplicate(int fd);
+UniqueFd socket(int domain, int type, int protocol);
+UniqueFd accept(int socket);
+UniqueFd event(); // eventfd(2) of 0
+bool pipe(UniqueFd &reading, UniqueFd &writing);
+
+// fd itself, or a duplicate in its place where it is a standard one. For calls that are not here.
+UniqueFd above_standard(int fd);
+
+// To read; NULL with errno on failure.
+Stream open_stream(const char *path);
+Directory open_directory(const char *path);
+
+// fgets(3), readdir(3).
+char *read_line(char *line, int size, const Stream &stream);
+const dirent *read_entry(const Directory &directory);
+
+ssize_t read(int fd, void *buffer, std::size_t size);
+ssize_t pread(int fd, void *buffer, std::size_t size, off_t position);
+ssize_t write(int fd, const void *buffer, std::size_t size);
+bool write_all(int fd, const void *buffer, std::size_t size);
+int sync(int fd);
+
+ssize_t receive(int socket, void *buffer, std::size_t size, int flags);
+ssize_t send(int socket, const msghdr &message, int flags);
+bool connect(int socket, const sockaddr *address, socklen_t size);
+
+// Until deadline on CLOCK_MONOTONIC, NULL: forever. 0 at the deadline.
+int poll(pollfd *fds, nfds_t count, const timespec *deadline);
+
+// nanosleep(2): a signal ends it.
+void sleep(const timespec &time);
+
+void wait(sem_t *semaphore);
+pid_t wait_for_child(pid_t child, int *status); // waitpid(2)
+
+} // namespace vorn::sys
+
+#endif

@@ -1,0 +1,46 @@
+// Blocks of the accounting allocator that are the library's own, and go with their owner.
+#ifndef VORN_MEM_OWNED_HPP
+#define VORN_MEM_OWNED_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "vorn_mem.h"
+
+namespace vorn::mem {
+
+// NULL, after an error message in the name of function, when memory runs out; without one for a
+// size that the allocator cannot count.
+inline void *allocate(std::size_t size, const char *function = __builtin_FUNCTION(),
+                      unsigned int line = __builtin_LINE()) {
+  if (size > UINT32_MAX) return nullptr;
+  return vorn_mallocsubstandard(VORN_MODULE_ID, static_cast<unsigned int>(size), 0, function, line);
+}
+
+struct Release {
+  template <class T> void operator()(T *object) const {
+    object->~T();
+    vorn_free(object);
+  }
+};
+
+// Owns an object, or the bytes of a text or buffer.
+template <class T> using Owned = std::unique_ptr<T, Release>;
+using Block = Owned<char>;
+
+inline Block allocate_block(std::size_t size, const char *function = __builtin_FUNCTION(),
+                            unsigned int line = __builtin_LINE()) {
+  return Block(static_cast<char *>(allocate(size, function, line)));
+}
+
+template <class T>
+Owned<T> create(const char *function = __builtin_FUNCTION(), unsigned int line = __builtin_LINE()) {
+  void *memory = allocate(sizeof(T), function, line);
+  return Owned<T>(memory == nullptr ? nullptr : new (memory) T());
+}
+
+} // namespace vorn::mem
+
+#endif
