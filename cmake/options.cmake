@@ -12,7 +12,12 @@ target_link_libraries(vorn_library_options INTERFACE vorn_options)
 target_compile_options(vorn_library_options INTERFACE
   -fPIC -fvisibility=hidden -ftls-model=initial-exec -fsemantic-interposition
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
-target_link_options(vorn_library_options INTERFACE
+
+# How the shared libraries are linked. Not the tests that take the library's objects: a program with
+# an unwinder of its own beside the C library's cannot have its threads cancelled.
+add_library(vorn_shared_options INTERFACE)
+target_link_libraries(vorn_shared_options INTERFACE vorn_library_options)
+target_link_options(vorn_shared_options INTERFACE
   -static-libgcc -static-libstdc++ LINKER:--exclude-libs,ALL LINKER:--as-needed
   LINKER:-z,relro LINKER:-z,now
   LINKER:-z,nodelete) # stays loaded: its signal handler, threads and keys have no way to be recalled
@@ -28,7 +33,7 @@ if(VORN_SANITIZE)
   add_compile_options(${sanitize})
   add_link_options(${sanitize})
 else()
-  target_link_options(vorn_library_options INTERFACE LINKER:-z,defs)
+  target_link_options(vorn_shared_options INTERFACE LINKER:-z,defs)
 endif()
 
 find_package(Threads REQUIRED)
