@@ -203,7 +203,7 @@ TEST_F(Semaphore, ShowsItsWaiters) {
   const void *address = &sem;
   const void *nodes[] = {sem.wait_list.next, sem.wait_list.prev};
   vorn_sem_enhance_show(&sem);
-  const auto texts = capture::take_texts();
+  const auto texts = capture::take_lines();
   ASSERT_EQ(texts.size(), 3u);
   char text[256];
   std::snprintf(text, sizeof text, "TBOSAX:sem %p cnt 0", address);

@@ -224,7 +224,7 @@ TEST(Registry, FailedStartsLeaveNothingBehind) {
     EXPECT_EQ(vorn::thread::slots()[1].count, 1u) << "what the looker holds is his";
     looker.reset();
     EXPECT_EQ(vorn::thread::slots()[1].count, 0u);
-    EXPECT_EQ(capture::take_texts().back(), "Create thread info fail.");
+    EXPECT_EQ(capture::take_lines().back(), "Create thread info fail.");
   }
   EXPECT_EQ(vorn_thrd_create(nullptr, nullptr, nullptr), -1);
   EXPECT_EQ(create_thread_raw_base(entry, nullptr, nullptr, nullptr, nullptr), -1);
