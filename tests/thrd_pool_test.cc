@@ -1,6 +1,7 @@
 // test-wraps: pthread_create
 #include "vorn_thrd.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -9,7 +10,6 @@
 #include <latch>
 #include <mutex>
 #include <set>
-#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -34,37 +34,16 @@ int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*sta
 
 namespace {
 
-int listed;
-int idle;
-
-bool is_idle(unsigned long tid) {
-  vorn_thread_s *record = vorn_thrd_getthreadinfobytid(static_cast<long>(tid));
-  if (record == nullptr) return false;
-  const bool result = record->slot->state == vorn::thread::kIdle;
-  vorn_thrd_putthreadinfo(record);
-  return result;
-}
-
-int count_threads(const char *format, ...) {
-  if (std::string(format) != "%5lu %-18s %-11d %-8d\n") return 0;
-  va_list args;
-  va_start(args, format);
-  const auto tid = va_arg(args, unsigned long);
-  const bool named = std::string(va_arg(args, const char *)) == "OSThrdPoolNull";
-  va_end(args);
-  ++listed;
-  idle += named && is_idle(tid) ? 1 : 0;
-  return 0;
-}
-
 // Until there are so many threads, and all wait for a job: the last ones of a pool are started
 // after the call that creates it, and leave after the one that ends it.
 void wait_for_idle(int count) {
-  do {
+  const auto in = [](std::uint32_t states) {
+    return std::ranges::count_if(vorn::thread::slots(), [=](const vorn::thread::Slot &slot) {
+      return slot.count != 0 && (slot.state & states) != 0;
+    });
+  };
+  while (in(vorn::thread::kAlive) != count || in(vorn::thread::kIdle) != count)
     usleep(1000);
-    listed = idle = 0;
-    vorn_thrd_list(count_threads);
-  } while (listed != count || idle != count);
 }
 
 // Jobs that stay until they are let go, and tell who ran them.
@@ -118,6 +97,7 @@ TEST(Pool, RunsJobsOnItsThreadsAndOthersOnNewOnes) {
 TEST(Pool, OfOneThreadIsTheSpawner) {
   EXPECT_EQ(vorn_thread_pool_create(1), 1u);
   wait_for_idle(1);
+  EXPECT_STREQ(vorn::thread::slots()[0].record.load()->name, "OSThrdPoolNull");
   Jobs jobs(1);
   pthread_t id{};
   EXPECT_EQ(create_thread_from_thread_pool(nullptr, &jobs, nullptr), -1);
@@ -167,13 +147,12 @@ TEST(Pool, NothingOfAJobStaysWithTheThread) {
     vorn_thrd_bindAllCfgCpu();
     vorn_thrd_getbindcpu(pthread_self(), &all);
     EXPECT_TRUE(CPU_EQUAL(&bound, &all));
-    EXPECT_NE(smp_processor_id(), 77);
-    EXPECT_EQ(vorn_thrd_numaId_get(), -1);
+    EXPECT_TRUE(smp_processor_id() != 77 && vorn_thrd_numaId_get() == -1);
     EXPECT_EQ(vorn_thread_run_in_iod_context_check(), 0);
     sigset_t own;
     pthread_sigmask(SIG_BLOCK, nullptr, &own);
     EXPECT_TRUE(sigismember(&own, SIGUSR2) == 1 && sigismember(&own, SIGUSR1) == 0);
-    EXPECT_EQ(sigismember(&own, SIGWAKEUP), 0) << "it could not be woken";
+    EXPECT_EQ(sigismember(&own, SIGWAKEUP), 0);
     int state = -1;
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
     EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
@@ -204,27 +183,21 @@ TEST(Pool, FailedStartsLeaveNothingBehindAndAChildBeginsWithoutAPool) {
   create_error = 0;
   EXPECT_EQ(vorn_thread_pool_create(1), 1u);
   wait_for_idle(1);
-  const auto is_without = [] {
-    const auto job = [](void *) -> void * { return nullptr; };
-    return create_thread_from_thread_pool(job, nullptr, nullptr) == -1 &&
-                   vorn_thread_pool_create(1) == 1
-               ? 0
-               : 1;
-  };
-  EXPECT_EQ(run_in_child(is_without), 0);
-  static std::atomic<int> code{-2};
-  const auto fork_and_return = [](void *) -> void * {
+  const vorn_thrd_entry_f fork_and_return = [](void *code) {
     const pid_t child = fork();
-    if (child == 0) {
-      alarm(30);
-      return nullptr; // the last thread of the child ends
-    }
+    if (child == 0) return static_cast<void *>(nullptr); // the last thread of the child ends
     int status = -1;
     waitpid(child, &status, 0);
-    code = exit_code(status);
-    return nullptr;
+    *static_cast<std::atomic<int> *>(code) = exit_code(status);
+    return code;
   };
-  EXPECT_EQ(create_thread_from_thread_pool(fork_and_return, nullptr, nullptr), 0);
+  std::atomic<int> code{-2};
+  const auto gives_to_own_pool = [&] {
+    const int refused = create_thread_from_thread_pool(fork_and_return, &code, nullptr);
+    return refused == -1 && vorn_thread_pool_create(1) == 1 ? 0 : 1;
+  };
+  EXPECT_EQ(run_in_child(gives_to_own_pool), 0);
+  EXPECT_EQ(create_thread_from_thread_pool(fork_and_return, &code, nullptr), 0);
   while (code == -2)
     usleep(1000);
   EXPECT_EQ(code, 0);
@@ -243,31 +216,28 @@ TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
     ++ran;
     return nullptr;
   };
-  const auto give_to_cancelled = [&] {
+  const auto give = [&] {
     pthread_t id{};
     wait_for_idle(1);
     const int before = ran;
-    ASSERT_EQ(create_thread_from_thread_pool(job, nullptr, &id), 0);
+    EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, &id), 0);
     while (ran == before)
       usleep(100);
+    return id;
+  };
+  for (const int error : {0, EAGAIN, 0}) {
+    const pthread_t idle_thread = give();
     wait_for_idle(1);
     const long cancelled = runner;
-    ASSERT_EQ(pthread_cancel(id), 0);
-    ASSERT_EQ(create_thread_from_thread_pool(job, nullptr, nullptr), 0);
-    while (ran == before + 1)
-      usleep(100);
-    EXPECT_EQ(runner == cancelled, create_error != 0) << "itself where no other can be started";
-  };
-  give_to_cancelled();
-  wait_for_idle(1);
-  create_error = EAGAIN;
-  give_to_cancelled();
-  wait_for_idle(0);
-  EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, nullptr), -1);
-  create_error = 0;
-  EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, nullptr), -1) << "but starts a thread";
-  give_to_cancelled();
-  wait_for_idle(1);
+    pthread_cancel(idle_thread);
+    create_error = error;
+    give();
+    EXPECT_EQ(runner == cancelled, error != 0) << "itself where no other can be started";
+    wait_for_idle(error == 0 ? 1 : 0);
+    create_error = 0;
+    if (error == 0) continue;
+    EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, nullptr), -1) << "but starts a thread";
+  }
   EXPECT_EQ(ran, 6);
 }
 
@@ -285,29 +255,17 @@ TEST(Pool, EveryJobTakenRunsOnce) {
   static std::atomic<pthread_t> victim;
   std::atomic<bool> pausing{false};
   static const vorn_thrd_entry_f ways[] = {
-      [](void *) -> void * { return nullptr; },
+      [](void *of) { return of; },
       [](void *) -> void * { pthread_exit(nullptr); },
-      [](void *) -> void * {
-        pthread_cancel(pthread_self());
-        return nullptr;
-      },
-      [](void *) -> void * {
-        pthread_cancel(pthread_self());
-        pthread_testcancel();
-        return nullptr;
-      },
-      [](void *) -> void * {
-        vorn_thrd_clearcurthreadinfo();
-        vorn_thrd_setcurthreadinfo();
-        return nullptr;
-      },
-      [](void *) -> void * {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+      [](void *of) { return pthread_cancel(pthread_self()), of; },
+      [](void *of) { return pthread_cancel(pthread_self()), pthread_testcancel(), of; },
+      [](void *of) { return vorn_thrd_clearcurthreadinfo(), vorn_thrd_setcurthreadinfo(), of; },
+      [](void *of) {
         pthread_t nobody{};
         if (victim.compare_exchange_strong(nobody, pthread_self()))
-          while (victim != 0)
-            sched_yield();
-        return nullptr;
+          while (victim != 0) {
+          }
+        return of;
       },
   };
   std::atomic<int> taken{0};

@@ -1,15 +1,15 @@
-// The ticket lock's two words, and its diagnostic fields behind them:
+// The ticket lock's two words, and its diagnostic fields after them:
 //
 //    31            0  31            0
 //   +---------------+---------------+
 //   |    serving    |     next      |    serving == next: free
 //   +---------------+---------------+    next - serving: the holder and those who wait
 //
-// Writers. next: whoever comes, by one atomic addition that gives each another number; trylock by a
-// compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32 bits, which
-// does not carry into next. It has to be atomic because a misused lock is released by others too,
-// and each release is to advance it. magic, other and owner tell about misuse and decide nothing:
-// they are read and written as a whole, without order.
+// Writers. next: each thread that comes, by one atomic addition that gives it a number of its own;
+// trylock by a compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32
+// bits, which does not carry into next. It has to be atomic because a misused lock is released by
+// others too, and each release is to advance it. magic, other and owner tell about misuse and
+// decide nothing: they are read and written as a whole, without order.
 //
 // Order. The addition to serving releases, the load that sees one's own number acquires: what a
 // holder wrote is seen by the next.

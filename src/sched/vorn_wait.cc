@@ -1,13 +1,13 @@
 // No wake-up is lost. The waker makes the word 0 and then sends the signal, which finds the waiter
 // in one of these places:
 //
-//   - Ahead of its test of the word. It sees 0 and does not sleep: a signal is sent after the word
+//   - Before its test of the word. It sees 0 and does not sleep: a signal is sent after the word
 //     was written, so a thread that has handled it sees the word as it is.
 //   - Between the test and the sleep. The handler runs and comes back, and nothing in this thread
 //     knows of it. The sleep is prevented by the kernel alone: it compares the word with the value
 //     that was tested, and does not put to sleep who waits for a value that is gone.
 //   - In the kernel, compared and not yet asleep. A thread that a signal is pending for does not go
-//     to sleep. Had the signal been sent ahead of the 0, it could have been used up by now.
+//     to sleep. Had the signal been sent before the 0, it could have been used up by now.
 //   - Asleep. The handler runs, and the sleep ends with EINTR.
 //   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else. If the thread
 //     has ended and another has its id by now, that one gets a signal that does it no harm.
@@ -94,7 +94,7 @@ timespec after(std::int64_t ticks) {
   return time;
 }
 
-// Rounded up, and never none: the wait that asks was ended ahead of its time.
+// Rounded up, and never none: the wait that asks was ended before its time.
 std::uint64_t ticks_until(const timespec &deadline) {
   const timespec time = now();
   std::int64_t seconds = deadline.tv_sec - time.tv_sec;

@@ -90,7 +90,7 @@ Slot *take_slot() {
   return nullptr;
 }
 
-// The slot's own record, made at its first use; NULL after an error record.
+// The slot's own record, made at its first use; NULL after an error message.
 vorn_thread_s *record_of(Slot &slot) {
   vorn_thread_s *record = slot.record.load(std::memory_order_relaxed);
   if (record != nullptr) return record;
