@@ -1,10 +1,10 @@
 /* The plain reader-writer spin lock: many readers or one writer.
  *
- * Readers enter whenever no writer holds the lock, whoever waits: as long as readers keep coming, a
- * writer may wait for ever. Where writers must get in, use the ticket reader-writer lock. There is
- * no order among those who wait. Waits spin without limit, but for the two _mayblock operations,
- * which sleep for a microsecond after every 10 failed attempts; these are for locks that may be
- * held for long.
+ * Readers enter whenever no writer holds the lock, whether others wait or not: as long as readers
+ * keep coming, a writer may wait forever. Where writers must get in, use the ticket reader-writer
+ * lock. There is no order among those who wait. Waits spin without limit, but for the two _mayblock
+ * operations, which sleep for a microsecond after every 10 failed attempts; these are for locks
+ * that may be held for long. No operation is a cancellation point.
  *
  * A reader may take the lock for reading again, since waiting writers do not keep it out. A writer
  * that takes the lock again, for whatever, never comes back, nor does a reader that takes it for

@@ -12,8 +12,10 @@
  * later, when it may end a sleep, or the next interruptible wait. So that the signal arrives, the
  * first wait of a thread takes it out of the thread's signal mask.
  *
- * Any thread may call. Sleeps and yields are safe in a signal handler, errno apart; vorn_mdelay is
- * once the time base has been started. */
+ * Any thread may call. The sleeps are cancellation points, as those of the system are; nothing else
+ * here is: a cancellation that arrives during a wait stays pending until the wait is over. Sleeps
+ * and yields are safe in a signal handler, errno apart; vorn_mdelay is once the time base has been
+ * started. */
 #ifndef VORN_SCHED_H
 #define VORN_SCHED_H
 
@@ -23,7 +25,8 @@
 
 VORN_BEGIN_DECLS
 
-/* --- Sleeps: none goes on after a signal has ended it, none reports a failure --- */
+/* --- Sleeps: none goes on after a signal has ended it, none reports a failure, all are
+ * cancellation points --- */
 
 /* Sleep for that many units of 10 ms, milliseconds, microseconds (select(2)). Return at once for 0.
  */
@@ -49,7 +52,7 @@ VORN_API uint64_t vorn_mdelay(unsigned int milliseconds);
 VORN_API int vorn_set_process_name(const char *name);
 
 /* Binds it to one CPU (sched_setaffinity(2)), which smp_processor_id tells from then on. Returns 0;
- * -1 after an error record when cpu is not below the number of configured CPUs or the system
+ * -1 after an error message when cpu is not below the number of configured CPUs or the system
  * refuses. */
 VORN_API int vorn_sched_setaffinity(unsigned long cpu);
 
@@ -68,7 +71,8 @@ VORN_API int vorn_sched_setaffinity(unsigned long cpu);
  *
  * Returns the ticks that were left, rounded up: at least 1 for a wait that was ended. 0 when the
  * time has run out, the kernel module could not wait, or timeout is 0 or less, which does not wait.
- * word must be aligned; it is read only and belongs to the process. Not signal-safe. */
+ * word must be aligned; it is read only and belongs to the process. No cancellation point, however
+ * long the wait. Not signal-safe. */
 VORN_API uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout);
 
 /* The same for at most 250 ticks. Returns -1 when the wait was ended, 0 when the time ran out. */
@@ -78,12 +82,12 @@ VORN_API int vorn_wait_interruptible(uint32_t *word);
  * a wake-up only for a thread whose word is 0 by now. A thread that has taken over the id of one
  * that ended gets a signal that does it no harm. Returns 0 or a positive errno: ESRCH when there is
  * no such thread, EAGAIN when the queue of signals is full, and that of sigaction(2), after an
- * error record, while the handler cannot be installed: nothing is sent then, for the signal would
+ * error message, while the handler cannot be installed: nothing is sent then, for the signal would
  * end the process. Signal-safe, errno apart, once the handler is installed. */
 VORN_API int vorn_wake_up_process(uint32_t tid);
 
 /* Installs the handler of the wake-up signal; vorn_Init calls it. Returns 0; -1 after an error
- * record when the first call of the process could not. A later wait or wake-up tries again, this
+ * message when the first call of the process could not. A later wait or wake-up tries again, this
  * function does not. Not signal-safe. */
 VORN_API int vorn_sched_init(void);
 

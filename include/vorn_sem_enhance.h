@@ -3,8 +3,10 @@
  * overtakes a waiter. Threads sleep as vorn_sched.h describes, and what is said there of SIGWAKEUP
  * holds.
  *
- * Any thread may call, also up without a down before. None is for signal handlers. Where nobody
- * has to wait the spin lock is taken and nothing else done. */
+ * Any thread may call, also up without a down before. None is a cancellation point, however long it
+ * waits: a cancellation stays pending until the call is over, and a unit that the thread was
+ * granted by then is its own to give back. None is for signal handlers. Where nobody has to wait
+ * the spin lock is taken and nothing else done. */
 #ifndef VORN_SEM_ENHANCE_H
 #define VORN_SEM_ENHANCE_H
 
@@ -28,7 +30,7 @@ typedef struct vorn_sem_enhance {
 /* Makes *sem a semaphore of count units, while nobody uses it. Returns 0. */
 VORN_API int vorn_sem_enhance_init(vorn_sem_enhance_s *sem, int count);
 
-/* Takes a unit; waits for it for ever, whatever signals come. */
+/* Takes a unit; waits for it forever, whatever signals come. */
 VORN_API void vorn_sem_enhance_down(vorn_sem_enhance_s *sem);
 
 /* Takes a unit. Returns 0, or VORN_SEM_INTERRUPTED when a signal ended the wait. */
@@ -40,14 +42,14 @@ VORN_API int vorn_sem_enhance_down_timeout(vorn_sem_enhance_s *sem, int64_t time
 
 /* Gives a unit back: to the longest waiting thread, which it wakes, else to the count, which must
  * stay below 2^31. Returns 0, or the positive errno of vorn_wake_up_process, after information
- * records: the unit is the waiter's all the same, which has ended by now where that is ESRCH. While
- * the system's queue of signals is full it tries again every microsecond. */
+ * messages: the unit is the waiter's all the same, which has ended by now where that is ESRCH.
+ * While the system's queue of signals is full it tries again every microsecond. */
 VORN_API int vorn_sem_enhance_up(vorn_sem_enhance_s *sem);
 
 /* There is nothing to release. Returns 0. */
 VORN_API int vorn_sem_enhance_destroy(vorn_sem_enhance_s *sem);
 
-/* Writes the count and each waiter to the log, as information records. */
+/* Writes the count and each waiter to the log, as information messages. */
 VORN_API void vorn_sem_enhance_show(vorn_sem_enhance_s *sem);
 
 VORN_END_DECLS

@@ -1,14 +1,16 @@
-/* The spin lock: a word that whoever comes first sets. A thread that does not get it spins for 100
- * microseconds, then gives the processor away for a millisecond (vorn_schedule), and so on.
+/* The spin lock: a word that the thread that comes first sets. A thread that does not get it spins
+ * for 100 microseconds, then gives the processor away for a millisecond (vorn_schedule), and so on.
  *
- * Not fair: no order among those who wait, and one may wait for ever while others go in and out.
+ * Not fair: no order among those who wait, and one may wait forever while others go in and out.
  * Not recursive: a holder that locks again never comes back. Any thread may unlock, the holder is
  * not recorded, and when a holder ends without unlocking the lock stays held. Taking a lock
  * acquires what the unlocker before it had written. Free and uncontended, no call enters the
  * kernel.
  *
- * The 100 microseconds are measured with vorn_time_getnanosec. Until the time base has been started
- * (vorn_Init) that reads 0: a waiting thread then spins without ever giving the processor away.
+ * The 100 microseconds are measured with vorn_time_getnanosec, and with clock_gettime(2) until the
+ * time base has been started (vorn_Init).
+ *
+ * No operation is a cancellation point: one that arrives while a thread waits stays pending.
  *
  * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
  * trylock and unlock are safe; lock is only where no thread that the handler can interrupt holds
@@ -56,7 +58,7 @@ VORN_API void do_vorn_spinlock_lock(uint64_t *lock, const char *function, unsign
 /* Takes the word if it is free now: returns 1 when taken, else 0. Never waits. */
 VORN_API int do_vorn_spinlock_trylock(uint64_t *lock, const char *function, unsigned int line);
 
-/* Frees the word, whoever took it. One that is not held is left as it is. */
+/* Frees the word, whichever thread took it. One that is not held is left as it is. */
 VORN_API void do_vorn_spinlock_unlock(uint64_t *lock, const char *function, unsigned int line);
 
 /* The flag that makes a thread write its stack (debug_dump_stack) each time that it has spun for

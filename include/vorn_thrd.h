@@ -3,14 +3,20 @@
  *
  * Every thread started here is detached and has a record, a vorn_thread_s, with its name, kernel
  * id, strategy, stacks and context. Records lie in a table of VORN_THRD_SLOT_COUNT slots with a
- * reference count each; a slot's record is never freed, so whoever finds a thread by its id and
- * holds the reference may read the record also after the thread has ended. Where the table is full
- * a thread still gets a record, which no lookup and no listing sees and which goes with the thread.
- * A child of fork() begins with the record of the thread that called it, and without a pool; the
- * other records, and references to them, are the parent's alone.
+ * reference count each; a slot's record is never freed, so a thread that finds another by its id
+ * and holds the reference may read the record also after the other has ended. Where the table is
+ * full a thread still gets a record, which no lookup and no listing sees and which goes with the
+ * thread. A child of fork() begins with the record of the thread that called it, and without a
+ * pool; the other records, and references to them, are the parent's alone.
+ *
+ * However a thread ends, by return, pthread_exit(3) or cancellation, it gives back its record, its
+ * slot and the reference that it has to itself: a destructor of thread-specific data does that. A
+ * later destructor that needs a record adopts the thread again. References that a thread took with
+ * vorn_thrd_getthreadinfobytid remain its own to give back.
  *
  * Unless a function says otherwise: any thread may call, it does not block but for the allocator,
- * it is not for signal handlers, and it returns 0, or -1 after an error record. */
+ * it is no cancellation point, it is not for signal handlers, and it returns 0, or -1 after an
+ * error message. */
 #ifndef VORN_THRD_H
 #define VORN_THRD_H
 
@@ -97,7 +103,7 @@ typedef struct vorn_thread {
   uint32_t context;               /* VORN_THRD_CONTEXT_* */
   uint32_t iod_thread_id;         /* all ones: none */
   unsigned long os_stack_low;     /* the usable stack; both 0: unknown */
-  unsigned long os_stack_high;    /* the address behind it */
+  unsigned long os_stack_high;    /* the address after it */
   unsigned char *sig_stack;       /* VORN_THRD_SIGSTACK_SIZE bytes */
   sem_t job;                      /* raised once for each job of a pool thread */
   uint32_t preempt_flag;          /* 0: may be preempted */
@@ -114,33 +120,35 @@ typedef struct vorn_thread {
 VORN_API vorn_thread_s *vorn_thrd_currentthreadinfo(void);
 
 /* The record of the running thread whose kernel id is tid, with a reference that the caller gives
- * back by vorn_thrd_putthreadinfo; NULL, without a record in the log, when no thread in the table
+ * back by vorn_thrd_putthreadinfo; NULL, without a log message, when no thread in the table
  * has it. Signal-safe. */
 VORN_API vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid);
 
-/* Gives a reference back; the record must not be used behind that. Returns how many are left. One
+/* Gives a reference back; the record must not be used after that. Returns how many are left. One
  * that none was held of is reported as an error and left at 0. A record without a slot is freed.
  * Signal-safe for a record that vorn_thrd_getthreadinfobytid has found. */
 VORN_API int vorn_thrd_putthreadinfo(vorn_thread_s *thread);
 
 /* Adopts the calling thread, which the library did not create: gives it a record, its signal stack
- * and strategy 0. Nothing is done where it has one. It must call vorn_thrd_clearcurthreadinfo
- * before it ends. Returns 0; -1 after an information record when memory is short. */
+ * and strategy 0. Nothing is done where it has one. The thread gives the record back when it ends,
+ * or earlier by vorn_thrd_clearcurthreadinfo. Returns 0; -1 after an information message when
+ * memory is short. */
 VORN_API int vorn_thrd_setcurthreadinfo(void);
 
-/* Takes the calling thread's record away from it: for one that was adopted, or that leaves by
- * pthread_exit(3) without returning from its entry. Returns 0; -1 when it has none. */
+/* Takes the calling thread's record away from it, before the thread ends. Returns 0; -1 when it has
+ * none. */
 VORN_API int vorn_thrd_clearcurthreadinfo(void);
 
 /* Prepares the registry, once per process. Every function that needs it calls it, vorn_Init too.
- * Returns 0. */
+ * Returns 0. Logs an error where the process has no key of thread-specific data left: threads then
+ * give their records back when they return from their entry, and the next call tries again. */
 VORN_API int vorn_thrd_module_init(void);
 
 /* Lists the threads of the table with their kernel id, name and strategy through print. Returns 0;
  * -1 when print is NULL. */
 VORN_API int vorn_thrd_list(vorn_print_f print);
 
-/* Has the kernel module report the state of thread tid. Without the module: an information record,
+/* Has the kernel module report the state of thread tid. Without the module: an information message,
  * nothing else. */
 VORN_API void vorn_thrd_getstatus(unsigned int tid);
 
@@ -151,15 +159,15 @@ VORN_API long vorn_thread_get_knl_tid(void);
 
 /* The process id (getpid(2)) and the id of a thread, kept in the process: a getter asks the system
  * only until there is a value. A pid of 0 and less, and a thread id of all ones, are no values. A
- * child of fork() begins without. The thread id is one for the whole process, that of whoever set
- * it or asked first; for the calling thread's own use pthread_self(3). Signal-safe. */
+ * child of fork() begins without. The thread id is one for the whole process, that of the thread
+ * that set it or asked first; for the calling thread's own use pthread_self(3). Signal-safe. */
 VORN_API void vorn_thrd_setpid_accl(pid_t pid);
 VORN_API pid_t vorn_thrd_getpid_accl(void);
 VORN_API void vorn_thrd_settid_accl(pthread_t thread);
 VORN_API pthread_t vorn_thrd_gettid_accl(void);
 
 /* Names the calling thread, in its record and for the kernel (PR_SET_NAME of prctl(2)). A name is
- * cut to 15 characters. Nothing but an error record when format is NULL or the thread has no
+ * cut to 15 characters. Nothing but an error message when format is NULL or the thread has no
  * record. */
 VORN_API void vorn_thrd_setname(const char *format, ...) VORN_PRINTF(1, 2);
 
@@ -169,7 +177,7 @@ VORN_API const char *vorn_thrd_getname(void);
 
 /* The process's name as /proc/PID/status has it, and the file name of its executable, each read
  * once and copied with its NUL into the len bytes at buf; 32 are always enough. Return 0; -1 after
- * an error record when buf is NULL, the name cannot be read or does not fit. Block on /proc. */
+ * an error message when buf is NULL, the name cannot be read or does not fit. Block on /proc. */
 VORN_API int vorn_get_process_name(char *buf, unsigned int len);
 VORN_API int vorn_get_process_exe_name(char *buf, unsigned int len);
 
@@ -204,11 +212,11 @@ VORN_API int vorn_thread_run_in_irq_context_check(void);
 /* --- Stacks --- */
 
 /* The bounds of the calling thread's stack, and of its signal stack: the lowest address and the one
- * behind the highest. -1 without a record in the log when they are unknown. Signal-safe. */
+ * after the highest. -1 without a log message when they are unknown. Signal-safe. */
 VORN_API int vorn_thrd_getosstack(unsigned long *low, unsigned long *high);
 VORN_API int vorn_thrd_getsigstack(unsigned long *low, unsigned long *high);
 
-/* The bounds of the stack of the thread with kernel id tid; -1 without a record in the log when
+/* The bounds of the stack of the thread with kernel id tid; -1 without a log message when
  * they are unknown. Signal-safe. */
 VORN_API int vorn_thread_get_specific_stack(long tid, unsigned long *low, unsigned long *high);
 
@@ -220,7 +228,7 @@ typedef struct vorn_lwt_stack_ops {
 } vorn_lwt_stack_ops_s;
 
 /* Registers both functions of *ops, which is copied, or takes them away. The first returns 0; -1
- * without a record in the log when ops is NULL. */
+ * without a log message when ops is NULL. */
 VORN_API int register_lwt_stack_ops(const vorn_lwt_stack_ops_s *ops);
 VORN_API void unregister_lwt_stack_ops(void);
 
@@ -231,7 +239,7 @@ VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, un
 /* On which of the calling thread's stacks address lies: its bounds, and in *kind "LWT_STACK",
  * "OS_STACK" (a page below the stack still counts), "SIG_STACK", or "UNKNOWN_STACK" for an address
  * close above the caller's frame on a stack that nobody knows; this one is taken to begin at the
- * address's page and to be vorn_thrd_getunknownstacksize bytes long. -1 without a record in the log
+ * address's page and to be vorn_thrd_getunknownstacksize bytes long. -1 without a log message
  * when kind is NULL, or the address lies on none, with *kind "INVALID_STACK" or "INVALID_LWT_STACK"
  * then. Signal-safe. */
 VORN_API int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low,
@@ -243,7 +251,7 @@ VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
 
 /* Stores count return addresses of the calling thread, from the innermost out: skip 0 begins with
  * the address in the function that called this one, each more leaves out one call. Returns 0; -1
- * when addresses is NULL or the stack has not so many, what it has is stored then and 0 behind it.
+ * when addresses is NULL or the stack has not so many, what it has is stored then and 0 after it.
  * The addresses are found by frame pointers and end where a function was built without.
  * Signal-safe.
  */
@@ -253,7 +261,7 @@ VORN_API int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, u
 
 /* Starts a thread that runs entry(argument), in the pool where that has an idle one, else a new
  * one under strategy 0. Its id goes to *out unless out is NULL; it may have ended by then. Returns
- * 0; -1 after a record in the log. */
+ * 0, and the entry is run once in any case; -1 after a log message. */
 VORN_API int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
 
 /* The same, always a new thread. */
@@ -270,13 +278,13 @@ VORN_API int vorn_thrd_create_attr(vorn_thrd_entry_f entry, void *argument, pthr
                                    pthread_attr_t *attr);
 
 /* What the others build on: a new thread that runs start_routine with its vorn_thread_s * as
- * argument, which holds entry and argument, and is to be put back when the thread ends. */
+ * argument, which holds entry and argument, and is start_routine's to put back. */
 VORN_API int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument,
                                     vorn_thrd_entry_f start_routine, pthread_t *out,
                                     pthread_attr_t *attr);
 
 /* pthread_attr_init(3), pthread_attr_destroy(3) and pthread_attr_setstacksize(3); size in bytes.
- * Return 0; -1 without a record in the log when attr is NULL or the call fails. */
+ * Return 0; -1 without a log message when attr is NULL or the call fails. */
 VORN_API int vorn_thrd_attr_init(pthread_attr_t *attr);
 VORN_API int vorn_thrd_attr_destroy(pthread_attr_t *attr);
 VORN_API int vorn_thrd_setstacksize(pthread_attr_t *attr, size_t size);
@@ -295,15 +303,26 @@ VORN_API int vorn_get_instant_map_flag(void);
 VORN_API unsigned int vorn_thread_pool_create(unsigned int count);
 
 /* Has an idle thread of the pool run entry(argument). Its id goes to *out unless out is NULL.
- * Returns 0; -1 without a record in the log when there is no pool or no thread of it is idle.
- * Neither locks nor allocates. After the job the thread is bound to all CPUs and runs under
- * strategy 0 again, and for 20 microseconds looks for the next one before it sleeps. */
+ * Returns 0; -1 without a log message when there is no pool or no thread of it is idle. Neither
+ * locks nor allocates, unless a thread of the pool is missing.
+ *
+ * Each job begins on a thread that is bound to all CPUs, runs under strategy 0, is in no context,
+ * has the signal mask with which vorn_thread_pool_create was called, but for SIGWAKEUP, which is
+ * not blocked, and can be cancelled, deferred. After a job the thread looks for the next one for 20
+ * microseconds before it sleeps.
+ *
+ * A job may be cancelled, call pthread_exit(3), or give up its thread's record: the thread ends
+ * with it, and another takes its place in the pool. A cancellation that has not acted when the job
+ * ends acts then. One that comes later is not the next job's: the thread ends, and the job that it
+ * was given runs on the one that takes its place; where no thread can be started, on the one that
+ * ends, which cannot be cancelled again. A thread that could not be started is started at a later
+ * call of this function. */
 VORN_API int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argument,
                                             pthread_t *out);
 
-/* Has all threads of the pool end, those with a job when it is done; sleeps 10 ms. A job that was
- * given is always run. Returns how many had not left by then, 0 without a pool. There is no other
- * pool afterwards. */
+/* Has all threads of the pool end, those with a job when it is done, and none take the place of
+ * another; sleeps 10 ms. A job that was given is always run. Returns how many had not left by then,
+ * 0 without a pool. There is no other pool afterwards. */
 VORN_API int vorn_thread_pool_destroy(void);
 
 /* --- Strategy, priority and CPU binding --- */
@@ -315,13 +334,14 @@ typedef struct vorn_thrd_strategy {
 } vorn_thrd_strategy_s;
 
 /* Sets up a strategy, before threads that use it start: the table has no lock. Returns 0; -1 after
- * an information record when there is no such strategy or its CPUs cannot be read, it is invalid
+ * an information message when there is no such strategy or its CPUs cannot be read, it is invalid
  * then. */
 VORN_API int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *settings);
 
 /* Puts the calling thread under a strategy: its nice value and its CPUs. One that is not set up
  * takes those of strategy 0; where that is not either, nothing is done. Returns 0, also for a
- * number that is no strategy, after an information record; -1 after one when the system refuses. */
+ * number that is no strategy, after an information message; -1 after one when the system refuses.
+ */
 VORN_API int vorn_setCurThreadStrategy(unsigned int strategy);
 
 /* The calling thread's nice value: setpriority(2). Returns 0; -1 after a warning. */

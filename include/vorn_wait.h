@@ -1,5 +1,5 @@
-/* Wait queues in the kernel's style: threads that wait for a condition, and whoever makes it true
- * wakes all of them.
+/* Wait queues in the kernel's style: threads that wait for a condition, and the thread that makes
+ * it true wakes all of them.
  *
  *   vorn_wait_entry_s entry;
  *   vorn_wait_entry_init(&entry, tid);
@@ -14,7 +14,8 @@
  * condition is theirs to order: by atomics, or a lock.
  *
  * Unless a function says otherwise any thread may call it, and it blocks on the queue's spin lock
- * alone. None is for signal handlers. */
+ * alone. None is a cancellation point: a thread that is cancelled while it waits finds the
+ * cancellation pending after finish_wait. None is for signal handlers. */
 #ifndef VORN_WAIT_H
 #define VORN_WAIT_H
 

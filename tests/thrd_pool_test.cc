@@ -1,52 +1,49 @@
+// test-wraps: pthread_create
 #include "vorn_thrd.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <deque>
 #include <gtest/gtest.h>
 #include <latch>
 #include <mutex>
 #include <set>
-#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "evlog.h"
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "thread/vorn_thrd.hpp"
+#include "vorn_sched.h"
+
+static std::atomic<int> create_error{0};
+
+extern "C" {
+int __real_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
+                          void *argument);
+int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
+                          void *argument) {
+  const int error = create_error;
+  return error != 0 ? error : __real_pthread_create(id, attr, start, argument);
+}
+}
 
 namespace {
 
-int listed;
-int idle;
-
-bool is_idle(unsigned long tid) {
-  vorn_thread_s *record = vorn_thrd_getthreadinfobytid(static_cast<long>(tid));
-  if (record == nullptr) return false;
-  const bool result = record->slot->state == vorn::thread::kIdle;
-  vorn_thrd_putthreadinfo(record);
-  return result;
-}
-
-int count_threads(const char *format, ...) {
-  if (std::string(format) != "%5lu %-18s %-11d %-8d\n") return 0;
-  va_list args;
-  va_start(args, format);
-  const auto tid = va_arg(args, unsigned long);
-  const bool named = std::string(va_arg(args, const char *)) == "OSThrdPoolNull";
-  va_end(args);
-  ++listed;
-  idle += named && is_idle(tid) ? 1 : 0;
-  return 0;
-}
-
 // Until there are so many threads, and all wait for a job: the last ones of a pool are started
-// behind the call that creates it, and leave behind the one that ends it.
+// after the call that creates it, and leave after the one that ends it.
 void wait_for_idle(int count) {
-  do {
+  const auto in = [](std::uint32_t states) {
+    return std::ranges::count_if(vorn::thread::slots(), [=](const vorn::thread::Slot &slot) {
+      return slot.count != 0 && (slot.state & states) != 0;
+    });
+  };
+  while (in(vorn::thread::kAlive) != count || in(vorn::thread::kIdle) != count)
     usleep(1000);
-    listed = idle = 0;
-    vorn_thrd_list(count_threads);
-  } while (listed != count || idle != count);
 }
 
 // Jobs that stay until they are let go, and tell who ran them.
@@ -100,6 +97,7 @@ TEST(Pool, RunsJobsOnItsThreadsAndOthersOnNewOnes) {
 TEST(Pool, OfOneThreadIsTheSpawner) {
   EXPECT_EQ(vorn_thread_pool_create(1), 1u);
   wait_for_idle(1);
+  EXPECT_STREQ(vorn::thread::slots()[0].record.load()->name, "OSThrdPoolNull");
   Jobs jobs(1);
   pthread_t id{};
   EXPECT_EQ(create_thread_from_thread_pool(nullptr, &jobs, nullptr), -1);
@@ -119,33 +117,54 @@ TEST(Pool, OfOneThreadIsTheSpawner) {
 }
 
 TEST(Pool, NothingOfAJobStaysWithTheThread) {
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGUSR2);
+  sigaddset(&mask, SIGWAKEUP);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
   vorn_thread_pool_create(1);
   wait_for_idle(1);
-  static cpu_set_t bound;
   static vorn_thread_s *worker;
   static std::atomic<int> looked;
-  const auto bind = [](void *) -> void * {
+  const auto spoil = [](void *) -> void * {
     worker = vorn_thrd_currentthreadinfo();
     const unsigned char first_cpu[VORN_THRD_CPUSET_SIZE] = {1};
     EXPECT_EQ(vorn_thrd_setbindcpu(pthread_self(), first_cpu), 0);
+    vorn_thrd_core_set(77);
+    vorn_thrd_numaId_set(7);
+    vorn_thread_run_in_iod_context_init(7);
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
     return nullptr;
   };
   const auto look = [](void *) -> void * {
-    if (looked == 0) vorn_thrd_getbindcpu(pthread_self(), &bound);
-    ++looked;
+    if (looked++ != 0) return nullptr;
+    cpu_set_t bound;
+    cpu_set_t all;
+    vorn_thrd_getbindcpu(pthread_self(), &bound);
+    vorn_thrd_bindAllCfgCpu();
+    vorn_thrd_getbindcpu(pthread_self(), &all);
+    EXPECT_TRUE(CPU_EQUAL(&bound, &all));
+    EXPECT_TRUE(smp_processor_id() != 77 && vorn_thrd_numaId_get() == -1);
+    EXPECT_EQ(vorn_thread_run_in_iod_context_check(), 0);
+    sigset_t own;
+    pthread_sigmask(SIG_BLOCK, nullptr, &own);
+    EXPECT_TRUE(sigismember(&own, SIGUSR2) == 1 && sigismember(&own, SIGUSR1) == 0);
+    EXPECT_EQ(sigismember(&own, SIGWAKEUP), 0);
+    int state = -1;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+    EXPECT_EQ(state, PTHREAD_CANCEL_ENABLE);
     return nullptr;
   };
-  EXPECT_EQ(create_thread_from_thread_pool(bind, nullptr, nullptr), 0);
+  EXPECT_EQ(create_thread_from_thread_pool(spoil, nullptr, nullptr), 0);
   constexpr unsigned int kLooks = 500;
   for (unsigned int i = 0; i < kLooks; ++i)
     while (create_thread_from_thread_pool(look, nullptr, nullptr) != 0)
       sched_yield();
   while (looked != kLooks)
     usleep(100);
-  cpu_set_t all;
-  vorn_thrd_bindAllCfgCpu();
-  vorn_thrd_getbindcpu(pthread_self(), &all);
-  EXPECT_TRUE(CPU_EQUAL(&bound, &all));
   wait_for_idle(1);
   EXPECT_EQ(worker->jobs, kLooks + 1);
   int posts = -1;
@@ -153,38 +172,156 @@ TEST(Pool, NothingOfAJobStaysWithTheThread) {
   EXPECT_EQ(posts, 0) << "an idle thread would go round for each";
 }
 
-// Whoever is told that a job was taken can rely on it: each runs once, also those that were given
-// while the pool is being ended.
+TEST(Pool, FailedStartsLeaveNothingBehindAndAChildBeginsWithoutAPool) {
+  create_error = EAGAIN;
+  EXPECT_EQ(vorn_thread_pool_create(4), 0u);
+  const auto lines = capture::take_lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[1].find("E Create thread failed, error 11, errno "), 0u) << lines[1];
+  for (const vorn::thread::Slot &slot : vorn::thread::slots())
+    ASSERT_EQ(slot.count, 0u);
+  create_error = 0;
+  EXPECT_EQ(vorn_thread_pool_create(1), 1u);
+  wait_for_idle(1);
+  const vorn_thrd_entry_f fork_and_return = [](void *code) {
+    const pid_t child = fork();
+    if (child == 0) return static_cast<void *>(nullptr); // the last thread of the child ends
+    int status = -1;
+    waitpid(child, &status, 0);
+    *static_cast<std::atomic<int> *>(code) = exit_code(status);
+    return code;
+  };
+  std::atomic<int> code{-2};
+  const auto gives_to_own_pool = [&] {
+    const int refused = create_thread_from_thread_pool(fork_and_return, &code, nullptr);
+    return refused == -1 && vorn_thread_pool_create(1) == 1 ? 0 : 1;
+  };
+  EXPECT_EQ(run_in_child(gives_to_own_pool), 0);
+  EXPECT_EQ(create_thread_from_thread_pool(fork_and_return, &code, nullptr), 0);
+  while (code == -2)
+    usleep(1000);
+  EXPECT_EQ(code, 0);
+}
+
+// One thread that is idle and cancelled is given a job, and then what happens to the replacement.
+TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
+  vorn_set_instant_map_flag();
+  vorn_thread_pool_create(1);
+  static std::atomic<int> ran;
+  static std::atomic<long> runner;
+  const auto job = [](void *) -> void * {
+    const vorn_thread_s *own = vorn_thrd_currentthreadinfo();
+    EXPECT_LE(own->os_stack_high - own->os_stack_low, vorn::thread::kSmallStack);
+    runner = gettid();
+    ++ran;
+    return nullptr;
+  };
+  const auto give = [&] {
+    pthread_t id{};
+    wait_for_idle(1);
+    const int before = ran;
+    EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, &id), 0);
+    while (ran == before)
+      usleep(100);
+    return id;
+  };
+  for (const int error : {0, EAGAIN, 0}) {
+    const pthread_t idle_thread = give();
+    wait_for_idle(1);
+    const long cancelled = runner;
+    pthread_cancel(idle_thread);
+    create_error = error;
+    give();
+    EXPECT_EQ(runner == cancelled, error != 0) << "itself where no other can be started";
+    wait_for_idle(error == 0 ? 1 : 0);
+    create_error = 0;
+    if (error == 0) continue;
+    EXPECT_EQ(create_thread_from_thread_pool(job, nullptr, nullptr), -1) << "but starts a thread";
+  }
+  EXPECT_EQ(ran, 6);
+}
+
+// Each job that was taken runs once, however those before it ended, also if it was given while the
+// pool is being ended; and the pool keeps its size.
 TEST(Pool, EveryJobTakenRunsOnce) {
   constexpr int kDispatchers = 3;
+  struct Given {
+    int way = 0;
+    bool taken = false;
+    std::atomic<int> ran{0};
+  };
   static std::atomic<int> ran;
   static std::atomic<bool> ending;
+  static std::atomic<pthread_t> victim;
+  std::atomic<bool> pausing{false};
+  static const vorn_thrd_entry_f ways[] = {
+      [](void *of) { return of; },
+      [](void *) -> void * { pthread_exit(nullptr); },
+      [](void *of) { return pthread_cancel(pthread_self()), of; },
+      [](void *of) { return pthread_cancel(pthread_self()), pthread_testcancel(), of; },
+      [](void *of) { return vorn_thrd_clearcurthreadinfo(), vorn_thrd_setcurthreadinfo(), of; },
+      [](void *of) {
+        pthread_t nobody{};
+        if (victim.compare_exchange_strong(nobody, pthread_self()))
+          while (victim != 0) {
+          }
+        return of;
+      },
+  };
   std::atomic<int> taken{0};
+  std::deque<Given> given[kDispatchers];
   vorn_thread_pool_create(4);
   wait_for_idle(4);
+  std::thread canceller([] {
+    while (!ending) {
+      if (victim != 0) pthread_cancel(victim);
+      victim = 0;
+      usleep(100);
+    }
+    victim = 0;
+  });
   std::vector<std::thread> dispatchers;
-  for (int i = 0; i < kDispatchers; ++i) {
+  for (std::deque<Given> &own : given) {
     dispatchers.emplace_back([&] {
       const auto job = [](void *argument) -> void * {
-        ran += *static_cast<int *>(argument);
-        return nullptr;
+        auto &self = *static_cast<Given *>(argument);
+        ++self.ran;
+        ++ran;
+        return ways[self.way](nullptr);
       };
-      static int one = 1;
-      while (!ending)
-        if (create_thread_from_thread_pool(job, &one, nullptr) == 0) ++taken;
+      own.emplace_back();
+      while (!ending) {
+        if (pausing) {
+          usleep(1000);
+          continue;
+        }
+        Given &next = own.back();
+        next.way = static_cast<int>(own.size() % std::size(ways));
+        next.taken = create_thread_from_thread_pool(job, &next, nullptr) == 0;
+        if (!next.taken) continue;
+        ++taken;
+        own.emplace_back();
+      }
     });
   }
+  usleep(100'000);
+  pausing = true;
+  wait_for_idle(4);
+  pausing = false;
   usleep(100'000);
   vorn_thread_pool_destroy();
   usleep(20'000);
   ending = true;
   for (std::thread &dispatcher : dispatchers)
     dispatcher.join();
-  for (int i = 0; ran != taken && i < 1000; ++i)
+  canceller.join();
+  for (int i = 0; ran != taken && i < 5000; ++i)
     usleep(1000);
-  EXPECT_EQ(ran, taken);
-  EXPECT_GT(taken, 100);
   wait_for_idle(0);
+  for (const std::deque<Given> &own : given)
+    for (const Given &one : own)
+      ASSERT_EQ(one.ran, one.taken ? 1 : 0) << one.way;
+  EXPECT_GT(taken, 100);
   EXPECT_EQ(vorn_thread_pool_destroy(), 0);
   EXPECT_EQ(create_thread_from_thread_pool(Jobs::run, nullptr, nullptr), -1);
   EXPECT_EQ(vorn_thread_pool_create(4), 0u) << "there is one pool in a process";

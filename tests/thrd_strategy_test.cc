@@ -83,10 +83,10 @@ TEST_F(Strategy, BadSettingsMakeItInvalid) {
   const vorn_thrd_strategy_s good = {1, "1"};
   const vorn_thrd_strategy_s bad = {1, "x"};
   EXPECT_EQ(vorn_initThreadStrategy(6, &good), -1);
-  EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{"Invalid thread strategy 6."}));
+  EXPECT_EQ(capture::take_lines(), (std::vector<std::string>{"Invalid thread strategy 6."}));
   EXPECT_EQ(vorn_initThreadStrategy(4, &good), 0);
   EXPECT_EQ(vorn_initThreadStrategy(4, &bad), -1);
-  EXPECT_EQ(capture::take_texts().back(), "Invalid cpu mask info:x.");
+  EXPECT_EQ(capture::take_lines().back(), "Invalid cpu mask info:x.");
   EXPECT_EQ(vorn_setCurThreadStrategy(4), 0);
   EXPECT_TRUE(prios.empty() && bindings.empty());
   EXPECT_EQ(vorn_initThreadStrategy(4, nullptr), -1);
@@ -97,7 +97,7 @@ TEST_F(Strategy, RefusalOfTheSystemIsReported) {
   vorn_initThreadStrategy(0, &usual);
   prio_error = EACCES;
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
-  EXPECT_EQ(capture::take_texts(), (std::vector<std::string>{"Set thread prio fail -1, errno 13.",
+  EXPECT_EQ(capture::take_lines(), (std::vector<std::string>{"W Set thread prio fail -1, errno 13.",
                                                              "Set thread strategy 1 fail."}));
   EXPECT_EQ(bindings, Bindings{"01000000"}) << "without its nice value, but bound";
   prio_error = 0;
@@ -105,8 +105,8 @@ TEST_F(Strategy, RefusalOfTheSystemIsReported) {
   EXPECT_EQ(vorn_setCurThreadStrategy(1), -1);
   EXPECT_EQ(recorded(), VORN_THRD_STRATEGY_NONE);
   char text[64];
-  snprintf(text, sizeof text, "Set thread(0x%lx) affinity bind cpu failed(22).", pthread_self());
-  EXPECT_EQ(capture::take_texts().front(), text);
+  snprintf(text, sizeof text, "E Set thread(0x%lx) affinity bind cpu failed(22).", pthread_self());
+  EXPECT_EQ(capture::take_lines(), (std::vector<std::string>{text, "Set thread strategy 1 fail."}));
 }
 
 TEST_F(Strategy, PriorityScale) {
@@ -122,7 +122,8 @@ TEST_F(Strategy, BindingReadsNoMoreThanTheConfiguredCpusTake) {
   EXPECT_EQ(vorn_thrd_setbindcpu(pthread_self(), some), 0);
   EXPECT_EQ(vorn_thrd_bindAllCfgCpu(), 0);
   EXPECT_EQ(vorn_setCurThreadBind("2"), 0);
-  EXPECT_EQ(bindings, (Bindings{"00000200", "ffff0300", "04000000"}));
+  EXPECT_EQ(vorn_thrd_setbindcpu(pthread_self() + 1, some), 0) << "of another thread";
+  EXPECT_EQ(bindings, (Bindings{"00000200", "ffff0300", "04000000", "00000200"}));
   EXPECT_EQ(vorn_thrd_currentthreadinfo()->cpuset[0], 4u);
   capture::take();
   EXPECT_EQ(vorn_setCurThreadBind(nullptr), -1);

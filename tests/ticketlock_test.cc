@@ -60,7 +60,7 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
     row.operation(&used);
     EXPECT_EQ(std::memcmp(&used, &row.after, sizeof used), 0);
     std::string texts;
-    for (const std::string &text : capture::take_texts())
+    for (const std::string &text : capture::take_lines())
       texts += text;
     EXPECT_EQ(texts, row.texts);
   }

@@ -65,11 +65,13 @@ int start() {
 } // namespace
 } // namespace vorn::affinity
 
-int vorn_affinity_init() { return vorn::affinity::started.run(vorn::affinity::start); }
+using namespace vorn::affinity;
+
+int vorn_affinity_init() { return started.run(start); }
 
 const vorn_affinity_level_s *vorn_get_affinity_entity(const char *name) {
-  const vorn_affinity_level_s &level = vorn::affinity::level_1;
-  if (name == nullptr || !vorn::affinity::started.done() || level.name[0] == '\0') return nullptr;
+  const vorn_affinity_level_s &level = level_1;
+  if (name == nullptr || !started.done() || level.name[0] == '\0') return nullptr;
   return std::strcmp(name, level.name) == 0 ? &level : nullptr;
 }
 

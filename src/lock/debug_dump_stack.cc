@@ -40,13 +40,15 @@ private:
 } // namespace
 } // namespace vorn::lock
 
+using namespace vorn::lock;
+
 void debug_dump_stack(unsigned int skip) {
   const void *frame = __builtin_frame_address(0);
-  vorn::FrameWalk walk{frame, vorn::lock::stack_of(frame)};
+  vorn::FrameWalk walk{frame, stack_of(frame)};
   walk.skip(skip);
-  const vorn::lock::Place first{walk.next()};
-  const vorn::lock::Place second{walk.next()};
-  const vorn::lock::Place third{walk.next()};
+  const Place first{walk.next()};
+  const Place second{walk.next()};
+  const Place third{walk.next()};
   evlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).",
                  static_cast<int>(vorn::thread_id()), first.address(), first.name(),
                  second.address(), second.name(), third.address(), third.name());

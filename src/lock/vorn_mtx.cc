@@ -21,9 +21,11 @@ int posix_type(int type) {
 } // namespace
 } // namespace vorn::mtx
 
+using namespace vorn::mtx;
+
 int vorn_mtx_init(pthread_mutex_t *mutex, int type) {
-  const int posix = vorn::mtx::posix_type(type);
-  if (posix == vorn::mtx::kUnknownType) return -1;
+  const int posix = posix_type(type);
+  if (posix == kUnknownType) return -1;
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_settype(&attributes, posix);

@@ -22,10 +22,11 @@
 // what it allowed before.
 #include "vorn_rwlock.h"
 
-#include <atomic>
 #include <cstdint>
 
 #include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
+#include "base/cancellation_off.hpp"
 #include "vorn_sched.h"
 
 static_assert(offsetof(vorn_rwlock_s, word) == 0);
@@ -72,33 +73,36 @@ template <class Attempt> bool succeeds_in_a_round(Attempt attempt) {
 }
 
 template <class Attempt> void sleep_until(Attempt attempt) {
-  while (!succeeds_in_a_round(attempt))
+  while (!succeeds_in_a_round(attempt)) {
+    const CancellationOff off; // the caller may hold other locks
     vorn_usleep(kSleepMicroseconds);
+  }
 }
 
 } // namespace
 } // namespace vorn::lock
 
+using namespace vorn::lock;
+
 void vorn_rwlock_read_lock(vorn_rwlock_s *lock) {
-  const vorn::lock::Word word{lock->word};
-  vorn::lock::spin_until([=] { return vorn::lock::try_read_lock(word); });
+  const auto word = vorn::atomic_word(lock->word);
+  spin_until([=] { return try_read_lock(word); });
 }
 
 int vorn_rwlock_try_read_lock(vorn_rwlock_s *lock) {
-  return vorn::lock::try_read_lock(vorn::lock::Word{lock->word}) ? 1 : 0;
+  return try_read_lock(vorn::atomic_word(lock->word)) ? 1 : 0;
 }
 
 void vorn_rwlock_write_lock(vorn_rwlock_s *lock) {
-  const vorn::lock::Word word{lock->word};
-  vorn::lock::spin_until([=] { return vorn::lock::try_write_lock(word, vorn::lock::kWriter); });
+  const auto word = vorn::atomic_word(lock->word);
+  spin_until([=] { return try_write_lock(word, kWriter); });
 }
 
 void vorn_rwlock_read_lock_mayblock(vorn_rwlock_s *lock) {
-  vorn::lock::sleep_until([=] { return vorn_rwlock_try_read_lock(lock) != 0; });
+  sleep_until([=] { return vorn_rwlock_try_read_lock(lock) != 0; });
 }
 
 void vorn_rwlock_write_lock_mayblock(vorn_rwlock_s *lock) {
-  const vorn::lock::Word word{lock->word};
-  vorn::lock::sleep_until(
-      [=] { return vorn::lock::try_write_lock(word, vorn::lock::kMayblockWriter); });
+  const auto word = vorn::atomic_word(lock->word);
+  sleep_until([=] { return try_write_lock(word, kMayblockWriter); });
 }

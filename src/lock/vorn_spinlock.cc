@@ -16,10 +16,13 @@
 // read before a compare-and-swap that it relies on.
 #include "vorn_spinlock.h"
 
-#include <atomic>
 #include <cstdint>
+#include <ctime>
 
 #include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
+#include "base/cancellation_off.hpp"
+#include "base/timespec.hpp"
 #include "vorn_sched.h"
 #include "vorn_time.h"
 
@@ -52,14 +55,26 @@ bool try_take(Word word) { return swap(word, kFree, kHeld); }
 // An attempt on a word that is known to be held would fail: it need not be made to fail.
 bool attempt(Word word) { return word.load(std::memory_order_relaxed) == kFree && try_take(word); }
 
+// The time base reads 0 until it has been started. It is not started here, which takes a mutex that
+// the thread may hold when a signal handler wants the lock; clock_gettime(2) is safe in a handler.
+// A base that is started between two looks makes the difference a large number, which ends the
+// spin.
+std::uint64_t nanoseconds_now() {
+  const std::uint64_t time = vorn_time_getnanosec();
+  if (time != 0) return time;
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return nanoseconds(now);
+}
+
 bool spin(Word word) {
-  const std::uint64_t start = vorn_time_getnanosec();
+  const std::uint64_t start = nanoseconds_now();
   do {
     for (int i = 0; i < kAttempts; ++i) {
       arch::pause();
       if (attempt(word)) return true;
     }
-  } while (vorn_time_getnanosec() - start <= kSpinNanoseconds);
+  } while (nanoseconds_now() - start <= kSpinNanoseconds);
   return false;
 }
 
@@ -67,6 +82,7 @@ bool spin(Word word) {
 // one and the lock, so that it begins with the one who wants the lock.
 [[gnu::noinline]] bool spin_or_yield(Word word) {
   if (spin(word)) return true;
+  const CancellationOff off; // the caller may hold other locks, or have its stack in a list
   if ((flags.load(std::memory_order_relaxed) & VORN_SPINLOCK_DUMP_STACK) != 0) debug_dump_stack(2);
   vorn_schedule();
   return false;
@@ -75,34 +91,34 @@ bool spin(Word word) {
 } // namespace
 } // namespace vorn::lock
 
+using namespace vorn::lock;
+
 void do_vorn_spinlock_lock(uint64_t *lock, const char *, unsigned int) {
-  const vorn::lock::Word word{*lock};
-  if (vorn::lock::try_take(word)) return;
-  while (!vorn::lock::spin_or_yield(word) && !vorn::lock::try_take(word)) {
+  const auto word = vorn::atomic_word(*lock);
+  if (try_take(word)) return;
+  while (!spin_or_yield(word) && !try_take(word)) {
   }
 }
 
 int do_vorn_spinlock_trylock(uint64_t *lock, const char *, unsigned int) {
-  return vorn::lock::try_take(vorn::lock::Word{*lock}) ? 1 : 0;
+  return try_take(vorn::atomic_word(*lock)) ? 1 : 0;
 }
 
 void do_vorn_spinlock_unlock(uint64_t *lock, const char *, unsigned int) {
-  vorn::lock::swap(vorn::lock::Word{*lock}, vorn::lock::kHeld, vorn::lock::kFree);
+  swap(vorn::atomic_word(*lock), kHeld, kFree);
 }
 
 int vorn_spinlock_set_flags(unsigned long bits) {
-  auto &flags = vorn::lock::flags;
   flags.store(flags.load(std::memory_order_relaxed) | bits, std::memory_order_relaxed);
   return 0;
 }
 
 int vorn_spinlock_clear_flags(unsigned long bits) {
-  auto &flags = vorn::lock::flags;
   flags.store(flags.load(std::memory_order_relaxed) & ~bits, std::memory_order_relaxed);
   return 0;
 }
 
 int vorn_spinlock_get_flags(unsigned long *out) {
-  *out = vorn::lock::flags.load(std::memory_order_relaxed);
+  *out = flags.load(std::memory_order_relaxed);
   return 0;
 }

@@ -1,15 +1,15 @@
-// The ticket lock's two words, and its diagnostic fields behind them:
+// The ticket lock's two words, and its diagnostic fields after them:
 //
 //    31            0  31            0
 //   +---------------+---------------+
 //   |    serving    |     next      |    serving == next: free
 //   +---------------+---------------+    next - serving: the holder and those who wait
 //
-// Writers. next: whoever comes, by one atomic addition that gives each another number; trylock by a
-// compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32 bits, which
-// does not carry into next. It has to be atomic because a misused lock is released by others too,
-// and each release is to advance it. magic, other and owner tell about misuse and decide nothing:
-// they are read and written as a whole, without order.
+// Writers. next: each thread that comes, by one atomic addition that gives it a number of its own;
+// trylock by a compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32
+// bits, which does not carry into next. It has to be atomic because a misused lock is released by
+// others too, and each release is to advance it. magic, other and owner tell about misuse and
+// decide nothing: they are read and written as a whole, without order.
 //
 // Order. The addition to serving releases, the load that sees one's own number acquires: what a
 // holder wrote is seen by the next.
@@ -21,11 +21,11 @@
 // instructions.
 #include "vorn_ticketlock.h"
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 
 #include "arch/barrier.hpp"
+#include "base/atomic_word.hpp"
 #include "base/log.hpp"
 #include "base/thread_id.hpp"
 
@@ -42,85 +42,84 @@ namespace {
 constexpr std::uint32_t kNoOther = UINT32_MAX;
 constexpr std::uint64_t kNobody = UINT64_MAX;
 
-// The field as it is at some moment.
-template <class Field> Field peek(Field &field) {
-  return std::atomic_ref{field}.load(std::memory_order_relaxed);
-}
-
-template <class Field> void poke(Field &field, std::type_identity_t<Field> value) {
-  std::atomic_ref{field}.store(value, std::memory_order_relaxed);
-}
+constexpr auto kRelaxed = std::memory_order_relaxed;
 
 // operation is the exported function that found the misuse, function and line its caller.
 [[gnu::cold, gnu::noinline]] void report(vorn_tspinlock_s *lock, const char *text,
                                          const char *operation, const char *function,
                                          std::uint32_t line) {
-  const std::uint32_t tickets[] = {peek(lock->serving), peek(lock->next)};
+  const std::uint32_t tickets[] = {atomic_word(lock->serving).load(kRelaxed),
+                                   atomic_word(lock->next).load(kRelaxed)};
   std::uint64_t both;
   static_assert(sizeof both == sizeof tickets);
   std::memcpy(&both, tickets, sizeof both);
   VORN_LOG_AS(operation, kInfo, "%s in %s:%u lock:0x%lx magic:0x%x owner:%lu other:%u", text,
-              function, line, both, peek(lock->magic), peek(lock->owner), peek(lock->other));
+              function, line, both, atomic_word(lock->magic).load(kRelaxed),
+              atomic_word(lock->owner).load(kRelaxed), atomic_word(lock->other).load(kRelaxed));
 }
 
-bool is_initialised(vorn_tspinlock_s *lock) { return peek(lock->magic) == VORN_TSPINLOCK_MAGIC; }
+bool is_initialised(vorn_tspinlock_s *lock) {
+  return atomic_word(lock->magic).load(kRelaxed) == VORN_TSPINLOCK_MAGIC;
+}
 
 bool is_served(vorn_tspinlock_s *lock, std::uint32_t ticket) {
-  return std::atomic_ref{lock->serving}.load(std::memory_order_acquire) == ticket;
+  return atomic_word(lock->serving).load(std::memory_order_acquire) == ticket;
 }
 
 } // namespace
 } // namespace vorn::lock
 
+using namespace vorn::lock;
+
 void do_vorn_tspinlock_init(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
-  using namespace vorn::lock;
   if (is_initialised(lock)) report(lock, "ReInited lock", __func__, function, line);
-  poke(lock->serving, 0);
-  poke(lock->next, 0);
-  poke(lock->magic, VORN_TSPINLOCK_MAGIC);
-  poke(lock->other, kNoOther);
-  poke(lock->owner, kNobody);
+  vorn::atomic_word(lock->serving).store(0, kRelaxed);
+  vorn::atomic_word(lock->next).store(0, kRelaxed);
+  vorn::atomic_word(lock->magic).store(VORN_TSPINLOCK_MAGIC, kRelaxed);
+  vorn::atomic_word(lock->other).store(kNoOther, kRelaxed);
+  vorn::atomic_word(lock->owner).store(kNobody, kRelaxed);
 }
 
 void do_vorn_tspinlock_destroy(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
-  using namespace vorn::lock;
   if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
-  poke(lock->magic, VORN_TSPINLOCK_DESTROYED);
+  vorn::atomic_word(lock->magic).store(VORN_TSPINLOCK_DESTROYED, kRelaxed);
 }
 
 void do_vorn_tspinlock_lock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
-  using namespace vorn::lock;
   const std::uint32_t self = vorn::thread_id();
   if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
-  if (peek(lock->owner) == self) report(lock, "AA lock", __func__, function, line);
-  const std::uint32_t ticket = std::atomic_ref{lock->next}.fetch_add(1, std::memory_order_seq_cst);
+  if (vorn::atomic_word(lock->owner).load(kRelaxed) == self)
+    report(lock, "AA lock", __func__, function, line);
+  const std::uint32_t ticket =
+      vorn::atomic_word(lock->next).fetch_add(1, std::memory_order_seq_cst);
   while (!is_served(lock, ticket)) {
   }
   vorn::arch::full_barrier_after_atomic();
-  poke(lock->owner, self);
+  vorn::atomic_word(lock->owner).store(self, kRelaxed);
 }
 
 int do_vorn_tspinlock_trylock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
-  using namespace vorn::lock;
   const std::uint32_t self = vorn::thread_id();
   if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
-  if (peek(lock->owner) == self) report(lock, "AA lock", __func__, function, line);
-  const std::atomic_ref next{lock->next};
+  if (vorn::atomic_word(lock->owner).load(kRelaxed) == self)
+    report(lock, "AA lock", __func__, function, line);
+  const auto next = vorn::atomic_word(lock->next);
   std::uint32_t ticket = next.load(std::memory_order_relaxed);
   do {
     if (!is_served(lock, ticket)) return 0;
   } while (!next.compare_exchange_weak(ticket, ticket + 1, std::memory_order_acq_rel,
                                        std::memory_order_relaxed));
-  poke(lock->owner, self);
+  vorn::atomic_word(lock->owner).store(self, kRelaxed);
   return 1;
 }
 
 void do_vorn_tspinlock_unlock(vorn_tspinlock_s *lock, const char *function, uint32_t line) {
-  using namespace vorn::lock;
   if (!is_initialised(lock)) report(lock, "UnInited lock", __func__, function, line);
-  if (peek(lock->owner) != vorn::thread_id()) report(lock, "AB lock", __func__, function, line);
-  poke(lock->owner, kNobody);
-  if (peek(lock->next) == peek(lock->serving))
+  if (vorn::atomic_word(lock->owner).load(kRelaxed) != vorn::thread_id())
+    report(lock, "AB lock", __func__, function, line);
+  vorn::atomic_word(lock->owner).store(kNobody, kRelaxed);
+  if (vorn::atomic_word(lock->next).load(kRelaxed) ==
+      vorn::atomic_word(lock->serving).load(kRelaxed))
     report(lock, "ReUnlock", __func__, "ticket_unlock", line);
-  std::atomic_ref{lock->serving}.fetch_add(1, std::memory_order_acq_rel);
+  vorn::atomic_word(lock->serving).fetch_add(1, std::memory_order_acq_rel);
 }

@@ -28,6 +28,7 @@
 
 #include "arch/barrier.hpp"
 #include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
 
 static_assert(offsetof(vorn_trwlock_s, completions) == 0);
 static_assert(offsetof(vorn_trwlock_s, write_completions) == 4);
@@ -40,19 +41,21 @@ namespace vorn::lock {
 namespace {
 
 // A pair as one word, and as a sum to add to one: readers and writers in the lower half, writers
-// alone in the upper.
-using Counters [[gnu::may_alias]] = std::uint64_t;
+// alone in the upper. This source looks at the counters in no other form.
+using Counters = std::atomic_ref<std::uint64_t>;
 static_assert(std::endian::native == std::endian::little);
 
 constexpr std::uint64_t kUpper = std::uint64_t{UINT32_MAX} << 32;
 constexpr std::uint64_t kReader = 1;
 constexpr std::uint64_t kWriter = (std::uint64_t{1} << 32) + 1;
 
-Counters *completions(vorn_trwlock_s *lock) {
-  return reinterpret_cast<Counters *>(&lock->completions);
+Counters pair_at(std::uint32_t &first) {
+  return atomic_word(reinterpret_cast<std::uint64_t &>(first));
 }
 
-Counters *requests(vorn_trwlock_s *lock) { return reinterpret_cast<Counters *>(&lock->requests); }
+Counters completions(vorn_trwlock_s *lock) { return pair_at(lock->completions); }
+
+Counters requests(vorn_trwlock_s *lock) { return pair_at(lock->requests); }
 
 std::uint32_t all(std::uint64_t counters) { return static_cast<std::uint32_t>(counters); }
 
@@ -63,19 +66,16 @@ std::uint64_t sum(std::uint64_t a, std::uint64_t b) {
   return ((a & kUpper) + (b & kUpper)) | all(a + b);
 }
 
-std::uint64_t peek(const Counters *pair) { return __atomic_load_n(pair, __ATOMIC_RELAXED); }
+std::uint64_t peek(Counters pair) { return pair.load(std::memory_order_relaxed); }
 
 // On failure *seen is what the pair holds instead.
-bool try_add(Counters *pair, std::uint64_t *seen, std::uint64_t who) {
-  Counters expected = *seen;
-  const bool added = __atomic_compare_exchange_n(pair, &expected, sum(*seen, who), true,
-                                                 __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
-  *seen = expected;
-  return added;
+bool try_add(Counters pair, std::uint64_t *seen, std::uint64_t who) {
+  return pair.compare_exchange_weak(*seen, sum(*seen, who), std::memory_order_acq_rel,
+                                    std::memory_order_relaxed);
 }
 
 // Gives the counters as they were before.
-std::uint64_t add(Counters *pair, std::uint64_t who) {
+std::uint64_t add(Counters pair, std::uint64_t who) {
   std::uint64_t seen = peek(pair);
   while (!try_add(pair, &seen, who)) {
   }
@@ -83,21 +83,22 @@ std::uint64_t add(Counters *pair, std::uint64_t who) {
 }
 
 std::uint64_t done(vorn_trwlock_s *lock) {
-  return __atomic_load_n(completions(lock), __ATOMIC_ACQUIRE);
+  return completions(lock).load(std::memory_order_acquire);
 }
 
 } // namespace
 } // namespace vorn::lock
 
+using namespace vorn::lock;
+
 void do_vorn_trwlock_init(vorn_trwlock_s *lock, const char *, unsigned int) {
-  __atomic_store_n(vorn::lock::completions(lock), 0, __ATOMIC_RELAXED);
-  __atomic_store_n(vorn::lock::requests(lock), 0, __ATOMIC_RELAXED);
+  completions(lock).store(0, std::memory_order_relaxed);
+  requests(lock).store(0, std::memory_order_relaxed);
 }
 
 void do_vorn_trwlock_destroy(vorn_trwlock_s *, const char *, unsigned int) {}
 
 void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  using namespace vorn::lock;
   const std::uint32_t before = writers(add(requests(lock), kReader));
   while (writers(done(lock)) != before)
     vorn::arch::pause();
@@ -105,11 +106,10 @@ void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *, unsigned int)
 }
 
 void do_vorn_trwlock_read_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  vorn::lock::add(vorn::lock::completions(lock), vorn::lock::kReader);
+  add(completions(lock), kReader);
 }
 
 int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  using namespace vorn::lock;
   std::uint64_t seen = peek(requests(lock));
   do {
     if (writers(done(lock)) != writers(seen)) return 0;
@@ -118,7 +118,6 @@ int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *, unsigned in
 }
 
 void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  using namespace vorn::lock;
   const std::uint32_t before = all(add(requests(lock), kWriter));
   while (all(done(lock)) != before)
     vorn::arch::pause();
@@ -126,11 +125,10 @@ void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *, unsigned int
 }
 
 void do_vorn_trwlock_write_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  vorn::lock::add(vorn::lock::completions(lock), vorn::lock::kWriter);
+  add(completions(lock), kWriter);
 }
 
 int do_vorn_trwlock_write_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  using namespace vorn::lock;
   std::uint64_t seen = peek(requests(lock));
   do {
     if (all(done(lock)) != all(seen)) return 0;

@@ -1,3 +1,4 @@
+// Sleeps, yields and the calling thread's CPU.
 #include "vorn_sched.h"
 
 #include <ctime>
@@ -6,7 +7,6 @@
 #include <unistd.h>
 
 #include "arch/pause.hpp"
-#include "base/kept_errno.hpp"
 #include "base/log.hpp"
 #include "vorn_thrd.h"
 #include "vorn_time.h"
@@ -25,11 +25,13 @@ void sleep_for(unsigned int count, unsigned int per_second) {
 } // namespace
 } // namespace vorn::sched
 
-void vorn_10msleep(unsigned int count) { vorn::sched::sleep_for(count, 100); }
+using namespace vorn::sched;
 
-void vorn_msleep(unsigned int milliseconds) { vorn::sched::sleep_for(milliseconds, 1000); }
+void vorn_10msleep(unsigned int count) { sleep_for(count, 100); }
 
-void vorn_usleep(unsigned int microseconds) { vorn::sched::sleep_for(microseconds, 1000000); }
+void vorn_msleep(unsigned int milliseconds) { sleep_for(milliseconds, 1000); }
+
+void vorn_usleep(unsigned int microseconds) { sleep_for(microseconds, 1000000); }
 
 void vorn_schedule() {
   const timespec millisecond{0, 1000000};
@@ -39,7 +41,7 @@ void vorn_schedule() {
 int vorn_yield() { return sched_yield(); }
 
 uint64_t vorn_mdelay(unsigned int milliseconds) {
-  vorn_gettime_init(); // a clock that stands still would keep the caller here for ever
+  vorn_gettime_init(); // a clock that stands still would keep the caller here forever
   const auto wanted = static_cast<uint64_t>(milliseconds * 1e6);
   const uint64_t start = vorn_time_getnanosec();
   uint64_t elapsed = 0;
@@ -62,10 +64,8 @@ int vorn_sched_setaffinity(unsigned long cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(cpu, &set);
-  if (sched_setaffinity(0, sizeof set, &set) != 0) {
-    const vorn::KeptErrno failure;
-    return VORN_FAIL(-1, "set affinity fail, errno:%d", failure.value());
-  }
+  if (sched_setaffinity(0, sizeof set, &set) != 0)
+    return VORN_FAIL(-1, "set affinity fail, errno:%d", errno);
   vorn_thrd_core_set(static_cast<int>(cpu));
   return 0;
 }

@@ -1,13 +1,13 @@
 // No wake-up is lost. The waker makes the word 0 and then sends the signal, which finds the waiter
 // in one of these places:
 //
-//   - Ahead of its test of the word. It sees 0 and does not sleep: a signal is sent after the word
+//   - Before its test of the word. It sees 0 and does not sleep: a signal is sent after the word
 //     was written, so a thread that has handled it sees the word as it is.
 //   - Between the test and the sleep. The handler runs and comes back, and nothing in this thread
 //     knows of it. The sleep is prevented by the kernel alone: it compares the word with the value
 //     that was tested, and does not put to sleep who waits for a value that is gone.
 //   - In the kernel, compared and not yet asleep. A thread that a signal is pending for does not go
-//     to sleep. Had the signal been sent ahead of the 0, it could have been used up by now.
+//     to sleep. Had the signal been sent before the 0, it could have been used up by now.
 //   - Asleep. The handler runs, and the sleep ends with EINTR.
 //   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else. If the thread
 //     has ended and another has its id by now, that one gets a signal that does it no harm.
@@ -31,10 +31,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "base/kept_errno.hpp"
+#include "base/atomic_word.hpp"
+#include "base/cancellation_off.hpp"
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "vorn_syscall.h"
 
 namespace vorn::sched {
 namespace {
@@ -60,10 +61,8 @@ int wakeup_signal_init() {
   sigemptyset(&action.sa_mask);
   action.sa_handler = on_wakeup;
   action.sa_flags = SA_RESTART;
-  if (sigaction(SIGWAKEUP, &action, nullptr) != 0) {
-    const KeptErrno failure;
-    return VORN_FAIL(-1, "signal SIGWAKEUP(%d) fail errno(%d)", SIGWAKEUP, failure.value());
-  }
+  if (sigaction(SIGWAKEUP, &action, nullptr) != 0)
+    return VORN_FAIL(-1, "signal SIGWAKEUP(%d) fail errno(%d)", SIGWAKEUP, errno);
   installed.store(true, std::memory_order_release);
   return 0;
 }
@@ -95,7 +94,7 @@ timespec after(std::int64_t ticks) {
   return time;
 }
 
-// Rounded up, and never none: the wait that asks was ended ahead of its time.
+// Rounded up, and never none: the wait that asks was ended before its time.
 std::uint64_t ticks_until(const timespec &deadline) {
   const timespec time = now();
   std::int64_t seconds = deadline.tv_sec - time.tv_sec;
@@ -109,9 +108,11 @@ std::uint64_t ticks_until(const timespec &deadline) {
   return ticks > 0 ? static_cast<std::uint64_t>(ticks) : 1;
 }
 
-std::uint32_t load(const std::uint32_t *word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
+std::uint32_t load(const std::uint32_t *word) {
+  return atomic_word(*word).load(std::memory_order_acquire);
+}
 
-// Returns 0 when somebody woke the word, or an errno.
+// syscall(2) is no cancellation point. Returns 0 when somebody woke the word, or an errno.
 int futex_wait(const std::uint32_t *word, std::uint32_t value, const timespec &deadline) {
   const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, &deadline, nullptr,
                               FUTEX_BITSET_MATCH_ANY);
@@ -130,15 +131,11 @@ std::uint64_t wait_for_word(const std::uint32_t *word, std::int64_t timeout) {
   }
 }
 
-template <class T> unsigned long address(T *object) {
-  return reinterpret_cast<unsigned long>(object);
-}
-
 // Whether there is a module that waited; *left is what is to be returned then.
 bool wait_in_module(std::uint32_t *word, std::int64_t timeout, unsigned long *left) {
   if (module_absent.load(std::memory_order_relaxed)) return false;
-  const long result = vorn_private_syscall(VORN_SYSCALL_COMMAND(VORN_SYSCALL_WAIT), address(word),
-                                           address(&timeout), address(left), VORN_SYSCALL_UNUSED);
+  const CancellationOff off; // the door may be a simulator's
+  const long result = kernel_call(VORN_SYSCALL_WAIT, word, &timeout, left);
   if (result == -1 && errno == ENOSYS) {
     module_absent.store(true, std::memory_order_relaxed);
     return false;
@@ -150,29 +147,31 @@ bool wait_in_module(std::uint32_t *word, std::int64_t timeout, unsigned long *le
 } // namespace
 } // namespace vorn::sched
 
+using namespace vorn::sched;
+
 uint64_t vorn_wait_comm(uint32_t *word, int64_t timeout) {
-  const int installed = vorn::sched::wakeup_signal_init();
+  const int refused = wakeup_signal_init();
   if (timeout <= 0) return 0;
-  if (installed == 0) vorn::sched::admit_wakeup_signal();
+  if (refused == 0) admit_wakeup_signal();
   unsigned long left = 0;
-  if (vorn::sched::wait_in_module(word, timeout, &left)) return left;
-  return vorn::sched::wait_for_word(word, timeout);
+  if (wait_in_module(word, timeout, &left)) return left;
+  return wait_for_word(word, timeout);
 }
 
 int vorn_wait_interruptible(uint32_t *word) {
-  return vorn_wait_comm(word, vorn::sched::kInterruptibleTicks) != 0 ? -1 : 0;
+  return vorn_wait_comm(word, kInterruptibleTicks) != 0 ? -1 : 0;
 }
 
 int vorn_wake_up_process(uint32_t tid) {
-  if (vorn::sched::wakeup_signal_init() != 0) return errno;
+  if (wakeup_signal_init() != 0) return errno;
   return tgkill(getpid(), static_cast<pid_t>(tid), SIGWAKEUP) == 0 ? 0 : errno;
 }
 
 int vorn_sched_init() {
-  vorn::sched::sched_init_once.run([] {
-    vorn::sched::s_sched_init = vorn::sched::wakeup_signal_init();
+  sched_init_once.run([] {
+    s_sched_init = wakeup_signal_init();
     return 0;
   });
-  const int result = vorn::sched::s_sched_init;
+  const int result = s_sched_init;
   return result == 0 ? 0 : VORN_FAIL(-1, "sched init fail s_sched_init(%d)", result);
 }

@@ -7,15 +7,16 @@
 #include "vorn_wait.h"
 
 #include <mutex>
-#include <unistd.h>
 
+#include "base/system.hpp"
+#include "list/links.hpp"
 #include "lock/spin_guard.hpp"
-#include "sched/links.hpp"
 #include "vorn_sched.h"
 
 namespace vorn::sched {
 namespace {
 
+using list::is_alone;
 using lock::SpinGuard;
 
 static_assert(offsetof(vorn_wait_queue_head_s, lock) == 0);
@@ -27,15 +28,15 @@ static_assert(offsetof(vorn_wait_entry_s, callback) == 8);
 static_assert(offsetof(vorn_wait_entry_s, node) == 16);
 static_assert(sizeof(vorn_wait_entry_s) == 32);
 
-constexpr unsigned int kBackOffMicroseconds = 10;
+constexpr timespec kBackOff{0, 10000};
 
 void set_flag(vorn_wait_entry_s *entry, uint32_t flag) {
-  __atomic_store_n(&entry->flag, flag, __ATOMIC_RELEASE);
+  atomic_word(entry->flag).store(flag, std::memory_order_release);
 }
 
 void take_out(vorn_list_head_s *node) {
-  unlink(node);
-  make_alone(node);
+  list::unlink(node);
+  list::make_alone(node);
 }
 
 void wake(vorn_wait_entry_s *entry) {
@@ -48,15 +49,17 @@ void wake(vorn_wait_entry_s *entry) {
 } // namespace
 } // namespace vorn::sched
 
+using namespace vorn::sched;
+
 void __init_waitqueue_head(vorn_wait_queue_head_s *head) {
   vorn_spinlock_init(&head->lock);
   vorn_list_init_head(&head->queue);
 }
 
 int prepare_to_wait(vorn_wait_queue_head_s *head, vorn_wait_entry_s *entry) {
-  const vorn::sched::SpinGuard hold{head->lock};
-  vorn::sched::set_flag(entry, 1);
-  if (vorn::sched::is_alone(&entry->node)) vorn::sched::insert_behind(&head->queue, &entry->node);
+  const SpinGuard hold{head->lock};
+  set_flag(entry, 1);
+  if (is_alone(&entry->node)) vorn::list::insert_after(&head->queue, &entry->node);
   return 0;
 }
 
@@ -67,21 +70,21 @@ uint64_t sched_wait_timeout(vorn_wait_entry_s *entry, int64_t timeout) {
 }
 
 void finish_wait(vorn_wait_queue_head_s *head, vorn_wait_entry_s *entry) {
-  while (!vorn::sched::is_alone(&entry->node)) {
-    const vorn::sched::SpinGuard hold{head->lock, std::try_to_lock};
+  while (!is_alone(&entry->node)) {
+    const SpinGuard hold{head->lock, std::try_to_lock};
     if (!hold) {
-      usleep(vorn::sched::kBackOffMicroseconds);
+      vorn::sys::sleep(kBackOff);
       continue;
     }
-    if (!vorn::sched::is_alone(&entry->node)) vorn::sched::take_out(&entry->node);
-    vorn::sched::set_flag(entry, 0);
+    if (!is_alone(&entry->node)) take_out(&entry->node);
+    set_flag(entry, 0);
   }
 }
 
 void __wake_up(vorn_wait_queue_head_s *head) {
-  const vorn::sched::SpinGuard hold{head->lock};
+  const SpinGuard hold{head->lock};
   while (vorn_list_head_s *node = vorn_list_first(&head->queue))
-    vorn::sched::wake(vorn_list_entry(node, vorn_wait_entry_s, node));
+    wake(vorn_list_entry(node, vorn_wait_entry_s, node));
 }
 
 void before_wait() {}

@@ -6,11 +6,12 @@
 
 #include <cerrno>
 
+#include "base/cancellation_off.hpp"
 #include "base/infra_log.hpp"
 #include "base/log.hpp"
 #include "base/thread_id.hpp"
+#include "list/links.hpp"
 #include "lock/spin_guard.hpp"
-#include "sched/links.hpp"
 #include "vorn_sched.h"
 
 namespace vorn::semaphore {
@@ -42,12 +43,13 @@ bool take_unit(vorn_sem_enhance_s *sem) {
   return true;
 }
 
-// Called with the lock held, and returns so. A time-out ends a plain wait no more than a signal
-// does: for ever is longer than that, so the wait must have failed, and is not to be repeated in
-// haste.
+// Called with the lock held, and returns so. The thread is not cancelled while the list has its
+// waiter. A time-out ends a plain wait no more than a signal does: the wait must have failed, since
+// forever is longer than that, and is not to be repeated in haste.
 int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
+  const CancellationOff off;
   Waiter self{{}, thread_id(), kWaiting};
-  sched::insert_behind(sem->wait_list.prev, &self.node);
+  list::insert_after(sem->wait_list.prev, &self.node);
   for (;;) {
     uint64_t left = 0;
     {
@@ -57,7 +59,7 @@ int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
     }
     if (self.status == kGranted) return 0;
     if (mode == Mode::kPlain) continue;
-    sched::unlink(&self.node);
+    list::unlink(&self.node);
     return left == 0 ? VORN_SEM_TIMED_OUT : VORN_SEM_INTERRUPTED;
   }
 }
@@ -70,10 +72,10 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
     return 0;
   }
   Waiter *waiter = vorn_list_entry(node, Waiter, node);
-  sched::unlink(node);
-  sched::make_alone(node);
+  list::unlink(node);
+  list::make_alone(node);
   const uint32_t tid = waiter->waiter_tid;
-  __atomic_store_n(&waiter->status, kGranted, __ATOMIC_RELEASE);
+  atomic_word(waiter->status).store(kGranted, std::memory_order_release);
   return tid;
 }
 
@@ -83,6 +85,7 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
   constexpr const char *kUp = "vorn_sem_enhance_up";
   const auto address = reinterpret_cast<unsigned long>(sem);
   VORN_LOG_INFRA_AS(kUp, "Wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", address, tid, result);
+  const CancellationOff off;
   while (result == EAGAIN) {
     result = vorn_wake_up_process(tid);
     if (result == 0) {
@@ -99,6 +102,8 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
 } // namespace
 } // namespace vorn::semaphore
 
+using namespace vorn::semaphore;
+
 int vorn_sem_enhance_init(vorn_sem_enhance_s *sem, int count) {
   vorn_spinlock_init(&sem->lock);
   sem->cnt = count;
@@ -107,41 +112,39 @@ int vorn_sem_enhance_init(vorn_sem_enhance_s *sem, int count) {
 }
 
 void vorn_sem_enhance_down(vorn_sem_enhance_s *sem) {
-  const vorn::semaphore::SpinGuard hold{sem->lock};
-  if (vorn::semaphore::take_unit(sem)) return;
-  down_common_inner(sem, vorn::semaphore::Mode::kPlain, VORN_WAIT_FOREVER);
+  const SpinGuard hold{sem->lock};
+  if (take_unit(sem)) return;
+  down_common_inner(sem, Mode::kPlain, VORN_WAIT_FOREVER);
 }
 
 int vorn_sem_enhance_down_interruptible(vorn_sem_enhance_s *sem) {
-  const vorn::semaphore::SpinGuard hold{sem->lock};
-  if (vorn::semaphore::take_unit(sem)) return 0;
-  return down_common_inner(sem, vorn::semaphore::Mode::kInterruptible, VORN_WAIT_FOREVER);
+  const SpinGuard hold{sem->lock};
+  if (take_unit(sem)) return 0;
+  return down_common_inner(sem, Mode::kInterruptible, VORN_WAIT_FOREVER);
 }
 
 int vorn_sem_enhance_down_timeout(vorn_sem_enhance_s *sem, int64_t timeout) {
-  const vorn::semaphore::SpinGuard hold{sem->lock};
-  if (vorn::semaphore::take_unit(sem)) return 0;
-  return down_common_inner(sem, vorn::semaphore::Mode::kInterruptible,
-                           timeout / vorn::semaphore::kMillisecondsPerTick);
+  const SpinGuard hold{sem->lock};
+  if (take_unit(sem)) return 0;
+  return down_common_inner(sem, Mode::kInterruptible, timeout / kMillisecondsPerTick);
 }
 
 int vorn_sem_enhance_up(vorn_sem_enhance_s *sem) {
   uint32_t tid = 0;
   {
-    const vorn::semaphore::SpinGuard hold{sem->lock};
-    tid = vorn::semaphore::give_unit(sem);
+    const SpinGuard hold{sem->lock};
+    tid = give_unit(sem);
   }
   if (tid == 0) return 0;
   const int result = vorn_wake_up_process(tid);
-  return result == 0 ? 0 : vorn::semaphore::retry_wake_up(sem, tid, result);
+  return result == 0 ? 0 : retry_wake_up(sem, tid, result);
 }
 
 int vorn_sem_enhance_destroy(vorn_sem_enhance_s *) { return 0; }
 
 void vorn_sem_enhance_show(vorn_sem_enhance_s *sem) {
-  using vorn::semaphore::Waiter;
   const void *address = sem;
-  const vorn::semaphore::SpinGuard hold{sem->lock};
+  const SpinGuard hold{sem->lock};
   VORN_LOG(vorn::kInfo, "TBOSAX:sem %p cnt %d", address, sem->cnt);
   for (vorn_list_head_s *node = sem->wait_list.next; node != &sem->wait_list; node = node->next) {
     const Waiter *waiter = vorn_list_entry(node, Waiter, node);

@@ -1,3 +1,4 @@
+// The table of thread records, and the references to them.
 #include "vorn_thrd.h"
 
 #include <atomic>
@@ -6,12 +7,14 @@
 #include <new>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
+#include "base/fork_gate.hpp"
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
 #include "base/thread_id.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_mem.h"
-#include "vorn_syscall.h"
 
 namespace vorn::thread {
 namespace {
@@ -44,7 +47,10 @@ constexpr std::size_t kHints = 4096;
 constinit std::atomic<Slot *> hints[kHints];
 constinit std::atomic<std::int64_t> tids[VORN_THRD_SLOT_COUNT];
 
+// The key whose destructor ends the record of a thread that did not return from its entry. Written
+// once, under the flag.
 constinit Once prepared{OncePolicy::kRetry};
+pthread_key_t end_of_thread;
 
 std::atomic<Slot *> &hint_of(std::int64_t tid) {
   return hints[static_cast<std::uint64_t>(tid) % kHints];
@@ -54,15 +60,13 @@ std::size_t index_of(const Slot &slot) { return static_cast<std::size_t>(&slot -
 
 vorn_thread_s *allocate_record() {
   auto *stack = static_cast<unsigned char *>(vorn_malloc(kModuleId, VORN_THRD_SIGSTACK_SIZE));
-  const int stack_error = errno;
   if (stack == nullptr)
-    return VORN_FAIL(nullptr, "Vorn_malloc sig stack for vorn_thread_s failed, errno=%d.",
-                     stack_error);
+    return VORN_FAIL(nullptr, "Vorn_malloc sig stack for vorn_thread_s failed, errno=%d.", errno);
   void *memory = vorn_malloc(kModuleId, sizeof(vorn_thread_s));
   if (memory == nullptr) {
-    const int error = errno;
+    VORN_LOG(kError, "Vorn_malloc vorn_thread_s failed, errno=%d.", errno);
     vorn_free(stack);
-    return VORN_FAIL(nullptr, "Vorn_malloc vorn_thread_s failed, errno=%d.", error);
+    return nullptr;
   }
   auto *record = new (memory) vorn_thread_s{};
   record->sig_stack = stack;
@@ -86,7 +90,7 @@ Slot *take_slot() {
   return nullptr;
 }
 
-// The slot's own record, made at its first use; NULL after an error record.
+// The slot's own record, made at its first use; NULL after an error message.
 vorn_thread_s *record_of(Slot &slot) {
   vorn_thread_s *record = slot.record.load(std::memory_order_relaxed);
   if (record != nullptr) return record;
@@ -129,7 +133,7 @@ vorn_thread_s *hold(Slot &slot, std::int64_t tid) {
   Reference reference(slot);
   if (!reference || !reference.alive()) return nullptr;
   vorn_thread_s *record = reference.record();
-  if (__atomic_load_n(&record->tid, __ATOMIC_RELAXED) != tid) return nullptr;
+  if (atomic_word(record->tid).load(std::memory_order_relaxed) != tid) return nullptr;
   reference.release();
   return record;
 }
@@ -149,11 +153,29 @@ void keep_own_thread() {
   set_tid(*t_record, gettid());
 }
 
-int watch_forks() { return pthread_atfork(nullptr, nullptr, keep_own_thread); }
+const ForkChild forget_others{keep_own_thread};
+
+// The thread was cancelled, has called pthread_exit, or returned without letting go of its record.
+// t_record still stands: the C library destroys thread-local words after the keys.
+void end_thread(void *) {
+  if (end_in_pool()) return;
+  if (t_record != nullptr) leave(t_record);
+}
+
+int prepare() {
+  const int result = pthread_key_create(&end_of_thread, end_thread);
+  if (result == 0) return 0;
+  return VORN_FAIL_AS("vorn_thrd_module_init", -1, "Create key of threads failed, error %d.",
+                      result);
+}
 
 } // namespace
 
 thread_local constinit vorn_thread_s *t_record = nullptr;
+
+void watch_end(vorn_thread_s *record) {
+  if (prepared.done()) pthread_setspecific(end_of_thread, record);
+}
 
 std::span<Slot> slots() { return table; }
 
@@ -179,7 +201,7 @@ vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument) {
   if (record != nullptr) {
     initialise(*record, entry, argument);
   } else if (slot != nullptr) {
-    // Somebody may be looking at the slot: what he holds is still his to give back.
+    // A thread that looks at the slot meanwhile has a reference of its own to give back.
     std::uint32_t left = 0;
     drop(*slot, &left);
   }
@@ -191,7 +213,7 @@ void set_state(const vorn_thread_s &record, State state) {
 }
 
 void set_tid(vorn_thread_s &record, std::int64_t tid) {
-  __atomic_store_n(&record.tid, tid, __ATOMIC_RELAXED);
+  atomic_word(record.tid).store(tid, std::memory_order_relaxed);
   if (record.slot == nullptr) return;
   tids[index_of(*record.slot)].store(tid, std::memory_order_relaxed);
   hint_of(tid).store(record.slot, std::memory_order_relaxed);
@@ -199,14 +221,11 @@ void set_tid(vorn_thread_s &record, std::int64_t tid) {
 
 } // namespace vorn::thread
 
-using vorn::thread::Reference;
-using vorn::thread::Slot;
-using vorn::thread::t_record;
+using namespace vorn::thread;
 
 vorn_thread_s *vorn_thrd_currentthreadinfo() { return t_record; }
 
 vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid) {
-  using namespace vorn::thread;
   Slot *hint = hint_of(tid).load(std::memory_order_relaxed);
   vorn_thread_s *record = hint != nullptr ? hold(*hint, tid) : nullptr;
   for (std::size_t i = 0; record == nullptr && i < VORN_THRD_SLOT_COUNT; ++i)
@@ -217,18 +236,16 @@ vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid) {
 int vorn_thrd_putthreadinfo(vorn_thread_s *thread) {
   if (thread == nullptr) return VORN_FAIL(-1, "Put of a thread record that is null.");
   if (thread->slot == nullptr) {
-    vorn::thread::free_record(thread);
+    free_record(thread);
     return 0;
   }
   std::uint32_t left = 0;
-  if (!vorn::thread::drop(*thread->slot, &left))
-    VORN_LOG(vorn::kError, "Put of thread slot %zu, which nobody holds.",
-             vorn::thread::index_of(*thread->slot));
+  if (!drop(*thread->slot, &left))
+    VORN_LOG(vorn::kError, "Put of thread slot %zu, which nobody holds.", index_of(*thread->slot));
   return static_cast<int>(left);
 }
 
 int vorn_thrd_setcurthreadinfo() {
-  using namespace vorn::thread;
   vorn_thrd_module_init();
   if (t_record != nullptr) return 0;
   vorn_thread_s *record = take_record(nullptr, nullptr);
@@ -245,17 +262,16 @@ int vorn_thrd_setcurthreadinfo() {
 int vorn_thrd_clearcurthreadinfo() {
   vorn_thread_s *record = t_record;
   if (record == nullptr) return -1;
-  vorn::thread::leave(record);
+  leave(record);
   return 0;
 }
 
 int vorn_thrd_module_init() {
-  vorn::thread::prepared.run(vorn::thread::watch_forks);
+  prepared.run(prepare);
   return 0;
 }
 
 int vorn_thrd_list(vorn_print_f print) {
-  using namespace vorn::thread;
   if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
   print("list threads flag(0:preempt 1:nonpreempt) created by vorn:\n");
   print("%-5s %-18s %-11s %-8s\n", "tid", "name", "preemptflag", "strategy");
@@ -264,15 +280,14 @@ int vorn_thrd_list(vorn_print_f print) {
     if (!reference || !reference.alive()) continue;
     const vorn_thread_s &record = *reference.record();
     print("%5lu %-18s %-11d %-8d\n",
-          static_cast<unsigned long>(__atomic_load_n(&record.tid, __ATOMIC_RELAXED)),
-          load_name(record).text, 0, __atomic_load_n(&record.strategy, __ATOMIC_RELAXED));
+          static_cast<unsigned long>(vorn::atomic_word(record.tid).load(std::memory_order_relaxed)),
+          load_name(record).text, 0,
+          vorn::atomic_word(record.strategy).load(std::memory_order_relaxed));
   }
   return 0;
 }
 
 void vorn_thrd_getstatus(unsigned int tid) {
-  const long result = vorn_private_syscall(
-      VORN_SYSCALL_COMMAND(VORN_SYSCALL_THREAD_STATUS), reinterpret_cast<unsigned long>(&tid),
-      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
-  if (result != 0) VORN_LOG(vorn::kInfo, "Vorn syscall for thrd_getstatus failed.");
+  if (vorn::kernel_call(VORN_SYSCALL_THREAD_STATUS, &tid) != 0)
+    VORN_LOG(vorn::kInfo, "Vorn syscall for thrd_getstatus failed.");
 }

@@ -47,19 +47,20 @@ void remember(pthread_t thread, const cpu_set_t &set) {
 } // namespace
 } // namespace vorn::thread
 
+using namespace vorn::thread;
+
 int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset) {
   if (cpuset == nullptr) return VORN_FAIL(-1, "Cpu set is null.");
-  const cpu_set_t set = vorn::thread::usable_part(cpuset);
+  const cpu_set_t set = usable_part(cpuset);
   if (CPU_COUNT(&set) == 0) return 0;
   const int result = pthread_setaffinity_np(thread, sizeof set, &set);
   if (result != 0)
     return VORN_FAIL(-1, "Set thread(0x%lx) affinity bind cpu failed(%d).", thread, result);
-  vorn::thread::remember(thread, set);
+  remember(thread, set);
   return 0;
 }
 
 int vorn_thrd_bindAllCfgCpu() {
-  using namespace vorn::thread;
   all_cpus_known.run(fill_all_cpus);
   const int result = pthread_setaffinity_np(pthread_self(), sizeof all_cpus, &all_cpus);
   if (result != 0) return VORN_FAIL(-1, "Create thread failed, error %d.", result);
@@ -82,7 +83,6 @@ int vorn_thrd_getbindcpu_bypid(pid_t pid, cpu_set_t *set) {
   CPU_ZERO(set);
   const int result = sched_getaffinity(pid, sizeof *set, set);
   if (result == 0) return 0;
-  const int error = errno;
   return VORN_FAIL(-1, "Get thread(%llu) affinity bind cpu by pid failed(%d), errno(%d:%s).",
-                   static_cast<unsigned long long>(pid), result, error, std::strerror(error));
+                   static_cast<unsigned long long>(pid), result, errno, std::strerror(errno));
 }

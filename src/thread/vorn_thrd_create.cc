@@ -19,33 +19,36 @@ int new_thread(vorn_thrd_entry_f entry, void *argument, vorn_thrd_entry_f start_
 
 } // namespace
 
-int start_detached(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
-                   pthread_attr_t *given, const char *function) {
+int start_thread(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
+                 pthread_attr_t *given, const char *function, void (*log_failed)(int error)) {
   pthread_attr_t own;
   pthread_attr_init(&own);
   pthread_attr_t *attributes = given != nullptr ? given : &own;
-  const int refused = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
-  const int error = errno;
-  int result = kNotDetached;
-  if (refused == 0)
+  int result = pthread_attr_setdetachstate(attributes, PTHREAD_CREATE_DETACHED);
+  if (result != 0) {
+    VORN_LOG_AS(function, kError, "Set thread detach state failed, ret:%d, errno(%d:%s).", result,
+                errno, std::strerror(errno));
+  } else {
     result = pthread_create(out, attributes, start_routine, record);
-  else
-    VORN_LOG_AS(function, kError, "Set thread detach state failed, ret:%d, errno(%d:%s).", refused,
-                error, std::strerror(error));
+    if (result != 0) log_failed(result);
+  }
   pthread_attr_destroy(&own);
-  return result;
+  if (result == 0) return 0;
+  vorn_thrd_putthreadinfo(record);
+  return -1;
 }
 
 int set_small_stack(pthread_attr_t *attributes, const char *function, int level) {
   const int result = pthread_attr_setstacksize(attributes, kSmallStack);
-  if (result == 0) return 0;
-  const int error = errno;
-  VORN_LOG_AS(function, level, "Set thread stack size failed, ret:%d, errno(%d:%s).", result, error,
-              std::strerror(error));
+  if (result != 0)
+    VORN_LOG_AS(function, level, "Set thread stack size failed, ret:%d, errno(%d:%s).", result,
+                errno, std::strerror(errno));
   return result;
 }
 
 } // namespace vorn::thread
+
+using namespace vorn::thread;
 
 int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
   if (create_thread_from_thread_pool(entry, argument, out) == 0) return 0;
@@ -53,7 +56,6 @@ int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
 }
 
 int create_thread_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
-  using namespace vorn::thread;
   return new_thread(entry, argument, start_raw, out, nullptr);
 }
 
@@ -62,10 +64,9 @@ int vorn_thread_create_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *o
 }
 
 int create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
-  using namespace vorn::thread;
   if (create_thread_from_thread_pool(entry, argument, out) == 0) return 0;
   if (vorn_get_instant_map_flag() != 1) return create_thread_raw(entry, argument, out);
-  // Not destroyed behind its use: it holds nothing.
+  // Not destroyed after its use: it holds nothing.
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   if (set_small_stack(&attributes, __func__, vorn::kError) != 0) return -1;
@@ -74,13 +75,11 @@ int create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread
 
 int vorn_thrd_create_attr(vorn_thrd_entry_f entry, void *argument, pthread_t *out,
                           pthread_attr_t *attr) {
-  using namespace vorn::thread;
   return new_thread(entry, argument, start_plain, out, attr);
 }
 
 int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument, vorn_thrd_entry_f start_routine,
                            pthread_t *out, pthread_attr_t *attr) {
-  using namespace vorn::thread;
   if (start_routine == nullptr) return VORN_FAIL(-1, "Thread start routine is null.");
   vorn_thrd_module_init();
   vorn_thread_s *record = take_record(entry, argument);
@@ -89,12 +88,10 @@ int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument, vorn_thrd_en
     return -1;
   }
   pthread_t id{};
-  const int result = start_detached(record, start_routine, &id, attr, __func__);
-  if (result > 0) VORN_LOG(vorn::kError, "Create thread failed, error %d.", result);
-  if (result != 0) {
-    vorn_thrd_putthreadinfo(record);
-    return -1;
-  }
+  const auto log_failed = [](int error) {
+    VORN_LOG_AS("create_thread_raw_base", vorn::kError, "Create thread failed, error %d.", error);
+  };
+  if (start_thread(record, start_routine, &id, attr, __func__, log_failed) != 0) return -1;
   if (out != nullptr) *out = id;
   return 0;
 }
@@ -111,6 +108,6 @@ int vorn_thrd_setstacksize(pthread_attr_t *attr, size_t size) {
   return attr != nullptr && pthread_attr_setstacksize(attr, size) == 0 ? 0 : -1;
 }
 
-void vorn_set_instant_map_flag() { vorn::thread::instant_map = 1; }
+void vorn_set_instant_map_flag() { instant_map = 1; }
 
-int vorn_get_instant_map_flag() { return vorn::thread::instant_map; }
+int vorn_get_instant_map_flag() { return instant_map; }

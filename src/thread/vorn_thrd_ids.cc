@@ -3,6 +3,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include "base/fork_gate.hpp"
 #include "base/thread_id.hpp"
 #include "thread/vorn_thrd.hpp"
 
@@ -11,7 +12,7 @@ namespace {
 
 constexpr pthread_t kNoThread = static_cast<pthread_t>(-1);
 
-// Each is written as a whole, and by whoever comes first with what all would write.
+// Each is written as a whole, and by the thread that comes first with what all would write.
 constinit std::atomic<pid_t> cached_pid{0};
 constinit std::atomic<pthread_t> cached_thread{kNoThread};
 
@@ -23,7 +24,7 @@ void forget_in_child() {
   cached_thread.store(kNoThread, std::memory_order_relaxed);
 }
 
-[[gnu::constructor]] void watch_forks() { pthread_atfork(nullptr, nullptr, forget_in_child); }
+const ForkChild forget{forget_in_child};
 
 bool in_context(std::uint32_t context) {
   return t_record != nullptr && t_record->context == context;
@@ -32,18 +33,15 @@ bool in_context(std::uint32_t context) {
 } // namespace
 } // namespace vorn::thread
 
-using vorn::thread::t_record;
+using namespace vorn::thread;
 
 long vorn_thread_get_knl_tid() {
   return t_record != nullptr ? static_cast<long>(t_record->tid) : vorn::thread_id();
 }
 
-void vorn_thrd_setpid_accl(pid_t pid) {
-  vorn::thread::cached_pid.store(pid, std::memory_order_relaxed);
-}
+void vorn_thrd_setpid_accl(pid_t pid) { cached_pid.store(pid, std::memory_order_relaxed); }
 
 pid_t vorn_thrd_getpid_accl() {
-  using namespace vorn::thread;
   pid_t pid = cached_pid.load(std::memory_order_relaxed);
   if (pid > 0) return pid;
   pid = getpid();
@@ -52,11 +50,10 @@ pid_t vorn_thrd_getpid_accl() {
 }
 
 void vorn_thrd_settid_accl(pthread_t thread) {
-  vorn::thread::cached_thread.store(thread, std::memory_order_relaxed);
+  cached_thread.store(thread, std::memory_order_relaxed);
 }
 
 pthread_t vorn_thrd_gettid_accl() {
-  using namespace vorn::thread;
   pthread_t thread = cached_thread.load(std::memory_order_relaxed);
   if (thread != kNoThread) return thread;
   thread = pthread_self();
@@ -67,15 +64,15 @@ pthread_t vorn_thrd_gettid_accl() {
 void vorn_thrd_yield() { sched_yield(); }
 
 int smp_processor_id() {
-  const int core = vorn::thread::t_core;
+  const int core = t_core;
   return core >= 0 ? core : sched_getcpu();
 }
 
-void vorn_thrd_core_set(int core) { vorn::thread::t_core = core; }
+void vorn_thrd_core_set(int core) { t_core = core; }
 
-void vorn_thrd_numaId_set(int node) { vorn::thread::t_numa_node = node; }
+void vorn_thrd_numaId_set(int node) { t_numa_node = node; }
 
-int vorn_thrd_numaId_get() { return vorn::thread::t_numa_node; }
+int vorn_thrd_numaId_get() { return t_numa_node; }
 
 void vorn_thread_run_in_iod_context_init(unsigned int id) {
   if (t_record == nullptr) return;
@@ -83,9 +80,7 @@ void vorn_thread_run_in_iod_context_init(unsigned int id) {
   t_record->iod_thread_id = id;
 }
 
-int vorn_thread_run_in_iod_context_check() {
-  return vorn::thread::in_context(VORN_THRD_CONTEXT_IOD) ? 1 : 0;
-}
+int vorn_thread_run_in_iod_context_check() { return in_context(VORN_THRD_CONTEXT_IOD) ? 1 : 0; }
 
 unsigned int vorn_thread_iod_thread_id_get() {
   return t_record != nullptr ? t_record->iod_thread_id : 0;
@@ -101,6 +96,4 @@ void vorn_thread_run_in_irq_context_restore(unsigned int saved) {
   if (t_record != nullptr) t_record->context = saved;
 }
 
-int vorn_thread_run_in_irq_context_check() {
-  return vorn::thread::in_context(VORN_THRD_CONTEXT_IRQ) ? 1 : 0;
-}
+int vorn_thread_run_in_irq_context_check() { return in_context(VORN_THRD_CONTEXT_IRQ) ? 1 : 0; }

@@ -6,17 +6,18 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
 #include "base/bounded.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "base/stream.hpp"
+#include "base/system.hpp"
 #include "base/thread_id.hpp"
 #include "thread/vorn_thrd.hpp"
 
 namespace vorn::thread {
 namespace {
 
-using Word [[gnu::may_alias]] = std::uint64_t;
+using Word = std::uint64_t; // the others look at single characters
 constexpr std::size_t kNameWords = VORN_THRD_NAME_SIZE / sizeof(Word);
 static_assert(offsetof(vorn_thread_s, name) % alignof(Word) == 0);
 
@@ -33,21 +34,19 @@ constinit ProcessName executable_name;
 int read_process_name() {
   char path[32];
   snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/status", getpid());
-  const Stream file(std::fopen(path, "re"));
-  const int open_error = errno;
+  const Stream file = sys::open_stream(path);
   if (!file)
     return VORN_FAIL_AS("vorn_get_process_name", -1,
                         "ev log read comm failed fp=%p errno=%d file=%s",
-                        static_cast<void *>(file.get()), open_error, path);
+                        static_cast<void *>(file.get()), errno, path);
   char line[128];
-  const char *read = std::fgets(line, sizeof line, file.get());
-  const int read_error = errno;
+  const char *read = sys::read_line(line, sizeof line, file);
   // The first line has the name. Those of the kernel have 15 characters at most, escaped ones twice
   // as many; a process can also have made its own empty.
   if (read == nullptr || std::sscanf(line, "Name:\t%31[^\n]", process_name.text) != 1)
     return VORN_FAIL_AS("vorn_get_process_name", -1,
                         "ev log get comm failed ret=%p errno=%d file=%s",
-                        static_cast<const void *>(read), read_error, path);
+                        static_cast<const void *>(read), errno, path);
   return 0;
 }
 
@@ -56,15 +55,14 @@ const char *after_last_slash(const char *path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-// False after a record.
+// False after a message.
 bool read_executable_link(char *link, std::size_t size) {
   char path[32];
   snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/exe", static_cast<int>(thread_id()));
   const ssize_t length = readlink(path, link, size - 1);
-  const int error = errno;
   if (length < 0)
     return VORN_FAIL_AS("vorn_get_process_exe_name", false,
-                        "Readlink program path<%s> fail errno<%d>.", path, error);
+                        "Readlink program path<%s> fail errno<%d>.", path, errno);
   link[length] = '\0';
   return true;
 }
@@ -89,14 +87,14 @@ void store_name(vorn_thread_s &record, const Name &name) {
   Word words[kNameWords];
   std::memcpy(words, name.text, sizeof words);
   for (std::size_t i = 0; i < kNameWords; ++i)
-    __atomic_store_n(&to[i], words[i], __ATOMIC_RELAXED);
+    atomic_word(to[i]).store(words[i], std::memory_order_relaxed);
 }
 
 Name load_name(const vorn_thread_s &record) {
   const auto *from = reinterpret_cast<const Word *>(record.name);
   Word words[kNameWords];
   for (std::size_t i = 0; i < kNameWords; ++i)
-    words[i] = __atomic_load_n(&from[i], __ATOMIC_RELAXED);
+    words[i] = atomic_word(from[i]).load(std::memory_order_relaxed);
   Name name;
   std::memcpy(name.text, words, sizeof words);
   name.text[VORN_THRD_NAME_SIZE - 1] = '\0';
@@ -105,8 +103,9 @@ Name load_name(const vorn_thread_s &record) {
 
 } // namespace vorn::thread
 
+using namespace vorn::thread;
+
 void vorn_thrd_setname(const char *format, ...) {
-  using namespace vorn::thread;
   if (format == nullptr) {
     VORN_LOG(vorn::kError, "Vorn set thrd name(NULL) fail.");
     return;
@@ -126,18 +125,13 @@ void vorn_thrd_setname(const char *format, ...) {
   if (length < 0 && name.text[0] == '\0')
     VORN_LOG(vorn::kError, "vsnprintf_s failed, name(%s).", format);
   store_name(*t_record, name);
-  if (prctl(PR_SET_NAME, name.text) == 0) return;
-  const int error = errno;
-  VORN_LOG(vorn::kError, "Vorn set thrd name fail, errno:%d.", error);
+  if (prctl(PR_SET_NAME, name.text) != 0)
+    VORN_LOG(vorn::kError, "Vorn set thrd name fail, errno:%d.", errno);
 }
 
-const char *vorn_thrd_getname() {
-  using vorn::thread::t_record;
-  return t_record != nullptr ? t_record->name : nullptr;
-}
+const char *vorn_thrd_getname() { return t_record != nullptr ? t_record->name : nullptr; }
 
 int vorn_get_process_name(char *buf, unsigned int len) {
-  using namespace vorn::thread;
   if (buf == nullptr) return VORN_FAIL(-1, "processName is NULL.");
   if (process_name.known.run(read_process_name) != 0) return -1;
   if (vorn::strcpy_s(buf, len, process_name.text) != 0)
@@ -146,7 +140,6 @@ int vorn_get_process_name(char *buf, unsigned int len) {
 }
 
 int vorn_get_process_exe_name(char *buf, unsigned int len) {
-  using namespace vorn::thread;
   if (buf == nullptr) return VORN_FAIL(-1, "programName is NULL.");
   if (executable_name.known.run(read_executable_name) != 0) return -1;
   const int result = vorn::strcpy_s(buf, len, executable_name.text);

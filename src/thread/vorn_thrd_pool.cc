@@ -6,16 +6,26 @@
 //   posts the semaphore        ------------->     takes the entry (acquire), runs it
 //                                                 clears the entry, state 4 (release)
 //
-// Whoever makes the 8 is the only one to write the job, until the thread says 4 again. There is
-// one post for a job, and the thread waits for one before it looks: posts neither pile up nor get
-// lost, and those of vorn_thread_pool_destroy find either no job or one whose own post is due.
+// The one that makes the 8 is the only one to write the job, until the thread says 4 again. There
+// is one post for a job, and the thread waits for one before it looks: posts neither pile up nor
+// get lost, and those of vorn_thread_pool_destroy find either no job or one whose own post is due.
+//
+// A thread of the pool is cancelled in its jobs alone. A cancellation that is pending when a job
+// ends acts then, with the state still 8. One that comes later finds the thread idle or with its
+// next job, and acts before that begins: the job goes to the thread that takes the place of the one
+// that ends. Another takes its place too where a job leaves by pthread_exit or gives up its record.
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <utility>
 
 #include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
+#include "base/system.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_sched.h"
 #include "vorn_smp.h"
@@ -29,29 +39,75 @@ constexpr unsigned int kStopMilliseconds = 10;
 // The threads that were started; 0: there is no pool.
 constinit std::atomic<std::uint32_t> pool_size{0};
 constinit std::atomic<bool> stopping{false};
+constinit std::atomic<std::uint32_t> missing{0}; // that died, and have nobody in their place
 
-// For the spawner, which the creator starts behind writing them.
-std::uint32_t remainder_count; // of threads that it starts, itself included
-pthread_attr_t pool_attributes;
+// Written by the creator of the pool before it starts the first thread.
+std::uint32_t remainder_count; // of threads that the spawner starts, itself included
+sigset_t job_mask;             // the signal mask that every job begins with
 bool small_stacks;
 
-pthread_attr_t *attributes() { return small_stacks ? &pool_attributes : nullptr; }
+// What the calling thread is to the pool.
+enum class Place : std::uint8_t {
+  kOutside,
+  kInside,
+  kGivenJob, // which it has not begun
+};
+thread_local constinit Place t_place __attribute__((tls_model("initial-exec"))) = Place::kOutside;
+
+struct Job {
+  vorn_thrd_entry_f entry = nullptr;
+  void *argument = nullptr;
+};
 
 vorn_thrd_entry_f job_of(const vorn_thread_s &record) {
-  return __atomic_load_n(&record.entry, __ATOMIC_ACQUIRE);
+  return atomic_word(record.entry).load(std::memory_order_acquire);
+}
+
+// False once a job has given up the record, which another may have by now, or was forked.
+bool is_member(const vorn_thread_s &record) { return t_record == &record && record.pooled == 1; }
+
+// Of a job, which begins enabled and deferred. A pending one ends the thread here.
+void allow_cancellation() {
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+  pthread_testcancel();
+}
+
+void forbid_cancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+
+// So that a thread that was created with all signals blocked can be woken.
+sigset_t creation_mask() {
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  sigdelset(&mask, SIGWAKEUP);
+  return mask;
+}
+
+// What a thread has from a job, or from the thread that started it, is not the next job's.
+void begin_afresh(vorn_thread_s &record) {
+  pthread_sigmask(SIG_SETMASK, &job_mask, nullptr);
+  record.context = VORN_THRD_CONTEXT_NORMAL;
+  record.iod_thread_id = ~0u;
+  vorn_thrd_core_set(-1);
+  vorn_thrd_numaId_set(-1);
+  vorn_thrd_bindAllCfgCpu();
+  vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_DEFAULT);
 }
 
 void run_job(vorn_thread_s &record, vorn_thrd_entry_f job) {
   vorn_thrd_setname("OSThrdPoolRun");
+  t_place = Place::kGivenJob;
+  allow_cancellation();
+  t_place = Place::kInside;
   job(record.argument);
-  if (t_record != &record) return;
+  allow_cancellation();
+  forbid_cancellation();
+  if (!is_member(record)) return;
   ++record.jobs;
-  __atomic_store_n(&record.entry, nullptr, __ATOMIC_RELAXED);
+  atomic_word(record.entry).store(nullptr, std::memory_order_relaxed);
   vorn_thrd_setname("OSThrdPoolNull");
   set_state(record, kIdle);
-  // Neither binding nor strategy of a job is the next one's.
-  vorn_thrd_bindAllCfgCpu();
-  vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_DEFAULT);
+  begin_afresh(record);
 }
 
 // Whether the thread may leave. One that has been given a job meanwhile runs it first.
@@ -77,26 +133,30 @@ bool finds_post_soon(vorn_thread_s &record) {
 }
 
 void wait_for_post(vorn_thread_s &record) {
-  if (finds_post_soon(record)) return;
-  while (sem_wait(&record.job) != 0 && errno == EINTR) {
-  }
+  if (!finds_post_soon(record)) sys::wait(&record.job);
 }
 
 void run_pool(vorn_thread_s &record) {
   set_state(record, kRunning);
   vorn_thrd_setname("OSThrdPoolNull");
-  set_state(record, kIdle);
-  while (!leaves_idle(record)) {
-    wait_for_post(record);
-    const vorn_thrd_entry_f job = job_of(record);
+  vorn_thrd_entry_f job = job_of(record); // of the thread that was here before
+  set_state(record, job != nullptr ? kClaimed : kIdle);
+  for (;;) {
     if (job != nullptr) run_job(record, job);
-    if (t_record != &record) return; // the job has cleared the record: the thread is no one's
+    if (!is_member(record)) return;
+    if (leaves_idle(record)) break;
+    wait_for_post(record);
+    job = job_of(record);
   }
+  t_place = Place::kOutside;
   leave(&record);
 }
 
 void begin(vorn_thread_s &record) {
+  forbid_cancellation();
+  t_place = Place::kInside;
   enter(&record);
+  pthread_sigmask(SIG_SETMASK, &job_mask, nullptr);
   vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_DEFAULT);
 }
 
@@ -107,9 +167,18 @@ void *start_pooled(void *argument) {
   return nullptr;
 }
 
-// Starts a thread of the pool. 0, or -1 after a record.
-int create_thread_pool_base(vorn_thrd_entry_f start_routine, pthread_attr_t *own) {
-  vorn_thread_s *record = take_record(nullptr, nullptr);
+// One that takes another's place was started wherever that was found to be missing.
+void *start_replacement(void *argument) {
+  auto &record = *static_cast<vorn_thread_s *>(argument);
+  begin(record);
+  begin_afresh(record);
+  run_pool(record);
+  return nullptr;
+}
+
+// Starts a thread of the pool, which begins with the job if there is one. 0, or -1 after a message.
+int create_thread_pool_base(vorn_thrd_entry_f start_routine, const Job &job = {}) {
+  vorn_thread_s *record = take_record(job.entry, job.argument);
   // Without a slot nobody could give it a job.
   if (record == nullptr || record->slot == nullptr) {
     VORN_LOG(kInfo, "Create thread info fail.");
@@ -117,19 +186,45 @@ int create_thread_pool_base(vorn_thrd_entry_f start_routine, pthread_attr_t *own
     return -1;
   }
   record->pooled = 1;
-  const int result = start_detached(record, start_routine, &record->handle, own, __func__);
-  if (result == 0) return 0;
-  const int error = errno;
-  if (result > 0) VORN_LOG(kError, "Create thread failed, error %d, errno %d.", result, error);
-  vorn_thrd_putthreadinfo(record);
-  return -1;
+  pthread_attr_t attributes; // not destroyed: it holds nothing
+  pthread_attr_init(&attributes);
+  if (small_stacks) pthread_attr_setstacksize(&attributes, kSmallStack);
+  const auto log_failed = [](int error) {
+    VORN_LOG_AS("create_thread_pool_base", kError, "Create thread failed, error %d, errno %d.",
+                error, errno);
+  };
+  return start_thread(record, start_routine, &record->handle, &attributes, __func__, log_failed);
 }
 
 std::uint32_t start_threads(std::uint32_t count) {
   std::uint32_t started = 0;
   for (std::uint32_t i = 0; i < count; ++i)
-    started += create_thread_pool_base(start_pooled, attributes()) == 0 ? 1 : 0;
+    started += create_thread_pool_base(start_pooled) == 0 ? 1 : 0;
   return started;
+}
+
+// Starts a thread in the place of one that died; where it cannot, a later dispatch tries again.
+bool replace(const Job &job) {
+  if (stopping.load()) return false;
+  if (create_thread_pool_base(start_replacement, job) == 0) return true;
+  missing.fetch_add(1);
+  return false;
+}
+
+void replace_missing() {
+  std::uint32_t count = missing.load(std::memory_order_relaxed);
+  while (count != 0) {
+    if (!missing.compare_exchange_weak(count, count - 1)) continue;
+    if (!replace({})) return;
+    count = missing.load();
+  }
+}
+
+// Runs a job on a thread that is ending, and is cancelled no more.
+void run_at_last(const Job &job) {
+  vorn_thrd_setcurthreadinfo();
+  job.entry(job.argument);
+  vorn_thrd_clearcurthreadinfo();
 }
 
 // Starts the rest of the pool, so that its creator need not wait for them, and joins it.
@@ -137,16 +232,17 @@ void *start_spawner(void *argument) {
   auto &record = *static_cast<vorn_thread_s *>(argument);
   begin(record);
   pool_size.fetch_add(start_threads(remainder_count - 1));
-  if (small_stacks) pthread_attr_destroy(&pool_attributes);
   run_pool(record);
   return nullptr;
 }
 
-void prepare_attributes() {
-  small_stacks = false;
-  if (vorn_get_instant_map_flag() != 1) return;
-  pthread_attr_init(&pool_attributes);
-  small_stacks = set_small_stack(&pool_attributes, "vorn_thread_pool_create", kInfo) == 0;
+bool wants_small_stacks() {
+  if (vorn_get_instant_map_flag() != 1) return false;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  const int result = set_small_stack(&attributes, "vorn_thread_pool_create", kInfo);
+  pthread_attr_destroy(&attributes);
+  return result == 0;
 }
 
 // Raises every thread of the pool, and tells how many there are.
@@ -172,18 +268,49 @@ bool claim(Slot &slot) {
   return true;
 }
 
+// Gives a job to an idle thread. 0, or -1 when there is none.
+int give(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
+  for (Slot &slot : slots()) {
+    if (slot.state.load(std::memory_order_relaxed) != kIdle) continue;
+    const Reference reference(slot);
+    if (!reference || !claim(slot)) continue;
+    vorn_thread_s &record = *reference.record();
+    record.argument = argument;
+    atomic_word(record.entry).store(entry, std::memory_order_release);
+    if (out != nullptr) *out = record.handle;
+    sem_post(&record.job);
+    return 0;
+  }
+  return -1;
+}
+
 } // namespace
 
-// What the pool's locks and threads were is not in the child; a pool can be created there anew.
+// A job that has forked goes on in the child as a thread of no pool.
 void forget_pool() {
   pool_size.store(0);
   stopping.store(false);
+  missing.store(0);
+  t_place = Place::kOutside;
+  if (t_record != nullptr) t_record->pooled = 0;
+}
+
+bool end_in_pool() {
+  const Place place = std::exchange(t_place, Place::kOutside);
+  if (place == Place::kOutside) return false;
+  Job job;
+  if (place == Place::kGivenJob) job = {job_of(*t_record), t_record->argument};
+  // The slot is free for the replacement: there may be no other.
+  if (t_record != nullptr) leave(t_record);
+  if (!replace(job) && job.entry != nullptr) run_at_last(job);
+  return true;
 }
 
 } // namespace vorn::thread
 
+using namespace vorn::thread;
+
 unsigned int vorn_thread_pool_create(unsigned int count) {
-  using namespace vorn::thread;
   vorn_thrd_module_init();
   if (count == 0) return 0;
   count = std::min(count, kMostThreads);
@@ -192,11 +319,12 @@ unsigned int vorn_thread_pool_create(unsigned int count) {
     VORN_LOG(vorn::kInfo, "OS thread pool just allowed create once %u.", count);
     return 0;
   }
-  prepare_attributes();
+  job_mask = creation_mask();
+  small_stacks = wants_small_stacks();
   const std::uint32_t direct = count / 4;
   std::uint32_t started = start_threads(direct);
   remainder_count = count - direct;
-  started += create_thread_pool_base(start_spawner, attributes()) == 0 ? 1 : 0;
+  started += create_thread_pool_base(start_spawner) == 0 ? 1 : 0;
   if (started == count) return count;
   VORN_LOG(vorn::kInfo, "Create OS thread pool %u, success %u.", count, started);
   pool_size.store(started);
@@ -204,25 +332,15 @@ unsigned int vorn_thread_pool_create(unsigned int count) {
 }
 
 int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
-  using namespace vorn::thread;
   if (entry == nullptr || pool_size.load(std::memory_order_relaxed) == 0) return -1;
-  for (Slot &slot : slots()) {
-    if (slot.state.load(std::memory_order_relaxed) != kIdle) continue;
-    const Reference reference(slot);
-    if (!reference || !claim(slot)) continue;
-    vorn_thread_s &record = *reference.record();
-    record.argument = argument;
-    __atomic_store_n(&record.entry, entry, __ATOMIC_RELEASE);
-    if (out != nullptr) *out = record.handle;
-    sem_post(&record.job);
-    return 0;
-  }
-  return -1;
+  const int result = give(entry, argument, out);
+  replace_missing();
+  return result;
 }
 
 int vorn_thread_pool_destroy() {
-  using namespace vorn::thread;
   if (pool_size.load() == 0) return 0;
+  const vorn::CancellationOff off;
   stopping.store(true);
   const int first = post_all();
   vorn_msleep(kStopMilliseconds);

@@ -39,24 +39,23 @@ int answer(const StackBounds &stack, unsigned long *low, unsigned long *high) {
 } // namespace
 } // namespace vorn::thread
 
+using namespace vorn::thread;
+
 using vorn::StackBounds;
 
 int vorn_thrd_getosstack(unsigned long *low, unsigned long *high) {
-  using namespace vorn::thread;
   StackBounds stack{};
   if (low == nullptr || high == nullptr || t_record == nullptr) return -1;
   return os_stack_of(*t_record, &stack) ? answer(stack, low, high) : -1;
 }
 
 int vorn_thrd_getsigstack(unsigned long *low, unsigned long *high) {
-  using namespace vorn::thread;
   if (low == nullptr || high == nullptr || t_record == nullptr) return -1;
   const auto base = reinterpret_cast<unsigned long>(t_record->sig_stack);
   return base != 0 ? answer({base, base + VORN_THRD_SIGSTACK_SIZE}, low, high) : -1;
 }
 
 int vorn_thread_get_specific_stack(long tid, unsigned long *low, unsigned long *high) {
-  using namespace vorn::thread;
   if (low == nullptr || high == nullptr) return -1;
   vorn_thread_s *record = vorn_thrd_getthreadinfobytid(tid);
   if (record == nullptr) return -1;
@@ -67,7 +66,6 @@ int vorn_thread_get_specific_stack(long tid, unsigned long *low, unsigned long *
 }
 
 int register_lwt_stack_ops(const vorn_lwt_stack_ops_s *ops) {
-  using namespace vorn::thread;
   if (ops == nullptr) return -1;
   is_lwt_stack.store(ops->is_lwt_stack);
   get_lwt_stack.store(ops->get_lwt_stack);
@@ -75,23 +73,22 @@ int register_lwt_stack_ops(const vorn_lwt_stack_ops_s *ops) {
 }
 
 void unregister_lwt_stack_ops() {
-  vorn::thread::is_lwt_stack.store(nullptr);
-  vorn::thread::get_lwt_stack.store(nullptr);
+  is_lwt_stack.store(nullptr);
+  get_lwt_stack.store(nullptr);
 }
 
 int vorn_thrd_islwtstack(unsigned long address) {
-  const auto ask = vorn::thread::is_lwt_stack.load();
+  const auto ask = is_lwt_stack.load();
   return ask != nullptr ? ask(address) : -1;
 }
 
 int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, unsigned long *high) {
-  const auto ask = vorn::thread::get_lwt_stack.load();
+  const auto ask = get_lwt_stack.load();
   return ask != nullptr ? ask(address, low, high) : -1;
 }
 
 int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low, unsigned long *high,
                               const char **kind) {
-  using namespace vorn::thread;
   if (low == nullptr || high == nullptr || kind == nullptr) return -1;
   *kind = "INVALID_STACK";
   if (vorn_thrd_islwtstack(address) == 0) {
@@ -118,11 +115,11 @@ int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low, unsigne
 }
 
 void vorn_thrd_setunknownstacksize(unsigned long size) {
-  vorn::thread::unknown_stack_size.store(size, std::memory_order_relaxed);
+  unknown_stack_size.store(size, std::memory_order_relaxed);
 }
 
 unsigned long vorn_thrd_getunknownstacksize() {
-  return vorn::thread::unknown_stack_size.load(std::memory_order_relaxed);
+  return unknown_stack_size.load(std::memory_order_relaxed);
 }
 
 int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, unsigned int skip) {

@@ -1,6 +1,5 @@
-// What a thread does before its entry and behind it.
+// What a thread does before its entry and after it.
 #define VORN_FILE "vorn_thrd.c"
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 
@@ -49,10 +48,9 @@ void vorn_thrd_setsigstack(const vorn_thread_s &record) {
 
 void vorn_thrd_unsetsigstack(const vorn_thread_s &record) {
   const stack_t stack = signal_stack(record, SS_DISABLE);
-  if (sigaltstack(&stack, nullptr) == 0) return;
-  const int error = errno;
-  VORN_LOG(kWarning, "Disable signal stack failed, thrd tid:%d, errno:%d.",
-           static_cast<int>(record.tid), error);
+  if (sigaltstack(&stack, nullptr) != 0)
+    VORN_LOG(kWarning, "Disable signal stack failed, thrd tid:%d, errno:%d.",
+             static_cast<int>(record.tid), errno);
 }
 
 void run(vorn_thread_s *record) {
@@ -68,6 +66,7 @@ void enter(vorn_thread_s *record) {
   // A signal handler that sees the record finds the thread's id in it.
   set_tid(*record, thread_id());
   t_record = record;
+  watch_end(record);
   vorn_thrd_setosstack(*record);
   vorn_thrd_setsigstack(*record);
 }

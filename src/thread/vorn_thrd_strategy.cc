@@ -4,6 +4,7 @@
 #include <cstring>
 #include <sys/resource.h>
 
+#include "base/atomic_word.hpp"
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
 #include "thread/vorn_thrd.hpp"
@@ -50,8 +51,9 @@ int bind_to(const std::uint64_t *cpus) {
 } // namespace
 } // namespace vorn::thread
 
+using namespace vorn::thread;
+
 int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *settings) {
-  using namespace vorn::thread;
   if (settings == nullptr) return VORN_FAIL(-1, "Thread strategy settings are null.");
   if (strategy >= VORN_THRD_STRATEGY_COUNT) {
     VORN_LOG(vorn::kInfo, "Invalid thread strategy %d.", static_cast<int>(strategy));
@@ -71,7 +73,6 @@ int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *s
 }
 
 int vorn_setCurThreadStrategy(unsigned int strategy) {
-  using namespace vorn::thread;
   const Strategy *entry = vorn_getValidThreadAttr(strategy);
   if (entry == nullptr) return 0;
   // A thread that may not have its nice value gets its CPUs all the same.
@@ -82,20 +83,19 @@ int vorn_setCurThreadStrategy(unsigned int strategy) {
     return -1;
   }
   if (t_record != nullptr)
-    __atomic_store_n(&t_record->strategy, static_cast<std::int32_t>(strategy), __ATOMIC_RELAXED);
+    vorn::atomic_word(t_record->strategy)
+        .store(static_cast<std::int32_t>(strategy), std::memory_order_relaxed);
   return 0;
 }
 
 int vorn_setCurThreadPrio(int prio) {
   const int result = setpriority(PRIO_PROCESS, 0, prio);
   if (result == 0) return 0;
-  const int error = errno;
-  VORN_LOG_RATELIMITED(vorn::kWarning, "Set thread prio fail %d, errno %d.", result, error);
+  VORN_LOG_RATELIMITED(vorn::kWarning, "Set thread prio fail %d, errno %d.", result, errno);
   return -1;
 }
 
 void vorn_thrd_setprio(unsigned int level) {
-  using vorn::thread::kPrioLevels;
   if (level < std::size(kPrioLevels)) vorn_setCurThreadPrio(kPrioLevels[level]);
 }
 
@@ -105,11 +105,10 @@ int vorn_setCurThreadBind(const char *cpumask) {
     return VORN_FAIL_AS("vorn_thrd_setbindcpustr", -1,
                         "Bind thread:%lu to cpu:%s fail, invalid cpu mask.", pthread_self(),
                         cpumask != nullptr ? cpumask : "(null)");
-  return vorn::thread::bind_to(cpus);
+  return bind_to(cpus);
 }
 
 int vorn_showThreadStrategyDbg(vorn_print_f print) {
-  using namespace vorn::thread;
   if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
   print("%-10s %-10s %-4s %-s\n", "Strategy", "Flags", "Prio", "CpuMask");
   for (unsigned int i = 0; i < VORN_THRD_STRATEGY_COUNT; ++i) {

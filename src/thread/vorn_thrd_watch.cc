@@ -1,10 +1,11 @@
 // The watched thread: one word of shared memory, of which the halves are written together.
 //
 //   bits 63..32  kernel id of the watched thread, 0: none
-//   bits 31..0   marker, once anybody has written
+//   bits 31..0   marker, once a process has written
 #define VORN_FILE "vorn_thrd.c"
 #include <atomic>
 
+#include "base/atomic_word.hpp"
 #include "base/once.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_shm.h"
@@ -29,24 +30,26 @@ std::uint64_t *word() { return mapped.run(map) == 0 ? shared_word : nullptr; }
 bool watch(std::uint32_t tid) {
   std::uint64_t *at = word();
   if (at == nullptr) return false;
-  std::atomic_ref(*at).store(static_cast<std::uint64_t>(tid) << 32 | kMarker);
+  vorn::atomic_word(*at).store(static_cast<std::uint64_t>(tid) << 32 | kMarker);
   return true;
 }
 
 } // namespace
 } // namespace vorn::thread
 
-int vorn_thread_watch_add(unsigned int tid) { return vorn::thread::watch(tid) ? 0 : -1; }
+using namespace vorn::thread;
+
+int vorn_thread_watch_add(unsigned int tid) { return watch(tid) ? 0 : -1; }
 
 int vorn_thread_watch_del() {
-  vorn::thread::watch(0);
+  watch(0);
   return 0;
 }
 
 unsigned int vorn_thread_watch_get() {
-  std::uint64_t *at = vorn::thread::word();
+  std::uint64_t *at = word();
   if (at == nullptr) return 0;
-  const std::uint64_t value = std::atomic_ref(*at).load();
-  const bool marked = static_cast<std::uint32_t>(value) == vorn::thread::kMarker;
+  const std::uint64_t value = vorn::atomic_word(*at).load();
+  const bool marked = static_cast<std::uint32_t>(value) == kMarker;
   return marked ? static_cast<unsigned int>(value >> 32) : 0;
 }
