@@ -13,9 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
-#include <linux/sockios.h>
 #include <netinet/tcp.h>
-#include <sys/ioctl.h>
 #include <utility>
 
 #include "base/fork_gate.hpp"
@@ -130,8 +128,7 @@ bool send_reply(int socket, const WireHeader &header, const char *output, millis
 // request was, the client sees the end of the connection instead. A reset that overtook the last
 // reply would tell the wrong thing, so there is none before the client's side has all of it.
 void reset_when_closed(int socket) {
-  int unacknowledged = 0;
-  if (ioctl(socket, SIOCOUTQ, &unacknowledged) != 0 || unacknowledged != 0) return;
+  if (sys::unacknowledged(socket) != 0) return;
   constexpr linger kDiscard{1, 0};
   setsockopt(socket, SOL_SOCKET, SO_LINGER, &kDiscard, sizeof kDiscard);
 }

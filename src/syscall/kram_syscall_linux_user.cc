@@ -19,8 +19,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <linux/sockios.h>
-#include <sys/ioctl.h>
 #include <utility>
 
 #include "base/fork_gate.hpp"
@@ -116,9 +114,7 @@ bool recv_all(void *buffer, std::size_t length) {
 // After the first receive for a reply, whose result is not above 0. The start of this source says
 // why.
 bool cannot_be_carried_out(ssize_t first) {
-  if (first < 0) return errno == ECONNRESET;
-  int unacknowledged = 0;
-  return ioctl(connection, SIOCOUTQ, &unacknowledged) == 0 && unacknowledged != 0;
+  return first < 0 ? errno == ECONNRESET : sys::unacknowledged(connection) > 0;
 }
 
 Outcome receive_header(WireHeader &header, bool is_kept) {
