@@ -12,12 +12,12 @@ VORN_BEGIN_DECLS
 #define KRAM_EXT3_EVENT_TAG 0x0AE32014u
 
 /* Takes an event: KRAM_EXT3_EVENT_SIZE bytes, aligned to 8, that begin with KRAM_EXT3_EVENT_TAG.
- * What lies behind the tag is the kernel module's; what it did not send is 0. The event is valid
- * until the function returns. */
+ * What follows the tag is the kernel module's; what it did not send is 0. The event is valid until
+ * the function returns. The function is not cancelled, and returns: it does not end its thread. */
 typedef void (*kram_ext3_event_f)(const void *event);
 
-/* Opens a socket for events. Returns it, to be given back by KRAM_Netlink_ext3_release; -1 after an
- * error record. */
+/* Opens a socket for events, close-on-exec and never descriptor 0, 1 or 2. Returns it, to be given
+ * back by KRAM_Netlink_ext3_release; logs an error and returns -1 on failure. */
 VORN_API int KRAM_Netlink_ext3_create(void);
 
 /* Binds the socket to the netlink port id and group 1, and calls callback for each event, in the
@@ -28,9 +28,10 @@ VORN_API int KRAM_Netlink_ext3_create(void);
  *   -3  callback is NULL,
  *   -4  the socket cannot be bound,
  *   -5  memory or descriptors run out,
- *   -6  a receive failed,
- * without a record but for a lack of memory; errno tells why for -4 to -6. Interrupted receives are
- * repeated. */
+ *   -6  a receive failed, or took longer than the socket's SO_RCVTIMEO (EAGAIN),
+ * and logs nothing but a lack of memory; errno tells why for -4 to -6. Receives that a signal
+ * interrupts go on. Not a cancellation point: a thread that is cancelled listens on until the
+ * socket is released. */
 VORN_API int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback);
 
 /* Closes a socket and ends a listener on it, which leaves when its callback has returned; its port

@@ -3,8 +3,8 @@
  * KRAM_SYSCALL_PORT of 127.0.0.1; others send it commands with KRAM_SysCall.
  *
  * A command is an operation code: its group in the bits from 8 on, the operation within the group
- * below. Unless a function says otherwise, any thread may call it, none is for signal handlers, and
- * it returns 0, or -1 after an error record. */
+ * below. Unless a function says otherwise, any thread may call it, none is for signal handlers, none
+ * is a cancellation point, and it returns 0, or logs an error and returns -1. */
 #ifndef KRAM_SYSCALL_H
 #define KRAM_SYSCALL_H
 
@@ -23,7 +23,7 @@ VORN_BEGIN_DECLS
 /* Where the server listens, on 127.0.0.1. */
 #define KRAM_SYSCALL_PORT 5583u
 
-/* Types of an entry, for the use of whoever registers it: the server calls both alike. */
+/* Types of an entry, for the use of the caller that registers it: the server calls both alike. */
 enum { KRAM_SYSCALL_DIRECT = 0, KRAM_SYSCALL_INDIRECT = 1 };
 
 /* A call as its handler sees it. */
@@ -36,7 +36,8 @@ typedef struct kram_call {
 } kram_call_s;
 
 /* Carries out a command; the result goes to the caller. Each connection has a thread of its own, so
- * a handler runs for several callers at a time, and may block. */
+ * a handler runs for several callers at a time, and may block. The threads are the library's: a
+ * handler is not cancelled, and returns; it does not end its thread (pthread_exit). */
 typedef int32_t (*kram_handler_f)(uint32_t command, kram_call_s *call);
 
 /* A command of a group. */
@@ -61,8 +62,8 @@ typedef struct kram_request {
 VORN_API int KRAM_PrivateSysCallInit(void);
 
 /* Registers a group with count entries, which are copied. Neither a group that
- * KRAM_CheckGroupCalls refuses nor one that is there already, which is told by an information
- * record, changes anything. Lock-free: a call finds the whole group or none. */
+ * KRAM_CheckGroupCalls refuses nor one that is there already, which an information message
+ * reports, changes anything. Lock-free: a call finds the whole group or none. */
 VORN_API int KRAM_RegSysCall(unsigned int group, const kram_entry_s *entries, unsigned int count);
 
 /* Removes a group and frees its entries. No call of this group may be under way. A group that is
@@ -74,7 +75,7 @@ VORN_API void KRAM_UnRegSysCall(unsigned int group);
 VORN_API int KRAM_CheckGroupCalls(unsigned int group, const kram_entry_s *entries,
                                   unsigned int count);
 
-/* The first entry of that command, valid until its group is removed; NULL, after an error record
+/* The first entry of that command, valid until its group is removed; NULL, after an error message
  * when its group is not registered, without one when the group has no such command. */
 VORN_API const kram_entry_s *KRAM_FindSysCall(uint32_t command);
 
@@ -83,13 +84,15 @@ VORN_API const kram_entry_s *KRAM_FindSysCall(uint32_t command);
 /* Starts the server's listener, the thread "syscall_thr", which serves each connection in a thread
  * "syscall_do_thr". Returns when the thread is started, which may be before it listens: what keeps
  * it from doing so is in the log. It ends when the port is taken, when it cannot accept and when no
- * thread can be started for a connection, each after an error record; connections go on, and this
+ * thread can be started for a connection, each after an error message; connections go on, and this
  * function starts another listener.
  *
- * A request of more than KRAM_SYSCALL_BUFFER_SIZE bytes ends its connection after an error record,
+ * A request of more than KRAM_SYSCALL_BUFFER_SIZE bytes ends its connection after an error message,
  * and so does a longer reply. A peer that stops for ten seconds in the middle of a message is
- * dropped; between two messages it may wait for as long as it likes. Connections over 512 are
- * closed as they come. A child of fork() has no server: its copies of the sockets are closed. */
+ * dropped; between two messages it may wait for as long as it likes, as long as there is room: at
+ * 512 connections the server resets the one that has been idle longest for a new one, and closes
+ * the new one, after an error message, when all are in the middle of a request. A child of fork()
+ * has no server: its copies of the sockets are closed. */
 VORN_API int KRAM_PrivateSysCallIntfInit(void);
 
 /* Does nothing: the server runs until the process ends. */
@@ -101,12 +104,16 @@ VORN_API int KRAM_SyscallInit(void);
 /* --- The client --- */
 
 /* Has the server carry out a command. Calls of one process wait for each other and share a
- * connection, which the first of them opens; a child of fork() opens its own. Blocks for as long as
- * the handler takes; not for a handler that a call of its own process may be waiting for. Returns
- * the handler's result with the reply in *request; -1 when there is no such command; -1 after an
- * error record, with output_length as it was, when the reply does not fit or the server cannot be
- * reached. After a failure of the connection the next call opens another: a server that was started
- * again is found by the second call. */
+ * connection, which the first of them opens; a child of fork() opens its own, and fork() does not
+ * wait for a call. Blocks for as long as the handler takes, whatever signals arrive; not for a
+ * handler that a call of its own process may be waiting for. Not a cancellation point: a thread
+ * that is cancelled meanwhile completes the call. Returns the handler's result with the reply in
+ * *request; -1 when there is no such command; logs an error and returns -1, with output_length as it
+ * was, when the reply does not fit or the server cannot be reached.
+ *
+ * A connection that the server has closed since the last call, because of other clients or because
+ * it was started again, is opened anew without an error. One that ends while the server may be
+ * carrying the command out is an error: no command is carried out twice. */
 VORN_API int KRAM_SysCall(uint32_t command, kram_request_s *request);
 
 /* --- Random numbers --- */

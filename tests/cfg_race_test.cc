@@ -146,6 +146,7 @@ TEST_F(CfgRace, KilledEditorsLeaveAWholeFile) {
         if (generation == 0 && write(started[1], "", 1) != 1) return false;
       }
     });
+    ASSERT_GT(child, 0);
     char byte;
     ASSERT_EQ(read(started[0], &byte, 1), 1);
     usleep(static_cast<useconds_t>(round * 97));

@@ -14,7 +14,7 @@
 namespace {
 
 TEST(Cpu, ListsOfCpus) {
-  const std::string bad = "Parse cpu mask fail, invalid format:";
+  const std::string bad = "E Parse cpu mask fail, invalid format:";
   const struct {
     const char *text;
     int result;
@@ -24,7 +24,7 @@ TEST(Cpu, ListsOfCpus) {
       {"0,2- 4, 70", 0, {0, 2, 3, 4, 70}, {}},
       {"1022-2000", 0, {1022, 1023}, {}},
       {"2000,99999999999", 0, {1023}, {}},
-      {"8-4", -1, {}, {"Parse cpu mask 8-4 fail, end:4 is less than start:8"}},
+      {"8-4", -1, {}, {"E Parse cpu mask 8-4 fail, end:4 is less than start:8"}},
       {"*/A,,5,-6", 0, {5}, {bad + "*/A", bad, bad + "-6"}},
       {"3--5", 0, {3}, {}},
       {nullptr, -1, {}, {}},
@@ -38,12 +38,13 @@ TEST(Cpu, ListsOfCpus) {
     CPU_ZERO(&set);
     EXPECT_EQ(vorn_cpum_parse_cpumask(row.text, set.__bits), row.result);
     EXPECT_TRUE(CPU_EQUAL(&set, &expected)) << row.text;
-    EXPECT_EQ(capture::take_texts(), row.records);
+    EXPECT_EQ(capture::take_lines(), row.records);
   }
   uint64_t mask[VORN_CPUM_MASK_WORDS] = {1ul << 9};
   vorn_cpum_parse_cpumask("0,x", mask);
   EXPECT_EQ(mask[0], 0x201u);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list", bad + "x");
+  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list",
+                    "Parse cpu mask fail, invalid format:x");
 }
 
 TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
@@ -58,7 +59,7 @@ TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
   scratch::write_file(root + "policy8/cpuinfo_min_freq", "junk");
   scratch::write_file(root + "boost", "1");
   EXPECT_EQ(vorn_cpufreq_init(), 0);
-  auto texts = capture::take_texts();
+  auto texts = capture::take_lines();
   std::sort(texts.begin(), texts.end());
   const std::string range = ": 200000 to 2600000 kHz.";
   EXPECT_EQ(texts, (std::vector<std::string>{"cpufreq policy0" + range, "cpufreq policy4" + range,

@@ -10,7 +10,6 @@
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "vorn_cpu.h"
-#include "vorn_cpufreq.h"
 #include "vorn_mem.h"
 #include "vorn_reboot.h"
 #include "vorn_syscall.h"
@@ -46,8 +45,21 @@ namespace {
 constexpr long kMinusOneIn32Bits = 0xFFFFFFFF;
 constexpr long kZeroIn32Bits = 1l << 32;
 
-Words words(unsigned int operation, unsigned long a1, unsigned long a2) {
-  return {381ul << 32 | operation, a1, a2, ~0ul, ~0ul};
+Words words(unsigned int operation, unsigned long a1 = ~0ul, unsigned long a2 = ~0ul,
+            unsigned long a3 = ~0ul) {
+  return {381ul << 32 | operation, a1, a2, a3, ~0ul};
+}
+
+TEST(Door, RebootPassesTheFirstByteOfTheText) {
+  vorn_Reboot(7, -1, "\xFF");
+  EXPECT_EQ(asked, words(1, 7, 0xFFFFFFFF, 0xFF));
+  vorn_Reboot(~0ul, 2, nullptr);
+  EXPECT_EQ(asked, words(1, ~0ul, 2));
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].level, capture::kOriginal);
+  EXPECT_EQ(records[0].text, "Usrspace reboot: reason:7, mid:-1, \xFF.");
+  EXPECT_EQ(records[1].text, "Usrspace reboot: reason:18446744073709551615, mid:2.");
 }
 
 TEST(Door, ResultsAreComparedAs32Bits) {
@@ -55,16 +67,24 @@ TEST(Door, ResultsAreComparedAs32Bits) {
   unsigned long free_memory = 0;
   answer = kMinusOneIn32Bits;
   EXPECT_EQ(vorn_ResetLocalBoard(), -1);
+  EXPECT_EQ(asked, words(0));
   vorn_Reboot(1, 1, nullptr);
-  EXPECT_EQ(vorn_get_reboot_count(1, 1), ~0u);
+  EXPECT_EQ(vorn_get_reboot_count(5, ~1ul), ~0u);
+  EXPECT_EQ(asked, words(2, 5, ~1ul, asked[3]));
   EXPECT_EQ(vorn_mem_stat_dump(), -1);
   EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), -1);
   answer = kZeroIn32Bits;
   EXPECT_EQ(vorn_get_free_mem(&free_memory), 0);
   EXPECT_EQ(vorn_get_cpu_task_info(0, &value), 0);
+  EXPECT_EQ(vorn_ResetLocalBoard(), 0);
   EXPECT_EQ(vorn_get_reboot_count(1, 2), 0u); // which was not written
   answer = 5;
-  capture::take();
+  const std::vector<std::string> failures = {
+      "E Syscall for vorn_ResetLocalBoard failed.", "Usrspace reboot: reason:1, mid:1.",
+      "E Syscall for vorn_Reboot failed.", "E Syscall for vorn_get_reboot_count failed."};
+  auto lines = capture::take_lines();
+  lines.resize(failures.size());
+  EXPECT_EQ(lines, failures);
   EXPECT_EQ(vorn_get_free_mem(&free_memory), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Syscall failed 5.");
 }
@@ -81,13 +101,6 @@ TEST(Door, RequestsOfTheCpus) {
   EXPECT_EQ(vorn_get_cpu_task_info(~0u, &value), -1);
   EXPECT_EQ(asked, words(0x307, ~0u, address));
 
-  unsigned int operation = 0x300;
-  for (auto *function :
-       {vorn_cpufreq_set_low_all, vorn_cpufreq_set_high_all, vorn_cpufreq_up_allcpu_freq_by_step,
-        vorn_cpufreq_down_allcpu_freq_by_step, vorn_get_local_cpufreq}) {
-    EXPECT_EQ(function(~1ul, ~2ul), 7);
-    EXPECT_EQ(asked, words(operation++, ~1ul, ~2ul));
-  }
   EXPECT_NO_RECORD();
 
   answer = kMinusOneIn32Bits;
@@ -95,19 +108,28 @@ TEST(Door, RequestsOfTheCpus) {
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(vorn_get_idle_no_cstates(5, nullptr), -1);
   EXPECT_EQ(vorn_get_cpu_task_info(5, nullptr), -1);
-  EXPECT_EQ(capture::take_texts(),
-            (std::vector<std::string>{"Syscall for vorn_set_idle_no_cstates failed.",
-                                      "idle_no_cstates_value is null.", "pCpuTaskInfo is null."}));
+  EXPECT_EQ(
+      capture::take_lines(),
+      (std::vector<std::string>{"E Syscall for vorn_set_idle_no_cstates failed.",
+                                "E idle_no_cstates_value is null.", "E pCpuTaskInfo is null."}));
 }
 
-TEST(Door, PanicSendsItsWholeBuffer) {
-  panic("%s", std::string(300, 'x').c_str());
-  EXPECT_EQ(panic_text, std::string(255, 'x') + '\0');
+TEST(Door, PanicPrintsAndSendsTheFirst255Characters) {
+  EXPECT_EQ(printk("%s=%d", "a", 1), 0);
+  const std::string longest(255, 'x');
+  panic("%s", longest.c_str());
+  panic("%s", (longest + "x").c_str());
+  EXPECT_EQ(panic_text, longest + '\0');
   panic("a %d", 5);
   EXPECT_EQ(panic_text, "a 5" + std::string(253, '\0'));
   answer = -1;
   panic("b");
-  EXPECT_EQ(capture::take().back().function, "panic"); // whose text names another
+  const auto lines = capture::take_lines();
+  ASSERT_EQ(lines.size(), 7u);
+  EXPECT_EQ(lines[0] + lines[1], "a=1Panic info = " + longest + "\n");
+  EXPECT_TRUE(lines[2].starts_with("E Print panic info error, ret(-1) errno(")) << lines[2];
+  EXPECT_EQ(lines[3], lines[1]);
+  EXPECT_EQ(lines[6], "E Syscall for vorn_Reboot failed.errno 5");
 }
 
 TEST(Door, TableIsTakenOnlyFromASuccessAndClearedAndErrnoKept) {

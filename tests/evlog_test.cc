@@ -225,7 +225,6 @@ TEST_F(Evlog, OneOfTheProcessesThatShareAFileRotatesIt) {
   scratch::write_file(dir / "app.log", std::string(kFileBytes - 1, 'x'));
   open_log();
   child = fork();
-  ASSERT_GE(child, 0);
   if (child == 0) {
     for (const char *text : {"child", "child, moved"}) {
       raise(SIGSTOP);
@@ -233,6 +232,7 @@ TEST_F(Evlog, OneOfTheProcessesThatShareAFileRotatesIt) {
     }
     _exit(0);
   }
+  ASSERT_GT(child, 0);
   await_stop();
   evlog_original("full");
   before_rename = [] {

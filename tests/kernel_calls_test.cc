@@ -13,6 +13,7 @@
 #include "kram_syscall.h"
 #include "support/log_capture.hpp"
 #include "time/vorn_time_local.hpp"
+#include "vorn_cpufreq.h"
 #include "vorn_syscall.h"
 #include "vorn_thread_dump.h"
 #include "vorn_time.h"
@@ -50,6 +51,11 @@ TEST(KernelCalls, PassTwoWordsAndTheResult) {
               {vorn_stop_agettyquery, 0x201},
               {vorn_tty_printon, 0x202},
               {vorn_tty_printoff, 0x203},
+              {vorn_cpufreq_set_low_all, 0x300},
+              {vorn_cpufreq_set_high_all, 0x301},
+              {vorn_cpufreq_up_allcpu_freq_by_step, 0x302},
+              {vorn_cpufreq_down_allcpu_freq_by_step, 0x303},
+              {vorn_get_local_cpufreq, 0x304},
               {vorn_thread_dump_thread_stack, 0x500},
               {vorn_thrd_dump_cpu_stack_knl, 0x702},
               {vorn_thrd_dump_cpu_stack, 0x703},

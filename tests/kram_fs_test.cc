@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "base/timespec.hpp"
 #include "base/unique_fd.hpp"
 #include "evlog.h"
 #include "support/child.hpp"
@@ -70,6 +71,7 @@ bool send_to_port(uint32_t word, const std::string &text) {
 }
 
 void keep(const void *event) {
+  pthread_testcancel();
   {
     const std::lock_guard hold{mutex};
     last.assign(static_cast<const char *>(event), KRAM_EXT3_EVENT_SIZE);
@@ -105,7 +107,11 @@ protected:
       GTEST_SKIP() << "no right to join a netlink group here: it takes CAP_NET_ADMIN";
   }
   std::thread listener() {
-    return std::thread([this] { result = KRAM_Netlink_ext3_listen(socket, port(), keep); });
+    return std::thread([this] {
+      pthread_cancel(pthread_self());
+      result = KRAM_Netlink_ext3_listen(socket, port(), keep);
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+    });
   }
 
   const int socket = KRAM_Netlink_ext3_create();
@@ -132,11 +138,20 @@ TEST_F(Netlink, ReleaseWhileAListenerIsMadeEndsIt) {
   releaser.join();
 }
 
+TEST_F(Netlink, EndsAfterTheReceiveTimeOutOfTheSocket) {
+  const timeval limit{1, 100000};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  const auto start = vorn::monotonic_nanoseconds();
+  EXPECT_EQ(KRAM_Netlink_ext3_listen(socket, port(), keep), -6);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_GE(vorn::monotonic_nanoseconds() - start, 1100000000u);
+}
+
 TEST_F(Netlink, ChildReleasesItsCopyAlone) {
   std::thread thread = listener();
   send_event("before");
   EXPECT_EQ(run_in_child([&] { return KRAM_Netlink_ext3_release(socket), 0; }), 0);
-  EXPECT_EQ(send_event("behind"), "behind" + std::string(46, '\0'));
+  EXPECT_EQ(send_event("after"), "after" + std::string(47, '\0'));
   KRAM_Netlink_ext3_release(socket);
   thread.join();
   EXPECT_EQ(result, 0);
@@ -161,6 +176,8 @@ TEST_F(Netlink, RefusesWhatItCannotListenOn) {
   EXPECT_EQ(KRAM_Netlink_ext3_listen(STDIN_FILENO, 1, keep), -4);
   KRAM_Netlink_ext3_release(-1);
   EXPECT_NO_RECORD();
+  close(STDIN_FILENO);
+  EXPECT_GT(KRAM_Netlink_ext3_create(), STDERR_FILENO);
   is_missing = true;
   EXPECT_EQ(KRAM_Netlink_ext3_create(), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "kram_fs.c", "KRAM_Netlink_ext3_create",

@@ -80,9 +80,9 @@ TEST(Time, FrequencyIsTheModelNamesElseMeasured) {
   } rows[] = {
       {flags + "model name : A @ 2.60GHz\nmodel name : A @ 3.10GHz\n", 2, 0, 2.6, 0, ""},
       {flags + "model name : A @ fast\n", 2, 0, 0, 0, ""},
-      {"model name : A @ 2.6\n", 2, -1, 99, 0, "There is no constant_tsc flag in /proc/cpuinfo"},
-      {flags, 0, -1, 99, 0, "Cat /proc/cpuinfo for constant_tsc fail"},
-      {flags, 1, -1, 99, 0, "Cat /proc/cpuinfo fail for cpufreq fail"},
+      {"model name : A @ 2.6\n", 2, -1, 99, 0, "E There is no constant_tsc flag in /proc/cpuinfo"},
+      {flags, 0, -1, 99, 0, "E Cat /proc/cpuinfo for constant_tsc fail"},
+      {flags, 1, -1, 99, 0, "E Cat /proc/cpuinfo fail for cpufreq fail"},
       {flags, 2, 0, measured, 0.1 * measured + 0.005, "cpu standard hz is "},
   };
   for (const auto &row : rows) {
@@ -92,7 +92,7 @@ TEST(Time, FrequencyIsTheModelNamesElseMeasured) {
     currCpuGHz = 99;
     EXPECT_EQ(vorn_get_tsc_freq(), row.result);
     EXPECT_NEAR(currCpuGHz, row.ghz, row.tolerance);
-    const auto texts = capture::take_texts();
+    const auto texts = capture::take_lines();
     EXPECT_EQ(texts.size(), row.record.empty() ? 0u : 1u);
     EXPECT_TRUE(texts.empty() || texts[0].starts_with(row.record)) << texts[0];
   }

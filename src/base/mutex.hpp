@@ -29,17 +29,35 @@ private:
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Holds the mutex for the length of a block, in which the thread is not cancelled.
-class MutexGuard {
+// A mutex that its holder keeps while it waits for another process. It stays outside the fork gate,
+// or fork() would wait for that process too. Its module names a ForkChild that renews it.
+class UngatedMutex {
 public:
-  explicit MutexGuard(Mutex &mutex) : mutex_(mutex) { mutex_.lock(); }
+  constexpr UngatedMutex() = default;
+  UngatedMutex(const UngatedMutex &) = delete;
+  UngatedMutex &operator=(const UngatedMutex &) = delete;
+
+  void lock() { pthread_mutex_lock(&mutex_); }
+  void unlock() { pthread_mutex_unlock(&mutex_); }
+
+  // In a child, where the holder does not exist.
+  void renew() { mutex_ = PTHREAD_MUTEX_INITIALIZER; }
+
+private:
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Holds a mutex for the length of a block, in which the thread is not cancelled.
+template <class AnyMutex = Mutex> class MutexGuard {
+public:
+  explicit MutexGuard(AnyMutex &mutex) : mutex_(mutex) { mutex_.lock(); }
   MutexGuard(const MutexGuard &) = delete;
   MutexGuard &operator=(const MutexGuard &) = delete;
   ~MutexGuard() { mutex_.unlock(); }
 
 private:
   const CancellationOff off_; // before the lock is taken, until after it was released
-  Mutex &mutex_;
+  AnyMutex &mutex_;
 };
 
 } // namespace vorn

@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -147,6 +149,11 @@ ssize_t send(int socket, const msghdr &message, int flags) {
 bool connect(int socket, const sockaddr *address, socklen_t size) {
   if (uncancelled([=] { return ::connect(socket, address, size); }) == 0) return true;
   return errno == EINTR && wait_until_connected(socket);
+}
+
+int unacknowledged(int socket) {
+  int count = 0;
+  return uncancelled([&] { return ioctl(socket, SIOCOUTQ, &count); }) == 0 ? count : -1;
 }
 
 int poll(pollfd *fds, nfds_t count, const timespec *deadline) {

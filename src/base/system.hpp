@@ -52,6 +52,10 @@ ssize_t receive(int socket, void *buffer, std::size_t size, int flags);
 ssize_t send(int socket, const msghdr &message, int flags);
 bool connect(int socket, const sockaddr *address, socklen_t size);
 
+// How many bytes the peer's system has not acknowledged of those sent, also where the connection is
+// over.
+int unacknowledged(int socket);
+
 // Until deadline on CLOCK_MONOTONIC, NULL: forever. 0 at the deadline.
 int poll(pollfd *fds, nfds_t count, const timespec *deadline);
 

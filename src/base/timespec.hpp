@@ -12,6 +12,18 @@ inline std::uint64_t nanoseconds(const timespec &time) {
          static_cast<std::uint64_t>(time.tv_nsec);
 }
 
+inline std::uint64_t monotonic_nanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return nanoseconds(now);
+}
+
+// The time on CLOCK_MONOTONIC so many nanoseconds from now.
+inline timespec monotonic_after(std::uint64_t nanoseconds_from_now) {
+  const std::uint64_t at = monotonic_nanoseconds() + nanoseconds_from_now;
+  return {static_cast<time_t>(at / 1000000000), static_cast<long>(at % 1000000000)};
+}
+
 } // namespace vorn
 
 #endif

@@ -1,3 +1,4 @@
+// CPU lists, and what the kernel module knows of a CPU.
 #include "vorn_cpu.h"
 
 #include <algorithm>
@@ -6,9 +7,8 @@
 #include <climits>
 #include <string_view>
 
-#include "base/kept_errno.hpp"
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
-#include "syscall/request.hpp"
 #include "vorn_bitops.h"
 
 namespace vorn::cpu {
@@ -61,31 +61,28 @@ int parse_list(std::string_view list, uint64_t *mask) {
   }
 }
 
-int request(unsigned int operation, unsigned int cpu, void *data) {
-  return syscall::request(operation, cpu, reinterpret_cast<unsigned long>(data));
-}
-
 } // namespace
 } // namespace vorn::cpu
 
+using namespace vorn::cpu;
+
 int vorn_cpum_parse_cpumask(const char *text, uint64_t *mask) {
   if (text == nullptr || mask == nullptr) return -1;
-  return vorn::cpu::parse_list(text, mask);
+  return parse_list(text, mask);
 }
 
 int vorn_get_idle_no_cstates(unsigned int cpu, uint32_t *value) {
   if (value == nullptr) return VORN_FAIL(-1, "idle_no_cstates_value is null.");
-  return vorn::cpu::request(VORN_SYSCALL_GET_IDLE_NO_CSTATES, cpu, value);
+  return vorn::kernel_request(VORN_SYSCALL_GET_IDLE_NO_CSTATES, cpu, value);
 }
 
 int vorn_set_idle_no_cstates(unsigned int cpu, uint32_t value) {
-  const int result = vorn::cpu::request(VORN_SYSCALL_SET_IDLE_NO_CSTATES, cpu, &value);
+  const int result = vorn::kernel_request(VORN_SYSCALL_SET_IDLE_NO_CSTATES, cpu, &value);
   if (result != -1) return result;
-  const vorn::KeptErrno kept;
   return VORN_FAIL(-1, "Syscall for vorn_set_idle_no_cstates failed.");
 }
 
 int vorn_get_cpu_task_info(unsigned int cpu, void *record) {
   if (record == nullptr) return VORN_FAIL(-1, "pCpuTaskInfo is null.");
-  return vorn::cpu::request(VORN_SYSCALL_CPU_TASK_INFO, cpu, record) == 0 ? 0 : -1;
+  return vorn::kernel_request(VORN_SYSCALL_CPU_TASK_INFO, cpu, record) == 0 ? 0 : -1;
 }

@@ -1,13 +1,13 @@
+// The CPUs' frequencies: what the system offers, and requests that pass to the kernel module.
 #include "vorn_cpufreq.h"
 
 #include <cstdio>
 #include <cstring>
 
 #include "base/bounded.hpp"
-#include "base/directory.hpp"
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
-#include "base/stream.hpp"
-#include "syscall/request.hpp"
+#include "base/system.hpp"
 
 namespace vorn::cpufreq {
 namespace {
@@ -21,8 +21,10 @@ bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
       0) {
     return false;
   }
-  const Stream file(std::fopen(path, "re"));
-  return file != nullptr && std::fscanf(file.get(), "%lu", khz) == 1;
+  const Stream file = sys::open_stream(path);
+  char line[64];
+  return file != nullptr && sys::read_line(line, sizeof line, file) != nullptr &&
+         std::sscanf(line, "%lu", khz) == 1;
 }
 
 bool log_policy(const char *policy) {
@@ -39,33 +41,35 @@ bool log_policy(const char *policy) {
 } // namespace
 } // namespace vorn::cpufreq
 
+using namespace vorn::cpufreq;
+
 int vorn_cpufreq_init() {
-  const vorn::Directory root(opendir(vorn::cpufreq::kPolicyRoot));
+  const vorn::Directory root = vorn::sys::open_directory(kPolicyRoot);
   unsigned int usable = 0;
-  while (const dirent *entry = root == nullptr ? nullptr : readdir(root.get())) {
+  while (const dirent *entry = root == nullptr ? nullptr : vorn::sys::read_entry(root)) {
     if (std::strncmp(entry->d_name, "policy", 6) != 0) continue;
-    if (vorn::cpufreq::log_policy(entry->d_name)) ++usable;
+    if (log_policy(entry->d_name)) ++usable;
   }
   VORN_LOG(vorn::kDebug, "cpufreq: %u policies can be controlled.", usable);
   return 0;
 }
 
 int vorn_cpufreq_set_low_all(unsigned long argument1, unsigned long argument2) {
-  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_LOW_ALL, argument1, argument2);
+  return vorn::kernel_request(VORN_SYSCALL_CPUFREQ_LOW_ALL, argument1, argument2);
 }
 
 int vorn_cpufreq_set_high_all(unsigned long argument1, unsigned long argument2) {
-  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_HIGH_ALL, argument1, argument2);
+  return vorn::kernel_request(VORN_SYSCALL_CPUFREQ_HIGH_ALL, argument1, argument2);
 }
 
 int vorn_cpufreq_up_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
-  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_UP, argument1, argument2);
+  return vorn::kernel_request(VORN_SYSCALL_CPUFREQ_UP, argument1, argument2);
 }
 
 int vorn_cpufreq_down_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2) {
-  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_DOWN, argument1, argument2);
+  return vorn::kernel_request(VORN_SYSCALL_CPUFREQ_DOWN, argument1, argument2);
 }
 
 int vorn_get_local_cpufreq(unsigned long argument1, unsigned long argument2) {
-  return vorn::syscall::request(VORN_SYSCALL_CPUFREQ_GET, argument1, argument2);
+  return vorn::kernel_request(VORN_SYSCALL_CPUFREQ_GET, argument1, argument2);
 }

@@ -1,19 +1,18 @@
+// Listens for events of file systems on netlink.
 #include "kram_fs.h"
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fcntl.h>
 #include <linux/netlink.h>
-#include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
+#include <sys/time.h>
 
+#include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "base/mutex.hpp"
-#include "base/unique_fd.hpp"
-#include "fileops/block.hpp"
+#include "base/system.hpp"
+#include "base/timespec.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::fs {
 namespace {
@@ -24,9 +23,9 @@ constexpr std::size_t kHeaderSize = NLMSG_HDRLEN;
 constexpr std::size_t kMessageSize = kHeaderSize + KRAM_EXT3_EVENT_SIZE;
 static_assert(kMessageSize == 72);
 
-// The listeners, which stand on the stacks of their threads. Closing a socket does not wake whoever
-// is blocked in it, and netlink knows no shutdown(2). So a listener receives from a duplicate of
-// its own, the number of which is nobody else's, and waits for a wake-up beside it.
+// The listeners, which stand on the stacks of their threads. Closing a socket does not wake a
+// thread that is blocked in it, and netlink knows no shutdown(2). So a listener receives from a
+// duplicate of its own, the number of which is nobody else's, and waits for a wake-up beside it.
 class Listener {
 public:
   // Binds the socket as well. errno tells why where it cannot.
@@ -38,18 +37,18 @@ public:
   bool is_bound() const { return is_bound_; }
   bool is_ready() const { return own_ && wake_; }
 
-  // The next message: its length, 0 behind it up to the end of message. 0 or -1 with errno at the
-  // end, EBADF when the socket is released.
+  // The next message: its length, zeros after it up to the end of message. 0 or -1 with errno at
+  // the end: EBADF when the socket is released, EAGAIN after the socket's receive time-out.
   ssize_t receive(char *message);
 
-  // Closes the socket, and ends those who listen on it.
+  // Closes the socket, and ends the listeners on it.
   static void release(int socket);
 
   // In a child of fork(), which shares the wake-ups with its parent.
-  static void end_all_in_child();
+  static void end_all();
 
 private:
-  bool wait();
+  bool wait(const timespec *deadline);
 
   const int socket_;
   bool is_bound_ = false;
@@ -58,8 +57,8 @@ private:
   Listener *next_ = nullptr;
 };
 
-// A listener binds and joins the list under the mutex, a release wakes and closes under it: whoever
-// comes second sees what the first has done.
+// A listener binds and joins the list under the mutex, a release wakes and closes under it: the
+// second of the two sees what the first has done.
 constinit Mutex mutex;
 constinit Listener *listeners = nullptr;
 
@@ -75,8 +74,8 @@ Listener::Listener(int socket, int id) : socket_(socket) {
   const MutexGuard hold{mutex};
   is_bound_ = bind_to_port(socket, id);
   if (!is_bound_) return;
-  own_ = UniqueFd(fcntl(socket, F_DUPFD_CLOEXEC, 0));
-  if (own_) wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC));
+  own_ = sys::duplicate(socket);
+  if (own_) wake_ = sys::event();
   next_ = listeners;
   listeners = this;
 }
@@ -90,44 +89,55 @@ Listener::~Listener() {
 }
 
 void Listener::release(int socket) {
+  constexpr std::uint64_t kOnce = 1;
   const MutexGuard hold{mutex};
   for (const Listener *at = listeners; at != nullptr; at = at->next_) {
-    if (at->socket_ == socket) eventfd_write(at->wake_.get(), 1);
+    if (at->socket_ == socket) sys::write(at->wake_.get(), &kOnce, sizeof kOnce);
   }
-  close(socket);
+  const UniqueFd closed(socket);
 }
 
-void Listener::end_all_in_child() {
+void Listener::end_all() {
   for (Listener *at = listeners; at != nullptr; at = at->next_) {
     at->own_ = UniqueFd();
     at->wake_ = UniqueFd();
   }
   listeners = nullptr;
-  mutex.unlock();
 }
 
-[[gnu::constructor]] void watch_forks() {
-  pthread_atfork([] { mutex.lock(); }, [] { mutex.unlock(); }, Listener::end_all_in_child);
+const ForkChild end_listeners{Listener::end_all};
+
+// The time that a receive may take, of the socket as the caller has set it. False: forever.
+bool time_limit(int socket, timespec *deadline) {
+  timeval time{};
+  socklen_t size = sizeof time;
+  if (getsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &time, &size) != 0) return false;
+  if (time.tv_sec == 0 && time.tv_usec == 0) return false;
+  *deadline = monotonic_after(nanoseconds({time.tv_sec, time.tv_usec * 1000}));
+  return true;
 }
 
 // True when there may be a message.
-bool Listener::wait() {
+bool Listener::wait(const timespec *deadline) {
   if (!is_ready()) { // this thread has forked, and is the child's
     errno = EBADF;
     return false;
   }
   pollfd waiting[] = {{wake_.get(), POLLIN, 0}, {own_.get(), POLLIN, 0}};
-  if (poll(waiting, 2, -1) < 0) return errno == EINTR;
-  if (waiting[0].revents == 0) return true;
-  errno = EBADF;
+  const int ready = sys::poll(waiting, 2, deadline);
+  if (ready < 0) return false;
+  if (ready > 0 && waiting[0].revents == 0) return true;
+  errno = ready == 0 ? EAGAIN : EBADF;
   return false;
 }
 
 ssize_t Listener::receive(char *message) {
   std::memset(message, 0, kMessageSize);
-  while (wait()) {
-    const ssize_t length = recv(own_.get(), message, kMessageSize, MSG_DONTWAIT);
-    if (length >= 0 || (errno != EAGAIN && errno != EINTR)) return length;
+  timespec deadline{};
+  const bool is_limited = time_limit(own_.get(), &deadline);
+  while (wait(is_limited ? &deadline : nullptr)) {
+    const ssize_t length = sys::receive(own_.get(), message, kMessageSize, MSG_DONTWAIT);
+    if (length >= 0 || errno != EAGAIN) return length;
   }
   return -1;
 }
@@ -141,30 +151,32 @@ bool is_event(const char *message) {
 } // namespace
 } // namespace vorn::fs
 
+using namespace vorn::fs;
+
 int KRAM_Netlink_ext3_create() {
-  const int sockfd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, vorn::fs::kProtocol);
-  if (sockfd >= 0) return sockfd;
-  const int error = errno;
-  return VORN_FAIL(-1, "KRAM_Netlink_ext3_create failed, sockfd:%d, errno:%d,%s.", sockfd, error,
-                   std::strerror(error));
+  vorn::UniqueFd sockfd = vorn::sys::socket(AF_NETLINK, SOCK_RAW, kProtocol);
+  if (sockfd) return sockfd.release();
+  return VORN_FAIL(-1, "KRAM_Netlink_ext3_create failed, sockfd:%d, errno:%d,%s.", sockfd.get(),
+                   errno, std::strerror(errno));
 }
 
 int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback) {
   if (socket < 0) return -2;
   if (id < 1) return -7;
   if (callback == nullptr) return -3;
-  vorn::fs::Listener listener(socket, id);
+  const vorn::CancellationOff off; // in the callback too: the listener stands on this stack
+  Listener listener(socket, id);
   if (!listener.is_bound()) return -4;
   if (!listener.is_ready()) return -5;
-  const auto message = vorn::fileops::allocate_block(vorn::fs::kMessageSize);
+  const auto message = vorn::mem::allocate_block(kMessageSize);
   if (message == nullptr) return -5;
   ssize_t length = 0;
   while ((length = listener.receive(message.get())) > 0) {
-    if (vorn::fs::is_event(message.get())) callback(message.get() + vorn::fs::kHeaderSize);
+    if (is_event(message.get())) callback(message.get() + kHeaderSize);
   }
   return length < 0 && errno == EBADF ? 0 : -6;
 }
 
 void KRAM_Netlink_ext3_release(int socket) {
-  if (socket >= 0) vorn::fs::Listener::release(socket);
+  if (socket >= 0) Listener::release(socket);
 }

@@ -1,3 +1,4 @@
+// Maps the counter that the jiffies driver offers.
 #include "jiffies/jiffies_uio_adp.hpp"
 
 #include <cerrno>
@@ -7,10 +8,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
 #include "base/bounded.hpp"
-#include "base/directory.hpp"
 #include "base/log.hpp"
-#include "base/unique_fd.hpp"
+#include "base/system.hpp"
 #include "vorn_jiffies.h"
 
 namespace vorn::jiffies {
@@ -27,9 +28,9 @@ constinit vorn_jiffies_uio_s g_jiffies_uio{};
 // The first entry of the driver's directory that is a UIO device. A name that is too long is
 // reported and leaves an empty one. False, with errno, when there is none.
 bool vorn_get_child_dir(char (&name)[kNameSize]) {
-  const Directory directory(opendir(kDriverDir));
+  const Directory directory = sys::open_directory(kDriverDir);
   if (directory == nullptr) return false;
-  while (const dirent *entry = readdir(directory.get())) {
+  while (const dirent *entry = sys::read_entry(directory)) {
     if (std::strncmp(entry->d_name, "uio", 3) != 0) continue;
     if (strcpy_s(name, kNameSize, entry->d_name) != 0) VORN_LOG(kError, "strcpy_s failed.");
     return true;
@@ -46,7 +47,7 @@ UniqueFd open_joined(const char *directory, const char *name, const char *file) 
     errno = ENAMETOOLONG;
     return UniqueFd();
   }
-  return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
+  return sys::open(path, O_RDONLY);
 }
 
 struct AttributeText {
@@ -56,7 +57,7 @@ struct AttributeText {
 // An attribute that cannot be read is empty and so parses as 0.
 AttributeText read_attribute(const UniqueFd &fd) {
   AttributeText attribute{};
-  const ssize_t length = read(fd.get(), attribute.text, kAttributeSize);
+  const ssize_t length = sys::read(fd.get(), attribute.text, kAttributeSize);
   if (length < 0) attribute.text[0] = '\0';
   return attribute;
 }
@@ -82,7 +83,7 @@ const volatile std::uint64_t *map_counter(int device, long size, long offset) {
 }
 
 void set_counter(const volatile std::uint64_t *counter) {
-  __atomic_store_n(&g_jiffies_uio.jiffies, counter, __ATOMIC_RELEASE);
+  atomic_word(g_jiffies_uio.jiffies).store(counter, std::memory_order_release);
 }
 
 // Readers of the counter may run meanwhile: the pointer alone is written for them to see.
@@ -98,8 +99,7 @@ void set_record(int dev_fd, int addr_fd, int size_fd, int offset_fd, std::uint64
 
 // Reports a failed step of the opening with the errno that it left.
 int fail(const char *step) {
-  const int error = errno;
-  return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies %s, errno=%d.", step, error);
+  return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies %s, errno=%d.", step, errno);
 }
 
 } // namespace
@@ -110,9 +110,8 @@ int open_map() {
 
   char name[kNameSize] = "";
   if (!vorn_get_child_dir(name)) {
-    const int error = errno;
     return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies get child dir (%s) failed, errno=%d.", name,
-                        error);
+                        errno);
   }
 
   const UniqueFd device = open_joined("/dev/", name, "");
@@ -136,12 +135,17 @@ int open_map() {
 }
 
 const volatile std::uint64_t *mapped_counter() {
-  return __atomic_load_n(&g_jiffies_uio.jiffies, __ATOMIC_ACQUIRE);
+  return atomic_word(g_jiffies_uio.jiffies).load(std::memory_order_acquire);
 }
 
 } // namespace vorn::jiffies
 
-vorn_jiffies_uio_s *jiffies_uio_get() { return &vorn::jiffies::g_jiffies_uio; }
+using namespace vorn::jiffies;
 
-// The opening has closed the device again, so there is never one to close.
-int jiffies_uio_adp_close() { return close(-1); }
+vorn_jiffies_uio_s *jiffies_uio_get() { return &g_jiffies_uio; }
+
+// The opening has closed the device again, so there is never one to close: the answer of close(-1).
+int jiffies_uio_adp_close() {
+  errno = EBADF;
+  return -1;
+}

@@ -6,7 +6,7 @@
 
 namespace vorn::jiffies {
 
-// Zeroes the record and maps the counter. 0, or -1 after an error record. The caller holds the
+// Zeroes the record and maps the counter. 0, or -1 after an error message. The caller holds the
 // mutex of the mapping's once.
 int open_map();
 

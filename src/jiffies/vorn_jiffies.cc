@@ -1,3 +1,4 @@
+// The tick counter: the kernel's, or else the clock's.
 #include "vorn_jiffies.h"
 
 #include "base/once.hpp"
@@ -21,15 +22,17 @@ int start_module() {
 } // namespace
 } // namespace vorn::jiffies
 
+using namespace vorn::jiffies;
+
 uint64_t vorn_get_jiffies() {
-  if (!vorn::jiffies::module_start.done()) jiffies_Init();
-  const volatile uint64_t *counter = vorn::jiffies::mapped_counter();
+  if (!module_start.done()) jiffies_Init();
+  const volatile uint64_t *counter = mapped_counter();
   if (counter != nullptr) return *counter;
-  return vorn_time_getnanosec() / vorn::jiffies::kNanosecondsPerJiffy;
+  return vorn_time_getnanosec() / kNanosecondsPerJiffy;
 }
 
-void jiffies_Init() { vorn::jiffies::module_start.run(vorn::jiffies::start_module); }
+void jiffies_Init() { module_start.run(start_module); }
 
 int jiffies_fini(int value) { return value; }
 
-int jiffies_usr_main() { return vorn::jiffies::map_start.run(vorn::jiffies::open_map); }
+int jiffies_usr_main() { return map_start.run(open_map); }

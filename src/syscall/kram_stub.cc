@@ -1,3 +1,4 @@
+// Random numbers that can be guessed.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -26,9 +27,11 @@ unsigned int seed() {
 } // namespace
 } // namespace vorn::kram
 
+using namespace vorn::kram;
+
 void get_random_bytes(void *buffer, size_t length) {
   if (buffer == nullptr) return;
-  unsigned int state = vorn::kram::seed();
+  unsigned int state = seed();
   auto *at = static_cast<unsigned char *>(buffer);
   while (length != 0) {
     const int value = rand_r(&state);

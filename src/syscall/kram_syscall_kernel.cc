@@ -1,18 +1,28 @@
+// The server of private calls: a thread that accepts connections, and one for each connection.
+//
+// Locking: a thread changes the table of connections, and opens and closes the server's sockets,
+// under the mutex. It never waits there, so fork() finds each socket in the table or closed, and a
+// child closes its copies of them all.
+//
+// When the table is full, the thread that accepts connections evicts the one that has been idle
+// longest. It leaves the new socket as its successor, and the thread of the evicted one serves that
+// next: the table has as many threads as connections at any time.
 #include "kram_syscall.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <netinet/tcp.h>
-#include <pthread.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <utility>
 
+#include "base/fork_gate.hpp"
 #include "base/log.hpp"
+#include "base/mutex.hpp"
 #include "base/ratelimit.hpp"
-#include "fileops/block.hpp"
+#include "base/system.hpp"
+#include "base/timespec.hpp"
+#include "mem/owned.hpp"
 #include "syscall/kram_server.hpp"
 #include "syscall/kram_wire.hpp"
 #include "vorn_thrd.h"
@@ -20,62 +30,47 @@
 namespace vorn::kram {
 namespace {
 
-using std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
 constexpr int kBacklog = 10;
 constexpr unsigned int kMaxConnections = 512;
 constexpr std::chrono::seconds kMessageTime{10};
 constexpr unsigned int kBufferSize = KRAM_SYSCALL_BUFFER_SIZE;
 
-// A socket of the server, -1 for none.
-class Endpoint {
-public:
-  int get() const { return socket_; }
-  bool claim(int socket) {
-    int none = -1;
-    return socket_.compare_exchange_strong(none, socket);
-  }
-  // Gives the number up first: a child of fork() must not close what it stands for by then.
-  void end() {
-    const int socket = socket_.exchange(-1);
-    if (socket >= 0) close(socket);
-  }
-
-private:
-  std::atomic<int> socket_{-1};
+// A place in the table.
+struct Connection {
+  int socket = -1;    // -1: the place is free
+  int successor = -1; // what the thread of an evicted connection serves next
+  Activity activity;
 };
 
-constinit Endpoint listener;
-constinit Endpoint connections[kMaxConnections];
+constinit Mutex mutex;
+constinit int listener = -1;
+constinit Connection connections[kMaxConnections] = {};
+
+void close_socket(int &socket) { const UniqueFd closed(std::exchange(socket, -1)); }
 
 // A child of fork() has none of the threads. Its copies would keep the port from a server that is
 // started again, and the peers of a server that has ended waiting.
-void close_in_child() {
-  listener.end();
-  for (Endpoint &connection : connections)
-    connection.end();
-}
-
-[[gnu::constructor]] void watch_forks() { pthread_atfork(nullptr, nullptr, close_in_child); }
-
-Endpoint *claim_connection(int socket) {
-  auto *free = std::find_if(std::begin(connections), std::end(connections),
-                            [socket](Endpoint &connection) { return connection.claim(socket); });
-  return free != std::end(connections) ? free : nullptr;
-}
+const ForkChild close_copies{[] {
+  close_socket(listener);
+  for (Connection &connection : connections) {
+    close_socket(connection.socket);
+    close_socket(connection.successor);
+  }
+}};
 
 void acknowledge_quickly(int socket) {
   const int on = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
-bool receive(int socket, void *buffer, std::size_t length, const Deadline &deadline) {
+bool receive(int socket, void *buffer, std::size_t length, const timespec &deadline) {
   auto *at = static_cast<char *>(buffer);
   while (length != 0) {
-    const ssize_t piece = receive_piece(socket, at, length, deadline);
+    const ssize_t piece = receive_piece(socket, at, length, &deadline);
     if (piece <= 0) {
-      const int error = piece == 0 ? 0 : errno;
-      VORN_LOG_RATELIMITED(kError, "recv error, err=%d, buf=%p, len=%d", error,
+      VORN_LOG_RATELIMITED(kError, "recv error, err=%d, buf=%p, len=%d", piece == 0 ? 0 : errno,
                            static_cast<void *>(at), static_cast<int>(length));
       return false;
     }
@@ -86,14 +81,19 @@ bool receive(int socket, void *buffer, std::size_t length, const Deadline &deadl
   return true;
 }
 
-// A message's time runs from its first byte on. Whoever leaves before that is not worth a record.
-bool receive_request(int socket, WireHeader &header, char *input,
-                     std::chrono::milliseconds time_limit) {
+timespec deadline_of_message(milliseconds time_limit) {
+  return monotonic_after(static_cast<std::uint64_t>(std::chrono::nanoseconds(time_limit).count()));
+}
+
+// A message's time runs from its first byte on. A peer that leaves before that is not worth a log
+// message.
+bool receive_request(int socket, Activity &activity, WireHeader &header, char *input,
+                     milliseconds time_limit) {
   auto *at = reinterpret_cast<char *>(&header);
-  const ssize_t first = receive_piece(socket, at, sizeof header, {});
-  if (first <= 0) return false;
+  const ssize_t first = receive_piece(socket, at, sizeof header, nullptr);
+  if (first <= 0 || !activity.become_busy()) return false;
   acknowledge_quickly(socket);
-  const Deadline deadline = steady_clock::now() + time_limit;
+  const timespec deadline = deadline_of_message(time_limit);
   if (!receive(socket, at + first, sizeof header - static_cast<std::size_t>(first), deadline))
     return false;
   if (header.length > kBufferSize)
@@ -115,34 +115,105 @@ void execute(WireHeader &header, const char *input, char *output) {
   header.reserved = 0;
 }
 
-bool send_reply(int socket, const WireHeader &header, const char *output,
-                std::chrono::milliseconds time_limit) {
+bool send_reply(int socket, const WireHeader &header, const char *output, milliseconds time_limit) {
   if (header.length > kBufferSize)
     return VORN_FAIL(false, "hdr.cmd=%x, hdr.len = %lu\n", header.command, header.length);
-  if (send_message(socket, header, output, steady_clock::now() + time_limit)) return true;
-  const int error = errno;
-  VORN_LOG_RATELIMITED(kError, "errno = %d\n", error);
+  const timespec deadline = deadline_of_message(time_limit);
+  if (send_message(socket, header, output, &deadline)) return true;
+  VORN_LOG_RATELIMITED(kError, "errno = %d\n", errno);
   return false;
 }
 
+// A request that was sent meanwhile is never carried out, and a reset tells its client so: where a
+// request was, the client sees the end of the connection instead. A reset that overtook the last
+// reply would tell the wrong thing, so there is none before the client's side has all of it.
+void reset_when_closed(int socket) {
+  if (sys::unacknowledged(socket) != 0) return;
+  constexpr linger kDiscard{1, 0};
+  setsockopt(socket, SOL_SOCKET, SO_LINGER, &kDiscard, sizeof kDiscard);
+}
+
+// Closes the socket that was served. The one that is served next; -1: none, the place is free.
+int go_to_successor(Connection &connection) {
+  const MutexGuard hold{mutex};
+  if (connection.activity.is_evicted()) reset_when_closed(connection.socket);
+  close_socket(connection.socket);
+  connection.socket = std::exchange(connection.successor, -1);
+  if (connection.socket >= 0) connection.activity.become_idle();
+  return connection.socket;
+}
+
 void *syscall_do_thr(void *argument) {
+  const CancellationOff off; // in handlers too, or one that is cancelled would keep its place
   vorn_thrd_setname("syscall_do_thr");
-  auto &connection = *static_cast<Endpoint *>(argument);
-  serve(connection.get(), kMessageTime);
-  connection.end();
+  auto &connection = *static_cast<Connection *>(argument);
+  for (int socket = connection.socket; socket >= 0; socket = go_to_successor(connection))
+    serve(socket, connection.activity, kMessageTime);
   return nullptr;
 }
 
 // False: no thread can be had.
-bool start_connection(Endpoint &connection) {
-  set_no_delay(connection.get());
+bool start_connection(Connection &connection) {
   const int result = create_thread_nopreempt_raw(syscall_do_thr, &connection, nullptr);
   if (result == 0) return true;
-  connection.end();
+  go_to_successor(connection);
   return VORN_FAIL(false, "creat syscall thrd failed, ret = %d.\n", result);
 }
 
-// False after a record.
+// Under the mutex. False: all connections are busy.
+bool evict_longest_idle(int successor) {
+  for (;;) {
+    Connection *longest = nullptr;
+    std::uint64_t since = Activity::kNotIdle;
+    for (Connection &connection : connections) {
+      const std::uint64_t its = connection.activity.idle_since();
+      if (its >= since) continue;
+      longest = &connection;
+      since = its;
+    }
+    if (longest == nullptr) return false;
+    if (!longest->activity.evict(since)) continue; // it has become busy
+    longest->successor = successor;
+    shutdown(longest->socket, SHUT_RD); // wakes its thread, and tells the peer nothing
+    return true;
+  }
+}
+
+// False: nothing can be accepted any more. *place is what needs a thread, NULL: nothing does.
+bool accept_connection(Connection **place) {
+  *place = nullptr;
+  {
+    const MutexGuard hold{mutex};
+    UniqueFd socket = sys::accept(listener);
+    if (!socket && errno == EAGAIN) return true; // the peer has left already
+    if (!socket) return VORN_FAIL(false, "accept errno = %d\n", errno);
+    set_no_delay(socket.get());
+    auto *free = std::find_if(std::begin(connections), std::end(connections),
+                              [](const Connection &at) { return at.socket < 0; });
+    if (free != std::end(connections)) {
+      free->socket = socket.release();
+      free->activity.become_idle();
+      *place = free;
+      return true;
+    }
+    if (evict_longest_idle(socket.get())) {
+      socket.release();
+      return true;
+    }
+  }
+  VORN_LOG_RATELIMITED(kError, "%u connections are open, another is closed.", kMaxConnections);
+  return true;
+}
+
+void accept_connections() {
+  Connection *place = nullptr;
+  do {
+    pollfd waiting{listener, POLLIN, 0};
+    sys::poll(&waiting, 1, nullptr);
+  } while (accept_connection(&place) && (place == nullptr || start_connection(*place)));
+}
+
+// False after a log message.
 bool listen_on_loopback(int socket) {
   const int on = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -150,60 +221,59 @@ bool listen_on_loopback(int socket) {
   if (bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
     return VORN_FAIL(false, "Bind socket %d fail!", socket);
   if (listen(socket, kBacklog) == 0) return true;
-  const int error = errno;
-  return VORN_FAIL(false, "Listen socket %d fail!, error is %d.\n", socket, error);
+  return VORN_FAIL(false, "Listen socket %d fail!, error is %d.\n", socket, errno);
 }
 
-void accept_connections() {
-  for (;;) {
-    const int socket = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC);
-    if (socket < 0) {
-      const int error = errno;
-      if (error == EINTR) continue;
-      VORN_LOG(kError, "accept errno = %d\n", error);
-      return;
-    }
-    Endpoint *connection = claim_connection(socket);
-    if (connection == nullptr) {
-      VORN_LOG_RATELIMITED(kError, "%u connections are open, another is closed.", kMaxConnections);
-      close(socket);
-      continue;
-    }
-    if (!start_connection(*connection)) return;
-  }
+bool open_listener() {
+  const MutexGuard hold{mutex};
+  UniqueFd socket = sys::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  if (!socket) return VORN_FAIL(false, "Create socket %d fail!.\n", socket.get());
+  if (!listen_on_loopback(socket.get()) || listener >= 0) return false;
+  listener = socket.release();
+  return true;
 }
 
 void *syscall_thr(void *) {
   vorn_thrd_setname("syscall_thr");
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket < 0) return VORN_FAIL(nullptr, "Create socket %d fail!.\n", socket);
-  if (!listen_on_loopback(socket) || !listener.claim(socket)) {
-    close(socket);
-    return nullptr;
-  }
+  if (!open_listener()) return nullptr;
   accept_connections();
-  listener.end();
+  const MutexGuard hold{mutex};
+  close_socket(listener);
   return nullptr;
 }
 
 } // namespace
 
-void serve(int socket, std::chrono::milliseconds time_limit) {
-  const fileops::Block input = fileops::allocate_block(kBufferSize);
-  const fileops::Block output = fileops::allocate_block(kBufferSize);
+void Activity::become_idle() { word_.store(monotonic_nanoseconds(), std::memory_order_relaxed); }
+
+bool Activity::become_busy() {
+  std::uint64_t since = idle_since();
+  return since < kNotIdle && word_.compare_exchange_strong(since, kBusy, std::memory_order_relaxed);
+}
+
+bool Activity::evict(std::uint64_t idle_since) {
+  return word_.compare_exchange_strong(idle_since, kEvicted, std::memory_order_relaxed);
+}
+
+void serve(int socket, Activity &activity, milliseconds time_limit) {
+  const mem::Block input = mem::allocate_block(kBufferSize);
+  const mem::Block output = mem::allocate_block(kBufferSize);
   if (input == nullptr || output == nullptr) return; // the allocator has logged it
   std::memset(output.get(), 0, kBufferSize); // a handler may tell a length that it did not fill
   WireHeader header;
-  do {
-    if (!receive_request(socket, header, input.get(), time_limit)) return;
+  while (receive_request(socket, activity, header, input.get(), time_limit)) {
     execute(header, input.get(), output.get());
-  } while (send_reply(socket, header, output.get(), time_limit));
+    if (!send_reply(socket, header, output.get(), time_limit)) return;
+    activity.become_idle();
+  }
 }
 
 } // namespace vorn::kram
 
+using namespace vorn::kram;
+
 int KRAM_PrivateSysCallIntfInit() {
-  const int result = create_thread_nopreempt_raw(vorn::kram::syscall_thr, nullptr, nullptr);
+  const int result = create_thread_nopreempt_raw(syscall_thr, nullptr, nullptr);
   if (result == 0) return 0;
   return VORN_FAIL(-1, "creat syscall thrd failed, ret = %d.\n", result);
 }

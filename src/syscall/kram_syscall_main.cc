@@ -1,3 +1,4 @@
+// The registry of private calls: groups of handlers.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -61,8 +62,10 @@ bool is_valid(unsigned int group, const kram_entry_s &entry) {
 } // namespace
 } // namespace vorn::kram
 
+using namespace vorn::kram;
+
 int KRAM_PrivateSysCallInit() {
-  for (auto &slot : vorn::kram::groups)
+  for (auto &slot : groups)
     std::free(slot.exchange(nullptr));
   if (KRAM_PrivateSysCallIntfInit() == 0) return 0;
   return VORN_FAIL(-1, "Initial syscall interface fail.");
@@ -70,20 +73,19 @@ int KRAM_PrivateSysCallInit() {
 
 int KRAM_RegSysCall(unsigned int group, const kram_entry_s *entries, unsigned int count) {
   VORN_LOG(vorn::kInfo, "KRAM reg syscall begin.");
-  if (group >= vorn::kram::kGroupCount) {
-    return VORN_FAIL(-1, "Param 1 v_uiGroupId %d is larger than %d.", group,
-                     vorn::kram::kGroupCount);
+  if (group >= kGroupCount) {
+    return VORN_FAIL(-1, "Param 1 v_uiGroupId %d is larger than %d.", group, kGroupCount);
   }
   VORN_LOG(vorn::kInfo, "KRAM reg syscall check groupid(%u).", group);
   if (KRAM_CheckGroupCalls(group, entries, count) != 0)
     return VORN_FAIL(-1, "Check the input param failed.");
 
   VORN_LOG(vorn::kInfo, "KRAM reg syscall check rereg, uicount(%u).", count);
-  auto &slot = vorn::kram::groups[group];
-  vorn::kram::Group *occupant = slot.load(std::memory_order_relaxed);
+  auto &slot = groups[group];
+  Group *occupant = slot.load(std::memory_order_relaxed);
   if (occupant == nullptr) {
     VORN_LOG(vorn::kInfo, "KRAM reg syscall alloc memory.");
-    vorn::kram::Group *block = vorn::kram::copy_of(entries, count);
+    Group *block = copy_of(entries, count);
     if (block == nullptr) {
       return VORN_FAIL(-1, "Alloc memory for syscall group (%u) fail, count = (%u).", group, count);
     }
@@ -95,29 +97,26 @@ int KRAM_RegSysCall(unsigned int group, const kram_entry_s *entries, unsigned in
 }
 
 void KRAM_UnRegSysCall(unsigned int group) {
-  if (group >= vorn::kram::kGroupCount) {
-    VORN_LOG(vorn::kError, "Param 1 v_uiGroupId %d is larger than %d.", group,
-             vorn::kram::kGroupCount);
+  if (group >= kGroupCount) {
+    VORN_LOG(vorn::kError, "Param 1 v_uiGroupId %d is larger than %d.", group, kGroupCount);
     return;
   }
-  std::free(vorn::kram::groups[group].exchange(nullptr));
+  std::free(groups[group].exchange(nullptr));
 }
 
 int KRAM_CheckGroupCalls(unsigned int group, const kram_entry_s *entries, unsigned int count) {
   if (entries == nullptr) return VORN_FAIL(-1, "Parm 2(v_pstSysCalls) is NULL.");
-  if (count > vorn::kram::kEntryCount)
-    return VORN_FAIL(-1, "Parm 3 %d is larger than %d.", count, vorn::kram::kEntryCount);
+  if (count > kEntryCount) return VORN_FAIL(-1, "Parm 3 %d is larger than %d.", count, kEntryCount);
   const bool valid = std::all_of(entries, entries + count, [group](const kram_entry_s &entry) {
-    return vorn::kram::is_valid(group, entry);
+    return is_valid(group, entry);
   });
   return valid ? 0 : -1;
 }
 
 const kram_entry_s *KRAM_FindSysCall(uint32_t command) {
-  const unsigned int group = vorn::kram::group_of(command);
-  const vorn::kram::Group *known = nullptr;
-  if (group < vorn::kram::kGroupCount)
-    known = vorn::kram::groups[group].load(std::memory_order_acquire);
+  const unsigned int group = group_of(command);
+  const Group *known = nullptr;
+  if (group < kGroupCount) known = groups[group].load(std::memory_order_acquire);
   if (known == nullptr) {
     return VORN_FAIL(nullptr, "Syscall not registered usr, cmd = (0x%x).", command);
   }

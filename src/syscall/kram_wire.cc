@@ -1,38 +1,27 @@
+// The messages between a client of private calls and the server, and how they are transferred.
 #include "syscall/kram_wire.hpp"
 
 #include <algorithm>
 #include <cerrno>
 #include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
 
+#include "base/system.hpp"
 #include "kram_syscall.h"
 
 namespace vorn::kram {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// False when the deadline has passed. True is no promise: the caller tries again.
-bool wait_until(int socket, short events, Clock::time_point deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  if (left <= 0) {
-    errno = ETIMEDOUT;
-    return false;
-  }
-  pollfd waiting{socket, events, 0};
-  return poll(&waiting, 1, static_cast<int>(left)) >= 0 || errno == EINTR;
-}
-
 // Tries first: what was sent in one piece is there in one, and takes no waiting.
 template <class Transfer>
-ssize_t transfer_until(int socket, short events, const Deadline &deadline, Transfer transfer) {
+ssize_t transfer_until(int socket, short events, const timespec *deadline, Transfer transfer) {
   for (;;) {
-    const ssize_t length = transfer(deadline ? MSG_DONTWAIT : 0);
-    if (length >= 0) return length;
-    if (errno == EINTR) continue;
-    if (!deadline || errno != EAGAIN || !wait_until(socket, events, *deadline)) return -1;
+    const ssize_t length = transfer(deadline != nullptr ? MSG_DONTWAIT : 0);
+    if (length >= 0 || deadline == nullptr || errno != EAGAIN) return length;
+    pollfd waiting{socket, events, 0};
+    const int ready = sys::poll(&waiting, 1, deadline);
+    if (ready == 0) errno = ETIMEDOUT;
+    if (ready <= 0) return -1;
   }
 }
 
@@ -61,22 +50,21 @@ void set_no_delay(int socket) {
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-ssize_t receive_piece(int socket, void *buffer, std::size_t length, const Deadline &deadline) {
+ssize_t receive_piece(int socket, void *buffer, std::size_t length, const timespec *deadline) {
   return transfer_until(socket, POLLIN, deadline,
-                        [=](int flags) { return recv(socket, buffer, length, flags); });
+                        [=](int flags) { return sys::receive(socket, buffer, length, flags); });
 }
 
 bool send_message(int socket, const WireHeader &header, const void *payload,
-                  const Deadline &deadline) {
+                  const timespec *deadline) {
   iovec parts[2] = {{const_cast<WireHeader *>(&header), sizeof header},
                     {const_cast<void *>(payload), header.length}};
   msghdr message{};
   message.msg_iov = parts;
   message.msg_iovlen = 2;
   while (parts[0].iov_len + parts[1].iov_len != 0) {
-    const ssize_t sent = transfer_until(socket, POLLOUT, deadline, [&](int flags) {
-      return sendmsg(socket, &message, flags | MSG_NOSIGNAL);
-    });
+    const ssize_t sent = transfer_until(
+        socket, POLLOUT, deadline, [&](int flags) { return sys::send(socket, message, flags); });
     if (sent < 0) return false;
     advance(parts, static_cast<std::size_t>(sent));
   }

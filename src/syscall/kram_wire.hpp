@@ -3,11 +3,10 @@
 #ifndef VORN_SYSCALL_KRAM_WIRE_HPP
 #define VORN_SYSCALL_KRAM_WIRE_HPP
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <netinet/in.h>
-#include <optional>
 #include <sys/types.h>
 
 namespace vorn::kram {
@@ -34,17 +33,15 @@ sockaddr_in server_address();
 // Small messages leave at once.
 void set_no_delay(int socket);
 
-// When a message must be complete; none: there is all the time in the world.
-using Deadline = std::optional<std::chrono::steady_clock::time_point>;
-
 // Receives the next piece of a message, length bytes at most. Returns its length, 0 at the end of
-// the connection; -1 with errno on failure, ETIMEDOUT behind the deadline.
-ssize_t receive_piece(int socket, void *buffer, std::size_t length, const Deadline &deadline);
+// the connection; -1 with errno on failure, ETIMEDOUT after the deadline (CLOCK_MONOTONIC; NULL:
+// there is none).
+ssize_t receive_piece(int socket, void *buffer, std::size_t length, const timespec *deadline);
 
 // Sends a header with its payload, in one call where the socket has room. False with errno on
-// failure.
+// failure, as above.
 bool send_message(int socket, const WireHeader &header, const void *payload,
-                  const Deadline &deadline);
+                  const timespec *deadline);
 
 } // namespace vorn::kram
 

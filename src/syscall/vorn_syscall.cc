@@ -1,3 +1,4 @@
+// The kernel module's door.
 #include "vorn_syscall.h"
 
 #include "arch/private_call.hpp"

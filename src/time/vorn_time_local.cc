@@ -1,3 +1,4 @@
+// The time of day, local time and daylight-saving time: the kernel module's, or else the system's.
 #include "time/vorn_time_local.hpp"
 
 #include <cerrno>
@@ -5,9 +6,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/mutex.hpp"
-#include "vorn_syscall.h"
 
 namespace vorn::time {
 namespace {
@@ -15,15 +16,11 @@ namespace {
 constinit Mutex zone_mutex;
 constinit char zone_name[VORN_TIME_ZONE_NAME_LENGTH + 1] = {};
 
-template <class T> unsigned long word(T *address) {
-  return reinterpret_cast<unsigned long>(address);
-}
-
 // True where there is a kernel module; *result is its answer, of 32 bits. One that is -1 in these
 // alone is a module's, and errno says nothing of it.
-bool ask_module(unsigned int operation, unsigned long a1, unsigned long a2, int *result) {
-  const long answer = vorn_private_syscall(VORN_SYSCALL_COMMAND(operation), a1, a2,
-                                           VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED);
+template <class... Arguments>
+bool ask_module(int *result, unsigned int operation, Arguments... arguments) {
+  const long answer = kernel_call(operation, arguments...);
   *result = static_cast<int>(answer);
   return answer != -1 || errno != ENOSYS;
 }
@@ -34,13 +31,16 @@ timespec system_time() {
   return now;
 }
 
-// The system's zone may have been changed since the last look.
+// The system's zone may have been changed since the last look. The C library has a lock on it that
+// a child of fork() does not find free: the library's own keeps fork() off meanwhile.
 bool system_local(const char *function, std::int64_t utc, tm *local) {
   const time_t time = utc;
-  tzset();
-  if (localtime_r(&time, local) != nullptr) return true;
-  const int error = errno;
-  return VORN_FAIL_AS(function, false, "localtime_r failed, errno %d.", error);
+  {
+    const MutexGuard hold{zone_mutex};
+    tzset();
+    if (localtime_r(&time, local) != nullptr) return true;
+  }
+  return VORN_FAIL_AS(function, false, "localtime_r failed, errno %d.", errno);
 }
 
 int null_pointer(const char *function) { return VORN_FAIL_AS(function, -1, "Parameter is null."); }
@@ -54,11 +54,12 @@ void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]) {
 
 } // namespace vorn::time
 
+using namespace vorn::time;
+
 int vorn_time_gettime(int64_t *seconds, uint32_t *nanoseconds) {
-  using namespace vorn::time;
   if (seconds == nullptr || nanoseconds == nullptr) return null_pointer(__func__);
   int result = 0;
-  if (ask_module(VORN_SYSCALL_TIME, word(seconds), word(nanoseconds), &result)) return result;
+  if (ask_module(&result, VORN_SYSCALL_TIME, seconds, nanoseconds)) return result;
   const timespec now = system_time();
   *seconds = now.tv_sec;
   *nanoseconds = static_cast<uint32_t>(now.tv_nsec);
@@ -66,10 +67,9 @@ int vorn_time_gettime(int64_t *seconds, uint32_t *nanoseconds) {
 }
 
 int vorn_time_getlocaltime(int64_t *seconds, uint32_t *nanoseconds) {
-  using namespace vorn::time;
   if (seconds == nullptr || nanoseconds == nullptr) return null_pointer(__func__);
   int result = 0;
-  if (ask_module(VORN_SYSCALL_LOCAL_TIME, word(seconds), word(nanoseconds), &result)) return result;
+  if (ask_module(&result, VORN_SYSCALL_LOCAL_TIME, seconds, nanoseconds)) return result;
   const timespec now = system_time();
   tm local{};
   if (!system_local(__func__, now.tv_sec, &local)) return -1;
@@ -79,11 +79,9 @@ int vorn_time_getlocaltime(int64_t *seconds, uint32_t *nanoseconds) {
 }
 
 int vorn_time_getlocal_fromutc(int64_t utc, int64_t *local) {
-  using namespace vorn::time;
   if (local == nullptr) return null_pointer(__func__);
   int result = 0;
-  if (ask_module(VORN_SYSCALL_LOCAL_TIME_FROM_UTC, static_cast<unsigned long>(utc), word(local),
-                 &result)) {
+  if (ask_module(&result, VORN_SYSCALL_LOCAL_TIME_FROM_UTC, utc, local)) {
     return result;
   }
   tm fields{};
@@ -93,11 +91,9 @@ int vorn_time_getlocal_fromutc(int64_t utc, int64_t *local) {
 }
 
 int vorn_time_getdst_fromutc(int64_t utc, int32_t *dst) {
-  using namespace vorn::time;
   if (dst == nullptr) return null_pointer(__func__);
   int result = 0;
-  if (ask_module(VORN_SYSCALL_DST_FROM_UTC, static_cast<unsigned long>(utc), word(dst), &result))
-    return result;
+  if (ask_module(&result, VORN_SYSCALL_DST_FROM_UTC, utc, dst)) return result;
   tm fields{};
   if (!system_local(__func__, utc, &fields)) return -1;
   *dst = fields.tm_isdst > 0 ? 1 : 0;
@@ -105,10 +101,9 @@ int vorn_time_getdst_fromutc(int64_t utc, int32_t *dst) {
 }
 
 int vorn_time_getdsttime(int32_t *dst, int32_t *offset) {
-  using namespace vorn::time;
   if (dst == nullptr || offset == nullptr) return null_pointer(__func__);
   int result = 0;
-  if (ask_module(VORN_SYSCALL_DST_TIME, word(dst), word(offset), &result)) return result;
+  if (ask_module(&result, VORN_SYSCALL_DST_TIME, dst, offset)) return result;
   tm fields{};
   if (!system_local(__func__, system_time().tv_sec, &fields)) return -1;
   *dst = fields.tm_isdst > 0 ? 1 : 0;
@@ -117,7 +112,6 @@ int vorn_time_getdsttime(int32_t *dst, int32_t *offset) {
 }
 
 int vorn_time_zone_name_set(const char *name, unsigned int length) {
-  using namespace vorn::time;
   if (name == nullptr) return null_pointer(__func__);
   if (length > VORN_TIME_ZONE_NAME_LENGTH)
     return VORN_FAIL(-1, "Zone name of %u characters is too long.", length);
