@@ -6,6 +6,7 @@
 #include <climits>
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -134,6 +135,10 @@ bool write_all(int fd, const void *buffer, std::size_t size) {
 
 int sync(int fd) {
   return uninterrupted([=] { return fsync(fd); });
+}
+
+int ioctl(int fd, unsigned long request, void *argument) {
+  return uncancelled([=] { return ::ioctl(fd, request, argument); });
 }
 
 ssize_t receive(int socket, void *buffer, std::size_t size, int flags) {

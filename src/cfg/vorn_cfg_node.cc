@@ -48,7 +48,7 @@ void free_section(vorn_cfg_section_node_s *section) {
 
 } // namespace
 
-// A head has no record around it of the kind that its nodes have: the links are all that can be
+// A head is not inside a structure of the kind that its nodes have: the links are all that can be
 // shown of both.
 void show_node(vorn_list_head_s *node) {
   VORN_LOG(kInfo, "cfg node:%p(%p,%p)", static_cast<void *>(node), static_cast<void *>(node->next),
