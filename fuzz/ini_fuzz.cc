@@ -1,5 +1,5 @@
 // clang-format off
-// fuzz-sources: src/cfg/vorn_cfg.cc src/cfg/vorn_cfg_index.cc src/cfg/vorn_cfg_keep.cc src/cfg/vorn_cfg_lines.cc src/cfg/vorn_cfg_lock.cc src/cfg/vorn_cfg_node.cc src/cfg/vorn_cfg_parse.cc src/cfg/vorn_cfg_read.cc src/cfg/vorn_cfg_rewrite.cc src/cfg/vorn_cfg_text.cc src/cfg/vorn_cfg_write.cc src/list/vorn_list.cc src/base/ratelimit.cc
+// fuzz-sources: src/cfg/vorn_cfg.cc src/cfg/vorn_cfg_index.cc src/cfg/vorn_cfg_keep.cc src/cfg/vorn_cfg_lines.cc src/cfg/vorn_cfg_lock.cc src/cfg/vorn_cfg_node.cc src/cfg/vorn_cfg_parse.cc src/cfg/vorn_cfg_read.cc src/cfg/vorn_cfg_rewrite.cc src/cfg/vorn_cfg_text.cc src/cfg/vorn_cfg_write.cc src/list/vorn_list.cc src/base/fork_gate.cc src/base/ratelimit.cc src/base/system.cc
 // clang-format on
 //
 // Any file is parsed into what the plainest reading of the rules finds in it; written again and

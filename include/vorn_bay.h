@@ -8,7 +8,7 @@
 
 VORN_BEGIN_DECLS
 
-/* Whether these arguments can be asked for. Returns 0; -22 after an error record when one is NULL
+/* Whether these arguments can be asked for. Returns 0; -22 after an error message when one is NULL
  * or the key segment dangerous (isDangerousCmd without a whitelist); -1 after one when it is empty.
  * Any thread may call, not a signal handler; never blocks. */
 VORN_API int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out);
@@ -25,10 +25,10 @@ VORN_API int get_bay_config_keyvalue_param_check(const char *key_segment, const 
  * after the value was read or was found missing, and by the next call after other failures. So two
  * calls of one process must not overlap.
  *
- * Returns 0; what get_bay_config_keyvalue_param_check refuses with; -1 after an error record when
+ * Returns 0; what get_bay_config_keyvalue_param_check refuses with; -1 after an error message when
  * the command is too long, the temporary file cannot be made or opened, the script fails, or it
  * prints nothing (size below 2 included). Not safe in a signal handler; blocks until the script has
- * ended. */
+ * ended, and is no cancellation point. */
 VORN_API int vorn_get_bay_config_keyvalue(const char *key_segment, char *out, uint32_t size);
 
 VORN_END_DECLS

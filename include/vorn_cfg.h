@@ -3,8 +3,8 @@
  *
  * What a file may hold. "[name]" at the start of a line opens a section, "key=value" sets an item;
  * blanks around name, key and value do not count. Names are of ASCII letters, digits and "_", at
- * most 63 of them, and case counts. A value is everything behind the first "=", at most 4194303
- * characters (VORN_CFG_VALUE_MAX); there is no quoting and no comment behind it. Lines that begin
+ * most 63 of them, and case counts. A value is everything after the first "=", at most 4194303
+ * characters (VORN_CFG_VALUE_MAX); there is no quoting and no comment after it. Lines that begin
  * with ";" or "=", and lines that are neither, are dropped. Items before the first header belong to
  * the section "NULL". A line is cut at a NUL, carriage returns in it are dropped, and one of more
  * than 4194369 bytes is read as several lines.
@@ -19,8 +19,11 @@
  *
  * Any thread may call; nothing here is safe in a signal handler. Calls block on the file system, on
  * the locks below for as long as another thread holds them, and editors on other editors of the
- * same file in any process. Results are 0, or -1 after a record, unless a function says otherwise.
- * Text arguments end in a NUL and stay the caller's. */
+ * same file in any process. None is a cancellation point, while it waits or during the callback of
+ * an edit: a cancellation acts after the call, with nothing left behind. A child of fork() may make
+ * all of these calls, whatever the library's threads in the parent were doing. Results are 0, or -1
+ * after a message in the log, unless a function says otherwise. Text arguments end in a NUL and
+ * stay the caller's. */
 #ifndef VORN_CFG_H
 #define VORN_CFG_H
 
@@ -81,7 +84,12 @@ typedef int (*vorn_cfg_edit_f)(vorn_cfg_file_node_s *node, const char *section, 
                                const char *value);
 
 /* Guards the list of registered files, not what they hold. It is taken before the lock of a file,
- * never after it. */
+ * never after it.
+ *
+ * The lookups here let a thread that waits to change the registry go first, for 10 ms at most, so
+ * that writers get in however many threads look up; a thread that holds the lock for reading may
+ * look up, and is delayed by that time. A service that takes the lock itself sees to it that no
+ * thread holds it during a fork(): the child would find it held forever. */
 VORN_API extern vorn_rwlock_s g_stCfgRwlock;
 
 /* The registry. */
@@ -101,18 +109,18 @@ VORN_API int vorn_cfg_destroy_ex(const char *path);
 
 /* Copies the value of an item and its NUL to buf, which has room for size bytes. Searches all
  * registered files, the newest first. A NULL buf finds nothing.
- * Returns 0; VORN_CFG_TOO_SMALL after an error record when the item that it finds first does not
+ * Returns 0; VORN_CFG_TOO_SMALL after an error message when the item that it finds first does not
  * fit; -1 when there is none (with a warning, at a limited rate), section or item is NULL, or size
  * is 0. buf is left alone then. */
 VORN_API int vorn_cfg_getItemValue(const char *section, const char *item, char *buf,
                                    unsigned int size);
 
-/* The same from one registered file. -1 without a record when the file lacks the item. */
+/* The same from one registered file. -1 without a message when the file lacks the item. */
 VORN_API int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *item,
                                       char *buf, unsigned int size);
 
 /* Gives an existing item a new value in memory; no file is written. The first registered file that
- * has the item takes it, the newest asked first. -1 without a record when none has. */
+ * has the item takes it, the newest asked first. -1 without a message when none has. */
 VORN_API int vorn_cfg_setItemValue(const char *section, const char *item, const char *value);
 
 /* The same in one registered file. */
@@ -122,7 +130,7 @@ VORN_API int vorn_cfg_setItemValue_ex(const char *path, const char *section, con
 /* One-shot reads, which leave the registry alone. */
 
 /* Finds the first item of that name in the file. Returns 0 with *out filled; -1 when there is none,
- * the file cannot be read, or the value has more than 255 characters (an error record); *out is
+ * the file cannot be read, or the value has more than 255 characters (an error message); *out is
  * left alone then. Takes no lock on the file: beside vorn_cfg_write_item_to_file it may meet a file
  * that is half written. */
 VORN_API int vorn_cfg_getItemFromFile(const char *path, const char *section, const char *item,
@@ -136,8 +144,8 @@ VORN_API int vorn_cfg_getItemFromFile(const char *path, const char *section, con
  *
  * A section, item or value that holds a line feed or a carriage return is refused. Other names are
  * written as given, though a name that holds anything but letters, digits and "_" is not read back.
- * A value of more than VORN_CFG_VALUE_MAX characters is not either: what is behind them is read as
- * further lines. Blanks at the ends of a value are not part of what is read back. */
+ * A value of more than VORN_CFG_VALUE_MAX characters is not either: what comes after them is read
+ * as further lines. Blanks at the ends of a value are not part of what is read back. */
 
 /* Sets an item, and makes the file (mode 0600), the section or the item where it is missing. The
  * file is overwritten in place, once its whole new text is built: a crash at that moment may leave
@@ -145,13 +153,13 @@ VORN_API int vorn_cfg_getItemFromFile(const char *path, const char *section, con
  *
  * The item is set where it is met in its section, and so is, on purpose, every other item of this
  * name that is not the first of a section, in whatever section; that alone counts as setting it. A
- * section that the file has several times keeps all its headers. A new item is put behind the first
+ * section that the file has several times keeps all its headers. A new item is put after the first
  * run of its section. Items of a section with an empty name that no other precedes lose their
  * header.
  *
- * Returns 0; 22 (EINVAL) after an error record when the new text outgrows the file's size by more
+ * Returns 0; 22 (EINVAL) after an error message when the new text outgrows the file's size by more
  * than 4 MiB; -1 otherwise. The file is untouched then. A write that the system cuts short is
- * recorded, and the result is 0 all the same. When a name has more than 63 characters, -1 is
+ * logged, and the result is 0 all the same. When a name has more than 63 characters, -1 is
  * returned after descriptor 0 has been closed. */
 VORN_API int vorn_cfg_write_item_to_file(const char *path, const char *section, const char *item,
                                          const char *value);
@@ -195,28 +203,28 @@ VORN_API int vorn_cfg_del_section_func(vorn_cfg_file_node_s *node, const char *s
 
 /* A new item with copies of name (at most 63 characters) and value, its link pointing at itself.
  * It is the caller's to put into a section, or to free (vorn_free), the value first. NULL after an
- * error record. */
+ * error message. */
 VORN_API vorn_cfg_item_node_s *vorn_cfg_new_item_node_ex(const char *name, const char *value);
 
-/* Creates the temporary file of an edit, with the owner, the group and the mode of the file behind
+/* Creates the temporary file of an edit, with the owner, the group and the mode of the file of
  * fd; one that is left over is removed first. Returns a descriptor, which the caller closes, and
  * the file's name in *tmpName, which the caller frees with vorn_free; -1 leaves *tmpName alone. */
 VORN_API int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName);
 
-/* Makes the text of node the whole content of the file behind fd. Takes the node's lock for
+/* Makes the text of node the whole content of the file of fd. Takes the node's lock for
  * writing while it builds the text. */
 VORN_API int vorn_cfg_writeFnodeTofile(int fd, vorn_cfg_file_node_s *node);
 
 /* Puts node, a block of vorn_malloc, in the place of the registered file of the same path, which is
- * destroyed; the registry owns node then. -1 without a record when no such file is registered: node
- * stays the caller's. */
+ * destroyed; the registry owns node then. -1 without a message when no such file is registered:
+ * node stays the caller's. */
 VORN_API int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node);
 
 /* Text. */
 
 /* Copies characters from src to dst up to the first that isprint(3) refuses, a NUL included, and at
  * most srcLen of them; a NUL ends what was copied. A srcLen below 1 makes an empty text. Returns 0;
- * -1 when dstSize is not greater than srcLen or below 1, or, after an error record, a pointer is
+ * -1 when dstSize is not greater than srcLen or below 1, or, after an error message, a pointer is
  * NULL. */
 VORN_API int vorn_remove_noneprint_characters(const char *src, int srcLen, char *dst, int dstSize);
 

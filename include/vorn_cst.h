@@ -2,9 +2,10 @@
  * sections.
  *
  * Each call opens the module's control file "/proc/nyx/syscall", makes one request and closes it
- * again; nothing is kept between calls. It blocks as long as the module takes. Any thread may call,
- * not a signal handler. A failed request leaves two error records, of what failed and of the
- * operation; where the module refuses the caller (EPERM) there is the second alone. */
+ * again; nothing is kept between calls. It blocks as long as the module takes, and is no
+ * cancellation point. Any thread may call, not a signal handler. A failed request logs two errors,
+ * what failed and the operation; where the module refuses the caller (EPERM) there is the second
+ * alone. */
 #ifndef VORN_CST_H
 #define VORN_CST_H
 
@@ -18,17 +19,17 @@ VORN_BEGIN_DECLS
 #define VORN_CST_VALUE_SIZE 257
 
 /* Copies the value of an item and its NUL into the out_size bytes at out; VORN_CST_VALUE_SIZE are
- * always enough. Returns 0; -1 after an error record when a pointer is NULL, a name is too long, or
- * the request failed (out is left alone then); -1 without a record when the value does not fit, out
- * then holds an empty text where there is room for one. */
+ * always enough. Returns 0; -1 after an error message when a pointer is NULL, a name is too long,
+ * or the request failed (out is left alone then); -1 without a message when the value does not fit,
+ * out then holds an empty text where there is room for one. */
 VORN_API int vorn_cst_getItem(const char *section, const char *item_name, char *out,
                               uint32_t out_size);
 
-/* Gives an item this value. Returns 0; -1 after an error record when a pointer is NULL, a text is
+/* Gives an item this value. Returns 0; -1 after an error message when a pointer is NULL, a text is
  * too long, or the request failed. */
 VORN_API int vorn_cst_setItem(const char *section, const char *item_name, const char *value);
 
-/* Has the module read its configuration again. Returns 0; -1 after an error record. */
+/* Has the module read its configuration again. Returns 0; -1 after an error message. */
 VORN_API int vorn_cst_reloadConfig(void);
 
 VORN_END_DECLS

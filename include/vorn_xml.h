@@ -6,9 +6,10 @@
  * itself, for the text of a node or a load callback.
  *
  * Any thread may call, two threads not on the same document while one of them loads into it or
- * deletes from it. Nothing here is safe in a signal handler; vorn_xml_loadfd alone blocks. No
- * record is written: Mini-XML reports what it cannot read through the calling thread's error
- * callback, on standard error where none was set. */
+ * deletes from it. Nothing here is safe in a signal handler; vorn_xml_loadfd alone blocks, for as
+ * long as fd does, and it is no cancellation point, nor is anything in its callback. No message is
+ * logged: Mini-XML reports what it cannot read through the calling thread's error callback, on
+ * standard error where none was set. */
 #ifndef VORN_XML_H
 #define VORN_XML_H
 
@@ -28,7 +29,7 @@ VORN_API mxml_node_t *vorn_xml_loadfd(mxml_node_t *top, int fd, mxml_load_cb_t c
  * and for NULL. It belongs to its document. */
 VORN_API mxml_node_t *vorn_xml_getfirstchild(mxml_node_t *node);
 
-/* mxmlGetNextSibling: the node behind this one below the same parent; NULL without one and for
+/* mxmlGetNextSibling: the node after this one below the same parent; NULL without one and for
  * NULL. It belongs to its document. */
 VORN_API mxml_node_t *vorn_xml_getnextsibling(mxml_node_t *node);
 
@@ -37,7 +38,7 @@ VORN_API mxml_node_t *vorn_xml_getnextsibling(mxml_node_t *node);
  * attribute changes. */
 VORN_API const char *vorn_xml_element_getattr(mxml_node_t *node, const char *name);
 
-/* mxmlFindElement: the next element behind node in the tree below top that has this name, this
+/* mxmlFindElement: the next element after node in the tree below top that has this name, this
  * attribute and this value of it; NULL takes any. descend says how far: MXML_DESCEND into all
  * children, MXML_NO_DESCEND into none, MXML_DESCEND_FIRST into those of node alone. NULL when there
  * is none, when node or top is NULL, and for a value without an attribute. It belongs to its

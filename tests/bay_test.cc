@@ -43,12 +43,12 @@ struct Bay : testing::Test {
 };
 
 TEST_F(Bay, ReadsTheFirstLine) {
-  const std::string missing = "Can not get the value of SLOT 1, value is .";
+  const std::string missing = "E Can not get the value of SLOT 1, value is .";
   const struct {
     std::string printed;
     uint32_t size;
     const char *out;
-    std::vector<std::string> texts; // none: it is a success
+    std::vector<std::string> lines; // none: it is a success
   } rows[] = {
       {"value\nnext\n", 16, "value", {}},
       {"no line feed", 16, "no line feed", {}},
@@ -61,10 +61,10 @@ TEST_F(Bay, ReadsTheFirstLine) {
   for (const auto &row : rows) {
     SCOPED_TRACE(row.printed);
     scratch::write_file("/WRK/value", row.printed);
-    EXPECT_EQ(get("SLOT 1", row.size), row.texts.empty() ? 0 : -1);
+    EXPECT_EQ(get("SLOT 1", row.size), row.lines.empty() ? 0 : -1);
     EXPECT_STREQ(out, row.out);
     EXPECT_FALSE(fs::exists(kTemporary));
-    EXPECT_EQ(capture::take_texts(), row.texts);
+    EXPECT_EQ(capture::take_lines(), row.lines);
   }
   EXPECT_TRUE(calls().starts_with("SLOT 1\nSLOT 1\n"));
   EXPECT_EQ(scratch::next_descriptor(), before);
@@ -100,7 +100,7 @@ TEST_F(Bay, RunsNoCommandThatWasCutOrIsDangerous) {
   EXPECT_EQ(get(""), -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, kFile, "get_bay_config_keyvalue_param_check", "Para1 is \\0.");
   EXPECT_EQ(get(">"), -22);
-  EXPECT_EQ(capture::take_texts().at(0), "Param error: keySegment(>) is dangerous.");
+  EXPECT_EQ(capture::take_lines().at(0), "E Param error: keySegment(>) is dangerous.");
   const std::string around = kScript + std::string("  >") + kTemporary + " 2>/dev/null";
   const std::string longest(255 - around.size(), 'k');
   EXPECT_EQ(get(longest + "k"), -1);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -35,6 +36,12 @@ struct CfgEdit : testing::Test {
   const std::string temporary = path + ".temp";
 
   bool is_there(const std::string &file) { return access(file.c_str(), F_OK) == 0; }
+  bool is_locked(const std::string &file) {
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    const bool is_free = flock(fd, LOCK_EX | LOCK_NB) == 0;
+    close(fd);
+    return !is_free;
+  }
   std::string get(const char *section, const char *item) {
     char value[64] = "?";
     vorn_cfg_getItemValue_ex(path.c_str(), section, item, value, sizeof value);
@@ -90,21 +97,26 @@ TEST_F(CfgEdit, LeavesTheFileAloneWhereItRefuses) {
     Edit edit;
     std::string section, item, value, why; // where the first text begins
   } rows[] = {
-      {kAdd, "s", "k", "v", "add item fail, item(k) is already exist"},
-      {kAdd, "s", name64, "v", "Strcpy pItemName failed."},
-      {kAdd, name64, "k", "v", "Copy section name (" + name64 + ") fail in new section node."},
-      {kSet, "s", "k", "v\n[x]", "Section, item or value holds a line end."},
+      {kAdd, "s", "k", "v", "E add item fail, item(k) is already exist"},
+      {kAdd, "s", name64, "v", "E Strcpy pItemName failed."},
+      {kAdd, name64, "k", "v", "E Copy section name (" + name64 + ") fail in new section node."},
+      {kSet, "s", "k", "v\n[x]", "E Section, item or value holds a line end."},
       {kSet, "t", "k", "v", "Can't find section=t"},
-      {kDelete, "s", "l", "", "Delete item failed.item(l) is not exist in file("},
-      {kDeleteSection, "t", "", "", "Delete section(t) is not exist in file("},
+      {kDelete, "s", "l", "", "E Delete item failed.item(l) is not exist in file("},
+      {kDeleteSection, "t", "", "", "E Delete section(t) is not exist in file("},
   };
   scratch::write_file(path, before);
   for (const auto &row : rows) {
     EXPECT_EQ(run(row.edit, row.section, row.item, row.value), -1);
-    const auto texts = capture::take_texts();
-    EXPECT_TRUE(texts.at(0).starts_with(row.why)) << texts[0];
-    EXPECT_EQ(texts.at(texts.size() - 2), "Exec v_pfnProc(" + path + ") failed.");
+    const auto lines = capture::take_lines();
+    EXPECT_TRUE(lines.at(0).starts_with(row.why)) << lines[0];
+    EXPECT_EQ(lines.at(lines.size() - 2), "E Exec v_pfnProc(" + path + ") failed.");
   }
+  const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  vorn_cfg_oper_param_s param{path.c_str(), "s", "l", "1"};
+  EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_del_item_func), -1);
+  EXPECT_FALSE(is_locked(path)); // through the caller's descriptor, which is still open
+  EXPECT_EQ(close(fd), 0);
   for (const Edit edit : {kAdd, kWrite}) { // what would forge lines
     for (const std::string bad : {"a\nb=c", "a\rb"}) {
       EXPECT_EQ(run(edit, bad, "k", "v"), -1);
@@ -143,8 +155,8 @@ TEST_F(CfgEdit, RemovesWhatIsLeftOver) {
   EXPECT_EQ(scratch::read_file(other), "mine");
   ASSERT_EQ(mkdir(temporary.c_str(), 0700), 0);
   EXPECT_EQ(run(kDelete, "s", "l"), -1);
-  EXPECT_EQ(capture::take_texts().front(),
-            "Open " + temporary + " failed.errno(" + std::strerror(EEXIST) + ").");
+  EXPECT_EQ(capture::take_lines().front(),
+            "E Open " + temporary + " failed.errno(" + std::strerror(EEXIST) + ").");
   EXPECT_EQ(scratch::read_file(path), "[s]\nl=2\n");
 }
 
@@ -173,10 +185,11 @@ TEST_F(CfgEdit, EditsTheFileThatThePathNames) {
   EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_add_item_func), 0);
   EXPECT_EQ(scratch::read_file(path), "[s]\nk=new\nl=1\n");
   EXPECT_EQ(scratch::read_file(other), "[s]\nk=old\n");
+  EXPECT_FALSE(is_locked(path) || is_locked(other));
   EXPECT_NO_RECORD();
   ASSERT_EQ(remove(path.c_str()), 0);
   EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_add_item_func), -1);
-  EXPECT_EQ(capture::take_texts().at(0), "Open file<" + path + "> failed, errno<2>");
+  EXPECT_EQ(capture::take_lines().at(0), "E Open file<" + path + "> failed, errno<2>");
   EXPECT_EQ(close(fd), 0);
 }
 
@@ -210,7 +223,7 @@ TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
   scratch::write_file(path, "");
   const std::string fits(kSlack - 1 - std::string("[s]\nk=\n").size(), 'v');
   EXPECT_EQ(run(kWrite, "s", "k", fits + "v"), 22);
-  EXPECT_EQ(capture::take_texts().at(0), "sprintf_s secure function failed, destMax<4194432>.");
+  EXPECT_EQ(capture::take_lines().at(0), "E sprintf_s secure function failed, destMax<4194432>.");
   EXPECT_EQ(scratch::read_file(path), "");
   EXPECT_EQ(run(kWrite, "s", "k", fits), 0);
   EXPECT_EQ(scratch::read_file(path), "[s]\nk=" + fits + "\n");

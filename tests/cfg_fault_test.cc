@@ -7,9 +7,11 @@
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <string>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
@@ -155,25 +157,25 @@ TEST_F(CfgFault, LeavesNothingBehindWithoutMemory) {
 
 TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeWrittenOrReplaced) {
   ASSERT_EQ(vorn_cfg_init(file), 0);
-  const std::string not_replaced = "Replace file(" + path + ") failed, errno<5>.";
+  const std::string not_replaced = "E Replace file(" + path + ") failed, errno<5>.";
   const struct {
     int rename, fsync;
     ssize_t written;
     std::string text;
-  } rows[] = {{EIO, 0, -1, not_replaced}, {0, EIO, -1, not_replaced}, {0, 0, 10, "Wirte file ("}};
+  } rows[] = {{EIO, 0, -1, not_replaced}, {0, EIO, -1, not_replaced}, {0, 0, 10, "E Wirte file ("}};
   for (const auto &row : rows) {
     fail_rename = row.rename;
     fail_fsync = row.fsync;
     write_limit = row.written;
     EXPECT_EQ(vorn_cfg_file_setItemValue(file, "s", "k", "new"), -1);
-    EXPECT_TRUE(capture::take_texts().front().starts_with(row.text));
+    EXPECT_TRUE(capture::take_lines().front().starts_with(row.text));
     EXPECT_EQ(scratch::read_file(path), kText);
     EXPECT_EQ(value(), "1");
   }
   // In place, a write that was cut short is recorded and no more.
   write_limit = 10;
   EXPECT_EQ(vorn_cfg_write_item_to_file(file, "s", "k", "new"), 0);
-  EXPECT_TRUE(capture::take_texts().at(0).starts_with("Write error, iFd<"));
+  EXPECT_TRUE(capture::take_lines().at(0).starts_with("E Write error, iFd<"));
   vorn_cfg_destroy();
 }
 
@@ -191,10 +193,69 @@ TEST_F(CfgFault, RegistersWhatIsOnDiskInTheEnd) {
   vorn_cfg_destroy();
 }
 
+// A thread that makes calls, until it is cancelled.
+struct Caller {
+  std::vector<std::function<void()>> calls;
+  bool is_cancelled_at_once;
+  bool is_in_call = false;
+
+  static void *run(void *caller) {
+    auto *self = static_cast<Caller *>(caller);
+    if (self->is_cancelled_at_once) pthread_cancel(pthread_self());
+    for (std::size_t i = 0;; ++i) {
+      self->is_in_call = true;
+      self->calls[i % self->calls.size()]();
+      self->is_in_call = false;
+      if (!self->is_cancelled_at_once || i + 1 == self->calls.size()) pthread_testcancel();
+    }
+  }
+};
+
+int wait_and_refuse(vorn_cfg_file_node_s *, const char *, const char *, const char *) {
+  usleep(1);
+  EXPECT_EQ(fcntl(0, F_GETFD), -1); // although it was free
+  return -1;
+}
+
+TEST_F(CfgFault, IsCancelledAfterACallOnly) {
+  vorn_cfg_oper_param_s param{file, "s", "k", "v"};
+  vorn_cfg_item_s out;
+  const int fd = open(file, O_RDWR | O_CLOEXEC);
+  const std::string name64(64, 'n');
+  close(0);
+  Caller caller{{
+                    [&] { vorn_cfg_init(file); },
+                    [&] { vorn_cfg_getItemFromFile(file, "s", "k", &out); },
+                    [&] { vorn_cfg_write_item_to_file(file, "s", "k", "v"); },
+                    [&] { vorn_cfg_write_item_to_file(file, "s", name64.c_str(), "v"); },
+                    [&] { vorn_cfg_file_addItem(file, "s", "new", "v"); },
+                    [&] { vorn_cfg_file_delItem(file, "s", "new"); },
+                    [&] { vorn_cfg_file_writeOperate(fd, &param, wait_and_refuse); },
+                    [&] { vorn_cfg_destroy_ex(file); },
+                },
+                true};
+  for (int round = 0; round < 300; ++round) {
+    const int held = blocks;
+    const int free_descriptor = scratch::next_descriptor();
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, Caller::run, &caller), 0);
+    usleep(static_cast<useconds_t>(round * 3));
+    if (!caller.is_cancelled_at_once) pthread_cancel(thread);
+    pthread_join(thread, nullptr);
+    vorn_cfg_destroy();
+    capture::take();
+    ASSERT_FALSE(caller.is_in_call) << round;
+    ASSERT_EQ(blocks, held) << round;
+    ASSERT_EQ(scratch::next_descriptor(), free_descriptor) << round;
+    caller.is_cancelled_at_once = false;
+  }
+  close(fd);
+}
+
 TEST_F(CfgFault, TakesNoPartForTheFile) {
   fail_read = EIO;
   EXPECT_EQ(vorn_cfg_init(file), -1);
-  EXPECT_TRUE(capture::take_texts().front().starts_with("Read file failed, fd"));
+  EXPECT_TRUE(capture::take_lines().front().starts_with("E Read file failed, fd"));
   EXPECT_EQ(vorn_cfg_write_item_to_file(file, "s", "k", "new"), -1);
   EXPECT_EQ(vorn_cfg_file_addItem(file, "s", "n", "new"), -1);
   fail_read = 0;

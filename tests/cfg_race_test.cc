@@ -2,6 +2,7 @@
 #include "vorn_cfg.h"
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <functional>
@@ -12,8 +13,10 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -58,8 +61,8 @@ TEST_F(CfgRace, ProcessesLoseNoEdit) {
   }
 }
 
-// All lookups and setters, while the file is edited, registered again and dropped. Nobody may see
-// anything but a value that somebody wrote: the sanitizers watch the memory.
+// All lookups and setters, while the file is edited, registered again and dropped, and the process
+// forks. No thread may see a value that was not written: the sanitizers watch the memory.
 TEST_F(CfgRace, ReadersGoOnDuringEdits) {
   scratch::write_file(path, "[s]\nk=aaaa\n");
   ASSERT_EQ(vorn_cfg_init(file), 0);
@@ -86,6 +89,7 @@ TEST_F(CfgRace, ReadersGoOnDuringEdits) {
         vorn_cfg_destroy();
         vorn_cfg_init(file);
       },
+      [&] { vorn_cfg_file_setItemValue(file, "s", "k", "a"); },
   };
   {
     std::vector<std::jthread> threads;
@@ -100,10 +104,66 @@ TEST_F(CfgRace, ReadersGoOnDuringEdits) {
       EXPECT_EQ(vorn_cfg_file_addItem(file, "t", "l", "x"), 0);
       EXPECT_EQ(vorn_cfg_file_delSection(file, "t"), 0);
     }
+    bool is_well = true; // a child that hangs is not followed by others
+    for (int i = 0; i < 200 && is_well; ++i) {
+      is_well = run_in_child([&] {
+                  char value[64];
+                  if (vorn_cfg_init(file) != 0) return 1;
+                  if (vorn_cfg_getItemValue_ex(file, "s", "k", value, sizeof value) != 0) return 2;
+                  return vorn_cfg_file_setItemValue(file, "s", "k", "b") == 0 ? 0 : 3;
+                }) == 0;
+    }
+    EXPECT_TRUE(is_well);
     stop = true;
   }
   EXPECT_EQ(strange, 0);
   EXPECT_EQ(g_stCfgRwlock.word, 0);
+  vorn_cfg_destroy();
+}
+
+TEST_F(CfgRace, ReadersLetWritersIn) {
+  scratch::write_file(path, "[s]\nk=1\nlong=" + std::string(60000, 'v'));
+  ASSERT_EQ(vorn_cfg_init(file), 0);
+  constexpr int kReaders = 8;
+  std::atomic<int> readers{0};
+  std::atomic<bool> stop{false};
+  std::chrono::steady_clock::duration time{};
+  run_threads(kReaders + 1, [&](int thread) {
+    char value[65536];
+    if (thread != 0) ++readers;
+    while (thread != 0 && !stop)
+      vorn_cfg_getItemValue("s", "long", value, sizeof value);
+    if (thread != 0) return;
+    while (readers < kReaders)
+      std::this_thread::yield();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i)
+      vorn_cfg_setItemValue("s", "k", "2");
+    time = std::chrono::steady_clock::now() - start;
+    stop = true;
+  });
+  EXPECT_LT(time, std::chrono::seconds(1));
+
+  // A thread that holds the lock looks up while a writer waits; no reader waits for one that is
+  // gone.
+  const pid_t parent = getpid();
+  vorn_rwlock_read_lock(&g_stCfgRwlock);
+  std::thread writer([] { vorn_cfg_setItemValue("s", "k", "3"); });
+  usleep(20000);
+  char value[64];
+  EXPECT_EQ(vorn_cfg_getItemValue("s", "k", value, sizeof value), 0);
+  EXPECT_STREQ(value, "2");
+  const auto look_up_at_once = [&] {
+    vorn_rwlock_read_unlock(&g_stCfgRwlock);
+    if (getpid() == parent) writer.join();
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 200; ++i)
+      vorn_cfg_getItemValue("s", "k", value, sizeof value);
+    return std::chrono::steady_clock::now() - start < std::chrono::seconds(1) ? 0 : 1;
+  };
+  EXPECT_EQ(run_in_child(look_up_at_once), 0);
+  EXPECT_EQ(look_up_at_once(), 0);
+  EXPECT_STREQ(value, "3");
   vorn_cfg_destroy();
 }
 

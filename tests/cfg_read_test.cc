@@ -94,10 +94,10 @@ TEST(CfgParse, RefusesWhatIsNoFile) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string &path : {directory / "none", directory.path(), fifo}) {
     EXPECT_EQ(vorn_cfg_init(path.c_str()), -1);
-    EXPECT_EQ(capture::take_texts().back(), "Parse config file " + path + " failed.");
+    EXPECT_EQ(capture::take_lines().back(), "Parse config file " + path + " failed.");
   }
   EXPECT_EQ(vorn_cfg_init(std::string(256, 'p').c_str()), -1);
-  EXPECT_EQ(capture::take_texts().front(), "File name length too long.");
+  EXPECT_EQ(capture::take_lines().front(), "E File name length too long.");
 }
 
 TEST(CfgText, KeepsWhatCanBePrinted) {
@@ -141,7 +141,7 @@ TEST_F(CfgRegistry, CountsReferences) {
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
   EXPECT_NO_RECORD();
   EXPECT_EQ(get(a, "k"), "-1");
-  EXPECT_EQ(capture::take_texts().at(0), "Can not find file " + a + ".");
+  EXPECT_EQ(capture::take_lines().at(0), "E Can not find file " + a + ".");
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
   EXPECT_EQ(vorn_cfg_destroy_ex(nullptr), 0);
 }

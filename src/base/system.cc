@@ -138,6 +138,10 @@ int sync(int fd) {
   return uninterrupted([=] { return fsync(fd); });
 }
 
+int ioctl(int fd, unsigned long request, void *argument) {
+  return uncancelled([=] { return ::ioctl(fd, request, argument); });
+}
+
 ssize_t receive(int socket, void *buffer, std::size_t size, int flags) {
   return uninterrupted([=] { return recv(socket, buffer, size, flags); });
 }

@@ -47,6 +47,7 @@ ssize_t pread(int fd, void *buffer, std::size_t size, off_t position);
 ssize_t write(int fd, const void *buffer, std::size_t size);
 bool write_all(int fd, const void *buffer, std::size_t size);
 int sync(int fd);
+int ioctl(int fd, unsigned long request, void *argument); // not repeated after a signal
 
 ssize_t receive(int socket, void *buffer, std::size_t size, int flags);
 ssize_t send(int socket, const msghdr &message, int flags);

@@ -1,7 +1,7 @@
 // The registry of parsed files. Order of locks: the registry's, then a file's. A file that a thread
 // has found under the registry's lock stays until that thread has taken the file's own lock, and
-// while it holds that: whoever takes a file out of the registry waits for the file's lock before
-// freeing it, and nobody waits for that lock without holding the registry's.
+// while it holds that: a thread that takes a file out of the registry waits for the file's lock
+// before freeing it, and none waits for that lock without holding the registry's.
 #include "vorn_cfg.h"
 
 #include <cstring>
@@ -17,6 +17,7 @@
 #include "cfg/vorn_cfg_registry.hpp"
 #include "cfg/vorn_cfg_text.hpp"
 #include "list/vorn_list.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 namespace {
@@ -59,7 +60,7 @@ FileNode unlink_file(vorn_cfg_file_node_s *file) {
 // Replaces the registered file of the same path, or is the first.
 void register_file(FileNode file) {
   FileNode old; // goes after the registry's lock
-  WriteGuard registry(g_stCfgRwlock);
+  RegistryWriteGuard registry;
   vorn_cfg_file_node_s *registered = find_file(file->path);
   file->reference_count = 1;
   if (registered != nullptr) {
@@ -69,10 +70,10 @@ void register_file(FileNode file) {
   link_file(file.release());
 }
 
-// A copy for a setter, with what copying gave; null after a record when memory runs out.
-Text copy_value(const char *function, const char *value, int *error) {
+// A copy for a setter, with what copying gave; null after an error message when memory runs out.
+mem::Block copy_value(const char *function, const char *value, int *error) {
   const std::size_t size = std::strlen(value) + 1;
-  Text copy(static_cast<char *>(allocate(size, function)));
+  mem::Block copy = mem::allocate_block(size, function);
   if (copy == nullptr) {
     VORN_LOG_AS(function, kError, "Alloc needed item memory fail, size(%u).",
                 static_cast<unsigned int>(size));
@@ -93,7 +94,7 @@ int give_too_small(const char *function, unsigned int size, std::size_t actual) 
 unsigned long update_file(vorn_cfg_file_node_s *file) {
   index_build(file);
   FileNode old; // goes after the registry's lock
-  const WriteGuard registry(g_stCfgRwlock);
+  const RegistryWriteGuard registry;
   vorn_cfg_file_node_s *registered = find_file(file->path);
   if (registered == nullptr) {
     index_drop(file);
@@ -106,7 +107,7 @@ unsigned long update_file(vorn_cfg_file_node_s *file) {
 }
 
 bool is_latest(unsigned long registration) {
-  const ReadGuard registry(g_stCfgRwlock);
+  const RegistryReadGuard registry;
   return registrations == registration;
 }
 
@@ -121,12 +122,13 @@ void read_again(const char *path) {
 
 } // namespace vorn::cfg
 
+using namespace vorn::cfg;
+
 vorn_rwlock_s g_stCfgRwlock = VORN_RWLOCK_INIT;
 
 int vorn_cfg_init(const char *path) { return vorn_cfg_init_ex(path); }
 
 int vorn_cfg_init_ex(const char *path) {
-  using namespace vorn::cfg;
   if (path == nullptr) {
     VORN_LOG(vorn::kInfo, "Input File is NULL pointer.");
     return -1;
@@ -145,37 +147,38 @@ int vorn_cfg_init_ex(const char *path) {
 }
 
 int vorn_cfg_destroy() {
-  using namespace vorn::cfg;
-  WriteGuard registry(g_stCfgRwlock);
+  RegistryWriteGuard registry;
   while (vorn_list_head_s *link = vorn_list_first(&vorn_cfg_file_list))
     unlink_file(file_of(link));
   return 0;
 }
 
 int vorn_cfg_destroy_ex(const char *path) {
-  using namespace vorn::cfg;
   if (path == nullptr) return 0;
   FileNode old; // goes after the registry's lock
-  WriteGuard registry(g_stCfgRwlock);
+  RegistryWriteGuard registry;
   vorn_cfg_file_node_s *file = find_file(path);
   if (file != nullptr && --file->reference_count == 0) old = unlink_file(file);
   return 0;
 }
 
 int vorn_cfg_getItemValue(const char *section, const char *item, char *buf, unsigned int size) {
-  using namespace vorn::cfg;
   if (section == nullptr || item == nullptr || size == 0) {
     VORN_LOG(vorn::kInfo, "Invalid SectionName or ItemName or size in getItemValue.");
     return -1;
   }
   {
-    const ReadGuard registry(g_stCfgRwlock);
+    RegistryReadGuard registry;
     for (auto *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
-      const ReadGuard hold(file->lock);
+      ReadGuard hold(file->lock);
       const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
       if (found == nullptr) continue;
       const std::string_view value = found->value;
-      if (size < value.size() + 1) return give_too_small(__func__, size, value.size() + 1);
+      if (const std::size_t needed = value.size() + 1; size < needed) {
+        hold.release();
+        registry.release();
+        return give_too_small(__func__, size, needed);
+      }
       if (copy_text(buf, size, value) == 0) return 0;
     }
   }
@@ -186,18 +189,23 @@ int vorn_cfg_getItemValue(const char *section, const char *item, char *buf, unsi
 
 int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *item, char *buf,
                              unsigned int size) {
-  using namespace vorn::cfg;
   if (path == nullptr || section == nullptr || item == nullptr || buf == nullptr || size == 0)
     return VORN_FAIL(-1, "Invalid SectionName or ItemName or size in getItemValue_ex.");
-  ReadGuard registry(g_stCfgRwlock);
+  RegistryReadGuard registry;
   vorn_cfg_file_node_s *file = find_file(path);
-  if (file == nullptr) return VORN_FAIL(-1, "Can not find file %s.", path);
-  const ReadGuard hold(file->lock);
+  if (file == nullptr) {
+    registry.release();
+    return VORN_FAIL(-1, "Can not find file %s.", path);
+  }
+  ReadGuard hold(file->lock);
   registry.release();
   const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
   if (found == nullptr) return -1;
   const std::string_view value = found->value;
-  if (size < value.size() + 1) return give_too_small(__func__, size, value.size() + 1);
+  if (const std::size_t needed = value.size() + 1; size < needed) {
+    hold.release();
+    return give_too_small(__func__, size, needed);
+  }
   const int result = copy_text(buf, size, value);
   if (result == 0) return 0;
   return VORN_FAIL(-1, "Copy fail:%d, item size:%u, item value:%s.", result,
@@ -205,17 +213,16 @@ int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *
 }
 
 int vorn_cfg_setItemValue(const char *section, const char *item, const char *value) {
-  using namespace vorn::cfg;
   if (section == nullptr || item == nullptr || value == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
                      pointer(section), pointer(item), pointer(value));
   }
   int error = 0;
-  Text copy = copy_value(__func__, value, &error);
+  vorn::mem::Block copy = copy_value(__func__, value, &error);
   if (copy == nullptr) return -1;
   if (error != 0) return VORN_FAIL(-1, "strncpy_s failed, errno:%d", error);
 
-  const WriteGuard registry(g_stCfgRwlock);
+  const RegistryWriteGuard registry;
   for (auto *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
     const WriteGuard hold(file->lock);
     vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
@@ -228,29 +235,33 @@ int vorn_cfg_setItemValue(const char *section, const char *item, const char *val
 
 int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *item,
                              const char *value) {
-  using namespace vorn::cfg;
   if (path == nullptr || section == nullptr || item == nullptr || value == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, section:%p itemname:%p itemValue:%p",
                      pointer(section), pointer(item), pointer(value));
   }
   int error = 0;
-  Text copy = copy_value(__func__, value, &error);
+  vorn::mem::Block copy = copy_value(__func__, value, &error);
   if (copy == nullptr) return -1;
   if (error != 0) return VORN_FAIL(-1, "Can not do strncpy_s, errno (%d).", error);
 
-  WriteGuard registry(g_stCfgRwlock);
+  RegistryWriteGuard registry;
   vorn_cfg_file_node_s *file = find_file(path);
-  if (file == nullptr) return VORN_FAIL(-1, "Config file (%s) is no exist.", path);
-  const WriteGuard hold(file->lock);
+  if (file == nullptr) {
+    registry.release();
+    return VORN_FAIL(-1, "Config file (%s) is no exist.", path);
+  }
+  WriteGuard hold(file->lock);
   registry.release();
   vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
-  if (found == nullptr) return VORN_FAIL(-1, "Can not find item (%s) in file (%s).", item, path);
+  if (found == nullptr) {
+    hold.release();
+    return VORN_FAIL(-1, "Can not find item (%s) in file (%s).", item, path);
+  }
   replace_value(found, std::move(copy));
   return 0;
 }
 
 int vorn_cfg_updateFileNode(vorn_cfg_file_node_s *node) {
-  using namespace vorn::cfg;
   if (node == nullptr) return VORN_FAIL(-1, "Param is null.");
   return update_file(node) == kNotRegistered ? -1 : 0;
 }

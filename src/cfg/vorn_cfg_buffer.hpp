@@ -20,7 +20,7 @@ public:
     return put({name.empty() ? " " : name, "=", value, "\n"});
   }
 
-  const char *text() const { return text_; }
+  std::string_view view() const { return {text_, length_}; }
   std::size_t length() const { return length_; }
   std::size_t size() const { return size_; }
 

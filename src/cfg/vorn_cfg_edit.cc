@@ -9,10 +9,12 @@
 #include "cfg/vorn_cfg_node.hpp"
 #include "cfg/vorn_cfg_text.hpp"
 #include "list/vorn_list.hpp"
+#include "mem/owned.hpp"
+
+using namespace vorn::cfg;
 
 int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section, const char *item,
                            const char *value) {
-  using namespace vorn::cfg;
   if (node == nullptr || section == nullptr || item == nullptr || value == nullptr)
     return VORN_FAIL(-1, "Param is null.");
   if (holds_line_end(section) || holds_line_end(item) || holds_line_end(value))
@@ -37,7 +39,6 @@ int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section, cons
 
 int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section, const char *item,
                            const char *value) {
-  using namespace vorn::cfg;
   if (node == nullptr || section == nullptr || item == nullptr || value == nullptr)
     return VORN_FAIL(-1, "Param is null.");
   if (holds_line_end(value)) return VORN_FAIL(-1, "Section, item or value holds a line end.");
@@ -47,7 +48,7 @@ int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section, cons
     return VORN_FAIL(-1, "Set item failed.item(%s) is not exist in file(%s).", item, node->path);
   }
   const std::size_t size = std::strlen(value) + 1;
-  Text copy(static_cast<char *>(allocate(size)));
+  vorn::mem::Block copy = vorn::mem::allocate_block(size);
   if (copy == nullptr)
     return VORN_FAIL(-1, "Set item failed,malloc size:%d memory fail.", int_of(size));
   if (copy_text(copy.get(), size, value) != 0) return VORN_FAIL(-1, "Strcpy pItemValue fail.");
@@ -57,7 +58,6 @@ int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section, cons
 
 int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section, const char *item,
                            const char *) {
-  using namespace vorn::cfg;
   if (node == nullptr || section == nullptr || item == nullptr)
     return VORN_FAIL(-1, "Param is null.");
   const WriteGuard hold(node->lock);
@@ -78,7 +78,6 @@ int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section, cons
 
 int vorn_cfg_del_section_func(vorn_cfg_file_node_s *node, const char *section, const char *,
                               const char *) {
-  using namespace vorn::cfg;
   if (node == nullptr || section == nullptr) return VORN_FAIL(-1, "Param is null.");
   const WriteGuard hold(node->lock);
   vorn_cfg_section_node_s *found = vorn_cfg_find_section_node(section, node);

@@ -4,64 +4,60 @@
 #include <fcntl.h>
 
 #include "base/log.hpp"
-#include "base/unique_fd.hpp"
+#include "cfg/vorn_cfg_io.hpp"
 #include "vorn_cfg.h"
-#include "vorn_fileops.h"
 
+namespace vorn::cfg {
 namespace {
 
-// Invalid after a record in the name of function, which begins with verb.
-vorn::UniqueFd open_to_edit(const char *function, const char *verb, const char *path) {
-  vorn::UniqueFd fd(vorn_open(path, O_RDWR | O_CLOEXEC, 0));
-  if (fd) return fd;
-  const int error = errno;
-  VORN_LOG_AS(function, vorn::kError, "%s file<%s> failed, errno<%d>", verb, path, error);
-  return fd;
+constexpr int kNotOpened = -1;
+constexpr int kNotEdited = 1;
+
+// 0; kNotOpened after an error message in the name of function, which begins with verb; or
+// kNotEdited.
+int edit(const char *function, const char *verb, vorn_cfg_oper_param_s param,
+         vorn_cfg_edit_f procedure) {
+  const UniqueFd fd = open_file(param.path, O_RDWR);
+  if (!fd) {
+    return VORN_FAIL_AS(function, kNotOpened, "%s file<%s> failed, errno<%d>", verb, param.path,
+                        errno);
+  }
+  return vorn_cfg_file_writeOperate(fd.get(), &param, procedure) == 0 ? 0 : kNotEdited;
 }
 
 } // namespace
+} // namespace vorn::cfg
+
+using namespace vorn::cfg;
 
 int vorn_cfg_file_addItem(const char *path, const char *section, const char *item,
                           const char *value) {
   if (path == nullptr || section == nullptr || item == nullptr || value == nullptr)
     return VORN_FAIL(-1, "Param is null.");
-  const vorn::UniqueFd fd = open_to_edit(__func__, "Open", path);
-  if (!fd) return fd.get();
-  vorn_cfg_oper_param_s param{path, section, item, value};
-  if (vorn_cfg_file_writeOperate(fd.get(), &param, vorn_cfg_add_item_func) != 0)
-    return VORN_FAIL(-1, "Exec write operate failed.");
-  return 0;
+  const int result = edit(__func__, "Open", {path, section, item, value}, vorn_cfg_add_item_func);
+  return result == kNotEdited ? VORN_FAIL(-1, "Exec write operate failed.") : result;
 }
 
 int vorn_cfg_file_delItem(const char *path, const char *section, const char *item) {
   if (path == nullptr || section == nullptr || item == nullptr)
     return VORN_FAIL(-1, "Param is null.");
-  const vorn::UniqueFd fd = open_to_edit(__func__, "Open", path);
-  if (!fd) return fd.get();
-  vorn_cfg_oper_param_s param{path, section, item, nullptr};
-  if (vorn_cfg_file_writeOperate(fd.get(), &param, vorn_cfg_del_item_func) != 0)
-    return VORN_FAIL(-1, "Exec write operate to del item failed.");
-  return 0;
+  const int result = edit(__func__, "Open", {path, section, item, nullptr}, vorn_cfg_del_item_func);
+  return result == kNotEdited ? VORN_FAIL(-1, "Exec write operate to del item failed.") : result;
 }
 
 int vorn_cfg_file_delSection(const char *path, const char *section) {
   if (path == nullptr || section == nullptr) return VORN_FAIL(-1, "Param is null.");
-  const vorn::UniqueFd fd = open_to_edit(__func__, "Open", path);
-  if (!fd) return fd.get();
-  vorn_cfg_oper_param_s param{path, section, nullptr, nullptr};
-  if (vorn_cfg_file_writeOperate(fd.get(), &param, vorn_cfg_del_section_func) != 0)
-    return VORN_FAIL(-1, "Exec write operate to del section<%s> failed.", section);
-  return 0;
+  const int result =
+      edit(__func__, "Open", {path, section, nullptr, nullptr}, vorn_cfg_del_section_func);
+  if (result != kNotEdited) return result;
+  return VORN_FAIL(-1, "Exec write operate to del section<%s> failed.", section);
 }
 
 int vorn_cfg_file_setItemValue(const char *path, const char *section, const char *item,
                                const char *value) {
   if (path == nullptr || section == nullptr || item == nullptr || value == nullptr)
     return VORN_FAIL(-1, "param is null.");
-  const vorn::UniqueFd fd = open_to_edit(__func__, "open", path);
-  if (!fd) return fd.get();
-  vorn_cfg_oper_param_s param{path, section, item, value};
-  if (vorn_cfg_file_writeOperate(fd.get(), &param, vorn_cfg_set_item_func) != 0)
-    return VORN_FAIL(-1, "exec write operate to set item value failed.");
-  return 0;
+  const int result = edit(__func__, "open", {path, section, item, value}, vorn_cfg_set_item_func);
+  return result == kNotEdited ? VORN_FAIL(-1, "exec write operate to set item value failed.")
+                              : result;
 }

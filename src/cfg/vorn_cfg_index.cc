@@ -4,7 +4,7 @@
 #include <cstring>
 #include <utility>
 
-#include "cfg/vorn_cfg_text.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 namespace {
@@ -66,7 +66,7 @@ Slot *probe(const Index &index, std::uint64_t hash, std::string_view name) {
 }
 
 Slot *new_slots(std::uint32_t size) {
-  auto *slots = static_cast<Slot *>(allocate(size * sizeof(Slot)));
+  auto *slots = static_cast<Slot *>(mem::allocate(size * sizeof(Slot)));
   if (slots != nullptr) std::memset(static_cast<void *>(slots), 0, size * sizeof(Slot));
   return slots;
 }
@@ -114,14 +114,10 @@ vorn_cfg_item_node_s *item_of(char *name) {
 } // namespace
 
 void index_start(vorn_cfg_file_node_s *node) {
-  auto *index = static_cast<Index *>(allocate(sizeof(Index)));
+  mem::Owned<Index> index = mem::create<Index>();
   if (index == nullptr) return;
   *index = {new_slots(kFirstSize), kFirstSize, 0};
-  if (index->slots == nullptr) {
-    vorn_free(index);
-    return;
-  }
-  node->index = index;
+  if (index->slots != nullptr) node->index = index.release();
 }
 
 void index_drop(vorn_cfg_file_node_s *node) {

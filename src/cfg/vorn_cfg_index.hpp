@@ -31,7 +31,7 @@ void index_start(vorn_cfg_file_node_s *node);
 // Gives node, whatever it holds, an index, if there is memory.
 void index_build(vorn_cfg_file_node_s *node);
 
-// Before someone else may change the lists.
+// Before a caller may change the lists.
 void index_drop(vorn_cfg_file_node_s *node);
 
 // The lookups; null when there is no such name. node has an index.

@@ -1,3 +1,4 @@
+// Keeps the items of a file that is parsed in a node.
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 
@@ -10,7 +11,7 @@ namespace vorn::cfg {
 namespace {
 
 bool vorn_cfg_check_param(const char *section, const Item &item) {
-  if (section == nullptr || item.name.data() == nullptr || item.value.data() == nullptr)
+  if (section == nullptr || item.name.c_str() == nullptr || item.value.c_str() == nullptr)
     return VORN_FAIL(false, "Null pointer found, section or item.");
   if (std::strlen(section) >= kNameSize) return VORN_FAIL(false, "Section name length too long.");
   if (item.name.size() >= kNameSize) return VORN_FAIL(false, "Item name length too long.");
@@ -42,7 +43,8 @@ bool keep(vorn_cfg_file_node_s *node, const char *section_name, const Item &item
 int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item,
                        void *context) {
   if (keep(node, section, item)) return kContinue;
-  VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name.data(), item.value.data());
+  VORN_LOG(kError, "Set config [%s] : %s = %s fail.", section, item.name.c_str(),
+           item.value.c_str());
   if (context != nullptr) *static_cast<bool *>(context) = false;
   return kContinue;
 }

@@ -5,20 +5,13 @@
 #include <cstring>
 #include <utility>
 
-#include "vorn_fileops.h"
+#include "cfg/vorn_cfg_io.hpp"
 
 namespace vorn::cfg {
 namespace {
 
 constexpr std::size_t kBlock = 65536; // that is read at once
 constexpr std::size_t kGrowth = 8;
-
-ssize_t read_some(int fd, char *to, std::size_t count) {
-  for (;;) {
-    const ssize_t got = vorn_read(fd, to, count);
-    if (got >= 0 || errno != EINTR) return got;
-  }
-}
 
 std::size_t without_carriage_returns(char *text, std::size_t length) {
   if (std::memchr(text, '\r', length) == nullptr) return length;
@@ -30,7 +23,7 @@ std::size_t without_carriage_returns(char *text, std::size_t length) {
 // Most files need no more than the first buffer. Called while what has been read begins it.
 bool Lines::grow() {
   const std::size_t room = std::min(limit_, room_ == 0 ? kBlock : room_ * kGrowth);
-  Text buffer(static_cast<char *>(allocate(room + 1)));
+  mem::Block buffer = mem::allocate_block(room + 1);
   if (buffer == nullptr) {
     missing_ = room + 1;
     return false;
@@ -41,7 +34,7 @@ bool Lines::grow() {
   return true;
 }
 
-// Reads more behind what is there. False at the end of the file, where the line fills its limit,
+// Reads more after what is there. False at the end of the file, where the line fills its limit,
 // and on failure.
 bool Lines::fill() {
   if (begin_ != 0) std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
@@ -49,14 +42,14 @@ bool Lines::fill() {
   begin_ = 0;
   if (end_ == limit_ || (end_ == room_ && !grow())) return false;
   char *to = buffer_.get() + end_;
-  const ssize_t got = read_some(fd_, to, std::min(kBlock, room_ - end_));
+  const ssize_t got = read_file(fd_, to, std::min(kBlock, room_ - end_));
   if (got < 0) error_ = errno;
   ended_ = got <= 0;
   if (!ended_) end_ += without_carriage_returns(to, static_cast<std::size_t>(got));
   return !ended_;
 }
 
-// Where the first line's feed is, or what comes behind a line that has none: the last of a file, or
+// Where the first line's feed is, or what comes after a line that has none: the last of a file, or
 // one at its limit.
 std::size_t Lines::find_end() {
   std::size_t scanned = begin_; // no feed before
@@ -75,7 +68,7 @@ bool Lines::next(Line *line) {
   if (error_ != 0 || missing_ != 0 || begin_ == end_) return false;
   char *text = buffer_.get() + begin_;
   buffer_.get()[end] = '\0';
-  begin_ = std::min(end + 1, end_); // behind the feed, if there is one
+  begin_ = std::min(end + 1, end_); // after the feed, if there is one
   *line = {text, std::strlen(text)};
   return true;
 }

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "cfg/vorn_cfg_text.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 
@@ -34,10 +34,10 @@ private:
   int fd_;
   std::size_t limit_;
   std::size_t missing_ = 0;
-  Text buffer_;
+  mem::Block buffer_;
   std::size_t room_ = 0;  // in the buffer, beside a NUL
   std::size_t begin_ = 0; // of what has been read and not handed out
-  std::size_t end_ = 0;   // behind it
+  std::size_t end_ = 0;   // of what has been read
   bool ended_ = false;
   int error_ = 0;
 };

@@ -1,26 +1,123 @@
+// How the engine's locks are waited for.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_lock.hpp"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <ctime>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
+#include "base/fork_gate.hpp"
 #include "base/log.hpp"
-#include "vorn_fileops.h"
+#include "base/system.hpp"
+#include "base/timespec.hpp"
+#include "cfg/vorn_cfg_io.hpp"
+#include "vorn_cfg.h"
 
 namespace vorn::cfg {
 namespace {
 
-// Waits, whatever signals come. The result is 0 or an errno.
-int lock_file(int fd, int operation) {
-  while (flock(fd, operation) != 0) {
-    if (errno != EINTR) return errno;
+constexpr int kAttempts = 10; // before a sleep
+constexpr timespec kSleep{0, 1000};
+constexpr std::uint64_t kWritersTurn = 10'000'000; // nanoseconds
+
+// How many threads wait to write to the registry. It is advice and guards nothing: relaxed.
+constinit std::atomic<int> waiting_writers{0};
+
+// Those that waited in the parent are not in the child.
+const ForkChild forget_writers{[] { waiting_writers.store(0, std::memory_order_relaxed); }};
+
+// As vorn_rwlock_write_lock_mayblock takes the lock; acquires what earlier holders wrote.
+bool try_write_lock(vorn_rwlock_s *lock) {
+  std::int64_t free = 0;
+  return atomic_word(lock->word)
+      .compare_exchange_strong(free, INT64_MIN, std::memory_order_acquire,
+                               std::memory_order_relaxed);
+}
+
+// Inside the gate afterwards where an attempt succeeds.
+template <class Attempt> bool succeeds_in_a_round(Attempt attempt) {
+  enter_fork_gate();
+  for (int i = 0; i < kAttempts; ++i) {
+    if (attempt()) return true;
+    arch::pause();
   }
-  return 0;
+  leave_fork_gate();
+  return false;
+}
+
+template <class Attempt> void wait_for(Attempt attempt) {
+  while (!succeeds_in_a_round(attempt))
+    sys::sleep(kSleep);
+}
+
+std::uint64_t now() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return nanoseconds(time);
+}
+
+vorn_rwlock_s &after_writers(vorn_rwlock_s &lock) {
+  if (waiting_writers.load(std::memory_order_relaxed) == 0) return lock;
+  const std::uint64_t end = now() + kWritersTurn;
+  do
+    sys::sleep(kSleep);
+  while (waiting_writers.load(std::memory_order_relaxed) != 0 && now() < end);
+  return lock;
+}
+
+vorn_rwlock_s &announced(vorn_rwlock_s &lock) {
+  waiting_writers.fetch_add(1, std::memory_order_relaxed);
+  return lock;
+}
+
+// Waits, whatever signals come. False with errno.
+bool lock_file(int fd, int operation) {
+  return uninterrupted([=] { return flock(fd, operation); }) == 0;
+}
+
+// Invalid with errno when path cannot be opened.
+UniqueFd open_locked(const char *path, int flags, mode_t mode) {
+  for (;;) {
+    UniqueFd fd = open_file(path, flags, mode);
+    if (!fd) return fd;
+    vorn_cfg_file_lock(fd.get());
+    if (is_named(path, fd.get())) return fd;
+  }
 }
 
 } // namespace
+
+ReadGuard::ReadGuard(vorn_rwlock_s &lock) : lock_(&lock) {
+  wait_for([this] { return vorn_rwlock_try_read_lock(lock_) != 0; });
+}
+
+void ReadGuard::release() {
+  if (lock_ == nullptr) return;
+  vorn_rwlock_read_unlock(std::exchange(lock_, nullptr));
+  leave_fork_gate();
+}
+
+WriteGuard::WriteGuard(vorn_rwlock_s &lock) : lock_(&lock) {
+  wait_for([this] { return try_write_lock(lock_); });
+}
+
+void WriteGuard::release() {
+  if (lock_ == nullptr) return;
+  vorn_rwlock_write_unlock(std::exchange(lock_, nullptr));
+  leave_fork_gate();
+}
+
+RegistryReadGuard::RegistryReadGuard() : hold_(after_writers(g_stCfgRwlock)) {}
+
+RegistryWriteGuard::RegistryWriteGuard() : hold_(announced(g_stCfgRwlock)) {
+  waiting_writers.fetch_sub(1, std::memory_order_relaxed);
+}
 
 bool is_named(const char *path, int fd) {
   struct stat named;
@@ -29,21 +126,15 @@ bool is_named(const char *path, int fd) {
          named.st_ino == opened.st_ino;
 }
 
-UniqueFd open_locked(const char *path, int flags, unsigned int mode) {
-  for (;;) {
-    UniqueFd fd(vorn_open(path, flags, mode));
-    if (!fd) return fd;
-    vorn_cfg_file_lock(fd.get());
-    if (is_named(path, fd.get())) return fd;
-  }
-}
+PathLock::PathLock(const char *path, int flags, mode_t mode)
+    : own_(open_locked(path, flags, mode)), fd_(own_.get()) {}
 
 // A lock that protects nothing is not kept while waiting for another.
 PathLock::PathLock(const char *path, int fd) : fd_(fd) {
   vorn_cfg_file_lock(fd);
   if (is_named(path, fd)) return;
   vorn_cfg_file_unlock(fd);
-  own_ = open_locked(path, O_RDWR | O_NONBLOCK | O_CLOEXEC, 0);
+  own_ = open_locked(path, O_RDWR | O_NONBLOCK, 0);
   fd_ = own_.get();
 }
 
@@ -52,13 +143,11 @@ PathLock::~PathLock() {
 }
 
 void vorn_cfg_file_lock(int fd) {
-  const int error = lock_file(fd, LOCK_EX);
-  if (error != 0) VORN_LOG(kInfo, "Add flock failed, errno = %d", error);
+  if (!lock_file(fd, LOCK_EX)) VORN_LOG(kInfo, "Add flock failed, errno = %d", errno);
 }
 
 void vorn_cfg_file_unlock(int fd) {
-  const int error = lock_file(fd, LOCK_UN);
-  if (error != 0) VORN_LOG(kInfo, "Down flock failed, errno = %d", error);
+  if (!lock_file(fd, LOCK_UN)) VORN_LOG(kInfo, "Down flock failed, errno = %d", errno);
 }
 
 } // namespace vorn::cfg

@@ -1,26 +1,30 @@
-// The two kinds of locks: of parsed files in memory, and of files on disk.
+// The three kinds of locks: of the registry, of parsed files in memory, and of files on disk.
 #ifndef VORN_CFG_LOCK_HPP
 #define VORN_CFG_LOCK_HPP
 
+#include <sys/types.h>
 #include <utility>
 
+#include "base/cancellation_off.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_rwlock.h"
 
 namespace vorn::cfg {
 
-// A holder may be freeing or writing out a whole file, or be preempted: waiters sleep in between.
+// In memory. A holder may be freeing or writing out a whole file, or be preempted: waiters sleep in
+// between. A holder is inside the fork gate, a waiter is not: the thread that forks may be the one
+// that it waits for.
+
 class ReadGuard {
 public:
-  explicit ReadGuard(vorn_rwlock_s &lock) : lock_(&lock) { vorn_rwlock_read_lock_mayblock(lock_); }
+  explicit ReadGuard(vorn_rwlock_s &lock);
   ReadGuard(const ReadGuard &) = delete;
   ReadGuard &operator=(const ReadGuard &) = delete;
   ~ReadGuard() { release(); }
 
-  // Before the end of the scope: from the registry's lock to the file's, hand over hand.
-  void release() {
-    if (lock_ != nullptr) vorn_rwlock_read_unlock(std::exchange(lock_, nullptr));
-  }
+  // Before the end of the scope: from the registry's lock to the file's, hand over hand, and before
+  // a log message, which may take its time.
+  void release();
 
 private:
   vorn_rwlock_s *lock_;
@@ -28,52 +32,73 @@ private:
 
 class WriteGuard {
 public:
-  explicit WriteGuard(vorn_rwlock_s &lock) : lock_(&lock) {
-    vorn_rwlock_write_lock_mayblock(lock_);
-  }
+  explicit WriteGuard(vorn_rwlock_s &lock);
   WriteGuard(const WriteGuard &) = delete;
   WriteGuard &operator=(const WriteGuard &) = delete;
   ~WriteGuard() { release(); }
 
-  void release() {
-    if (lock_ != nullptr) vorn_rwlock_write_unlock(std::exchange(lock_, nullptr));
-  }
+  void release();
 
 private:
   vorn_rwlock_s *lock_;
 };
 
+// The registry's lock, g_stCfgRwlock. Its readers enter whenever no writer holds it, so the
+// registry's own readers let the registry's writers that wait go first: outside the lock's word,
+// and not for long, since a reader may be called by a thread that holds the lock for reading
+// already. The thread is not cancelled while a guard exists.
+
+class RegistryReadGuard {
+public:
+  RegistryReadGuard();
+
+  void release() { hold_.release(); }
+
+private:
+  const CancellationOff off_;
+  ReadGuard hold_;
+};
+
+class RegistryWriteGuard {
+public:
+  RegistryWriteGuard();
+
+  void release() { hold_.release(); }
+
+private:
+  const CancellationOff off_;
+  WriteGuard hold_;
+};
+
 // Whether path names the open file.
 bool is_named(const char *path, int fd);
 
-// Editors of a file hold its exclusive flock(2). A rename may take the path from the file while
-// they wait for it, and a lock on a file that has no name any more keeps nobody out: so whoever has
-// got the lock checks that the path still names the file, and otherwise opens and locks again.
-
-// Opens path, made with mode where flags say so, and locks it. Invalid with errno when it cannot be
-// opened. Closing it releases the lock.
-UniqueFd open_locked(const char *path, int flags, unsigned int mode);
-
-// The lock on the file that path names: through a descriptor of the caller's where that is the same
-// file, else through one of its own.
+// The lock on the file that path names: editors of a file hold its exclusive flock(2). A rename may
+// take the path from the file while they wait for it, and a lock on a file that has no name any
+// more keeps nobody out: an editor that has got the lock checks that the path still names the file,
+// and otherwise opens and locks again. The thread is not cancelled while the object exists.
 class PathLock {
 public:
+  // Through a descriptor of its own, with these flags; the file is made with mode where they say
+  // so.
+  PathLock(const char *path, int flags, mode_t mode);
+  // Through a descriptor of the caller's where that is the same file, else through one of its own.
   PathLock(const char *path, int fd);
   PathLock(const PathLock &) = delete;
   PathLock &operator=(const PathLock &) = delete;
   ~PathLock();
 
-  explicit operator bool() const {
-    return fd_ >= 0;
-  } // false: path cannot be opened, errno says why
+  // False: path cannot be opened, errno says why.
+  explicit operator bool() const { return fd_ >= 0; }
   int fd() const { return fd_; }
 
 private:
+  const CancellationOff off_;
   UniqueFd own_;
   int fd_;
 };
 
-// A failure is recorded; an edit goes on without the lock.
+// A failure is logged; an edit goes on without the lock.
 void vorn_cfg_file_lock(int fd);
 void vorn_cfg_file_unlock(int fd);
 

@@ -1,3 +1,4 @@
+// The nodes of a parsed file: made, linked, found and destroyed.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_node.hpp"
 
@@ -47,7 +48,7 @@ void free_section(vorn_cfg_section_node_s *section) {
 
 } // namespace
 
-// A head has no record around it of the kind that its nodes have: the links are all that can be
+// A head is not inside a structure of the kind that its nodes have: the links are all that can be
 // shown of both.
 void show_node(vorn_list_head_s *node) {
   VORN_LOG(kInfo, "cfg node:%p(%p,%p)", static_cast<void *>(node), static_cast<void *>(node->next),
@@ -65,41 +66,37 @@ void destroy_file_node(vorn_cfg_file_node_s *node) {
 
 vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name) {
   vorn_cfg_section_node_s *none = nullptr;
-  auto *section = static_cast<vorn_cfg_section_node_s *>(allocate(sizeof(vorn_cfg_section_node_s)));
+  auto section = mem::create<vorn_cfg_section_node_s>();
   if (section == nullptr) {
     return VORN_FAIL(none, "Alloc needed section memory fail, section node size (%u).",
                      static_cast<unsigned int>(sizeof *section));
   }
   vorn_list_poison(&section->link);
   vorn_list_init_head(&section->items);
-  if (copy_text(section->name, sizeof section->name, name) != 0) {
-    vorn_free(section);
+  if (copy_text(section->name, sizeof section->name, name) != 0)
     return VORN_FAIL(none, "Copy section name (%s) fail in new section node.", name);
-  }
-  return section;
+  return section.release();
 }
 
-vorn_cfg_item_node_s *vorn_cfg_new_item_node(std::string_view name, std::string_view value) {
+vorn_cfg_item_node_s *vorn_cfg_new_item_node(CStringView name, CStringView value) {
   vorn_cfg_item_node_s *none = nullptr;
-  auto *item = static_cast<vorn_cfg_item_node_s *>(allocate(sizeof(vorn_cfg_item_node_s)));
+  auto item = mem::create<vorn_cfg_item_node_s>();
   if (item == nullptr) {
     return VORN_FAIL(none, "Alloc needed item memory fail, item node size (%u).",
                      static_cast<unsigned int>(sizeof *item));
   }
   const std::size_t size = value.size() + 1;
-  item->value = static_cast<char *>(allocate(size));
-  if (item->value == nullptr) {
-    vorn_free(item);
+  mem::Block copy = mem::allocate_block(size);
+  if (copy == nullptr) {
     return VORN_FAIL(none, "Alloc needed item memory fail, size(%u).",
                      static_cast<unsigned int>(size));
   }
   vorn_list_poison(&item->link);
   if (copy_text(item->name, sizeof item->name, name) != 0 ||
-      copy_text(item->value, size, value) != 0) {
-    free_item(item);
-    return VORN_FAIL(none, "Copy item (%s=%s) fail in new item node.", name.data(), value.data());
-  }
-  return item;
+      copy_text(copy.get(), size, value) != 0)
+    return VORN_FAIL(none, "Copy item (%s=%s) fail in new item node.", name.c_str(), value.c_str());
+  item->value = copy.release();
+  return item.release();
 }
 
 // An index finds the old item while it enters the new one.
@@ -116,7 +113,7 @@ void append_section(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section
   index_enter_section(file, section);
 }
 
-void replace_value(vorn_cfg_item_node_s *item, Text value) {
+void replace_value(vorn_cfg_item_node_s *item, mem::Block value) {
   vorn_free(item->value);
   item->value = value.release();
 }
@@ -175,26 +172,21 @@ vorn_cfg_item_node_s *vorn_cfg_find_item_node(vorn_cfg_file_node_s *file, const 
 
 } // namespace vorn::cfg
 
+using namespace vorn::cfg;
+
 vorn_cfg_item_node_s *vorn_cfg_new_item_node_ex(const char *name, const char *value) {
-  using namespace vorn::cfg;
   vorn_cfg_item_node_s *none = nullptr;
   if (name == nullptr || value == nullptr) return VORN_FAIL(none, "Param is null.");
-  auto *item = static_cast<vorn_cfg_item_node_s *>(allocate(sizeof(vorn_cfg_item_node_s)));
+  auto item = vorn::mem::create<vorn_cfg_item_node_s>();
   if (item == nullptr) return VORN_FAIL(none, "Malloc item node failed.");
-  if (copy_text(item->name, sizeof item->name, name) != 0) {
-    vorn_free(item);
+  if (copy_text(item->name, sizeof item->name, name) != 0)
     return VORN_FAIL(none, "Strcpy pItemName failed.");
-  }
   const std::size_t size = std::strlen(value) + 1;
-  item->value = static_cast<char *>(allocate(size));
-  if (item->value == nullptr) {
-    vorn_free(item);
-    return VORN_FAIL(none, "Malloc item memory failed.");
-  }
-  if (copy_text(item->value, size, value) != 0) {
-    free_item(item);
+  vorn::mem::Block copy = vorn::mem::allocate_block(size);
+  if (copy == nullptr) return VORN_FAIL(none, "Malloc item memory failed.");
+  if (copy_text(copy.get(), size, value) != 0)
     return VORN_FAIL(none, "Strcpy_s pItemValue failed.");
-  }
+  item->value = copy.release();
   vorn_list_init_head(&item->link);
-  return item;
+  return item.release();
 }

@@ -1,10 +1,11 @@
-// The nodes of a parsed file. Whoever works on a file that others can reach holds its lock.
+// The nodes of a parsed file. A thread that works on a file that others can reach holds its lock.
 #ifndef VORN_CFG_NODE_HPP
 #define VORN_CFG_NODE_HPP
 
 #include <memory>
 
-#include "cfg/vorn_cfg_text.hpp"
+#include "base/c_string_view.hpp"
+#include "mem/owned.hpp"
 #include "vorn_cfg.h"
 
 namespace vorn::cfg {
@@ -12,8 +13,8 @@ namespace vorn::cfg {
 // The dump routine of all lists here.
 void show_node(vorn_list_head_s *node);
 
-// Destroys a file's content under its lock, which waits for those who still read it, and frees it.
-// Nobody can find the file any more.
+// Destroys a file's content under its lock, which waits for the threads that still read it, and
+// frees it. No thread can find the file any more.
 void destroy_file_node(vorn_cfg_file_node_s *node);
 
 struct DestroyFileNode {
@@ -21,17 +22,16 @@ struct DestroyFileNode {
 };
 using FileNode = std::unique_ptr<vorn_cfg_file_node_s, DestroyFileNode>;
 
-// A section or an item that is on no list yet; null after an error record. name and value end in a
-// NUL.
+// A section or an item that is on no list yet; null after an error message.
 vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name);
-vorn_cfg_item_node_s *vorn_cfg_new_item_node(std::string_view name, std::string_view value);
+vorn_cfg_item_node_s *vorn_cfg_new_item_node(CStringView name, CStringView value);
 
 // Appends item, in the place of one of the same name.
 void vorn_cfg_add_item_node(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section,
                             vorn_cfg_item_node_s *item);
 void append_section(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section);
 
-void replace_value(vorn_cfg_item_node_s *item, Text value);
+void replace_value(vorn_cfg_item_node_s *item, mem::Block value);
 
 // Unlink and free one node, or all below one.
 void remove_item(vorn_cfg_item_node_s *item);
@@ -44,7 +44,7 @@ vorn_cfg_section_node_s *vorn_cfg_find_section_node(const char *name, vorn_cfg_f
 vorn_cfg_item_node_s *find_item(const vorn_cfg_file_node_s *file,
                                 const vorn_cfg_section_node_s *section, const char *name);
 
-// An item of a file; a missing section is recorded.
+// An item of a file; a missing section is logged.
 vorn_cfg_item_node_s *vorn_cfg_find_item_node(vorn_cfg_file_node_s *file, const char *section,
                                               const char *name);
 

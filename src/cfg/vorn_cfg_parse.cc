@@ -1,20 +1,31 @@
+// The parser of files, line by line.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_parse.hpp"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
+#include <utility>
 
 #include "base/log.hpp"
 #include "base/unique_fd.hpp"
+#include "cfg/vorn_cfg_io.hpp"
 #include "cfg/vorn_cfg_lines.hpp"
-#include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_text.hpp"
-#include "vorn_fileops.h"
+#include "list/vorn_list.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 namespace {
+
+// The part of the line, which ends in a NUL then.
+CStringView c_string(const Line &line, std::string_view part) {
+  char *begin = line.text + (part.data() - line.text);
+  begin[part.size()] = '\0';
+  return {begin, part.size()};
+}
 
 // Takes the blanks off the end; those at the start stay, and count for nothing. False drops the
 // line.
@@ -26,65 +37,65 @@ bool vorn_cfg_trim_string(Line *line) {
   if (trimmed.size() < kLineMax) return true;
   VORN_LOG(kDebug,
            "The length (%d) of string (%s) is larger than limit (%d) when trim format of string.",
-           int_of(trimmed.size()), trimmed.data(), int_of(kLineMax));
+           int_of(trimmed.size()), c_string(*line, trimmed).c_str(), int_of(kLineMax));
   return false;
 }
 
-// Whether the line is a header: *name is what stands between its brackets then.
-bool vorn_cfg_is_section(const Line &line, std::string_view *name) {
+// What stands between the brackets of a header; nothing where the line is none.
+std::optional<CStringView> vorn_cfg_is_section(const Line &line) {
   const std::string_view text(line.text, line.length);
-  if (text.size() > kHeaderMax || !text.starts_with('[') || !text.ends_with(']')) return false;
-  *name = trim(text.substr(1, text.size() - 2));
-  if (vorn_cfg_check_name(*name)) return true;
+  if (text.size() > kHeaderMax || !text.starts_with('[') || !text.ends_with(']'))
+    return std::nullopt;
+  const std::string_view name = trim(text.substr(1, text.size() - 2));
+  if (vorn_cfg_check_name(name)) return c_string(line, name);
   VORN_LOG(kDebug, "The input string (%s) is not a section string.", line.text);
-  return false;
+  return std::nullopt;
 }
 
 // False drops the line.
-bool vorn_cfg_copy_section(char (&section)[kNameSize], std::string_view name) {
+bool vorn_cfg_copy_section(char (&section)[kNameSize], CStringView name) {
   if (copy_text(section, sizeof section, name) == 0) return true;
-  return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.data());
+  return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.c_str());
 }
 
 bool is_comment(const Line &line) {
   return line.length == 0 || line.text[0] == ';' || line.text[0] == '=';
 }
 
-// Splits the line at its first "=". False drops it.
-bool vorn_cfg_parse_item(const Line &line, Item *item) {
+// The line, split at its first "="; nothing drops it.
+std::optional<Item> vorn_cfg_parse_item(const Line &line) {
   const std::string_view text(line.text, line.length);
   const std::size_t equals = text.find('=');
-  if (equals == text.npos) return false;
+  if (equals == text.npos) return std::nullopt;
   const std::string_view key = trim(text.substr(0, equals));
   const std::string_view value = trim(text.substr(equals + 1));
   if (!vorn_cfg_check_name(key)) {
     VORN_LOG(kDebug, "The input string (%s) is not a valid config item.", line.text);
-    return false;
+    return std::nullopt;
   }
-  if (key.size() >= kNameSize) return false;
-  line.text[key.data() + key.size() - line.text] = '\0';
-  *item = {key, value};
-  if (value.size() < kValueSize) return true;
-  return VORN_FAIL(false, "copy item (%s=%s) fail in parse item.", key.data(), value.data());
+  if (key.size() >= kNameSize) return std::nullopt;
+  const Item item{c_string(line, key), c_string(line, value)};
+  if (value.size() < kValueSize) return item;
+  VORN_LOG(kError, "copy item (%s=%s) fail in parse item.", item.name.c_str(), item.value.c_str());
+  return std::nullopt;
 }
 
 // Parses one line; section is the current one.
 int parse_line(Line *line, char (&section)[kNameSize], vorn_cfg_file_node_s *node,
                ItemFunction function, void *context) {
   if (line->length == 0 || !vorn_cfg_trim_string(line)) return kContinue;
-  std::string_view name;
-  if (vorn_cfg_is_section(*line, &name)) {
-    vorn_cfg_copy_section(section, name);
+  if (const auto name = vorn_cfg_is_section(*line)) {
+    vorn_cfg_copy_section(section, *name);
     return kContinue;
   }
-  Item item;
-  if (is_comment(*line) || !vorn_cfg_parse_item(*line, &item)) return kContinue;
-  return function(node, section, item, context);
+  if (is_comment(*line)) return kContinue;
+  const auto item = vorn_cfg_parse_item(*line);
+  return item ? function(node, section, *item, context) : kContinue;
 }
 
 FileNode new_file_node(const char *function, const char *path) {
   FileNode node(
-      static_cast<vorn_cfg_file_node_s *>(allocate(sizeof(vorn_cfg_file_node_s), function)));
+      static_cast<vorn_cfg_file_node_s *>(mem::allocate(sizeof(vorn_cfg_file_node_s), function)));
   if (node == nullptr) {
     VORN_LOG_AS(function, kError, "Alloc needed filenode memory fail, filenode size (%u).",
                 static_cast<unsigned int>(sizeof(vorn_cfg_file_node_s)));
@@ -100,10 +111,10 @@ FileNode new_file_node(const char *function, const char *path) {
   return node;
 }
 
-// A FIFO would keep a reader for ever and a directory cannot be read: both count as not opened,
+// A FIFO would keep a reader forever and a directory cannot be read: both count as not opened,
 // with errno set.
 UniqueFd open_to_read(const char *path) {
-  UniqueFd fd(vorn_open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0));
+  UniqueFd fd = open_file(path, O_RDONLY | O_NONBLOCK);
   struct stat status;
   if (!fd || fstat(fd.get(), &status) != 0) return UniqueFd();
   if (!S_ISDIR(status.st_mode) && !S_ISFIFO(status.st_mode)) return fd;
@@ -143,11 +154,9 @@ FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *
   }
   FileNode node = new_file_node(__func__, path);
   if (node == nullptr) return node;
-  WriteGuard hold(node->lock);
   UniqueFd fd = open_to_read(path);
   if (!fd) {
-    const int error = errno;
-    VORN_LOG(kError, "Open file (%s) failed, fd %d errno %d", path, fd.get(), error);
+    VORN_LOG(kError, "Open file (%s) failed, fd %d errno %d", path, fd.get(), errno);
     return nullptr;
   }
   if (vorn_cfg_ini_fd_parse(fd.get(), node.get(), function, context) != 0) return nullptr;

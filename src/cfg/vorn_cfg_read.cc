@@ -1,3 +1,4 @@
+// Finds one item of a file that is not registered.
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 
@@ -21,11 +22,11 @@ constexpr int kFound = 0; // stops the parse, which has succeeded then
 int vorn_cfg_getFromFile_proc(vorn_cfg_file_node_s *, const char *section, const Item &item,
                               void *context) {
   auto *search = static_cast<Search *>(context);
-  if (item.name != search->item || std::strcmp(section, search->section) != 0) return kContinue;
+  if (!(item.name == search->item) || std::strcmp(section, search->section) != 0) return kContinue;
   vorn_cfg_item_s found{};
   if (copy_text(found.name, sizeof found.name, item.name) != 0 ||
       copy_text(found.value, sizeof found.value, item.value) != 0)
-    return VORN_FAIL(-1, "Copy item (%s=%s) fail.", item.name.data(), item.value.data());
+    return VORN_FAIL(-1, "Copy item (%s=%s) fail.", item.name.c_str(), item.value.c_str());
   *search->out = found;
   search->result = 0;
   return kFound;
@@ -34,9 +35,10 @@ int vorn_cfg_getFromFile_proc(vorn_cfg_file_node_s *, const char *section, const
 } // namespace
 } // namespace vorn::cfg
 
+using namespace vorn::cfg;
+
 int vorn_cfg_getItemFromFile(const char *path, const char *section, const char *item,
                              vorn_cfg_item_s *out) {
-  using namespace vorn::cfg;
   if (path == nullptr || section == nullptr || item == nullptr || out == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, pFile:%p, pSection:%p, pItemName:%p, pItemValue:%p.",
                      pointer(path), pointer(section), pointer(item), pointer(out));

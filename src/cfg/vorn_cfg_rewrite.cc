@@ -14,11 +14,12 @@
 #include "base/unique_fd.hpp"
 #include "cfg/vorn_cfg_buffer.hpp"
 #include "cfg/vorn_cfg_index.hpp"
+#include "cfg/vorn_cfg_io.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
 #include "cfg/vorn_cfg_registry.hpp"
 #include "cfg/vorn_cfg_text.hpp"
-#include "vorn_fileops.h"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 namespace {
@@ -28,16 +29,9 @@ constexpr mode_t kPermissionBits = 0777;
 constexpr mode_t kModeBits = 07777;
 
 // The file has what is in the buffer when this returns true.
-bool write_all(int fd, const TextBuffer &text) {
+bool replace_content(int fd, const TextBuffer &text) {
   if (ftruncate(fd, static_cast<off_t>(text.length())) != 0) return false;
-  if (vorn_lseek(fd, 0, SEEK_SET) < 0) return false;
-  std::size_t done = 0;
-  while (done < text.length()) {
-    const ssize_t written = vorn_write(fd, text.text() + done, text.length() - done);
-    if (written < 0 && errno != EINTR) return false;
-    if (written > 0) done += static_cast<std::size_t>(written);
-  }
-  return true;
+  return vorn_lseek(fd, 0, SEEK_SET) >= 0 && write_file(fd, text.view());
 }
 
 bool put_section(TextBuffer *text, const vorn_cfg_section_node_s *section) {
@@ -74,7 +68,7 @@ public:
 
   // Synced first: false with errno where either fails.
   bool rename_to(const char *path) {
-    renamed_ = vorn_sync(fd()) == 0 && std::rename(name_, path) == 0;
+    renamed_ = sync_file(fd()) && std::rename(name_, path) == 0;
     return renamed_;
   }
 
@@ -90,20 +84,19 @@ UniqueFd open_folder(const char *path) {
   const std::string_view text(path);
   const std::size_t slash = text.rfind('/');
   if (slash != text.npos) copy_text(folder, sizeof folder, text.substr(0, slash + 1));
-  return UniqueFd(vorn_open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0));
+  return open_file(folder, O_RDONLY | O_DIRECTORY);
 }
 
 // Makes a rename last. The file is replaced by then, so a failure does not undo the edit.
 void sync_folder(const char *function, const char *path) {
   const UniqueFd folder = open_folder(path);
-  if (folder && vorn_sync(folder.get()) == 0) return;
-  const int error = errno;
-  VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, error);
+  if (folder && sync_file(folder.get())) return;
+  VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, errno);
 }
 
 // Replaces the locked file by the content of node. The registry takes the content over before the
-// file does, and reads the file again where that then cannot be replaced, or where somebody has
-// registered the old content in between.
+// file does, and reads the file again where that then cannot be replaced, or where the old
+// content was registered in between.
 int replace_file(const char *function, const char *path, int fd, FileNode node) {
   TemporaryFile file(path, fd);
   if (!file) return -1; // node goes with it: what others can tell of a node kept is its memory
@@ -113,9 +106,9 @@ int replace_file(const char *function, const char *path, int fd, FileNode node) 
   const bool is_registered = registration != kNotRegistered;
   if (is_registered) node.release();
   if (!file.rename_to(path)) {
-    const int error = errno;
+    VORN_LOG_AS(function, kError, "Replace file(%s) failed, errno<%d>.", path, errno);
     if (is_registered) read_again(path);
-    return VORN_FAIL_AS(function, -1, "Replace file(%s) failed, errno<%d>.", path, error);
+    return -1;
   }
   if (is_registered && !is_latest(registration)) read_again(path);
   sync_folder(function, path);
@@ -125,16 +118,14 @@ int replace_file(const char *function, const char *path, int fd, FileNode node) 
 } // namespace
 } // namespace vorn::cfg
 
+using namespace vorn::cfg;
+
 int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_edit_f v_pfnProc) {
-  using namespace vorn::cfg;
   if (param == nullptr || param->path == nullptr || v_pfnProc == nullptr)
     return VORN_FAIL(-1, "Param is null.");
   const char *path = param->path;
   const PathLock lock(path, fd);
-  if (!lock) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, error);
-  }
+  if (!lock) return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, errno);
   bool is_whole = true; // what memory could not be had for would be lost from the file
   FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, &is_whole);
   if (node == nullptr || !is_whole) { // the item instead of the path, as it has always been
@@ -150,56 +141,39 @@ int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_ed
 }
 
 int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName) {
-  using namespace vorn::cfg;
   if (path == nullptr || tmpName == nullptr) return VORN_FAIL(-1, "Param is null.");
   const std::size_t size = std::strlen(path) + sizeof kSuffix;
-  Text name(static_cast<char *>(allocate(size)));
-  if (name == nullptr) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Malloc memory for tempFile failed.errno(%d).", error);
-  }
+  vorn::mem::Block name = vorn::mem::allocate_block(size);
+  if (name == nullptr) return VORN_FAIL(-1, "Malloc memory for tempFile failed.errno(%d).", errno);
   const std::size_t length = size - sizeof kSuffix;
   if (copy_text(name.get(), size, path) != 0 ||
       copy_text(name.get() + length, sizeof kSuffix, kSuffix) != 0)
     return VORN_FAIL(-1, "Sprintf_s failed.");
   unlink(name.get());
-  const std::unique_ptr<struct stat, FreeBlock> target(
-      static_cast<struct stat *>(allocate(sizeof(struct stat))));
-  if (target == nullptr) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Malloc memory for stat failed.errno(%d).", error);
-  }
-  if (fstat(fd, target.get()) != 0) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Stat of fd(%d) failed.errno(%d).", fd, error);
-  }
-  const int created = vorn_open(name.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                                target->st_mode & kPermissionBits);
-  if (created < 0) {
-    const int error = errno;
-    return VORN_FAIL(created, "Open %s failed.errno(%s).", name.get(), std::strerror(error));
-  }
+  const auto target = vorn::mem::create<struct stat>();
+  if (target == nullptr) return VORN_FAIL(-1, "Malloc memory for stat failed.errno(%d).", errno);
+  if (fstat(fd, target.get()) != 0)
+    return VORN_FAIL(-1, "Stat of fd(%d) failed.errno(%d).", fd, errno);
+  vorn::UniqueFd created = open_file(name.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW,
+                                     target->st_mode & kPermissionBits);
+  if (!created) return VORN_FAIL(-1, "Open %s failed.errno(%s).", name.get(), std::strerror(errno));
   // The mode whatever the umask; an owner that cannot be given stays the editor.
-  const bool is_owned = fchown(created, target->st_uid, target->st_gid) == 0;
-  fchmod(created, target->st_mode & (is_owned ? kModeBits : kPermissionBits));
+  const bool is_owned = fchown(created.get(), target->st_uid, target->st_gid) == 0;
+  fchmod(created.get(), target->st_mode & (is_owned ? kModeBits : kPermissionBits));
   *tmpName = name.release();
-  return created;
+  return created.release();
 }
 
 int vorn_cfg_writeFnodeTofile(int fd, vorn_cfg_file_node_s *node) {
-  using namespace vorn::cfg;
   if (node == nullptr) return VORN_FAIL(-1, "Param is null.");
   const off_t size = vorn_lseek(fd, 0, SEEK_END);
   const std::size_t capacity = (size < 0 ? 0 : static_cast<std::size_t>(size)) + kTextSlack;
-  const Text buffer(static_cast<char *>(allocate(capacity)));
-  if (buffer == nullptr) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Malloc size:%d memory failed,errno %d.", int_of(capacity), error);
-  }
+  const vorn::mem::Block buffer = vorn::mem::allocate_block(capacity);
+  if (buffer == nullptr)
+    return VORN_FAIL(-1, "Malloc size:%d memory failed,errno %d.", int_of(capacity), errno);
   TextBuffer text(buffer.get(), capacity);
   if (!put_sections(&text, node))
     return VORN_FAIL(-1, "sprintf_s secure function failed, destMax<%d>.", int_of(capacity));
-  if (write_all(fd, text)) return 0;
-  const int error = errno;
-  return VORN_FAIL(-1, "Wirte file (%d) fail,errno %d", fd, error);
+  if (replace_content(fd, text)) return 0;
+  return VORN_FAIL(-1, "Wirte file (%d) fail,errno %d", fd, errno);
 }

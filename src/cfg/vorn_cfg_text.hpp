@@ -3,11 +3,9 @@
 #define VORN_CFG_TEXT_HPP
 
 #include <cstddef>
-#include <memory>
 #include <string_view>
 
 #include "vorn_cfg.h"
-#include "vorn_mem.h"
 
 namespace vorn::cfg {
 
@@ -30,26 +28,13 @@ bool vorn_cfg_check_name(std::string_view name);
 // Whether text would forge a line where it is written to a file.
 bool holds_line_end(const char *text);
 
-// As records print them.
+// As log messages print them.
 inline int int_of(std::size_t size) { return static_cast<int>(size); }
 inline const void *pointer(const void *address) { return address; }
 
-// Copies src and puts a NUL behind it: 0; EINVAL where there is no dest; ERANGE for a text that
+// Copies src and puts a NUL after it: 0; EINVAL where there is no dest; ERANGE for a text that
 // does not fit, which leaves an empty one. Values are larger than what safeclib's copies take.
 int copy_text(char *dest, std::size_t size, std::string_view src);
-
-// A block of the library's own in the caller's name; null when memory runs out, or the allocator
-// cannot count so far.
-inline void *allocate(std::size_t size, const char *function = __builtin_FUNCTION(),
-                      unsigned int line = __builtin_LINE()) {
-  if (size > UINT32_MAX) return nullptr;
-  return vorn_mallocsubstandard(VORN_MODULE_ID, static_cast<unsigned int>(size), 0, function, line);
-}
-
-struct FreeBlock {
-  void operator()(void *block) const { vorn_free(block); }
-};
-using Text = std::unique_ptr<char, FreeBlock>;
 
 } // namespace vorn::cfg
 

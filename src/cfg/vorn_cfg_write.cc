@@ -5,12 +5,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
 #include "cfg/vorn_cfg_buffer.hpp"
+#include "cfg/vorn_cfg_io.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
 #include "cfg/vorn_cfg_text.hpp"
-#include "vorn_fileops.h"
+#include "mem/owned.hpp"
 
 namespace vorn::cfg {
 namespace {
@@ -86,19 +88,15 @@ int put_missing(const char *function, Writing *writing) {
   return format_failed(function, room);
 }
 
-// One write, then the truncation: the system is asked again only where it has taken nothing.
+// The truncation comes last: a file that is not cut yet holds all of the old text or of the new.
 void overwrite(const char *function, int fd, const TextBuffer &text) {
   vorn_lseek(fd, 0, SEEK_SET);
-  ssize_t written = 0;
-  do {
-    written = vorn_write(fd, text.text(), text.length());
-  } while (written < 0 && errno == EINTR);
-  const bool is_whole = written >= 0 && static_cast<std::size_t>(written) == text.length();
+  const bool is_whole = write_file(fd, text.view());
   const bool is_cut = ftruncate(fd, static_cast<off_t>(text.length())) == 0;
   if (is_whole && is_cut) return;
   VORN_LOG_AS(function, kError,
               "Write error, iFd<%d> pFileParam->pBuffer<%p>, pFileParam->bufIndex<%u>", fd,
-              pointer(text.text()), static_cast<unsigned int>(text.length()));
+              pointer(text.view().data()), static_cast<unsigned int>(text.length()));
 }
 
 int write_item(const char *function, int fd, Writing *writing) {
@@ -109,7 +107,7 @@ int write_item(const char *function, int fd, Writing *writing) {
   }
   vorn_lseek(fd, 0, SEEK_SET);
   const std::size_t capacity = static_cast<std::size_t>(size) + kTextSlack;
-  const Text buffer(static_cast<char *>(allocate(capacity, function)));
+  const mem::Block buffer = mem::allocate_block(capacity, function);
   if (buffer == nullptr) {
     VORN_LOG_AS(function, kInfo, "Alloc memory Size: (%d) failed.", int_of(capacity));
     return -1;
@@ -124,9 +122,10 @@ int write_item(const char *function, int fd, Writing *writing) {
 } // namespace
 } // namespace vorn::cfg
 
+using namespace vorn::cfg;
+
 int vorn_cfg_write_item_to_file(const char *path, const char *section, const char *item,
                                 const char *value) {
-  using namespace vorn::cfg;
   if (path == nullptr || section == nullptr || item == nullptr || value == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, pFile:%p, pSection:%p, pItemValue:%p.", pointer(path),
                      pointer(section), pointer(value));
@@ -134,7 +133,7 @@ int vorn_cfg_write_item_to_file(const char *path, const char *section, const cha
   if (holds_line_end(section) || holds_line_end(item) || holds_line_end(value))
     return VORN_FAIL(-1, "Section, item or value holds a line end.");
   const std::size_t size = std::strlen(value) + 1;
-  const Text copy(static_cast<char *>(allocate(size)));
+  const vorn::mem::Block copy = vorn::mem::allocate_block(size);
   if (copy == nullptr) {
     return VORN_FAIL(-1, "Alloc memory failed, size(%u).", static_cast<unsigned int>(size));
   }
@@ -146,16 +145,12 @@ int vorn_cfg_write_item_to_file(const char *path, const char *section, const cha
     VORN_LOG(vorn::kError,
              "Strcpy_s failed pSection<%s>, pItemName<%s>, pItemValue<%s>, iRet = %d.", section,
              item, value, error);
+    const vorn::CancellationOff off;
     vorn_close(0); // no descriptor is open yet: kept on purpose, as its caller sees it
     return -1;
   }
   writing.value = copy.get();
-  const vorn::UniqueFd fd = open_locked(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (!fd) {
-    const int open_error = errno;
-    return VORN_FAIL(-1, "Open file (%s) fail,errno %d", path, open_error);
-  }
-  const int result = write_item(__func__, fd.get(), &writing);
-  vorn_cfg_file_unlock(fd.get());
-  return result;
+  const PathLock lock(path, O_RDWR | O_CREAT, 0600);
+  if (!lock) return VORN_FAIL(-1, "Open file (%s) fail,errno %d", path, errno);
+  return write_item(__func__, lock.fd(), &writing);
 }

@@ -1,3 +1,4 @@
+// The configuration store: one request of the kernel module for each call.
 #include "vorn_cst.h"
 
 #include <algorithm>
@@ -5,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
-#include <sys/ioctl.h>
 
 #include "base/bounded.hpp"
 #include "base/log.hpp"
+#include "base/system.hpp"
 #include "base/unique_fd.hpp"
 
 namespace vorn::cst {
@@ -20,7 +21,7 @@ constexpr int kGetItem = 256;
 constexpr int kSetItem = 257;
 constexpr int kReloadConfig = 258;
 
-// The three records are the kernel module's.
+// The three structures are the kernel module's.
 struct [[gnu::packed]] Item {
   char section[VORN_CST_SECTION_SIZE];
   char name[VORN_CST_ITEM_SIZE];
@@ -54,14 +55,10 @@ static_assert(offsetof(Block, output) == 24);
 static_assert(sizeof(Block) == 32);
 
 int vorn_cst_syscall(int request, Block *block) {
-  const UniqueFd file(open(kControlFile, O_RDWR | O_CLOEXEC));
-  if (!file) {
-    const int error = errno;
-    return VORN_FAIL(-1, "Open file failed, errno %d", error);
-  }
-  const int result = ioctl(file.get(), static_cast<unsigned long>(request), block);
-  const int error = errno;
-  if (result < 0 && error != EPERM) VORN_LOG(kError, "Ioctl failed, errno %d", error);
+  const UniqueFd file = sys::open(kControlFile, O_RDWR);
+  if (!file) return VORN_FAIL(-1, "Open file failed, errno %d", errno);
+  const int result = sys::ioctl(file.get(), static_cast<unsigned long>(request), block);
+  if (result < 0 && errno != EPERM) VORN_LOG(kError, "Ioctl failed, errno %d", errno);
   return result;
 }
 
@@ -84,8 +81,9 @@ const void *address(const char *text) { return text; }
 } // namespace
 } // namespace vorn::cst
 
+using namespace vorn::cst;
+
 int vorn_cst_getItem(const char *section, const char *item_name, char *out, uint32_t out_size) {
-  using namespace vorn::cst;
   if (section == nullptr || item_name == nullptr || out == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, section = %p, itemname = %p, item = %p.",
                      address(section), address(item_name), address(out));
@@ -102,7 +100,6 @@ int vorn_cst_getItem(const char *section, const char *item_name, char *out, uint
 }
 
 int vorn_cst_setItem(const char *section, const char *item_name, const char *value) {
-  using namespace vorn::cst;
   if (section == nullptr || item_name == nullptr || value == nullptr) {
     return VORN_FAIL(-1, "Null pointer found, section = %p, item name = %p, value = %p.",
                      address(section), address(item_name), address(value));
@@ -120,7 +117,6 @@ int vorn_cst_setItem(const char *section, const char *item_name, const char *val
 }
 
 int vorn_cst_reloadConfig() {
-  using namespace vorn::cst;
   if (vorn_cst_syscall(kReloadConfig, nullptr) != 0) return VORN_FAIL(-1, "Reload config fail");
   return 0;
 }

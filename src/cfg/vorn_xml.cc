@@ -1,6 +1,10 @@
+// Mini-XML's calls under names of this library.
 #include "vorn_xml.h"
 
+#include "base/cancellation_off.hpp"
+
 mxml_node_t *vorn_xml_loadfd(mxml_node_t *top, int fd, mxml_load_cb_t cb) {
+  const vorn::CancellationOff off; // the tree would be lost
   return mxmlLoadFd(top, fd, cb);
 }
 

@@ -1,3 +1,4 @@
+// Reads the module names that a node adds.
 #define VORN_FILE "vorn_process.c"
 
 #include "process/node_names.hpp"
@@ -10,12 +11,11 @@
 #include <iterator>
 #include <string_view>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "base/unique_fd.hpp"
-#include "vorn_mem.h"
+#include "base/system.hpp"
+#include "mem/owned.hpp"
 
 namespace vorn::process {
 namespace {
@@ -56,15 +56,17 @@ bool is_name(std::string_view word) {
   return !word.empty();
 }
 
-// A line of the text, which is ours to end the name in. False: it is not an id and a name.
-bool take_row(std::string_view line) {
-  const std::string_view id_word = take_word(&line);
+// A line of the text: the name is ended in it, and kept there. False: it is not an id and a name.
+bool take_row(char *line, std::size_t length) {
+  std::string_view rest(line, length);
+  const std::string_view id_word = take_word(&rest);
   if (id_word.empty() || id_word.front() == '#') return true;
-  const std::string_view name = take_word(&line);
+  const std::string_view name = take_word(&rest);
   unsigned int id = 0;
-  if (!parse_id(id_word, &id) || !is_name(name) || !take_word(&line).empty()) return false;
-  const_cast<char &>(name.data()[name.size()]) = '\0';
-  if (id < VORN_MODULE_ID_COUNT) names[id] = name.data();
+  if (!parse_id(id_word, &id) || !is_name(name) || !take_word(&rest).empty()) return false;
+  char *kept = line + (name.data() - line);
+  kept[name.size()] = '\0';
+  if (id < VORN_MODULE_ID_COUNT) names[id] = kept;
   return true;
 }
 
@@ -75,7 +77,7 @@ bool take_rows(char *text, std::size_t size) {
     const auto *newline = static_cast<const char *>(std::memchr(text + start, '\n', size - start));
     const std::size_t end = newline == nullptr ? size : static_cast<std::size_t>(newline - text);
     ++number;
-    if (!take_row({text + start, end - start})) {
+    if (!take_row(text + start, end - start)) {
       VORN_LOG_AS(kFunction, kWarning, "%s line %u is not an id and a name, it is left out.",
                   kNodeNamesFile, number);
     }
@@ -87,29 +89,24 @@ bool take_rows(char *text, std::size_t size) {
 
 // Reports why the file cannot be read.
 int fail(const char *what) {
-  const int error = errno;
-  return VORN_FAIL_AS(kFunction, -1, "%s %s failed, errno=%d.", what, kNodeNamesFile, error);
+  return VORN_FAIL_AS(kFunction, -1, "%s %s failed, errno=%d.", what, kNodeNamesFile, errno);
 }
 
 int load() {
   // not blocking: a file that is a pipe by mistake must not hold up the process
-  const UniqueFd fd(open(kNodeNamesFile, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const UniqueFd fd = sys::open(kNodeNamesFile, O_RDONLY | O_NONBLOCK);
   if (!fd) return errno == ENOENT ? 0 : fail("Open");
   struct stat status {};
   if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > kMaxFileSize) {
     return VORN_FAIL_AS(kFunction, -1, "%s is not a table of module names.", kNodeNamesFile);
   }
-  const auto size = static_cast<unsigned int>(status.st_size);
-  auto *text = static_cast<char *>(vorn_malloc(kModuleId, size + 1));
+  const auto size = static_cast<std::size_t>(status.st_size);
+  mem::Block text = mem::allocate_block(size + 1);
   if (text == nullptr) return -1;
-  const ssize_t length = read(fd.get(), text, size);
-  if (length < 0) {
-    fail("Read");
-    vorn_free(text);
-    return -1;
-  }
-  text[length] = '\0';
-  if (!take_rows(text, static_cast<std::size_t>(length))) vorn_free(text);
+  const ssize_t length = sys::read(fd.get(), text.get(), size);
+  if (length < 0) return fail("Read");
+  text.get()[length] = '\0';
+  if (take_rows(text.get(), static_cast<std::size_t>(length))) text.release();
   return 0;
 }
 

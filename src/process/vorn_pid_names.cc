@@ -1,3 +1,4 @@
+// The table of module names.
 #include <atomic>
 #include <charconv>
 
@@ -60,19 +61,21 @@ const char *out_of_range_name(unsigned int id) {
 } // namespace
 } // namespace vorn::process
 
-void pid_init_names() { vorn::process::built.run(vorn::process::build); }
+using namespace vorn::process;
 
-void pid_destroy_names() { vorn::process::built.reset(vorn::process::clear); }
+void pid_init_names() { built.run(build); }
+
+void pid_destroy_names() { built.reset(clear); }
 
 const char *vorn_pid_get_name(unsigned int id) {
-  if (id >= VORN_MODULE_ID_COUNT) return vorn::process::out_of_range_name(id);
+  if (id >= VORN_MODULE_ID_COUNT) return out_of_range_name(id);
   pid_init_names();
-  const char *name = vorn::process::slots[id].load(std::memory_order_acquire);
-  return name != nullptr ? name : vorn::process::kNoName; // another thread is clearing the table
+  const char *name = slots[id].load(std::memory_order_acquire);
+  return name != nullptr ? name : kNoName; // another thread is clearing the table
 }
 
 void vorn_pid_set_name(unsigned int id, const char *name) {
   if (id >= VORN_MODULE_ID_COUNT || name == nullptr) return;
   pid_init_names();
-  vorn::process::set_slot(id, name);
+  set_slot(id, name);
 }

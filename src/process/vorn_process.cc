@@ -1,3 +1,4 @@
+// The version of a process: the time at which it was first asked for.
 #include "vorn_process.h"
 
 #include <cerrno>
@@ -17,8 +18,7 @@ int take_version() {
   timespec now{};
   const int result = clock_gettime(CLOCK_MONOTONIC_RAW, &now);
   if (result != 0) {
-    const int error = errno;
-    VORN_LOG_AS("ps_get_version", kInfo, "Clock_gettime fail ret:%d errno:%d", result, error);
+    VORN_LOG_AS("ps_get_version", kInfo, "Clock_gettime fail ret:%d errno:%d", result, errno);
     return result;
   }
   version = nanoseconds(now);
@@ -28,7 +28,9 @@ int take_version() {
 } // namespace
 } // namespace vorn::process
 
+using namespace vorn::process;
+
 uint64_t ps_get_version() {
-  vorn::process::version_taken.run(vorn::process::take_version);
-  return vorn::process::version;
+  version_taken.run(take_version);
+  return version;
 }

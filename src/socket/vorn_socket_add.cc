@@ -1,3 +1,4 @@
+// The bay configuration: runs the node's script and reads the file that it prints to.
 #include "vorn_bay.h"
 
 #include <algorithm>
@@ -9,7 +10,9 @@
 #include <unistd.h>
 
 #include "base/bounded.hpp"
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
+#include "base/system.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_cmd.h"
 #include "vorn_fileops.h"
@@ -52,12 +55,11 @@ bool make_plan(Plan &plan, const char *key_segment) {
 
 // Anyone can guess the file's name and put a link or a file there first. So what is there goes, and
 // the file is made here, following no link; where another user's stays in the way, this fails. The
-// shell's ">" then opens ours: as /tmp is sticky, nobody but our user and root can put another in
+// shell's ">" then opens ours: as /tmp is sticky, only our user and root can put another in
 // its place, and opening a file of our own is what fs.protected_regular permits.
 bool create_file(const char *path) {
   unlink(path);
-  return static_cast<bool>(
-      UniqueFd(open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)));
+  return static_cast<bool>(sys::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
 }
 
 // The first line without its line feed; false when there is none, or no room for a character of it.
@@ -72,6 +74,8 @@ bool read_value(int fd, char *out, uint32_t size) {
 } // namespace
 } // namespace vorn::bay
 
+using namespace vorn::bay;
+
 int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out) {
   if (key_segment == nullptr || out == nullptr) {
     return VORN_FAIL(-EINVAL, "Param error: null pointer, keySegment(%p), prefix_addr(%p) .",
@@ -84,7 +88,7 @@ int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out
 }
 
 int vorn_get_bay_config_keyvalue(const char *key_segment, char *out, uint32_t size) {
-  using namespace vorn::bay;
+  const vorn::CancellationOff off; // the temporary file would stay
   const int refusal = get_bay_config_keyvalue_param_check(key_segment, out);
   if (refusal != 0) return refusal;
   Plan plan;
@@ -92,7 +96,8 @@ int vorn_get_bay_config_keyvalue(const char *key_segment, char *out, uint32_t si
   if (!create_file(plan.file) || vorn_system_s(plan.command, ">") != 0)
     return VORN_FAIL(-1, "Can not get the file(%s).", kConfiguration);
 
-  vorn::UniqueFd file(vorn_open(plan.file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0));
+  vorn::UniqueFd file =
+      vorn::sys::above_standard(vorn_open(plan.file, O_RDONLY | O_NOFOLLOW | O_CLOEXEC, 0));
   if (!file) return VORN_FAIL(-1, "Can not open the file %s(%d).", plan.file, file.get());
   const bool found = read_value(file.get(), out, size);
   if (!found) {
