@@ -84,7 +84,7 @@ TEST_F(Shm, WhatCannotBeHadIsReportedAndClosed) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Mmap shm mem fail, errno<22>.");
   void *address = open_as(O_ACCMODE); // the system's to say
-  EXPECT_EQ(capture::take_texts().at(0), "Oflag open failed, oflag<3>.");
+  EXPECT_EQ(capture::take_lines().at(0), "E Oflag open failed, oflag<3>.");
   if (address != nullptr) munmap(address, kSize);
   EXPECT_EQ(vorn_shm_destroy(nullptr), -1);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, "vorn_shm_destroy", "Destroy shm fail, ret<-1> errno<22>.");
