@@ -1,6 +1,8 @@
+// test-runs: library_unloader
 #include "vorn_init.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -29,6 +31,10 @@ TEST(Init, ConcurrentCallersStartAndStopItOnceARound) {
     ASSERT_EQ(capture::take_lines(), (Texts{"Vorn destroy start.", "Vorn destroy end."}));
   }
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX"); // built again on demand
+}
+
+TEST(Init, TheLibraryStaysLoadedWhenItIsClosed) {
+  EXPECT_EQ(std::system(VORN_TEST_EMULATOR " " VORN_TEST_PROGRAM " >/dev/null 2>&1"), 0);
 }
 
 } // namespace
