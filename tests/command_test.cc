@@ -231,7 +231,7 @@ int try_with_closed(unsigned int closed, const std::string &path) {
   }
   FILE *read = vorn_popen("echo text", "r");
   FILE *write = vorn_popen(("cat > " + path).c_str(), "w");
-  if (read == nullptr || write == nullptr) return 1;
+  if (read == nullptr || write == nullptr || fileno(read) < 3 || fileno(write) < 3) return 1;
   // Neither of the streams is another child's.
   const std::string list = "test -e /proc/self/fd/" + std::to_string(fileno(read)) +
                            " -o -e /proc/self/fd/" + std::to_string(fileno(write));

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 
 #include "evlog.h"
@@ -13,10 +14,13 @@
 #include "support/scratch.hpp"
 
 static int fallocate_error = 0;
+static int allocated_fd = -1;
 
 extern "C" {
 int __real_fallocate(int fd, int mode, off_t offset, off_t length);
 int __wrap_fallocate(int fd, int mode, off_t offset, off_t length) {
+  allocated_fd = fd;
+  pthread_testcancel(); // the system's is a cancellation point, whatever comes of it
   if (fallocate_error == 0) return __real_fallocate(fd, mode, offset, length);
   errno = fallocate_error;
   return -1;
@@ -66,6 +70,19 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   EXPECT_EQ(attached[kSize - 1], 'x');
   EXPECT_EQ(open_as(O_RDWR), nullptr);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Open shm fail, fd<-1> errno<2>.");
+}
+
+TEST_F(Shm, IsNotCancelledAndKeepsOffTheStandardDescriptors) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  std::thread([this] {
+    pthread_cancel(pthread_self());
+    EXPECT_NE(vorn_shm_create(name.c_str(), kSize), nullptr);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+  }).join();
+  EXPECT_GT(allocated_fd, STDERR_FILENO);
+  dup2(input, STDIN_FILENO);
+  close(input);
 }
 
 TEST_F(Shm, WhatCannotBeHadIsReportedAndClosed) {
