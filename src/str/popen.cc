@@ -43,7 +43,6 @@ FILE *start(const char *function, const char *command, const char *mode, Pipe &p
   const Redirection redirection{pipe.theirs().get(), pipe.reads ? STDOUT_FILENO : STDIN_FILENO};
   const pid_t started = spawn_shell(command, &redirection);
   if (started < 0) return nullptr;
-  pipe.theirs() = UniqueFd();
   // Where there is no stream, too, our end stays open and the child unreaped: the command is let
   // finish, and is neither cut off by a broken pipe nor waited for.
   FILE *stream = fdopen(pipe.ours().release(), mode);
