@@ -142,6 +142,24 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
+// On purpose our end of the pipe stays open, and the command is not waited for.
+TEST_F(CommandStream, ACommandWithoutAStreamRunsOn) {
+  const int first = scratch::next_descriptor();
+  int pid = 5;
+  EXPECT_EQ(vorn_popen_with_pid("cat >/dev/null", "x", &pid), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(pid, 5);
+  const std::string ends = "pdes[0]=(" + std::to_string(first) + "), pdes[1]=(" +
+                           std::to_string(first + 1) + "), errno:(22).";
+  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_str.c", "vorn_popen_with_pid",
+                    "Iop is NULL, modes:(x), " + ends);
+  EXPECT_EQ(write(first + 1, "x", 1), 1);
+  close(first + 1);
+  int status = -1;
+  EXPECT_GT(wait(&status), 0);
+  EXPECT_EQ(status, 0);
+}
+
 // Ends with its input; not for good if a child holds an end of another's pipe.
 constexpr char kReadAll[] = "exec timeout 20 cat";
 
