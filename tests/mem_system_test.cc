@@ -1,4 +1,4 @@
-// test-wraps: sysconf open mprotect malloc
+// test-wraps: sysconf open mprotect
 #include "vorn_mem.h"
 
 #include <cerrno>
@@ -15,7 +15,6 @@
 static long page_size = 4096;
 static std::string meminfo;
 static std::vector<std::pair<size_t, int>> protections; // lengths and accesses
-static bool fail_next_malloc = false;
 
 extern "C" {
 long __real_sysconf(int name);
@@ -36,22 +35,9 @@ int __wrap_mprotect(void *address, size_t length, int access) {
   errno = EINVAL;
   return -1;
 }
-
-void *__real_malloc(size_t size);
-void *__wrap_malloc(size_t size) {
-  if (!fail_next_malloc) return __real_malloc(size);
-  fail_next_malloc = false;
-  return nullptr;
-}
 }
 
 namespace {
-
-TEST(MemSystem, OutOfMemoryIsAnOrdinaryError) {
-  fail_next_malloc = true;
-  void *block = vorn_malloc(7, 10);
-  EXPECT_EQ(block, nullptr);
-}
 
 // With pages of 64 KiB a unit of 4096 bytes fits only sixteen at a time, and success is reported on
 // purpose.

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <functional>
 #include <span>
@@ -19,7 +18,6 @@
 
 #include <gtest/gtest.h>
 
-#include "interrupt.hpp"
 #include "scrub.hpp"
 #include "support/scratch.hpp"
 
@@ -153,16 +151,6 @@ TEST_P(PipelineOf, EndsTheReadingWhenATaskThrows) {
     };
     EXPECT_EQ(what_run_throws(pipeline, read), "task");
   }
-}
-
-TEST_P(PipelineOf, EndsWhenItIsInterrupted) {
-  scrub::catch_signals();
-  Pipeline pipeline(settings_);
-  const auto read = [&] {
-    while (true)
-      pipeline.then([] { std::raise(SIGINT); });
-  };
-  EXPECT_EQ(what_run_throws(pipeline, read), "interrupted");
 }
 
 // A file of more than all batches together, and of so many blocks that not all their lines wait for
