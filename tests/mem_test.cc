@@ -8,11 +8,9 @@
 #include <gtest/gtest.h>
 #include <latch>
 #include <string>
-#include <thread>
 #include <unistd.h>
 
 #include "evlog.h"
-#include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
 #include "support/threads.hpp"
@@ -101,16 +99,6 @@ TEST(Mem, CountsFromManyThreadsLoseNothing) {
       vorn_mem_stat_add(5, 1);
   });
   EXPECT_EQ(shown::by(vorn_mem_show), shown_as("| 5            800000 ", "800000"));
-}
-
-TEST(Mem, ChildOfForkMayAllocateWhileNoTableIsThere) {
-  vornsim_fail(VORN_SYSCALL_MEM_STAT, EPERM);
-  std::jthread other([](const std::stop_token &stop) {
-    while (!stop.stop_requested())
-      vorn_mem_stat_add(1, 1);
-  });
-  for (int i = 0; i < 100; ++i)
-    ASSERT_EQ(run_in_child([] { return vorn_mem_stat_add(1, 1), 0; }), 0);
 }
 
 TEST(MemInfo, AgreesWithTheSystem) {
