@@ -5,8 +5,8 @@
  * option. What the shell itself starts is its own. It inherits the caller's environment, working
  * directory, signal mask and ignored signals; of descriptors all that are not close-on-exec, which
  * no pipe of this library is: a child never holds an end of another's stream. Descriptors 0, 1 and
- * 2 may be closed in the caller. A shell or a program that cannot be executed shows as exit code
- * 127 alone.
+ * 2 may be closed in the caller; no stream of this library's own shells is one of them. A shell or
+ * a program that cannot be executed shows as exit code 127 alone.
  *
  * A shell is started with vfork(2), without a copy of the caller's memory. Until it is executed,
  * the child lives in the caller's memory and has the caller's signal handlers: a handler that a

@@ -1,10 +1,16 @@
 /* Files: checked calls of the system, reading by lines, copying and record locks.
  *
- * A NULL pointer argument is refused with -1 after an error record that names it, and nothing is
+ * A NULL pointer argument is refused with -1 after an error message that names it, and nothing is
  * done; errno is of no meaning then. Otherwise each call gives the result of the system's, with its
  * errno. Any thread may call and they block as the system's calls do. Safe in a signal handler,
  * with pointers that are not NULL, are vorn_access, vorn_open, vorn_read, vorn_write, vorn_lseek,
- * vorn_sync, vorn_close, vorn_stat, vorn_readline, vorn_lockfile and vorn_unlockfile. */
+ * vorn_sync, vorn_close, vorn_stat, vorn_readline, vorn_lockfile and vorn_unlockfile.
+ *
+ * All but vorn_readline and vorn_copy are the system's calls also in this: vorn_open gives the
+ * lowest descriptor that is free, 0 to 2 included, and vorn_open, vorn_read, vorn_write, vorn_sync,
+ * vorn_close, vorn_readdir_new and vorn_lockfile are cancellation points as the system's are; a
+ * cancelled vorn_readdir_new leaves the folder open. vorn_readline and vorn_copy are no
+ * cancellation points: a cancellation stays pending until the thread's next one. */
 #ifndef VORN_FILEOPS_H
 #define VORN_FILEOPS_H
 

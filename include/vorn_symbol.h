@@ -9,16 +9,19 @@
 VORN_BEGIN_DECLS
 
 /* Builds the table from the objects that are loaded now: the functions of their .symtab, else of
- * their .dynsym, with C++ names demangled. Called again, it adds the objects loaded since and drops
- * those unloaded; the others are not read again, but for those left out, which are tried (and
- * recorded) each time. vorn_Init makes the first call.
+ * their .dynsym, with C++ names demangled. A mangled name of more than 256 characters stays
+ * mangled: to demangle it could take more stack than the calling thread has, of which 128 KiB are
+ * enough. Called again, it adds the objects loaded since and drops those unloaded; the others are
+ * not read again, but for those left out, which are tried (and recorded) each time. vorn_Init makes
+ * the first call.
  *
  * Left out, with an information record, is an object whose file cannot be read, is damaged, or is
  * not the one that was loaded (replaced on disk since). Objects without a file, such as the
  * kernel's own, have no symbols here.
  *
  * Returns 0; -1 after an error record when memory ran out, the old table stays in force then. Any
- * thread may call, not a signal handler; blocks on other callers and on the file system. */
+ * thread may call, not a signal handler; blocks on other callers and on the file system. No
+ * cancellation point. */
 VORN_API int vorn_symbol_init(void);
 
 /* Takes the table away: lookups find nothing until the next vorn_symbol_init. Lookups that are

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <atomic>
 #include <barrier>
-#include <bitset>
 #include <endian.h>
 #include <random>
 #include <vector>
@@ -118,18 +117,10 @@ TEST(Bitops, UpdatesOfOneByteLoseNothing) {
   EXPECT_EQ(bitmap[8], 0x55);
 }
 
-TEST(Bitops, CountsSetBits) {
-  std::mt19937_64 random(7);
-  for (int i = 0; i < 1000; ++i) {
-    const std::uint64_t value = random() >> i % 64;
-    const auto low = static_cast<std::uint32_t>(value);
-    EXPECT_EQ(vorn_hweight32(low), std::bitset<32>(low).count()) << value;
-    EXPECT_EQ(vorn_hweight64(~value), std::bitset<64>(~value).count()) << value;
-  }
-}
-
-TEST(Bitops, ByteOrder) {
+TEST(Bitops, CountAndByteOrder) {
   constexpr std::uint64_t kValue = 0xFEDCBA9876543210;
+  EXPECT_EQ(vorn_hweight32(0x80000011), 3u);
+  EXPECT_EQ(vorn_hweight64(~kValue), 32u);
   EXPECT_EQ(vorn_endian_cputobig16(0x3210), htobe16(0x3210));
   EXPECT_EQ(vorn_endian_bigtocpu32(0x76543210), be32toh(0x76543210));
   EXPECT_EQ(vorn_endian_bigtocpu64(kValue), be64toh(kValue));

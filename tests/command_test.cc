@@ -142,6 +142,22 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
+// On purpose our end of the pipe stays open, and the command is not waited for.
+TEST_F(CommandStream, ACommandWithoutAStreamRunsOn) {
+  const int first = scratch::next_descriptor();
+  int pid = 5;
+  EXPECT_EQ(vorn_popen_with_pid("cat >/dev/null", "x", &pid), nullptr);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(pid, 5);
+  const std::string ends = "pdes[0]=(" + std::to_string(first) + "), pdes[1]=(" +
+                           std::to_string(first + 1) + "), errno:(22).";
+  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_str.c", "vorn_popen_with_pid",
+                    "Iop is NULL, modes:(x), " + ends);
+  EXPECT_EQ(write(first + 1, "x", 1), 1);
+  close(first + 1);
+  EXPECT_GT(wait(nullptr), 0);
+}
+
 // Ends with its input; not for good if a child holds an end of another's pipe.
 constexpr char kReadAll[] = "exec timeout 20 cat";
 
@@ -231,7 +247,7 @@ int try_with_closed(unsigned int closed, const std::string &path) {
   }
   FILE *read = vorn_popen("echo text", "r");
   FILE *write = vorn_popen(("cat > " + path).c_str(), "w");
-  if (read == nullptr || write == nullptr) return 1;
+  if (read == nullptr || write == nullptr || fileno(read) < 3 || fileno(write) < 3) return 1;
   // Neither of the streams is another child's.
   const std::string list = "test -e /proc/self/fd/" + std::to_string(fileno(read)) +
                            " -o -e /proc/self/fd/" + std::to_string(fileno(write));

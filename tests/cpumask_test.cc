@@ -33,7 +33,7 @@ TEST(Cpumask, ListFiles) {
       {"63-64,255,5\n7", 255, {5, 63, 64, 255}, {}},
       {"7-3\n", 3, {}, {}},
       {"\n", 0, {}, {}},
-      {"1,,2\n", 2, {1, 2}, {"sscanf_s failed.ret is -1."}},
+      {"1,,2\n", 2, {1, 2}, {"E sscanf_s failed.ret is -1."}},
       {"junk,3-\n", 0, {}, {}},
       {"254-300,4294967297\n", 2147483647, {254, 255}, {}},
       {"-3-1\n", 1, {0, 1}, {}},
@@ -47,7 +47,7 @@ TEST(Cpumask, ListFiles) {
     EXPECT_EQ(load_cpumask(masks, (folder / "list").c_str(), 0), row.result) << row.text;
     EXPECT_EQ(cpus_of(&masks[0]), row.cpus) << row.text;
     EXPECT_EQ(cpus_of(&masks[1]), Cpus{}) << row.text;
-    EXPECT_EQ(capture::take_texts(), row.records);
+    EXPECT_EQ(capture::take_lines(), row.records);
   }
 }
 

@@ -90,7 +90,7 @@ TEST_F(Filecmd, RunsTheShellButNotWhatItWouldSplit) {
   expect_failed("vorn_cmd_rm", "rm -rf " + name, vorn_cmd_rm(name.c_str()));
   // What the guard lets pass for mkdir itself would pass in its path.
   EXPECT_EQ(vorn_cmd_mkdir((one + "&").c_str()), -22);
-  EXPECT_EQ(capture::take_texts(), std::vector{"Param error: pFile(" + one + "&) is dangerous."});
+  EXPECT_EQ(capture::take_lines(), std::vector{"E Param error: pFile(" + one + "&) is dangerous."});
   EXPECT_FALSE(fs::exists(one));
 }
 

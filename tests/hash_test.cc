@@ -66,6 +66,7 @@ TEST(HashFunction, Indices) {
     uint32_t index;
   } rows[] = {
       {0, 0x100000001, 10, 0x278}, // the upper half of key does not count
+      {0, 0x80000000, 10, 0x3ff},  // nor does the sign of the lower
       {0xffffffff, 0xffffffffffffffff, 30, 0x18720000},
       {3, 5, 0, 0xffec0005}, // a shift by 64 is one by 0
       {0, 1, 64, 0xfffc0001},

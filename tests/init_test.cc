@@ -1,6 +1,8 @@
+// test-runs: library_unloader
 #include "vorn_init.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -19,16 +21,20 @@ using Texts = std::vector<std::string>;
 TEST(Init, ConcurrentCallersStartAndStopItOnceARound) {
   for (int round = 0; round < 20; ++round) {
     run_threads(4, [](int) { EXPECT_EQ(vorn_Init(), 0); });
-    const Texts texts = capture::take_texts();
+    const Texts texts = capture::take_lines();
     ASSERT_EQ(texts.front(), "Vorn init start.");
-    ASSERT_EQ(std::count(texts.begin(), texts.end(), "Get jiffies usr addr failed."), 1);
+    ASSERT_EQ(std::count(texts.begin(), texts.end(), "E Get jiffies usr addr failed."), 1);
     ASSERT_EQ(texts.back(), "Vorn init end ret 0.");
     ASSERT_EQ(std::count(texts.begin(), texts.end(), texts.back()), 1);
     EXPECT_NE(vorn_time_getnanosec(), 0u);
     run_threads(4, [](int) { vorn_destory(); });
-    ASSERT_EQ(capture::take_texts(), (Texts{"Vorn destroy start.", "Vorn destroy end."}));
+    ASSERT_EQ(capture::take_lines(), (Texts{"Vorn destroy start.", "Vorn destroy end."}));
   }
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX"); // built again on demand
+}
+
+TEST(Init, TheLibraryStaysLoadedWhenItIsClosed) {
+  EXPECT_EQ(std::system(VORN_TEST_EMULATOR " " VORN_TEST_PROGRAM " >/dev/null 2>&1"), 0);
 }
 
 } // namespace

@@ -30,9 +30,9 @@ TEST(PercpuPosix, OnceRunsOnceAndAKeyHoldsAValueForEachThread) {
   EXPECT_EQ(vorn_key_getspecific(key), &mine);
   EXPECT_EQ(vorn_key_delete(key), 0);
   EXPECT_EQ(vorn_key_delete(key), EINVAL);
-  EXPECT_EQ(capture::take_texts(),
-            (std::vector<std::string>{"pthread_getspecific failed!\n", "param(value) is null !\n",
-                                      "pthread_key_delete failed!\n"}));
+  EXPECT_EQ(capture::take_lines(), (std::vector<std::string>{"E pthread_getspecific failed!\n",
+                                                             "E param(value) is null !\n",
+                                                             "E pthread_key_delete failed!\n"}));
 }
 
 } // namespace

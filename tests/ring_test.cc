@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/atomic_word.hpp"
 #include "evlog.h"
 #include "support/log_capture.hpp"
 
@@ -45,9 +46,7 @@ Ring make_ring(std::uint32_t count, std::uint32_t flags, std::uint32_t counters 
 
 void *object(std::uintptr_t number) { return reinterpret_cast<void *>(number); }
 
-std::uint32_t load(const volatile std::uint32_t &word) {
-  return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
-}
+std::uint32_t load(const volatile std::uint32_t &word) { return vorn::atomic_word(word).load(); }
 
 // What other programs read in the header, and where they read the slots.
 TEST(Ring, ShowsItsFlagsAndSizesAheadOfTheSlots) {
@@ -85,7 +84,7 @@ TEST(Ring, IsMadeOfAPowerOfTwoAndBeginsAtALineOfItsOwn) {
   EXPECT_NO_RECORD();
   EXPECT_EQ(vorn_ring_count(nullptr), 0xFFFFFFFF);
   EXPECT_EQ(vorn_ring_enqueue(nullptr, object(1)), -1);
-  EXPECT_EQ(capture::take_texts(), std::vector<std::string>(2, "Vorn ring id is NULL."));
+  EXPECT_EQ(capture::take_lines(), std::vector<std::string>(2, "E Vorn ring id is NULL."));
 }
 
 // The calls that move objects, for both ends.
@@ -267,7 +266,7 @@ TEST(Ring, AStalledThreadIsWaitedForByThoseBehind) {
       std::this_thread::yield();
     std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
     EXPECT_EQ(load(end.tail), tail);
-    __atomic_store_n(&end.tail, tail + 1, __ATOMIC_RELEASE);
+    vorn::atomic_word(end.tail).store(tail + 1);
     behind.join();
     EXPECT_EQ(load(end.tail), tail + 2);
   }

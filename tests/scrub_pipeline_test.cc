@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <functional>
 #include <span>
@@ -19,7 +18,6 @@
 
 #include <gtest/gtest.h>
 
-#include "interrupt.hpp"
 #include "scrub.hpp"
 #include "support/scratch.hpp"
 
@@ -155,21 +153,11 @@ TEST_P(PipelineOf, EndsTheReadingWhenATaskThrows) {
   }
 }
 
-TEST_P(PipelineOf, EndsWhenItIsInterrupted) {
-  scrub::catch_signals();
-  Pipeline pipeline(settings_);
-  const auto read = [&] {
-    while (true)
-      pipeline.then([] { std::raise(SIGINT); });
-  };
-  EXPECT_EQ(what_run_throws(pipeline, read), "interrupted");
-}
-
-// A file of more than all batches together, and one behind it.
+// A file of more than all batches together, and of so many blocks that not all their lines wait for
+// the end of the file to be written; and one after it.
 class ScrubRead : public testing::Test {
 protected:
-  static constexpr std::size_t kSize =
-      (Pipeline::kBatches + 2) * kBlocksPerBatch * scrub::kBlockSize;
+  static constexpr std::size_t kSize = 5 * Pipeline::kBatches * scrub::kReadSizeLimit;
 
   ScrubRead() {
     scratch::write_file(path("z"), "behind");
@@ -180,8 +168,7 @@ protected:
 
   std::string path(const char *name) const { return directory_ / name; }
 
-  // What the job tells when this is called before the read that takes the reader to the middle of
-  // a whole large file.
+  // What the job tells when this is called before a read in the midst of a whole large file.
   std::string output(scrub::ExitStatus (*job)(const scrub::Job &), scrub::ExitStatus wanted,
                      std::function<int(int fd)> in_the_middle) {
     scratch::write_file(path("large"), std::string(kSize, 'x'));

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/mman.h>
+#include <thread>
 #include <unistd.h>
 
 #include "evlog.h"
@@ -13,10 +14,13 @@
 #include "support/scratch.hpp"
 
 static int fallocate_error = 0;
+static int allocated_fd = -1;
 
 extern "C" {
 int __real_fallocate(int fd, int mode, off_t offset, off_t length);
 int __wrap_fallocate(int fd, int mode, off_t offset, off_t length) {
+  allocated_fd = fd;
+  pthread_testcancel(); // the system's is a cancellation point, whatever comes of it
   if (fallocate_error == 0) return __real_fallocate(fd, mode, offset, length);
   errno = fallocate_error;
   return -1;
@@ -68,6 +72,21 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Open shm fail, fd<-1> errno<2>.");
 }
 
+TEST_F(Shm, IsNotCancelledAndKeepsOffTheStandardDescriptors) {
+  const int input = dup(STDIN_FILENO);
+  close(STDIN_FILENO);
+  void *address = nullptr;
+  std::thread([&] {
+    pthread_cancel(pthread_self());
+    address = vorn_shm_create(name.c_str(), kSize);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+  }).join();
+  EXPECT_NE(address, nullptr);
+  EXPECT_GT(allocated_fd, STDERR_FILENO);
+  dup2(input, STDIN_FILENO);
+  close(input);
+}
+
 TEST_F(Shm, WhatCannotBeHadIsReportedAndClosed) {
   fallocate_error = ENOSPC; // the machine lacks the memory: not mapped
   EXPECT_EQ(vorn_shm_create(name.c_str(), kSize), nullptr);
@@ -84,7 +103,7 @@ TEST_F(Shm, WhatCannotBeHadIsReportedAndClosed) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Mmap shm mem fail, errno<22>.");
   void *address = open_as(O_ACCMODE); // the system's to say
-  EXPECT_EQ(capture::take_texts().at(0), "Oflag open failed, oflag<3>.");
+  EXPECT_EQ(capture::take_lines().at(0), "E Oflag open failed, oflag<3>.");
   if (address != nullptr) munmap(address, kSize);
   EXPECT_EQ(vorn_shm_destroy(nullptr), -1);
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, "vorn_shm_destroy", "Destroy shm fail, ret<-1> errno<22>.");

@@ -63,7 +63,7 @@ TEST(Str, SplitsAtRunsOfDelimiters) {
       tokens.emplace_back(token);
     EXPECT_EQ(tokens, row.tokens) << row.text;
   }
-  EXPECT_EQ(capture::take_texts().at(1), "Param((nil))  is null."); // of the call that ends it
+  EXPECT_EQ(capture::take_lines().at(1), "E Param((nil))  is null."); // of the call that ends it
 
   char list[] = ",,a,,b";
   EXPECT_EQ(vorn_str_tok(list, ","), list + 2);

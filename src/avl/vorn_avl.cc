@@ -221,6 +221,8 @@ Place unlink(Tree *tree, Node *node) {
 } // namespace
 } // namespace vorn::avl
 
+using namespace vorn::avl;
+
 int vorn_create_avl(vorn_avl_tree_s *tree, vorn_avl_compare_f cmp, uint32_t size, uint32_t offset) {
   if (tree == nullptr || cmp == nullptr) return VORN_FAIL(-1, "NULL POINTER");
   *tree = {nullptr, cmp, cmp, offset, size, 0};
@@ -244,7 +246,7 @@ int vorn_destroy_avl(vorn_avl_tree_s *tree) {
 
 void *vorn_find_avl_node(vorn_avl_tree_s *tree, const void *value, unsigned long *where) {
   if (tree == nullptr) return VORN_FAIL(nullptr, "NULL POINTER");
-  return vorn::avl::find_val_node(tree, value, where, true);
+  return find_val_node(tree, value, where, true);
 }
 
 void vorn_add_avl_node(vorn_avl_tree_s *tree, void *record) {
@@ -253,12 +255,11 @@ void vorn_add_avl_node(vorn_avl_tree_s *tree, void *record) {
     return;
   }
   unsigned long where;
-  if (vorn::avl::find_val_node(tree, record, &where, false) != nullptr) return;
+  if (find_val_node(tree, record, &where, false) != nullptr) return;
   if (vorn_insert_avl_node(tree, record, where) != 0) VORN_LOG(vorn::kError, "InsertAvlNode fail.");
 }
 
 int vorn_insert_avl_node(vorn_avl_tree_s *tree, void *record, unsigned long where) {
-  using namespace vorn::avl;
   if (tree == nullptr || record == nullptr) return VORN_FAIL(-1, "NULL POINTER");
   const Place place = place_at(where);
   Node *node = node_of(tree, record);
@@ -271,7 +272,6 @@ int vorn_insert_avl_node(vorn_avl_tree_s *tree, void *record, unsigned long wher
 
 int vorn_insert_avl_node_specified(vorn_avl_tree_s *tree, void *record, void *here,
                                    unsigned int direction) {
-  using namespace vorn::avl;
   if (tree == nullptr || record == nullptr || here == nullptr) return VORN_FAIL(-1, "NULL POINTER");
   if (direction > kRight) return VORN_FAIL(-1, "Invalid Param");
 
@@ -288,24 +288,22 @@ int vorn_insert_avl_node_specified(vorn_avl_tree_s *tree, void *record, void *he
 int vorn_remove_avl_node(vorn_avl_tree_s *tree, void *record) {
   if (tree == nullptr || record == nullptr) return VORN_FAIL(0, "NULL POINTER");
   --tree->node_count;
-  const vorn::avl::Place place = vorn::avl::unlink(tree, vorn::avl::node_of(tree, record));
+  const Place place = unlink(tree, node_of(tree, record));
   if (tree->root == nullptr) {
     VORN_LOG(vorn::kDebug, "Remove node not need set balance.");
     return 0;
   }
-  vorn::avl::retrace_removal(tree, place);
+  retrace_removal(tree, place);
   return 0;
 }
 
 void *vorn_walk_avl_node(vorn_avl_tree_s *tree, void *record, unsigned int direction) {
-  using namespace vorn::avl;
   if (tree == nullptr || record == nullptr) return VORN_FAIL(nullptr, "NULL POINTER");
   return record_or_null(tree, neighbour(node_of(tree, record), side_of(direction)));
 }
 
 void *vorn_find_avl_nearest_node(vorn_avl_tree_s *tree, unsigned long where,
                                  unsigned int direction) {
-  using namespace vorn::avl;
   if (tree == nullptr) return VORN_FAIL(nullptr, "NULL POINTER");
   const Place place = place_at(where);
   if (place.parent == nullptr) return nullptr;
@@ -314,13 +312,11 @@ void *vorn_find_avl_nearest_node(vorn_avl_tree_s *tree, unsigned long where,
 }
 
 void *vorn_get_avl_first_node(vorn_avl_tree_s *tree) {
-  using namespace vorn::avl;
   if (tree == nullptr) return VORN_FAIL(nullptr, "NULL POINTER");
   return tree->root == nullptr ? nullptr : record_of(tree, outermost(tree->root, kLeft));
 }
 
 void *vorn_get_avl_last_node(vorn_avl_tree_s *tree) {
-  using namespace vorn::avl;
   if (tree == nullptr) return VORN_FAIL(nullptr, "NULL POINTER");
   return tree->root == nullptr ? nullptr : record_of(tree, outermost(tree->root, kRight));
 }

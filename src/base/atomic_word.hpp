@@ -13,6 +13,14 @@ template <class T> std::atomic_ref<T> atomic_word(const T &word) {
   return std::atomic_ref<T>(const_cast<T &>(word));
 }
 
+// Of a word that C code reads and writes as a volatile one.
+template <class T> std::atomic_ref<T> atomic_word(volatile T &word) {
+  return std::atomic_ref<T>(const_cast<T &>(word));
+}
+template <class T> std::atomic_ref<T> atomic_word(const volatile T &word) {
+  return std::atomic_ref<T>(const_cast<T &>(word));
+}
+
 } // namespace vorn
 
 #endif

@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstdint>
 
+#include "base/atomic_word.hpp"
+
 namespace vorn::bitops {
 namespace {
 
@@ -12,7 +14,7 @@ static_assert(std::endian::native == std::endian::little);
 constexpr std::uint64_t kWordBits = 64;
 
 using Byte = unsigned char;
-using Word [[gnu::may_alias]] = std::uint64_t;
+using Word = std::uint64_t;
 
 // What a word is flipped with, so that the bits sought are 1.
 constexpr std::uint64_t kSeekSet = 0;
@@ -23,12 +25,12 @@ constexpr std::uint64_t kSeekClear = ~std::uint64_t{0};
 std::uint64_t read_word(const Byte *bytes, std::uint64_t nbits) {
   const bool aligned = reinterpret_cast<std::uintptr_t>(bytes) % sizeof(Word) == 0;
   if (aligned && nbits >= kWordBits)
-    return __atomic_load_n(reinterpret_cast<const Word *>(bytes), __ATOMIC_RELAXED);
+    return atomic_word(*reinterpret_cast<const Word *>(bytes)).load(std::memory_order_relaxed);
 
   const std::uint64_t used = std::min(nbits, kWordBits);
   std::uint64_t word = 0;
   for (std::uint64_t shift = 0; shift < used; shift += 8)
-    word |= std::uint64_t{__atomic_load_n(bytes + shift / 8, __ATOMIC_RELAXED)} << shift;
+    word |= std::uint64_t{atomic_word(bytes[shift / 8]).load(std::memory_order_relaxed)} << shift;
   return used == kWordBits ? word : word & ((std::uint64_t{1} << used) - 1);
 }
 
@@ -59,66 +61,69 @@ int find_below(const void *bitmap, std::uint32_t nbits, std::uint32_t start, std
 
 int mask_of(std::uint32_t nr) { return 1 << nr % 8; }
 
+std::atomic_ref<Byte> byte_of(void *bitmap, std::uint32_t nr) {
+  return atomic_word(static_cast<Byte *>(bitmap)[nr / 8]);
+}
+
 // Both return the bit's old value.
 bool set(void *bitmap, std::uint32_t nr) {
-  Byte *byte = static_cast<Byte *>(bitmap) + nr / 8;
-  const int old = __atomic_fetch_or(byte, static_cast<Byte>(mask_of(nr)), __ATOMIC_RELAXED);
+  const int old =
+      byte_of(bitmap, nr).fetch_or(static_cast<Byte>(mask_of(nr)), std::memory_order_relaxed);
   return (old & mask_of(nr)) != 0;
 }
 
 bool clear(void *bitmap, std::uint32_t nr) {
-  Byte *byte = static_cast<Byte *>(bitmap) + nr / 8;
-  const int old = __atomic_fetch_and(byte, static_cast<Byte>(~mask_of(nr)), __ATOMIC_RELAXED);
+  const int old =
+      byte_of(bitmap, nr).fetch_and(static_cast<Byte>(~mask_of(nr)), std::memory_order_relaxed);
   return (old & mask_of(nr)) != 0;
 }
 
 } // namespace
 } // namespace vorn::bitops
 
+using namespace vorn::bitops;
+
 uint64_t vorn_bitop_read_u64(const void *p, uint64_t nbits) {
   if (p == nullptr) return 0;
-  return vorn::bitops::read_word(static_cast<const unsigned char *>(p), nbits);
+  return read_word(static_cast<const unsigned char *>(p), nbits);
 }
 
-uint64_t find_first_bit(const void *addr, uint64_t size) {
-  return vorn::bitops::find(addr, size, 0, vorn::bitops::kSeekSet);
-}
+uint64_t find_first_bit(const void *addr, uint64_t size) { return find(addr, size, 0, kSeekSet); }
 
 uint64_t find_first_zero_bit(const void *addr, uint64_t size) {
-  return vorn::bitops::find(addr, size, 0, vorn::bitops::kSeekClear);
+  return find(addr, size, 0, kSeekClear);
 }
 
 uint64_t find_next_bit(const void *addr, uint64_t size, uint64_t offset) {
-  return vorn::bitops::find(addr, size, offset, vorn::bitops::kSeekSet);
+  return find(addr, size, offset, kSeekSet);
 }
 
 uint64_t vorn_find_next_zero_bit(const void *addr, uint64_t size, uint64_t offset) {
-  return vorn::bitops::find(addr, size, offset, vorn::bitops::kSeekClear);
+  return find(addr, size, offset, kSeekClear);
 }
 
 int vorn_bitop_findfirstsetbit(const void *addr, uint32_t nbits, uint32_t *out) {
-  return vorn::bitops::find_below(addr, nbits, 0, vorn::bitops::kSeekSet, out);
+  return find_below(addr, nbits, 0, kSeekSet, out);
 }
 
 int vorn_bitop_findfirstclrbit(const void *addr, uint32_t nbits, uint32_t *out) {
-  return vorn::bitops::find_below(addr, nbits, 0, vorn::bitops::kSeekClear, out);
+  return find_below(addr, nbits, 0, kSeekClear, out);
 }
 
 int vorn_bitop_findnextsetbit(const void *addr, int32_t nbits, uint32_t start, uint32_t *out) {
   if (nbits < 0) return 0;
-  return vorn::bitops::find_below(addr, static_cast<uint32_t>(nbits), start, vorn::bitops::kSeekSet,
-                                  out);
+  return find_below(addr, static_cast<uint32_t>(nbits), start, kSeekSet, out);
 }
 
-void vorn_set_bit(uint32_t nr, void *addr) { vorn::bitops::set(addr, nr); }
+void vorn_set_bit(uint32_t nr, void *addr) { set(addr, nr); }
 
 int vorn_clear_bit(uint32_t nr, void *addr) {
-  vorn::bitops::clear(addr, nr);
-  return vorn::bitops::mask_of(nr);
+  clear(addr, nr);
+  return mask_of(nr);
 }
 
-int vorn_test_and_set_bit(uint32_t nr, void *addr) { return vorn::bitops::set(addr, nr); }
-int vorn_test_and_clear_bit(uint32_t nr, void *addr) { return vorn::bitops::clear(addr, nr); }
+int vorn_test_and_set_bit(uint32_t nr, void *addr) { return set(addr, nr); }
+int vorn_test_and_clear_bit(uint32_t nr, void *addr) { return clear(addr, nr); }
 
 uint32_t vorn_hweight32(uint32_t x) { return static_cast<uint32_t>(std::popcount(x)); }
 uint32_t vorn_hweight64(uint64_t x) { return static_cast<uint32_t>(std::popcount(x)); }

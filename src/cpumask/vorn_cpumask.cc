@@ -8,7 +8,7 @@
 
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "base/unique_fd.hpp"
+#include "base/system.hpp"
 #include "vorn_bitops.h"
 #include "vorn_fileops.h"
 
@@ -31,7 +31,7 @@ constinit Mask present{};
 constinit Once loaded{OncePolicy::kRetry};
 
 bool read_line(const char *path, char (&line)[kLineSize]) {
-  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+  const UniqueFd file = sys::open(path, O_RDONLY);
   return file && vorn_readline(file.get(), line, sizeof line) != nullptr;
 }
 
@@ -71,15 +71,17 @@ unsigned int cpu_number(uint64_t bit) {
 } // namespace
 } // namespace vorn::cpumask
 
-cpumask *cpu_possible_mask = &vorn::cpumask::possible;
-cpumask *cpu_online_mask = &vorn::cpumask::online;
-cpumask *cpu_present_mask = &vorn::cpumask::present;
+using namespace vorn::cpumask;
 
-int cpumask_init() { return vorn::cpumask::loaded.run(vorn::cpumask::load_all); }
+cpumask *cpu_possible_mask = &possible;
+cpumask *cpu_online_mask = &online;
+cpumask *cpu_present_mask = &present;
+
+int cpumask_init() { return loaded.run(load_all); }
 
 int load_cpumask(cpumask *mask, const char *path, size_t) {
-  char line[vorn::cpumask::kLineSize] = {};
-  if (!vorn::cpumask::read_line(path, line)) return -1;
+  char line[kLineSize] = {};
+  if (!read_line(path, line)) return -1;
   if (line[0] == '\n') return 0;
   int highest = 0;
   char *rest = line;
@@ -91,8 +93,8 @@ int load_cpumask(cpumask *mask, const char *path, size_t) {
 void init_cpumask_bit(cpumask *mask, unsigned int words) { std::fill_n(mask->words, words, 0); }
 
 int vorn_set_cpumask_bit(cpumask *mask, const char *item) {
-  vorn::cpumask::Range range;
-  if (!vorn::cpumask::scan(item, range)) return 0;
+  Range range;
+  if (!scan(item, range)) return 0;
   const long end = std::min(range.last, long{VORN_CPUMASK_CPU_COUNT} - 1);
   for (long cpu = std::max(range.first, 0l); cpu <= end; ++cpu)
     vorn_set_bit(static_cast<uint32_t>(cpu), mask);
@@ -100,9 +102,9 @@ int vorn_set_cpumask_bit(cpumask *mask, const char *item) {
 }
 
 unsigned int vorn_first_cpu(const cpumask *mask) {
-  return vorn::cpumask::cpu_number(find_first_bit(mask, VORN_CPUMASK_CPU_COUNT));
+  return cpu_number(find_first_bit(mask, VORN_CPUMASK_CPU_COUNT));
 }
 
 unsigned int vorn_next_cpu(unsigned int cpu, const cpumask *mask) {
-  return vorn::cpumask::cpu_number(find_next_bit(mask, VORN_CPUMASK_CPU_COUNT, cpu + 1));
+  return cpu_number(find_next_bit(mask, VORN_CPUMASK_CPU_COUNT, cpu + 1));
 }

@@ -30,43 +30,45 @@ bool is_negative(std::uint32_t length) { return static_cast<std::int32_t>(length
 } // namespace
 } // namespace vorn::crc
 
-void vorn_crc32_init() { vorn::crc::choose(); }
+using namespace vorn::crc;
+
+void vorn_crc32_init() { choose(); }
 
 uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length) {
   if (data == nullptr || length == 0) [[unlikely]]
     return crc;
-  return vorn::crc::dispatch.load(std::memory_order_relaxed)(crc, data, length);
+  return dispatch.load(std::memory_order_relaxed)(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length) {
-  if (vorn::crc::is_negative(length)) [[unlikely]]
+  if (is_negative(length)) [[unlikely]]
     return crc;
   return vorn::crc::crc32c(vorn::arch::crc_probe, crc, data, length);
 }
 
 uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length) {
-  return vorn::crc::crc32c_by_table(crc, data, length);
+  return crc32c_by_table(crc, data, length);
 }
 
 uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length, const void *src) {
-  if (vorn::crc::is_negative(length)) [[unlikely]]
+  if (is_negative(length)) [[unlikely]]
     return crc;
   return vorn::crc::crc32c_copy(vorn::arch::crc_probe, crc, dst, src, length);
 }
 
 uint32_t vorn_crc32cStart(const void *data, uint32_t length) {
-  return vorn_crc32cContinue(vorn::crc::kStart, data, length);
+  return vorn_crc32cContinue(kStart, data, length);
 }
 
 uint32_t vorn_crc32cEnd(uint32_t crc) { return ~crc; }
 
 uint32_t vorn_crc32c(const void *data, uint32_t length) {
-  return ~vorn_crc32cContinue(vorn::crc::kStart, data, length);
+  return ~vorn_crc32cContinue(kStart, data, length);
 }
 
 uint32_t vorn_crc32c_soft(const void *data, uint32_t length) {
   if (data == nullptr || length == 0) return 0;
-  return ~vorn_crc32cContinueSoft(vorn::crc::kStart, data, length);
+  return ~vorn_crc32cContinueSoft(kStart, data, length);
 }
 
 uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length) {
@@ -80,5 +82,5 @@ uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length) {
 }
 
 uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length) {
-  return vorn::crc::crc16_by_table(crc, data, length);
+  return crc16_by_table(crc, data, length);
 }

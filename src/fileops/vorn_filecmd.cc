@@ -6,12 +6,12 @@
 #include <cstdarg>
 #include <cstring>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "base/bounded.hpp"
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
-#include "fileops/block.hpp"
+#include "base/system.hpp"
+#include "mem/owned.hpp"
 #include "vorn_cmd.h"
 
 namespace vorn::fileops {
@@ -30,14 +30,15 @@ int run_command(const char *function, const char *whitelist, const char *format,
     VORN_PRINTF(3, 4);
 
 int run_command(const char *function, const char *whitelist, const char *format, ...) {
-  const Block command = allocate_block(kCommandSize);
+  const mem::Block command = mem::allocate_block(kCommandSize);
   if (command == nullptr) return VORN_FAIL_AS(function, -ENOMEM, "AllocCmd is NULL");
   std::va_list args;
   va_start(args, format);
   const int length = vsnprintf_s(command.get(), kCommandSize, kCommandSize - 1, format, args);
   va_end(args);
   if (length < 0) {
-    VORN_LOG_RATELIMITED_AS(function, kError, kInfo, "sprintf_s secure function failed, destMax<%lu>.",
+    VORN_LOG_RATELIMITED_AS(function, kError, kInfo,
+                            "sprintf_s secure function failed, destMax<%lu>.",
                             static_cast<unsigned long>(kCommandSize));
     return -EINVAL;
   }
@@ -54,7 +55,7 @@ bool is_folder(const char *path) {
 bool folder_appears(const char *path) {
   for (int waited = 0; waited < kFolderPatience; ++waited) {
     if (is_folder(path)) return true;
-    usleep(1000);
+    sys::sleep({0, 1000000});
   }
   return false;
 }
@@ -75,50 +76,52 @@ bool make_folder(const char *path) {
 } // namespace
 } // namespace vorn::fileops
 
+using namespace vorn::fileops;
+
 int vorn_cmd_cp(const char *src, const char *dest) {
   if (src == nullptr || dest == nullptr) {
     return VORN_FAIL(-EINVAL, "SrcFile or DestFile is NULL.");
   }
-  if (vorn::fileops::is_too_long(src) || vorn::fileops::is_too_long(dest)) {
+  if (is_too_long(src) || is_too_long(dest)) {
     return VORN_FAIL(-ENAMETOOLONG, "File Path is too Long, pSrcFile: (%s), pDestFile: (%s)", src,
                      dest);
   }
-  return vorn::fileops::run_command(__func__, nullptr, "cp -af %s %s", src, dest);
+  return run_command(__func__, nullptr, "cp -af %s %s", src, dest);
 }
 
 int vorn_cmd_rm(const char *path) {
   if (path == nullptr) return VORN_FAIL(-EINVAL, "Param is NULL.");
-  if (vorn::fileops::is_too_long(path)) {
+  if (is_too_long(path)) {
     return VORN_FAIL(-ENAMETOOLONG, "File path too long pSrcFile = %s", path);
   }
-  return vorn::fileops::run_command(__func__, nullptr, "rm -rf %s", path);
+  return run_command(__func__, nullptr, "rm -rf %s", path);
 }
 
 int vorn_cmd_tar(const char *archive, const char *dir, int extract) {
   if (archive == nullptr || dir == nullptr) return VORN_FAIL(-EINVAL, "Param is NULL.");
-  if (vorn::fileops::is_too_long(archive) || vorn::fileops::is_too_long(dir)) {
+  if (is_too_long(archive) || is_too_long(dir)) {
     return VORN_FAIL(-ENAMETOOLONG, "File path too long pSrcFile = %s,pDir = %s", archive, dir);
   }
   if (extract != 0) {
-    return vorn::fileops::run_command(__func__, nullptr, "tar -xzf %s -C %s", archive, dir);
+    return run_command(__func__, nullptr, "tar -xzf %s -C %s", archive, dir);
   }
-  return vorn::fileops::run_command(__func__, nullptr, "tar -czf %s %s", archive, dir);
+  return run_command(__func__, nullptr, "tar -czf %s %s", archive, dir);
 }
 
 int vorn_cmd_touch(const char *path) {
   if (path == nullptr) return VORN_FAIL(-EINVAL, "File is NULL.");
-  if (vorn::fileops::is_too_long(path)) {
+  if (is_too_long(path)) {
     return VORN_FAIL(-ENAMETOOLONG, "File path:(%s) is too long.", path);
   }
-  return vorn::fileops::run_command(__func__, nullptr, "touch %s", path);
+  return run_command(__func__, nullptr, "touch %s", path);
 }
 
 int vorn_cmd_mv(const char *src, const char *dest) {
   if (src == nullptr || dest == nullptr) return VORN_FAIL(-EINVAL, "Param is NULL.");
-  if (vorn::fileops::is_too_long(src) || vorn::fileops::is_too_long(dest)) {
+  if (is_too_long(src) || is_too_long(dest)) {
     return VORN_FAIL(-ENAMETOOLONG, "File path too long pSrcFile = %s, pDestFile = %s", src, dest);
   }
-  return vorn::fileops::run_command(__func__, nullptr, "mv %s %s", src, dest);
+  return run_command(__func__, nullptr, "mv %s %s", src, dest);
 }
 
 int vorn_cmd_mkdir(const char *path) {
@@ -126,14 +129,14 @@ int vorn_cmd_mkdir(const char *path) {
   if (isDangerousCmd(path, nullptr) != 0) {
     return VORN_FAIL(-EINVAL, "Param error: pFile(%s) is dangerous.", path);
   }
-  if (vorn::fileops::is_too_long(path)) {
+  if (is_too_long(path)) {
     return VORN_FAIL(-ENAMETOOLONG, "File path too long pFile = %s", path);
   }
-  const int result = vorn::fileops::run_command(__func__, "&>", "mkdir -p %s &>/dev/null", path);
+  const int result = run_command(__func__, "&>", "mkdir -p %s &>/dev/null", path);
   if (result != 0) return result;
   // A plain POSIX shell reads "&>" as the end of a background command: it is done before mkdir has
   // begun, with 0 whatever comes of it. Its mkdir is waited for, so that it does not come late and
   // find the folder removed again; where none appears, to try here tells whether one can be made.
-  if (vorn::fileops::folder_appears(path) || vorn::fileops::make_folder(path)) return 0;
+  if (folder_appears(path) || make_folder(path)) return 0;
   return VORN_FAIL(-1, "Execute cmd(mkdir -p %s &>/dev/null) Fail(%d)", path, -1);
 }

@@ -24,6 +24,8 @@ int set_lock(int fd, int command, short type, const vorn_file_lock_s &lock) {
 } // namespace
 } // namespace vorn::fileops
 
+using namespace vorn::fileops;
+
 int vorn_access(const char *path, int mode) {
   if (path == nullptr) return VORN_FAIL(-1, "pFilePath is NULL.");
   return access(path, mode);
@@ -74,16 +76,16 @@ int vorn_lockfile(int fd, const vorn_file_lock_s *lock) {
   if (lock == nullptr) return VORN_FAIL(-EINVAL, "Param is NULL.");
   const short type = (lock->type & VORN_FILE_LOCK_WRITE) != 0 ? F_WRLCK : F_RDLCK;
   if ((lock->type & VORN_FILE_LOCK_NO_WAIT) != 0) {
-    return vorn::fileops::set_lock(fd, F_SETLK, type, *lock);
+    return set_lock(fd, F_SETLK, type, *lock);
   }
   int result = -1;
   do {
-    result = vorn::fileops::set_lock(fd, F_SETLKW, type, *lock);
+    result = set_lock(fd, F_SETLKW, type, *lock);
   } while (result != 0 && errno == EINTR);
   return result;
 }
 
 int vorn_unlockfile(int fd, const vorn_file_lock_s *lock) {
   if (lock == nullptr) return VORN_FAIL(-EINVAL, "Param is NULL.");
-  return vorn::fileops::set_lock(fd, F_SETLK, F_UNLCK, *lock);
+  return set_lock(fd, F_SETLK, F_UNLCK, *lock);
 }

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "base/system.hpp"
+
 namespace vorn::fileops {
 namespace {
 
@@ -69,8 +71,7 @@ void read_pieces(int fd, off_t start, Line &line) {
   std::size_t size = kFirstPiece;
   off_t position = start;
   while (!line.done()) {
-    const ssize_t length = pread(fd, piece, size, position);
-    if (length < 0 && errno == EINTR) continue;
+    const ssize_t length = sys::pread(fd, piece, size, position);
     if (length <= 0) break;
     position += static_cast<off_t>(append(line, piece, static_cast<std::size_t>(length)));
     size = std::min(size * 2, kLargestPiece);
@@ -81,9 +82,7 @@ void read_pieces(int fd, off_t start, Line &line) {
 void read_bytes(int fd, Line &line) {
   while (!line.done()) {
     char byte = 0;
-    const ssize_t length = read(fd, &byte, 1);
-    if (length < 0 && errno == EINTR) continue;
-    if (length <= 0) return;
+    if (sys::read(fd, &byte, 1) <= 0) return;
     append(line, &byte, 1);
   }
 }
@@ -91,14 +90,16 @@ void read_bytes(int fd, Line &line) {
 } // namespace
 } // namespace vorn::fileops
 
+using namespace vorn::fileops;
+
 char *vorn_readline(int fd, char *buf, int size) {
   if (buf == nullptr || size < 1) return nullptr;
-  vorn::fileops::Line line{buf, static_cast<std::size_t>(size) - 1, false};
-  const off_t start = vorn::fileops::position_of_stored(fd);
+  Line line{buf, static_cast<std::size_t>(size) - 1, false};
+  const off_t start = position_of_stored(fd);
   if (start >= 0) {
-    vorn::fileops::read_pieces(fd, start, line);
+    read_pieces(fd, start, line);
   } else {
-    vorn::fileops::read_bytes(fd, line);
+    read_bytes(fd, line);
   }
   *line.end = '\0';
   buf[size - 1] = '\0';

@@ -76,12 +76,14 @@ template <class Visit> int for_each(const Table *table, Visit visit, bool stop) 
 } // namespace
 } // namespace vorn::hash
 
+using namespace vorn::hash;
+
 uint8_t hash_get_pow(uint32_t n) { return n < 2 ? 0 : static_cast<uint8_t>(std::bit_width(n) - 1); }
 
-uint32_t hash_pow(uint8_t p) { return p > vorn::hash::kMaxPower ? 0 : uint32_t{1} << p; }
+uint32_t hash_pow(uint8_t p) { return p > kMaxPower ? 0 : uint32_t{1} << p; }
 
 uint32_t hash_func(uint32_t key2, uint64_t key, uint8_t bits) {
-  return vorn::hash::bucket_index(key2, key, bits);
+  return bucket_index(key2, key, bits);
 }
 
 int vorn_hash_attr_init(vorn_hash_attr_s *attr) {
@@ -108,7 +110,6 @@ void vorn_hash_free(const vorn_hash_attr_s *attr, void *ptr) {
 
 int vorn_hash_create_ex(uint32_t count, vorn_hash_table_s **table, uint32_t limit,
                         const vorn_hash_attr_s *attr) {
-  using namespace vorn::hash;
   if (limit > VORN_HASH_LIMIT_MAX || table == nullptr || count == 0) return -EINVAL;
   const uint8_t bits = hash_get_pow(count);
   const uint32_t bucket_count = hash_pow(bits);
@@ -136,11 +137,11 @@ int vorn_hash_create(uint32_t count, vorn_hash_table_s **table, uint32_t limit) 
 int vorn_hash_destory(vorn_hash_table_s *table, void (*fn)(vorn_hash_node_s *node)) {
   if (table == nullptr) return -EINVAL;
   const auto take_out = [fn](vorn_hash_node_s *node) {
-    vorn::hash::unlink(node);
+    unlink(node);
     if (fn != nullptr) fn(node);
     return 0;
   };
-  vorn::hash::for_each(table, take_out, false);
+  for_each(table, take_out, false);
   const vorn_hash_attr_s *attr = table->attr;
   vorn_hash_free(attr, table->buckets);
   vorn_hash_free(attr, table);
@@ -148,7 +149,6 @@ int vorn_hash_destory(vorn_hash_table_s *table, void (*fn)(vorn_hash_node_s *nod
 }
 
 int vorn_hash_insert(vorn_hash_table_s *table, vorn_hash_node_s *node) {
-  using namespace vorn::hash;
   if (table == nullptr || node == nullptr) return -EINVAL;
   Link *bucket = bucket_of(table, node->key2, node->key);
   if (find(bucket, node->key2, node->key) != nullptr) return -EEXIST;
@@ -158,7 +158,6 @@ int vorn_hash_insert(vorn_hash_table_s *table, vorn_hash_node_s *node) {
 
 int vorn_hash_delete(vorn_hash_table_s *table, uint32_t key2, uint64_t key,
                      vorn_hash_node_s **out) {
-  using namespace vorn::hash;
   if (table == nullptr) return -EINVAL;
   Node *node = find(bucket_of(table, key2, key), key2, key);
   if (node == nullptr) return kAbsent;
@@ -169,7 +168,6 @@ int vorn_hash_delete(vorn_hash_table_s *table, uint32_t key2, uint64_t key,
 
 int vorn_hash_search(vorn_hash_table_s *table, uint32_t key2, uint64_t key,
                      vorn_hash_node_s **out) {
-  using namespace vorn::hash;
   if (table == nullptr || out == nullptr) return -EINVAL;
   *out = find(bucket_of(table, key2, key), key2, key);
   return *out != nullptr ? 0 : kAbsent;
@@ -179,10 +177,10 @@ int vorn_hash_for_each_ex(vorn_hash_table_s *table, int (*fn)(vorn_hash_node_s *
                           void *arg, int8_t stop) {
   if (table == nullptr || fn == nullptr) return -EINVAL;
   const auto visit = [fn, arg](vorn_hash_node_s *node) { return fn(node, arg); };
-  return vorn::hash::for_each(table, visit, stop != 0);
+  return for_each(table, visit, stop != 0);
 }
 
 int vorn_hash_for_each(vorn_hash_table_s *table, int (*fn)(vorn_hash_node_s *node), int8_t stop) {
   if (table == nullptr || fn == nullptr) return -EINVAL;
-  return vorn::hash::for_each(table, fn, stop != 0);
+  return for_each(table, fn, stop != 0);
 }

@@ -81,11 +81,13 @@ void stop() {
 } // namespace
 } // namespace vorn::init
 
-int vorn_Init() { return vorn::init::started.run(vorn::init::start) == 0 ? 0 : -1; }
+using namespace vorn::init;
 
-void vorn_destory() { vorn::init::started.reset(vorn::init::stop); }
+int vorn_Init() { return started.run(start) == 0 ? 0 : -1; }
+
+void vorn_destory() { started.reset(stop); }
 
 int vorn_glibc_init() {
-  void *frames[vorn::init::kUnwinderDepth];
-  return backtrace(frames, vorn::init::kUnwinderDepth);
+  void *frames[kUnwinderDepth];
+  return backtrace(frames, kUnwinderDepth);
 }

@@ -19,6 +19,15 @@ inline void *allocate(std::size_t size, const char *function = __builtin_FUNCTIO
   return vorn_mallocsubstandard(VORN_MODULE_ID, static_cast<unsigned int>(size), 0, function, line);
 }
 
+// The same without a message, for a caller that has one of its own.
+inline void *allocate_quietly(std::size_t size, const char *function = __builtin_FUNCTION(),
+                              unsigned int line = __builtin_LINE()) {
+  if (size > UINT32_MAX) return nullptr;
+  unsigned int type = 0;
+  return vorn_mallocsubproc(static_cast<unsigned int>(size), &type, 0, VORN_MODULE_ID, function,
+                            line);
+}
+
 struct Release {
   template <class T> void operator()(T *object) const {
     object->~T();
@@ -38,6 +47,12 @@ inline Block allocate_block(std::size_t size, const char *function = __builtin_F
 template <class T>
 Owned<T> create(const char *function = __builtin_FUNCTION(), unsigned int line = __builtin_LINE()) {
   void *memory = allocate(sizeof(T), function, line);
+  return Owned<T>(memory == nullptr ? nullptr : new (memory) T());
+}
+
+template <class T> Owned<T> create_quietly(const char *function = __builtin_FUNCTION(),
+                                           unsigned int line = __builtin_LINE()) {
+  void *memory = allocate_quietly(sizeof(T), function, line);
   return Owned<T>(memory == nullptr ? nullptr : new (memory) T());
 }
 

@@ -26,6 +26,8 @@ vorn_mem_head_s *head_of(void *ptr) { return static_cast<vorn_mem_head_s *>(ptr)
 } // namespace
 } // namespace vorn::mem
 
+using namespace vorn::mem;
+
 void *vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
                              const char *function, unsigned int line) {
   if (size == 0) return nullptr;
@@ -40,7 +42,7 @@ void *vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long 
 void *vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long, unsigned int pid,
                          const char *, unsigned int) {
   unsigned int with_head = 0;
-  if (__builtin_add_overflow(size, vorn::mem::kHeadSize, &with_head)) return nullptr;
+  if (__builtin_add_overflow(size, kHeadSize, &with_head)) return nullptr;
   auto *head = static_cast<vorn_mem_head_s *>(std::malloc(with_head));
   if (head == nullptr) return nullptr;
   *type = VORN_MEM_TYPE_HEAP;
@@ -59,8 +61,8 @@ void vorn_freesub(void *ptr, const char *function, unsigned int line) {
                             "ptr  is null, function(%s) line(%u)", function, line);
     return;
   }
-  vorn_mem_head_s *head = vorn::mem::head_of(ptr);
-  if (!vorn::mem::is_ours(head)) {
+  vorn_mem_head_s *head = head_of(ptr);
+  if (!is_ours(head)) {
     VORN_LOG(vorn::kError, "mem magic is wrong, ptr(%p), function(%s) line(%u)", ptr, function,
              line);
     vorn_freesubproc(ptr, static_cast<int>(VORN_MEM_TYPE_HEAP));

@@ -5,12 +5,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
+#include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
-#include "base/stream.hpp"
+#include "base/system.hpp"
 #include "vorn_cmd.h"
 #include "vorn_mem.h"
-#include "vorn_syscall.h"
 
 namespace vorn::mem {
 namespace {
@@ -22,21 +23,20 @@ constexpr std::size_t kNameSize = 128;
 constinit Once page_size_read{OncePolicy::kRetry};
 
 // The exported figure may be read again at any time, by vorn_get_current_page_size_inner.
-uint64_t page_size() { return __atomic_load_n(&g_CurSysPageSize, __ATOMIC_RELAXED); }
+uint64_t page_size() { return atomic_word(g_CurSysPageSize).load(std::memory_order_relaxed); }
 
 // Two threads that find it 0 read the same figure twice.
 constinit std::atomic<unsigned long> total_kb{0};
 
 // The value in kB of the line that key names, colon included; 0 with -1 when there is none.
 int vorn_get_meminfo(const char *key, unsigned long *value) {
-  const Stream file(std::fopen(kMeminfo, "re"));
+  const Stream file = sys::open_stream(kMeminfo);
   if (file == nullptr) {
-    const int error = errno;
-    VORN_LOG(kInfo, "Fopen /proc/meminfo fail errno %d.", error);
+    VORN_LOG(kInfo, "Fopen /proc/meminfo fail errno %d.", errno);
     return -1;
   }
   char line[256];
-  while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+  while (sys::read_line(line, sizeof line, file) != nullptr) {
     char name[kNameSize] = "";
     unsigned long figure = 0;
     if (std::sscanf(line, "%127s %lu", name, &figure) < 2) continue;
@@ -57,9 +57,8 @@ int set_protection(const char *function, void *addr, unsigned int numpages, int 
   }
   const int page_size_result = vorn_get_current_page_size();
   if (page_size_result != 0) {
-    const int error = errno;
     return VORN_FAIL_AS(function, -1, "Get current system page size failed, ret(%d), errno(%d):%s.",
-                        page_size_result, error, std::strerror(error));
+                        page_size_result, errno, std::strerror(errno));
   }
   const auto address = reinterpret_cast<unsigned long>(addr);
   if (page_size() != kUnitSize) {
@@ -72,31 +71,30 @@ int set_protection(const char *function, void *addr, unsigned int numpages, int 
     }
   }
   if (mprotect(addr, numpages * kUnitSize, protection) == 0) return 0;
-  const int error = errno;
-  return VORN_FAIL_AS(function, error,
+  return VORN_FAIL_AS(function, errno,
                       "set page protect read failed, page_addr(0x%lx), errno(%d):%s.", address,
-                      error, std::strerror(error));
+                      errno, std::strerror(errno));
 }
 
 } // namespace
 } // namespace vorn::mem
 
+using namespace vorn::mem;
+
 uint64_t g_CurSysPageSize;
 
 int vorn_get_free_mem(unsigned long *out) {
   if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
-  const auto result = static_cast<int>(vorn_private_syscall(
-      VORN_SYSCALL_COMMAND(VORN_SYSCALL_FREE_MEM), reinterpret_cast<unsigned long>(out),
-      VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED));
+  const int result = vorn::kernel_request(VORN_SYSCALL_FREE_MEM, out);
   if (result != 0) return VORN_FAIL(-1, "Syscall failed %d.", result);
   return 0;
 }
 
 int vorn_get_total_mem(unsigned long *out) {
-  unsigned long total = vorn::mem::total_kb.load(std::memory_order_relaxed);
+  unsigned long total = total_kb.load(std::memory_order_relaxed);
   if (total == 0) {
-    if (vorn::mem::vorn_get_meminfo("MemTotal:", &total) != 0) return -1;
-    vorn::mem::total_kb.store(total, std::memory_order_relaxed);
+    if (vorn_get_meminfo("MemTotal:", &total) != 0) return -1;
+    total_kb.store(total, std::memory_order_relaxed);
   }
   if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   *out = total;
@@ -106,8 +104,8 @@ int vorn_get_total_mem(unsigned long *out) {
 unsigned long vorn_get_available_usage() {
   unsigned long total = 0;
   unsigned long available = 0;
-  if (vorn::mem::vorn_get_meminfo("MemTotal:", &total) != 0) return 0;
-  if (vorn::mem::vorn_get_meminfo("MemAvailable:", &available) != 0) return 0;
+  if (vorn_get_meminfo("MemTotal:", &total) != 0) return 0;
+  if (vorn_get_meminfo("MemAvailable:", &available) != 0) return 0;
   if (total == 0) return VORN_FAIL(0ul, "get total memory from system is 0.");
   return (total - available) * 100 / total;
 }
@@ -120,32 +118,28 @@ int vorn_release_mem() {
 int vorn_get_current_page_size_inner() {
   const long size = sysconf(_SC_PAGESIZE);
   if (size < 0) {
-    const int error = errno;
     VORN_LOG(vorn::kInfo, "Get current system page size failed, ret=(%d), errno(%d):%s.",
-             static_cast<int>(size), error, std::strerror(error));
-    errno = error; // for a caller that reports it too
+             static_cast<int>(size), errno, std::strerror(errno));
     return -1;
   }
-  __atomic_store_n(&g_CurSysPageSize, static_cast<uint64_t>(size), __ATOMIC_RELAXED);
+  vorn::atomic_word(g_CurSysPageSize).store(static_cast<uint64_t>(size), std::memory_order_relaxed);
   return 0;
 }
 
-int vorn_get_current_page_size() {
-  return vorn::mem::page_size_read.run(vorn_get_current_page_size_inner);
-}
+int vorn_get_current_page_size() { return page_size_read.run(vorn_get_current_page_size_inner); }
 
 int vorn_get_sys_page_size(unsigned long *out) {
   if (out == nullptr) return VORN_FAIL(-1, "Get sys page size failed, param err.");
   *out = 0;
   if (vorn_get_current_page_size() != 0) return -1;
-  *out = vorn::mem::page_size();
+  *out = page_size();
   return 0;
 }
 
 int vorn_setmemory_ro(void *addr, unsigned int numpages) {
-  return vorn::mem::set_protection(__func__, addr, numpages, PROT_READ);
+  return set_protection(__func__, addr, numpages, PROT_READ);
 }
 
 int vorn_setmemory_rw(void *addr, unsigned int numpages) {
-  return vorn::mem::set_protection(__func__, addr, numpages, PROT_WRITE);
+  return set_protection(__func__, addr, numpages, PROT_WRITE);
 }

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "base/atomic_word.hpp"
 #include "base/kept_errno.hpp"
 #include "base/kernel_request.hpp"
 #include "base/once.hpp"
@@ -25,7 +26,7 @@ std::uint64_t *ask_for_table() {
 }
 
 std::atomic_ref<std::uint64_t> counter(std::uint64_t *table, unsigned int pid) {
-  return std::atomic_ref(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
+  return atomic_word(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
 }
 
 int find_table() {
@@ -42,33 +43,35 @@ std::uint64_t *stat_table() { return table_found.run(find_table) == 0 ? found_ta
 } // namespace
 } // namespace vorn::mem
 
+using namespace vorn::mem;
+
 void vorn_mem_stat_add(unsigned int pid, unsigned int size) {
-  uint64_t *table = vorn::mem::stat_table();
-  if (table != nullptr) vorn::mem::counter(table, pid).fetch_add(size);
+  uint64_t *table = stat_table();
+  if (table != nullptr) counter(table, pid).fetch_add(size);
 }
 
 void vorn_mem_stat_sub(unsigned int pid, unsigned int size) {
-  uint64_t *table = vorn::mem::stat_table();
-  if (table != nullptr) vorn::mem::counter(table, pid).fetch_sub(size);
+  uint64_t *table = stat_table();
+  if (table != nullptr) counter(table, pid).fetch_sub(size);
 }
 
 void vorn_mem_show(vorn_print_f print) {
   if (print == nullptr) return;
   print("Begin to show used memory (Bytes) of all PID.\n");
-  for (unsigned int column = 0; column < vorn::mem::kColumns; ++column) {
+  for (unsigned int column = 0; column < kColumns; ++column) {
     print("| %-6s  %11s ", "PID", "UsedMem");
   }
   print("\n");
 
-  uint64_t *table = vorn::mem::stat_table();
+  uint64_t *table = stat_table();
   uint64_t total = 0;
   unsigned int shown = 0;
   for (unsigned int pid = 0; table != nullptr && pid < VORN_MODULE_ID_COUNT; ++pid) {
-    const uint64_t used = vorn::mem::counter(table, pid).load(std::memory_order_relaxed);
+    const uint64_t used = counter(table, pid).load(std::memory_order_relaxed);
     if (used == 0) continue;
     total += used;
     print("| %-6u  %11lld ", pid, static_cast<long long>(used));
-    if (++shown % vorn::mem::kColumns == 0) print("\n");
+    if (++shown % kColumns == 0) print("\n");
   }
   print("\nTotal used memory: %lld\n", static_cast<long long>(total));
 }

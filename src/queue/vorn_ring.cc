@@ -49,6 +49,7 @@
 
 #include "arch/barrier.hpp"
 #include "arch/pause.hpp"
+#include "base/atomic_word.hpp"
 #include "base/log.hpp"
 #include "vorn_sched.h"
 
@@ -94,10 +95,12 @@ struct Run {
 
 void **slots_of(vorn_ring_s &ring) { return reinterpret_cast<void **>(&ring + 1); }
 
-std::uint32_t load(const Counter &counter) { return __atomic_load_n(&counter, __ATOMIC_ACQUIRE); }
+std::uint32_t load(const Counter &counter) {
+  return atomic_word(counter).load(std::memory_order_acquire);
+}
 
 void store(Counter &counter, std::uint32_t value) {
-  __atomic_store_n(&counter, value, __ATOMIC_RELEASE);
+  atomic_word(counter).store(value, std::memory_order_release);
 }
 
 template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_t available) {
@@ -117,8 +120,8 @@ advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
     arch::full_barrier();
     return true;
   }
-  const bool first =
-      __atomic_compare_exchange_n(&head, &expected, next, true, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
+  const bool first = atomic_word(head).compare_exchange_weak(
+      expected, next, std::memory_order_acq_rel, std::memory_order_acquire);
   arch::full_barrier_after_atomic();
   return first;
 }
@@ -270,15 +273,17 @@ void init(vorn_ring_s &ring, std::uint32_t count, std::uint32_t flags) {
 } // namespace
 } // namespace vorn::ring
 
+using namespace vorn::ring;
+
 vorn_ring_s *vorn_ring_create(uint32_t count, uint32_t flags) {
   vorn_ring_s *none = nullptr;
-  if (!vorn::ring::is_valid(count))
+  if (!is_valid(count))
     return VORN_FAIL(none, "vorn_ring_create:uiCount must be a power of 2 or great than MAX");
   void *memory;
   const std::size_t bytes = sizeof(vorn_ring_s) + count * sizeof(void *);
   if (posix_memalign(&memory, alignof(vorn_ring_s), bytes) != 0) return nullptr;
   vorn_ring_s *ring = static_cast<vorn_ring_s *>(memory);
-  vorn::ring::init(*ring, count, flags);
+  init(*ring, count, flags);
   return ring;
 }
 
@@ -288,54 +293,54 @@ void vorn_ring_delete(vorn_ring_s **ring) {
 }
 
 uint32_t vorn_ring_full(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
-  return vorn::ring::room(*ring) == 0 ? 1 : 0;
+  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  return room(*ring) == 0 ? 1 : 0;
 }
 
 uint32_t vorn_ring_empty(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
-  return vorn::ring::used(*ring) == 0 ? 1 : 0;
+  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  return used(*ring) == 0 ? 1 : 0;
 }
 
 uint32_t vorn_ring_count(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
-  return vorn::ring::used(*ring) & ring->producer.mask;
+  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  return used(*ring) & ring->producer.mask;
 }
 
 uint32_t vorn_ring_size(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
   return ring->producer.mask + 1;
 }
 
 uint32_t vorn_ring_free_count(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(vorn::ring::kNoRing, "Vorn ring id is NULL.");
-  return vorn::ring::room(*ring);
+  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  return room(*ring);
 }
 
 uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  const auto done = vorn::ring::enqueue<vorn::ring::Amount::kUpTo>(*ring, objs, n);
+  const auto done = enqueue<Amount::kUpTo>(*ring, objs, n);
   if (done.count == 0) return 0;
   return done.over_quota ? done.count | VORN_RING_QUOTA_EXCEEDED : done.count;
 }
 
 int vorn_ring_enqueue_bulk(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  return vorn::ring::enqueue_all(*ring, objs, n);
+  return enqueue_all(*ring, objs, n);
 }
 
 int vorn_ring_enqueue(vorn_ring_s *ring, void *obj) {
   if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
-  return vorn::ring::enqueue_all(*ring, &obj, 1);
+  return enqueue_all(*ring, &obj, 1);
 }
 
 uint32_t vorn_ring_dequeue_burst(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return vorn::ring::dequeue<vorn::ring::Amount::kUpTo>(*ring, objs, n);
+  return dequeue<Amount::kUpTo>(*ring, objs, n);
 }
 
 int vorn_ring_dequeue_bulk(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return vorn::ring::dequeue_all(*ring, objs, n);
+  return dequeue_all(*ring, objs, n);
 }
 
 int vorn_ring_dequeue(vorn_ring_s *ring, void **obj) {
   if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
-  return vorn::ring::dequeue_all(*ring, obj, 1);
+  return dequeue_all(*ring, obj, 1);
 }

@@ -201,43 +201,45 @@ Node *lowest_changed_by_erase(Node *node) {
 } // namespace
 } // namespace vorn::rbtree
 
+using namespace vorn::rbtree;
+
 void vorn_rb_insert_color(vorn_rb_node_s *node, vorn_rb_root_s *root) {
-  vorn::rbtree::restore_colors(node, root);
+  restore_colors(node, root);
 }
 
-void vorn_rb_erase(vorn_rb_node_s *node, vorn_rb_root_s *root) { vorn::rbtree::erase(node, root); }
+void vorn_rb_erase(vorn_rb_node_s *node, vorn_rb_root_s *root) { erase(node, root); }
 
 vorn_rb_node_s *vorn_rb_first(const vorn_rb_root_s *root) {
-  return vorn::rbtree::outermost<&vorn_rb_node_s::left>(root->node);
+  return outermost<&vorn_rb_node_s::left>(root->node);
 }
 
 vorn_rb_node_s *vorn_rb_last(const vorn_rb_root_s *root) {
-  return vorn::rbtree::outermost<&vorn_rb_node_s::right>(root->node);
+  return outermost<&vorn_rb_node_s::right>(root->node);
 }
 
 vorn_rb_node_s *vorn_rb_next(const vorn_rb_node_s *node) {
-  return vorn::rbtree::neighbour<&vorn_rb_node_s::left, &vorn_rb_node_s::right>(node);
+  return neighbour<&vorn_rb_node_s::left, &vorn_rb_node_s::right>(node);
 }
 
 vorn_rb_node_s *vorn_rb_prev(const vorn_rb_node_s *node) {
-  return vorn::rbtree::neighbour<&vorn_rb_node_s::right, &vorn_rb_node_s::left>(node);
+  return neighbour<&vorn_rb_node_s::right, &vorn_rb_node_s::left>(node);
 }
 
 void vorn_rb_replace_node(vorn_rb_node_s *victim, vorn_rb_node_s *fresh, vorn_rb_root_s *root) {
-  *vorn::rbtree::slot_of(victim, vorn_rb_parent(victim), root) = fresh;
-  vorn::rbtree::set_parent_if_any(victim->left, fresh);
-  vorn::rbtree::set_parent_if_any(victim->right, fresh);
+  *slot_of(victim, vorn_rb_parent(victim), root) = fresh;
+  set_parent_if_any(victim->left, fresh);
+  set_parent_if_any(victim->right, fresh);
   *fresh = *victim;
 }
 
 void vorn_rb_augment_insert(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data) {
-  vorn::rbtree::update_path(vorn::rbtree::lowest_changed_by_insert(node), fn, data);
+  update_path(lowest_changed_by_insert(node), fn, data);
 }
 
 vorn_rb_node_s *vorn_rb_augment_erase_begin(vorn_rb_node_s *node) {
-  return vorn::rbtree::lowest_changed_by_erase(node);
+  return lowest_changed_by_erase(node);
 }
 
 void vorn_rb_augment_erase_end(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data) {
-  if (node != nullptr) vorn::rbtree::update_path(node, fn, data);
+  if (node != nullptr) update_path(node, fn, data);
 }

@@ -8,9 +8,9 @@
 #include <type_traits>
 #include <unistd.h>
 
-#include "base/kept_errno.hpp"
+#include "base/cancellation_off.hpp"
 #include "base/log.hpp"
-#include "base/unique_fd.hpp"
+#include "base/system.hpp"
 
 namespace vorn::shm {
 namespace {
@@ -27,8 +27,7 @@ bool reserve(int fd, off_t size) {
   [[maybe_unused]] const int resized = ftruncate(fd, size);
   const int result = fallocate(fd, 0, 0, size);
   if (result == 0 || errno != ENOSPC) return true;
-  const KeptErrno kept;
-  VORN_LOG_AS(kCreate, kInfo, "Fallocate shm fail, ret<%d> errno<%d>.", result, kept.value());
+  VORN_LOG_AS(kCreate, kInfo, "Fallocate shm fail, ret<%d> errno<%d>.", result, errno);
   return false;
 }
 
@@ -48,21 +47,20 @@ int protection(int oflag) {
 } // namespace
 } // namespace vorn::shm
 
+using namespace vorn::shm;
+
 void *vorn_shm_create_ext(const char *name, int oflag, mode_t mode, size_t size) {
   if (name == nullptr) return nullptr;
-  const vorn::UniqueFd fd(shm_open(name, oflag, mode));
+  const vorn::CancellationOff off;
+  const vorn::UniqueFd fd = vorn::sys::above_standard(shm_open(name, oflag, mode));
   if (!fd) {
-    const vorn::KeptErrno kept;
-    if (kept.value() != EEXIST) {
-      VORN_LOG(vorn::kInfo, "Open shm fail, fd<%d> errno<%d>.", fd.get(), kept.value());
-    }
+    if (errno != EEXIST) VORN_LOG(vorn::kInfo, "Open shm fail, fd<%d> errno<%d>.", fd.get(), errno);
     return nullptr;
   }
-  if (!vorn::shm::reserve(fd.get(), static_cast<off_t>(size))) return nullptr;
-  void *address = mmap(nullptr, size, vorn::shm::protection(oflag), MAP_SHARED, fd.get(), 0);
+  if (!reserve(fd.get(), static_cast<off_t>(size))) return nullptr;
+  void *address = mmap(nullptr, size, protection(oflag), MAP_SHARED, fd.get(), 0);
   if (address != MAP_FAILED) return address;
-  const vorn::KeptErrno kept;
-  VORN_LOG(vorn::kInfo, "Mmap shm mem fail, errno<%d>.", kept.value());
+  VORN_LOG(vorn::kInfo, "Mmap shm mem fail, errno<%d>.", errno);
   return nullptr;
 }
 
@@ -73,8 +71,7 @@ void *vorn_shm_create(const char *name, size_t size) {
 int vorn_shm_destroy(const char *name) {
   const int result = name == nullptr ? (errno = EINVAL, -1) : shm_unlink(name);
   if (result == 0) return 0;
-  const vorn::KeptErrno kept;
-  VORN_LOG(vorn::kInfo, "Destroy shm fail, ret<%d> errno<%d>.", result, kept.value());
+  VORN_LOG(vorn::kInfo, "Destroy shm fail, ret<%d> errno<%d>.", result, errno);
   return -1;
 }
 

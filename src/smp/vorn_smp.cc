@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
 #include "vorn_sysinfo.h"
@@ -15,8 +16,10 @@ constexpr long kMostCpus = 256;
 constinit Once counted{OncePolicy::kRetry};
 
 // num_config_cpus may ask at the same time.
-void set(uint32_t &count, uint32_t value) { __atomic_store_n(&count, value, __ATOMIC_RELAXED); }
-uint32_t get(const uint32_t &count) { return __atomic_load_n(&count, __ATOMIC_RELAXED); }
+void set(uint32_t &count, uint32_t value) {
+  atomic_word(count).store(value, std::memory_order_relaxed);
+}
+uint32_t get(const uint32_t &count) { return atomic_word(count).load(std::memory_order_relaxed); }
 
 // A count above kMostCpus is taken here, unlike in num_config_cpus.
 int count_cpus() {
@@ -25,8 +28,7 @@ int count_cpus() {
   if (configured >= 0) {
     set(g_configCpuNum, static_cast<uint32_t>(configured));
   } else {
-    const int error = errno;
-    VORN_LOG_AS("globalCpuNum_init", kError, "Vorn_smp getting cpu num failed errno=%d.", error);
+    VORN_LOG_AS("globalCpuNum_init", kError, "Vorn_smp getting cpu num failed errno=%d.", errno);
   }
   return get(g_onlineCpuNum) != 0 && get(g_configCpuNum) != 0 ? 0 : -1;
 }
@@ -34,24 +36,24 @@ int count_cpus() {
 } // namespace
 } // namespace vorn::smp
 
+using namespace vorn::smp;
+
 uint32_t g_configCpuNum;
 uint32_t g_onlineCpuNum;
 
 int globalCpuNum_init() {
-  vorn::smp::counted.run(vorn::smp::count_cpus);
+  counted.run(count_cpus);
   return 0;
 }
 
 uint32_t num_online_cpus() { return vorn_sysinfo_cpu_num(); }
 
 uint32_t num_config_cpus() {
-  const uint32_t known = vorn::smp::get(g_configCpuNum);
+  const uint32_t known = get(g_configCpuNum);
   if (known != 0) return known;
   const long count = sysconf(_SC_NPROCESSORS_CONF);
-  if (count < 1 || count > vorn::smp::kMostCpus) {
-    const int error = errno;
-    return VORN_FAIL(0u, "Vorn_smp getting cpu num failed ret %ld errno=%d.", count, error);
-  }
-  vorn::smp::set(g_configCpuNum, static_cast<uint32_t>(count));
+  if (count < 1 || count > kMostCpus)
+    return VORN_FAIL(0u, "Vorn_smp getting cpu num failed ret %ld errno=%d.", count, errno);
+  set(g_configCpuNum, static_cast<uint32_t>(count));
   return static_cast<uint32_t>(count);
 }

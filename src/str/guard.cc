@@ -15,12 +15,14 @@ bool contains(const char *set, char character) {
 } // namespace
 } // namespace vorn::str
 
+using namespace vorn::str;
+
 int isBlackChar(const char *character) {
-  return character != nullptr && vorn::str::contains(vorn::str::kBlackSet, *character);
+  return character != nullptr && contains(kBlackSet, *character);
 }
 
 int isWhiteChar(const char *character, const char *whitelist) {
-  return character != nullptr && whitelist != nullptr && vorn::str::contains(whitelist, *character);
+  return character != nullptr && whitelist != nullptr && contains(whitelist, *character);
 }
 
 int isDangerousCmd(const char *command, const char *whitelist) {

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <unistd.h>
 
+#include "base/atomic_word.hpp"
 #include "base/bounded.hpp"
-#include "base/log.hpp"
-#include "vorn_mem.h"
+#include "mem/owned.hpp"
 
 namespace vorn::str {
 namespace {
@@ -34,7 +34,7 @@ int settle_entries() {
 
 // An entry belongs to whoever owns the descriptor; nothing else is published with it.
 std::atomic_ref<std::int32_t> entry(std::int32_t *of_table, int fd) {
-  return std::atomic_ref<std::int32_t>{of_table[fd]};
+  return atomic_word(of_table[fd]);
 }
 
 bool in_range(int fd) { return fd >= 0 && fd < entries.load(std::memory_order_relaxed); }
@@ -45,9 +45,8 @@ bool pid_table_ready() {
   if (table.load(std::memory_order_acquire) != nullptr) return true;
   const int count = settle_entries();
   if (count == 0) return false;
-  const auto bytes = static_cast<unsigned int>(count * sizeof(std::int32_t));
-  auto *made =
-      static_cast<std::int32_t *>(vorn_mallocsubstandard(kModuleId, bytes, 0, kTag, __LINE__));
+  const std::size_t bytes = static_cast<std::size_t>(count) * sizeof(std::int32_t);
+  auto *made = static_cast<std::int32_t *>(mem::allocate(bytes, kTag, __LINE__));
   if (made == nullptr) return false;
   memset_s(made, bytes, 0, bytes);
   std::int32_t *installed = nullptr;

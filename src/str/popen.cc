@@ -3,11 +3,11 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "base/cancellation_off.hpp"
 #include "base/log.hpp"
+#include "base/system.hpp"
 #include "str/pid_table.hpp"
 #include "str/spawn.hpp"
 
@@ -20,44 +20,35 @@ bool is_mode(const char *mode) {
 }
 
 // A pipe to or from a shell. Both ends are close-on-exec: no child of another stream, of another
-// thread either, holds one of them open.
+// thread either, holds one of them open. Both are above the standard descriptors, of which the
+// shell gets one.
 struct Pipe {
-  int ends[2]; // to read from, to write to
-  bool reads;  // we read what the shell writes
+  UniqueFd reading;
+  UniqueFd writing;
+  bool reads = false; // we read what the shell writes
 
-  int ours() const { return ends[reads ? 0 : 1]; }
-  int theirs() const { return ends[reads ? 1 : 0]; }
-  Redirection redirection() const { return {theirs(), reads ? STDOUT_FILENO : STDIN_FILENO}; }
+  UniqueFd &ours() { return reads ? reading : writing; }
+  UniqueFd &theirs() { return reads ? writing : reading; }
 
   bool open(const char *mode) {
     reads = mode[0] == 'r';
-    return pipe2(ends, O_CLOEXEC) == 0;
-  }
-  void close_both() const {
-    close(ends[0]);
-    close(ends[1]);
+    return sys::pipe(reading, writing);
   }
 };
 
-// Starts the command at the other end of the pipe and makes a stream of our end. Where no shell can
-// be started it closes both. function is the exported one that the record names.
-FILE *start(const char *function, const char *command, const char *mode, const Pipe &pipe,
-            pid_t *child) {
-  const Redirection redirection = pipe.redirection();
+// Starts the command at the other end of the pipe and makes a stream of our end. function is the
+// exported one that the message names.
+FILE *start(const char *function, const char *command, const char *mode, Pipe &pipe, pid_t *child) {
+  const int ends[2] = {pipe.reading.get(), pipe.writing.get()};
+  const Redirection redirection{pipe.theirs().get(), pipe.reads ? STDOUT_FILENO : STDIN_FILENO};
   const pid_t started = spawn_shell(command, &redirection);
-  if (started < 0) {
-    pipe.close_both();
-    return nullptr;
-  }
-  close(pipe.theirs());
-  FILE *stream = fdopen(pipe.ours(), mode);
+  if (started < 0) return nullptr;
+  // Where there is no stream, too, our end stays open and the child unreaped: the command is let
+  // finish, and is neither cut off by a broken pipe nor waited for.
+  FILE *stream = fdopen(pipe.ours().release(), mode);
   if (stream == nullptr) {
-    // On purpose our end stays open and the child unreaped: the command is let finish, and is
-    // neither cut off by a broken pipe nor waited for.
-    const int error = errno;
     VORN_LOG_AS(function, kInfo, "Iop is NULL, modes:(%s), pdes[0]=(%d), pdes[1]=(%d), errno:(%d).",
-                mode, pipe.ends[0], pipe.ends[1], error);
-    errno = error;
+                mode, ends[0], ends[1], errno);
     return nullptr;
   }
   *child = started;
@@ -67,20 +58,21 @@ FILE *start(const char *function, const char *command, const char *mode, const P
 } // namespace
 } // namespace vorn::str
 
+using namespace vorn::str;
+
 FILE *vorn_popen(const char *command, const char *mode) {
-  if (command == nullptr || !vorn::str::is_mode(mode)) return nullptr;
+  if (command == nullptr || !is_mode(mode)) return nullptr;
   const vorn::CancellationOff off;
-  if (!vorn::str::pid_table_ready()) return nullptr;
-  vorn::str::Pipe pipe{};
+  if (!pid_table_ready()) return nullptr;
+  Pipe pipe;
   if (!pipe.open(mode)) return nullptr;
-  if (!vorn::str::pid_table_covers(pipe.ours())) {
-    pipe.close_both();
+  if (!pid_table_covers(pipe.ours().get())) {
     errno = EMFILE;
     return nullptr;
   }
   pid_t child = 0;
-  FILE *stream = vorn::str::start(__func__, command, mode, pipe, &child);
-  if (stream != nullptr) vorn::str::pid_table_put(pipe.ours(), child);
+  FILE *stream = start(__func__, command, mode, pipe, &child);
+  if (stream != nullptr) pid_table_put(fileno(stream), child);
   return stream;
 }
 
@@ -92,14 +84,14 @@ FILE *vorn_popen_s(const char *command, const char *mode, const char *whitelist)
 FILE *vorn_popen_with_pid(const char *command, const char *mode, int *pid) {
   if (command == nullptr || mode == nullptr || pid == nullptr) return nullptr;
   const vorn::CancellationOff off;
-  vorn::str::Pipe pipe{};
+  Pipe pipe;
   if (!pipe.open(mode)) return nullptr;
-  return vorn::str::start(__func__, command, mode, pipe, pid);
+  return start(__func__, command, mode, pipe, pid);
 }
 
 FILE *vorn_popen_s_with_pid(const char *command, const char *mode, const char *whitelist,
                             int *pid) {
-  if (pid == nullptr || command == nullptr || !vorn::str::is_mode(mode)) return nullptr;
+  if (pid == nullptr || command == nullptr || !is_mode(mode)) return nullptr;
   if (isDangerousCmd(command, whitelist) != 0) return nullptr;
   return vorn_popen_with_pid(command, mode, pid);
 }
@@ -109,7 +101,7 @@ int vorn_pclose(FILE *stream) {
   const int fd = fileno(stream);
   if (fd == -1) return -1;
   const vorn::CancellationOff off;
-  const pid_t child = vorn::str::pid_table_take(fd);
+  const pid_t child = pid_table_take(fd);
   if (child == 0) return -1;
   fclose(stream);
 
@@ -120,13 +112,13 @@ int vorn_pclose(FILE *stream) {
   sigaddset(&blocked, SIGINT);
   sigaddset(&blocked, SIGQUIT);
   sigprocmask(SIG_BLOCK, &blocked, &before);
-  const int status = vorn::str::wait_for(child);
+  const int status = wait_for(child);
   sigprocmask(SIG_SETMASK, &before, nullptr);
   return status;
 }
 
 FILE *popen_s(const char *command, const char *mode, const char *whitelist) {
-  if (command == nullptr || !vorn::str::is_mode(mode)) return nullptr;
+  if (command == nullptr || !is_mode(mode)) return nullptr;
   if (isDangerousCmd(command, whitelist) != 0) return nullptr;
   // Close-on-exec, as our own streams are.
   return popen(command, mode[0] == 'r' ? "re" : "we");

@@ -6,7 +6,7 @@
 
 namespace vorn::str {
 
-// A descriptor that the shell has under another number. The numbers may be the same.
+// A descriptor that the shell has under another number. The numbers differ.
 struct Redirection {
   int from;
   int to;

@@ -28,12 +28,14 @@ bool is_refusal(int result) { return (result & 0xFF) == 0; }
 } // namespace
 } // namespace vorn::str
 
+using namespace vorn::str;
+
 int vorn_system(const char *command) {
   if (command == nullptr) return -EINVAL;
-  if (vorn::str::has_separator(command)) return -1;
+  if (has_separator(command)) return -1;
   const vorn::CancellationOff off;
-  const pid_t child = vorn::str::spawn_shell(command, nullptr);
-  return child < 0 ? -1 : vorn::str::wait_for(child);
+  const pid_t child = spawn_shell(command, nullptr);
+  return child < 0 ? -1 : wait_for(child);
 }
 
 int vorn_cmd_exec(const char *command) {
@@ -43,13 +45,13 @@ int vorn_cmd_exec(const char *command) {
 
 int vorn_system_s(const char *command, const char *whitelist) {
   if (command == nullptr) return -EINVAL;
-  if (isDangerousCmd(command, whitelist) != 0) return vorn::str::kDangerous;
+  if (isDangerousCmd(command, whitelist) != 0) return kDangerous;
   return vorn_system(command);
 }
 
 int system_s(const char *command, const char *whitelist) {
   if (command == nullptr) return -EINVAL;
-  if (isDangerousCmd(command, whitelist) != 0) return vorn::str::kDangerous;
+  if (isDangerousCmd(command, whitelist) != 0) return kDangerous;
   return std::system(command);
 }
 
@@ -58,9 +60,8 @@ int execv_s(const char *path, int count, char *const argv[], const char *whiteli
   if (path == nullptr || argv == nullptr || count < 0) return -EINVAL;
   for (int i = 0; i < count; ++i) {
     if (argv[i] == nullptr || isDangerousCmd(argv[i], whitelist) == 0) continue;
-    return VORN_FAIL(vorn::str::kDangerous, "execv cmd is dangerous, argv[%d] is: %s.", i, argv[i]);
+    return VORN_FAIL(kDangerous, "execv cmd is dangerous, argv[%d] is: %s.", i, argv[i]);
   }
-  if (checker != nullptr && vorn::str::is_refusal(checker(path, count, argv)))
-    return vorn::str::kDangerous;
+  if (checker != nullptr && is_refusal(checker(path, count, argv))) return kDangerous;
   return execv(path, argv);
 }

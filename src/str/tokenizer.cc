@@ -25,6 +25,8 @@ char *erase_run(char *at, const char *delimiters) {
 } // namespace
 } // namespace vorn::str
 
+using namespace vorn::str;
+
 char *check_parameter(char **string, char *saved, const char *delimiters) {
   char *given = string == nullptr ? nullptr : *string;
   char *scanned = given != nullptr ? given : saved;
@@ -37,19 +39,19 @@ char *check_parameter(char **string, char *saved, const char *delimiters) {
 }
 
 char *vorn_str_tok(char *string, const char *delimiters) {
-  char *token = check_parameter(&string, vorn::str::saved_position, delimiters);
+  char *token = check_parameter(&string, saved_position, delimiters);
   if (token == nullptr)
     return VORN_FAIL(nullptr, "Param(%p)  is null.", static_cast<void *>(token));
   for (;;) {
     char *run = std::strpbrk(token, delimiters);
-    if (run == nullptr) return vorn::str::finish(token);
-    char *next = vorn::str::erase_run(run, delimiters);
-    if (*next == '\0') return vorn::str::finish(token);
+    if (run == nullptr) return finish(token);
+    char *next = erase_run(run, delimiters);
+    if (*next == '\0') return finish(token);
     if (run == token) {
       token = next;
       continue;
     }
-    vorn::str::saved_position = next;
+    saved_position = next;
     return token;
   }
 }

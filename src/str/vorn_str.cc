@@ -24,6 +24,8 @@ bool holds_only(const char *string, const char *set) {
 } // namespace
 } // namespace vorn::str
 
+using namespace vorn::str;
+
 int vorn_get_charpos(const char *string, char character, unsigned int *position) {
   if (string == nullptr || position == nullptr) return VORN_FAIL(-EINVAL, "Parameter is NULL.");
   const char *found = character == '\0' ? nullptr : std::strchr(string, character);
@@ -41,25 +43,19 @@ int vorn_filter_newlinesymbol(char *string) {
 
 int vorn_str_isuint(const char *string) {
   if (string == nullptr) return -EINVAL;
-  const bool is_number =
-      vorn::str::has_hex_prefix(string)
-          ? vorn::str::holds_only(string + vorn::str::kHexPrefix, vorn::str::kHexadecimal)
-          : vorn::str::holds_only(string, vorn::str::kDecimal);
+  const bool is_number = has_hex_prefix(string) ? holds_only(string + kHexPrefix, kHexadecimal)
+                                                : holds_only(string, kDecimal);
   return is_number ? 0 : -1;
 }
 
 uint64_t vorn_str_tou64(const char *string) {
   if (string == nullptr) return VORN_FAIL(uint64_t{0}, "Strtou64 fail because pStr is null.");
   errno = 0;
-  const uint64_t value =
-      std::strtoull(string, nullptr, vorn::str::has_hex_prefix(string) ? 16 : 10);
-  const int error = errno;
-  if (error == 0) return value;
+  const uint64_t value = std::strtoull(string, nullptr, has_hex_prefix(string) ? 16 : 10);
+  if (errno == 0) return value;
   char buffer[128];
-  VORN_LOG(vorn::kError, "Strtou64 fail because of error %d, %s.", error,
-           strerror_r(error, buffer, sizeof buffer));
-  errno = error;
-  return value;
+  return VORN_FAIL(value, "Strtou64 fail because of error %d, %s.", errno,
+                   strerror_r(errno, buffer, sizeof buffer));
 }
 
 int64_t vorn_str_tos64(const char *string) {

@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "base/system.hpp"
+
 namespace vorn::symbol {
 namespace {
 
 // Not to wait for a writer where a pipe has taken the file's place.
 UniqueFd open_regular(const char *path) {
-  UniqueFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  UniqueFd fd = sys::open(path, O_RDONLY | O_NONBLOCK);
   struct stat status;
   if (!fd || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return UniqueFd();
   return fd;

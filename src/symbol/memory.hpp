@@ -1,42 +1,20 @@
-// Memory of the symbol table, from the accounting allocator. Nothing here throws: what needs memory
-// says whether it got it.
+// A growing array in memory of the accounting allocator. Nothing here throws or logs: what needs
+// memory says whether it got it. vorn_symbol_init has the message, and part of what it does is done
+// while the loader's lock is held, where a logging library is better not called.
 #ifndef VORN_SYMBOL_MEMORY_HPP
 #define VORN_SYMBOL_MEMORY_HPP
 
 #include <algorithm>
-#include <climits>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <new>
 #include <type_traits>
+#include <utility>
 
-#include "vorn_mem.h"
+#include "mem/owned.hpp"
 
 namespace vorn::symbol {
 
-inline void *allocate(std::size_t count, std::size_t size) {
-  if (count > UINT_MAX / size) return nullptr;
-  unsigned int type = 0;
-  return vorn_mallocsubproc(static_cast<unsigned int>(count * size), &type, 0, VORN_MODULE_ID,
-                            __func__, __LINE__);
-}
-
-inline void release(void *ptr) {
-  if (ptr != nullptr) vorn_freesub(ptr, __func__, __LINE__);
-}
-
-template <class T> T *create() {
-  void *memory = allocate(1, sizeof(T));
-  return memory == nullptr ? nullptr : new (memory) T();
-}
-
-template <class T> void destroy(T *object) {
-  if (object == nullptr) return;
-  object->~T();
-  release(object);
-}
-
-// A growing array.
 template <class T> class Buffer {
   static_assert(std::is_trivially_copyable_v<T>);
 
@@ -44,14 +22,13 @@ public:
   Buffer() = default;
   Buffer(const Buffer &) = delete;
   Buffer &operator=(const Buffer &) = delete;
-  ~Buffer() { release(data_); }
 
   // False when memory ran out: nothing is appended then. The values must not be the buffer's own.
   bool append(const T &value) { return append(&value, 1); }
   bool append(const T *values, std::size_t count) {
     if (count == 0) return true;
     if (count > capacity_ - size_ && !grow(count)) return false;
-    std::memcpy(data_ + size_, values, count * sizeof(T));
+    std::memcpy(end(), values, count * sizeof(T));
     size_ += count;
     return true;
   }
@@ -64,31 +41,31 @@ public:
     if (size_ != capacity_) move_to(size_);
   }
 
-  T *data() { return data_; }
-  const T *data() const { return data_; }
+  T *data() { return data_.get(); }
+  const T *data() const { return data_.get(); }
   std::size_t size() const { return size_; }
-  T *begin() { return data_; }
-  T *end() { return data_ + size_; }
-  const T *begin() const { return data_; }
-  const T *end() const { return data_ + size_; }
+  T *begin() { return data(); }
+  T *end() { return data() + size_; }
+  const T *begin() const { return data(); }
+  const T *end() const { return data() + size_; }
 
 private:
   bool grow(std::size_t count) { return move_to(std::max(size_ + count, 2 * capacity_)); }
 
   bool move_to(std::size_t capacity) {
-    T *data = nullptr;
+    if (capacity > UINT32_MAX / sizeof(T)) return false;
+    mem::Owned<T> moved;
     if (capacity != 0) {
-      data = static_cast<T *>(allocate(capacity, sizeof(T)));
-      if (data == nullptr) return false;
+      moved.reset(static_cast<T *>(mem::allocate_quietly(capacity * sizeof(T))));
+      if (moved == nullptr) return false;
     }
-    if (size_ != 0) std::memcpy(data, data_, size_ * sizeof(T));
-    release(data_);
-    data_ = data;
+    if (size_ != 0) std::memcpy(moved.get(), data(), size_ * sizeof(T));
+    data_ = std::move(moved);
     capacity_ = capacity;
     return true;
   }
 
-  T *data_ = nullptr;
+  mem::Owned<T> data_; // the first of the elements
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
 };

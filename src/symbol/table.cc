@@ -12,7 +12,7 @@ namespace vorn::symbol {
 namespace {
 
 void drop(Object *object) {
-  if (object != nullptr && --object->holders == 0) destroy(object);
+  if (object != nullptr && --object->holders == 0) mem::Release()(object);
 }
 
 // The program comes first and has no name. What else is not a path, such as the object that the
@@ -39,7 +39,7 @@ bool Table::lookup(std::uintptr_t address, Symbol *out) const {
   return object != nullptr && object->lookup(address, out);
 }
 
-// The loader's lock is held meanwhile, so files wait until it is over.
+// The loader's lock is held meanwhile: files and log messages wait until it is over.
 bool Table::take_loaded() {
   struct Walk {
     Table *table;
@@ -56,13 +56,12 @@ bool Table::take_loaded() {
 
 bool Table::add(const dl_phdr_info &info, bool is_program) {
   if (!has_file(info, is_program)) return true;
-  auto *object = create<Object>();
-  if (object == nullptr) return false;
-  const bool taken = object->take(info, is_program);
-  const bool wanted = taken && object->image().has_code();
-  if (wanted && objects_.append(object)) return true;
-  destroy(object);
-  return taken && !wanted;
+  mem::Owned<Object> object = mem::create_quietly<Object>();
+  if (object == nullptr || !object->take(info, is_program)) return false;
+  if (!object->image().has_code()) return true;
+  if (!objects_.append(object.get())) return false;
+  object.release();
+  return true;
 }
 
 bool Table::read(const Table *previous) {

@@ -14,11 +14,10 @@
 #include "symbol/vorn_symbol.hpp"
 
 #include <atomic>
-#include <mutex>
 
 #include "base/log.hpp"
 #include "base/mutex.hpp"
-#include "symbol/memory.hpp"
+#include "mem/owned.hpp"
 #include "symbol/table.hpp"
 #include "vorn_symbol.h"
 
@@ -38,7 +37,7 @@ void free_retired() {
   while (retired != nullptr) {
     Table *table = retired;
     retired = table->next_retired;
-    destroy(table);
+    mem::Release()(table);
   }
 }
 
@@ -51,11 +50,10 @@ void publish(Table *table) {
   if (readers.load() == 0) free_retired();
 }
 
-Table *build() {
-  auto *table = create<Table>();
-  if (table == nullptr || table->fill(published.load())) return table;
-  destroy(table);
-  return nullptr;
+mem::Owned<Table> build() {
+  mem::Owned<Table> table = mem::create_quietly<Table>();
+  if (table != nullptr && !table->fill(published.load())) table = nullptr;
+  return table;
 }
 
 // A text of bounded size that takes what fits.
@@ -100,25 +98,27 @@ bool Reader::lookup(std::uintptr_t address, Symbol *out) const {
 
 } // namespace vorn::symbol
 
+using namespace vorn::symbol;
+
 int vorn_symbol_init() {
-  vorn::MutexGuard hold{vorn::symbol::change};
-  vorn::symbol::Table *table = vorn::symbol::build();
+  vorn::MutexGuard hold{change};
+  vorn::mem::Owned<Table> table = build();
   if (table == nullptr) return VORN_FAIL(-1, "Symbol table init failed, no memory.");
-  vorn::symbol::publish(table);
+  publish(table.release());
   return 0;
 }
 
 void vorn_symbol_fini() {
-  vorn::MutexGuard hold{vorn::symbol::change};
-  vorn::symbol::publish(nullptr);
+  vorn::MutexGuard hold{change};
+  publish(nullptr);
 }
 
 int vorn_symbol_addr_to_string(uintptr_t address, char *buffer, size_t size) {
   if (buffer == nullptr || size == 0) return -1;
-  const vorn::symbol::Reader reader;
-  vorn::symbol::Symbol symbol{vorn::symbol::kUnknown, 0, nullptr};
+  const Reader reader;
+  Symbol symbol{kUnknown, 0, nullptr};
   const bool known = reader.lookup(address, &symbol);
-  vorn::symbol::Text text(buffer, size);
+  Text text(buffer, size);
   text.append(symbol.name);
   text.append("+0x");
   text.append_hex(address - symbol.start);

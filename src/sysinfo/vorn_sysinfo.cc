@@ -15,14 +15,14 @@ constinit std::atomic<uint32_t> online_cpus{0};
 } // namespace
 } // namespace vorn::sysinfo
 
+using namespace vorn::sysinfo;
+
 uint32_t vorn_sysinfo_cpu_num() {
-  const uint32_t known = vorn::sysinfo::online_cpus.load(std::memory_order_relaxed);
+  const uint32_t known = online_cpus.load(std::memory_order_relaxed);
   if (known != 0) return known;
   const long count = sysconf(_SC_NPROCESSORS_ONLN);
-  if (count < 0) {
-    const int error = errno;
-    return VORN_FAIL(0u, "vorn_sysinfo getting online cpu num failed errno=%d.", error);
-  }
-  vorn::sysinfo::online_cpus.store(static_cast<uint32_t>(count), std::memory_order_relaxed);
+  if (count < 0)
+    return VORN_FAIL(0u, "vorn_sysinfo getting online cpu num failed errno=%d.", errno);
+  online_cpus.store(static_cast<uint32_t>(count), std::memory_order_relaxed);
   return static_cast<uint32_t>(count);
 }

@@ -7,8 +7,10 @@
 #include <ctime>
 
 #include "arch/counter.hpp"
+#include "base/atomic_word.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
+#include "base/system.hpp"
 #include "base/timespec.hpp"
 #include "time/vorn_time.hpp"
 #include "vorn_cmd.h"
@@ -31,7 +33,7 @@ std::uint64_t raw_monotonic() {
   return nanoseconds(now);
 }
 
-void set_cpu_ghz(double value) { __atomic_store(&currCpuGHz, &value, __ATOMIC_RELAXED); }
+void set_cpu_ghz(double value) { atomic_word(currCpuGHz).store(value, std::memory_order_relaxed); }
 
 // The first line that the command prints, cut to what line takes; empty when it prints none. False
 // when the command cannot be run.
@@ -55,56 +57,54 @@ double leading_number(const char *text) {
 } // namespace
 } // namespace vorn::time
 
+using namespace vorn::time;
+
 double currCpuGHz;
 
-uint64_t vorn_gettime_init() {
-  return static_cast<uint64_t>(vorn::time::start.run(vorn_CheckCurrCpu));
-}
+uint64_t vorn_gettime_init() { return static_cast<uint64_t>(start.run(vorn_CheckCurrCpu)); }
 
 int vorn_CheckCurrCpu() {
-  vorn::time::set_cpu_ghz(vorn::time::kNominalGHz);
-  vorn::time::multiplier.store(vorn::time::tick_nanoseconds(vorn::arch::counter_frequency()),
-                               std::memory_order_relaxed);
+  set_cpu_ghz(kNominalGHz);
+  multiplier.store(tick_nanoseconds(vorn::arch::counter_frequency()), std::memory_order_relaxed);
   return 0;
 }
 
 uint64_t vorn_time_getnanosec() {
-  return vorn::arch::counter() * vorn::time::multiplier.load(std::memory_order_relaxed);
+  return vorn::arch::counter() * multiplier.load(std::memory_order_relaxed);
 }
 
 uint64_t vorn_time_getmillisec() { return vorn_time_getnanosec() / 1000000; }
 
 uint64_t vorn_time_cycles2ns(uint64_t cycles) {
-  return cycles * vorn::time::multiplier.load(std::memory_order_relaxed);
+  return cycles * multiplier.load(std::memory_order_relaxed);
 }
 
 int vorn_get_tsc_freq() {
   char line[256];
-  if (!vorn::time::read_first_line("cat /proc/cpuinfo | grep -o constant_tsc | uniq", "|", line))
+  if (!read_first_line("cat /proc/cpuinfo | grep -o constant_tsc | uniq", "|", line))
     return VORN_FAIL(-1, "Cat /proc/cpuinfo for constant_tsc fail");
   if (line[0] == '\0') return VORN_FAIL(-1, "There is no constant_tsc flag in /proc/cpuinfo");
-  if (!vorn::time::read_first_line("cat /proc/cpuinfo | grep @ | uniq | awk '{print $NF}'", "|$",
-                                   line))
+  if (!read_first_line("cat /proc/cpuinfo | grep @ | uniq | awk '{print $NF}'", "|$", line))
     return VORN_FAIL(-1, "Cat /proc/cpuinfo fail for cpufreq fail");
   if (line[0] == '\0') {
     vorn_estimate_tsc_freq();
   } else {
-    vorn::time::set_cpu_ghz(vorn::time::leading_number(line));
+    set_cpu_ghz(leading_number(line));
   }
   return 0;
 }
 
 void vorn_estimate_tsc_freq() {
   const timespec pause{0, 50000000};
-  const uint64_t started = vorn::time::raw_monotonic();
+  const uint64_t started = raw_monotonic();
   const uint64_t first = vorn::arch::counter();
-  nanosleep(&pause, nullptr);
-  const uint64_t ended = vorn::time::raw_monotonic();
+  vorn::sys::sleep(pause);
+  const uint64_t ended = raw_monotonic();
   const uint64_t last = vorn::arch::counter();
 
   const double seconds = static_cast<double>(ended - started) / 1e9;
   const auto frequency = static_cast<uint64_t>(static_cast<double>(last - first) / seconds);
-  const double ghz = static_cast<double>(vorn::time::round_frequency(frequency)) / 1e9;
-  vorn::time::set_cpu_ghz(ghz);
+  const double ghz = static_cast<double>(round_frequency(frequency)) / 1e9;
+  set_cpu_ghz(ghz);
   VORN_LOG(vorn::kInfo, "cpu standard hz is %f.", ghz);
 }

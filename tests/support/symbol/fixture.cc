@@ -28,8 +28,13 @@ __attribute__((visibility("default"))) int (*fixture_static())(int) {
 }
 }
 
+#define TEN(text) text text text text text text text text text text
+#define P250 TEN("PPPPPPPPPPPPPPPPPPPPPPPPP")
+#define FUNCTION(name) "\n.type " name ", %function\n" name ": .skip 16\n.size " name ", 16\n"
+
 // 16 bytes each: a function with aliases, a gap, a function of unknown size, one whose name in
-// .symtab carries its version.
+// .symtab carries its version, and three of a pointer to a pointer and so on, of which the last was
+// enough to exhaust a small stack.
 asm(R"(
   .text
   .balign 64
@@ -55,4 +60,4 @@ fixture_version_1:
   .skip 16
   .size fixture_version_1, 16
   .symver fixture_version_1, fixture_versioned@@FIXTURE_1, remove
-)");
+)" FUNCTION("_Z1f" P250 "Pi") FUNCTION("_Z1f" P250 "PPi") FUNCTION("_Z1f" P250 P250 P250 P250 "i"));
