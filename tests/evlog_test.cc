@@ -2,6 +2,7 @@
 // test-links: evlog
 #include "evlog.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -68,13 +69,9 @@ private:
 };
 
 // A copy of the library, which takes its console when it is loaded.
-class Library {
-  void *const object_;
-
-public:
-  explicit Library(const std::string &copy) : object_(dlopen(copy.c_str(), RTLD_NOW)) {}
-
-#define FUNCTION(name) reinterpret_cast<decltype(&::name)>(dlsym(object_, #name))
+struct Library {
+#define FUNCTION(name) reinterpret_cast<decltype(&::name)>(dlsym(copy, #name))
+  void *const copy;
   decltype(&::evlog) const write = FUNCTION(evlog);
   decltype(&::evlog_init) const init = FUNCTION(evlog_init);
   decltype(&::evlog_destroy) const destroy = FUNCTION(evlog_destroy);
@@ -96,7 +93,7 @@ protected:
     Dl_info linked;
     dladdr(dlsym(RTLD_DEFAULT, "evlog_init"), &linked);
     fs::copy_file(linked.dli_fname, copy);
-    library.emplace(copy);
+    library.emplace(dlopen(copy.c_str(), RTLD_NOW));
   }
   void open_log() { ASSERT_EQ(library->init("app", dir.path().c_str()), 0); }
   std::string log() const { return scratch::read_file(dir / "app.log"); }
@@ -132,10 +129,8 @@ void write_numbered(int number) { library->original("%-1000d", number); }
 constexpr int kNumberedPerFile = kFileBytes / 1001 + 1;
 
 std::size_t count_of(const std::string &text, const std::string &log) {
-  std::size_t count = 0;
-  for (const std::string &line : lines_of(log))
-    count += line.ends_with(text);
-  return count;
+  const auto ends = [&](const std::string &line) { return line.ends_with(text); };
+  return static_cast<std::size_t>(std::ranges::count_if(lines_of(log), ends));
 }
 
 // The numbers before text, in the order of the log.
@@ -181,8 +176,7 @@ TEST_F(Evlog, AMessageIsALineWithItsTimeLevelModuleThreadAndPlace) {
   setenv("TZ", "LOG-02:30", 1);
   open_log();
   const std::time_t before = time(nullptr);
-  EXPECT_EQ(
-      library->write(kModule, EVLOG_INFO, "vorn_init.c", 120, "vorn_Init", 0, "ret %d.\n", -5), 0);
+  EXPECT_EQ(library->write(kModule, EVLOG_INFO, "vorn_init.c", 120, "init", 0, "ret %d.\n", -5), 0);
 
   const std::string text = log();
   std::tm written = {};
@@ -190,7 +184,7 @@ TEST_F(Evlog, AMessageIsALineWithItsTimeLevelModuleThreadAndPlace) {
   EXPECT_GE(mktime(&written), before);
   EXPECT_LE(mktime(&written), time(nullptr) + 1);
   EXPECT_EQ(text.substr(text.find('+')),
-            "+02:30 I 381 " + std::to_string(gettid()) + " vorn_init.c:120 vorn_Init: ret -5.\n");
+            "+02:30 I 381 " + std::to_string(gettid()) + " vorn_init.c:120 init: ret -5.\n");
 
   for (const std::string &function : {std::string("work"), std::string(9000, 'f')}) {
     library->write(kModule, EVLOG_INFO, "vorn_x.c", 7, function.c_str(), 0, "%s",
@@ -302,17 +296,14 @@ TEST_F(Evlog, AFileThatCannotBeRotatedStaysBounded) {
   for (const char *old : {"app.log.1/", "app.log.2/", "app.log.3/"})
     scratch::write_file(dir / old + "in the way", "");
   open_log();
+  const auto lock_file = [&] {
+    return lockf(open((dir / "app.log").c_str(), O_WRONLY), F_TLOCK, 0);
+  };
   for (int number = 0; number < 5 * kNumberedPerFile; ++number) {
     write_numbered(number);
     if (number == 3 * kNumberedPerFile) {
       EXPECT_GT(fs::file_size(dir / "app.log"), 3 * kFileBytes);
-      EXPECT_EQ(run_in_child([&] {
-                  struct flock whole = {};
-                  whole.l_type = F_WRLCK;
-                  return fcntl(open((dir / "app.log").c_str(), O_WRONLY), F_SETLK, &whole);
-                }),
-                0)
-          << "another process may rotate the file";
+      EXPECT_EQ(run_in_child(lock_file), 0) << "another process may rotate the file";
     }
   }
   EXPECT_LT(fs::file_size(dir / "app.log"), 2 * kFileBytes);
@@ -342,8 +333,7 @@ TEST_F(Evlog, EveryMessageOfAGroupIsWrittenOrCounted) {
   };
   run_threads(4, log_many);
   EXPECT_EQ(count_of("limited", log()), 5u);
-  EXPECT_EQ(library->write(kModule + 16, EVLOG_INFO, "vorn_x.c", 7, "work", 0, "of another group"),
-            0);
+  EXPECT_EQ(library->write(kModule + 16, EVLOG_INFO, "x.c", 7, "work", 0, "of another group"), 0);
   EXPECT_EQ(dropped_by_reports(log()), 0u);
 
   EXPECT_EQ(library->ratelimit_set(64, 0, 0), -1);
@@ -409,24 +399,24 @@ TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfAMessage) {
 
 using Counts = std::vector<unsigned long>;
 
-// A file that the process opens gets the lowest free descriptor, so the library holds none of 0
-// to 2.
+// A process that opens a file gets the lowest free descriptor: the library holds none of 0 to 2.
 TEST_F(Evlog, ClosedStandardDescriptorsStayTheProcesssOwn) {
-  for (int closed = 0; closed < 8; ++closed) {
-    const auto is_closed = [&](int fd) { return ((closed >> fd) & 1) != 0; };
+  const std::vector<int> rows[] = {{}, {0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}};
+  for (const std::vector<int> &closed : rows) {
     const auto log_and_open = [&] {
-      for (int fd = 0; fd < 3; ++fd)
-        if (is_closed(fd)) close(fd);
+      for (const int fd : closed)
+        close(fd);
       load();
       open_log();
       log_at(EVLOG_WARNING, "first");
-      for (int fd = 0; fd < 3; ++fd)
-        if (is_closed(fd) && open((dir / "own").c_str(), O_RDWR | O_CREAT, 0600) != fd) return 1;
+      for (const int fd : closed)
+        if (open((dir / "own").c_str(), O_RDWR | O_CREAT, 0600) != fd) return 1;
       log_at(EVLOG_WARNING, "second");
       library->destroy();
-      return library->original("raw") == (is_closed(STDERR_FILENO) ? -1 : 4) ? 0 : 2;
+      return library->original("raw") > 0 ? 0 : 2;
     };
-    EXPECT_EQ(run_in_child(log_and_open), 0) << closed;
+    const bool no_console = !closed.empty() && closed.back() == STDERR_FILENO;
+    EXPECT_EQ(run_in_child(log_and_open), no_console ? 2 : 0) << testing::PrintToString(closed);
   }
   EXPECT_EQ(scratch::read_file(dir / "own"), "");
   EXPECT_EQ(count_of("work: second", log()), 8u);
@@ -499,7 +489,6 @@ TEST_F(Evlog, AFullConsoleHoldsUpItsWriterAlone) {
     vraw("%s", "raw\n");
     library->destroy();
     returned = true;
-    pthread_testcancel();
     return nullptr;
   };
   pthread_t writer;
@@ -514,10 +503,8 @@ TEST_F(Evlog, AFullConsoleHoldsUpItsWriterAlone) {
   pthread_cancel(writer);
   EXPECT_FALSE(returned);
   close(ends[0]);
-  void *result = nullptr;
-  pthread_join(writer, &result);
-  EXPECT_TRUE(returned) << "the cancellation acts after the calls";
-  EXPECT_EQ(result, PTHREAD_CANCELED);
+  pthread_join(writer, nullptr);
+  EXPECT_TRUE(returned) << "the calls are no cancellation points";
   EXPECT_EQ(lines_of(log()).size(), 5u);
 }
 
