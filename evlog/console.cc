@@ -19,17 +19,14 @@ namespace logging {
 
 namespace {
 
-// Written before the process has threads.
-constinit bool open_at_load = false;
+// Left zero, which is no file's, where descriptor 2 is closed.
 constinit struct stat file_at_load = {};
 
 // Counters only: they order nothing else.
 constinit std::atomic<unsigned long> dropped{0};
 constinit std::atomic<unsigned long> reported{0}; // dropped, as of the last report
 
-[[gnu::constructor]] void remember_console() {
-  open_at_load = fstat(STDERR_FILENO, &file_at_load) == 0;
-}
+[[gnu::constructor]] void remember_console() { fstat(STDERR_FILENO, &file_at_load); }
 
 ssize_t write_socket(int fd, std::string_view text) {
   iovec bytes{const_cast<char *>(text.data()), text.size()};
@@ -41,8 +38,7 @@ ssize_t write_socket(int fd, std::string_view text) {
 
 ssize_t write_if_console(std::string_view text) {
   struct stat file;
-  if (!open_at_load || fstat(STDERR_FILENO, &file) != 0 || !same_file(file, file_at_load))
-    return -1;
+  if (fstat(STDERR_FILENO, &file) != 0 || !same_file(file, file_at_load)) return -1;
   if (S_ISSOCK(file.st_mode)) return write_socket(STDERR_FILENO, text);
   if (S_ISFIFO(file.st_mode)) return write_pipe(STDERR_FILENO, text);
   return vorn::sys::write(STDERR_FILENO, text.data(), text.size());

@@ -102,7 +102,7 @@ EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 /* The same with the values as a va_list, and nothing added to the text. */
 EVLOG_API int evlog_vraw(const char *format, va_list args) EVLOG_PRINTF(1, 0);
 
-/* The group that a module's records are rate-limited with. Default: module / 16, for modules up to
+/* The group that a module's messages are rate-limited with. Default: module / 16, for modules up to
  * 1023; a module above that is in group 0. */
 EVLOG_API int evlog_get_group_id(unsigned int module);
 

@@ -6,7 +6,6 @@
 #include <csignal>
 #include <ctime>
 
-#include "base/kept_errno.hpp"
 #include "base/system.hpp"
 
 namespace logging {
@@ -21,7 +20,6 @@ ssize_t write_pipe(int fd, std::string_view text) {
   sigpending(&pending);
 
   const ssize_t written = vorn::sys::write(fd, text.data(), text.size());
-  const vorn::KeptErrno errno_stays;
   constexpr timespec kAtOnce{};
   if (written < static_cast<ssize_t>(text.size()) && sigismember(&pending, SIGPIPE) == 0)
     sigtimedwait(&sigpipe, nullptr, &kAtOnce);

@@ -7,7 +7,7 @@
 
 namespace logging {
 
-// The number of bytes written, or -1 with errno. The write raises no SIGPIPE, and one of the
+// The number of bytes written, or -1. The write raises no SIGPIPE, and one of the
 // process's own stays pending. Signal-safe.
 ssize_t write_pipe(int fd, std::string_view text);
 
