@@ -1,23 +1,34 @@
+// The ten functions of the logging library.
 #include "evlog.h"
 
 #include "base/cancellation_off.hpp"
 #include "base/kept_errno.hpp"
+#include "console.hpp"
+#include "message.hpp"
 #include "modules.hpp"
 #include "output.hpp"
 #include "rate_limit.hpp"
 #include "raw.hpp"
-#include "record.hpp"
 
 namespace logging {
 
 namespace {
 
-void report_dropped(unsigned int module, unsigned long dropped, const Place &place) {
+void report_rate_limit(unsigned int module, unsigned long dropped, const Place &place) {
   if (dropped == 0) return;
-  const vorn::KeptErrno errno_stays; // the record that follows may show it
-  write_record(module, EVLOG_WARNING, place,
-               "%lu records of group %d were dropped by the rate limit.", dropped,
-               group_of(module));
+  const vorn::KeptErrno errno_stays; // the message that follows may show it
+  write_message(module, EVLOG_WARNING, place,
+                "%lu log messages of group %d were dropped by the rate limit.", dropped,
+                group_of(module));
+}
+
+// For the file alone: at this level no message goes to the console.
+void report_console(Report report) {
+  if (!has_log_file()) return;
+  const unsigned long dropped = take_console_report(report);
+  if (dropped == 0) return;
+  write_message(0, EVLOG_INFO, {"evlog.c", __LINE__, __func__},
+                "%lu texts for the console were dropped so far.", dropped);
 }
 
 } // namespace
@@ -34,6 +45,7 @@ int evlog_init(const char *program, const char *directory) {
 int evlog_destroy() {
   const vorn::KeptErrno errno_stays;
   const vorn::CancellationOff off;
+  report_console(Report::kFinal);
   close_log_file();
   return 0;
 }
@@ -47,13 +59,14 @@ int evlog(unsigned int module, int level, const char *file, unsigned int line, c
   const vorn::KeptErrno errno_stays;
   const vorn::CancellationOff off;
   unsigned long dropped;
-  if (!admit_record(group_of(module), &dropped)) return 1;
-  report_dropped(module, dropped, {"evlog.c", __LINE__, __func__});
+  if (!admit_message(group_of(module), &dropped)) return 1;
+  report_rate_limit(module, dropped, {"evlog.c", __LINE__, __func__});
 
   va_list args;
   va_start(args, format);
-  const bool written = write_vrecord(module, level, {file, line, function}, format, args);
+  const bool written = write_vmessage(module, level, {file, line, function}, format, args);
   va_end(args);
+  report_console(Report::kScarce);
   return written ? 0 : -1;
 }
 
@@ -82,6 +95,6 @@ int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms)
   const vorn::CancellationOff off;
   unsigned long dropped;
   if (!set_rate_limit(group, burst, interval_ms, &dropped)) return -1;
-  report_dropped(first_module_of(group), dropped, {"evlog.c", __LINE__, __func__});
+  report_rate_limit(first_module_of(group), dropped, {"evlog.c", __LINE__, __func__});
   return 0;
 }

@@ -2,25 +2,49 @@
  * library of this name; the one built here is the default that takes its place where there is none.
  * Whatever is marked "default" below is how this one behaves, and nothing in Vorn depends on it.
  *
- * Default. Records go to <directory>/<program>.log, and to standard error when their level is
- * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A record is
+ * Default. Log messages go to <directory>/<program>.log, and to the console when their level is
+ * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A message is
  * one line (a text may hold newlines of its own):
  *
  *   2024-05-06T07:08:09.123456+02:00 E 381 4711 vorn_init.c:120 vorn_Init: Vorn init failed.
  *
  * that is local time with its offset from UTC, level (C critical, E error, W warning, I
- * information, D debug), module, kernel thread id, file:line, function and text. A file of 8 MiB or
- * more becomes <program>.log.1 ahead of the next text, the older ones .2 and .3, and a new one is
- * begun. What a full disk refuses is lost. Where the directory does not permit the renaming, the
- * file is let grow to 32 MiB and then emptied. The library holds one descriptor, made by the first
- * evlog_init and kept until the process ends: a process that closes descriptors it does not know
- * does so before that.
+ * information, D debug), module, kernel thread id, file:line, function and text. Each line is one
+ * write; the lines of a thread are in order, those of two threads can stand in the other order than
+ * their times. A file of 8 MiB or more becomes <program>.log.1 before the next text, the older ones
+ * .2 and .3, and a new one is begun. What a full disk refuses is lost. Where the directory does not
+ * permit the renaming, the file grows to 32 MiB and is then emptied.
  *
- * Any thread may call any function, and none is a cancellation point. evlog_level_check,
- * evlog_original and evlog_vraw may be called in a signal handler, the others not. A child of
- * fork() may go on calling all of them (evlog itself unless another thread was in the C library's
- * time zone conversion at the fork), and shares the file with its parent; therefore fork() is
- * not to be called in a signal handler (_Fork() and vfork() are). */
+ * The console is descriptor 2, if it was open when this library was loaded, and for as long as it
+ * is the same file. A descriptor 2 that appears later, or in the place of the first, may be any
+ * file that the process opened after it had closed its standard descriptors, and a log message
+ * would become part of its content. Therefore evlog_init does not look at it anew: a service that
+ * wants its console elsewhere redirects it before exec(3). A process replaces descriptor 2 while no
+ * thread of it logs. A text that has no console, or that the console refuses, is dropped and
+ * counted, raw texts as well. The count (a child of fork() goes on from its parent's) is told in
+ * the file, at level EVLOG_INFO under module 0: "%lu texts for the console were dropped so far.",
+ * after the first message that finds a text dropped, then each time that the count is ten times
+ * that of the last report, and by evlog_destroy.
+ *
+ * Pipes and SIGPIPE: a console or log file that is a pipe or a socket without a reader refuses the
+ * text; no SIGPIPE comes of it, and one that the process has pending stays pending. A console that
+ * is full holds up the threads that write to it, and nothing else: neither a thread whose message
+ * is for the file, nor fork().
+ *
+ * Descriptors: the library holds one, made by the first evlog_init and kept until the process ends:
+ * a process that closes descriptors it does not know does so before that. It never makes descriptor
+ * 0, 1 or 2.
+ *
+ * Threads: any thread may call any function. Signal handlers may call evlog_level_check,
+ * evlog_original and evlog_vraw, and no other.
+ *
+ * Cancellation: no function is a cancellation point. A cancellation that arrives in one, also while
+ * the thread waits for a full console, acts at the thread's next cancellation point after it.
+ *
+ * fork(): a child may go on calling all functions (evlog itself unless a thread was in the C
+ * library's time zone conversion for a purpose of its own at the fork), and shares the file with
+ * its parent. fork() waits for threads that are in these functions, but not for what they write;
+ * therefore fork() is not to be called in a signal handler (_Fork() and vfork() are). */
 #ifndef EVLOG_H
 #define EVLOG_H
 
@@ -47,28 +71,28 @@ extern "C" {
  * NULL is the process's own name, directory NULL the working directory; a directory that is given
  * relative stays the same when the process changes its working directory. A second call moves the
  * log to the new place. Returns 0, or -1 with errno when the file cannot be opened (EINVAL for a
- * program that is empty or holds a slash); records then go on as before the call. May block on the
- * file system. */
+ * program that is empty or holds a slash); log messages then go on as before the call. May block
+ * on the file system. */
 EVLOG_API int evlog_init(const char *program, const char *directory);
 
-/* Closes the log file; later records go to the console alone. Returns 0. */
+/* Closes the log file; later messages go to the console alone. Returns 0. */
 EVLOG_API int evlog_destroy(void);
 
-/* 0 when a record of module at level is wanted, else non-zero. Default: one load. Signal-safe. */
+/* 0 when a message of module at level is wanted, else non-zero. Default: one load. Signal-safe. */
 EVLOG_API int evlog_level_check(unsigned int module, int level);
 
-/* Writes a record without checking its level: callers ask evlog_level_check first. file is the base
- * name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when there
- * is no such record. Default: place and text take at most 4095 bytes and are cut there, a newline
- * at their end is dropped, a NULL file, function or format is shown as such, and errno is kept; the
- * result is 1 when the group's rate limit dropped the record, -1 when it could not be formatted.
- * May block on the file system and the console. */
+/* Writes a log message without checking its level: callers ask evlog_level_check first. file is the
+ * base name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when
+ * there is no such message. Default: place and text take at most 4095 bytes and are cut there, a
+ * newline at their end is dropped, a NULL file, function or format is shown as such, and errno is
+ * kept; the result is 1 when the group's rate limit dropped the message, -1 when it could not be
+ * formatted. May block on the file system and the console. */
 EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned int line,
                     const char *function, unsigned int flags, const char *format, ...)
     EVLOG_PRINTF(7, 8);
 
 /* Writes a text that has neither module, level nor position. Default: at most 1023 bytes, cut
- * there, to the log file (standard error where there is none or it fails) in one write; a newline
+ * there, to the log file (the console where there is none or it fails) in one write; a newline
  * is added where the text does not end in one. Neither locks nor allocates, keeps errno:
  * signal-safe, as long as no width or precision in the format exceeds 500 and no conversion takes
  * wide characters, a numbered value (%1$d) or the errno's text (%m). Returns the number of bytes
@@ -78,7 +102,7 @@ EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 /* The same with the values as a va_list, and nothing added to the text. */
 EVLOG_API int evlog_vraw(const char *format, va_list args) EVLOG_PRINTF(1, 0);
 
-/* The group that a module's records are rate-limited with. Default: module / 16, for modules up to
+/* The group that a module's messages are rate-limited with. Default: module / 16, for modules up to
  * 1023; a module above that is in group 0. */
 EVLOG_API int evlog_get_group_id(unsigned int module);
 
@@ -90,11 +114,11 @@ EVLOG_API int evlog_loglevel_get(unsigned int module);
  * to 7. */
 EVLOG_API int evlog_loglevel_set(unsigned int module, int level);
 
-/* Limits the records of a group. Default: at most burst records in an interval of interval_ms
- * milliseconds, which begins with a record; either 0 lifts the limit, which is the state at the
- * start. The dropped ones are counted in one warning record, "%lu records of group %d were dropped
- * by the rate limit.", ahead of the record that begins the next interval, or at once when the limit
- * is set anew. Returns 0, or -1 for a group that does not exist. */
+/* Limits the messages of a group. Default: at most burst messages in an interval of interval_ms
+ * milliseconds, which begins with a message; either 0 lifts the limit, which is the state at the
+ * start. The dropped ones are counted in one warning, "%lu log messages of group %d were dropped by
+ * the rate limit.", before the message that begins the next interval, or at once when the limit is
+ * set anew. Returns 0, or -1 for a group that does not exist. */
 EVLOG_API int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms);
 
 #ifdef __cplusplus

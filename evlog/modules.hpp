@@ -14,7 +14,7 @@ inline constexpr unsigned int kModules = 1024;
 inline constexpr unsigned int kModulesOfGroup = 16;
 inline constexpr int kGroups = kModules / kModulesOfGroup;
 
-// One level more than there are modules: all the ids above share the last, which nobody sets, so
+// One level more than there are modules: all the ids above share the last, which is never set, so
 // that the bound costs no branch. Filled before any code runs, as constructors log too.
 using Levels = std::array<signed char, kModules + 1>;
 

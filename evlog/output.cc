@@ -1,19 +1,24 @@
-// The log file is one descriptor number, the slot, that the first opening sets aside and nobody
-// closes again. Writers load the number and write: no lock, in a signal handler or out of it.
+// The log file is one descriptor number, the slot, that the first opening sets aside and that is
+// never closed again. Writers load the number and write: no lock, in a signal handler or out of it.
 // Moving, rotating and closing the log put another file into the slot with dup3, which the kernel
 // does in one step: a write goes to the file before or to the one after, never to a number that is
-// free or that somebody else got meanwhile. Files are opened to append, so texts written at once do
+// free or that another file got meanwhile. Files are opened to append, so texts written at once do
 // not overlay.
 //
 // A closed log keeps its slot with a descriptor that refuses writes: a writer that loaded the
 // number just before gets -1 and takes the console.
 //
-// Whoever changes the slot holds `switching`. Opening and closing wait for it, but a writer that
-// finds the file full only tries: when it fails somebody else is at it, maybe the very code that
-// this signal handler interrupted, and the text stays in the file of before. Rotation consists of
-// system calls that signal handlers may make. How full the file is, every writer asks the kernel:
-// other processes may write to it, or have put the next one in its place, and a text must not go to
-// a file that is about to be deleted.
+// A thread that changes the slot holds `switching`. Opening and closing wait for it. A writer that
+// finds the file full only tries, and when another thread holds it, or the very code that this
+// signal handler interrupted, the text stays in the file of before. Rotation consists of system
+// calls that signal handlers may make. How full the file is, every writer asks the kernel: other
+// processes may write to it, or have put the next one in its place, and a text must not go to a
+// file that is about to be deleted.
+//
+// fork() waits for a thread that opens or closes, since a child would find half of what it changes.
+// It cannot wait for one that rotates, which may be in a signal handler and must not wait for
+// fork() in turn. So a child takes `switching` to be free: what a rotation had not done yet when
+// the process was forked, the next writer of the child does.
 #include "output.hpp"
 
 #include <algorithm>
@@ -30,7 +35,11 @@
 #include <tuple>
 #include <unistd.h>
 
+#include "base/fork_gate.hpp"
+#include "base/system.hpp"
 #include "base/unique_fd.hpp"
+#include "pipe.hpp"
+#include "same_file.hpp"
 
 namespace logging {
 
@@ -47,9 +56,9 @@ public:
   bool try_lock() { return !taken_.test_and_set(std::memory_order_acquire); }
 
   void lock() {
-    constexpr timespec pause{0, 1'000'000};
+    constexpr timespec kPause{0, 1'000'000};
     while (!try_lock())
-      nanosleep(&pause, nullptr); // not yield: the holder may have the lower priority
+      vorn::sys::sleep(kPause); // not yield: the holder may have the lower priority
   }
 
   void unlock() { taken_.clear(std::memory_order_release); }
@@ -68,17 +77,26 @@ constinit int slot = -1;                // under switching
 constinit std::atomic<int> log_fd = -1; // the slot while there is a log file
 constinit std::atomic<off_t> full_size = kFileBytes;
 
+const vorn::ForkChild frees_switching{[] { switching.unlock(); }};
+
+// For opening and closing, which no signal handler does.
+class SwitchGuard {
+public:
+  SwitchGuard() {
+    vorn::enter_fork_gate();
+    switching.lock();
+  }
+  SwitchGuard(const SwitchGuard &) = delete;
+  SwitchGuard &operator=(const SwitchGuard &) = delete;
+  ~SwitchGuard() {
+    switching.unlock();
+    vorn::leave_fork_gate();
+  }
+};
+
 int fail(int error) {
   errno = error;
   return -1;
-}
-
-ssize_t write_whole(int fd, std::string_view text) {
-  ssize_t written;
-  do {
-    written = write(fd, text.data(), text.size());
-  } while (written < 0 && errno == EINTR);
-  return written;
 }
 
 // Absolute, as the process may change its working directory.
@@ -102,23 +120,19 @@ int compose_paths(const char *program, const char *directory, Paths &out) {
 }
 
 UniqueFd open_to_append(const char *path) {
-  return UniqueFd{open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640)};
+  return vorn::sys::open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY, 0640);
 }
 
-// The first file makes the slot, above the standard descriptors even where these are closed.
+// The first file makes the slot.
 bool put_into_slot(const UniqueFd &file) {
   if (slot < 0) {
-    slot = fcntl(file.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    slot = vorn::sys::duplicate(file.get()).release();
     if (slot < 0) return false;
   } else if (dup3(file.get(), slot, O_CLOEXEC) < 0) {
     return false;
   }
   full_size = kFileBytes;
   return true;
-}
-
-bool same_file(const struct stat &one, const struct stat &other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 // Several processes may share the file, a parent and its children first of all. Of those the one
@@ -163,35 +177,36 @@ void rotate() {
 } // namespace
 
 int open_log_file(const char *program, const char *directory) {
-  static Paths wanted; // too big for the stack; under switching
-  std::lock_guard hold{switching};
+  Paths wanted;
   if (compose_paths(program, directory, wanted) != 0) return -1;
   const UniqueFd file = open_to_append(wanted.of[0]);
-  if (!file || !put_into_slot(file)) return -1;
+  if (!file) return -1;
+
+  const SwitchGuard hold; // after the file system, for which fork() is not to wait
+  if (!put_into_slot(file)) return -1;
   paths = wanted;
   log_fd = slot;
   return 0;
 }
 
 void close_log_file() {
-  std::lock_guard hold{switching};
+  const SwitchGuard hold;
   if (log_fd.exchange(-1) < 0) return;
   // An epoll instance cannot be written to, and keeps no file system busy. Without one the file
   // stays in the slot.
-  const UniqueFd refusing{epoll_create1(EPOLL_CLOEXEC)};
+  const UniqueFd refusing = vorn::sys::above_standard(epoll_create1(EPOLL_CLOEXEC));
   if (refusing) dup3(refusing.get(), slot, O_CLOEXEC);
 }
+
+bool has_log_file() { return log_fd >= 0; }
 
 ssize_t write_log_file(std::string_view text) {
   const int fd = log_fd;
   if (fd < 0) return -1;
-  if (lseek(fd, 0, SEEK_END) >= full_size) rotate(); // every write appends, wherever that leads
-  return write_whole(fd, text);
+  const off_t size = lseek(fd, 0, SEEK_END); // every write appends, wherever that leads
+  if (size < 0) return write_pipe(fd, text); // or another file without a size
+  if (size >= full_size) rotate();
+  return vorn::sys::write(fd, text.data(), text.size());
 }
-
-ssize_t write_console(std::string_view text) { return write_whole(STDERR_FILENO, text); }
-
-void lock_log_file() { switching.lock(); }
-void unlock_log_file() { switching.unlock(); }
 
 } // namespace logging

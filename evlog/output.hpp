@@ -1,4 +1,4 @@
-// Where texts go: the log file and the console, each with one write. Writing is signal-safe.
+// The log file, to which each text goes with one write.
 #ifndef VORN_EVLOG_OUTPUT_HPP
 #define VORN_EVLOG_OUTPUT_HPP
 
@@ -11,13 +11,10 @@ namespace logging {
 int open_log_file(const char *program, const char *directory);
 void close_log_file();
 
-// The number of bytes written, or -1 where there is no file or it takes none.
-ssize_t write_log_file(std::string_view text);
-ssize_t write_console(std::string_view text);
+bool has_log_file();
 
-// While locked nothing is opened, closed or rotated.
-void lock_log_file();
-void unlock_log_file();
+// The number of bytes written, or -1 where there is no file or it takes none. Signal-safe.
+ssize_t write_log_file(std::string_view text);
 
 } // namespace logging
 

@@ -1,3 +1,4 @@
+// Counts the messages of each group in its present interval, under one mutex.
 #include "rate_limit.hpp"
 
 #include <array>
@@ -29,7 +30,7 @@ constinit std::array<Limit, kGroups> limits;
 
 } // namespace
 
-bool admit_record(int group, unsigned long *dropped) {
+bool admit_message(int group, unsigned long *dropped) {
   *dropped = 0;
   Limit &limit = limits[static_cast<unsigned int>(group)];
   if (!limit.on.load(std::memory_order_relaxed)) return true;

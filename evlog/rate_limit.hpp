@@ -4,12 +4,12 @@
 
 namespace logging {
 
-// Whether a record of group may be written now. *dropped is the number of records to report ahead
-// of it, 0 for none.
-bool admit_record(int group, unsigned long *dropped);
+// Whether a log message of group may be written now. *dropped is the number of dropped messages to
+// report before it, 0 for none.
+bool admit_message(int group, unsigned long *dropped);
 
-// Begins anew with this limit. False: no such group. *dropped is the number of records still to be
-// reported.
+// Begins anew with this limit. False: no such group. *dropped is the number of dropped messages not
+// reported yet.
 bool set_rate_limit(int group, unsigned int burst, unsigned int interval_ms,
                     unsigned long *dropped);
 

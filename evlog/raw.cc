@@ -1,3 +1,4 @@
+// Formats raw texts on the stack and hands them on.
 #include "raw.hpp"
 
 #include <algorithm>
@@ -5,6 +6,7 @@
 
 #include "base/cancellation_off.hpp"
 #include "base/kept_errno.hpp"
+#include "console.hpp"
 #include "output.hpp"
 
 namespace logging {

@@ -1,0 +1,113 @@
+// Forms the line of a log message on the stack and writes it without a lock.
+//
+// A write may block for as long as the console's reader likes, so nobody may wait for one: neither
+// fork(), which waits for the holders of locks, nor a thread whose message is for the file. The
+// mutex is held only while spdlog forms the head of the line. Each line is one write to a file that
+// was opened to append, so lines never mix and those of one thread keep their order; the lines of
+// two threads can stand in the other order than their times, which are taken just before the write.
+#include "message.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <memory>
+#include <spdlog/pattern_formatter.h>
+#include <string_view>
+
+#include "base/mutex.hpp"
+#include "console.hpp"
+#include "output.hpp"
+
+namespace logging {
+
+namespace {
+
+constexpr std::size_t kHeadBytes = 128; // 71 are the most
+constexpr std::size_t kTextBytes = 4095;
+
+// Of spdlog only the formatter is used: its file sinks throw where the disk is full, buffer what a
+// crash then loses, write under a lock, and share no descriptor with a signal handler.
+struct Heads {
+  vorn::Mutex mutex; // the formatter keeps the broken-down time of the present second
+  spdlog::pattern_formatter formatter{"%Y-%m-%dT%H:%M:%S.%f%z %L %n %t ",
+                                      spdlog::pattern_time_type::local, ""};
+};
+
+// Never destroyed, as destructors of other objects log.
+Heads &heads() {
+  static Heads &made = *new Heads;
+  return made;
+}
+
+// Made when the library is loaded, so that no message meets a failing allocation.
+[[gnu::constructor]] void make_heads() { heads(); }
+
+spdlog::level::level_enum spdlog_level(int level) {
+  if (level < EVLOG_ERROR) return spdlog::level::critical;
+  if (level == EVLOG_ERROR) return spdlog::level::err;
+  if (level == EVLOG_WARNING) return spdlog::level::warn;
+  if (level <= EVLOG_INFO) return spdlog::level::info;
+  return spdlog::level::debug;
+}
+
+const char *shown(const char *text) { return text == nullptr ? "(null)" : text; }
+
+// Writes place and text to out, which has room for kTextBytes and a NUL. The length; 0 when the
+// text cannot be formatted.
+std::size_t form_text(char *out, const Place &place, const char *format, std::va_list args)
+    EVLOG_PRINTF(3, 0);
+
+std::size_t form_text(char *out, const Place &place, const char *format, std::va_list args) {
+  int length = snprintf(out, kTextBytes + 1, "%s:%u %s: ", shown(place.file), place.line,
+                        shown(place.function));
+  if (length < 0) return 0;
+  const std::size_t start = std::min(static_cast<std::size_t>(length), kTextBytes);
+  const std::size_t room = kTextBytes + 1 - start;
+  length = format == nullptr ? snprintf(out + start, room, "(null)")
+                             : vsnprintf(out + start, room, format, args);
+  if (length < 0) return 0;
+  const std::size_t end = std::min(start + static_cast<std::size_t>(length), kTextBytes);
+  return out[end - 1] == '\n' ? end - 1 : end;
+}
+
+// Writes time, level, module and thread to the bytes before text. Where they begin.
+char *form_head(char *text, unsigned int module, int level) {
+  char digits[16];
+  const auto end = std::to_chars(digits, digits + sizeof digits, module).ptr;
+  const spdlog::details::log_msg message{
+      {digits, static_cast<std::size_t>(end - digits)}, spdlog_level(level), {}};
+  spdlog::memory_buf_t head; // has room for a head without an allocation
+  {
+    const vorn::MutexGuard hold{heads().mutex};
+    heads().formatter.format(message, head);
+  }
+  const std::size_t length = std::min(head.size(), kHeadBytes);
+  return std::copy_n(head.data(), length, text - length) - length;
+}
+
+} // namespace
+
+bool write_vmessage(unsigned int module, int level, const Place &place, const char *format,
+                    std::va_list args) {
+  char buffer[kHeadBytes + kTextBytes + 1]; // the NUL's place takes the newline
+  char *const text = buffer + kHeadBytes;
+  const std::size_t length = form_text(text, place, format, args);
+  if (length == 0) return false;
+  text[length] = '\n';
+  const char *const start = form_head(text, module, level);
+
+  const std::string_view line{start, text + length + 1};
+  write_log_file(line);
+  if (level <= EVLOG_WARNING) write_console(line);
+  return true;
+}
+
+bool write_message(unsigned int module, int level, const Place &place, const char *format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  const bool written = write_vmessage(module, level, place, format, args);
+  va_end(args);
+  return written;
+}
+
+} // namespace logging

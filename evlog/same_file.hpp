@@ -1,0 +1,15 @@
+// Whether two descriptions by fstat(2) are of one file.
+#ifndef VORN_EVLOG_SAME_FILE_HPP
+#define VORN_EVLOG_SAME_FILE_HPP
+
+#include <sys/stat.h>
+
+namespace logging {
+
+inline bool same_file(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+} // namespace logging
+
+#endif
