@@ -13,8 +13,6 @@ public:
   KeptErrno &operator=(const KeptErrno &) = delete;
   ~KeptErrno() { errno = value_; }
 
-  int value() const { return value_; }
-
   // Puts it back at once: KeptErrno{}.after(call()).
   void after(int) const { errno = value_; }
 

@@ -47,13 +47,6 @@ std::vector<std::string> take_lines() {
   return lines;
 }
 
-std::vector<std::string> take_texts() {
-  std::vector<std::string> texts;
-  for (Record &record : take())
-    texts.push_back(std::move(record.text));
-  return texts;
-}
-
 void set_level(int level) { wanted_level = level; }
 
 } // namespace capture

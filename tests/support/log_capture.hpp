@@ -26,9 +26,6 @@ std::vector<Record> take();
 // The texts alone; those of errors begin with "E ", those of warnings with "W ".
 std::vector<std::string> take_lines();
 
-// The texts alone, whatever their level.
-std::vector<std::string> take_texts();
-
 // Records at this level and below are wanted; 7, the start value, wants all.
 void set_level(int level);
 
