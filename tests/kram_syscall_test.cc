@@ -415,7 +415,7 @@ TEST(Kram, ClientFindsAServerThatIsStartedAgainBesideItsChild) {
     waitpid(server, nullptr, 0);
     ASSERT_GT(child, 0);
     children[run] = child;
-    EXPECT_NO_RECORD();
+    EXPECT_EQ(capture::take_lines(), std::vector<std::string>{}) << run;
   }
   for (const pid_t child : children) {
     ASSERT_GT(child, 0);
@@ -501,7 +501,7 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
   char byte;
   start_server();
   ASSERT_GT(call(0x400), 0);
-  ASSERT_TRUE(eventually([] { return threads_and_descriptors().first == 3; }));
+  std::this_thread::sleep_for(200ms); // for what comes and goes at a start
   const auto before = threads_and_descriptors();
   {
     const vorn::UniqueFd young[] = {dial(), dial()}; // in places on both sides of the own one
