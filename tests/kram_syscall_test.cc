@@ -53,7 +53,8 @@ sockaddr_in moved(const sockaddr *address) {
 
 std::atomic<bool> refuses_threads{false};
 bool interrupts_connect = false;
-std::function<void()> before_send; // for once
+std::function<void()> before_send;
+std::atomic<bool> acts_before_send{false}; // for once
 
 } // namespace
 
@@ -82,7 +83,7 @@ int __wrap_connect(int socket, const sockaddr *address, socklen_t length) {
 }
 
 ssize_t __wrap_sendmsg(int socket, const msghdr *message, int flags) {
-  if (const auto act = std::exchange(before_send, nullptr)) act();
+  if (acts_before_send.exchange(false)) before_send();
   return __real_sendmsg(socket, message, flags);
 }
 
@@ -442,7 +443,8 @@ void serve_twice(const vorn::UniqueFd &listener, When when, bool is_reset,
   };
   reply(peer, 0);
   if (when == kIdle) end();
-  if (when == kBeforeSend) before_send = end;
+  before_send = end;
+  acts_before_send = when == kBeforeSend;
   is_set = true;
   if (when >= kUnread) {
     char request[sizeof(WireHeader)];
