@@ -540,6 +540,7 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
       EXPECT_EQ(recv(busy[i].get(), &byte, 1, 0), 1);
   }
   EXPECT_TRUE(eventually([&] { return threads_and_descriptors() == before; }));
+  EXPECT_TRUE(capture::take_lines()[0].starts_with("E recv error, err=0, buf=")); // of the slow one
 }
 
 } // namespace
