@@ -1,5 +1,5 @@
 // clang-format off
-// fuzz-sources: src/syscall/kram_syscall_kernel.cc src/syscall/kram_syscall_main.cc src/syscall/kram_wire.cc src/base/ratelimit.cc
+// fuzz-sources: src/syscall/kram_syscall_kernel.cc src/syscall/kram_syscall_main.cc src/syscall/kram_wire.cc src/base/ratelimit.cc src/base/system.cc src/base/fork_gate.cc
 // clang-format on
 //
 // Whatever a client sends, the server answers as the plainest reading of the messages does, and
@@ -92,7 +92,9 @@ std::string served(std::string_view sent) {
   shutdown(client.get(), SHUT_WR);
   {
     const vorn::UniqueFd server(ends[1]);
-    vorn::kram::serve(server.get(), std::chrono::milliseconds(0));
+    vorn::kram::Activity activity;
+    activity.become_idle();
+    vorn::kram::serve(server.get(), activity, std::chrono::milliseconds(0));
   }
   std::string replies;
   char piece[4096];
