@@ -104,16 +104,16 @@ TEST_F(CfgRace, ReadersGoOnDuringEdits) {
       EXPECT_EQ(vorn_cfg_file_addItem(file, "t", "l", "x"), 0);
       EXPECT_EQ(vorn_cfg_file_delSection(file, "t"), 0);
     }
-    bool is_well = true; // a child that hangs is not followed by others
-    for (int i = 0; i < 200 && is_well; ++i) {
-      is_well = run_in_child([&] {
-                  char value[64];
-                  if (vorn_cfg_init(file) != 0) return 1;
-                  if (vorn_cfg_getItemValue_ex(file, "s", "k", value, sizeof value) != 0) return 2;
-                  return vorn_cfg_file_setItemValue(file, "s", "k", "b") == 0 ? 0 : 3;
-                }) == 0;
-    }
-    EXPECT_TRUE(is_well);
+    const auto use_all = [&] {
+      char value[64];
+      if (vorn_cfg_init(file) != 0) return 1;
+      if (vorn_cfg_getItemValue_ex(file, "s", "k", value, sizeof value) != 0) return 2;
+      return vorn_cfg_file_setItemValue(file, "s", "k", "b") == 0 ? 0 : 3;
+    };
+    int children = 0;
+    while (children < 200 && run_in_child(use_all) == 0)
+      ++children;
+    EXPECT_EQ(children, 200);
     stop = true;
   }
   EXPECT_EQ(strange, 0);
@@ -121,31 +121,27 @@ TEST_F(CfgRace, ReadersGoOnDuringEdits) {
   vorn_cfg_destroy();
 }
 
+// Otherwise the first write takes seconds.
 TEST_F(CfgRace, ReadersLetWritersIn) {
+  using namespace std::chrono;
   scratch::write_file(path, "[s]\nk=1\nlong=" + std::string(60000, 'v'));
   ASSERT_EQ(vorn_cfg_init(file), 0);
-  constexpr int kReaders = 8;
   std::atomic<int> readers{0};
   std::atomic<bool> stop{false};
-  std::chrono::steady_clock::duration time{};
-  run_threads(kReaders + 1, [&](int thread) {
+  const auto is_fast = [start = steady_clock::now()] { return steady_clock::now() - start < 2s; };
+  run_threads(9, [&](int thread) {
     char value[65536];
-    if (thread != 0) ++readers;
-    while (thread != 0 && !stop)
+    for (readers += thread != 0; thread != 0 && !stop;)
       vorn_cfg_getItemValue("s", "long", value, sizeof value);
-    if (thread != 0) return;
-    while (readers < kReaders)
+    while (readers < 8)
       std::this_thread::yield();
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20 && !stop; ++i)
       vorn_cfg_setItemValue("s", "k", "2");
-    time = std::chrono::steady_clock::now() - start;
     stop = true;
   });
-  EXPECT_LT(time, std::chrono::seconds(1));
+  EXPECT_TRUE(is_fast());
 
-  // A thread that holds the lock looks up while a writer waits; no reader waits for one that is
-  // gone.
+  // A thread that holds the lock looks up while a writer waits; none waits for one that is gone.
   const pid_t parent = getpid();
   vorn_rwlock_read_lock(&g_stCfgRwlock);
   std::thread writer([] { vorn_cfg_setItemValue("s", "k", "3"); });
@@ -156,14 +152,13 @@ TEST_F(CfgRace, ReadersLetWritersIn) {
   const auto look_up_at_once = [&] {
     vorn_rwlock_read_unlock(&g_stCfgRwlock);
     if (getpid() == parent) writer.join();
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = steady_clock::now();
     for (int i = 0; i < 200; ++i)
       vorn_cfg_getItemValue("s", "k", value, sizeof value);
-    return std::chrono::steady_clock::now() - start < std::chrono::seconds(1) ? 0 : 1;
+    return steady_clock::now() - start < 1s ? 0 : 1;
   };
   EXPECT_EQ(run_in_child(look_up_at_once), 0);
   EXPECT_EQ(look_up_at_once(), 0);
-  EXPECT_STREQ(value, "3");
   vorn_cfg_destroy();
 }
 
