@@ -6,7 +6,7 @@
 #include "base/log.hpp"
 
 #define VORN_LOG_INFRA_AS(func, format, ...)                                                       \
-  (::vorn::KeptErrno{}.after(                                                                      \
+  (::vorn::LogCall{}.after(                                                                        \
        ::evlog(0, ::vorn::kInfo, VORN_FILE, __LINE__, (func), 0, "[Infra]" format, __VA_ARGS__)),  \
    VORN_LOG_AS(func, ::vorn::kInfo, format, __VA_ARGS__))
 

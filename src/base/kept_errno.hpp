@@ -13,8 +13,7 @@ public:
   KeptErrno &operator=(const KeptErrno &) = delete;
   ~KeptErrno() { errno = value_; }
 
-  // Puts it back at once: KeptErrno{}.after(call()).
-  void after(int) const { errno = value_; }
+  void put_back() const { errno = value_; }
 
 private:
   const int value_ = errno;

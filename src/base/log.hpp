@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "base/cancellation_off.hpp"
 #include "base/kept_errno.hpp"
 #include "evlog.h"
 #include "vorn_api.h"
@@ -39,6 +40,17 @@ consteval SourceName source_name(const char *path) {
   return name;
 }
 
+// Around a call of the logging library, which a node may replace: it keeps errno, and is no
+// cancellation point whatever the library does, since the caller may hold a lock.
+class LogCall {
+public:
+  void after(int) const { errno_.put_back(); }
+
+private:
+  CancellationOff off_;
+  KeptErrno errno_;
+};
+
 inline bool log_wanted(int level) {
   const KeptErrno errno_stays;
   return ::evlog_level_check(kModuleId, level) == 0;
@@ -63,7 +75,7 @@ namespace {
 
 // The same without the level test, for a report that belongs to a message that was wanted.
 #define VORN_LOG_UNCHECKED(file, line, func, level, ...)                                           \
-  ::vorn::KeptErrno{}.after(                                                                       \
+  ::vorn::LogCall{}.after(                                                                         \
       ::evlog(::vorn::kModuleId, (level), (file), (line), (func), 0, __VA_ARGS__))
 
 // A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
