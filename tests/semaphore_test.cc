@@ -118,6 +118,9 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
     g_yield = [&] { ++pauses; };
     g_sleep = [&](int64_t timeout) {
       EXPECT_EQ(timeout, row.ticks);
+      int state = -1; // its waiter is in the list
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+      EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
       if (++waits == row.granted_in) vorn_sem_enhance_up(&sem);
       return row.left;
     };
