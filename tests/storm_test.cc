@@ -105,7 +105,7 @@ bool private_call() {
 
 bool semaphore() {
   vorn_sem_enhance_down(&units);
-  vorn_usleep(0);
+  vorn_yield();
   vorn_sem_enhance_up(&units);
   return true;
 }
@@ -180,20 +180,22 @@ constexpr bool kMayForkBesideAllocation = false;
 constexpr bool kMayForkBesideAllocation = true;
 #endif
 
+void PrintTo(const Family &family, std::ostream *out) { *out << family.name; }
+
 constexpr Family kFamilies[] = {
     {"log", log, 1500, 1, false},
     {"memory", memory, 1000, 1},
     {"names", names, 1000, 1, false},
     {"registry", registry, 1000, 1},
     {"edit", edit, 700, 3},
-    {"private call", private_call, 1000, 0, false}, // its server is the parent's
+    {"private_call", private_call, 1000, 0, false}, // its server is the parent's
     {"semaphore", semaphore, 1000, 0,
      false}, // a service's own object: its waiters are the parent's
     {"waiting", waiting, 700, 0, false},
     {"locks", locks, 800, 0, false},
     {"files", files, 500, 1},
     {"clock", clock, 500, 1},
-    {"thread record", thread_record, 700, 1},
+    {"thread_record", thread_record, 700, 1},
     {"commands", commands, 60, 20},
     {"symbols", symbols, 20, 50},
     {"start", start, 20, 50},
@@ -241,33 +243,38 @@ void *use_forever(void *family) {
   }
 }
 
-TEST_F(Storm, CancelledThreadsLeaveNothingBehind) {
+class StormOf : public Storm, public testing::WithParamInterface<Family> {};
+
+TEST_P(StormOf, CancellationsLeaveNothingBehind) {
+  Family family = GetParam();
   const int descriptor = scratch::next_descriptor();
   const int threads = threads_with_record();
-  for (const Family &family : kFamilies) {
-    SCOPED_TRACE(family.name);
-    std::atomic<bool> done{false};
-    std::thread rival([&] {
-      while (!done)
-        family.use();
-    });
-    for (int i = 0; i < family.cancellations; ++i) {
-      pthread_t thread;
-      ASSERT_EQ(pthread_create(&thread, nullptr, use_forever, const_cast<Family *>(&family)), 0);
-      usleep(static_cast<useconds_t>(random_() % 150));
-      pthread_cancel(thread);
-      void *result = nullptr;
-      pthread_join(thread, &result);
-      ASSERT_EQ(result, PTHREAD_CANCELED);
+  std::atomic<bool> done{false};
+  std::thread rival([&] {
+    while (!done) {
+      family.use();
+      usleep(50); // a lock is not given to the thread that has waited longest
     }
-    done = true;
-    rival.join();
-    EXPECT_TRUE(family.use());
+  });
+  for (int i = 0; i < family.cancellations; ++i) {
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, use_forever, &family), 0);
+    usleep(static_cast<useconds_t>(random_() % 150));
+    pthread_cancel(thread);
+    void *result = nullptr;
+    pthread_join(thread, &result);
+    ASSERT_EQ(result, PTHREAD_CANCELED);
   }
+  done = true;
+  rival.join();
+  EXPECT_TRUE(family.use());
   vorn_thrd_clearcurthreadinfo();
   EXPECT_EQ(scratch::next_descriptor(), descriptor);
   EXPECT_EQ(threads_with_record(), threads - 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(, StormOf, testing::ValuesIn(kFamilies),
+                         [](const auto &family) { return std::string(family.param.name); });
 
 TEST_F(Storm, ChildrenForkedUnderLoadUseEveryFamily) {
   std::atomic<bool> done{false};
