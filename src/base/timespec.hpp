@@ -1,4 +1,4 @@
-// A time of the system's in nanoseconds.
+// Times of the system's in nanoseconds.
 #ifndef VORN_BASE_TIMESPEC_HPP
 #define VORN_BASE_TIMESPEC_HPP
 
@@ -10,6 +10,11 @@ namespace vorn {
 inline std::uint64_t nanoseconds(const timespec &time) {
   return static_cast<std::uint64_t>(time.tv_sec) * 1000000000 +
          static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+inline timespec timespec_of(std::uint64_t nanoseconds) {
+  return {static_cast<std::time_t>(nanoseconds / 1000000000),
+          static_cast<long>(nanoseconds % 1000000000)};
 }
 
 } // namespace vorn
