@@ -243,7 +243,7 @@ TEST_F(HrTimers, RunOnceAndNeverEarlyInAStorm) {
     }
   });
   for (const auto &timer : timers)
-    ASSERT_EQ(vorn_timer_delete_sync(timer.get()), 0);
+    ASSERT_EQ(vorn_hr_timer_delete_sync(timer.get()), 0);
   Timer::settled = true;
   run_threads(kThreads, [&](int thread) {
     for (std::size_t i = static_cast<std::size_t>(thread); i < timers.size(); i += kThreads) {
