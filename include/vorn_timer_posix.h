@@ -4,12 +4,14 @@
 #ifndef VORN_TIMER_POSIX_H
 #define VORN_TIMER_POSIX_H
 
-#include <signal.h>
-#include <time.h>
+#include <sys/types.h>
 
 #include "vorn_api.h"
 
 VORN_BEGIN_DECLS
+
+struct sigevent;   /* of <signal.h> */
+struct itimerspec; /* of <time.h> */
 
 /* What a refused argument gives. */
 #define VORN_TIMER_POSIX_REFUSED (-22)

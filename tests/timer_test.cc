@@ -19,6 +19,7 @@
 #include "support/threads.hpp"
 #include "timer/wheel.hpp"
 #include "vorn_jiffies.h"
+#include "vorn_thrd.h"
 #include "vorn_time.h"
 
 static std::atomic<uint64_t> g_stopped_at{0}; // milliseconds; 0: the clock goes
@@ -344,6 +345,7 @@ TEST_F(Timers, FunctionsMayFreeMoveAndArmAnyTimer) {
   itself->run = [&] {
     vorn_timer_add(itself.get());
     vorn_timer_delete(itself.get());
+    itself->funcName = "freed";
     itself.reset();
     g_stopped_at += 301; // so that the report of a slow one looks for it
   };
@@ -407,7 +409,10 @@ TEST_F(Timers, DeleteSyncWaitsForTheCallAlone) {
 }
 
 TEST_F(Timers, GoOnAfterAFunctionThatEndsItsThread) {
-  Timer fatal{[] { pthread_exit(nullptr); }};
+  Timer fatal{[] {
+    vorn_thrd_clearcurthreadinfo();
+    pthread_exit(nullptr);
+  }};
   Timer next;
   ASSERT_EQ(vorn_timer_modify(&fatal, 1), 0);
   ASSERT_EQ(vorn_timer_modify(&next, 1), 0);

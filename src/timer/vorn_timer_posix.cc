@@ -1,6 +1,9 @@
 // The system's timers with checked arguments.
 #include "vorn_timer_posix.h"
 
+#include <csignal>
+#include <ctime>
+
 #include "base/log.hpp"
 
 namespace vorn::timer {

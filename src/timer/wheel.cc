@@ -14,7 +14,6 @@
 #include "base/log.hpp"
 #include "list/vorn_list.hpp"
 #include "vorn_bitops.h"
-#include "vorn_time.h"
 
 namespace vorn::timer {
 namespace {
@@ -96,10 +95,6 @@ void Wheel::insert(vorn_timer_s *timer, std::uint64_t expiry) {
   ++count_;
 }
 
-void Wheel::count_down() {
-  if (--count_ == 0) jump(vorn_time_getmillisec());
-}
-
 void Wheel::detach(vorn_timer_s *timer) {
   const vorn_list_head_s *alone_in =
       timer->list.next == timer->list.prev ? timer->list.next : nullptr;
@@ -108,7 +103,7 @@ void Wheel::detach(vorn_timer_s *timer) {
     const auto slot = static_cast<unsigned int>(alone_in - heads_);
     occupied_[slot / 64] &= ~(1ul << slot % 64);
   }
-  count_down();
+  --count_;
 }
 
 void Wheel::remove(vorn_timer_s *timer) {
@@ -182,7 +177,7 @@ vorn_timer_s *Wheel::take_due() {
   vorn_list_head_s *node = list::take_first(&due_, vorn_timer_show, VORN_FILE, "run_timers");
   if (node == nullptr) return nullptr;
   node->next = nullptr;
-  count_down();
+  --count_;
   return timer_of(node);
 }
 

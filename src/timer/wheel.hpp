@@ -29,7 +29,8 @@ public:
   bool is_empty() const { return count_ == 0; }
   std::uint64_t current() const { return current_; }
 
-  // Lets the time go to now, while the wheel is empty.
+  // Lets the time go to now, while the wheel is empty: so does the owner before it puts the first
+  // timer in.
   void jump(std::uint64_t now);
 
   // For a timer that is not in the wheel. Past the expiry, it is due at once.
@@ -68,7 +69,6 @@ private:
   void move_slot(unsigned int slot, vorn_list_head_s *to);
   void collect_cascades();
   bool cascade();
-  void count_down();
 
   std::uint64_t current_ = 0; // the next millisecond to be opened
   std::uint64_t count_ = 0;   // of timers in any of the lists
