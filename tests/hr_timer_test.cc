@@ -206,7 +206,7 @@ TEST_F(HrTimers, RunInOrder) {
 
 // A nanosecond field of 10^9 is kept, and no deadline of the system's.
 TEST_F(HrTimers, SleepUntilAFullSecond) {
-  stop_clock(3, 999999000);
+  stop_clock(30, 999999000);
   Timer timer{1000};
   ASSERT_EQ(vorn_timer_add_ns(&timer), 0);
   EXPECT_EQ(timer.nanoseconds, 1000000000);
@@ -217,6 +217,9 @@ TEST_F(HrTimers, SleepUntilAFullSecond) {
   ASSERT_EQ(vorn_timer_add_ns(&next), 0);
   EXPECT_EQ(next.seconds, timer.seconds + 1);
   EXPECT_EQ(next.nanoseconds, 1);
+  Timer earlier{0}; // for which the thread is woken
+  ASSERT_EQ(vorn_timer_add_ns(&earlier), 0);
+  EXPECT_TRUE(soon([&] { return earlier.fired == 1; }));
   vorn_timer_delete_sync(&timer);
   vorn_timer_delete_sync(&next);
 }
@@ -264,6 +267,7 @@ TEST_F(HrTimers, DeleteSyncWaitsForTheCallAlone) {
     inside = true;
     vorn_timer_modify(&timer, 1); // again and again, with no time between
     std::this_thread::sleep_for(milliseconds{3});
+    vorn_timer_modify(&timer, 1);
     inside = false;
   };
   for (int i = 0; i < 20; ++i) {
@@ -330,6 +334,11 @@ TEST_F(HrTimers, AreListedByACommand) {
   EXPECT_EQ(lines[0], "list of timer\n[NO.] [Timer Handler]          [Expire(ms)] [file:line]\n");
   EXPECT_EQ(lines[1], "1     adder                    899950       file:3    \n");
   EXPECT_EQ(lines[51], "51    adder                    900000       file:3    \n");
+  vorn_timer_delete(timers[0].get());
+  vorn_timer_delete(timers[1].get());
+  EXPECT_EQ(vorn_hr_timer_diagnose_func(3, list), 0); // 49 lines, and no sleep
+  EXPECT_EQ(capture::take().size(), 50u);
+  EXPECT_LT(monotonic() - start, 1900000000);
   EXPECT_EQ(vorn_hr_timer_diagnose_func(2, list), 0);
   EXPECT_EQ(vorn_hr_timer_diagnose_func(3, wrong), 0);
   EXPECT_EQ(capture::take_lines(), Lines(2, "cmd input wrong.\n"));
