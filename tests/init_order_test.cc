@@ -10,6 +10,7 @@
 static std::vector<std::string> steps;
 static int cpufreq_result = 0;
 static int time_result = 0;
+static int timer_result = 0;
 static int optional_result = 0;
 
 static int note(const std::string &step, int result = 0) {
@@ -30,6 +31,7 @@ int vorn_cpufreq_init() { return note("cpufreq", cpufreq_result); }
 uint64_t vorn_gettime_init() { return static_cast<uint64_t>(note("time", time_result)); }
 int vorn_thrd_module_init() { return note("threads"); }
 int vorn_affinity_init() { return note("affinity", optional_result); }
+int vorn_timer_module_init() { return note("timer", timer_result); }
 int vorn_symbol_init() { return note("symbols"); }
 void vorn_crc32_init() { note("crc"); }
 void pid_destroy_names() { note("clear names"); }
@@ -54,7 +56,7 @@ TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
   ASSERT_EQ(vorn_Init(), 0); // does nothing
   EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX",
                           "process id", "sched", "masks", "counts", "cpufreq", "time", "threads",
-                          "affinity", "symbols", "crc"}));
+                          "affinity", "timer", "symbols", "crc"}));
   steps.clear();
   vorn_destory();
   vorn_destory();
@@ -72,6 +74,7 @@ TEST(InitOrder, AFailedStepEndsTheStartUnlessItMayFail) {
     std::string end;
   } rows[] = {{&cpufreq_result, -1, "cpufreq", "cpufreq", "7"},
               {&time_result, -1, "time", "time", "7"},
+              {&timer_result, -1, "timer", "timer", "7"},
               {&optional_result, 0, "crc", "affinity", "0"}};
   for (const auto &row : rows) {
     steps.clear();

@@ -173,6 +173,10 @@ void wait(sem_t *semaphore) {
   uninterrupted([=] { return sem_wait(semaphore); });
 }
 
+void wait_until(pthread_cond_t *condition, pthread_mutex_t *mutex, const timespec &deadline) {
+  uncancelled([&] { return pthread_cond_timedwait(condition, mutex, &deadline); });
+}
+
 pid_t wait_for_child(pid_t child, int *status) {
   return uninterrupted([=] { return waitpid(child, status, 0); });
 }

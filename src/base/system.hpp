@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <ctime>
 #include <poll.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/socket.h>
 #include <sys/types.h>
@@ -64,6 +65,10 @@ int poll(pollfd *fds, nfds_t count, const timespec *deadline);
 void sleep(const timespec &time);
 
 void wait(sem_t *semaphore);
+
+// pthread_cond_timedwait(3), by the condition's own clock.
+void wait_until(pthread_cond_t *condition, pthread_mutex_t *mutex, const timespec &deadline);
+
 pid_t wait_for_child(pid_t child, int *status); // waitpid(2)
 
 } // namespace vorn::sys

@@ -1,4 +1,4 @@
-// A time of the system's in nanoseconds.
+// Times of the system's in nanoseconds.
 #ifndef VORN_BASE_TIMESPEC_HPP
 #define VORN_BASE_TIMESPEC_HPP
 
@@ -12,6 +12,11 @@ inline std::uint64_t nanoseconds(const timespec &time) {
          static_cast<std::uint64_t>(time.tv_nsec);
 }
 
+inline timespec timespec_of(std::uint64_t nanoseconds) {
+  return {static_cast<std::time_t>(nanoseconds / 1000000000),
+          static_cast<long>(nanoseconds % 1000000000)};
+}
+
 inline std::uint64_t monotonic_nanoseconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -20,8 +25,7 @@ inline std::uint64_t monotonic_nanoseconds() {
 
 // The time on CLOCK_MONOTONIC so many nanoseconds from now.
 inline timespec monotonic_after(std::uint64_t nanoseconds_from_now) {
-  const std::uint64_t at = monotonic_nanoseconds() + nanoseconds_from_now;
-  return {static_cast<time_t>(at / 1000000000), static_cast<long>(at % 1000000000)};
+  return timespec_of(monotonic_nanoseconds() + nanoseconds_from_now);
 }
 
 } // namespace vorn

@@ -16,6 +16,7 @@
 #include "vorn_symbol.h"
 #include "vorn_thrd.h"
 #include "vorn_time.h"
+#include "vorn_timer.h"
 
 namespace vorn::init {
 namespace {
@@ -42,6 +43,7 @@ constexpr Step kSteps[] = {
     {start_time, "Vorn time initialize failed.", Need::kRequired},
     {vorn_thrd_module_init, nullptr, Need::kOptional},
     {vorn_affinity_init, "Vorn affinity initialize failed.", Need::kOptional},
+    {vorn_timer_module_init, "Vorn timer initialize failed.", Need::kRequired},
 };
 
 int vorn_init_inner() {

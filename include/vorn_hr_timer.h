@@ -1,0 +1,52 @@
+/* One-shot timers of at most a millisecond, to the nanosecond, run by the thread "vorn_hr_timer".
+ * What vorn_timer.h says of its timers holds for these too, except that the clock is
+ * CLOCK_MONOTONIC and arming and deleting take O(log n) time. Of timers with the same expiry the
+ * one that was armed first runs first.
+ *
+ * Callers use vorn_timer_add_ns, which makes a timer one of these, and then vorn_timer_modify,
+ * vorn_timer_delete and the like, which come here. The functions below expect that of their timer;
+ * a NULL one is refused. */
+#ifndef VORN_HR_TIMER_H
+#define VORN_HR_TIMER_H
+
+#include "vorn_api.h"
+#include "vorn_timer.h"
+
+VORN_BEGIN_DECLS
+
+/* The longest time-out, in nanoseconds. */
+#define VORN_HR_TIMER_MAX 1000000u
+
+/* Starts the high-resolution timers, once per process, and logs that; the first vorn_hr_timer_add
+ * makes this call. A further call logs that they have been started. A start that failed is not
+ * tried again: from then on this function and vorn_hr_timer_add fail. */
+VORN_API int vorn_hr_timer_module_init(void);
+
+/* Arms a timer for its timeOut nanoseconds from now. Fails when the timers could not be started,
+ * the timer is pending, timeOut is above VORN_HR_TIMER_MAX, or the clock cannot be read. */
+VORN_API int vorn_hr_timer_add(vorn_timer_s *timer);
+
+/* Arms a timer, pending or not, for ns nanoseconds from now, which becomes its timeOut. Fails when
+ * the timers have not been started, ns is above VORN_HR_TIMER_MAX, or the clock cannot be read: the
+ * timer is not pending then. */
+VORN_API int vorn_hr_timer_modify(vorn_timer_s *timer, uint64_t ns);
+
+/* Disarms a timer; returns 0 also for one that was not pending, and for NULL. Fails when the timers
+ * have not been started. */
+VORN_API int vorn_hr_timer_delete(vorn_timer_s *timer);
+
+/* The same, and waits until the timer's function is not running; what that call has armed is
+ * disarmed with its end. Fails also when the timer's own function calls it. */
+VORN_API int vorn_hr_timer_delete_sync(vorn_timer_s *timer);
+
+/* 1 while the timer is armed, 0 otherwise. */
+VORN_API int vorn_hr_timer_is_pending(vorn_timer_s *timer);
+
+/* A diagnostic command: three arguments of which the third begins with "list" have all pending
+ * timers written to the log at information level, in the order of their expiry. While it writes,
+ * and sleeps for a second after every 50 lines, no high-resolution timer runs. Returns 0. */
+VORN_API int vorn_hr_timer_diagnose_func(int argc, char **argv);
+
+VORN_END_DECLS
+
+#endif

@@ -1,0 +1,99 @@
+// The thread of a timer service, and how it calls a timer's function.
+#include "timer/service.hpp"
+
+#include <cstring>
+#include <sched.h>
+#include <sys/prctl.h>
+
+#include "base/cancellation_off.hpp"
+#include "base/fork_gate.hpp"
+#include "base/log.hpp"
+#include "base/system.hpp"
+#include "vorn_affinity.h"
+#include "vorn_thrd.h"
+#include "vorn_time.h"
+
+namespace vorn::timer {
+namespace {
+
+constexpr char kAffinityLevel[] = "affinity_level_1";
+
+constinit std::uint32_t forks = 1; // changed while the process has one thread
+const ForkChild count_fork{[] { ++forks; }};
+
+void replace(void *service) { static_cast<const Service *>(service)->resume(); }
+
+void *serve(void *argument) {
+  const auto &service = *static_cast<const Service *>(argument);
+  const CancellationOff off;
+  vorn_thrd_setname("%s", service.name);
+  vorn_thrd_setprio(service.priority);
+  vorn_setCurThreadStrategy(service.strategy);
+  prctl(PR_SET_TIMERSLACK, 1UL); // else the kernel may wake it 50 us late
+  pthread_cleanup_push(replace, argument);
+  service.run();
+  pthread_cleanup_pop(0);
+  return nullptr;
+}
+
+} // namespace
+
+std::uint32_t fork_count() { return forks; }
+
+int start_thread(const Service &service) {
+  pthread_t thread{};
+  if (create_thread_nopreempt_raw(serve, const_cast<Service *>(&service), &thread) != 0) {
+    VORN_LOG_AT(service.file, __LINE__, service.module, kError, "Create thread failed.");
+    return -1;
+  }
+  if (vorn_set_thread_affinity(thread, kAffinityLevel) != 0)
+    VORN_LOG_AT(service.file, __LINE__, service.module, kInfo,
+                "set thread affinity failed, tid(%lu), affinity_level(%s).", thread,
+                kAffinityLevel);
+  return 0;
+}
+
+Call::Call(const vorn_timer_s &timer) : timer_(&timer), function_(timer.func), data_(timer.data) {
+  const char *name = timer.funcName != nullptr ? timer.funcName : "(null)";
+  const std::size_t length = strnlen(name, kNameSize - 1);
+  std::memcpy(added_by_, name, length);
+  added_by_[length] = '\0';
+}
+
+std::uint64_t Call::run() const {
+  const std::uint64_t start = vorn_time_getmillisec();
+  function_(data_);
+  return vorn_time_getmillisec() - start;
+}
+
+void Running::begin(vorn_timer_s *timer) {
+  timer_ = timer;
+  thread_ = pthread_self();
+}
+
+void Running::add(Waiter &waiter) {
+  waiter.next = waiters_;
+  waiters_ = &waiter;
+}
+
+// Release: what the function has written is seen by the thread that waited for its end.
+void Running::release_waiters() {
+  while (waiters_ != nullptr) {
+    Waiter *waiter = waiters_;
+    waiters_ = waiter->next;
+    waiter->over.store(true, std::memory_order_release);
+  }
+}
+
+void wait_for(const Running::Waiter &waiter) {
+  constexpr int kYields = 20; // most functions end soon
+  constexpr timespec kPause{0, 100000};
+  for (int i = 0; !waiter.over.load(std::memory_order_acquire); ++i) {
+    if (i < kYields)
+      sched_yield();
+    else
+      sys::sleep(kPause);
+  }
+}
+
+} // namespace vorn::timer

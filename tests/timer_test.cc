@@ -1,0 +1,448 @@
+// test-wraps: vorn_time_getmillisec vorn_time_getnanosec pthread_cond_init pthread_create
+// The wheel against a naive model, and the timers on a clock that the test may stop and move.
+#include "vorn_timer.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/child.hpp"
+#include "support/log_capture.hpp"
+#include "support/threads.hpp"
+#include "timer/wheel.hpp"
+#include "vorn_jiffies.h"
+#include "vorn_thrd.h"
+#include "vorn_time.h"
+
+static std::atomic<uint64_t> g_stopped_at{0}; // milliseconds; 0: the clock goes
+static std::string g_failing;                 // the call that fails
+
+extern "C" {
+uint64_t __real_vorn_time_getnanosec();
+uint64_t __wrap_vorn_time_getnanosec() {
+  const uint64_t stopped = g_stopped_at;
+  return stopped != 0 ? stopped * 1000000 : __real_vorn_time_getnanosec();
+}
+uint64_t __wrap_vorn_time_getmillisec() { return __wrap_vorn_time_getnanosec() / 1000000; }
+
+int __real_pthread_cond_init(pthread_cond_t *condition, const pthread_condattr_t *attributes);
+int __wrap_pthread_cond_init(pthread_cond_t *condition, const pthread_condattr_t *attributes) {
+  return g_failing == "condition" ? EAGAIN : __real_pthread_cond_init(condition, attributes);
+}
+int __real_pthread_create(pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *),
+                          void *argument);
+int __wrap_pthread_create(pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *),
+                          void *argument) {
+  return g_failing == "thread" ? EAGAIN : __real_pthread_create(out, attributes, run, argument);
+}
+}
+
+namespace {
+
+using std::chrono::milliseconds;
+using vorn::timer::Wheel;
+using Lines = std::vector<std::string>;
+
+struct Timer : vorn_timer_s {
+  explicit Timer(std::function<void()> what = {}) : vorn_timer_s{}, run(std::move(what)) {
+    vorn_timer_set_raw(this, 5, reinterpret_cast<uint64_t>(this), fire, "adder", "file", 3);
+  }
+  static void fire(uint64_t data) {
+    auto *timer = reinterpret_cast<Timer *>(data);
+    if (settled && vorn_time_getmillisec() < timer->expirTime) ++early;
+    const auto what = timer->run; // which may free the timer
+    ++timer->fired;
+    if (what) what();
+  }
+  static inline std::atomic<int> early{0};
+  static inline std::atomic<bool> settled{true}; // no other thread arms it while it runs
+  std::atomic<int> fired{0};
+  std::function<void()> run;
+};
+
+template <class Condition> bool soon(Condition condition) {
+  for (int i = 0; i < 10000 && !condition(); ++i)
+    std::this_thread::sleep_for(milliseconds{1});
+  return condition();
+}
+
+constexpr uint64_t kDay = 86400000;
+constexpr uint64_t kSteps[] = {1,         1000,      60000,     3600000,
+                               216000000, 60 * kDay, 61 * kDay, 130 * kDay};
+
+// A delay or a jump at one of the borders, or between.
+uint64_t some_time(std::mt19937_64 &random) {
+  const uint64_t step = kSteps[random() % std::size(kSteps)];
+  return random() % 2 == 0 ? step - 1 + random() % 3 : 1 + random() % (step * 60);
+}
+
+TEST(Wheel, RunsEachTimerWhenANaiveModelDoes) {
+  std::mt19937_64 random{5};
+  auto wheel = std::make_unique<Wheel>();
+  std::vector<vorn_timer_s> timers(300);
+  for (int round = 0; round < 60; ++round) {
+    uint64_t now = kSteps[random() % std::size(kSteps)] * (1 + random() % 100) - random() % 2;
+    wheel->reset(now);
+    std::multiset<uint64_t> model;
+    const auto drop = [&](const vorn_timer_s &timer) { model.erase(model.find(timer.expirTime)); };
+    for (int turn = 0; turn < 400; ++turn) {
+      g_stopped_at = now;
+      vorn_timer_s &timer = timers[random() % timers.size()];
+      const bool pending = timer.list.next != nullptr;
+      if (pending) drop(timer);
+      if (pending && random() % 2 == 0) {
+        wheel->remove(&timer);
+      } else {
+        if (pending) wheel->detach(&timer);
+        if (wheel->is_empty()) wheel->jump(now);
+        wheel->insert(&timer, now + some_time(random));
+        model.insert(timer.expirTime);
+      }
+      if (turn % 3 != 0) continue;
+      g_stopped_at = now += random() % 4 == 0 ? some_time(random) : 1 + random() % 1500;
+      uint64_t last = 0;
+      int steps = 0;
+      for (auto progress = wheel->advance(now); progress != Wheel::Progress::kDone;
+           progress = wheel->advance(now), ++steps) {
+        if (progress != Wheel::Progress::kDue) continue;
+        vorn_timer_s *due = wheel->take_due();
+        ASSERT_NE(due, nullptr);
+        ASSERT_LE(due->expirTime, now);
+        ASSERT_GE(due->expirTime + 1, last); // one that was late already is placed last
+        ASSERT_EQ(due->list.next, nullptr);
+        last = due->expirTime;
+        drop(*due);
+      }
+      ASSERT_TRUE(model.empty() || *model.begin() > now);
+      ASSERT_GT(wheel->next_event(), now);
+      ASSERT_LE(wheel->next_event(), model.empty() ? UINT64_MAX : *model.begin());
+      ASSERT_EQ(wheel->is_empty(), model.empty());
+      ASSERT_LT(steps, 1500 + static_cast<int>(now / (60 * kDay))); // it hops
+    }
+    for (vorn_timer_s &timer : timers)
+      timer = {};
+  }
+  EXPECT_NO_RECORD();
+}
+
+class Timers : public testing::Test {
+protected:
+  Timers() {
+    EXPECT_EQ(vorn_timer_module_init(), 0);
+    vorn_get_jiffies(); // logs about its driver once
+    capture::take();
+  }
+  ~Timers() override { EXPECT_EQ(Timer::early, 0); }
+
+  static void stop_clock() { g_stopped_at = vorn_time_getmillisec() / 1000 * 1000 + 1000000; }
+};
+
+TEST(TimerStart, RefusesUntilStartedAndTriesAgainAfterAFailure) {
+  Timer timer;
+  EXPECT_EQ(vorn_timer_add(&timer), -1);
+  EXPECT_EQ(vorn_timer_modify(&timer, 1), -1);
+  EXPECT_EQ(vorn_timer_delete(&timer), -1);
+  EXPECT_EQ(vorn_timer_delete_sync(&timer), -1);
+  EXPECT_EQ(vorn_timer_is_pending(&timer), 0);
+  EXPECT_EQ(capture::take_lines(), Lines(4, "E vorn timer is not inited."));
+  for (const auto &[failing, text] : {std::pair{"condition", "E Cond init failed, error no 11"},
+                                      {"thread", "E Create thread failed."}}) {
+    g_failing = failing;
+    EXPECT_EQ(vorn_timer_module_init(), -1);
+    EXPECT_EQ(capture::take_lines().back(), text);
+    EXPECT_EQ(vorn_timer_delete(&timer), -1);
+    capture::take();
+  }
+  g_failing = "";
+  EXPECT_EQ(vorn_timer_module_init(), 0);
+  EXPECT_EQ(vorn_timer_module_init(), 0);
+  EXPECT_NO_RECORD();
+  EXPECT_EQ(vorn_timer_add(&timer), 0);
+  EXPECT_TRUE(soon([&] { return timer.fired == 1; }));
+}
+
+TEST_F(Timers, RefuseBadArguments) {
+  stop_clock();
+  Timer timer;
+  vorn_timer_s none{};
+  Timer untimed;
+  untimed.timeOut = 0;
+  EXPECT_EQ(vorn_timer_add(&timer), 0);
+  const auto set = [](vorn_timer_s *it, vorn_timer_f func) {
+    return vorn_timer_set_raw(it, 1, 0, func, "", "", 0);
+  };
+  const struct {
+    int result;
+    int wanted;
+    const char *text;
+  } rows[] = {
+      {vorn_timer_init(nullptr), -1, "E Input timer is null."},
+      {set(nullptr, Timer::fire), -1, "E Input para is invalid."},
+      {set(&none, nullptr), -1, "E Input para is invalid."},
+      {set(&timer, Timer::fire), -1, "E The timer is pending."},
+      {vorn_timer_add(nullptr), -1, "E Input timer is null or not initiated."},
+      {vorn_timer_add(&none), -1, "E Input timer is null or not initiated."},
+      {vorn_timer_add(&timer), -1, "E The timer is pending."},
+      {vorn_timer_add(&untimed), -1, "E Input para is invalid."},
+      {vorn_timer_add_ns(nullptr), -1, "E Input timer is null or not initiated."},
+      {vorn_timer_add_ns(&none), -1, "E Input timer is null or not initiated."},
+      {vorn_timer_add_ns(&timer), -1, "E The timer is pending."},
+      {vorn_timer_modify(nullptr, 1), -1, "E Input para is invalid."},
+      {vorn_timer_modify(&timer, 0), -1, "E Input para is invalid."},
+      {vorn_timer_modify(&none, 1), -1, "E Input para is invalid."},
+      {vorn_timer_delete(nullptr), -1, "E Input timer is null."},
+      {vorn_timer_delete_sync(nullptr), -1, "E Input timer is null."},
+      {vorn_timer_destroy(nullptr), -1, "E Input timer is null."},
+      {vorn_timer_is_pending(nullptr), 0, "E Input timer is null."},
+  };
+  const auto lines = capture::take_lines();
+  ASSERT_EQ(lines.size(), std::size(rows));
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(rows[i].result, rows[i].wanted) << i;
+    EXPECT_EQ(lines[i], rows[i].text) << i;
+  }
+  EXPECT_EQ(vorn_timer_delete(&timer), 0);
+  EXPECT_EQ(vorn_timer_delete(&timer), 0); // not pending any more
+  EXPECT_EQ(timer.list.prev, VORN_LIST_POISON_PREV);
+  // The range of a time-out: modulo 2^61 / 125, which 2^61 + 1 times 125 is beyond.
+  for (const auto &[ms, counted] : {std::pair{(uint64_t{1} << 61) / 125, (uint64_t{1} << 61) / 125},
+                                    {(uint64_t{1} << 61) / 125 + 1, uint64_t{0}},
+                                    {(uint64_t{1} << 61) + 7, uint64_t{7}}}) {
+    EXPECT_EQ(vorn_timer_modify(&timer, ms), 0);
+    EXPECT_EQ(timer.timeOut, ms);
+    EXPECT_EQ(timer.expirTime, g_stopped_at + counted);
+    vorn_timer_delete_sync(&timer);
+  }
+}
+
+TEST_F(Timers, ShowTheirFieldsTwice) {
+  Timer timer;
+  timer.expirTime = 9;
+  timer.data = 7;
+  timer.isp = 17;
+  timer.flags = 1;
+  vorn_timer_show(&timer.list);
+  char text[256];
+  std::snprintf(text, sizeof text,
+                "Timer entry:%p, expirTime:9, timeOut:5, data:7, func:%p         isp:11 flags:1 in "
+                "funcName:adder file:file line:3",
+                static_cast<void *>(&timer.list), reinterpret_cast<void *>(Timer::fire));
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].module, 0u);
+  EXPECT_EQ(records[0].text, std::string("[Infra]") + text);
+  EXPECT_EQ(records[1].module, 381u);
+  EXPECT_EQ(records[1].text, text);
+  EXPECT_EQ(records[1].level, 6);
+}
+
+// Timers of every level, over jumps to each expiry and to the millisecond before.
+TEST_F(Timers, RunAtTheirMillisecondOverAnyJump) {
+  stop_clock();
+  const uint64_t start = g_stopped_at;
+  std::vector<std::unique_ptr<Timer>> timers;
+  for (const uint64_t step : kSteps) {
+    timers.push_back(std::make_unique<Timer>());
+    ASSERT_EQ(vorn_timer_modify(timers.back().get(), step), 0);
+  }
+  for (std::size_t i = 0; i < timers.size(); ++i) {
+    g_stopped_at = start + kSteps[i] - 1;
+    std::this_thread::sleep_for(milliseconds{25});
+    ASSERT_EQ(timers[i]->fired, 0);
+    ASSERT_EQ(vorn_timer_modify(timers[i].get(), 1), 0); // the same millisecond
+    g_stopped_at = start + kSteps[i];
+    ASSERT_TRUE(soon([&] { return timers[i]->fired == 1; })) << kSteps[i];
+    ASSERT_EQ(vorn_timer_is_pending(timers[i].get()), 0);
+  }
+}
+
+// 10000 timers that four threads fight for; then each has a share, of which every third timer is
+// deleted and every second one modified.
+TEST_F(Timers, RunOnceAndNeverEarlyInAStorm) {
+  constexpr int kThreads = 4;
+  std::vector<std::unique_ptr<Timer>> timers;
+  for (int i = 0; i < 10000; ++i)
+    timers.push_back(std::make_unique<Timer>());
+  Timer::settled = false;
+  run_threads(kThreads, [&](int thread) {
+    std::mt19937 random(static_cast<unsigned int>(thread));
+    for (int i = 0; i < 40000; ++i) {
+      Timer *timer = timers[random() % timers.size()].get();
+      switch (random() % 4) {
+      case 0:
+        vorn_timer_delete(timer);
+        break;
+      case 1:
+        vorn_timer_is_pending(timer);
+        break;
+      default:
+        vorn_timer_modify(timer, 1 + random() % 30);
+      }
+    }
+  });
+  for (const auto &timer : timers)
+    ASSERT_EQ(vorn_timer_delete_sync(timer.get()), 0);
+  Timer::settled = true;
+  run_threads(kThreads, [&](int thread) {
+    std::mt19937 random(static_cast<unsigned int>(thread));
+    for (std::size_t i = static_cast<std::size_t>(thread); i < timers.size(); i += kThreads) {
+      timers[i]->fired = 0;
+      ASSERT_EQ(vorn_timer_modify(timers[i].get(), 200 + random() % 1300), 0);
+      if (i % 2 == 0) {
+        ASSERT_EQ(vorn_timer_modify(timers[i].get(), 200 + random() % 1300), 0);
+      }
+      if (i % 3 == 0) {
+        ASSERT_EQ(vorn_timer_delete(timers[i].get()), 0);
+      }
+    }
+  });
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    ASSERT_TRUE(soon([&] { return timers[i]->fired == (i % 3 == 0 ? 0 : 1); })) << i;
+  std::this_thread::sleep_for(milliseconds{50});
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    ASSERT_EQ(timers[i]->fired, i % 3 == 0 ? 0 : 1) << i;
+  EXPECT_NO_RECORD();
+}
+
+// The thread sleeps 20 ms at a time, unless it is woken for an earlier timer.
+TEST_F(Timers, WakeTheirThreadForAnEarlierOne) {
+  uint64_t best = UINT64_MAX;
+  Timer timer;
+  for (int i = 0; i < 20; ++i) {
+    const int before = timer.fired;
+    const uint64_t start = __real_vorn_time_getnanosec();
+    vorn_timer_modify(&timer, 1);
+    while (timer.fired == before)
+      std::this_thread::yield();
+    best = std::min(best, __real_vorn_time_getnanosec() - start);
+  }
+  EXPECT_LT(best, 8000000u);
+}
+
+TEST_F(Timers, FunctionsMayFreeMoveAndArmAnyTimer) {
+  stop_clock();
+  auto freed = std::make_unique<Timer>();
+  auto itself = std::make_unique<Timer>();
+  Timer moved;
+  Timer again;
+  again.run = [&] {
+    if (again.fired == 1) vorn_timer_modify(&again, 2);
+  };
+  Timer first{[&] {
+    EXPECT_EQ(vorn_timer_is_pending(&first), 0);
+    vorn_timer_delete(freed.get());
+    freed.reset();
+    vorn_timer_modify(&moved, 2);
+  }};
+  itself->run = [&] {
+    vorn_timer_add(itself.get());
+    vorn_timer_delete(itself.get());
+    itself->funcName = "freed";
+    itself.reset();
+    g_stopped_at += 301; // so that the report of a slow one looks for it
+  };
+  for (Timer *timer : {&first, freed.get(), &moved, itself.get(), &again})
+    ASSERT_EQ(vorn_timer_add(timer), 0);
+  Timer *const gone = itself.get();
+  g_stopped_at += 5;
+  ASSERT_TRUE(soon([&] { return moved.fired == 1 && again.fired == 1; }));
+  EXPECT_EQ(moved.expirTime, first.expirTime + 2);
+  g_stopped_at += 2;
+  ASSERT_TRUE(soon([&] { return again.fired == 2; }));
+  char text[128];
+  std::snprintf(text, sizeof text, "Timer %p func %p added by adder cost 301 ms.",
+                static_cast<void *>(gone), reinterpret_cast<void *>(Timer::fire));
+  EXPECT_EQ(capture::take_lines(),
+            (Lines{std::string("W ") + text, std::string("W [Infra]") + text}));
+}
+
+TEST_F(Timers, ReportThoseThatTakeMoreThan300Milliseconds) {
+  stop_clock();
+  for (int i = 0; i < 6; ++i) {
+    Timer timer{[i] { g_stopped_at += i == 0 ? 300 : 301; }};
+    ASSERT_EQ(vorn_timer_add(&timer), 0);
+    g_stopped_at += 5;
+    ASSERT_TRUE(soon([&] { return timer.fired == 1; }));
+    ASSERT_EQ(vorn_timer_delete_sync(&timer), 0); // after the report
+    const auto records = capture::take();
+    const std::size_t wanted[] = {0, 2, 2, 2, 1, 1}; // the last are rate-limited
+    ASSERT_EQ(records.size(), wanted[i]) << i;
+    for (const auto &record : records) {
+      EXPECT_EQ(record.function, "run_timers");
+      EXPECT_EQ(record.module == 0, record.text.starts_with("[Infra]"));
+    }
+  }
+}
+
+TEST_F(Timers, DeleteSyncWaitsForTheCallAlone) {
+  std::atomic<bool> inside{false};
+  Timer timer;
+  timer.run = [&] {
+    inside = true;
+    vorn_timer_modify(&timer, 1); // again and again, with no time between
+    std::this_thread::sleep_for(milliseconds{3});
+    vorn_timer_modify(&timer, 1);
+    inside = false;
+  };
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_EQ(vorn_timer_modify(&timer, 1), 0);
+    ASSERT_TRUE(soon([&] { return inside.load(); }));
+    run_threads(2, [&](int) { EXPECT_EQ(vorn_timer_destroy(&timer), 0); });
+    ASSERT_FALSE(inside);
+    ASSERT_EQ(vorn_timer_is_pending(&timer), 0);
+    const int fired = timer.fired;
+    std::this_thread::sleep_for(milliseconds{5});
+    ASSERT_EQ(timer.fired, fired);
+  }
+  std::atomic<int> result{0};
+  timer.run = [&] { result = vorn_timer_destroy(&timer); };
+  ASSERT_EQ(vorn_timer_add(&timer), 0);
+  ASSERT_TRUE(soon([&] { return result == -1; }));
+  EXPECT_EQ(capture::take_lines(), Lines{"E The timer's own function must not wait for its end."});
+}
+
+TEST_F(Timers, GoOnAfterAFunctionThatEndsItsThread) {
+  Timer fatal{[] {
+    vorn_thrd_clearcurthreadinfo();
+    pthread_exit(nullptr);
+  }};
+  Timer next;
+  ASSERT_EQ(vorn_timer_modify(&fatal, 1), 0);
+  ASSERT_EQ(vorn_timer_modify(&next, 1), 0);
+  ASSERT_TRUE(soon([&] { return next.fired == 1; }));
+  EXPECT_EQ(vorn_timer_delete_sync(&fatal), 0);
+}
+
+TEST_F(Timers, OfTheParentAreNotPendingInAChild) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the thread sanitizer ends a child that starts a thread";
+#endif
+  stop_clock();
+  Timer timer;
+  Timer deleted;
+  ASSERT_EQ(vorn_timer_modify(&timer, 60), 0);
+  ASSERT_EQ(vorn_timer_modify(&deleted, 60), 0);
+  EXPECT_EQ(run_in_child([&] {
+              if (vorn_timer_is_pending(&timer) != 0) return 1;
+              if (vorn_timer_delete_sync(&deleted) != 0) return 2;
+              g_stopped_at += 100; // the child's alone
+              std::this_thread::sleep_for(milliseconds{100});
+              if (timer.fired != 0) return 3;
+              if (vorn_timer_add(&timer) != 0) return 4;
+              g_stopped_at += 60;
+              return soon([&] { return timer.fired == 1; }) && deleted.fired == 0 ? 0 : 5;
+            }),
+            0);
+  g_stopped_at += 60;
+  EXPECT_TRUE(soon([&] { return timer.fired == 1 && deleted.fired == 1; }));
+}
+
+} // namespace
