@@ -10,6 +10,9 @@
 #include "vorn_thrd.h"
 
 namespace vorn::schedwork {
+
+constinit Slot slots[VORN_SCHED_WORK_THREAD_COUNT]{};
+
 namespace {
 
 constexpr std::uint64_t kStallTicks = 45000;
@@ -18,8 +21,6 @@ constexpr unsigned int kMostDumps = 4;
 static_assert(offsetof(vorn_sched_work_heal_task_s, check) == 32);
 static_assert(offsetof(vorn_sched_work_heal_task_s, settings) == 56);
 static_assert(sizeof(vorn_sched_work_heal_task_s) == 72);
-
-constinit Slot slots[VORN_SCHED_WORK_THREAD_COUNT]{};
 
 struct Stall {
   Mutex mutex;

@@ -1,7 +1,7 @@
 // What the sources of the pool share. An item's way:
 //
 //   vorn_sched_add_work        queue.append, then a unit: to the lookout or to the semaphore
-//   a worker's wait_for_unit   takes the unit
+//   a worker                   takes the unit, or finds the item while it is still awake
 //   sched_work_select_task     queue.take
 //   sched_work_run_task        the handler
 //
@@ -30,6 +30,8 @@ struct Slot {
   std::uint32_t pid;
 };
 
+extern constinit Slot slots[VORN_SCHED_WORK_THREAD_COUNT];
+
 inline constexpr std::uint32_t kNoSlot = UINT32_MAX;
 
 // Hands a unit to a worker that has just run an item and is awake: it is taken sooner, and costs
@@ -43,28 +45,41 @@ public:
            state_.compare_exchange_strong(state, kHanded);
   }
 
-  // Looks out for a unit for a while, one worker at a time. Whether the caller has got one.
-  bool watch();
+  // For one worker at a time; false: another watches. After a true, end() tells whether a unit was
+  // handed over.
+  bool begin() {
+    State state = kNobody;
+    return state_.compare_exchange_strong(state, kWatching);
+  }
+  bool end() {
+    State state = kWatching;
+    if (state_.compare_exchange_strong(state, kNobody)) return false;
+    state_.store(kNobody); // of kHanded, which is the watching worker's to take back
+    return true;
+  }
+
+  bool handed() const { return state_.load(std::memory_order_relaxed) == kHanded; }
 
   void forget() { state_.store(kNobody); }
 
 private:
   enum State : std::uint32_t { kNobody, kWatching, kHanded };
-  bool give_up();
 
   std::atomic<State> state_{kNobody};
 };
 
+// What the adding threads write, what the workers write, and what a watching worker reads lie in
+// cache lines of their own.
 struct Pool {
   Mutex mutex; // serialises start and destroy
   std::atomic<bool> created{false};
-  Population population;
+  alignas(64) Population population;
   std::atomic<std::uint64_t> started{0};  // runs
   std::atomic<std::uint64_t> finished{0}; // read before started, so that it is never the greater
-  Queue queue;
-  vorn_sem_enhance_s work{VORN_SPINLOCK_INIT, 0, {&work.wait_list, &work.wait_list}};
-  Lookout lookout;
-  std::atomic<std::uint32_t> free_minimum{4};
+  alignas(64) Queue queue;
+  alignas(64) vorn_sem_enhance_s work{VORN_SPINLOCK_INIT, 0, {&work.wait_list, &work.wait_list}};
+  alignas(64) Lookout lookout;
+  alignas(64) std::atomic<std::uint32_t> free_minimum{4};
   std::atomic<std::uint32_t> free_maximum{8};
 };
 extern constinit Pool pool;

@@ -81,14 +81,23 @@ void unregister_worker() {
   if (key_made.done()) pthread_setspecific(key, nullptr);
 }
 
-// After an item the next may be about to come; a fresh worker sleeps at once.
-void wait_for_unit(bool has_run) {
-  if (has_run && pool.queue.size() == 0 && pool.lookout.watch()) return;
-  vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds);
+// A worker that has just run an item looks for the next before it sleeps. An item found so may have
+// raised the semaphore too: its unit is taken, or wakes another worker in vain.
+bool finds_item_soon(bool watching) {
+  if (watching && pool.queue.size() == 0) {
+    const auto end = std::chrono::steady_clock::now() + kLookout;
+    while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end)
+      arch::pause();
+  }
+  if (watching && pool.lookout.end()) return true;
+  if (pool.queue.size() == 0) return false;
+  vorn_sem_enhance_down_timeout(&pool.work, 0);
+  return true;
 }
 
-// Where a cancellation of an idle worker acts, rather than in a handler that it was not meant for.
-void cancellation_point() {
+// A cancellation of an idle worker acts here, rather than in a handler that it was not meant for.
+void wait_for_unit() {
+  vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds);
   const CancellationOn on;
   pthread_testcancel();
 }
@@ -113,18 +122,7 @@ void report_all_busy() {
 }
 
 // Whether the worker stays.
-bool run_item(vorn_sched_work_s *work) {
-  pool.population.begin_run(t_worker.life);
-  hire_workers(t_worker.life);
-  report_all_busy();
-  t_worker.running = true;
-  pool.started.fetch_add(1);
-  {
-    const CancellationOn on;
-    sched_work_run_task(work, t_worker.slot);
-  }
-  pool.finished.fetch_add(1);
-  t_worker.running = false;
+bool end_run() {
   if (pool.population.end_run(t_worker.life, pool.free_maximum.load())) return true;
   if (outlived()) return false;
   release_slot();
@@ -133,15 +131,35 @@ bool run_item(vorn_sched_work_s *work) {
   return false;
 }
 
+enum class After { kSleep, kLookForItem, kLeave };
+
+After run_item(vorn_sched_work_s *work) {
+  pool.population.begin_run(t_worker.life);
+  hire_workers(t_worker.life);
+  report_all_busy();
+  t_worker.running = true;
+  pool.started.fetch_add(1);
+  {
+    const CancellationOn on;
+    sched_work_run_task(work, t_worker.slot);
+    pthread_testcancel(); // a cancellation that the handler did not act on is not the next one's
+  }
+  // At once, so that who waits for the run and then adds the next item meets a worker that watches.
+  const bool watching = num_config_cpus() != 1 && pool.queue.size() == 0 && pool.lookout.begin();
+  pool.finished.fetch_add(1);
+  t_worker.running = false;
+  if (end_run()) return finds_item_soon(watching) ? After::kLookForItem : After::kSleep;
+  if (watching && pool.lookout.end()) vorn_sem_enhance_up(&pool.work);
+  return After::kLeave;
+}
+
 void run_worker() {
-  bool has_run = false;
-  for (;;) {
-    wait_for_unit(has_run);
-    cancellation_point();
+  After after = After::kSleep;
+  while (after != After::kLeave) {
+    if (after == After::kSleep) wait_for_unit();
     if (leaves_idle()) return;
     vorn_sched_work_s *work = sched_work_select_task();
-    has_run = work != nullptr;
-    if (work != nullptr && !run_item(work)) return;
+    after = work != nullptr ? run_item(work) : After::kSleep;
   }
 }
 
@@ -150,27 +168,6 @@ std::uint32_t ticks(std::uint32_t seconds) {
 }
 
 } // namespace
-
-// The state that hand_over() makes is taken back by the watching worker alone, so a unit that was
-// handed to it when its time ran out is not lost.
-bool Lookout::watch() {
-  if (num_config_cpus() == 1) return false;
-  State state = kNobody;
-  if (!state_.compare_exchange_strong(state, kWatching)) return false;
-  const auto end = std::chrono::steady_clock::now() + kLookout;
-  do {
-    arch::pause();
-    if (state_.load(std::memory_order_relaxed) == kHanded) break;
-  } while (std::chrono::steady_clock::now() < end);
-  return give_up();
-}
-
-bool Lookout::give_up() {
-  State state = kWatching;
-  if (state_.compare_exchange_strong(state, kNobody)) return false;
-  state_.store(kNobody);
-  return true;
-}
 
 void watch_thread_ends() {
   key_made.run([] { return vorn_key_create(&key, on_thread_end); });
