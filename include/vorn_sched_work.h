@@ -123,11 +123,11 @@ typedef struct vorn_sched_work_heal_result {
 
 /* A heal task: a check that a health framework outside the library calls. */
 typedef struct vorn_sched_work_heal_task {
-  char name[32];
-  void (*check)(vorn_sched_work_heal_result_s *result);
-  void *unused[2];      /* NULL */
-  uint32_t settings[3]; /* 1, 5, 5: the framework's */
-  uint32_t reserved;    /* 0 */
+  char name[32];                                        /* "vorn_schedwork_timeout_check" */
+  void (*check)(vorn_sched_work_heal_result_s *result); /* what the framework calls */
+  void *unused[2];                                      /* NULL */
+  uint32_t settings[3];                                 /* 1, 5, 5: the framework's */
+  uint32_t reserved;                                    /* 0 */
 } vorn_sched_work_heal_task_s;
 
 /* The pool's check: looks for a run beyond its limit, then for a stand, and stores the outcome. An
