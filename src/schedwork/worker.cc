@@ -86,8 +86,10 @@ void unregister_worker() {
 bool finds_item_soon(bool watching) {
   if (watching && pool.queue.size() == 0) {
     const auto end = std::chrono::steady_clock::now() + kLookout;
-    while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end)
+    while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end) {
       arch::pause();
+      vorn_yield(); // the thread that adds may be waiting for this very CPU
+    }
   }
   if (watching && pool.lookout.end()) return true;
   if (pool.queue.size() == 0) return false;
