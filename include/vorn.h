@@ -34,6 +34,7 @@
 #include "vorn_ring.h"
 #include "vorn_rwlock.h"
 #include "vorn_sched.h"
+#include "vorn_sched_work.h"
 #include "vorn_sem_enhance.h"
 #include "vorn_shm.h"
 #include "vorn_smp.h"

@@ -19,6 +19,7 @@ using Texts = std::vector<std::string>;
 
 // A machine without the jiffies driver starts, and says what is missing.
 TEST(Init, ConcurrentCallersStartAndStopItOnceARound) {
+  capture::set_level(6); // workers log when they come
   for (int round = 0; round < 20; ++round) {
     run_threads(4, [](int) { EXPECT_EQ(vorn_Init(), 0); });
     const Texts texts = capture::take_lines();

@@ -12,6 +12,7 @@
 #include "vorn_jiffies.h"
 #include "vorn_process.h"
 #include "vorn_sched.h"
+#include "vorn_sched_work.h"
 #include "vorn_smp.h"
 #include "vorn_symbol.h"
 #include "vorn_thrd.h"
@@ -37,6 +38,7 @@ struct Step {
 
 // In the order that they depend on each other; the first required one that fails ends the start-up.
 constexpr Step kSteps[] = {
+    {sched_work_init, "Vorn schedWork initialize failed.", Need::kRequired},
     {cpumask_init, nullptr, Need::kOptional},
     {globalCpuNum_init, nullptr, Need::kOptional},
     {vorn_cpufreq_init, "Vorn cpufreq initialize failed.", Need::kRequired},
@@ -76,6 +78,7 @@ int start() {
 void stop() {
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy start.");
   pid_destroy_names();
+  sched_work_destroy();
   vorn_symbol_fini();
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy end.");
 }

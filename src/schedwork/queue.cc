@@ -1,0 +1,90 @@
+// The queue of the pool.
+#define VORN_FILE "vorn_sched_work.c"
+
+#include "schedwork/queue.hpp"
+
+#include "base/fork_gate.hpp"
+#include "list/vorn_list.hpp"
+#include "lock/spin_guard.hpp"
+#include "schedwork/vorn_sched_work.hpp"
+
+namespace vorn::schedwork {
+namespace {
+
+vorn_sched_work_s *record_of(vorn_list_head_s *node) {
+  return vorn_list_entry(node, vorn_sched_work_s, node);
+}
+
+// fork() waits, so that the child finds the list whole.
+class InGate {
+public:
+  InGate() { enter_fork_gate(); }
+  InGate(const InGate &) = delete;
+  InGate &operator=(const InGate &) = delete;
+  ~InGate() { leave_fork_gate(); }
+};
+
+} // namespace
+
+// The lock as the calling function takes it. The thread is not cancelled while it waits.
+class Queue::Guard {
+public:
+  explicit Guard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
+                 unsigned int line = __builtin_LINE())
+      : hold_(lock, site, line) {}
+
+private:
+  const CancellationOff off_;
+  const InGate gate_;
+  const lock::SpinGuard hold_;
+};
+
+bool Queue::append(vorn_sched_work_s *work, std::int32_t *pid) {
+  const Guard hold{lock_};
+  if (!vorn_list_is_poisoned(&work->node)) {
+    *pid = work->pid;
+    return false;
+  }
+  list::insert_tail(head(), &work->node, VornSchedWorkShow, VORN_FILE, "vorn_sched_add_work");
+  resize(size() + 1);
+  return true;
+}
+
+bool Queue::remove(vorn_sched_work_s *work) {
+  const Guard hold{lock_};
+  if (vorn_list_is_poisoned(&work->node)) return false;
+  list::remove(&work->node, VornSchedWorkShow, VORN_FILE, "vorn_sched_delete_work");
+  resize(size() - 1);
+  return true;
+}
+
+vorn_sched_work_s *Queue::take() {
+  const Guard hold{lock_};
+  if (t_worker.active && t_worker.life != life_) return nullptr;
+  vorn_list_head_s *node = vorn_list_first(head());
+  if (node == nullptr) return nullptr;
+  list::remove(node, VornSchedWorkShow, VORN_FILE, "sched_work_select_task");
+  resize(size() - 1);
+  return record_of(node);
+}
+
+void Queue::drop_all() {
+  const Guard hold{lock_};
+  for (vorn_list_head_s *node = nullptr; (node = vorn_list_first(head())) != nullptr;)
+    list::remove(node, VornSchedWorkShow, VORN_FILE, "sched_work_destroy");
+  resize(0);
+  ++life_;
+}
+
+void Queue::forget(std::uint32_t next_life) {
+  while (vorn_list_head_s *node = vorn_list_first(head())) {
+    head()->next = node->next;
+    vorn_list_poison(node);
+  }
+  vorn_list_init_head(head());
+  vorn_spinlock_init(&lock_);
+  resize(0);
+  life_ = next_life;
+}
+
+} // namespace vorn::schedwork

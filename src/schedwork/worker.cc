@@ -1,0 +1,209 @@
+// The workers: how they wait, run items and end.
+//
+// A worker is of one life of the pool. While it runs an item a destroy may begin the next life; it
+// learns that from the population's word, and then leaves without touching what is the next life's:
+// counts, slots and queue. Units of the semaphore are of no life: one that it has got it passes on.
+#define VORN_FILE "vorn_sched_work.c"
+
+#include <algorithm>
+#include <chrono>
+#include <pthread.h>
+
+#include "arch/pause.hpp"
+#include "base/cancellation_off.hpp"
+#include "base/log.hpp"
+#include "base/once.hpp"
+#include "base/ratelimit.hpp"
+#include "base/thread_id.hpp"
+#include "schedwork/vorn_sched_work.hpp"
+#include "vorn_jiffies.h"
+#include "vorn_percpu_posix.h"
+#include "vorn_sched.h"
+#include "vorn_smp.h"
+#include "vorn_thrd.h"
+
+namespace vorn::schedwork {
+
+constinit thread_local Worker t_worker{};
+
+namespace {
+
+constexpr std::int64_t kWaitMilliseconds = 10000;
+constexpr std::uint64_t kTicksPerSecond = 250;
+constexpr const char *kThread = "sched_work_thread"; // the function that the messages name
+
+// So long a worker looks out for the next item before it sleeps. On a single CPU it would be in the
+// way.
+constexpr std::chrono::microseconds kLookout{20};
+
+// The rest of a worker is not cancelled, so that its counts stay right.
+class CancellationOn {
+public:
+  CancellationOn() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
+  CancellationOn(const CancellationOn &) = delete;
+  CancellationOn &operator=(const CancellationOn &) = delete;
+  ~CancellationOn() {
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // a handler may have left another
+  }
+};
+
+constinit Once key_made{OncePolicy::kRetry};
+pthread_key_t key;
+
+void release_slot() {
+  if (t_worker.slot != kNoSlot) vorn_del_sched_work_timeout_check(t_worker.slot);
+}
+
+// Of a worker that a handler has ended, or that was cancelled while it was idle.
+void on_thread_end(void *) {
+  const CancellationOff off;
+  if (!t_worker.active) return;
+  const bool idle = !t_worker.running;
+  if (!idle) pool.finished.fetch_add(1);
+  release_slot();
+  const bool counted = pool.population.leave(t_worker.life, idle);
+  if (idle) vorn_sem_enhance_up(&pool.work); // it may have taken a unit
+  // Another takes its place; where none can be started, the next add tries again.
+  if (counted && hire_workers(t_worker.life) != 0) pool.created.store(false);
+  t_worker.active = false;
+}
+
+void register_worker(std::uint32_t life) {
+  t_worker = {true, false, life, kNoSlot};
+  if (key_made.done()) pthread_setspecific(key, &t_worker);
+  std::uint32_t slot = kNoSlot;
+  if (vorn_add_sched_work_timeout_check(thread_id(), &slot) == 0) t_worker.slot = slot;
+}
+
+void unregister_worker() {
+  t_worker.active = false;
+  if (key_made.done()) pthread_setspecific(key, nullptr);
+}
+
+// A worker that has just run an item looks for the next before it sleeps. An item found so may have
+// raised the semaphore too: its unit is taken, or wakes another worker in vain.
+bool finds_item_soon(bool watching) {
+  if (watching && pool.queue.size() == 0) {
+    const auto end = std::chrono::steady_clock::now() + kLookout;
+    while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end) {
+      arch::pause();
+      vorn_yield(); // the thread that adds may be waiting for this very CPU
+    }
+  }
+  if (watching && pool.lookout.end()) return true;
+  if (pool.queue.size() == 0) return false;
+  vorn_sem_enhance_down_timeout(&pool.work, 0);
+  return true;
+}
+
+// A cancellation of an idle worker acts here, rather than in a handler that it was not meant for.
+void wait_for_unit() {
+  vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds);
+  const CancellationOn on;
+  pthread_testcancel();
+}
+
+// Whether the worker has to leave as it is, because its life of the pool is over or ending.
+bool leaves_idle() {
+  const Counts now = pool.population.counts();
+  if (now.life != t_worker.life) {
+    vorn_sem_enhance_up(&pool.work); // the unit that it may have taken
+    return true;
+  }
+  if (!now.destroying()) return false;
+  pool.population.leave(t_worker.life, true);
+  release_slot();
+  return true;
+}
+
+void report_all_busy() {
+  const Counts now = pool.population.counts();
+  if (now.total == VORN_SCHED_WORK_THREAD_COUNT && now.free == 0)
+    VORN_LOG_RATELIMITED_AS(kThread, kInfo, kInfo, "All vorn_sched_work threads is running.");
+}
+
+// Whether the worker stays.
+bool end_run() {
+  if (pool.population.end_run(t_worker.life, pool.free_maximum.load())) return true;
+  if (outlived()) return false;
+  release_slot();
+  pool.population.leave(t_worker.life, false);
+  VORN_LOG_AS(kThread, kDebug, "Sched work thread exited.");
+  return false;
+}
+
+enum class After { kSleep, kLookForItem, kLeave };
+
+After run_item(vorn_sched_work_s *work) {
+  pool.population.begin_run(t_worker.life);
+  hire_workers(t_worker.life);
+  report_all_busy();
+  t_worker.running = true;
+  pool.started.fetch_add(1);
+  {
+    const CancellationOn on;
+    sched_work_run_task(work, t_worker.slot);
+    pthread_testcancel(); // a cancellation that the handler did not act on is not the next one's
+  }
+  // At once, so that who waits for the run and then adds the next item meets a worker that watches.
+  const bool watching = num_config_cpus() != 1 && pool.queue.size() == 0 && pool.lookout.begin();
+  pool.finished.fetch_add(1);
+  t_worker.running = false;
+  if (end_run()) return finds_item_soon(watching) ? After::kLookForItem : After::kSleep;
+  if (watching && pool.lookout.end()) vorn_sem_enhance_up(&pool.work);
+  return After::kLeave;
+}
+
+void run_worker() {
+  After after = After::kSleep;
+  while (after != After::kLeave) {
+    if (after == After::kSleep) wait_for_unit();
+    if (leaves_idle()) return;
+    vorn_sched_work_s *work = sched_work_select_task();
+    after = work != nullptr ? run_item(work) : After::kSleep;
+  }
+}
+
+std::uint32_t ticks(std::uint32_t seconds) {
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(seconds * kTicksPerSecond, UINT32_MAX));
+}
+
+} // namespace
+
+void watch_thread_ends() {
+  key_made.run([] { return vorn_key_create(&key, on_thread_end); });
+}
+
+} // namespace vorn::schedwork
+
+using namespace vorn::schedwork;
+
+void *sched_work_thread(void *argument) {
+  const vorn::CancellationOff off;
+  VORN_LOG(vorn::kDebug, "Sched work thread running.");
+  vorn_set_process_name("vorn_schedwork");
+  vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_MANAGE);
+  register_worker(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(argument)));
+  run_worker();
+  unregister_worker();
+  return nullptr;
+}
+
+// Nothing of the record is read after its handler has been called: it may be gone.
+void sched_work_run_task(vorn_sched_work_s *work, uint32_t slot) {
+  const vorn_sched_work_f handler = work->handler;
+  const auto pid = work->pid;
+  if (handler == nullptr) {
+    VORN_LOG(vorn::kError, "NULL sched work data handler, PID = (%d).", pid);
+    return;
+  }
+  if (work->timeout == 0) {
+    handler(work);
+    return;
+  }
+  vorn_update_sched_work_timeout_info(slot, vorn_get_jiffies(), ticks(work->timeout),
+                                      static_cast<std::uint32_t>(pid));
+  handler(work);
+  vorn_update_sched_work_timeout_info(slot, 0, 0, 0);
+}
