@@ -113,12 +113,6 @@ void mark_high_resolution(vorn_timer_s *timer, bool is) {
 
 // --- The thread ---
 
-timespec monotonic_in(std::uint64_t wait) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return timespec_of(nanoseconds(now) + wait);
-}
-
 // The time base and CLOCK_MONOTONIC may run at different rates: the sleep may end early, and is
 // repeated then.
 void sleep_until_next_wake() {
@@ -126,7 +120,7 @@ void sleep_until_next_wake() {
   while (vorn_time_getmillisec() < root.next_wake) {
     const std::uint64_t wait = root.next_wake * kNanosecondsPerMillisecond - vorn_time_getnanosec();
     sys::wait_until(&root.condition, &root.mutex,
-                    monotonic_in(std::min(wait, kLongestSleep * kNanosecondsPerMillisecond)));
+                    monotonic_after(std::min(wait, kLongestSleep * kNanosecondsPerMillisecond)));
   }
   pthread_mutex_unlock(&root.mutex);
 }
@@ -137,10 +131,10 @@ void report_slow(const Call &call, std::uint64_t milliseconds) {
   VORN_LOG_RATELIMITED_AS("run_timers", kWarning, kInfo,
                           "Timer 0x%llx func 0x%llx added by %s cost %llu ms.", timer, function,
                           call.added_by(), static_cast<unsigned long long>(milliseconds));
-  KeptErrno{}.after(::evlog(0, kWarning, VORN_FILE, __LINE__, "run_timers", 0,
-                            "[Infra]Timer 0x%llx func 0x%llx added by %s cost %llu ms.", timer,
-                            function, call.added_by(),
-                            static_cast<unsigned long long>(milliseconds)));
+  LogCall{}.after(::evlog(0, kWarning, VORN_FILE, __LINE__, "run_timers", 0,
+                          "[Infra]Timer 0x%llx func 0x%llx added by %s cost %llu ms.", timer,
+                          function, call.added_by(),
+                          static_cast<unsigned long long>(milliseconds)));
 }
 
 // Called and returns with the root locked; runs the function without. False in a child that the
