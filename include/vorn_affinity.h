@@ -1,7 +1,8 @@
 /* Affinity levels: named sets of CPUs that threads of the process "app_data" are bound to. There is
  * one, "affinity_level_1".
  *
- * Any thread may call; nothing here is for signal handlers. */
+ * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
+ * point. */
 #ifndef VORN_AFFINITY_H
 #define VORN_AFFINITY_H
 

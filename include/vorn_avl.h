@@ -13,7 +13,8 @@
  * Every function that is given a NULL tree or record writes the error record "NULL POINTER" and
  * returns what is said below. Whatever else a call is given must be valid: a record that is added
  * is in no tree, one that is removed or walked from is in this tree. A record stays the caller's,
- * and in place, until it is removed or the tree is destroyed. */
+ * and in place, until it is removed or the tree is destroyed. No function here is a cancellation
+ * point. */
 #ifndef VORN_AVL_H
 #define VORN_AVL_H
 

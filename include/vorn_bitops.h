@@ -9,7 +9,7 @@
  * logs. Searches and bit updates of one bitmap may run at the same time: a search sees each bit
  * either as it was before an update or as it is after, and orders no other access. The searches and
  * updates have the semantics of the Linux kernel's functions of like names, but for what is said
- * here. */
+ * here. No function here is a cancellation point. */
 #ifndef VORN_BITOPS_H
 #define VORN_BITOPS_H
 

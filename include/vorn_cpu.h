@@ -1,6 +1,7 @@
 /* Lists of CPUs as settings write them, and what the kernel module knows of single CPUs.
  *
- * Any thread may call; nothing here is for signal handlers. */
+ * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
+ * point. */
 #ifndef VORN_CPU_H
 #define VORN_CPU_H
 

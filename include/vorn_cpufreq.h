@@ -1,4 +1,4 @@
-/* Frequency control of the CPUs. */
+/* Frequency control of the CPUs. No function here is a cancellation point. */
 #ifndef VORN_CPUFREQ_H
 #define VORN_CPUFREQ_H
 

@@ -1,7 +1,8 @@
 /* CPU masks: sets of CPUs, with the machine's possible, online and present ones.
  *
  * Any thread may call. The functions that only search are signal-safe and never block, fail or log;
- * they may run beside a setting of bits in the same mask. */
+ * they may run beside a setting of bits in the same mask. No function here is a cancellation point.
+ * */
 #ifndef VORN_CPUMASK_H
 #define VORN_CPUMASK_H
 

@@ -1,6 +1,7 @@
 /* Checksums: CRC-32C (Castagnoli, RFC 3720 appendix B.4) and CRC-16/T10-DIF (SCSI Block Commands,
  * the guard of a protected sector). Every function may be called from any thread and in a signal
- * handler, and none blocks or keeps anything of a checksum between two calls. */
+ * handler, and none blocks or keeps anything of a checksum between two calls. No function here is a
+ * cancellation point. */
 #ifndef VORN_CRC_H
 #define VORN_CRC_H
 

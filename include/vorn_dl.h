@@ -3,7 +3,7 @@
  * and are not safe in a signal handler.
  *
  * The loader takes libvorn.so for the caller: RTLD_NEXT searches behind it, and a name without a
- * slash is searched by its run path. */
+ * slash is searched by its run path. What they run may hold cancellation points. */
 #ifndef VORN_DL_H
 #define VORN_DL_H
 

@@ -9,7 +9,7 @@
  * has 1024 characters or more; -12 or -22 after an error record when the command cannot be written;
  * otherwise, after an error record with the command, what vorn_system_s returned: -29 when a path
  * has one of the characters that its guard refuses (| ; & $ < > ! newline and backquote), -1, or
- * the command's wait status. */
+ * the command's wait status. No function here is a cancellation point. */
 #ifndef VORN_FILECMD_H
 #define VORN_FILECMD_H
 

@@ -9,7 +9,8 @@
  * handler has no part in a call that it interrupted.
  *
  * A node belongs to the caller, who fills in its key and key2 before insertion and leaves them
- * alone, and the record in place, while the node is in a table. */
+ * alone, and the record in place, while the node is in a table. No function here is a cancellation
+ * point. */
 #ifndef VORN_HASH_H
 #define VORN_HASH_H
 

@@ -1,4 +1,4 @@
-/* Start-up and shutdown of the library. */
+/* Start-up and shutdown of the library. No function here is a cancellation point. */
 #ifndef VORN_INIT_H
 #define VORN_INIT_H
 

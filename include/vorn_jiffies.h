@@ -1,5 +1,5 @@
 /* The library's tick: 250 a second, read from the kernel where its jiffies driver is there, else
- * derived from the time base. */
+ * derived from the time base. No function here is a cancellation point. */
 #ifndef VORN_JIFFIES_H
 #define VORN_JIFFIES_H
 

@@ -1,4 +1,5 @@
-/* The process's logging set-up, passed on to the logging library libevlog.so. */
+/* The process's logging set-up, passed on to the logging library libevlog.so. None is a
+ * cancellation point with the default library. */
 #ifndef VORN_LOG_H
 #define VORN_LOG_H
 

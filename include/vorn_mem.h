@@ -3,7 +3,7 @@
  * Every block from the allocator is charged to the module id of the code that asked for it. The
  * counters live in a table that the node's kernel module hands out; where there is no such module
  * the allocator works all the same and counts nothing. Any thread may call; nothing here is safe in
- * a signal handler unless it says so. */
+ * a signal handler unless it says so. No function here is a cancellation point. */
 #ifndef VORN_MEM_H
 #define VORN_MEM_H
 

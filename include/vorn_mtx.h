@@ -1,4 +1,5 @@
-/* Mutexes of the system's own types over POSIX threads. */
+/* Mutexes of the system's own types over POSIX threads. No function here is a cancellation point.
+ * */
 #ifndef VORN_MTX_H
 #define VORN_MTX_H
 

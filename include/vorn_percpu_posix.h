@@ -1,5 +1,5 @@
 /* Once-only initialisation and thread-specific keys of POSIX threads, with a record of every
- * failure. Any thread may call; not signal-safe. */
+ * failure. Any thread may call; not signal-safe. No function here is a cancellation point. */
 #ifndef VORN_PERCPU_POSIX_H
 #define VORN_PERCPU_POSIX_H
 

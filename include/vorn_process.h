@@ -1,4 +1,4 @@
-/* Module names and the version stamp of the process. */
+/* Module names and the version stamp of the process. No function here is a cancellation point. */
 #ifndef VORN_PROCESS_H
 #define VORN_PROCESS_H
 

@@ -1,6 +1,6 @@
 /* Console print, panic and the reboot requests. The requests go to the node's kernel module; none
  * is tried again, and where the module is missing they fail with an error record. Any thread may
- * call; none but printk is signal-safe. */
+ * call; none but printk is signal-safe. No function here is a cancellation point. */
 #ifndef VORN_REBOOT_H
 #define VORN_REBOOT_H
 

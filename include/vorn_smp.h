@@ -1,4 +1,4 @@
-/* How many CPUs the machine has. Any thread may call. */
+/* How many CPUs the machine has. Any thread may call. No function here is a cancellation point. */
 #ifndef VORN_SMP_H
 #define VORN_SMP_H
 

@@ -1,6 +1,6 @@
 /* Small string routines: numbers in texts, lower case, line ends, tokens. Letters and digits are
  * those of ASCII whatever the locale. Any thread may call all but the tokenizer; none blocks; those
- * that write no record are safe in a signal handler. */
+ * that write no record are safe in a signal handler. No function here is a cancellation point. */
 #ifndef VORN_STR_H
 #define VORN_STR_H
 

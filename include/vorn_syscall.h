@@ -1,4 +1,4 @@
-/* The door to the node's kernel module. */
+/* The door to the node's kernel module. No function here is a cancellation point. */
 #ifndef VORN_SYSCALL_H
 #define VORN_SYSCALL_H
 

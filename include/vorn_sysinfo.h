@@ -1,4 +1,4 @@
-/* What the machine is made of. */
+/* What the machine is made of. No function here is a cancellation point. */
 #ifndef VORN_SYSINFO_H
 #define VORN_SYSINFO_H
 

@@ -2,7 +2,8 @@
  * among it, is the module's business: they are passed on as they are.
  *
  * Each function returns what the module answers; -1 with errno on failure, ENOSYS where there is no
- * module. None writes a record. Any thread; signal-safe; blocks as the module does. */
+ * module. None writes a record. Any thread; signal-safe; blocks as the module does. No function
+ * here is a cancellation point. */
 #ifndef VORN_THREAD_DUMP_H
 #define VORN_THREAD_DUMP_H
 

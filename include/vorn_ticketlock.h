@@ -23,7 +23,8 @@
  * before had written. Free and uncontended, no call enters the kernel, but for a thread's first,
  * which asks for its id.
  *
- * Any thread may call. In a signal handler, none is safe: the reports are not. */
+ * Any thread may call. In a signal handler, none is safe: the reports are not. No function here is
+ * a cancellation point. */
 #ifndef VORN_TICKETLOCK_H
 #define VORN_TICKETLOCK_H
 

@@ -1,5 +1,5 @@
 /* The time base: nanoseconds and milliseconds from the processor's counter, read in user space. The
- * time of day on the clock of the kernel module. */
+ * time of day on the clock of the kernel module. No function here is a cancellation point. */
 #ifndef VORN_TIME_H
 #define VORN_TIME_H
 

@@ -11,7 +11,8 @@
  *
  * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
  * the trylock and unlock operations are safe; the operations that wait are only where no thread
- * that the handler can interrupt is using the same lock. */
+ * that the handler can interrupt is using the same lock. No function here is a cancellation point.
+ * */
 #ifndef VORN_TRWLOCK_H
 #define VORN_TRWLOCK_H
 
