@@ -22,19 +22,9 @@ template <class Call> auto uncancelled(Call call) {
   return call();
 }
 
-template <class Call> auto uninterrupted(Call call) {
-  const CancellationOff off;
-  auto result = call();
-  while (result < 0 && errno == EINTR)
-    result = call();
-  return result;
-}
-
 int milliseconds_until(const timespec &deadline) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
   const std::uint64_t end = nanoseconds(deadline);
-  const std::uint64_t start = nanoseconds(now);
+  const std::uint64_t start = monotonic_nanoseconds();
   if (end <= start) return 0;
   return static_cast<int>(std::min<std::uint64_t>((end - start + 999999) / 1000000, INT_MAX));
 }

@@ -10,6 +10,7 @@
 #ifndef VORN_BASE_SYSTEM_HPP
 #define VORN_BASE_SYSTEM_HPP
 
+#include <cerrno>
 #include <cstddef>
 #include <ctime>
 #include <poll.h>
@@ -18,11 +19,21 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include "base/cancellation_off.hpp"
 #include "base/directory.hpp"
 #include "base/stream.hpp"
 #include "base/unique_fd.hpp"
 
 namespace vorn::sys {
+
+// Makes a call that is not here: no cancellation point, and made again after a signal.
+template <class Call> auto uninterrupted(Call call) {
+  const CancellationOff off;
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result;
+}
 
 // New descriptors. All are close-on-exec; invalid with errno on failure.
 UniqueFd open(const char *path, int flags, mode_t mode = 0); // not repeated after a signal

@@ -3,40 +3,31 @@
 #ifndef VORN_CFG_IO_HPP
 #define VORN_CFG_IO_HPP
 
-#include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
 #include <string_view>
 
-#include "base/cancellation_off.hpp"
 #include "base/system.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_fileops.h"
 
 namespace vorn::cfg {
 
-template <class Call> auto uninterrupted(Call call) {
-  const CancellationOff off;
-  auto result = call();
-  while (result < 0 && errno == EINTR)
-    result = call();
-  return result;
-}
-
 // Close-on-exec; invalid with errno on failure.
 inline UniqueFd open_file(const char *path, int flags, mode_t mode = 0) {
   return sys::above_standard(
-      uninterrupted([=] { return vorn_open(path, flags | O_CLOEXEC, mode); }));
+      sys::uninterrupted([=] { return vorn_open(path, flags | O_CLOEXEC, mode); }));
 }
 
 inline ssize_t read_file(int fd, void *to, std::size_t size) {
-  return uninterrupted([=] { return vorn_read(fd, to, size); });
+  return sys::uninterrupted([=] { return vorn_read(fd, to, size); });
 }
 
 // False with errno where not all of text was written.
 inline bool write_file(int fd, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t written = uninterrupted([=] { return vorn_write(fd, text.data(), text.size()); });
+    const ssize_t written =
+        sys::uninterrupted([=] { return vorn_write(fd, text.data(), text.size()); });
     if (written <= 0) return false;
     text.remove_prefix(static_cast<std::size_t>(written));
   }
@@ -44,7 +35,7 @@ inline bool write_file(int fd, std::string_view text) {
 }
 
 inline bool sync_file(int fd) {
-  return uninterrupted([=] { return vorn_sync(fd); }) == 0;
+  return sys::uninterrupted([=] { return vorn_sync(fd); }) == 0;
 }
 
 } // namespace vorn::cfg

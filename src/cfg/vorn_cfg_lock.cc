@@ -78,7 +78,7 @@ vorn_rwlock_s &announced(vorn_rwlock_s &lock) {
 
 // Waits, whatever signals come. False with errno.
 bool lock_file(int fd, int operation) {
-  return uninterrupted([=] { return flock(fd, operation); }) == 0;
+  return sys::uninterrupted([=] { return flock(fd, operation); }) == 0;
 }
 
 // Invalid with errno when path cannot be opened.
