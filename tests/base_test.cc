@@ -75,11 +75,13 @@ volatile int handled = 0;
 TEST(ForkGate, ForkFromInsideWaitsForOthersOnly) {
   vorn::Once once{vorn::OncePolicy::kLatch};
   int child = -1;
+  const auto start = std::chrono::steady_clock::now();
   once.run([&] {
     child = run_in_child([] { return 0; });
     return 0;
   });
   EXPECT_EQ(child, 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s) << "waits for its own thread";
 
   struct sigaction action {};
   action.sa_flags = SA_RESTART;
