@@ -1,5 +1,5 @@
-/* The ticket spin lock: whoever comes draws the next number and waits until it is served, so the
- * lock is handed on in the order of arrival and nobody starves.
+/* The ticket spin lock: a thread that comes draws the next number and waits until it is served, so
+ * the lock is handed on in the order of arrival and nobody starves.
  *
  * Waits spin without limit, without a pause and without giving the processor away: for critical
  * sections of a few instructions, and no more threads than CPUs, because the lock waits for the
@@ -23,8 +23,8 @@
  * before had written. Free and uncontended, no call enters the kernel, but for a thread's first,
  * which asks for its id.
  *
- * Any thread may call. In a signal handler, none is safe: the reports are not. No function here is
- * a cancellation point. */
+ * Any thread may call. No operation is a cancellation point. In a signal handler, none is safe: the
+ * reports are not. */
 #ifndef VORN_TICKETLOCK_H
 #define VORN_TICKETLOCK_H
 

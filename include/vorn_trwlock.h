@@ -9,10 +9,10 @@
  * never get in, nor, if it was a writer, later readers. Taking the lock acquires what those who
  * released it before had written. No call enters the kernel.
  *
- * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
- * the trylock and unlock operations are safe; the operations that wait are only where no thread
- * that the handler can interrupt is using the same lock. No function here is a cancellation point.
- * */
+ * Any thread may call, and the lock may lie in memory that processes share. No operation is a
+ * cancellation point. In a signal handler, the trylock and unlock operations are safe; the
+ * operations that wait are only where no thread that the handler can interrupt is using the same
+ * lock. */
 #ifndef VORN_TRWLOCK_H
 #define VORN_TRWLOCK_H
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -66,7 +67,11 @@ TEST(ForkGate, ChildFindsLocksFreeAndWhatTheyGuardWhole) {
   second.join();
 }
 
-// A lazy start that forks, and one whose thread waits for the thread that forks.
+vorn::Mutex mutex_of_handler;
+volatile int handled = 0;
+
+// A lazy start that forks, and one whose thread waits for the thread that forks, and has a signal
+// handler enter there.
 TEST(ForkGate, ForkFromInsideWaitsForOthersOnly) {
   vorn::Once once{vorn::OncePolicy::kLatch};
   int child = -1;
@@ -76,22 +81,33 @@ TEST(ForkGate, ForkFromInsideWaitsForOthersOnly) {
     return 0;
   });
   EXPECT_EQ(child, 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s); // without using up its patience
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 4s) << "waits for its own thread";
 
+  struct sigaction action {};
+  action.sa_flags = SA_RESTART;
+  action.sa_handler = [](int) {
+    const vorn::MutexGuard hold{mutex_of_handler};
+    handled = handled + 1;
+  };
+  sigaction(SIGUSR1, &action, nullptr);
   vorn::Mutex mutex;
+  const pthread_t forker = pthread_self();
   std::atomic<bool> inside{false};
   std::atomic<bool> forked{false};
   std::thread stuck([&] {
     const vorn::MutexGuard hold{mutex};
     inside = true;
-    while (!forked)
-      std::this_thread::sleep_for(1ms);
+    while (!forked) {
+      pthread_kill(forker, SIGUSR1);
+      std::this_thread::sleep_for(100ms);
+    }
   });
   while (!inside)
     std::this_thread::yield();
   EXPECT_EQ(run_in_child([] { return 0; }), 0); // after its patience
   forked = true;
   stuck.join();
+  EXPECT_GT(handled, 3);
 }
 
 int forgotten = 0;

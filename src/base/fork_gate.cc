@@ -6,7 +6,9 @@
 // Both orders are sequentially consistent, so at least one of the two sees the other: the thread
 // that enters steps back, or the one that forks waits for it. A thread counts once, however deeply
 // it nests, and one that is inside does not look at `closed`: it may have to take a further lock to
-// get out. A thread that forks from inside counts itself, and waits for the others only.
+// get out. A thread that forks from inside counts itself, and waits for the others only. What runs
+// in the thread that forks until the gate is open again, a signal handler or a function of another
+// pthread_atfork(3), enters without a look at `closed` too: it would wait for its own thread.
 //
 // The wait has an end, in case that a thread inside is stopped, or waits for the one that forks.
 // The child then has that thread's locks as they were.
@@ -31,6 +33,8 @@ constexpr int kPatienceMilliseconds = 5000;
 constinit std::atomic<std::uint32_t> inside{0};
 constinit std::atomic<std::uint32_t> closed{0};
 thread_local constinit unsigned int t_depth __attribute__((tls_model("initial-exec"))) = 0;
+// Forks that the thread has begun: more than one where a signal handler forks in the midst of one.
+thread_local constinit unsigned int t_forking __attribute__((tls_model("initial-exec"))) = 0;
 
 constinit ForkChild *children = nullptr; // linked while the library is loaded
 
@@ -59,6 +63,7 @@ std::int64_t milliseconds_now() {
 
 void close_gate() {
   const KeptErrno errno_stays;
+  ++t_forking; // before the gate is closed, until after it was opened
   closed.fetch_add(1, std::memory_order_seq_cst);
   const std::int64_t end = milliseconds_now() + kPatienceMilliseconds;
   for (;;) {
@@ -71,12 +76,14 @@ void close_gate() {
 void open_in_parent() {
   const KeptErrno errno_stays;
   if (closed.fetch_sub(1, std::memory_order_release) == 1) wake_all(closed);
+  --t_forking;
 }
 
 void open_in_child() {
   const KeptErrno errno_stays;
   inside.store(own_count(), std::memory_order_relaxed);
-  closed.store(0, std::memory_order_relaxed);
+  closed.store(t_forking - 1, std::memory_order_relaxed);
+  --t_forking;
   ForkChild::run_all();
 }
 
@@ -89,7 +96,7 @@ void open_in_child() {
 void enter_fork_gate() {
   if (t_depth++ != 0) return;
   inside.fetch_add(1, std::memory_order_seq_cst);
-  while (closed.load(std::memory_order_seq_cst) != 0) {
+  while (closed.load(std::memory_order_seq_cst) != 0 && t_forking == 0) {
     const KeptErrno errno_stays;
     step_out();
     for (std::uint32_t seen = 0; (seen = closed.load(std::memory_order_acquire)) != 0;)

@@ -292,7 +292,9 @@ void forget_pool() {
   stopping.store(false);
   missing.store(0);
   t_place = Place::kOutside;
-  if (t_record != nullptr) t_record->pooled = 0;
+  if (t_record == nullptr || t_record->pooled == 0) return;
+  t_record->pooled = 0;
+  set_state(*t_record, kRunning);
 }
 
 bool end_in_pool() {
