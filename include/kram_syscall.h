@@ -3,8 +3,8 @@
  * KRAM_SYSCALL_PORT of 127.0.0.1; others send it commands with KRAM_SysCall.
  *
  * A command is an operation code: its group in the bits from 8 on, the operation within the group
- * below. Unless a function says otherwise, any thread may call it, none is for signal handlers, none
- * is a cancellation point, and it returns 0, or logs an error and returns -1. */
+ * below. Unless a function says otherwise, any thread may call it, none is for signal handlers,
+ * none is a cancellation point, and it returns 0, or logs an error and returns -1. */
 #ifndef KRAM_SYSCALL_H
 #define KRAM_SYSCALL_H
 
@@ -108,8 +108,8 @@ VORN_API int KRAM_SyscallInit(void);
  * wait for a call. Blocks for as long as the handler takes, whatever signals arrive; not for a
  * handler that a call of its own process may be waiting for. Not a cancellation point: a thread
  * that is cancelled meanwhile completes the call. Returns the handler's result with the reply in
- * *request; -1 when there is no such command; logs an error and returns -1, with output_length as it
- * was, when the reply does not fit or the server cannot be reached.
+ * *request; -1 when there is no such command; logs an error and returns -1, with output_length as
+ * it was, when the reply does not fit or the server cannot be reached.
  *
  * A connection that the server has closed since the last call, because of other clients or because
  * it was started again, is opened anew without an error. One that ends while the server may be

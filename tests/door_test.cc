@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "evlog.h"
@@ -12,6 +13,7 @@
 #include "vorn_cpu.h"
 #include "vorn_mem.h"
 #include "vorn_reboot.h"
+#include "vorn_spinlock.h"
 #include "vorn_syscall.h"
 
 using Words = std::array<unsigned long, 5>;
@@ -115,7 +117,16 @@ TEST(Door, RequestsOfTheCpus) {
 }
 
 TEST(Door, PanicPrintsAndSendsTheFirst255Characters) {
-  EXPECT_EQ(printk("%s=%d", "a", 1), 0);
+  std::thread([] {
+    pthread_cancel(pthread_self());
+    EXPECT_EQ(printk("%s=%d", "a", 1), 0);
+    vorn_Reboot(1, 2, nullptr);
+    debug_dump_stack(0);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+  }).join();
+  auto lines = capture::take_lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0] + lines[1], "a=1Usrspace reboot: reason:1, mid:2.");
   const std::string longest(255, 'x');
   panic("%s", longest.c_str());
   panic("%s", (longest + "x").c_str());
@@ -124,12 +135,12 @@ TEST(Door, PanicPrintsAndSendsTheFirst255Characters) {
   EXPECT_EQ(panic_text, "a 5" + std::string(253, '\0'));
   answer = -1;
   panic("b");
-  const auto lines = capture::take_lines();
-  ASSERT_EQ(lines.size(), 7u);
-  EXPECT_EQ(lines[0] + lines[1], "a=1Panic info = " + longest + "\n");
-  EXPECT_TRUE(lines[2].starts_with("E Print panic info error, ret(-1) errno(")) << lines[2];
-  EXPECT_EQ(lines[3], lines[1]);
-  EXPECT_EQ(lines[6], "E Syscall for vorn_Reboot failed.errno 5");
+  lines = capture::take_lines();
+  ASSERT_EQ(lines.size(), 6u);
+  EXPECT_EQ(lines[0], "Panic info = " + longest + "\n");
+  EXPECT_TRUE(lines[1].starts_with("E Print panic info error, ret(-1) errno(")) << lines[1];
+  EXPECT_EQ(lines[2], lines[0]);
+  EXPECT_EQ(lines[5], "E Syscall for vorn_Reboot failed.errno 5");
 }
 
 TEST(Door, TableIsTakenOnlyFromASuccessAndClearedAndErrnoKept) {

@@ -19,10 +19,12 @@ int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section, cons
     return VORN_FAIL(-1, "Param is null.");
   if (holds_line_end(section) || holds_line_end(item) || holds_line_end(value))
     return VORN_FAIL(-1, "Section, item or value holds a line end.");
-  const WriteGuard hold(node->lock);
+  WriteGuard hold(node->lock);
   vorn_cfg_section_node_s *old = vorn_cfg_find_section_node(section, node);
-  if (old != nullptr && find_item(node, old, item) != nullptr)
+  if (old != nullptr && find_item(node, old, item) != nullptr) {
+    hold.release();
     return VORN_FAIL(-1, "add item fail, item(%s) is already exist", item);
+  }
   // What is new is linked once all of it exists.
   vorn_cfg_section_node_s *target = old == nullptr ? vorn_cfg_new_section_node(section) : old;
   if (target == nullptr) return -1;
@@ -42,9 +44,10 @@ int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section, cons
   if (node == nullptr || section == nullptr || item == nullptr || value == nullptr)
     return VORN_FAIL(-1, "Param is null.");
   if (holds_line_end(value)) return VORN_FAIL(-1, "Section, item or value holds a line end.");
-  const WriteGuard hold(node->lock);
+  WriteGuard hold(node->lock);
   vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(node, section, item);
   if (found == nullptr) {
+    hold.release();
     return VORN_FAIL(-1, "Set item failed.item(%s) is not exist in file(%s).", item, node->path);
   }
   const std::size_t size = std::strlen(value) + 1;
@@ -60,14 +63,16 @@ int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section, cons
                            const char *) {
   if (node == nullptr || section == nullptr || item == nullptr)
     return VORN_FAIL(-1, "Param is null.");
-  const WriteGuard hold(node->lock);
+  WriteGuard hold(node->lock);
   vorn_cfg_section_node_s *holder = vorn_cfg_find_section_node(section, node);
   if (holder == nullptr) {
+    hold.release();
     return VORN_FAIL(-1, "Delete item failed.Section(%s) is not exist in file(%s).", section,
                      node->path);
   }
   vorn_cfg_item_node_s *found = find_item(node, holder, item);
   if (found == nullptr) {
+    hold.release();
     return VORN_FAIL(-1, "Delete item failed.item(%s) is not exist in file(%s).", item, node->path);
   }
   index_drop(node);
@@ -79,9 +84,10 @@ int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section, cons
 int vorn_cfg_del_section_func(vorn_cfg_file_node_s *node, const char *section, const char *,
                               const char *) {
   if (node == nullptr || section == nullptr) return VORN_FAIL(-1, "Param is null.");
-  const WriteGuard hold(node->lock);
+  WriteGuard hold(node->lock);
   vorn_cfg_section_node_s *found = vorn_cfg_find_section_node(section, node);
   if (found == nullptr) {
+    hold.release();
     return VORN_FAIL(-1, "Delete section(%s) is not exist in file(%s).", section, node->path);
   }
   index_drop(node);

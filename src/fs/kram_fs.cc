@@ -80,12 +80,16 @@ Listener::Listener(int socket, int id) : socket_(socket) {
   listeners = this;
 }
 
+// Its descriptors are closed under the mutex as well, so a child finds them in the list or closed:
+// a copy of the socket in a child would keep the port.
 Listener::~Listener() {
   const MutexGuard hold{mutex};
   Listener **at = &listeners;
   while (*at != nullptr && *at != this)
     at = &(*at)->next_;
   if (*at == this) *at = next_;
+  own_ = UniqueFd();
+  wake_ = UniqueFd();
 }
 
 void Listener::release(int socket) {

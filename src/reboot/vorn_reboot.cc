@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "base/bounded.hpp"
+#include "base/cancellation_off.hpp"
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
 
@@ -18,6 +19,7 @@ constexpr std::size_t kPanicTextSize = 256;
 using namespace vorn::reboot;
 
 int printk(const char *format, ...) {
+  const vorn::CancellationOff off; // whatever the node's logging library does
   va_list args;
   va_start(args, format);
   const int result = evlog_vraw(format, args);
@@ -26,6 +28,7 @@ int printk(const char *format, ...) {
 }
 
 void vorn_Reboot(unsigned long reason, int mid, const char *text) {
+  const vorn::CancellationOff off;
   unsigned long first_byte = VORN_SYSCALL_UNUSED;
   if (text != nullptr) {
     evlog_original("Usrspace reboot: reason:%lu, mid:%d, %s.", reason, mid, text);

@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <pthread.h>
 #include <utility>
 
 #include "evlog.h"
@@ -60,6 +61,7 @@ int evlog_level_check(unsigned int, int level) {
 
 int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
           unsigned int, const char *format, ...) {
+  pthread_testcancel(); // as a node's own library may
   va_list args;
   va_start(args, format);
   capture::keep({module, level, file, line, function, capture::format_text(format, args)});
@@ -69,11 +71,13 @@ int evlog(unsigned int module, int level, const char *file, unsigned int line, c
 }
 
 int evlog_vraw(const char *format, va_list args) {
+  pthread_testcancel();
   capture::keep({0, capture::kRaw, "", 0, "", capture::format_text(format, args)});
   return 0;
 }
 
 int evlog_original(const char *format, ...) {
+  pthread_testcancel();
   va_list args;
   va_start(args, format);
   capture::keep({0, capture::kOriginal, "", 0, "", capture::format_text(format, args)});
