@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -20,6 +21,8 @@
 
 #include "scrub.hpp"
 #include "support/scratch.hpp"
+#include "vorn_init.h"
+#include "vorn_sched_work.h"
 
 namespace {
 
@@ -28,6 +31,9 @@ using scrub::Pipeline;
 // Stands before a read of the file of that inode number: errno to fail with, or 0 to go on.
 ino_t watched = 0;
 std::function<int(int fd)> before_read;
+
+// The same before the second read of wrong blocks, by inode number.
+std::map<ino_t, std::function<int()>> before_second_read;
 
 } // namespace
 
@@ -42,6 +48,15 @@ extern "C" ssize_t read(int fd, void *buffer, size_t size) {
     }
   }
   return syscall(SYS_read, fd, buffer, size);
+}
+
+extern "C" ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
+  struct stat status {};
+  if (fstat(fd, &status) == 0 && before_second_read.contains(status.st_ino)) {
+    errno = before_second_read[status.st_ino]();
+    if (errno != 0) return -1;
+  }
+  return syscall(SYS_pread64, fd, buffer, size, offset);
 }
 
 namespace {
@@ -160,6 +175,7 @@ protected:
   static constexpr std::size_t kSize = 5 * Pipeline::kBatches * scrub::kReadSizeLimit;
 
   ScrubRead() {
+    EXPECT_EQ(vorn_Init(), 0);
     scratch::write_file(path("z"), "behind");
     job_.root = directory_.path();
     job_.places = {directory_.path(), "m", directory_.path()};
@@ -178,6 +194,10 @@ protected:
     before_read = [&, reads = 0](int fd) mutable {
       return ++reads == static_cast<int>(Pipeline::kBatches / 2) ? in_the_middle(fd) : 0;
     };
+    return output(job, wanted);
+  }
+
+  std::string output(scrub::ExitStatus (*job)(const scrub::Job &), scrub::ExitStatus wanted) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(job(job_), wanted);
     watched = 0;
@@ -217,6 +237,48 @@ TEST_F(ScrubRead, AFileThatFailsOrChangesIsReportedOnceAndTheRunGoesOn) {
     EXPECT_CONTAINS(verified, row.verified);
     EXPECT_CONTAINS(verified, "6 (6 B) in 1 block");
   }
+}
+
+// All are wrong at their first read.
+TEST_F(ScrubRead, WhatWasWrongIsReadOnceMoreASecondLater) {
+  const std::string good(5000, 'x');
+  const auto repairs = [&] { return scratch::write_file(path("repaired"), good), 0; };
+  const std::pair<const char *, std::function<int()>> rows[] = {
+      {"fails", [] { return EIO; }},
+      {"lasts", [] { return 0; }},
+      {"repaired", repairs},
+      {"shrinks", [this] { return truncate(path("shrinks").c_str(), 4999); }}};
+  for (const auto &[name, happens] : rows)
+    scratch::write_file(path(name), good);
+  output(scrub::create, scrub::kClean);
+  for (const auto &[name, happens] : rows) {
+    scratch::write_file(path(name), good.substr(1) + "y");
+    struct stat status {};
+    EXPECT_EQ(stat(path(name).c_str(), &status), 0);
+    before_second_read[status.st_ino] = happens;
+  }
+  const auto started = std::chrono::steady_clock::now();
+  const std::string all = output(scrub::verify, scrub::kDamage);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(990));
+  EXPECT_CONTAINS(all, "PASSING     repaired: block 1 at offset 4096, expected");
+  EXPECT_CONTAINS(all, "5 read, 3 damaged");
+  EXPECT_CONTAINS(all, "3 damaged\n  passing   1 block right at the second read alone\n");
+
+  for (const auto &[name, happens] : rows)
+    scratch::write_file(path(name), good);
+  scratch::write_file(path("repaired"), good.substr(1) + "y");
+  EXPECT_CONTAINS(output(scrub::verify, scrub::kPassingFault), "\nPASSING FAULTS: ");
+}
+
+// All runs have begun at the first tick, as far as the supervision knows.
+TEST_F(ScrubRead, AStallIsWaitedForAndTold) {
+  job_.stall = true;
+  const auto age = [](int) {
+    for (unsigned int slot = 0; slot < VORN_SCHED_WORK_THREAD_COUNT; ++slot)
+      vorn_update_sched_work_timeout_info(slot, 1, 1, 1);
+    return 0;
+  };
+  EXPECT_CONTAINS(output(scrub::create, scrub::kClean, age), "\nOVERRUN     ");
 }
 
 } // namespace
