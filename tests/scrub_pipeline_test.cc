@@ -20,6 +20,8 @@
 
 #include "scrub.hpp"
 #include "support/scratch.hpp"
+#include "vorn_init.h"
+#include "vorn_sched_work.h"
 
 namespace {
 
@@ -29,19 +31,21 @@ using scrub::Pipeline;
 ino_t watched = 0;
 std::function<int(int fd)> before_read;
 
+bool fails(int fd) {
+  struct stat status {};
+  if (watched == 0 || fstat(fd, &status) != 0 || status.st_ino != watched) return false;
+  errno = before_read(fd);
+  return errno != 0;
+}
+
 } // namespace
 
 // In the place of the system's.
 extern "C" ssize_t read(int fd, void *buffer, size_t size) {
-  struct stat status {};
-  if (watched != 0 && fstat(fd, &status) == 0 && status.st_ino == watched) {
-    const int error = before_read(fd);
-    if (error != 0) {
-      errno = error;
-      return -1;
-    }
-  }
-  return syscall(SYS_read, fd, buffer, size);
+  return fails(fd) ? -1 : syscall(SYS_read, fd, buffer, size);
+}
+extern "C" ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
+  return fails(fd) ? -1 : syscall(SYS_pread64, fd, buffer, size, offset);
 }
 
 namespace {
@@ -160,6 +164,7 @@ protected:
   static constexpr std::size_t kSize = 5 * Pipeline::kBatches * scrub::kReadSizeLimit;
 
   ScrubRead() {
+    EXPECT_EQ(vorn_Init(), 0);
     scratch::write_file(path("z"), "behind");
     job_.root = directory_.path();
     job_.places = {directory_.path(), "m", directory_.path()};
@@ -168,16 +173,16 @@ protected:
 
   std::string path(const char *name) const { return directory_ / name; }
 
-  // What the job tells when this is called before a read in the midst of a whole large file.
+  // What the job tells when this is called before that read of a file of this content.
   std::string output(scrub::ExitStatus (*job)(const scrub::Job &), scrub::ExitStatus wanted,
-                     std::function<int(int fd)> in_the_middle) {
-    scratch::write_file(path("large"), std::string(kSize, 'x'));
+                     std::function<int(int fd)> happens, const char *name = "large",
+                     const std::string &content = std::string(kSize, 'x'),
+                     int read = Pipeline::kBatches / 2) {
+    scratch::write_file(path(name), content);
     struct stat status {};
-    EXPECT_EQ(stat(path("large").c_str(), &status), 0);
+    EXPECT_EQ(stat(path(name).c_str(), &status), 0);
     watched = status.st_ino;
-    before_read = [&, reads = 0](int fd) mutable {
-      return ++reads == static_cast<int>(Pipeline::kBatches / 2) ? in_the_middle(fd) : 0;
-    };
+    before_read = [&, reads = 0](int fd) mutable { return ++reads == read ? happens(fd) : 0; };
     testing::internal::CaptureStdout();
     EXPECT_EQ(job(job_), wanted);
     watched = 0;
@@ -217,6 +222,31 @@ TEST_F(ScrubRead, AFileThatFailsOrChangesIsReportedOnceAndTheRunGoesOn) {
     EXPECT_CONTAINS(verified, row.verified);
     EXPECT_CONTAINS(verified, "6 (6 B) in 1 block");
   }
+}
+
+TEST_F(ScrubRead, WhatIsWrongIsReadOnceMoreASecondLater) {
+  output(scrub::create, scrub::kClean, [](int) { return 0; });
+  const auto repair = [&](int) { return scratch::write_file(path("z"), "behind"), 0; };
+  const std::tuple<std::function<int(int)>, scrub::ExitStatus, const char *> rows[] = {
+      {repair, scrub::kPassingFault, "  passing   1 block right at the second read alone\n"},
+      {[](int) { return EIO; }, scrub::kDamage, "2 read, 1 damaged\n"},
+      {[&](int) { return truncate(path("z").c_str(), 5); }, scrub::kDamage, "1 damaged\n"},
+  };
+  const auto started = std::chrono::steady_clock::now();
+  for (const auto &[happens, status, text] : rows)
+    EXPECT_CONTAINS(output(scrub::verify, status, happens, "z", "Behind", 2), text);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2990));
+}
+
+// All runs have begun at the first tick, as far as the supervision knows.
+TEST_F(ScrubRead, AStallIsWaitedForAndTold) {
+  job_.stall = true;
+  const auto age = [](int) {
+    for (unsigned int slot = 0; slot < VORN_SCHED_WORK_THREAD_COUNT; ++slot)
+      vorn_update_sched_work_timeout_info(slot, 1, 1, 1);
+    return 0;
+  };
+  EXPECT_CONTAINS(output(scrub::create, scrub::kClean, age), "\nOVERRUN     ");
 }
 
 } // namespace

@@ -11,6 +11,7 @@
 #include "manifest_writer.hpp"
 #include "pipeline.hpp"
 #include "report.hpp"
+#include "supervision.hpp"
 #include "text.hpp"
 #include "walk.hpp"
 
@@ -93,12 +94,14 @@ ExitStatus create(const Job &job) {
   SCRUB_LOG(EVLOG_INFO, "create: %s.", escape(job.root).c_str());
 
   Report report(count_bytes(job.root, own));
+  Supervision supervision(report.progress(), job.stall);
   Walk walk(job.root, own);
   Pipeline pipeline(job.settings);
   Recorder recorder(pipeline, manifest, report);
   pipeline.run([&] { recorder.read(walk); });
   check_interrupt();
   manifest.commit();
+  supervision.finish();
   report.finish_create(job, manifest.totals(), walk);
   return kClean;
 }

@@ -44,6 +44,18 @@ std::size_t DataFile::read(std::span<std::byte> room) {
   return filled;
 }
 
+bool DataFile::read_again(std::uint64_t offset, std::span<std::byte> bytes) const {
+  const auto start = static_cast<off_t>(offset);
+  posix_fadvise(fd_.get(), start, static_cast<off_t>(bytes.size()), POSIX_FADV_DONTNEED);
+  for (std::size_t filled = 0; filled < bytes.size();) {
+    const ssize_t got = pread(fd_.get(), bytes.data() + filled, bytes.size() - filled,
+                              start + static_cast<off_t>(filled));
+    if (got > 0) filled += static_cast<std::size_t>(got);
+    if (got == 0 || (got < 0 && errno != EINTR)) return false;
+  }
+  return true;
+}
+
 const char *DataFile::problem() const {
   if (error_ != 0) return std::strerror(error_);
   return has_changed() ? "changed while it was read" : nullptr;

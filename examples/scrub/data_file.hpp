@@ -26,6 +26,10 @@ public:
   // fewer than there is room for at the end alone, and after a problem.
   std::size_t read(std::span<std::byte> room);
 
+  // Reads the bytes at the offset, from the device where the system has no changes of them to write
+  // back. False when not all of them can be read.
+  bool read_again(std::uint64_t offset, std::span<std::byte> bytes) const;
+
   // Why the file could not be read to its end as one thing, NULL where it was: an error, or a
   // change of the file while it was read. Asked at the end.
   const char *problem() const;

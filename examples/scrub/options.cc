@@ -9,7 +9,7 @@ namespace scrub {
 namespace {
 
 constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR]"
-                          " [--settings FILE] DIR";
+                          " [--settings FILE] [--stall] DIR";
 
 Options wrong(const std::string &what) {
   std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\n'vorn-scrub --help' tells more.\n", what.c_str(),
@@ -37,13 +37,17 @@ void set_manifest(Places &places, const std::string &path) {
 } // namespace
 
 Options parse_options(int argc, char **argv) {
-  const option known[] = {
-      {"manifest", required_argument, nullptr, 'm'}, {"log", required_argument, nullptr, 'l'},
-      {"settings", required_argument, nullptr, 's'}, {"help", no_argument, nullptr, 'h'},
-      {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0}};
+  const option known[] = {{"manifest", required_argument, nullptr, 'm'},
+                          {"log", required_argument, nullptr, 'l'},
+                          {"settings", required_argument, nullptr, 's'},
+                          {"stall", no_argument, nullptr, 'o'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'v'},
+                          {nullptr, 0, nullptr, 0}};
   const char *manifest = nullptr;
   const char *log = nullptr;
   const char *settings = nullptr;
+  bool stall = false;
   opterr = 0;
   for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
     switch (letter) {
@@ -55,6 +59,9 @@ Options parse_options(int argc, char **argv) {
       break;
     case 's':
       settings = optarg;
+      break;
+    case 'o':
+      stall = true;
       break;
     case 'h':
       return {Command::kHelp, {}, {}};
@@ -77,6 +84,7 @@ Options parse_options(int argc, char **argv) {
   if (optind + 2 != argc)
     return wrong(std::string("one directory at a time, not also ") + argv[optind + 2]);
 
+  options.job.stall = stall;
   options.job.root = argv[optind + 1];
   Places &places = options.job.places;
   set_manifest(places, manifest != nullptr ? manifest : options.job.root + "/.vorn-scrub");
@@ -102,6 +110,9 @@ Tells which files below a directory have been damaged.
   --log DIR        where the log goes; beside the manifest by default
   --settings FILE  how much is read at once, how many threads compute checksums
                    and the rate of reading; scrub.ini is a sample that tells
+  --stall          a drill: an item of scheduled work overruns its time limit of
+                   15 seconds; the run tells when the library has noticed that,
+                   and ends no sooner
   --help           this text
   --version        the version
 
@@ -110,8 +121,13 @@ read, are reported and skipped. An existing manifest is replaced only once the
 new one is complete. A byte of a name that is of a blank, of a control
 character, of '%' or of no UTF-8 is written as %XX.
 
+A block that is not as recorded is read once more a second later. What is wrong
+again is damage. What is right then was a passing fault, of the device, the way
+to it or memory: the data are good, what read them is not.
+
 Exit status: 0 clean (also where files are new or were skipped),
-1 damage found (a block, a size, a missing or unreadable file), 2 could not run.
+1 damage found (a block, a size, a missing or unreadable file), 2 could not run,
+3 passing faults, and no damage.
 )",
              stdout);
 }

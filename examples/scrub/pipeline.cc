@@ -6,7 +6,6 @@
 
 #include "interrupt.hpp"
 #include "thread.hpp"
-#include "vorn_sched.h"
 #include "vorn_time.h"
 
 namespace scrub {
@@ -16,7 +15,7 @@ namespace {
 constexpr std::size_t kMostTasks = 128;
 
 // Whoever waits for the rate looks in between whether to go on at all.
-constexpr std::uint64_t kLongestSleep = 10'000; // microseconds
+constexpr std::uint64_t kLongestSleep = 10'000'000; // nanoseconds
 
 // Ends the reading when nobody wants its batches any more.
 struct Stopped {};
@@ -71,7 +70,7 @@ Blocks Pipeline::add_blocks(std::size_t bytes) {
   batch_->count += block_count(bytes);
   for (std::size_t i = first; i < batch_->count; ++i)
     batch_->lengths[i] = block_length(bytes, i - first);
-  rate_.add(bytes, vorn_time_getnanosec());
+  rate_.add(bytes + charged_.exchange(0), vorn_time_getnanosec());
   keep_rate();
   return {std::span(batch_->checksums).subspan(first, block_count(bytes)), bytes};
 }
@@ -93,7 +92,7 @@ void Pipeline::keep_rate() {
   while (const std::uint64_t delay = rate_.delay(vorn_time_getnanosec())) {
     check_interrupt();
     if (stopped_) throw Stopped();
-    vorn_usleep(static_cast<unsigned int>(std::min(delay / 1000 + 1, kLongestSleep)));
+    sleep_.sleep(std::min(delay, kLongestSleep));
   }
 }
 

@@ -21,6 +21,7 @@
 #include <span>
 
 #include "checksums.hpp"
+#include "fine_sleep.hpp"
 #include "handover.hpp"
 #include "memory.hpp"
 #include "rate_limit.hpp"
@@ -46,6 +47,9 @@ public:
   // their order. What a task throws ends the reading, and is thrown. What read throws is thrown
   // behind the last task. In any case the threads have ended. To be called once.
   void run(const Task &read);
+
+  // So many bytes are read elsewhere, which counts for the rate limit: for any thread.
+  void charge(std::uint64_t bytes) { charged_ += bytes; }
 
   // The following are for read.
 
@@ -119,10 +123,12 @@ private:
   Vector<Lane> lanes_;
   Handover<Batch> empty_{kBatches};
   std::atomic<bool> stopped_ = false;
+  std::atomic<std::uint64_t> charged_ = 0;
 
   // Of the reader's thread:
   Turn turn_{lanes_};
   RateLimit rate_;
+  FineSleep sleep_;
   Batch *batch_ = nullptr; // the one that it fills
 
   std::exception_ptr failure_; // the reader's, there before the last batch is

@@ -14,8 +14,8 @@ namespace scrub {
 namespace {
 
 constexpr std::uint64_t kSecond = 1'000'000'000;
-constexpr std::uint64_t kBarInterval = kSecond / 10;
-constexpr std::uint64_t kLineInterval = 5 * kSecond;
+constexpr std::uint64_t kBarInterval = 100; // milliseconds
+constexpr std::uint64_t kLineInterval = 5000;
 constexpr char kClearLine[] = "\r\033[K";
 
 std::size_t terminal_width() {
@@ -31,26 +31,22 @@ std::string speed_text(std::uint64_t bytes, std::uint64_t nanoseconds) {
 
 } // namespace
 
+// Where no timer can be armed, which the log tells, the run goes on without.
 Progress::Progress(std::uint64_t total)
-    : terminal_(isatty(STDOUT_FILENO) == 1), total_(total), started_(vorn_time_getnanosec()),
-      next_update_(started_ + (terminal_ ? 0 : kLineInterval)) {}
+    : terminal_(isatty(STDOUT_FILENO) == 1), started_(vorn_time_getnanosec()), total_(total) {
+  vorn_timer_set(&timer_, terminal_ ? kBarInterval : kLineInterval,
+                 reinterpret_cast<std::uint64_t>(this), expired);
+  vorn_timer_add(&timer_);
+}
 
 // What ended the run early is told on a line of its own.
 Progress::~Progress() {
+  vorn_timer_delete_sync(&timer_);
   if (bar_shown_) std::putchar('\n');
 }
 
-void Progress::add_bytes(std::uint64_t bytes) {
-  bytes_ += bytes;
-  update();
-}
-
-void Progress::add_file() {
-  ++files_;
-  update();
-}
-
 void Progress::print(const char *format, ...) {
+  const std::lock_guard hold(mutex_);
   clear_bar();
   std::va_list args;
   va_start(args, format);
@@ -61,17 +57,23 @@ void Progress::print(const char *format, ...) {
 
 // What was skipped, or has shrunk, is not waited for any more.
 void Progress::finish() {
+  vorn_timer_delete_sync(&timer_);
   if (!terminal_) return;
+  const std::lock_guard hold(mutex_);
   total_ = bytes_;
   draw_bar();
   std::putchar('\n');
   bar_shown_ = false;
 }
 
+void Progress::expired(std::uint64_t self) {
+  auto &progress = *reinterpret_cast<Progress *>(self);
+  progress.update();
+  vorn_timer_add(&progress.timer_);
+}
+
 void Progress::update() {
-  const std::uint64_t now = vorn_time_getnanosec();
-  if (now < next_update_) return;
-  next_update_ = now + (terminal_ ? kBarInterval : kLineInterval);
+  const std::lock_guard hold(mutex_);
   if (terminal_) {
     draw_bar();
   } else {

@@ -1,8 +1,12 @@
-// How far a run is: a bar on a terminal, else a plain line every few seconds.
+// How far a run is: a bar on a terminal, else a plain line every few seconds. A timer of the wheel
+// draws it, also while a read hangs. Any thread may call any function.
 #ifndef SCRUB_PROGRESS_HPP
 #define SCRUB_PROGRESS_HPP
 
 #include <cstdint>
+#include <mutex>
+
+#include "vorn_timer.h"
 
 namespace scrub {
 
@@ -14,11 +18,20 @@ public:
   Progress &operator=(const Progress &) = delete;
   ~Progress();
 
-  void add_bytes(std::uint64_t bytes);
-  void add_file();
+  void add_bytes(std::uint64_t bytes) {
+    const std::lock_guard hold(mutex_);
+    bytes_ += bytes;
+  }
+  void add_file() {
+    const std::lock_guard hold(mutex_);
+    ++files_;
+  }
 
   // So many bytes are not to be read after all.
-  void drop_bytes(std::uint64_t bytes) { total_ -= bytes; }
+  void drop_bytes(std::uint64_t bytes) {
+    const std::lock_guard hold(mutex_);
+    total_ -= bytes;
+  }
 
   // A line of the run's own, printed above the bar.
   void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -27,6 +40,7 @@ public:
   void finish();
 
 private:
+  static void expired(std::uint64_t self);
   void update();
   void draw_bar();
   void print_state();
@@ -34,9 +48,11 @@ private:
   unsigned int percent() const;
 
   const bool terminal_;
+  const std::uint64_t started_; // nanoseconds
+  vorn_timer_s timer_{};
+
+  std::mutex mutex_; // held while the following change, and while lines are printed
   std::uint64_t total_;
-  const std::uint64_t started_; // nanoseconds, as next_update_
-  std::uint64_t next_update_;
   std::uint64_t bytes_ = 0;
   std::uint64_t files_ = 0;
   bool bar_shown_ = false;

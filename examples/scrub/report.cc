@@ -31,6 +31,17 @@ void print_count(std::uint64_t count, const char *what) {
   if (count != 0) std::printf(", %s %s", grouped(count).c_str(), what);
 }
 
+const char *verdict(ExitStatus status) {
+  switch (status) {
+  case kDamage:
+    return "\nDAMAGE FOUND";
+  case kPassingFault:
+    return "\nPASSING FAULTS: every recorded block is as it was, but was not read so at first";
+  default:
+    return "\nCLEAN: every recorded block is as it was";
+  }
+}
+
 } // namespace
 
 Report::Report(std::uint64_t total_bytes)
@@ -55,6 +66,19 @@ void Report::damaged_block(const FileRecord &file, std::uint64_t block, const Ch
                     block * kSectorsPerBlock + i, offset + i * kSectorSize, expected.guards[i],
                     found.guards[i]);
   }
+}
+
+void Report::passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
+                           const Checksums &found) {
+  ++findings_.passing_blocks;
+  const String path = escape(file.path);
+  progress_.print("PASSING     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
+                  ", found %08" PRIx32 " at first, right a second later",
+                  path.c_str(), block, block * kBlockSize, expected.crc, found.crc);
+  SCRUB_LOG(kFinding,
+            "passing fault: %s, block %" PRIu64 ", expected %08" PRIx32 ", found %08" PRIx32
+            " at first.",
+            path.c_str(), block, expected.crc, found.crc);
 }
 
 void Report::size_change(const FileRecord &file, std::uint64_t found) {
@@ -113,10 +137,10 @@ void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk)
   progress_.finish();
   SCRUB_LOG(EVLOG_INFO,
             "verified: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " damaged, %" PRIu64
-            " missing, %" PRIu64 " unreadable, %" PRIu64 " new.",
-            read.files, read.bytes, findings_.damaged_files, findings_.missing,
-            findings_.unreadable, findings_.added);
-  std::puts(findings_.damage() ? "\nDAMAGE FOUND" : "\nCLEAN: every recorded block is as it was");
+            " with passing faults, %" PRIu64 " missing, %" PRIu64 " unreadable, %" PRIu64 " new.",
+            read.files, read.bytes, findings_.damaged_files, findings_.passing_files,
+            findings_.missing, findings_.unreadable, findings_.added);
+  std::puts(verdict(findings_.status()));
   account(job, read, walk);
 }
 
@@ -135,6 +159,9 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) const
               bytes_text(static_cast<double>(read.bytes)).c_str(),
               counted(read.blocks, "block").c_str());
   print_count(findings_.damaged_blocks, "damaged");
+  if (findings_.passing_blocks != 0)
+    std::printf("\n  passing   %s right at the second read alone",
+                counted(findings_.passing_blocks, "block").c_str());
   std::printf("\n  speed     %.1f MB/s, %.2f s\n", static_cast<double>(read.bytes) / 1e6 / seconds,
               seconds);
   print_memory();

@@ -16,12 +16,17 @@ namespace scrub {
 struct Findings {
   std::uint64_t damaged_files = 0;
   std::uint64_t damaged_blocks = 0;
-  std::uint64_t missing = 0;    // recorded, not there
-  std::uint64_t unreadable = 0; // recorded, there, could not be read to the end
-  std::uint64_t added = 0;      // there, not recorded
-  std::uint64_t skipped = 0;    // not recorded and not looked at: could not be read
+  std::uint64_t passing_files = 0;
+  std::uint64_t passing_blocks = 0; // wrong at the first read, right at the second
+  std::uint64_t missing = 0;        // recorded, not there
+  std::uint64_t unreadable = 0;     // recorded, there, could not be read to the end
+  std::uint64_t added = 0;          // there, not recorded
+  std::uint64_t skipped = 0;        // not recorded and not looked at: could not be read
 
-  bool damage() const { return damaged_files + missing + unreadable != 0; }
+  ExitStatus status() const {
+    if (damaged_files + missing + unreadable != 0) return kDamage;
+    return passing_files != 0 ? kPassingFault : kClean;
+  }
 };
 
 class Report {
@@ -33,9 +38,12 @@ public:
 
   void damaged_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                      const Checksums &found);
+  void passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
+                     const Checksums &found);
   void size_change(const FileRecord &file, std::uint64_t found);
   // Behind the lines above: whether anyone has written to the file since, by its time.
   void damaged_file(bool written_since);
+  void passing_file() { ++findings_.passing_files; }
   void missing(const FileRecord &file);
   void unreadable(const FileRecord &file, const char *why);
   void added(std::string_view path);

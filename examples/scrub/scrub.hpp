@@ -9,13 +9,14 @@
 
 namespace scrub {
 
-enum ExitStatus { kClean = 0, kDamage = 1, kCouldNotRun = 2 };
+enum ExitStatus { kClean = 0, kDamage = 1, kCouldNotRun = 2, kPassingFault = 3 };
 
 struct Job {
   std::string root;
   Places places;
   Settings settings;
   bool has_log = false;
+  bool stall = false; // have an item of scheduled work overrun its time limit, as a drill
 };
 
 // Records the checksums of every file below the root. What cannot be read is reported and left out.

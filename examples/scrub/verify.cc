@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <span>
 
+#include "comparison.hpp"
 #include "data_file.hpp"
 #include "failure.hpp"
 #include "interrupt.hpp"
@@ -14,6 +15,7 @@
 #include "manifest_reader.hpp"
 #include "pipeline.hpp"
 #include "report.hpp"
+#include "supervision.hpp"
 #include "text.hpp"
 #include "walk.hpp"
 
@@ -38,76 +40,6 @@ bool is_below(std::string_view path, std::string_view directory) {
   return path.size() > directory.size() && path[directory.size()] == '/' &&
          path.starts_with(directory);
 }
-
-// How a file that was read stood at its end.
-struct Ending {
-  std::uint64_t size;
-  timespec written;
-  String problem{}; // why it was not read to its end as one thing, empty where it was
-  bool changed = false;
-};
-
-// Compares in the caller's thread, in tasks: begin, the blocks, end.
-class Comparison {
-public:
-  explicit Comparison(Report &report) : report_(report) {}
-
-  void begin(const FileRecord &recorded) {
-    recorded_ = recorded;
-    before_ = read_;
-    blocks_ = damaged_ = 0;
-  }
-
-  void compare(std::span<const Checksums> expected, const Blocks &found) {
-    for (std::size_t i = 0; i < expected.size(); ++i, ++blocks_) {
-      if (found.checksums[i] == expected[i]) continue;
-      report_.damaged_block(recorded_, blocks_, expected[i], found.checksums[i]);
-      ++damaged_;
-    }
-    read_.blocks += expected.size();
-    read_.bytes += found.bytes;
-    report_.progress().add_bytes(found.bytes);
-  }
-
-  void end(const Ending &found) {
-    // What has not been read of it never will be.
-    report_.progress().drop_bytes(recorded_.size - (read_.bytes - before_.bytes));
-    if (!found.problem.empty()) {
-      read_ = before_;
-      if (found.changed) return report_.skipped(recorded_.path, found.problem.c_str());
-      return report_.unreadable(recorded_, found.problem.c_str());
-    }
-    const bool resized = found.size != recorded_.size;
-    if (resized) report_.size_change(recorded_, found.size);
-    if (resized || damaged_ != 0)
-      report_.damaged_file(found.written.tv_sec != recorded_.written.tv_sec ||
-                           found.written.tv_nsec != recorded_.written.tv_nsec);
-    ++read_.files;
-    report_.progress().add_file();
-  }
-
-  void missing(const FileRecord &recorded) {
-    report_.missing(recorded);
-    report_.progress().drop_bytes(recorded.size);
-  }
-  void unreadable(const FileRecord &recorded, const String &why) {
-    report_.unreadable(recorded, why.c_str());
-    report_.progress().drop_bytes(recorded.size);
-  }
-  void added(const String &path) { report_.added(path); }
-  void skipped(const String &path, const String &why) { report_.skipped(path, why.c_str()); }
-
-  const Totals &read() const { return read_; }
-
-private:
-  Report &report_;
-  Totals read_;
-  // Of the file that is being compared:
-  FileRecord recorded_;
-  Totals before_;
-  std::uint64_t blocks_ = 0;
-  std::uint64_t damaged_ = 0;
-};
 
 // Goes through the manifest and the tree side by side, both in path order, in the reader's thread;
 // there makes the tasks that compare.
@@ -242,12 +174,15 @@ ExitStatus verify(const Job &job) {
   const OwnFiles own(job.places);
   Walk walk(job.root, own);
   Report report(recorded.bytes);
-  Comparison comparison(report);
+  Supervision supervision(report.progress(), job.stall);
   Pipeline pipeline(job.settings);
+  Comparison comparison(job.root, pipeline, report);
   Verifier verifier(pipeline, manifest, walk, comparison);
   pipeline.run([&] { verifier.read(); });
+  comparison.finish();
+  supervision.finish();
   report.finish_verify(job, comparison.read(), walk);
-  return report.findings().damage() ? kDamage : kClean;
+  return report.findings().status();
 }
 
 } // namespace scrub

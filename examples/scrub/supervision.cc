@@ -1,0 +1,61 @@
+#include "supervision.hpp"
+
+#include <stdexcept>
+
+#include "interrupt.hpp"
+#include "vorn_sched.h"
+
+namespace scrub {
+namespace {
+
+constexpr std::uint64_t kInterval = 1000; // milliseconds
+// As long as it lasts, an overrun is logged by each check.
+constexpr std::uint64_t kIntervalOfOverrun = 60'000;
+
+} // namespace
+
+Supervision::Supervision(Progress &progress, bool stall)
+    : progress_(progress), stall_(stall), stalled_([this] {
+        while (!noticed_)
+          vorn_10msleep(1);
+      }) {
+  vorn_timer_set(&timer_, kInterval, reinterpret_cast<std::uint64_t>(this), expired);
+  if (vorn_timer_add(&timer_) != 0)
+    throw std::runtime_error("no timer can be armed, the log tells why");
+  if (stall_) stalled_.start();
+}
+
+// After an interrupt the stalled item is not waited for, but let go.
+Supervision::~Supervision() {
+  vorn_timer_delete_sync(&timer_);
+  noticed_ = true;
+}
+
+void Supervision::finish() {
+  while (stall_ && !noticed_) {
+    check_interrupt();
+    vorn_10msleep(1);
+  }
+  vorn_timer_delete_sync(&timer_);
+}
+
+void Supervision::expired(std::uint64_t self) {
+  auto &supervision = *reinterpret_cast<Supervision *>(self);
+  const std::uint64_t interval = supervision.check();
+  vorn_timer_modify(&supervision.timer_, interval);
+}
+
+// Returns how long to wait with the next.
+std::uint64_t Supervision::check() {
+  const bool overran = vorn_sched_work_timeout_theck() != 0;
+  if (overran)
+    progress_.print(
+        "OVERRUN     scheduled work is beyond its time limit: the log tells the thread");
+  const bool stands_still = vorn_is_all_work_timeout() != 0;
+  if (stands_still)
+    progress_.print("STANDSTILL  all threads of scheduled work hang: the log tells some of them");
+  if (overran) noticed_ = true;
+  return overran || stands_still ? kIntervalOfOverrun : kInterval;
+}
+
+} // namespace scrub

@@ -1,0 +1,33 @@
+#include "work.hpp"
+
+#include <utility>
+
+#include "vorn_sched.h"
+
+namespace scrub {
+
+Work::Work(std::function<void()> body) : body_(std::move(body)) {
+  vorn_sched_init_work(&item_, run, this);
+  vorn_set_sched_work_timeout(&item_, VORN_SCHED_WORK_TIMEOUT_MIN);
+}
+
+Work::~Work() {
+  if (!started_ || vorn_sched_delete_work(&item_) == 0) return;
+  while (!done())
+    vorn_10msleep(1);
+}
+
+// A positive result is of the wake-up: the item is queued then.
+void Work::start() {
+  started_ = true;
+  if (vorn_sched_add_work(&item_) < 0) run(&item_);
+}
+
+// The owner may destroy the item as soon as it is done.
+void Work::run(vorn_sched_work_s *item) {
+  Work &work = *static_cast<Work *>(item->pData);
+  work.body_();
+  work.done_.store(true, std::memory_order_release);
+}
+
+} // namespace scrub

@@ -1,0 +1,35 @@
+// An item of the library's scheduled work that runs a function once, under a time limit.
+#ifndef SCRUB_WORK_HPP
+#define SCRUB_WORK_HPP
+
+#include <atomic>
+#include <functional>
+
+#include "vorn_sched_work.h"
+
+namespace scrub {
+
+class Work {
+public:
+  // body must not throw.
+  explicit Work(std::function<void()> body);
+  Work(const Work &) = delete;
+  Work &operator=(const Work &) = delete;
+  ~Work(); // takes the item off the queue, or waits until body has returned
+
+  // Has body run in a thread of the pool; here, where the pool takes no work. To be called once.
+  void start();
+  bool done() const { return done_.load(std::memory_order_acquire); }
+
+private:
+  static void run(vorn_sched_work_s *item);
+
+  const std::function<void()> body_;
+  vorn_sched_work_s item_{};
+  std::atomic<bool> started_ = false;
+  std::atomic<bool> done_ = false;
+};
+
+} // namespace scrub
+
+#endif
