@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/bounded.hpp"
+#include "base/log.hpp"
 #include "base/mutex.hpp"
 #include "base/once.hpp"
 #include "base/system.hpp"
@@ -139,6 +140,7 @@ TEST(Mutex, HolderIsNotCancelled) {
       step();
     }
     self.once.run(step);
+    VORN_LOG(vorn::kInfo, "%d", ++self.done);
     pthread_testcancel();
     ++self.done;
     return nullptr;
@@ -148,7 +150,7 @@ TEST(Mutex, HolderIsNotCancelled) {
   void *result = nullptr;
   pthread_join(thread, &result);
   EXPECT_EQ(result, PTHREAD_CANCELED);
-  EXPECT_EQ(work.done, 2);
+  EXPECT_EQ(work.done, 3);
   const vorn::MutexGuard hold{work.mutex};
   EXPECT_TRUE(work.once.done());
 }
