@@ -66,7 +66,6 @@ int evlog(unsigned int module, int level, const char *file, unsigned int line, c
   va_start(args, format);
   capture::keep({module, level, file, line, function, capture::format_text(format, args)});
   va_end(args);
-  pthread_testcancel(); // as a node's own library may
   errno = ENOTTY;
   return 0;
 }
