@@ -1,35 +1,25 @@
 // test-wraps: vorn_time_getmillisec vorn_time_getnanosec pthread_cond_init pthread_create
-// The wheel against a naive model, and the timers on a clock that the test may stop and move.
+// The wheel against a naive model, its timers on a clock that the test may stop and move, and what
+// both kinds of timers have in common.
 #include "vorn_timer.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <gtest/gtest.h>
-#include <memory>
-#include <random>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "support/child.hpp"
-#include "support/log_capture.hpp"
-#include "support/threads.hpp"
+#include "support/timer.hpp"
 #include "timer/wheel.hpp"
+#include "vorn_hr_timer.h"
 #include "vorn_jiffies.h"
-#include "vorn_thrd.h"
-#include "vorn_time.h"
 
 static std::atomic<uint64_t> g_stopped_at{0}; // milliseconds; 0: the clock goes
-static std::string g_failing;                 // the call that fails
+static std::atomic<uint64_t> g_step{0};       // nanoseconds by which a reading moves a stopped one
+static std::atomic<uint64_t> g_steps{0};
 
 extern "C" {
 uint64_t __real_vorn_time_getnanosec();
 uint64_t __wrap_vorn_time_getnanosec() {
   const uint64_t stopped = g_stopped_at;
-  return stopped != 0 ? stopped * 1000000 : __real_vorn_time_getnanosec();
+  return stopped != 0 ? stopped * 1000000 + (g_steps += g_step) : __real_vorn_time_getnanosec();
 }
 uint64_t __wrap_vorn_time_getmillisec() { return __wrap_vorn_time_getnanosec() / 1000000; }
 
@@ -37,42 +27,11 @@ int __real_pthread_cond_init(pthread_cond_t *condition, const pthread_condattr_t
 int __wrap_pthread_cond_init(pthread_cond_t *condition, const pthread_condattr_t *attributes) {
   return g_failing == "condition" ? EAGAIN : __real_pthread_cond_init(condition, attributes);
 }
-int __real_pthread_create(pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *),
-                          void *argument);
-int __wrap_pthread_create(pthread_t *out, const pthread_attr_t *attributes, void *(*run)(void *),
-                          void *argument) {
-  return g_failing == "thread" ? EAGAIN : __real_pthread_create(out, attributes, run, argument);
-}
 }
 
 namespace {
 
-using std::chrono::milliseconds;
 using vorn::timer::Wheel;
-using Lines = std::vector<std::string>;
-
-struct Timer : vorn_timer_s {
-  explicit Timer(std::function<void()> what = {}) : vorn_timer_s{}, run(std::move(what)) {
-    vorn_timer_set_raw(this, 5, reinterpret_cast<uint64_t>(this), fire, "adder", "file", 3);
-  }
-  static void fire(uint64_t data) {
-    auto *timer = reinterpret_cast<Timer *>(data);
-    if (settled && vorn_time_getmillisec() < timer->expirTime) ++early;
-    const auto what = timer->run; // which may free the timer
-    ++timer->fired;
-    if (what) what();
-  }
-  static inline std::atomic<int> early{0};
-  static inline std::atomic<bool> settled{true}; // no other thread arms it while it runs
-  std::atomic<int> fired{0};
-  std::function<void()> run;
-};
-
-template <class Condition> bool soon(Condition condition) {
-  for (int i = 0; i < 10000 && !condition(); ++i)
-    std::this_thread::sleep_for(milliseconds{1});
-  return condition();
-}
 
 constexpr uint64_t kDay = 86400000;
 constexpr uint64_t kSteps[] = {1,         1000,      60000,     3600000,
@@ -133,14 +92,14 @@ TEST(Wheel, RunsEachTimerWhenANaiveModelDoes) {
   EXPECT_NO_RECORD();
 }
 
-class Timers : public testing::Test {
+class WheelTimers : public testing::Test {
 protected:
-  Timers() {
+  WheelTimers() {
     EXPECT_EQ(vorn_timer_module_init(), 0);
     vorn_get_jiffies(); // logs about its driver once
     capture::take();
   }
-  ~Timers() override { EXPECT_EQ(Timer::early, 0); }
+  ~WheelTimers() override { EXPECT_EQ(Timer::early, 0); }
 
   static void stop_clock() { g_stopped_at = vorn_time_getmillisec() / 1000 * 1000 + 1000000; }
 };
@@ -169,7 +128,7 @@ TEST(TimerStart, RefusesUntilStartedAndTriesAgainAfterAFailure) {
   EXPECT_TRUE(soon([&] { return timer.fired == 1; }));
 }
 
-TEST_F(Timers, RefuseBadArguments) {
+TEST_F(WheelTimers, RefuseBadArguments) {
   stop_clock();
   Timer timer;
   vorn_timer_s none{};
@@ -179,36 +138,20 @@ TEST_F(Timers, RefuseBadArguments) {
   const auto set = [](vorn_timer_s *it, vorn_timer_f func) {
     return vorn_timer_set_raw(it, 1, 0, func, "", "", 0);
   };
-  const struct {
-    int result;
-    int wanted;
-    const char *text;
-  } rows[] = {
-      {vorn_timer_init(nullptr), -1, "E Input timer is null."},
-      {set(nullptr, Timer::fire), -1, "E Input para is invalid."},
-      {set(&none, nullptr), -1, "E Input para is invalid."},
-      {set(&timer, Timer::fire), -1, "E The timer is pending."},
-      {vorn_timer_add(nullptr), -1, "E Input timer is null or not initiated."},
-      {vorn_timer_add(&none), -1, "E Input timer is null or not initiated."},
-      {vorn_timer_add(&timer), -1, "E The timer is pending."},
-      {vorn_timer_add(&untimed), -1, "E Input para is invalid."},
-      {vorn_timer_add_ns(nullptr), -1, "E Input timer is null or not initiated."},
-      {vorn_timer_add_ns(&none), -1, "E Input timer is null or not initiated."},
-      {vorn_timer_add_ns(&timer), -1, "E The timer is pending."},
-      {vorn_timer_modify(nullptr, 1), -1, "E Input para is invalid."},
-      {vorn_timer_modify(&timer, 0), -1, "E Input para is invalid."},
-      {vorn_timer_modify(&none, 1), -1, "E Input para is invalid."},
-      {vorn_timer_delete(nullptr), -1, "E Input timer is null."},
-      {vorn_timer_delete_sync(nullptr), -1, "E Input timer is null."},
-      {vorn_timer_destroy(nullptr), -1, "E Input timer is null."},
-      {vorn_timer_is_pending(nullptr), 0, "E Input timer is null."},
-  };
-  const auto lines = capture::take_lines();
-  ASSERT_EQ(lines.size(), std::size(rows));
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    EXPECT_EQ(rows[i].result, rows[i].wanted) << i;
-    EXPECT_EQ(lines[i], rows[i].text) << i;
-  }
+  for (const int result :
+       {set(nullptr, Timer::fire), set(&none, nullptr), vorn_timer_modify(nullptr, 1),
+        vorn_timer_modify(&timer, 0), vorn_timer_modify(&none, 1), vorn_timer_add(&untimed),
+        set(&timer, Timer::fire), vorn_timer_add(&timer), vorn_timer_add_ns(&timer),
+        vorn_timer_add(nullptr), vorn_timer_add(&none), vorn_timer_add_ns(nullptr),
+        vorn_timer_add_ns(&none), vorn_timer_init(nullptr), vorn_timer_delete(nullptr),
+        vorn_timer_delete_sync(nullptr), vorn_timer_destroy(nullptr),
+        vorn_timer_is_pending(nullptr) - 1})
+    EXPECT_EQ(result, -1);
+  Lines wanted(6, "E Input para is invalid.");
+  wanted.insert(wanted.end(), 3, "E The timer is pending.");
+  wanted.insert(wanted.end(), 4, "E Input timer is null or not initiated.");
+  wanted.insert(wanted.end(), 5, "E Input timer is null.");
+  EXPECT_EQ(capture::take_lines(), wanted);
   EXPECT_EQ(vorn_timer_delete(&timer), 0);
   EXPECT_EQ(vorn_timer_delete(&timer), 0); // not pending any more
   EXPECT_EQ(timer.list.prev, VORN_LIST_POISON_PREV);
@@ -223,7 +166,7 @@ TEST_F(Timers, RefuseBadArguments) {
   }
 }
 
-TEST_F(Timers, ShowTheirFieldsTwice) {
+TEST_F(WheelTimers, ShowTheirFieldsTwice) {
   Timer timer;
   timer.expirTime = 9;
   timer.data = 7;
@@ -237,97 +180,69 @@ TEST_F(Timers, ShowTheirFieldsTwice) {
                 static_cast<void *>(&timer.list), reinterpret_cast<void *>(Timer::fire));
   const auto records = capture::take();
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].module, 0u);
-  EXPECT_EQ(records[0].text, std::string("[Infra]") + text);
-  EXPECT_EQ(records[1].module, 381u);
-  EXPECT_EQ(records[1].text, text);
-  EXPECT_EQ(records[1].level, 6);
+  for (const auto &record : records) {
+    const bool infra = &record == &records[0];
+    EXPECT_EQ(record.module, infra ? 0u : 381u);
+    EXPECT_EQ(record.level, 6);
+    EXPECT_EQ(record.text, (infra ? "[Infra]" : "") + std::string{text});
+  }
 }
 
 // Timers of every level, over jumps to each expiry and to the millisecond before.
-TEST_F(Timers, RunAtTheirMillisecondOverAnyJump) {
+TEST_F(WheelTimers, RunAtTheirMillisecondOverAnyJump) {
   stop_clock();
   const uint64_t start = g_stopped_at;
-  std::vector<std::unique_ptr<Timer>> timers;
-  for (const uint64_t step : kSteps) {
-    timers.push_back(std::make_unique<Timer>());
-    ASSERT_EQ(vorn_timer_modify(timers.back().get(), step), 0);
-  }
-  for (std::size_t i = 0; i < timers.size(); ++i) {
+  Timer timers[std::size(kSteps)];
+  for (std::size_t i = 0; i < std::size(kSteps); ++i)
+    ASSERT_EQ(vorn_timer_modify(&timers[i], kSteps[i]), 0);
+  for (std::size_t i = 0; i < std::size(kSteps); ++i) {
     g_stopped_at = start + kSteps[i] - 1;
     std::this_thread::sleep_for(milliseconds{25});
-    ASSERT_EQ(timers[i]->fired, 0);
-    ASSERT_EQ(vorn_timer_modify(timers[i].get(), 1), 0); // the same millisecond
+    ASSERT_EQ(timers[i].fired, 0);
+    ASSERT_EQ(vorn_timer_modify(&timers[i], 1), 0); // the same millisecond
     g_stopped_at = start + kSteps[i];
-    ASSERT_TRUE(soon([&] { return timers[i]->fired == 1; })) << kSteps[i];
-    ASSERT_EQ(vorn_timer_is_pending(timers[i].get()), 0);
+    ASSERT_TRUE(soon([&] { return timers[i].fired == 1; })) << kSteps[i];
   }
 }
 
-// 10000 timers that four threads fight for; then each has a share, of which every third timer is
-// deleted and every second one modified.
-TEST_F(Timers, RunOnceAndNeverEarlyInAStorm) {
-  constexpr int kThreads = 4;
-  std::vector<std::unique_ptr<Timer>> timers;
-  for (int i = 0; i < 10000; ++i)
-    timers.push_back(std::make_unique<Timer>());
-  Timer::settled = false;
-  run_threads(kThreads, [&](int thread) {
-    std::mt19937 random(static_cast<unsigned int>(thread));
-    for (int i = 0; i < 40000; ++i) {
-      Timer *timer = timers[random() % timers.size()].get();
-      switch (random() % 4) {
-      case 0:
-        vorn_timer_delete(timer);
-        break;
-      case 1:
-        vorn_timer_is_pending(timer);
-        break;
-      default:
-        vorn_timer_modify(timer, 1 + random() % 30);
-      }
+// The thread sleeps 20 ms at a time, unless it is woken for an earlier timer, and never beyond the
+// time that it looks at, however late it is between two readings.
+TEST_F(WheelTimers, WakeTheirThreadInTime) {
+  for (const uint64_t step : {0, 600000}) {
+    if (step != 0) stop_clock();
+    g_step = step;
+    int slow = 0;
+    Timer timer;
+    for (int i = 0; i < 40; ++i) {
+      const int before = timer.fired;
+      const uint64_t start = __real_vorn_time_getnanosec();
+      vorn_timer_modify(&timer, 1);
+      while (timer.fired == before)
+        std::this_thread::yield();
+      if (__real_vorn_time_getnanosec() - start > 15000000) ++slow;
     }
-  });
-  for (const auto &timer : timers)
-    ASSERT_EQ(vorn_timer_delete_sync(timer.get()), 0);
-  Timer::settled = true;
-  run_threads(kThreads, [&](int thread) {
-    std::mt19937 random(static_cast<unsigned int>(thread));
-    for (std::size_t i = static_cast<std::size_t>(thread); i < timers.size(); i += kThreads) {
-      timers[i]->fired = 0;
-      ASSERT_EQ(vorn_timer_modify(timers[i].get(), 200 + random() % 1300), 0);
-      if (i % 2 == 0) {
-        ASSERT_EQ(vorn_timer_modify(timers[i].get(), 200 + random() % 1300), 0);
-      }
-      if (i % 3 == 0) {
-        ASSERT_EQ(vorn_timer_delete(timers[i].get()), 0);
-      }
-    }
-  });
-  for (std::size_t i = 0; i < timers.size(); ++i)
-    ASSERT_TRUE(soon([&] { return timers[i]->fired == (i % 3 == 0 ? 0 : 1); })) << i;
-  std::this_thread::sleep_for(milliseconds{50});
-  for (std::size_t i = 0; i < timers.size(); ++i)
-    ASSERT_EQ(timers[i]->fired, i % 3 == 0 ? 0 : 1) << i;
-  EXPECT_NO_RECORD();
-}
-
-// The thread sleeps 20 ms at a time, unless it is woken for an earlier timer.
-TEST_F(Timers, WakeTheirThreadForAnEarlierOne) {
-  uint64_t best = UINT64_MAX;
-  Timer timer;
-  for (int i = 0; i < 20; ++i) {
-    const int before = timer.fired;
-    const uint64_t start = __real_vorn_time_getnanosec();
-    vorn_timer_modify(&timer, 1);
-    while (timer.fired == before)
-      std::this_thread::yield();
-    best = std::min(best, __real_vorn_time_getnanosec() - start);
+    EXPECT_LT(slow, 10) << step;
+    vorn_timer_delete_sync(&timer);
   }
-  EXPECT_LT(best, 8000000u);
 }
 
-TEST_F(Timers, FunctionsMayFreeMoveAndArmAnyTimer) {
+TEST_F(WheelTimers, AreCheckedWhenTheyFire) {
+  stop_clock();
+  Timer first;
+  Timer second;
+  ASSERT_EQ(vorn_timer_add(&first) + vorn_timer_add(&second), 0);
+  vorn_list_head_s stranger{};
+  second.list.prev = &stranger;
+  g_stopped_at += 5;
+  ASSERT_TRUE(soon([&] { return first.fired + second.fired == 2; }));
+  const auto records = capture::take();
+  ASSERT_EQ(records.size(), 5u); // two timers are shown
+  EXPECT_EQ(records[0].function, "detachTimerFromList");
+  EXPECT_EQ(records[0].level, 3);
+  EXPECT_TRUE(records[0].text.starts_with("Abnormal list node next:"));
+}
+
+TEST_F(WheelTimers, FunctionsMayFreeMoveAndArmAnyTimer) {
   stop_clock();
   auto freed = std::make_unique<Timer>();
   auto itself = std::make_unique<Timer>();
@@ -364,7 +279,7 @@ TEST_F(Timers, FunctionsMayFreeMoveAndArmAnyTimer) {
             (Lines{std::string("W ") + text, std::string("W [Infra]") + text}));
 }
 
-TEST_F(Timers, ReportThoseThatTakeMoreThan300Milliseconds) {
+TEST_F(WheelTimers, ReportThoseThatTakeMoreThan300Milliseconds) {
   stop_clock();
   for (int i = 0; i < 6; ++i) {
     Timer timer{[i] { g_stopped_at += i == 0 ? 300 : 301; }};
@@ -382,7 +297,80 @@ TEST_F(Timers, ReportThoseThatTakeMoreThan300Milliseconds) {
   }
 }
 
-TEST_F(Timers, DeleteSyncWaitsForTheCallAlone) {
+// --- Both kinds ---
+
+struct Kind {
+  const char *name;
+  int (*add)(vorn_timer_s *timer);
+  uint64_t longest;
+  bool waits; // long enough to be changed before it runs
+};
+
+class AnyTimers : public testing::TestWithParam<Kind> {
+protected:
+  AnyTimers() {
+    EXPECT_EQ(vorn_timer_module_init() + vorn_hr_timer_module_init(), 0);
+    capture::take();
+  }
+  ~AnyTimers() override { EXPECT_EQ(Timer::early, 0); }
+
+  static int add(Timer &timer) { return GetParam().add(&timer); }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, AnyTimers,
+                         testing::Values(Kind{"Wheel", vorn_timer_add, 30, true},
+                                         Kind{"Hr", vorn_timer_add_ns, 1000000, false}),
+                         [](const auto &kind) { return kind.param.name; });
+
+// 10000 timers that four threads fight for; then each has a share, of which, where they wait, every
+// third timer is deleted and every second one modified.
+TEST_P(AnyTimers, RunOnceAndNeverEarlyInAStorm) {
+  constexpr int kThreads = 4;
+  Timers timers;
+  Timer::settled = false;
+  for (int i = 0; i < 10000; ++i) {
+    timers.push_back(std::make_unique<Timer>());
+    ASSERT_EQ(add(*timers.back()), 0);
+  }
+  run_threads(kThreads, [&](int thread) {
+    std::mt19937 random(static_cast<unsigned int>(thread));
+    for (int i = 0; i < 40000; ++i) {
+      Timer *timer = timers[random() % timers.size()].get();
+      const auto what = random() % 4;
+      if (what == 0)
+        vorn_timer_delete(timer);
+      else if (what == 1)
+        vorn_timer_is_pending(timer);
+      else
+        vorn_timer_modify(timer, 1 + random() % GetParam().longest);
+    }
+  });
+  for (const auto &timer : timers)
+    ASSERT_EQ(vorn_timer_delete_sync(timer.get()), 0);
+  Timer::settled = true;
+  const bool waits = GetParam().waits;
+  const auto wanted = [=](std::size_t i) { return waits && i % 3 == 0 ? 0 : 1; };
+  run_threads(kThreads, [&](int thread) {
+    std::mt19937 random(static_cast<unsigned int>(thread));
+    const auto some_time = [&] {
+      return waits ? 200 + random() % 1300 : 1 + random() % GetParam().longest;
+    };
+    for (std::size_t i = static_cast<std::size_t>(thread); i < timers.size(); i += kThreads) {
+      timers[i]->fired = 0;
+      ASSERT_EQ(vorn_timer_modify(timers[i].get(), some_time()), 0);
+      if (waits && i % 2 == 0) vorn_timer_modify(timers[i].get(), some_time());
+      if (wanted(i) == 0) vorn_timer_delete(timers[i].get());
+    }
+  });
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    ASSERT_TRUE(soon([&] { return timers[i]->fired == wanted(i); })) << i;
+  std::this_thread::sleep_for(milliseconds{50});
+  for (std::size_t i = 0; i < timers.size(); ++i)
+    ASSERT_EQ(timers[i]->fired, wanted(i)) << i;
+  EXPECT_NO_RECORD();
+}
+
+TEST_P(AnyTimers, DeleteSyncWaitsForTheCallAlone) {
   std::atomic<bool> inside{false};
   Timer timer;
   timer.run = [&] {
@@ -393,7 +381,7 @@ TEST_F(Timers, DeleteSyncWaitsForTheCallAlone) {
     inside = false;
   };
   for (int i = 0; i < 20; ++i) {
-    ASSERT_EQ(vorn_timer_modify(&timer, 1), 0);
+    ASSERT_EQ(i == 0 ? add(timer) : vorn_timer_modify(&timer, 1), 0);
     ASSERT_TRUE(soon([&] { return inside.load(); }));
     run_threads(2, [&](int) { EXPECT_EQ(vorn_timer_destroy(&timer), 0); });
     ASSERT_FALSE(inside);
@@ -404,45 +392,51 @@ TEST_F(Timers, DeleteSyncWaitsForTheCallAlone) {
   }
   std::atomic<int> result{0};
   timer.run = [&] { result = vorn_timer_destroy(&timer); };
-  ASSERT_EQ(vorn_timer_add(&timer), 0);
+  ASSERT_EQ(add(timer), 0);
   ASSERT_TRUE(soon([&] { return result == -1; }));
   EXPECT_EQ(capture::take_lines(), Lines{"E The timer's own function must not wait for its end."});
 }
 
-TEST_F(Timers, GoOnAfterAFunctionThatEndsItsThread) {
-  Timer fatal{[] {
-    vorn_thrd_clearcurthreadinfo();
-    pthread_exit(nullptr);
-  }};
+TEST_P(AnyTimers, FunctionsMayFreeTheirTimerAndEndTheirThread) {
+  auto freed = std::make_unique<Timer>();
+  freed->run = [&] { freed.reset(); };
+  Timer fatal{[] { pthread_exit(nullptr); }};
   Timer next;
-  ASSERT_EQ(vorn_timer_modify(&fatal, 1), 0);
-  ASSERT_EQ(vorn_timer_modify(&next, 1), 0);
-  ASSERT_TRUE(soon([&] { return next.fired == 1; }));
+  ASSERT_EQ(add(*freed) + add(fatal), 0);
+  ASSERT_TRUE(soon([&] { return fatal.fired == 1; }));
   EXPECT_EQ(vorn_timer_delete_sync(&fatal), 0);
+  ASSERT_EQ(add(next), 0);
+  EXPECT_TRUE(soon([&] { return next.fired == 1; })); // in another thread
 }
 
-TEST_F(Timers, OfTheParentAreNotPendingInAChild) {
+// While a function runs, and others wait for its end.
+TEST_P(AnyTimers, OfTheParentAreNotPendingInAChild) {
 #if defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the thread sanitizer ends a child that starts a thread";
 #endif
-  stop_clock();
+  std::atomic<int> step{0};
+  Timer running{[&] {
+    for (step = 1; step == 1;)
+      std::this_thread::yield();
+  }};
   Timer timer;
-  Timer deleted;
-  ASSERT_EQ(vorn_timer_modify(&timer, 60), 0);
-  ASSERT_EQ(vorn_timer_modify(&deleted, 60), 0);
+  Timer other;
+  ASSERT_EQ(add(running), 0);
+  ASSERT_TRUE(soon([&] { return step == 1; }));
+  ASSERT_EQ(add(timer) + add(other), 0);
   EXPECT_EQ(run_in_child([&] {
               if (vorn_timer_is_pending(&timer) != 0) return 1;
-              if (vorn_timer_delete_sync(&deleted) != 0) return 2;
-              g_stopped_at += 100; // the child's alone
-              std::this_thread::sleep_for(milliseconds{100});
+              if (vorn_timer_delete_sync(&running) + vorn_timer_delete(&other) != 0) return 2;
+              std::this_thread::sleep_for(milliseconds{30});
               if (timer.fired != 0) return 3;
-              if (vorn_timer_add(&timer) != 0) return 4;
-              g_stopped_at += 60;
-              return soon([&] { return timer.fired == 1; }) && deleted.fired == 0 ? 0 : 5;
+              if (vorn_timer_modify(&timer, GetParam().longest) != 0) return 4;
+              if (GetParam().waits && vorn_timer_is_pending(&timer) != 1) return 6;
+              return soon([&] { return timer.fired == 1; }) && other.fired == 0 ? 0 : 5;
             }),
             0);
-  g_stopped_at += 60;
-  EXPECT_TRUE(soon([&] { return timer.fired == 1 && deleted.fired == 1; }));
+  EXPECT_EQ(vorn_timer_is_pending(&timer), 1);
+  step = 2;
+  EXPECT_TRUE(soon([&] { return timer.fired == 1 && other.fired == 1; }));
 }
 
 } // namespace

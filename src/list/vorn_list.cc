@@ -70,18 +70,21 @@ void remove(vorn_list_head_s *node, Show show, const char *file, const char *fun
   remove(node, {show, file, function, line});
 }
 
+vorn_list_head_s *checked_first(vorn_list_head_s *head, Show show, const char *file,
+                                const char *function, unsigned int line) {
+  vorn_list_head_s *node = vorn_list_first(head);
+  if (node == nullptr || node->prev == head) return node;
+  VORN_LOG_AT(file, line, function, kError,
+              "Abnormal list node cur:%p(%p,%p), is not point to last:%p", address(node),
+              address(node->next), address(node->prev), address(head));
+  show(node);
+  return node;
+}
+
 vorn_list_head_s *take_first(vorn_list_head_s *head, Show show, const char *file,
                              const char *function, unsigned int line) {
-  vorn_list_head_s *node = vorn_list_first(head);
-  if (node == nullptr) return nullptr;
-  const Caller by{show, file, function, line};
-  if (node->prev != head) {
-    VORN_LOG_AT(by.file, by.line, by.function, kError,
-                "Abnormal list node cur:%p(%p,%p), is not point to last:%p", address(node),
-                address(node->next), address(node->prev), address(head));
-    by.show(node);
-  }
-  remove(node, by);
+  vorn_list_head_s *node = checked_first(head, show, file, function, line);
+  if (node != nullptr) remove(node, {show, file, function, line});
   return node;
 }
 

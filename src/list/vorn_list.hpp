@@ -22,6 +22,12 @@ void insert_tail(vorn_list_head_s *head, vorn_list_head_s *node, Show show, cons
 void remove(vorn_list_head_s *node, Show show, const char *file,
             const char *function = __builtin_FUNCTION(), unsigned int line = __builtin_LINE());
 
+// The first node, NULL when there is none: checked like the one that take_first takes, and left on
+// the list.
+vorn_list_head_s *checked_first(vorn_list_head_s *head, Show show, const char *file,
+                                const char *function = __builtin_FUNCTION(),
+                                unsigned int line = __builtin_LINE());
+
 // Takes the first node off, NULL when there is none: a list is drained by calling it until then.
 // The nodes before the one it takes have been removed, so that one must point back at the head.
 vorn_list_head_s *take_first(vorn_list_head_s *head, Show show, const char *file,

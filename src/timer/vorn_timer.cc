@@ -16,7 +16,6 @@
 
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
 #include "base/fork_gate.hpp"
 #include "base/infra_log.hpp"
 #include "base/log.hpp"
@@ -24,6 +23,7 @@
 #include "base/ratelimit.hpp"
 #include "base/system.hpp"
 #include "base/timespec.hpp"
+#include "lock/spin_inline.hpp"
 #include "timer/service.hpp"
 #include "timer/wheel.hpp"
 #include "vorn_hr_timer.h"
@@ -68,26 +68,15 @@ constinit Root root;
 constinit std::atomic<int> state{kInitial};
 constinit Mutex start_mutex;
 
-// Only a wait for the lock could be cancelled.
-void lock_root(unsigned int line) {
-  if (do_vorn_spinlock_trylock(&root.lock.lock, "lockTimerRoot", line) != 0) return;
-  const CancellationOff off;
-  do_vorn_spinlock_lock(&root.lock.lock, "lockTimerRoot", line);
-}
-
-void unlock_root(unsigned int line) {
-  do_vorn_spinlock_unlock(&root.lock.lock, "unlockTimerRoot", line);
-}
+void lock_root(unsigned int line) { lock::take(root.lock, "lockTimerRoot", line); }
+void unlock_root() { lock::free_held(root.lock); }
 
 class RootGuard {
 public:
-  explicit RootGuard(unsigned int line = __builtin_LINE()) : line_(line) { lock_root(line); }
+  explicit RootGuard(unsigned int line = __builtin_LINE()) { lock_root(line); }
   RootGuard(const RootGuard &) = delete;
   RootGuard &operator=(const RootGuard &) = delete;
-  ~RootGuard() { unlock_root(line_); }
-
-private:
-  unsigned int line_;
+  ~RootGuard() { unlock_root(); }
 };
 
 bool is_pending(const vorn_timer_s *timer) {
@@ -117,10 +106,12 @@ void mark_high_resolution(vorn_timer_s *timer, bool is) {
 // repeated then.
 void sleep_until_next_wake() {
   pthread_mutex_lock(&root.mutex);
-  while (vorn_time_getmillisec() < root.next_wake) {
-    const std::uint64_t wait = root.next_wake * kNanosecondsPerMillisecond - vorn_time_getnanosec();
-    sys::wait_until(&root.condition, &root.mutex,
-                    monotonic_after(std::min(wait, kLongestSleep * kNanosecondsPerMillisecond)));
+  for (;;) {
+    const std::uint64_t now = vorn_time_getnanosec();
+    const std::uint64_t wake = root.next_wake * kNanosecondsPerMillisecond;
+    if (now >= wake) break;
+    const std::uint64_t wait = std::min(wake - now, kLongestSleep * kNanosecondsPerMillisecond);
+    sys::wait_until(&root.condition, &root.mutex, monotonic_after(wait));
   }
   pthread_mutex_unlock(&root.mutex);
 }
@@ -143,7 +134,7 @@ bool run_due() {
   vorn_timer_s *timer = root.wheel.take_due();
   const Call call{*timer};
   root.running.begin(timer);
-  unlock_root(__LINE__);
+  unlock_root();
   const std::uint32_t process = fork_count();
   if (call.function() != nullptr) {
     const std::uint64_t milliseconds = call.run();
@@ -160,7 +151,7 @@ bool run_due() {
 // Lets a thread have the lock that has waited for it.
 void let_others_in() {
   constexpr int kPauses = 16;
-  unlock_root(__LINE__);
+  unlock_root();
   for (int i = 0; i < kPauses; ++i)
     arch::pause();
   lock_root(__LINE__);
@@ -277,13 +268,17 @@ constexpr std::uint64_t kMask = (std::uint64_t{1} << 61) - 1;
 enum class Only { kIdle, kAny };
 
 // Whether it has armed the timer: one that is pending is not to be where only idle ones are.
+//
+// Reading the clock takes as long as all the rest, and so the lock is not held meanwhile. A thread
+// that waits for the lock has an older time then, which a wheel without timers may go back to:
+// there is no slot that it could open twice.
 bool arm(vorn_timer_s *timer, std::uint64_t milliseconds, Only which) {
+  const std::uint64_t now = vorn_time_getmillisec();
+  const std::uint64_t expiry = now + ((milliseconds * 125) & kMask) / 125;
   const RootGuard hold;
   const bool pending = is_pending(timer);
   if (pending && which == Only::kIdle) return false;
   atomic_word(timer->timeOut).store(milliseconds, std::memory_order_relaxed);
-  const std::uint64_t now = vorn_time_getmillisec();
-  const std::uint64_t expiry = now + ((milliseconds * 125) & kMask) / 125;
   if (pending && timer->expirTime == expiry) return true;
   if (pending) root.wheel.detach(timer);
   if (root.wheel.is_empty()) root.wheel.jump(now);

@@ -174,10 +174,9 @@ Wheel::Progress Wheel::advance(std::uint64_t now) {
 }
 
 vorn_timer_s *Wheel::take_due() {
-  vorn_list_head_s *node = list::take_first(&due_, vorn_timer_show, VORN_FILE, "run_timers");
+  vorn_list_head_s *node = list::checked_first(&due_, vorn_timer_show, VORN_FILE, "run_timers");
   if (node == nullptr) return nullptr;
-  node->next = nullptr;
-  --count_;
+  remove(timer_of(node));
   return timer_of(node);
 }
 
