@@ -33,6 +33,7 @@
 
 #include "base/atomic_word.hpp"
 #include "base/cancellation_off.hpp"
+#include "base/fork_gate.hpp"
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
@@ -53,6 +54,10 @@ constinit Once sched_init_once{OncePolicy::kLatch};
 constinit int s_sched_init = -1;
 
 void on_wakeup(int) {}
+
+// fork() copies the handlers before the memory: a child may have got the flag of an installation
+// without its handler.
+const ForkChild install_anew{[] { installed.store(false, std::memory_order_relaxed); }};
 
 // Two that install at the same time do the same.
 int wakeup_signal_init() {

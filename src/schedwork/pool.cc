@@ -125,7 +125,7 @@ int sched_work_destroy() {
   if (left != 0)
     VORN_LOG(vorn::kDebug, "some sched work thread exited abnormally. totalThread = %d", left);
   pool.created.store(false);
-  if (pool.queue.size() != 0) start();
+  if (!pool.queue.empty()) start();
   return 0;
 }
 

@@ -11,6 +11,12 @@
 namespace vorn::schedwork {
 namespace {
 
+// The functions that the list's messages and the lock name.
+constexpr const char *kAdd = "vorn_sched_add_work";
+constexpr const char *kDelete = "vorn_sched_delete_work";
+constexpr const char *kTake = "sched_work_select_task";
+constexpr const char *kDestroy = "sched_work_destroy";
+
 vorn_sched_work_s *record_of(vorn_list_head_s *node) {
   return vorn_list_entry(node, vorn_sched_work_s, node);
 }
@@ -26,12 +32,11 @@ public:
 
 } // namespace
 
-// The lock as the calling function takes it. The thread is not cancelled while it waits.
+// Holds the lock in the name of function. The thread is not cancelled while it waits.
 class Queue::Guard {
 public:
-  explicit Guard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
-                 unsigned int line = __builtin_LINE())
-      : hold_(lock, site, line) {}
+  explicit Guard(vorn_spinlock_s &lock, const char *function, unsigned int line = __builtin_LINE())
+      : hold_(lock, function, line) {}
 
 private:
   const CancellationOff off_;
@@ -40,40 +45,45 @@ private:
 };
 
 bool Queue::append(vorn_sched_work_s *work, std::int32_t *pid) {
-  const Guard hold{lock_};
+  const Guard hold{lock_, kAdd};
   if (!vorn_list_is_poisoned(&work->node)) {
     *pid = work->pid;
     return false;
   }
-  list::insert_tail(head(), &work->node, VornSchedWorkShow, VORN_FILE, "vorn_sched_add_work");
+  list::insert_tail(head(), &work->node, VornSchedWorkShow, VORN_FILE, kAdd);
   resize(size() + 1);
   return true;
 }
 
 bool Queue::remove(vorn_sched_work_s *work) {
-  const Guard hold{lock_};
+  const Guard hold{lock_, kDelete};
   if (vorn_list_is_poisoned(&work->node)) return false;
-  list::remove(&work->node, VornSchedWorkShow, VORN_FILE, "vorn_sched_delete_work");
+  list::remove(&work->node, VornSchedWorkShow, VORN_FILE, kDelete);
   resize(size() - 1);
   return true;
 }
 
 vorn_sched_work_s *Queue::take() {
-  const Guard hold{lock_};
+  const Guard hold{lock_, kTake};
   if (t_worker.active && t_worker.life != life_) return nullptr;
   vorn_list_head_s *node = vorn_list_first(head());
   if (node == nullptr) return nullptr;
-  list::remove(node, VornSchedWorkShow, VORN_FILE, "sched_work_select_task");
+  list::remove(node, VornSchedWorkShow, VORN_FILE, kTake);
   resize(size() - 1);
   return record_of(node);
 }
 
 void Queue::drop_all() {
-  const Guard hold{lock_};
+  const Guard hold{lock_, kDestroy};
   for (vorn_list_head_s *node = nullptr; (node = vorn_list_first(head())) != nullptr;)
-    list::remove(node, VornSchedWorkShow, VORN_FILE, "sched_work_destroy");
+    list::remove(node, VornSchedWorkShow, VORN_FILE, kDestroy);
   resize(0);
   ++life_;
+}
+
+bool Queue::empty() {
+  const Guard hold{lock_, kDestroy};
+  return size() == 0;
 }
 
 void Queue::forget(std::uint32_t next_life) {

@@ -27,6 +27,10 @@ public:
   // Drops all records; what comes after is the next life's.
   void drop_all();
 
+  // Takes the lock: an append that this does not see comes after it, and sees what its caller
+  // wrote.
+  bool empty();
+
   // How many there are. May be old by the time it returns.
   std::size_t size() const { return size_.load(std::memory_order_relaxed); }
 

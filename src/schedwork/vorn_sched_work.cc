@@ -66,7 +66,7 @@ int vorn_sched_add_work(vorn_sched_work_s *work) {
   const vorn::CancellationOff off; // the record is queued: its worker is to be woken
   const int result = wake_worker();
   // A destroy that ended since the first look either saw the record, or is seen here: it clears
-  // the flag before it looks into the queue.
+  // the flag before it looks into the queue, under the queue's lock.
   if (!pool.created.load()) sched_work_init();
   return result;
 }

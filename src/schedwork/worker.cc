@@ -19,7 +19,6 @@
 #include "vorn_jiffies.h"
 #include "vorn_percpu_posix.h"
 #include "vorn_sched.h"
-#include "vorn_smp.h"
 #include "vorn_thrd.h"
 
 namespace vorn::schedwork {
@@ -32,8 +31,7 @@ constexpr std::int64_t kWaitMilliseconds = 10000;
 constexpr std::uint64_t kTicksPerSecond = 250;
 constexpr const char *kThread = "sched_work_thread"; // the function that the messages name
 
-// So long a worker looks out for the next item before it sleeps. On a single CPU it would be in the
-// way.
+// So long a worker looks out for the next item before it sleeps.
 constexpr std::chrono::microseconds kLookout{20};
 
 // The rest of a worker is not cancelled, so that its counts stay right.
@@ -81,8 +79,8 @@ void unregister_worker() {
   if (key_made.done()) pthread_setspecific(key, nullptr);
 }
 
-// A worker that has just run an item looks for the next before it sleeps. An item found so may have
-// raised the semaphore too: its unit is taken, or wakes another worker in vain.
+// Whether the worker is to take an item before it sleeps. One that was added before the watch began
+// has raised the semaphore: its unit is taken, or wakes another worker in vain.
 bool finds_item_soon(bool watching) {
   if (watching && pool.queue.size() == 0) {
     const auto end = std::chrono::steady_clock::now() + kLookout;
@@ -133,7 +131,7 @@ bool end_run() {
   return false;
 }
 
-enum class After { kSleep, kLookForItem, kLeave };
+enum class After { kSleep, kTakeItem, kLeave };
 
 After run_item(vorn_sched_work_s *work) {
   pool.population.begin_run(t_worker.life);
@@ -146,11 +144,11 @@ After run_item(vorn_sched_work_s *work) {
     sched_work_run_task(work, t_worker.slot);
     pthread_testcancel(); // a cancellation that the handler did not act on is not the next one's
   }
-  // At once, so that who waits for the run and then adds the next item meets a worker that watches.
-  const bool watching = num_config_cpus() != 1 && pool.queue.size() == 0 && pool.lookout.begin();
+  // Watch before the run counts as finished: the thread that waits for its end may add the next.
+  const bool watching = pool.queue.size() == 0 && pool.lookout.begin();
   pool.finished.fetch_add(1);
   t_worker.running = false;
-  if (end_run()) return finds_item_soon(watching) ? After::kLookForItem : After::kSleep;
+  if (end_run()) return finds_item_soon(watching) ? After::kTakeItem : After::kSleep;
   if (watching && pool.lookout.end()) vorn_sem_enhance_up(&pool.work);
   return After::kLeave;
 }
