@@ -3,6 +3,7 @@
 #include "vorn_cfg.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <functional>
@@ -195,7 +196,7 @@ TEST_F(CfgFault, RegistersWhatIsOnDiskInTheEnd) {
 }
 
 std::vector<std::function<void()>> calls;
-bool cancels_itself = true;
+std::atomic<bool> cancels_itself{true};
 bool is_calling = false;
 
 void make_calls() {
@@ -236,7 +237,7 @@ TEST_F(CfgFault, IsCancelledAfterACallOnly) {
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, call_until_cancelled, nullptr), 0);
     usleep(static_cast<useconds_t>(round * 3));
-    if (!std::exchange(cancels_itself, false)) pthread_cancel(thread);
+    if (!cancels_itself.exchange(false)) pthread_cancel(thread);
     pthread_join(thread, nullptr);
     ASSERT_FALSE(is_calling) << round;
     ASSERT_EQ(blocks, held) << round;

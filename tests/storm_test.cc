@@ -173,6 +173,13 @@ struct Family {
   bool allocates = true;
 };
 
+// The thread sanitizer ends a child that starts threads, as the library's start does.
+#ifdef __SANITIZE_THREAD__
+constexpr bool kMayStartThreadsInChild = false;
+#else
+constexpr bool kMayStartThreadsInChild = true;
+#endif
+
 // The address sanitizer's own allocator does not survive a fork beside a thread that allocates.
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool kMayForkBesideAllocation = false;
@@ -294,6 +301,7 @@ TEST_F(Storm, ChildrenForkedUnderLoadUseEveryFamily) {
       for (std::size_t at = 0; at < std::size(kFamilies); ++at) {
         const Family &family = kFamilies[at];
         if (family.every == 0 || i % family.every != 0) continue;
+        if (family.use == start && !kMayStartThreadsInChild) continue;
         alarm(30);
         if (!family.use()) return static_cast<int>(at) + 1;
       }
