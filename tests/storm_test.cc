@@ -180,13 +180,6 @@ constexpr bool kMayStartThreadsInChild = false;
 constexpr bool kMayStartThreadsInChild = true;
 #endif
 
-// The address sanitizer's own allocator does not survive a fork beside a thread that allocates.
-#ifdef __SANITIZE_ADDRESS__
-constexpr bool kMayForkBesideAllocation = false;
-#else
-constexpr bool kMayForkBesideAllocation = true;
-#endif
-
 void PrintTo(const Family &family, std::ostream *out) { *out << family.name; }
 
 constexpr Family kFamilies[] = {

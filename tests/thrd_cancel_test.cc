@@ -12,9 +12,6 @@
 #include "vorn_sem_enhance.h"
 #include "vorn_wait.h"
 
-// Its clean-up at a thread's end takes what a cancelled thread had on its stack for live.
-extern "C" const char *__asan_default_options() { return "use_sigaltstack=0"; }
-
 namespace {
 
 constexpr int kRounds = 150;

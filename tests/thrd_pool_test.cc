@@ -32,9 +32,6 @@ int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*sta
 }
 }
 
-// Its clean-up at a thread's end takes what a cancelled thread had on its stack for live.
-extern "C" const char *__asan_default_options() { return "use_sigaltstack=0"; }
-
 namespace {
 
 // Until there are so many threads, and all wait for a job: the last ones of a pool are started

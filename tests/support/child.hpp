@@ -5,6 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+// The address sanitizer's own allocator does not survive a fork beside a thread that allocates.
+#ifdef __SANITIZE_ADDRESS__
+inline constexpr bool kMayForkBesideAllocation = false;
+#else
+inline constexpr bool kMayForkBesideAllocation = true;
+#endif
+
 inline int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 // The exit code of a child that ends with what work returns; -1 where it was killed, as after a
