@@ -24,7 +24,7 @@ inline bool is_alone(const vorn_list_head_s *node) {
 }
 
 // A NULL neighbour faults on purpose, and not in a sanitizer's report.
-[[gnu::no_sanitize("null")]] inline void
+__attribute__((no_sanitize("null"))) inline void
 insert_between(vorn_list_head_s *prev, vorn_list_head_s *node, vorn_list_head_s *next) {
   store_link(next->prev, node);
   store_link(node->next, next);

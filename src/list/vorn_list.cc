@@ -57,9 +57,10 @@ void remove(vorn_list_head_s *node, const Caller &by) {
 } // namespace
 
 // The attribute of insert_between holds only where that is not inlined.
-[[gnu::no_sanitize("null")]] void insert_tail(vorn_list_head_s *head, vorn_list_head_s *node,
-                                              Show show, const char *file, const char *function,
-                                              unsigned int line) {
+__attribute__((no_sanitize("null"))) void insert_tail(vorn_list_head_s *head,
+                                                      vorn_list_head_s *node, Show show,
+                                                      const char *file, const char *function,
+                                                      unsigned int line) {
   vorn_list_head_s *last = head->prev;
   check_prev(last, head, {show, file, function, line});
   insert_between(last, node, head);
