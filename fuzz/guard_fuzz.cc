@@ -1,4 +1,4 @@
-// fuzz-sources: src/str/guard.cc src/str/spawn.cc src/str/system.cc
+// fuzz-sources: src/str/guard.cc src/str/spawn.cc src/str/system.cc src/base/system.cc
 //
 // The guard and the separator scan against the plainest reading of their rules. The first line of
 // an input is the whitelist, the rest the command. Nothing is run: there is no process to be had

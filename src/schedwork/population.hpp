@@ -22,7 +22,7 @@ namespace vorn::schedwork {
 
 inline constexpr std::uint16_t kDestroying = 1024;
 
-struct Counts {
+struct alignas(std::uint64_t) Counts { // one word, changed as a whole
   std::uint32_t life;
   std::uint16_t total;
   std::uint16_t free;
