@@ -55,9 +55,9 @@ typedef struct vorn_timer {
   uint8_t isp;           /* VORN_TIMER_HR_PENDING or 0 */
   uint8_t flags;         /* VORN_TIMER_HR or 0 */
   uint32_t owner;        /* the process that armed it, by the library's count of forks */
-  const char *funcName;  /* the function, file and line that set it */
-  const char *file;
-  int line;
+  const char *funcName;  /* the function that set it */
+  const char *file;      /* its source */
+  int line;              /* and line */
 } vorn_timer_s;
 
 /* In flags: a high-resolution timer. */

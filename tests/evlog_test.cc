@@ -94,7 +94,7 @@ protected:
     Dl_info linked;
     dladdr(dlsym(RTLD_DEFAULT, "evlog_init"), &linked);
     fs::copy_file(linked.dli_fname, copy);
-    library.emplace(dlopen(copy.c_str(), RTLD_NOW));
+    library.emplace(Library{dlopen(copy.c_str(), RTLD_NOW)});
   }
   void open_log() { ASSERT_EQ(library->init("app", dir.path().c_str()), 0); }
   std::string log() const { return scratch::read_file(dir / "app.log"); }
