@@ -234,10 +234,11 @@ TEST_F(CfgFault, IsCancelledAfterACallOnly) {
   const int held = blocks;
   const int free_descriptor = scratch::next_descriptor();
   for (int round = 0; round < 300; ++round) {
+    cancels_itself = round == 0;
     pthread_t thread;
     ASSERT_EQ(pthread_create(&thread, nullptr, call_until_cancelled, nullptr), 0);
     usleep(static_cast<useconds_t>(round * 3));
-    if (!cancels_itself.exchange(false)) pthread_cancel(thread);
+    if (round != 0) pthread_cancel(thread);
     pthread_join(thread, nullptr);
     ASSERT_FALSE(is_calling) << round;
     ASSERT_EQ(blocks, held) << round;
