@@ -110,7 +110,7 @@ TEST_F(CfgRace, ReadersGoOnDuringEdits) {
       if (vorn_cfg_getItemValue_ex(file, "s", "k", value, sizeof value) != 0) return 2;
       return vorn_cfg_file_setItemValue(file, "s", "k", "b") == 0 ? 0 : 3;
     };
-    const int wanted = kMayForkBesideAllocation ? 200 : 0;
+    const int wanted = kMayForkBesideAllocation && kMayForkBesideClosing ? 200 : 0;
     int children = 0;
     while (children < wanted && run_in_child(use_all) == 0)
       ++children;

@@ -171,6 +171,7 @@ struct Family {
   int cancellations; // rounds of the storm
   int every;         // of so many children one uses it
   bool allocates = true;
+  bool closes = true; // descriptors
 };
 
 // The thread sanitizer ends a child that starts threads, as the library's start does.
@@ -183,16 +184,16 @@ constexpr bool kMayStartThreadsInChild = true;
 void PrintTo(const Family &family, std::ostream *out) { *out << family.name; }
 
 constexpr Family kFamilies[] = {
-    {"log", log, 1500, 1, false},
+    {"log", log, 1500, 1, false, false},
     {"memory", memory, 1000, 1},
     {"names", names, 1000, 1, false},
     {"registry", registry, 1000, 1},
     {"edit", edit, 700, 3},
     {"private_call", private_call, 1000, 0, false}, // its server is the parent's
-    {"semaphore", semaphore, 1000, 0,
-     false}, // a service's own object: its waiters are the parent's
-    {"waiting", waiting, 700, 0, false},
-    {"locks", locks, 800, 0, false},
+    // A service's own objects: their waiters are the parent's.
+    {"semaphore", semaphore, 1000, 0, false, false},
+    {"waiting", waiting, 700, 0, false, false},
+    {"locks", locks, 800, 0, false, false},
     {"files", files, 500, 1},
     {"clock", clock, 500, 1},
     {"thread_record", thread_record, 700, 1},
@@ -284,6 +285,7 @@ TEST_F(Storm, ChildrenForkedUnderLoadUseEveryFamily) {
       for (int i = user; !done; ++i) {
         const Family &family = kFamilies[static_cast<std::size_t>(i) % std::size(kFamilies)];
         if (family.allocates && !kMayForkBesideAllocation) continue;
+        if (family.closes && !kMayForkBesideClosing) continue;
         if (family.every < 2 || i % family.every == 0) family.use();
       }
     });

@@ -12,6 +12,14 @@ inline constexpr bool kMayForkBesideAllocation = false;
 inline constexpr bool kMayForkBesideAllocation = true;
 #endif
 
+// The user-mode emulator does not survive a fork beside a thread that closes a descriptor: the
+// child waits forever for the lock of the emulator's own descriptor table.
+#ifdef VORN_TEST_EMULATED
+inline constexpr bool kMayForkBesideClosing = false;
+#else
+inline constexpr bool kMayForkBesideClosing = true;
+#endif
+
 inline int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 // The exit code of a child that ends with what work returns; -1 where it was killed, as after a
