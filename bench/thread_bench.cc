@@ -10,15 +10,8 @@
 #include <unordered_map>
 
 #include "support/bench.hpp"
+#include "support/glib_pool.hpp"
 #include "vorn_thrd.h"
-
-// GLib's headers are outside the compiler's folders.
-extern "C" {
-struct GThreadPool;
-GThreadPool *g_thread_pool_new(void (*function)(void *, void *), void *user_data, int max_threads,
-                               int exclusive, void **error);
-int g_thread_pool_push(GThreadPool *, void *data, void **error);
-}
 
 namespace {
 

@@ -1,10 +1,11 @@
 // Forms the line of a log message on the stack and writes it without a lock.
 //
-// A write may block for as long as the console's reader likes, so nobody may wait for one: neither
-// fork(), which waits for the holders of locks, nor a thread whose message is for the file. The
-// mutex is held only while spdlog forms the head of the line. Each line is one write to a file that
-// was opened to append, so lines never mix and those of one thread keep their order; the lines of
-// two threads can stand in the other order than their times, which are taken just before the write.
+// A write may block for as long as the console's reader likes, so no thread may wait for one:
+// neither fork(), which waits for the holders of locks, nor a thread whose message is for the file.
+// The mutex is held only while spdlog forms the head of the line. Each line is one write to a file
+// that was opened to append, so lines never mix and those of one thread keep their order; the lines
+// of two threads can stand in the other order than their times, which are taken just before the
+// write.
 #include "message.hpp"
 
 #include <algorithm>

@@ -20,7 +20,7 @@
  * Any thread may call; nothing here is safe in a signal handler. Calls block on the file system, on
  * the locks below for as long as another thread holds them, and editors on other editors of the
  * same file in any process. None is a cancellation point, while it waits or during the callback of
- * an edit: a cancellation acts after the call, with nothing left behind. A child of fork() may make
+ * an edit: a cancellation acts after the call, and leaves nothing. A child of fork() may make
  * all of these calls, whatever the library's threads in the parent were doing. Results are 0, or -1
  * after a message in the log, unless a function says otherwise. Text arguments end in a NUL and
  * stay the caller's. */

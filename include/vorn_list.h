@@ -1,6 +1,6 @@
 /* The circular doubly linked list in the kernel's style that records embed a node of. A head is a
  * bare node; an empty one points at itself. The operations here check nothing and lock nothing:
- * whoever owns a list serialises all access to it. All take constant time. No function here is a
+ * the owner of a list serialises all access to it. All take constant time. No function here is a
  * cancellation point. */
 #ifndef VORN_LIST_H
 #define VORN_LIST_H

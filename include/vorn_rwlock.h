@@ -41,7 +41,7 @@ VORN_API void vorn_rwlock_read_lock(vorn_rwlock_s *lock);
  * for holders; tries again while other readers change the number first. */
 VORN_API int vorn_rwlock_try_read_lock(vorn_rwlock_s *lock);
 
-/* Waits until nobody holds the lock and takes it for writing: the word is -1 then. */
+/* Waits until no thread holds the lock and takes it for writing: the word is -1 then. */
 VORN_API void vorn_rwlock_write_lock(vorn_rwlock_s *lock);
 
 /* vorn_rwlock_read_lock that sleeps for a microsecond (vorn_usleep) after every 10 attempts. */

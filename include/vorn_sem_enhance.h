@@ -5,7 +5,7 @@
  *
  * Any thread may call, also up without a down before. None is a cancellation point, however long it
  * waits: a cancellation stays pending until the call is over, and a unit that the thread was
- * granted by then is its own to give back. None is for signal handlers. Where nobody has to wait
+ * granted by then is its own to give back. None is for signal handlers. If no thread has to wait
  * the spin lock is taken and nothing else done. */
 #ifndef VORN_SEM_ENHANCE_H
 #define VORN_SEM_ENHANCE_H

@@ -1,5 +1,5 @@
 /* The ticket spin lock: a thread that comes draws the next number and waits until it is served, so
- * the lock is handed on in the order of arrival and nobody starves.
+ * the lock is handed on in the order of arrival and no thread starves.
  *
  * Waits spin without limit, without a pause and without giving the processor away: for critical
  * sections of a few instructions, and no more threads than CPUs, because the lock waits for the
@@ -14,8 +14,8 @@
  *   "ReInited lock"  it is initialised already
  *   "AA lock"        the holder takes it again; lock then never comes back
  *   "AB lock"        it is released by a thread that does not hold it
- *   "ReUnlock"       it is released while nobody holds it (function is "ticket_unlock"); serving is
- *                    then past the next number, and the lock useless until it is initialised anew
+ *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock"); serving
+ * is then past the next number, and the lock useless until it is initialised anew
  *
  * When a holder ends without unlocking, the lock stays held. The holder is told by its kernel
  * thread id, cut to 32 bits: a child of fork() is another thread, and in memory that processes
@@ -38,7 +38,7 @@ typedef struct vorn_tspinlock {
   uint32_t next;    /* the number that is handed out next; equal to serving: the lock is free */
   uint32_t magic;   /* VORN_TSPINLOCK_MAGIC while initialised */
   uint32_t other;   /* all ones; only printed */
-  uint64_t owner;   /* the holder's kernel thread id; all ones when nobody holds it */
+  uint64_t owner;   /* the holder's kernel thread id; all ones when no thread holds it */
 } vorn_tspinlock_s;
 
 /* What vorn_tspinlock_s::magic holds from init to destroy, and from then on. */

@@ -1,6 +1,6 @@
 /* The ticket reader-writer lock: many readers or one writer, served in the order of arrival. A
  * reader waits for the writers that came before it, a writer for everyone that came before it, so
- * nobody starves. Readers that follow each other hold the lock together.
+ * no thread starves. Readers that follow each other hold the lock together.
  *
  * Waits spin without limit and do not give the processor away: for short critical sections, and no
  * more threads than CPUs. Not recursive, not even for readers: a reader that takes the lock again

@@ -16,21 +16,10 @@
 
 #include "evlog.h"
 #include "support/child.hpp"
+#include "support/create_error.hpp"
 #include "support/log_capture.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_sched.h"
-
-static std::atomic<int> create_error{0};
-
-extern "C" {
-int __real_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
-                          void *argument);
-int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
-                          void *argument) {
-  const int error = create_error;
-  return error != 0 ? error : __real_pthread_create(id, attr, start, argument);
-}
-}
 
 namespace {
 

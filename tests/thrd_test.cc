@@ -17,25 +17,17 @@
 
 #include "evlog.h"
 #include "support/child.hpp"
+#include "support/create_error.hpp"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_syscall.h"
 
-static std::atomic<int> create_error{0};
 static std::atomic<std::size_t> refused_size{0};
 static std::optional<vorn::thread::Reference> looker; // at slot 1, while memory for it is refused
 static unsigned int asked_tid = 0;
 
 extern "C" {
-int __real_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
-                          void *argument);
-int __wrap_pthread_create(pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *),
-                          void *argument) {
-  const int error = create_error;
-  return error != 0 ? error : __real_pthread_create(id, attr, start, argument);
-}
-
 void *__real_malloc(std::size_t size);
 void *__wrap_malloc(std::size_t size) {
   if (refused_size == 0 || size < refused_size) return __real_malloc(size);
@@ -142,7 +134,7 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   EXPECT_EQ(vorn_thrd_putthreadinfo(found), 0);
   EXPECT_EQ(found->slot->count, 0u);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_putthreadinfo",
-                    "Put of thread slot 0, which nobody holds.");
+                    "Put of thread slot 0, which no thread holds.");
 }
 
 TEST(Registry, ThreadBeyondTheTableIsServedUnseen) {

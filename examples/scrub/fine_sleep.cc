@@ -22,7 +22,7 @@ void FineSleep::sleep(std::uint64_t nanoseconds) {
   }
 }
 
-// Whoever cannot arm it again ends the sleep early: the sleeper looks at the time itself.
+// A thread that cannot arm it again ends the sleep early: the sleeper looks at the time itself.
 void FineSleep::expired(std::uint64_t self) {
   auto &sleep = *reinterpret_cast<FineSleep *>(self);
   if (!sleep.arm()) vorn_sem_enhance_up(&sleep.over_);

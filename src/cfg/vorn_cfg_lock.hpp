@@ -75,8 +75,8 @@ bool is_named(const char *path, int fd);
 
 // The lock on the file that path names: editors of a file hold its exclusive flock(2). A rename may
 // take the path from the file while they wait for it, and a lock on a file that has no name any
-// more keeps nobody out: an editor that has got the lock checks that the path still names the file,
-// and otherwise opens and locks again. The thread is not cancelled while the object exists.
+// more keeps no thread out: an editor that has got the lock checks that the path still names the
+// file, and otherwise opens and locks again. The thread is not cancelled while the object exists.
 class PathLock {
 public:
   // Through a descriptor of its own, with these flags; the file is made with mode where they say

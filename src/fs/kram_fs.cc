@@ -25,7 +25,8 @@ static_assert(kMessageSize == 72);
 
 // The listeners, which stand on the stacks of their threads. Closing a socket does not wake a
 // thread that is blocked in it, and netlink knows no shutdown(2). So a listener receives from a
-// duplicate of its own, the number of which is nobody else's, and waits for a wake-up beside it.
+// duplicate of its own, the number of which no other thread uses, and waits for a wake-up beside
+// it.
 class Listener {
 public:
   // Binds the socket as well. errno tells why where it cannot.

@@ -12,7 +12,7 @@
 // Writers. A reader enters by a compare-and-swap from a value with W clear to the one above it, a
 // writer by one from 0. Both fail when the word has changed since it was read, so nobody enters
 // beside a writer. A reader leaves by an atomic subtraction, which the readers beside it do not
-// lose. A writer leaves by storing 0: nobody else writes while W is set.
+// lose. A writer leaves by storing 0: no other thread writes while W is set.
 //
 // Order. Entering acquires, leaving releases. A writer that comes after readers reads the value of
 // the last one to leave; the subtractions, and the additions of readers between them, are one

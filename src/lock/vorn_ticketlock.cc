@@ -14,8 +14,8 @@
 // Order. The addition to serving releases, the load that sees one's own number acquires: what a
 // holder wrote is seen by the next.
 //
-// No ABA. The numbers wrap after 2^32. A waiting thread holds its number, so nobody else has the
-// same one unless 2^32 threads wait. trylock read serving equal to next before its
+// No ABA. The numbers wrap after 2^32. A waiting thread holds its number, so no other thread has
+// the same one unless 2^32 threads wait. trylock read serving equal to next before its
 // compare-and-swap: that takes the lock wrongly if all numbers are drawn in between and one of the
 // last is still held, which takes minutes of nothing but locking by others between two
 // instructions.

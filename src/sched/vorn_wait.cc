@@ -117,7 +117,7 @@ std::uint32_t load(const std::uint32_t *word) {
   return atomic_word(*word).load(std::memory_order_acquire);
 }
 
-// syscall(2) is no cancellation point. Returns 0 when somebody woke the word, or an errno.
+// syscall(2) is no cancellation point. Returns 0 when a thread woke the word, or an errno.
 int futex_wait(const std::uint32_t *word, std::uint32_t value, const timespec &deadline) {
   const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, &deadline, nullptr,
                               FUTEX_BITSET_MATCH_ANY);

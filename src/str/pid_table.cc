@@ -32,7 +32,7 @@ int settle_entries() {
   return entries.compare_exchange_strong(settled, limit) ? limit : settled;
 }
 
-// An entry belongs to whoever owns the descriptor; nothing else is published with it.
+// An entry belongs to the owner of the descriptor; nothing else is published with it.
 std::atomic_ref<std::int32_t> entry(std::int32_t *of_table, int fd) {
   return atomic_word(of_table[fd]);
 }

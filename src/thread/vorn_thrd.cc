@@ -242,7 +242,8 @@ int vorn_thrd_putthreadinfo(vorn_thread_s *thread) {
   }
   std::uint32_t left = 0;
   if (!drop(*thread->slot, &left))
-    VORN_LOG(vorn::kError, "Put of thread slot %zu, which nobody holds.", index_of(*thread->slot));
+    VORN_LOG(vorn::kError, "Put of thread slot %zu, which no thread holds.",
+             index_of(*thread->slot));
   return static_cast<int>(left);
 }
 

@@ -39,7 +39,7 @@ constexpr unsigned int kStopMilliseconds = 10;
 // The threads that were started; 0: there is no pool.
 constinit std::atomic<std::uint32_t> pool_size{0};
 constinit std::atomic<bool> stopping{false};
-constinit std::atomic<std::uint32_t> missing{0}; // that died, and have nobody in their place
+constinit std::atomic<std::uint32_t> missing{0}; // that died, and have no thread in their place
 
 // Written by the creator of the pool before it starts the first thread.
 std::uint32_t remainder_count; // of threads that the spawner starts, itself included

@@ -21,7 +21,12 @@ constexpr char kAffinityLevel[] = "affinity_level_1";
 constinit std::uint32_t forks = 1; // changed while the process has one thread
 const ForkChild count_fork{[] { ++forks; }};
 
-void replace(void *service) { static_cast<const Service *>(service)->resume(); }
+// After a function has ended the thread: lets another one go on.
+void replace(void *argument) {
+  const auto &service = *static_cast<const Service *>(argument);
+  service.end_call();
+  if (start_thread(service) != 0) service.state->store(service.stopped, std::memory_order_release);
+}
 
 void *serve(void *argument) {
   const auto &service = *static_cast<const Service *>(argument);

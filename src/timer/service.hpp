@@ -17,7 +17,9 @@ struct Service {
   unsigned int priority; // of vorn_thrd_setprio
   unsigned int strategy;
   void (*run)();      // returns in a child of fork() alone, that a timer's function has made
-  int (*resume)();    // after a function has ended the thread: lets another one go on
+  void (*end_call)(); // of a function that has ended the thread
+  std::atomic<int> *state;
+  int stopped;        // the state if no other thread could be started then
   const char *file;   // of the log messages about it
   const char *module; // the function that starts it
 };

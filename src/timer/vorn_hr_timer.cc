@@ -147,20 +147,14 @@ void run_hr_timers() {
   }
 }
 
-int resume();
-
-constexpr Service kService{"vorn_hr_timer", 0,         VORN_THRD_STRATEGY_CRITICAL, run_hr_timers,
-                           resume,          VORN_FILE, "vorn_hr_timer_module_init"};
-
-int resume() {
-  {
-    const RootGuard hold;
-    root.running.end(disarm);
-  }
-  if (start_thread(kService) == 0) return 0;
-  state.store(kNoThread, std::memory_order_release);
-  return -1;
+void end_call() {
+  const RootGuard hold;
+  root.running.end(disarm);
 }
+
+constexpr Service kService{"vorn_hr_timer", 0,         VORN_THRD_STRATEGY_CRITICAL,
+                           run_hr_timers,   end_call,  &state,
+                           kNoThread,       VORN_FILE, "vorn_hr_timer_module_init"};
 
 // --- Start ---
 

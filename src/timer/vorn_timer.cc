@@ -181,21 +181,14 @@ void run_timers() {
   } while (run_all_due());
 }
 
-int resume();
-
-constexpr Service kService{
-    "vorn_run_timers",       1, VORN_THRD_STRATEGY_MANAGE, run_timers, resume, VORN_FILE,
-    "vorn_timer_module_init"};
-
-int resume() {
-  {
-    const RootGuard hold;
-    root.running.end(disarm);
-  }
-  if (start_thread(kService) == 0) return 0;
-  state.store(kStopped, std::memory_order_release);
-  return -1;
+void end_call() {
+  const RootGuard hold;
+  root.running.end(disarm);
 }
+
+constexpr Service kService{"vorn_run_timers", 1,         VORN_THRD_STRATEGY_MANAGE,
+                           run_timers,        end_call,  &state,
+                           kStopped,          VORN_FILE, "vorn_timer_module_init"};
 
 // --- Start ---
 

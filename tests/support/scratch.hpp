@@ -27,9 +27,9 @@ std::string read_file(const std::string &path);
 // The lowest free descriptor: a leak raises it.
 int next_descriptor();
 
-// From now on this process sees an empty file system at directory, as nobody else does. A directory
-// of "/" that the machine does not have appears for this process alone. False where the machine
-// does not let a test have mounts of its own.
+// From now on this process sees an empty file system at directory, as no other process does. A
+// directory of "/" that the machine does not have appears for this process alone. False where the
+// machine does not let a test have mounts of its own.
 bool cover_directory(const std::string &directory);
 inline constexpr char kNoMounts[] =
     "mounts of its own take CAP_SYS_ADMIN and a root directory that is a mount point";

@@ -1,0 +1,12 @@
+// What the benchmarks call of GLib's thread pool, whose headers are outside the compiler's folders.
+#ifndef VORN_BENCH_GLIB_POOL_HPP
+#define VORN_BENCH_GLIB_POOL_HPP
+
+extern "C" {
+struct GThreadPool;
+GThreadPool *g_thread_pool_new(void (*function)(void *, void *), void *user_data, int max_threads,
+                               int exclusive, void **error);
+int g_thread_pool_push(GThreadPool *, void *data, void **error);
+}
+
+#endif
