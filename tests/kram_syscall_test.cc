@@ -249,6 +249,18 @@ auto threads_and_descriptors() {
   return std::pair{entries("/proc/self/task"), entries("/proc/self/fd")};
 }
 
+// Waits until every other thread of the process sleeps: the server is done with what it was asked.
+bool others_sleep() {
+  return eventually([] {
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+      const std::string status = scratch::read_file(task.path() / "stat");
+      const bool own = task.path().filename() == std::to_string(gettid());
+      if (!own && !status.empty() && status.at(status.rfind(')') + 2) != 'S') return false;
+    }
+    return true;
+  });
+}
+
 TEST(KramRegistry, RefusesBadEntriesAndKeepsTheFirstGroup) {
   const std::pair<kram_entry_s, const char *> rows[] = {
       {{0x400, 2, echo}, "Syscall type is wrong, it should be direct(0) or indirect(1)."},
@@ -523,9 +535,11 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
       ASSERT_TRUE(put(busy.back().get(), is_last ? "slow" : message(0x403, "")));
       ASSERT_TRUE(eventually([=] { return held == (is_last ? i : i + 1); }));
     }
+    ASSERT_TRUE(others_sleep());
     const vorn::UniqueFd fresh = dial(); // in the place of this process's own
     EXPECT_GT(ask(fresh), 0);
     EXPECT_TRUE(ask_the_young());
+    ASSERT_TRUE(others_sleep()); // the fresh one's, too, is idle
     capture::take();
     EXPECT_GT(call(0x400), 0); // in the place of the fresh one
     EXPECT_TRUE(ask_the_young());
@@ -549,7 +563,9 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
       EXPECT_EQ(recv(one.get(), &byte, 1, 0), 1);
   }
   EXPECT_TRUE(eventually([&] { return threads_and_descriptors() == before; }));
-  EXPECT_TRUE(capture::take_lines()[0].starts_with("E recv error, err=0, buf=")); // of the slow one
+  const auto lines = capture::take_lines();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(lines[0].starts_with("E recv error, err=0, buf=")); // of the slow one
 }
 
 } // namespace
