@@ -26,6 +26,7 @@
 #include "vorn_jiffies.h"
 #include "vorn_list.h"
 #include "vorn_log.h"
+#include "vorn_lwp.h"
 #include "vorn_mem.h"
 #include "vorn_mtx.h"
 #include "vorn_notifier.h"

@@ -4,8 +4,6 @@
 // therefore take the block off and free it.
 #include "vorn_notifier.h"
 
-#include "base/cancellation_off.hpp"
-#include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "lock/spin_guard.hpp"
 
@@ -18,27 +16,6 @@ namespace vorn::notifier {
 namespace {
 
 constexpr int kNotFound = -2;
-
-// The chain's lock, outside signal handlers: within the fork gate, so that no child inherits it
-// held.
-class ChainGuard {
-public:
-  explicit ChainGuard(vorn_notifier_chain_s &chain, const char *site = __builtin_FUNCTION(),
-                      unsigned int line = __builtin_LINE())
-      : lock_(chain.lock, site, line) {}
-
-private:
-  struct Gate {
-    Gate() { enter_fork_gate(); }
-    Gate(const Gate &) = delete;
-    Gate &operator=(const Gate &) = delete;
-    ~Gate() { leave_fork_gate(); }
-  };
-
-  const CancellationOff off_;
-  const Gate gate_;
-  const lock::SpinGuard lock_;
-};
 
 using Link = vorn_notifier_block_s *;
 
@@ -79,13 +56,14 @@ int call(vorn_notifier_block_s *block, const vorn_notifier_block_s *next, unsign
 using namespace vorn::notifier;
 
 using vorn::kInfo;
+using vorn::lock::GatedSpinGuard;
 
 int vorn_atomic_notifier_chain_register__(vorn_notifier_chain_s *chain,
                                           vorn_notifier_block_s *block, const char *file,
                                           int line) {
   if (chain == nullptr || block == nullptr) return 0;
   {
-    const ChainGuard hold{*chain};
+    const GatedSpinGuard hold{chain->lock};
     insert(&chain->head, block);
   }
   VORN_LOG(kInfo, "Notifier chain %s register (%s:%d, %p, %p, %u), ret=%d", chain->name, file, line,
@@ -100,7 +78,7 @@ int vorn_atomic_notifier_chain_unregister__(vorn_notifier_chain_s *chain,
   if (chain == nullptr || block == nullptr) return 0;
   int result = 0;
   {
-    const ChainGuard hold{*chain};
+    const GatedSpinGuard hold{chain->lock};
     result = remove(&chain->head, block);
   }
   VORN_LOG(kInfo, "Notifier chain %s unregister (%s:%d, 0x%p), ret=%d", chain->name, file, line,
@@ -113,7 +91,7 @@ int vorn_atomic_notifier_call_chain__(vorn_notifier_chain_s *chain, unsigned lon
   if (chain == nullptr) return 0;
   VORN_LOG(kInfo, "Chain name %s call chain start: action=%d, data=%p, nrToCall=%d, nrCalls=%p.",
            chain->name, static_cast<int>(action), data, nrToCall, static_cast<void *>(nrCalls));
-  const ChainGuard hold{*chain};
+  const GatedSpinGuard hold{chain->lock};
   return VornNotifierCallChain(chain, action, data, nrToCall, nrCalls);
 }
 
