@@ -40,6 +40,7 @@
 #include "vorn_sched_work.h"
 #include "vorn_sem_enhance.h"
 #include "vorn_shm.h"
+#include "vorn_sig_calltrace.h"
 #include "vorn_smp.h"
 #include "vorn_spinlock.h"
 #include "vorn_str.h"
