@@ -39,6 +39,11 @@ bool Table::lookup(std::uintptr_t address, Symbol *out) const {
   return object != nullptr && object->lookup(address, out);
 }
 
+bool Table::is_code(std::uintptr_t address) const {
+  const Object *object = object_at(address);
+  return object != nullptr && object->image().code_at(address - object->image().base()) != nullptr;
+}
+
 // The loader's lock is held meanwhile: files and log messages wait until it is over.
 bool Table::take_loaded() {
   struct Walk {

@@ -23,6 +23,7 @@ public:
   bool fill(const Table *previous);
 
   bool lookup(std::uintptr_t address, Symbol *out) const;
+  bool is_code(std::uintptr_t address) const;
 
   Table *next_retired = nullptr;
 

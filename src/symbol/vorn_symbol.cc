@@ -96,6 +96,10 @@ bool Reader::lookup(std::uintptr_t address, Symbol *out) const {
   return table_ != nullptr && table_->lookup(address, out);
 }
 
+bool Reader::is_code(std::uintptr_t address) const {
+  return table_ != nullptr && table_->is_code(address);
+}
+
 } // namespace vorn::symbol
 
 using namespace vorn::symbol;

@@ -28,6 +28,9 @@ public:
   // The function that contains address. False, with *out untouched, when none is known.
   bool lookup(std::uintptr_t address, Symbol *out) const;
 
+  // Whether the address lies in the code of an object of the table.
+  bool is_code(std::uintptr_t address) const;
+
 private:
   const Table *table_;
 };
