@@ -39,9 +39,13 @@ bool Table::lookup(std::uintptr_t address, Symbol *out) const {
   return object != nullptr && object->lookup(address, out);
 }
 
-bool Table::is_code(std::uintptr_t address) const {
+bool Table::find_object(std::uintptr_t address, Symbol *out) const {
   const Object *object = object_at(address);
-  return object != nullptr && object->image().code_at(address - object->image().base()) != nullptr;
+  if (object == nullptr) return false;
+  const Image &image = object->image();
+  if (image.code_at(address - image.base()) == nullptr) return false;
+  *out = {nullptr, image.base(), image.name()};
+  return true;
 }
 
 // The loader's lock is held meanwhile: files and log messages wait until it is over.

@@ -23,7 +23,7 @@ public:
   bool fill(const Table *previous);
 
   bool lookup(std::uintptr_t address, Symbol *out) const;
-  bool is_code(std::uintptr_t address) const;
+  bool find_object(std::uintptr_t address, Symbol *out) const;
 
   Table *next_retired = nullptr;
 

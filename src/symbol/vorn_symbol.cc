@@ -96,8 +96,8 @@ bool Reader::lookup(std::uintptr_t address, Symbol *out) const {
   return table_ != nullptr && table_->lookup(address, out);
 }
 
-bool Reader::is_code(std::uintptr_t address) const {
-  return table_ != nullptr && table_->is_code(address);
+bool Reader::find_object(std::uintptr_t address, Symbol *out) const {
+  return table_ != nullptr && table_->find_object(address, out);
 }
 
 } // namespace vorn::symbol

@@ -28,8 +28,9 @@ public:
   // The function that contains address. False, with *out untouched, when none is known.
   bool lookup(std::uintptr_t address, Symbol *out) const;
 
-  // Whether the address lies in the code of an object of the table.
-  bool is_code(std::uintptr_t address) const;
+  // The object whose code contains address, named or not: its file, and as start the address that
+  // its file's addresses count from; no name. False as above.
+  bool find_object(std::uintptr_t address, Symbol *out) const;
 
 private:
   const Table *table_;

@@ -44,10 +44,16 @@ struct Place {
 };
 
 // A return address may lie after the end of the function that called: the call is just before it.
-Place caller_at(const symbol::Reader &symbols, std::uintptr_t return_address) {
+// Code without a name is shown by its place in the file. False where there is no code.
+bool find_caller(const symbol::Reader &symbols, std::uintptr_t return_address, Place *out) {
   symbol::Symbol found{};
-  if (return_address == 0 || !symbols.lookup(return_address - 1, &found)) return {};
-  return {found.name, found.object, return_address - found.start};
+  const std::uintptr_t call = return_address - 1;
+  if (!symbols.find_object(call, &found)) return false;
+  symbols.lookup(call, &found);
+  if (found.name != nullptr) out->function = found.name;
+  out->object = found.object;
+  out->offset = return_address - found.start;
+  return true;
 }
 
 bool is_outermost(const char *function) {
@@ -98,17 +104,24 @@ public:
   // No frame can be read there.
   void write_lost(const FrameChain &chain) const {
     const Link link = chain.link();
-    const Suspicion suspicion{true, link == Link::kGood ? Link::kOutside : link};
-    write({chain.at(), 0}, 0, 0, {}, suspicion);
+    write({chain.at(), 0}, 0, 0, {}, {true, link == Link::kGood ? Link::kOutside : link});
+  }
+
+  // The caller of a jump that made no frame.
+  void write_called_from(const StackDump &dump) const {
+    Place place;
+    const bool known = find_caller(symbols_, dump.called_from, &place);
+    write({dump.stack_pointer, dump.frame_pointer}, dump.called_from, 0, place,
+          {known, Link::kGood});
   }
 
   // Whether the frame is the outermost.
   bool write_frame(const FrameChain &chain, const Frame &frame, const FrameChain &next) const {
     const std::uintptr_t code = arch::plain_code_address(frame.return_address);
-    const Place place = caller_at(symbols_, code);
-    const bool up = next.link() == Link::kGood;
-    write({chain.at(), frame.caller}, code, up ? next.at() - chain.at() : 0, place,
-          {symbols_.is_code(code - 1), next.link()});
+    Place place;
+    const bool known = find_caller(symbols_, code, &place);
+    const std::uintptr_t length = next.link() == Link::kGood ? next.at() - chain.at() : 0;
+    write({chain.at(), frame.caller}, code, length, place, {known, next.link()});
     return is_outermost(place.function);
   }
 
@@ -160,11 +173,16 @@ private:
   unsigned long words_[kLineWords] = {};
 };
 
+bool is_readable(std::uintptr_t address) {
+  char byte;
+  return copy_foreign(address, &byte, 1);
+}
+
 // The readable pages from the one of the address up, over so many bytes at most.
 std::uintptr_t readable_end(std::uintptr_t address, std::uintptr_t most) {
   const std::uintptr_t end = sum(address, most);
   std::uintptr_t at = address;
-  for (char byte; at < end && copy_foreign(at, &byte, 1);)
+  while (at < end && is_readable(at))
     at = sum(at | (kProbe - 1), 1);
   return std::min(at, end);
 }
@@ -172,41 +190,28 @@ std::uintptr_t readable_end(std::uintptr_t address, std::uintptr_t most) {
 std::uintptr_t readable_start(std::uintptr_t address) {
   const std::uintptr_t page = address & ~(kProbe - 1);
   const std::uintptr_t start = difference(address, kBelow);
-  char byte;
-  return start >= page || copy_foreign(start, &byte, 1) ? start : page;
+  return start >= page || is_readable(start) ? start : page;
 }
 
-bool holds(const StackBounds &stack, std::uintptr_t address) {
-  return stack.low <= address && address < stack.high;
-}
-
-// Which stack a smashed stack pointer has left is what the frame pointer may tell, or the thread's
-// record.
-void dump_own_stack(const StackDump &dump) {
+// An address of the stack that can be read: where the stack pointer is smashed, or has run over the
+// end, the frame pointer may do; else the outermost part of the stack that the record knows. 0:
+// there is none.
+std::uintptr_t find_stack(const StackDump &dump) {
+  if (is_readable(dump.stack_pointer)) return dump.stack_pointer;
+  if (is_readable(dump.frame_pointer)) return dump.frame_pointer;
   StackBounds stack{};
-  if (record_is_readable()) vorn_thrd_getosstack(&stack.low, &stack.high);
-  std::uintptr_t at = difference(stack.high, kMostBytes);
-  if (holds(stack, dump.frame_pointer)) at = dump.frame_pointer;
-  evlog_original("<%d>Try to dump OS stack, start(0x%0llx) end(0x%0llx):", dump.tid,
-                 static_cast<unsigned long long>(stack.low),
-                 static_cast<unsigned long long>(stack.high));
-  vorn_dump_stack_ext(dump.tid, dump.frame_pointer, stack);
-  if (dump.with_words && stack.high != 0) vorn_thread_dump_full_stack(dump.tid, at, stack);
+  if (!record_is_readable() || vorn_thrd_getosstack(&stack.low, &stack.high) != 0) return 0;
+  return difference(stack.high, kMostBytes);
 }
 
 void vorn_thread_dump_broken_stack(const StackDump &dump) {
-  const std::uintptr_t sp = dump.stack_pointer;
-  const std::uintptr_t end = readable_end(sp, kMostBytes);
-  if (end == sp) {
-    dump_own_stack(dump);
-    return;
-  }
-  const StackBounds words{readable_start(sp), end};
+  const std::uintptr_t at = find_stack(dump);
+  const StackBounds words{at == 0 ? 0 : readable_start(at), readable_end(at, kMostBytes)};
   evlog_original("<%d>Try to dump OS stack, start(0x%0llx) end(0x%0llx):", dump.tid,
                  static_cast<unsigned long long>(words.low),
                  static_cast<unsigned long long>(words.high));
-  vorn_dump_stack_ext(dump.tid, dump.frame_pointer, {sp, sum(sp, kWidestStack)});
-  if (dump.with_words) vorn_thread_dump_full_stack(dump.tid, sp, words);
+  vorn_dump_stack_ext(dump, {at, sum(at, kWidestStack)});
+  if (dump.with_words) vorn_thread_dump_full_stack(dump.tid, at, words);
 }
 
 } // namespace
@@ -218,9 +223,10 @@ bool record_is_readable() {
          copy_foreign(reinterpret_cast<std::uintptr_t>(t_record), &copy, sizeof copy);
 }
 
-void vorn_dump_stack_ext(pid_t tid, std::uintptr_t frame_pointer, const StackBounds &stack) {
-  const FrameTable table{tid};
-  FrameChain chain{frame_pointer, stack};
+void vorn_dump_stack_ext(const StackDump &dump, const StackBounds &stack) {
+  const FrameTable table{dump.tid};
+  if (dump.called_from != 0) table.write_called_from(dump);
+  FrameChain chain{dump.frame_pointer, stack};
   Frame frame{};
   for (unsigned int i = 0; i < kMostFrames; ++i) {
     if (chain.link() != Link::kGood || !copy_foreign(chain.at(), &frame, sizeof frame)) {
@@ -267,7 +273,8 @@ void vorn_thread_dump_sync_stack(const StackDump &dump) {
   evlog_original("<%d>(sync)get %s, stack start(0x%0llx) end(0x%0llx)", dump.tid, kind,
                  static_cast<unsigned long long>(stack.low),
                  static_cast<unsigned long long>(stack.high));
-  vorn_dump_stack_ext(dump.tid, dump.frame_pointer, stack);
+  // The classifier takes an address just below the stack for one of it: so are the frames there.
+  vorn_dump_stack_ext(dump, {std::min(stack.low, sp), stack.high});
   if (dump.with_words) vorn_thread_dump_full_stack(dump.tid, sp, stack);
 }
 
@@ -291,7 +298,7 @@ void vorn_thread_dump_stack() {
   const char *kind = nullptr;
   if (!record_is_readable() || vorn_thrd_getcurrentstack(sp, &stack.low, &stack.high, &kind) != 0)
     stack = {sp, sp};
-  vorn_dump_stack_ext(tid, fp, stack);
+  vorn_dump_stack_ext({tid, sp, fp, 0, false}, stack);
 }
 
 void vorn_thread_exit_callback() {

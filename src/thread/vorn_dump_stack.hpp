@@ -16,7 +16,8 @@ struct StackDump {
   pid_t tid;
   std::uintptr_t stack_pointer;
   std::uintptr_t frame_pointer;
-  bool with_words; // for a fatal signal
+  std::uintptr_t called_from; // where a jump to nowhere returns to, which no frame has; else 0
+  bool with_words;            // for a fatal signal
 };
 
 // Where the calling thread's own stacks are is read from its record: not where that is unreadable.
@@ -24,7 +25,7 @@ bool record_is_readable();
 
 // The frames from the one at the frame pointer out, within the stack. Those named start_thread and
 // main are outermost.
-void vorn_dump_stack_ext(pid_t tid, std::uintptr_t frame_pointer, const StackBounds &stack);
+void vorn_dump_stack_ext(const StackDump &dump, const StackBounds &stack);
 
 // What a signal interrupted: which stack it is, its frames and its words.
 void vorn_thread_dump_sync_stack(const StackDump &dump);

@@ -146,9 +146,19 @@ void write_registers(int signal, const arch::RegisterRecord &record) {
   write_program_counter(tid, symbols, record.words[VORN_FAULT_PC]);
 }
 
+// A call of a bad function pointer faults before any frame is made: who called is not in a frame.
+std::uintptr_t caller_of_nowhere(const arch::RegisterRecord &record) {
+  symbol::Symbol object{};
+  if (symbol::Reader().find_object(record.words[VORN_FAULT_PC], &object)) return 0;
+  std::uintptr_t address = record.words[arch::kReturnWord];
+  if (arch::kReturnIsOnStack && !copy_foreign(address, &address, sizeof address)) return 0;
+  return arch::plain_code_address(address);
+}
+
 void write_stack(int signal, const arch::RegisterRecord &record) {
   vorn_thread_dump_sync_stack({gettid(), record.words[VORN_FAULT_SP],
-                               record.words[arch::kFramePointer], !is_dump_only(signal)});
+                               record.words[arch::kFramePointer], caller_of_nowhere(record),
+                               !is_dump_only(signal)});
 }
 
 // Faults in the report must come to the handler: a blocked one ends the process at once. The first

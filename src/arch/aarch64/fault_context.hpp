@@ -16,6 +16,10 @@ inline constexpr NamedRegister kRegisters[] = {
 
 inline constexpr unsigned int kFramePointer = 29;
 
+// Where a call leaves the address to return to: in this word of the record.
+inline constexpr unsigned int kReturnWord = 30;
+inline constexpr bool kReturnIsOnStack = false;
+
 inline RegisterRecord registers_of(const ucontext_t &context) {
   RegisterRecord record{};
   for (unsigned int i = 0; i <= 30; ++i)

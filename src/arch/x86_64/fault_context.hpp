@@ -15,6 +15,10 @@ inline constexpr NamedRegister kRegisters[] = {
 
 inline constexpr unsigned int kFramePointer = 6;
 
+// Where a call leaves the address to return to: in memory, where this word of the record points.
+inline constexpr unsigned int kReturnWord = VORN_FAULT_SP;
+inline constexpr bool kReturnIsOnStack = true;
+
 inline RegisterRecord registers_of(const ucontext_t &context) {
   constexpr int kOrder[] = {REG_RAX, REG_RBX, REG_RCX, REG_RDX, REG_RSI, REG_RDI, REG_RBP, REG_R8,
                             REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15};
