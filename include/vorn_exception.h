@@ -23,6 +23,14 @@ typedef struct vorn_exception_data {
   uint32_t arg6;
 } vorn_exception_data_s;
 
+/* Install the handlers of fatal signals, for the usual signals and for those of a list of sigNum
+ * numbers: vorn_thread_signal_init and vorn_thread_signal_init_with_list of vorn_sig_calltrace.h,
+ * whose results are lost. Return 0; the second logs an error and returns -1 when sigList is NULL or
+ * sigNum is 0. */
+VORN_API int vorn_exception_init(void);
+VORN_API int vorn_exception_init_with_list(void *arg, const unsigned int *sigList,
+                                           unsigned int sigNum);
+
 /* Register and unregister a block of the exception chain in the caller's name. */
 #define vorn_exception_chain_register(block)                                                       \
   vorn_exception_chain_register__(block, __FILE__, __LINE__)

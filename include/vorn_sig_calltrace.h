@@ -13,8 +13,8 @@
  * the thread in front.
  *
  * A report always ends. A fault during the report leads on to its next part; ten seconds in one
- * part do too. Nothing in it allocates, takes a lock that a normal thread may hold, or reads through
- * a pointer that the kernel has not found readable.
+ * part do too. Nothing in it allocates, takes a lock that a normal thread may hold, or reads
+ * through a pointer that the kernel has not found readable.
  *
  * A system call that a dump-only signal interrupts is started again where the system does that
  * (SA_RESTART); others end with EINTR, in the thread's own calls, not in those of the library.
@@ -83,8 +83,8 @@ VORN_API int vorn_thread_coredump_flag_get(unsigned int *out);
 VORN_API int dump_thread_stack_sig(pid_t pid, pid_t tid);
 
 /* Makes signal 59 append the backtrace of the thread that gets it to the file
- * "/var/log/dr/block-stack-NAME-TID", of the process's name and the thread's id. Returns 0; -1 after
- * an error message where the process's name is not to be had or the handler is refused. */
+ * "/var/log/dr/block-stack-NAME-TID", of the process's name and the thread's id. Returns 0; -1
+ * after an error message where the process's name is not to be had or the handler is refused. */
 VORN_API int dump_signal_init(void);
 
 /* Appends "dump_time:" and the time in seconds to g_tag_buf, and sends signal 59 to thread tid of
@@ -95,8 +95,8 @@ VORN_API int dump_thread_stack_sig_roc(pid_t pid, pid_t tid);
 /* What stands at the top of each backtrace in a file; ends in a NUL. */
 VORN_API extern char g_tag_buf[64];
 
-/* The handler of signal 59: the calling thread's backtrace to its file; nothing where that cannot be
- * opened. Signal-safe, once dump_signal_init has run. */
+/* The handler of signal 59: the calling thread's backtrace to its file; nothing where that cannot
+ * be opened. Signal-safe, once dump_signal_init has run. */
 VORN_API void dump_stack_by_sig(int signal);
 
 /* Writes the calling thread's stack: its frames from the caller's on. Signal-safe. */

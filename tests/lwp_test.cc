@@ -190,9 +190,11 @@ TEST_F(Lwp, IdsAreRefusedOnceTheirInstanceIsGone) {
                    "Invalid lwp inst instId:" + hex(old) + " this:(nil)", why,
                    "Invalid lwp var instId:" + hex(old) + " varId:0x0", why,
                    "E get inst failed, instId=347248", why, "E get inst failed, instId=347248"}));
+  LwpInstInfoFind(id_of(0, 16));
+  capture::take(); // with what the jiffies had to tell
   for (int i = 0; i < 5; ++i)
     EXPECT_EQ(LwpInstInfoFind(id_of(0, 16)), nullptr);
-  EXPECT_EQ(capture::take_lines(), Lines(3, "E Invalid instId:" + hex(id_of(0, 16))));
+  EXPECT_EQ(capture::take_lines(), Lines(2, "E Invalid instId:" + hex(id_of(0, 16))));
 }
 
 TEST_F(Lwp, ReferencesHoldADeletionUp) {
@@ -580,6 +582,8 @@ TEST_F(Lwp, AReferenceIsToTheInstanceOfItsId) {
         ASSERT_NE(made, LWP_NONE);
         mine = made;
         ++deletions;
+        for (const int seen = left; left > 0 && left > seen - 500;)
+          std::this_thread::yield();
       }
       return;
     }

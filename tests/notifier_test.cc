@@ -1,11 +1,10 @@
 // Notifier chains, and the one that a fatal signal calls.
 #include "vorn_notifier.h"
 
-#include <atomic>
+#include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
 #include <latch>
-#include <memory>
 #include <pthread.h>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "support/log_capture.hpp"
 #include "support/threads.hpp"
 #include "vorn_exception.h"
+#include "vorn_sig_calltrace.h"
 
 namespace {
 
@@ -233,6 +233,26 @@ TEST(ExceptionChain, IsFreeInAChildWhoeverHoldsItInTheParent) {
             9);
   done.count_down();
   holder.join();
+}
+
+TEST(Exception, InstallsTheHandlersOfFatalSignals) {
+  const unsigned int list[] = {SIGTERM};
+  EXPECT_EQ(vorn_exception_init_with_list(nullptr, nullptr, 1), -1);
+  EXPECT_EQ(vorn_exception_init_with_list(nullptr, list, 0), -1);
+  const std::string text = "E parm is invaild, sigList is null or sigNum is not bigger than 0(";
+  EXPECT_EQ(capture::take_lines(), (std::vector<std::string>{text + "1).", text + "0)."}));
+  EXPECT_EQ(vorn_thread_signal_flag_get(), 0);
+  EXPECT_EQ(run_in_child([&] {
+              if (vorn_exception_init_with_list(nullptr, list, 1) != 0) return 1;
+              struct sigaction listed {};
+              struct sigaction other {};
+              sigaction(SIGTERM, nullptr, &listed);
+              sigaction(SIGILL, nullptr, &other);
+              return listed.sa_handler != SIG_DFL && other.sa_handler == SIG_DFL ? 0 : 2;
+            }),
+            0);
+  EXPECT_EQ(vorn_exception_init(), 0);
+  EXPECT_EQ(vorn_thread_signal_flag_get(), 1);
 }
 
 TEST(Watchdog, IsResetByItsHook) {

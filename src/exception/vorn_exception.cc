@@ -8,6 +8,7 @@
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "lock/spin_guard.hpp"
+#include "vorn_sig_calltrace.h"
 
 static_assert(offsetof(vorn_exception_data_s, siginfo) == 8);
 static_assert(offsetof(vorn_exception_data_s, arg4) == 16);
@@ -31,6 +32,19 @@ constinit std::atomic<vorn_watchdog_reset_f> watchdog_reset{nullptr};
 using namespace vorn::exception;
 
 using vorn::kInfo;
+
+int vorn_exception_init() {
+  vorn_thread_signal_init();
+  return 0;
+}
+
+int vorn_exception_init_with_list(void *arg, const unsigned int *sigList, unsigned int sigNum) {
+  if (sigList == nullptr || sigNum == 0)
+    return VORN_FAIL(-1, "parm is invaild, sigList is null or sigNum is not bigger than 0(%u).",
+                     sigNum);
+  vorn_thread_signal_init_with_list(arg, sigList, sigNum);
+  return 0;
+}
 
 int vorn_exception_chain_register__(vorn_notifier_block_s *block, const char *file, int line) {
   return vorn_atomic_notifier_chain_register__(&chain, block, file, line);
