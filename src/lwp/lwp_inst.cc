@@ -7,9 +7,9 @@
 //   |     state      |   references   |
 //   +----------------+----------------+
 //
-// Who leaves which state. 0 belongs to the creator that makes it 1. The creator makes 1 into 2 and
-// 2 into 4. Any thread may make 1, 2, 4 or 16 into 8: exactly one does, and it alone deletes the
-// instance, makes 8 into 0, or 16 when it gives up.
+// Changes of the state. The creator makes 0 into 1, 1 into 2 and 2 into 4. Any thread may make 1,
+// 2, 4 or 16 into 8: exactly one does, and it alone deletes the instance, makes 8 into 0, or 16
+// when it gives up.
 //
 // References and reused slots. Between finding an id and changing the state word the instance may
 // be deleted and its slot be given to another. A count above 0 keeps a slot from becoming free.

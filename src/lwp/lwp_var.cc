@@ -1,8 +1,8 @@
 // The variables of instances: the table of those registered, and each instance's own values.
 //
 // Variables are only ever added. A record and its default value are written before the number of
-// variables is raised, and not changed after it; so whoever has read the number reads what lies
-// below it without the lock.
+// variables is raised, and not changed after it; so a thread that has read the number reads what
+// lies below it without the lock.
 //
 // Construction. An instance's busy flag lets one thread construct at a time. A thread that finds
 // variables missing waits for the flag, and then constructs what is still missing, so it does not
@@ -15,6 +15,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "base/cancellation_off.hpp"
 #include "base/log.hpp"
@@ -290,8 +291,8 @@ int LwpVarMalloc(lwp_var_area_s *area) {
 }
 
 void LwpVarFree(lwp_var_area_s *area) {
-  std::free(area->values);
-  area->values = nullptr;
+  area->capacity = 0;
+  std::free(std::exchange(area->values, nullptr)); // a child of fork() must not find it freed
 }
 
 void *LwpVarDef(uint64_t varId) {
