@@ -323,7 +323,8 @@ TEST_F(Lwp, ADeletionJoinsTheThreadButNotItself) {
   EXPECT_EQ(task.own_delete, -1);
   EXPECT_EQ(run_in_child([&] { // which has the instance without the thread
               if (references(id) != 0) LwpInstPut(id);
-              return LwpInstDelete(id, -1) == 0 && !task.ended ? 0 : 1;
+              if (LwpInstInfoFind(id)->thread != ~pthread_t{0}) return 1;
+              return LwpInstDelete(id, -1) == 0 && !task.ended ? 0 : 2;
             }),
             0);
   EXPECT_EQ(LwpInstDelete(id, 1000), 0); // the time-out is that of the references
@@ -453,6 +454,9 @@ TEST_F(Lwp, ARegistrationFailsWithItsConstructors) {
   };
   make();
   EXPECT_EQ(take_notes(), "+x+o+l+i+l");
+  EXPECT_EQ(LwpVarDestructor(id), 0);
+  EXPECT_EQ(LwpInstDelete(id, -1), 0);
+  EXPECT_EQ(take_notes(), "-l-i-o-x"); // once
 }
 
 TEST_F(Lwp, ARegistrationWaitsForThreadsThatConstruct) {
@@ -460,11 +464,8 @@ TEST_F(Lwp, ARegistrationWaitsForThreadsThatConstruct) {
   Noted slow{'s'};
   Noted late{'l'};
   std::atomic<int> constructing{0};
-  std::latch go_on{1};
-  slow.on_construct = [&](uint64_t) {
-    ++constructing;
-    go_on.wait();
-  };
+  std::latch go_on[2]{std::latch{1}, std::latch{1}};
+  slow.on_construct = [&](uint64_t) { go_on[constructing++].wait(); };
   const auto reach = [&](int count) {
     while (constructing < count)
       std::this_thread::yield();
@@ -486,9 +487,11 @@ TEST_F(Lwp, ARegistrationWaitsForThreadsThatConstruct) {
     EXPECT_NE(late.add(), LWP_NONE);
     added = true;
   }};
-  pause();
-  EXPECT_FALSE(added);
-  go_on.count_down();
+  for (std::latch &next : go_on) {
+    pause();
+    EXPECT_FALSE(added);
+    next.count_down();
+  }
   for (std::thread *thread : {&updater, &creator, &adder})
     thread->join();
   EXPECT_EQ(take_notes().size(), 8u); // each of both variables once in each instance
@@ -553,7 +556,7 @@ TEST_F(Lwp, TheTraceTellsTheLastSwitches) {
   for (const uint64_t to : {id, LWP_NONE, id, LWP_NONE})
     attach_deep(10, to);
   EXPECT_EQ(trace.count, 4u);
-  for (int at = 1; at < 9; ++at) // all are of the recursion
+  for (int at = 0; at < 9; ++at) // all are of the recursion
     EXPECT_LT(trace.entries[0].addresses[at] - reinterpret_cast<uintptr_t>(attach_deep), 4096u);
   capture::take();
   const std::string tid = "<" + std::to_string(gettid()) + "> ";

@@ -155,7 +155,7 @@ TEST_F(Chain, StaysWholeUnderManyThreads) {
   run_threads(4, [&](int thread) {
     vorn_notifier_block_s block{
         [](vorn_notifier_block_s *, unsigned long, void *) { return ++in_call, 0; }, nullptr, 1};
-    for (int i = 0; i < 2000; ++i) {
+    for (int i = 0; i < 20000; ++i) {
       vorn_atomic_notifier_chain_register(&chain, &block);
       vorn_atomic_notifier_call_chain__(&chain, 0, nullptr, -1, &calls[thread]);
       EXPECT_EQ(vorn_atomic_notifier_chain_unregister(&chain, &block), 0);

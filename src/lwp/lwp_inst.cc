@@ -78,56 +78,65 @@ struct State {
 
 State state_of(const lwp_inst_s &inst) { return State::from(atomic_word(inst.state).load()); }
 
-// next(state) changes its argument, or returns false where that is not to be changed. Returns
-// whether the word was changed; *seen is what it was before.
-template <class Next> bool change(lwp_inst_s &inst, State *seen, Next next) {
+// Whether the word was changed, and what it was before.
+struct Change {
+  bool made;
+  State before;
+  explicit operator bool() const { return made; }
+};
+
+// next(state) changes its argument, or returns false where that is not to be changed.
+template <class Next> Change change(lwp_inst_s &inst, Next next) {
   const auto word = atomic_word(inst.state);
   std::uint64_t before = word.load(std::memory_order_relaxed);
   for (;;) {
     State state = State::from(before);
-    *seen = state;
-    if (!next(state)) return false;
+    if (!next(state)) return {false, State::from(before)};
     if (word.compare_exchange_weak(before, state.word(), std::memory_order_seq_cst,
                                    std::memory_order_relaxed))
-      return true;
+      return {true, State::from(before)};
   }
-}
-
-template <class Next> bool change(lwp_inst_s &inst, Next next) {
-  State seen{};
-  return change(inst, &seen, next);
 }
 
 // False, and nothing is changed, where the state is not the first.
 bool advance(lwp_inst_s &inst, std::uint32_t from, std::uint32_t to) {
-  return change(inst, [=](State &state) {
-    if (state.state != from) return false;
-    state.state = to;
-    return true;
-  });
+  return change(inst,
+                [=](State &state) {
+                  if (state.state != from) return false;
+                  state.state = to;
+                  return true;
+                })
+      .made;
 }
 
-void report_overflow(const lwp_inst_s &inst) {
+// Messages are functions of their own, so that taking and giving back a reference needs no frame
+// for them.
+[[gnu::noinline]] void report_overflow(const lwp_inst_s &inst) {
   VORN_LOG_AS("LwpInstGet", kInfo, "Lwp inst:%s get overflow", inst.name);
 }
 
+[[gnu::noinline]] void report_underflow(const lwp_inst_s &inst) {
+  VORN_LOG_AS("LwpInstPut", kInfo, "Lwp inst:%s put overflow", inst.name);
+}
+
+[[gnu::noinline]] int fail_invalid(const char *function, std::uint64_t id, const void *inst) {
+  VORN_LOG_AS(function, kInfo, "Invalid instId:0x%lx pInst:%p", id, inst);
+  return -1;
+}
+
 bool take(lwp_inst_s &inst) {
-  State seen{};
-  const bool taken = change(inst, &seen, [](State &state) {
+  const Change taken = change(inst, [](State &state) {
     return state.state == LWP_STATE_NORMAL && state.references++ != kMostReferences;
   });
-  if (!taken && seen.state == LWP_STATE_NORMAL) report_overflow(inst);
-  return taken;
+  if (!taken && taken.before.state == LWP_STATE_NORMAL) report_overflow(inst);
+  return taken.made;
 }
 
 bool drop(lwp_inst_s &inst) {
-  State seen{};
-  const bool dropped = change(inst, &seen, [](State &state) {
-    return state.state != LWP_STATE_FREE && state.references-- != 0;
-  });
-  if (!dropped && seen.state != LWP_STATE_FREE)
-    VORN_LOG_AS("LwpInstPut", kInfo, "Lwp inst:%s put overflow", inst.name);
-  return dropped;
+  const Change dropped = change(
+      inst, [](State &state) { return state.state != LWP_STATE_FREE && state.references-- != 0; });
+  if (!dropped && dropped.before.state != LWP_STATE_FREE) report_underflow(inst);
+  return dropped.made;
 }
 
 // --- Names, which another thread may read while a creator writes them ---
@@ -195,11 +204,10 @@ void report_undeletable(const lwp_inst_s &inst, std::uint64_t id, const State &s
 
 // Makes the calling thread the one that deletes the instance.
 bool claim(lwp_inst_s &inst, std::uint64_t id) {
-  State seen{};
-  if (!change(inst, &seen, [](State &state) {
-        return deletable(state) && state.references++ != kMostReferences;
-      })) {
-    report_undeletable(inst, id, seen);
+  const Change counted = change(
+      inst, [](State &state) { return deletable(state) && state.references++ != kMostReferences; });
+  if (!counted) {
+    report_undeletable(inst, id, counted.before);
     return false;
   }
   if (id_of(inst) != id) {
@@ -207,23 +215,25 @@ bool claim(lwp_inst_s &inst, std::uint64_t id) {
     report_deleted(inst, id);
     return false;
   }
-  change(inst, &seen, [](State &state) {
+  const Change claimed = change(inst, [](State &state) {
     if (deletable(state)) state.state = LWP_STATE_DELETING;
     --state.references;
     return true;
   });
-  if (deletable(seen)) return true;
-  report_undeletable(inst, id, seen);
+  if (deletable(claimed.before)) return true;
+  report_undeletable(inst, id, claimed.before);
   return false;
 }
 
 // False where another thread got to it first.
 bool claim_failed_creation(lwp_inst_s &inst) {
-  return change(inst, [](State &state) {
-    if (!deletable(state)) return false;
-    state.state = LWP_STATE_DELETING;
-    return true;
-  });
+  return change(inst,
+                [](State &state) {
+                  if (!deletable(state)) return false;
+                  state.state = LWP_STATE_DELETING;
+                  return true;
+                })
+      .made;
 }
 
 // Gives up on an instance that is in use at the time-out.
@@ -405,22 +415,19 @@ lwp_inst_s *LwpInstInfoFind(uint64_t id) { return find(id); }
 
 int LwpInstGet(uint64_t id) {
   lwp_inst_s *inst = find(id);
-  if (inst != nullptr) {
-    const uint64_t wanted = id != 0 ? id : id_of(*inst);
-    if (!take(*inst)) return -1;
-    if (id_of(*inst) == wanted) [[likely]]
-      return 0;
-    drop(*inst);
-  }
-  VORN_LOG(kInfo, "Invalid instId:0x%lx pInst:%p", id, static_cast<void *>(inst));
-  return -1;
+  if (inst == nullptr) return fail_invalid(__func__, id, inst);
+  const uint64_t wanted = id != 0 ? id : id_of(*inst);
+  if (!take(*inst)) return -1;
+  if (id_of(*inst) == wanted) [[likely]]
+    return 0;
+  drop(*inst);
+  return fail_invalid(__func__, id, inst);
 }
 
 int LwpInstPut(uint64_t id) {
   lwp_inst_s *inst = find(id);
-  if (inst != nullptr) return drop(*inst) ? 0 : -1;
-  VORN_LOG(kInfo, "Invalid instId:0x%lx pInst:%p", id, static_cast<void *>(inst));
-  return -1;
+  if (inst == nullptr) return fail_invalid(__func__, id, inst);
+  return drop(*inst) ? 0 : -1;
 }
 
 int LwpInstForEachNormal(int (*fn)(uint64_t id, void *arg), void *arg, uint32_t waitMask) {

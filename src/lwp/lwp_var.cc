@@ -194,6 +194,12 @@ int show_value(std::uint64_t id, void *argument) {
   return 0;
 }
 
+// A function of its own, so that reading a value needs no frame for it.
+[[gnu::noinline]] void *refuse_value(std::uint64_t inst_id, std::uint64_t var_id) {
+  VORN_LOG_AS("LwpVarRaw", kInfo, "Invalid lwp var instId:0x%lx varId:0x%lx", inst_id, var_id);
+  return nullptr;
+}
+
 bool is_called(const Variable &variable, const char *name) {
   return variable.name != nullptr && std::strcmp(variable.name, name) == 0;
 }
@@ -305,8 +311,7 @@ void *LwpVarRaw(uint64_t instId, uint64_t varId) {
   const uint64_t offset = offset_of(varId);
   if (inst != nullptr && offset < inst->area.capacity * kValueSize) [[likely]]
     return value_at(inst->area.values, offset);
-  VORN_LOG(kInfo, "Invalid lwp var instId:0x%lx varId:0x%lx", instId, varId);
-  return nullptr;
+  return refuse_value(instId, varId);
 }
 
 const char *LwpVarGetName(uint64_t varId) {
