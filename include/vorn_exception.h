@@ -18,9 +18,9 @@ VORN_BEGIN_DECLS
 typedef struct vorn_exception_data {
   void *regs;    /* the registers at the fault */
   void *siginfo; /* the siginfo_t of the signal */
-  uint64_t arg4;
-  uint32_t arg5;
-  uint32_t arg6;
+  uint64_t arg4; /* the handler of fatal signals: the program counter */
+  uint32_t arg5; /* the signal */
+  uint32_t arg6; /* the kernel's id of the thread */
 } vorn_exception_data_s;
 
 /* Install the handlers of fatal signals, for the usual signals and for those of a list of sigNum

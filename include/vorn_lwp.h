@@ -66,19 +66,19 @@ typedef void *(*lwp_entry_f)(void *arg);
 
 /* An instance. The library alone writes it. */
 typedef struct lwp_inst {
-  uint64_t state; /* LWP_STATE_* in the high half, the number of references in the low one */
-  uint64_t id;
-  lwp_var_area_s area;
-  char name[LWP_NAME_SIZE];
-  pthread_t thread; /* all ones: none */
-  lwp_entry_f entry;
-  void *arg;
-  pthread_t creator;      /* the thread that is creating it, 0: none */
-  pthread_t constructing; /* the thread that has area.busy, 0: none */
+  uint64_t state;      /* LWP_STATE_* in the high half, the number of references in the low one */
+  uint64_t id;         /* what LwpInstNew returned */
+  lwp_var_area_s area; /* the values of its variables */
+  char name[LWP_NAME_SIZE]; /* "None" without one */
+  pthread_t thread;         /* all ones: none */
+  lwp_entry_f entry;        /* what the thread runs, NULL: none */
+  void *arg;                /* its argument */
+  pthread_t creator;        /* the thread that is creating it, 0: none */
+  pthread_t constructing;   /* the thread that has area.busy, 0: none */
 } lwp_inst_s;
 
 /* The calling thread's current instance, NULL: none. Set by LwpCtxAttach. */
-VORN_API extern __thread lwp_inst_s *g_lwpInstCurrent __attribute__((tls_model("initial-exec")));
+VORN_API extern __thread __attribute__((tls_model("initial-exec"))) lwp_inst_s *g_lwpInstCurrent;
 
 /* --- Module --- */
 
@@ -198,10 +198,10 @@ VORN_API void LwpShowAutoStatAll(vorn_print_f print, const char *suffix);
  * return 0, or another value on failure. A constructor finds the default value in the variable. It
  * must not wait for another thread that creates an instance or registers a variable. */
 typedef struct lwp_var_ops {
-  int (*constructor)(uint64_t instId, void *arg);
-  void *constructorArg;
-  int (*destructor)(uint64_t instId, void *arg);
-  void *destructorArg;
+  int (*constructor)(uint64_t instId, void *arg); /* makes it */
+  void *constructorArg;                           /* its second argument */
+  int (*destructor)(uint64_t instId, void *arg);  /* ends it */
+  void *destructorArg;                            /* its second argument */
 } lwp_var_ops_s;
 
 /* Registers a variable of size bytes, at most 8, for good, and constructs it in every instance;
