@@ -78,7 +78,7 @@ typedef struct lwp_inst {
 } lwp_inst_s;
 
 /* The calling thread's current instance, NULL: none. Set by LwpCtxAttach. */
-VORN_API extern __thread __attribute__((tls_model("initial-exec"))) lwp_inst_s *g_lwpInstCurrent;
+VORN_API extern __thread lwp_inst_s *g_lwpInstCurrent;
 
 /* --- Module --- */
 
