@@ -10,14 +10,17 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <spdlog/pattern_formatter.h>
 #include <string_view>
+#include <unistd.h>
 
 #include "base/mutex.hpp"
 #include "console.hpp"
 #include "output.hpp"
+#include "signal_stack.hpp"
 
 namespace logging {
 
@@ -71,8 +74,34 @@ std::size_t form_text(char *out, const Place &place, const char *format, std::va
   return out[end - 1] == '\n' ? end - 1 : end;
 }
 
+char level_letter(int level) {
+  constexpr char kLetters[] = "CCCEWII";
+  return level < 0 ? 'C' : level > EVLOG_INFO ? 'D' : kLetters[level];
+}
+
+// The head as the formatter forms it, but without a lock and in universal time. The length.
+std::size_t form_plain_head(char *out, unsigned int module, int level) {
+  using namespace std::chrono;
+  const auto now = floor<microseconds>(system_clock::now());
+  const auto day = floor<days>(now);
+  const year_month_day date{day};
+  const hh_mm_ss time{now - day};
+  const int length =
+      snprintf(out, kHeadBytes, "%04d-%02u-%02uT%02ld:%02ld:%02ld.%06ld+00:00 %c %u %d ",
+               static_cast<int>(date.year()), static_cast<unsigned int>(date.month()),
+               static_cast<unsigned int>(date.day()), static_cast<long>(time.hours().count()),
+               static_cast<long>(time.minutes().count()), static_cast<long>(time.seconds().count()),
+               static_cast<long>(time.subseconds().count()), level_letter(level), module, gettid());
+  return length < 0 ? 0 : std::min(static_cast<std::size_t>(length), kHeadBytes - 1);
+}
+
 // Writes time, level, module and thread to the bytes before text. Where they begin.
 char *form_head(char *text, unsigned int module, int level) {
+  if (on_signal_stack()) {
+    char plain[kHeadBytes];
+    const std::size_t size = form_plain_head(plain, module, level);
+    return std::copy_n(plain, size, text - size) - size;
+  }
   char digits[16];
   const auto end = std::to_chars(digits, digits + sizeof digits, module).ptr;
   const spdlog::details::log_msg message{

@@ -8,6 +8,7 @@
 
 #include "base/mutex.hpp"
 #include "modules.hpp"
+#include "signal_stack.hpp"
 
 namespace logging {
 
@@ -33,7 +34,7 @@ constinit std::array<Limit, kGroups> limits;
 bool admit_message(int group, unsigned long *dropped) {
   *dropped = 0;
   Limit &limit = limits[static_cast<unsigned int>(group)];
-  if (!limit.on.load(std::memory_order_relaxed)) return true;
+  if (!limit.on.load(std::memory_order_relaxed) || on_signal_stack()) return true;
 
   vorn::MutexGuard hold{mutex};
   if (!limit.on.load(std::memory_order_relaxed)) return true;

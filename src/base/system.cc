@@ -171,4 +171,9 @@ pid_t wait_for_child(pid_t child, int *status) {
   return uninterrupted([=] { return waitpid(child, status, 0); });
 }
 
+int join(pthread_t thread) {
+  const CancellationOff off;
+  return pthread_join(thread, nullptr);
+}
+
 } // namespace vorn::sys

@@ -82,6 +82,8 @@ void wait_until(pthread_cond_t *condition, pthread_mutex_t *mutex, const timespe
 
 pid_t wait_for_child(pid_t child, int *status); // waitpid(2)
 
+int join(pthread_t thread); // pthread_join(3), what the thread returned is lost
+
 } // namespace vorn::sys
 
 #endif

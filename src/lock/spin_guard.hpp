@@ -5,6 +5,8 @@
 
 #include <mutex>
 
+#include "base/cancellation_off.hpp"
+#include "base/fork_gate.hpp"
 #include "vorn_spinlock.h"
 
 namespace vorn::lock {
@@ -37,6 +39,27 @@ private:
   const char *site_;
   unsigned int line_;
   bool held_;
+};
+
+// The same within the fork gate, so that no child inherits the lock held, and without cancellation.
+// Not for signal handlers.
+class GatedSpinGuard {
+public:
+  explicit GatedSpinGuard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
+                          unsigned int line = __builtin_LINE())
+      : lock_(lock, site, line) {}
+
+private:
+  struct Gate {
+    Gate() { enter_fork_gate(); }
+    Gate(const Gate &) = delete;
+    Gate &operator=(const Gate &) = delete;
+    ~Gate() { leave_fork_gate(); }
+  };
+
+  const CancellationOff off_;
+  const Gate gate_;
+  const SpinGuard lock_;
 };
 
 // Of a lock that is held; it is again when the block ends.

@@ -2,12 +2,13 @@
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <cstring>
+#include <unistd.h>
 
 #include "base/bounded.hpp"
 #include "base/log.hpp"
 #include "schedwork/vorn_sched_work.hpp"
 #include "vorn_jiffies.h"
-#include "vorn_thrd.h"
+#include "vorn_sig_calltrace.h"
 
 namespace vorn::schedwork {
 
@@ -191,12 +192,6 @@ int vorn_get_sched_work_heal_task_info(vorn_sched_work_heal_task_s **task, uint3
   return 0;
 }
 
-// No signal is sent as long as no handler for it is installed: its default action ends the process.
-// Once there is one, the request for the stack belongs here.
 void sched_work_dump_thread_stack(uint32_t tid) {
-  vorn_thread_s *thread = vorn_thrd_getthreadinfobytid(static_cast<long>(tid));
-  if (thread == nullptr) return;
-  VORN_LOG(vorn::kInfo, "sched work thread: tid %u, name %s, stack 0x%lx-0x%lx.", tid, thread->name,
-           thread->os_stack_low, thread->os_stack_high);
-  vorn_thrd_putthreadinfo(thread);
+  dump_thread_stack_sig(getpid(), static_cast<pid_t>(tid));
 }

@@ -3,7 +3,6 @@
 
 #include "schedwork/queue.hpp"
 
-#include "base/fork_gate.hpp"
 #include "list/vorn_list.hpp"
 #include "lock/spin_guard.hpp"
 #include "schedwork/vorn_sched_work.hpp"
@@ -21,31 +20,10 @@ vorn_sched_work_s *record_of(vorn_list_head_s *node) {
   return vorn_list_entry(node, vorn_sched_work_s, node);
 }
 
-// fork() waits, so that the child finds the list whole.
-class InGate {
-public:
-  InGate() { enter_fork_gate(); }
-  InGate(const InGate &) = delete;
-  InGate &operator=(const InGate &) = delete;
-  ~InGate() { leave_fork_gate(); }
-};
-
 } // namespace
 
-// Holds the lock in the name of function. The thread is not cancelled while it waits.
-class Queue::Guard {
-public:
-  explicit Guard(vorn_spinlock_s &lock, const char *function, unsigned int line = __builtin_LINE())
-      : hold_(lock, function, line) {}
-
-private:
-  const CancellationOff off_;
-  const InGate gate_;
-  const lock::SpinGuard hold_;
-};
-
 bool Queue::append(vorn_sched_work_s *work, std::int32_t *pid) {
-  const Guard hold{lock_, kAdd};
+  const lock::GatedSpinGuard hold{lock_, kAdd};
   if (!vorn_list_is_poisoned(&work->node)) {
     *pid = work->pid;
     return false;
@@ -56,7 +34,7 @@ bool Queue::append(vorn_sched_work_s *work, std::int32_t *pid) {
 }
 
 bool Queue::remove(vorn_sched_work_s *work) {
-  const Guard hold{lock_, kDelete};
+  const lock::GatedSpinGuard hold{lock_, kDelete};
   if (vorn_list_is_poisoned(&work->node)) return false;
   list::remove(&work->node, VornSchedWorkShow, VORN_FILE, kDelete);
   resize(size() - 1);
@@ -64,7 +42,7 @@ bool Queue::remove(vorn_sched_work_s *work) {
 }
 
 vorn_sched_work_s *Queue::take() {
-  const Guard hold{lock_, kTake};
+  const lock::GatedSpinGuard hold{lock_, kTake};
   if (t_worker.active && t_worker.life != life_) return nullptr;
   vorn_list_head_s *node = vorn_list_first(head());
   if (node == nullptr) return nullptr;
@@ -74,7 +52,7 @@ vorn_sched_work_s *Queue::take() {
 }
 
 void Queue::drop_all() {
-  const Guard hold{lock_, kDestroy};
+  const lock::GatedSpinGuard hold{lock_, kDestroy};
   for (vorn_list_head_s *node = nullptr; (node = vorn_list_first(head())) != nullptr;)
     list::remove(node, VornSchedWorkShow, VORN_FILE, kDestroy);
   resize(0);
@@ -82,7 +60,7 @@ void Queue::drop_all() {
 }
 
 bool Queue::empty() {
-  const Guard hold{lock_, kDestroy};
+  const lock::GatedSpinGuard hold{lock_, kDestroy};
   return size() == 0;
 }
 

@@ -38,7 +38,6 @@ public:
   void forget(std::uint32_t next_life);
 
 private:
-  class Guard;
   vorn_list_head_s *head() { return &anchor_.node; }
   void resize(std::size_t size) { size_.store(size, std::memory_order_relaxed); }
 

@@ -39,6 +39,15 @@ bool Table::lookup(std::uintptr_t address, Symbol *out) const {
   return object != nullptr && object->lookup(address, out);
 }
 
+bool Table::find_object(std::uintptr_t address, Symbol *out) const {
+  const Object *object = object_at(address);
+  if (object == nullptr) return false;
+  const Image &image = object->image();
+  if (image.code_at(address - image.base()) == nullptr) return false;
+  *out = {nullptr, image.base(), image.name()};
+  return true;
+}
+
 // The loader's lock is held meanwhile: files and log messages wait until it is over.
 bool Table::take_loaded() {
   struct Walk {

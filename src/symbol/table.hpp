@@ -23,6 +23,7 @@ public:
   bool fill(const Table *previous);
 
   bool lookup(std::uintptr_t address, Symbol *out) const;
+  bool find_object(std::uintptr_t address, Symbol *out) const;
 
   Table *next_retired = nullptr;
 

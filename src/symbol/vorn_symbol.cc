@@ -96,6 +96,10 @@ bool Reader::lookup(std::uintptr_t address, Symbol *out) const {
   return table_ != nullptr && table_->lookup(address, out);
 }
 
+bool Reader::find_object(std::uintptr_t address, Symbol *out) const {
+  return table_ != nullptr && table_->find_object(address, out);
+}
+
 } // namespace vorn::symbol
 
 using namespace vorn::symbol;

@@ -28,6 +28,10 @@ public:
   // The function that contains address. False, with *out untouched, when none is known.
   bool lookup(std::uintptr_t address, Symbol *out) const;
 
+  // The object whose code contains address, named or not: its file, and as start the address that
+  // its file's addresses count from; no name. False as above.
+  bool find_object(std::uintptr_t address, Symbol *out) const;
+
 private:
   const Table *table_;
 };

@@ -16,6 +16,7 @@
 #include "base/thread_id.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_mem.h"
+#include "vorn_sig_calltrace.h"
 
 namespace vorn::thread {
 namespace {
@@ -164,6 +165,7 @@ void end_thread(void *) {
 }
 
 int prepare() {
+  vorn_thread_signal_init();
   const int result = pthread_key_create(&end_of_thread, end_thread);
   if (result == 0) return 0;
   return VORN_FAIL_AS("vorn_thrd_module_init", -1, "Create key of threads failed, error %d.",

@@ -1,0 +1,62 @@
+// The kernel is asked for the memory, never the processor: a fault would come in the midst of
+// another one's report.
+//
+// process_vm_readv(2) on the own process checks and copies in one step, takes no descriptor and is
+// allowed whatever the ptrace settings say. A system call filter or an emulator may not have it:
+// there each page is first proved by a futex(2) call, which reads one word of it, and then copied.
+// A page that another thread unmaps in between is a fault. No probe that writes to a pipe, whose
+// descriptors the process may have closed and used for a file.
+#include "base/foreign_memory.hpp"
+
+#include <cerrno>
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "base/kept_errno.hpp"
+
+namespace vorn {
+namespace {
+
+constexpr std::uintptr_t kPage = 4096; // no page is smaller
+
+// A wait that is over at once, whether the word has this value or not.
+bool can_read_word(std::uintptr_t at) {
+  constexpr timespec kAtOnce{};
+  const std::uintptr_t word = at & ~std::uintptr_t{3};
+  return syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, 0, &kAtOnce) == 0 || errno != EFAULT;
+}
+
+bool can_read(std::uintptr_t from, std::size_t size) {
+  const std::uintptr_t last = from + size - 1;
+  for (std::uintptr_t at = from; at <= last; at = (at | (kPage - 1)) + 1)
+    if (!can_read_word(at)) return false;
+  return true;
+}
+
+[[gnu::no_sanitize_address, gnu::no_sanitize_thread]] void copy_bytes(std::uintptr_t from, void *to,
+                                                                      std::size_t size) {
+  const auto *source = reinterpret_cast<const volatile unsigned char *>(from);
+  auto *target = static_cast<unsigned char *>(to);
+  for (std::size_t i = 0; i < size; ++i)
+    target[i] = source[i];
+}
+
+} // namespace
+
+bool copy_foreign(std::uintptr_t from, void *to, std::size_t size) {
+  const KeptErrno errno_stays;
+  if (size == 0) return true;
+  if (from > UINTPTR_MAX - kPage - size) return false; // the kernel's, and no sum below overflows
+  const iovec local{to, size};
+  const iovec foreign{reinterpret_cast<void *>(from), size};
+  const long copied = syscall(SYS_process_vm_readv, getpid(), &local, 1ul, &foreign, 1ul, 0ul);
+  if (copied >= 0) return static_cast<std::size_t>(copied) == size;
+  if (errno == EFAULT || !can_read(from, size)) return false;
+  copy_bytes(from, to, size);
+  return true;
+}
+
+} // namespace vorn

@@ -1,0 +1,298 @@
+// The handler of the fault signals: the dump of a thread that goes on, and the report of one that a
+// fatal signal ends.
+//
+// The report is a row of parts. Each is struck off before it begins, so that a second fault in the
+// same thread, which comes to the same handler, goes on with the next part, and the last one ends
+// the process by the first signal. For that the signals of faults are let through during a report,
+// and a timer sends the thread the first signal when a part does not end: a callback of the
+// exception chain may wait forever, and so may a write to a console. What else sends the thread a
+// fatal signal meanwhile is dropped: it is being ended already.
+#include "vorn_sig_calltrace.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "arch/fault_context.hpp"
+#include "base/cancellation_off.hpp"
+#include "base/foreign_memory.hpp"
+#include "base/fork_gate.hpp"
+#include "base/kept_errno.hpp"
+#include "evlog.h"
+#include "symbol/vorn_symbol.hpp"
+#include "thread/vorn_dump_stack.hpp"
+#include "thread/vorn_sig_calltrace.hpp"
+#include "thread/vorn_thrd.hpp"
+#include "vorn_exception.h"
+
+namespace vorn::thread {
+namespace {
+
+constexpr int kMostDumps = 3;
+constexpr int kMostFaults = 2; // in one report
+constexpr time_t kPartSeconds = 10;
+
+// Handler runs in progress in the process.
+constinit std::atomic<int> running{0};
+
+// The runs of other threads do not exist in a child.
+const ForkChild forget_runs{[] { running.store(0, std::memory_order_relaxed); }};
+
+enum class Part { kStart, kRegisters, kStack, kChain, kEnd };
+
+// The report that the thread is in.
+struct Report {
+  pid_t pid; // a child that shares the parent's memory is in none; 0: none
+  int signal;
+  siginfo_t *info;
+  void *context;
+  Part next;
+  int count; // of the runs in progress when it began
+  int faults;
+  bool timed;
+  int timer;
+};
+thread_local constinit Report t_report __attribute__((tls_model("initial-exec"))){};
+
+bool is_dump_only(int signal) {
+  switch (signal) {
+  case SIGUSR2:
+  case SIGTASKTRACK:
+  case SIGPIPE:
+  case SIGALRM:
+  case SIGTTIN:
+  case SIGTTOU:
+  case SIGVTALRM:
+  case SIGPROF:
+  case SIGIO:
+    return true;
+  default:
+    return false;
+  }
+}
+
+const char *name_of(int signal) {
+  const char *name = nullptr;
+  if (signal >= 0 && static_cast<unsigned int>(signal) < kSignals)
+    name = signal_names[signal].load(std::memory_order_relaxed);
+  return name != nullptr ? name : "NULL";
+}
+
+arch::RegisterRecord record_of(const void *context) {
+  if (context == nullptr) return {};
+  return arch::registers_of(*static_cast<const ucontext_t *>(context));
+}
+
+// As the registry has it; the kernel's where the thread has no record.
+struct ThreadName {
+  ThreadName() {
+    if (t_record != nullptr &&
+        copy_foreign(reinterpret_cast<std::uintptr_t>(t_record->name), text, sizeof text)) {
+      text[sizeof text - 1] = '\0';
+      return;
+    }
+    prctl(PR_GET_NAME, text);
+  }
+  char text[VORN_THRD_NAME_SIZE] = "";
+};
+
+void write_start(int count, int signal, const siginfo_t *info) {
+  const char local = 0;
+  evlog_original("<%d>start of stack of general fault_handler() is %p. <%d>, sig %s, si %p, "
+                 "si_code %08x, cpu %d",
+                 gettid(), static_cast<const void *>(&local), count, name_of(signal),
+                 static_cast<const void *>(info),
+                 static_cast<unsigned int>(info != nullptr ? info->si_code : 0), sched_getcpu());
+}
+
+void write_register(pid_t tid, const symbol::Reader &symbols, const char *name,
+                    std::uint64_t value) {
+  const auto high = static_cast<unsigned int>(value >> 32);
+  const auto low = static_cast<unsigned int>(value);
+  symbol::Symbol symbol{};
+  if (symbols.lookup(value, &symbol))
+    evlog_original("<%d>%8s: %08x%08x %.300s+0x%lx", tid, name, high, low, symbol.name,
+                   static_cast<unsigned long>(value - symbol.start));
+  else
+    evlog_original("<%d>%8s: %08x%08x", tid, name, high, low);
+}
+
+void write_program_counter(pid_t tid, const symbol::Reader &symbols, std::uint64_t value) {
+  const auto *at = reinterpret_cast<const void *>(value);
+  symbol::Symbol symbol{};
+  unsigned long word = 0;
+  if (symbols.lookup(value, &symbol)) {
+    copy_foreign(value, &word, sizeof word);
+    evlog_original("<%d>%s%p value=0x%lx func=%.300s+0x%lx file=%s ", tid, "RIP=", at, word,
+                   symbol.name, static_cast<unsigned long>(value - symbol.start), symbol.object);
+  } else {
+    evlog_original("<%d>%s%p func=%s+0x%lx file=%s ", tid, "RIP=", at, "NULL", value, "NULL");
+  }
+}
+
+void write_registers(int signal, const arch::RegisterRecord &record) {
+  const pid_t tid = gettid();
+  const ThreadName name;
+  const symbol::Reader symbols;
+  evlog_original("<%d>Critical fault: pid=%d, tid=%d, thrd=%s, sig = [%d], %s", tid, getpid(), tid,
+                 name.text, signal, name_of(signal));
+  for (const arch::NamedRegister &each : arch::kRegisters)
+    write_register(tid, symbols, each.name, record.words[each.word]);
+  write_program_counter(tid, symbols, record.words[VORN_FAULT_PC]);
+}
+
+// A call of a bad function pointer faults before any frame is made: who called is not in a frame.
+std::uintptr_t caller_of_nowhere(const arch::RegisterRecord &record) {
+  symbol::Symbol object{};
+  if (symbol::Reader().find_object(record.words[VORN_FAULT_PC], &object)) return 0;
+  std::uintptr_t address = record.words[arch::kReturnWord];
+  if (arch::kReturnIsOnStack && !copy_foreign(address, &address, sizeof address)) return 0;
+  return arch::plain_code_address(address);
+}
+
+void write_stack(int signal, const arch::RegisterRecord &record) {
+  vorn_thread_dump_sync_stack({gettid(), record.words[VORN_FAULT_SP],
+                               record.words[arch::kFramePointer], caller_of_nowhere(record),
+                               !is_dump_only(signal)});
+}
+
+// Faults in the report must come to the handler: a blocked one ends the process at once. The first
+// signal is what the timer sends.
+void let_faults_through() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, t_report.signal})
+    sigaddset(&signals, signal);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+// By the kernel's own calls, as the C library's allocate.
+void make_timer() {
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = t_report.signal;
+  event.sigev_value.sival_ptr = &t_report;
+  event._sigev_un._tid = gettid();
+  t_report.timed = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &t_report.timer) == 0;
+}
+
+void limit_part() {
+  const itimerspec limit{{}, {kPartSeconds, 0}};
+  if (t_report.timed) syscall(SYS_timer_settime, t_report.timer, 0, &limit, nullptr);
+}
+
+bool is_expiry(const siginfo_t &info) {
+  return info.si_code == SI_TIMER && info.si_value.sival_ptr == &t_report;
+}
+
+// A fault, not a signal that somebody sent; that of abort(3) is the thread's own.
+bool is_fault(int signal, const siginfo_t &info) {
+  if (signal == SIGABRT) return info.si_code != SI_USER && info.si_pid == getpid();
+  return info.si_code > 0;
+}
+
+// A signal that ends no process by default lets the thread go on.
+void end_by_first_signal() {
+  const int signal = t_report.signal;
+  if (t_report.timed) syscall(SYS_timer_delete, t_report.timer);
+  struct sigaction action {};
+  action.sa_handler = SIG_DFL;
+  sigaction(signal, &action, nullptr);
+  pthread_kill(pthread_self(), signal);
+  t_report.pid = 0;
+}
+
+void run_part(Part part) {
+  switch (part) {
+  case Part::kStart:
+    write_start(t_report.count, t_report.signal, t_report.info);
+    break;
+  case Part::kRegisters:
+    write_registers(t_report.signal, record_of(t_report.context));
+    break;
+  case Part::kStack:
+    write_stack(t_report.signal, record_of(t_report.context));
+    break;
+  case Part::kChain:
+    running.fetch_sub(1, std::memory_order_relaxed);
+    vorn_signal_exit_notify(t_report.signal, t_report.info, t_report.context);
+    break;
+  case Part::kEnd:
+    break;
+  }
+}
+
+void run_parts() {
+  let_faults_through();
+  while (t_report.next != Part::kEnd && t_report.pid != 0) {
+    const Part part = t_report.next;
+    t_report.next = static_cast<Part>(static_cast<int>(part) + 1);
+    limit_part();
+    run_part(part);
+  }
+  if (t_report.pid != 0) end_by_first_signal();
+}
+
+void begin_report(int signal, siginfo_t *info, void *context) {
+  const int count = running.fetch_add(1, std::memory_order_relaxed) + 1;
+  t_report = {getpid(), signal, info, context, Part::kStart, count, 0, false, 0};
+  make_timer();
+  run_parts();
+}
+
+void go_on_after_fault(int signal, const siginfo_t *info) {
+  if (++t_report.faults > kMostFaults) t_report.next = Part::kEnd;
+  let_faults_through();
+  // Once: it may be the log that faults.
+  if (t_report.faults == 1) write_start(t_report.count, signal, info);
+  run_parts();
+}
+
+void report_fatal(int signal, siginfo_t *info, void *context) {
+  if (t_report.pid != getpid()) {
+    begin_report(signal, info, context);
+  } else if (info == nullptr || is_fault(signal, *info) || is_expiry(*info)) {
+    go_on_after_fault(signal, info);
+  }
+}
+
+void dump_and_go_on(int signal, const siginfo_t *info, const void *context) {
+  const int count = running.fetch_add(1, std::memory_order_relaxed) + 1;
+  if (count > kMostDumps) {
+    running.fetch_sub(1, std::memory_order_relaxed);
+    evlog_original("<%d>fault handler reentrant<%d> too much. sig %d", gettid(), count, signal);
+    return;
+  }
+  const arch::RegisterRecord record = record_of(context);
+  write_start(count, signal, info);
+  write_registers(signal, record);
+  write_stack(signal, record);
+  running.fetch_sub(1, std::memory_order_relaxed);
+}
+
+} // namespace
+
+void fault_handler(int signal, siginfo_t *info, void *context) {
+  const KeptErrno errno_stays;
+  const CancellationOff off;
+  if (is_dump_only(signal))
+    dump_and_go_on(signal, info, context);
+  else
+    report_fatal(signal, info, context);
+}
+
+} // namespace vorn::thread
+
+using namespace vorn::thread;
+
+int vorn_signal_exit_notify(int signal, void *siginfo, void *context) {
+  vorn::arch::RegisterRecord record = record_of(context);
+  return vorn_exception_call_chain(0, siginfo, record.words, record.words[VORN_FAULT_PC],
+                                   static_cast<std::uint32_t>(signal),
+                                   static_cast<std::uint32_t>(gettid()));
+}
