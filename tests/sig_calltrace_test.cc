@@ -497,7 +497,9 @@ TEST(Request, FourDumpsAtOnce) {
 }
 
 TEST(Request, BacktraceToAFile) {
-  const std::string path = "block-stack-sig_calltrace_t-";
+  char name[32] = "";
+  ASSERT_EQ(vorn_get_process_name(name, sizeof name), 0);
+  const std::string path = "block-stack-" + std::string(name) + "-";
   const End end = run([&] {
     if (dump_signal_init() != 0) _exit(1);
     const auto ask = [] { return dump_thread_stack_sig_roc(getpid(), gettid()); };
@@ -521,7 +523,11 @@ TEST(Request, BacktraceToAFile) {
 // Threads that allocate, lock, wait and end are asked for their stacks all the time: nothing that
 // waits comes back early, and nothing is lost.
 TEST(Request, Storm) {
+#ifdef VORN_TEST_EMULATED
+  constexpr int kRounds = 20;
+#else
   constexpr int kRounds = kSanitized ? 40 : 300;
+#endif
   const End end = run([] {
     vorn_thread_signal_init();
     evlog_loglevel_set(381, EVLOG_ERROR);
