@@ -265,116 +265,84 @@ void fault_in_hook() {
   raise(SIGBUS);
 }
 
+void overflow_stack() { overflow(0); }
+
+void call_nothing() { reinterpret_cast<void (*)()>(std::uintptr_t{4096})(); }
+
+void fault_in_symbol_lock() {
+  vorn_symbol_fini();
+  g_fault_in_demangler = true;
+  vorn_symbol_init();
+}
+
+void fault_without_record() {
+  vorn::thread::t_record = reinterpret_cast<vorn_thread_s *>(0x10);
+  fault();
+}
+
+void fault_in_log() {
+  g_fault_in_clock = true;
+  sleep(1);
+  VORN_LOG(vorn::kError, "a new second");
+}
+
+template <void (*kWork)()> void die_in_chain() {
+  g_in_chain = kWork;
+  raise(SIGTERM);
+}
+
+void be_killed() {
+  for (int i = 0; i < 9; ++i)
+    raise(SIGTERM);
+}
+
+void wait_forever() {
+  for (;;)
+    pause();
+}
+
 TEST(Fault, TheHardCasesEndAsWell) {
+  constexpr bool kPlain = !kSanitized; // the sanitizers take these for themselves
   const struct {
-    const char *name;
-    Work work;
+    bool runs;
+    bool in_library;
+    void (*work)();
     int signal;
-    std::vector<const char *> texts;
-    bool sanitized = true; // runs beneath the sanitizers too
+    const char *texts[2];
   } cases[] = {
-      {"overflow",
-       [] { in_library_thread([] { overflow(0); }); },
+      {kPlain, true, overflow_stack, SIGSEGV, {"Try to dump OS stack", "::overflow(int)"}},
+      {kPlain,
+       false,
+       overflow_stack,
        SIGSEGV,
-       {"func=(anonymous namespace)::overflow", "Try to dump OS stack", "overflow(int)"},
-       false},
-      {"overflow of the first thread",
-       [] { overflow(0); },
+       {"func=(anonymous namespace)::over", "::overflow(int)"}},
+      {kPlain, true, smash_frame_pointer, SIGSEGV, {"suspicious: outside", "(sync)get OS_STACK"}},
+      {kPlain, true, smash_stack_pointer, SIGSEGV, {"info by stack addr(0x1", "start_raw"}},
+      {kPlain,
+       true,
+       call_nothing,
        SIGSEGV,
-       {"func=(anonymous namespace)::overflow", "overflow(int)"},
-       false},
-      {"frame pointer",
-       [] { in_library_thread(smash_frame_pointer); },
-       SIGSEGV,
-       {"suspicious: outside", "smash_frame_pointer", "(sync)get OS_STACK"},
-       false},
-      {"stack pointer",
-       [] { in_library_thread(smash_stack_pointer); },
-       SIGSEGV,
-       {"(sync)can't find current stack info by stack addr(0x1", "start_raw"},
-       false},
-      {"call of nothing",
-       [] { in_library_thread([] { reinterpret_cast<void (*)()>(std::uintptr_t{4096})(); }); },
-       SIGSEGV,
-       {"RIP=0x1000 func=NULL+0x1000 file=NULL ", "in_library_thread"},
-       false},
-      {"corrupt heap", corrupt_heap, SIGABRT, {"sig = [6], SIGABRT", "Success"}, false},
-      {"no descriptors", spend_descriptors, SIGSEGV, {"fault()+0x", "Success"}},
-      {"symbol table's lock",
-       [] {
-         vorn_symbol_fini();
-         g_fault_in_demangler = true;
-         vorn_symbol_init();
-       },
-       SIGSEGV,
-       {"Critical fault", "Success"}},
-      {"fork gate",
-       [] { in_library_thread(fault_in_fork_gate); },
-       SIGSEGV,
-       {"fault()+0x", "Success"}},
-      {"record",
-       [] {
-         in_library_thread([] {
-           vorn::thread::t_record = reinterpret_cast<vorn_thread_s *>(0x10);
-           fault();
-         });
-       },
-       SIGSEGV,
-       {"thrd=victim", "desc(INVALID_STACK)", "Success"}},
-      {"log's lock",
-       [] {
-         g_fault_in_clock = true;
-         sleep(1);
-         VORN_LOG(vorn::kError, "a new second");
-       },
-       SIGSEGV,
-       {"fault()+0x", "Success"}},
-      {"hook of stacks",
-       [] { in_library_thread(fault_in_hook); },
-       SIGBUS,
-       {"<1>, sig SIGBUS", "<1>, sig SIGSEGV", "Stack Info"}},
-      {"chain",
-       [] {
-         g_in_chain = fault;
-         raise(SIGFPE);
-       },
-       SIGFPE,
-       {"<1>, sig SIGSEGV", "Success"}},
-      {"the chain's abort",
-       [] {
-         g_in_chain = abort;
-         raise(SIGFPE);
-       },
-       SIGFPE,
-       {"<1>, sig SIGABRT"}},
-      {"killed twice",
-       [] {
-         g_in_chain = [] {
-           for (int i = 0; i < 9; ++i)
-             raise(SIGTERM);
-         };
-         raise(SIGTERM);
-       },
-       SIGTERM,
-       {"call end: ret 0."}},
-      {"a chain without an end",
-       [] {
-         g_in_chain = [] {
-           for (;;)
-             pause();
-         };
-         raise(SIGTERM);
-       },
-       SIGTERM,
-       {"<1>, sig SIGTERM"}},
+       {"RIP=0x1000 func=NULL+0x1000 file=NULL ", "start_raw"}},
+      {kPlain, false, corrupt_heap, SIGABRT, {"sig = [6], SIGABRT", "Success"}},
+      {true, false, spend_descriptors, SIGSEGV, {"fault()+0x", "Success"}},
+      {true, false, fault_in_symbol_lock, SIGSEGV, {"Critical fault", "Success"}},
+      {true, true, fault_in_fork_gate, SIGSEGV, {"fault()+0x", "Success"}},
+      {true, true, fault_without_record, SIGSEGV, {"thrd=victim", "desc(INVALID_STACK)"}},
+      {true, false, fault_in_log, SIGSEGV, {"fault()+0x", "Success"}},
+      {true, true, fault_in_hook, SIGBUS, {"<1>, sig SIGSEGV", "Stack Info"}},
+      {true, false, die_in_chain<fault>, SIGTERM, {"<1>, sig SIGSEGV", "Success"}},
+      {true, false, die_in_chain<abort>, SIGTERM, {"<1>, sig SIGABRT", "Success"}},
+      {true, false, die_in_chain<be_killed>, SIGTERM, {"<1>, sig SIGTERM", "call end: ret 0."}},
+      {true, false, die_in_chain<wait_forever>, SIGTERM, {"<1>, sig SIGTERM", "Success"}},
   };
   for (const auto &each : cases) {
-    if (kSanitized && !each.sanitized) continue;
-    const End end = die(each.work);
-    EXPECT_EQ(end.signal(), each.signal) << each.name << end.status;
+    if (!each.runs) continue;
+    SCOPED_TRACE(&each - cases);
+    const End end = die([&] { each.in_library ? in_library_thread(each.work) : each.work(); });
+    EXPECT_EQ(end.signal(), each.signal) << end.status;
     for (const char *text : each.texts)
-      EXPECT_TRUE(end.has(text)) << each.name << ": " << text << "\n" << end.log;
-    EXPECT_EQ(end.count("chain called"), 1) << each.name << end.log;
+      EXPECT_TRUE(end.has(text)) << text << "\n" << end.log;
+    EXPECT_EQ(end.count("chain called"), 1) << end.log;
   }
 }
 
