@@ -350,7 +350,7 @@ TEST(Fault, AListInsteadOfTheUsualSignals) {
   const unsigned int list[] = {SIGTERM, 128, 4000000000u, SIGKILL, 0};
   const unsigned int many[40] = {4000000000u, 4000000000u, 4000000000u, 4000000000u,
                                  4000000000u, 4000000000u, 4000000000u, 4000000000u,
-                                 4000000000u, 4000000000u, 77};
+                                 4000000000u, 4000000000u, 4000000000u};
   const End end = run([&] {
     if (vorn_thread_signal_flag_get() != 0 || is_dump_stack_enabled() != -1) _exit(1);
     if (vorn_thread_signal_init_with_list(nullptr, nullptr, 1) != -1) _exit(2);
@@ -374,7 +374,7 @@ TEST(Fault, AListInsteadOfTheUsualSignals) {
   std::string text;
   for (int i = 0; i < 10; ++i)
     text += "4000000000, ";
-  EXPECT_TRUE(bounded.has("list(" + text + "77, 0, )."));
+  EXPECT_TRUE(bounded.has("list(" + text + ")."));
   const End none = run([] {
     vorn_thread_signal_init_with_list(nullptr, nullptr, 0);
     raise(SIGTASKTRACK);
@@ -480,11 +480,12 @@ TEST(Request, BacktraceToAFile) {
     if (std::strlen(g_tag_buf) != 63) _exit(5);
     if (file.find("\n---" + std::string(g_tag_buf) + "---\n") == file.npos) _exit(6);
     if (file.find("sig_calltrace_test(") == file.npos) _exit(7);
-    umask(0);
+    std::strcpy(g_tag_buf, "x"); // so that the third would leave no room for the NUL
+    if (ask() + ask() + ask() != 0 || std::strlen(g_tag_buf) != 43) _exit(8);
   });
   EXPECT_EQ(exit_code(end.status), 0) << end.log;
-  EXPECT_EQ(end.count(" I 999 "), 10);
-  EXPECT_EQ(end.count("ret=0, errno=0."), 4);
+  EXPECT_EQ(end.count(" I 999 "), 16);
+  EXPECT_EQ(end.count("ret=0, errno=0."), 7);
   EXPECT_EQ(end.count("ret=-1, errno=3."), 1);
 }
 

@@ -64,7 +64,7 @@ void append_to_tag(const char *text) {
   const std::size_t length = std::strlen(g_tag_buf);
   const std::size_t size = std::strlen(text);
   if (length + size >= sizeof g_tag_buf) return;
-  for (std::size_t i = size; i-- > 0;)
+  for (std::size_t i = size + 1; i-- > 0;)
     atomic_word(g_tag_buf[length + i]).store(text[i], std::memory_order_release);
 }
 
