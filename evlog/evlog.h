@@ -36,8 +36,8 @@
  * 0, 1 or 2.
  *
  * Threads: any thread may call any function. Signal handlers may call evlog_level_check,
- * evlog_original and evlog_vraw, and on a signal stack (sigaltstack(2)) evlog as well: there it takes
- * no lock, shows the time in UTC and heeds no rate limit.
+ * evlog_original and evlog_vraw, and on a signal stack (sigaltstack(2)) evlog as well: there it
+ * takes no lock, shows the time in UTC and heeds no rate limit.
  *
  * Cancellation: no function is a cancellation point. A cancellation that arrives in one, also while
  * the thread waits for a full console, acts at the thread's next cancellation point after it.

@@ -109,9 +109,9 @@ int run(int argc, char **argv) {
 
   const std::string missing = what_is_missing(options);
   if (!missing.empty()) return refuse(missing.c_str());
-  catch_signals();
   raise_descriptor_limit();
   const Session session(options.job);
+  catch_signals(); // in the place of the library's handlers
   if (!session.started()) return could_not_run("the library did not start; the log tells why");
   return do_job(options);
 }

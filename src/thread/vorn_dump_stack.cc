@@ -247,8 +247,10 @@ void vorn_thread_dump_full_stack(pid_t tid, std::uintptr_t stack_pointer,
   const std::uintptr_t begin = sum(low, kWord - 1) & ~(kWord - 1);
   const std::uintptr_t end = std::min(sum(begin, kMostBytes), stack.high);
   bool in_zeros = false;
-  for (std::uintptr_t at = begin; at < end && end - at >= kWord; at += kLineWords * kWord) {
-    const WordLine line{at, std::min(kLineWords, (end - at) / kWord)};
+  std::uintptr_t left = end > begin ? (end - begin) / kWord : 0;
+  for (std::uintptr_t at = begin; left > 0; at += kLineWords * kWord) {
+    const WordLine line{at, std::min(kLineWords, left)};
+    left -= std::min(kLineWords, left);
     const bool zeros = line.readable() && line.zero();
     if (zeros && !in_zeros) line.write_zeros(tid);
     if (line.readable() && !zeros) line.write(tid);

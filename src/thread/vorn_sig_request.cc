@@ -37,7 +37,6 @@ struct Answer {
 };
 
 Answer send(pid_t pid, pid_t tid, int signal) {
-  const KeptErrno errno_stays;
   const long result = syscall(SYS_tgkill, pid, tid, signal);
   return {result, result == 0 ? 0 : errno};
 }
@@ -65,7 +64,7 @@ void append_to_tag(const char *text) {
   const std::size_t length = std::strlen(g_tag_buf);
   const std::size_t size = std::strlen(text);
   if (length + size >= sizeof g_tag_buf) return;
-  for (std::size_t i = size; i-- > 0;)
+  for (std::size_t i = size + 1; i-- > 0;)
     atomic_word(g_tag_buf[length + i]).store(text[i], std::memory_order_release);
 }
 
@@ -73,6 +72,34 @@ void note_time() {
   char text[64];
   snprintf_s(text, sizeof text, sizeof text - 1, "dump_time:%ld\n", std::time(nullptr));
   append_to_tag(text);
+}
+
+Answer ask_for_log(pid_t pid, pid_t tid) {
+  const KeptErrno errno_stays; // over the log, which a node may replace
+  const CancellationOff off;
+  evlog_original("<%d>Show task context by signal ...: pid=%d, tid=%d.", gettid(), pid, tid);
+  const Answer answer = send(pid, tid, SIGTASKTRACK);
+  evlog_original("<%d>SYS_tgkill Show task context by signal end ...: pid=%d, tid=%d, ret=%ld, "
+                 "errno=%d.",
+                 gettid(), pid, tid, answer.result, answer.error);
+  return answer;
+}
+
+bool request_is_logged() { return evlog_level_check(kRequestModule, kInfo) == 0; }
+
+Answer ask_for_file(pid_t pid, pid_t tid) {
+  constexpr char kFunction[] = "dump_thread_stack_sig_roc";
+  const KeptErrno errno_stays;
+  const CancellationOff off;
+  if (request_is_logged())
+    evlog(kRequestModule, kInfo, VORN_FILE, __LINE__, kFunction, 0,
+          "Show backtrace pid=%d, tid=%d, %s", pid, tid, Tag().text());
+  const Answer answer = send(pid, tid, VORN_SIGNAL_BACKTRACE);
+  if (request_is_logged())
+    evlog(kRequestModule, kInfo, VORN_FILE, __LINE__, kFunction, 0,
+          "Show backtrace pid=%d, tid=%d, ret=%ld, errno=%d.", pid, tid, answer.result,
+          answer.error);
+  return answer;
 }
 
 int install_file_dumps() {
@@ -95,31 +122,14 @@ char g_tag_buf[64] = "";
 
 int dump_thread_stack_sig(pid_t pid, pid_t tid) {
   auto_install_dump_stack_signal();
-  const vorn::LogCall log; // the raw log too may be the node's own
-  evlog_original("<%d>Show task context by signal ...: pid=%d, tid=%d.", gettid(), pid, tid);
-  const Answer answer = send(pid, tid, SIGTASKTRACK);
-  evlog_original("<%d>SYS_tgkill Show task context by signal end ...: pid=%d, tid=%d, ret=%ld, "
-                 "errno=%d.",
-                 gettid(), pid, tid, answer.result, answer.error);
-  log.after(0);
-  return finish(answer);
+  return finish(ask_for_log(pid, tid));
 }
 
 int dump_signal_init() { return file_dumps.run(install_file_dumps) == 0 ? 0 : -1; }
 
 int dump_thread_stack_sig_roc(pid_t pid, pid_t tid) {
   note_time();
-  const vorn::LogCall log;
-  if (evlog_level_check(kRequestModule, vorn::kInfo) == 0)
-    evlog(kRequestModule, vorn::kInfo, VORN_FILE, __LINE__, __func__, 0,
-          "Show backtrace pid=%d, tid=%d, %s", pid, tid, Tag().text());
-  const Answer answer = send(pid, tid, VORN_SIGNAL_BACKTRACE);
-  if (evlog_level_check(kRequestModule, vorn::kInfo) == 0)
-    evlog(kRequestModule, vorn::kInfo, VORN_FILE, __LINE__, __func__, 0,
-          "Show backtrace pid=%d, tid=%d, ret=%ld, errno=%d.", pid, tid, answer.result,
-          answer.error);
-  log.after(0);
-  return finish(answer);
+  return finish(ask_for_file(pid, tid));
 }
 
 void dump_stack_by_sig(int) {
