@@ -162,8 +162,9 @@ VORN_API uint64_t LwpCtxCurrent(void);
  * thread that is attached should hold a reference: attaching takes none. Returns 0. */
 VORN_API int LwpCtxAttach(uint64_t newId, uint64_t *oldId);
 
-/* Notes a switch in the calling thread's record, with the 9 return addresses from the caller of the
- * function that called this one. Nothing where the thread has no record or the stack has fewer. */
+/* Notes a switch in the calling thread's record, with 9 return addresses from the caller of the
+ * function that called this one, 0 for those that the stack does not have. Does nothing where the
+ * thread has no record or no address can be found. */
 VORN_API void LwpCtxDbgSwitch(uint64_t oldId, uint64_t newId);
 
 /* Shows the calling thread's last 3 switches through print, while the trace is on. Signal-safe as

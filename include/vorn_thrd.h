@@ -250,9 +250,9 @@ VORN_API void vorn_thrd_setunknownstacksize(unsigned long size);
 VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
 
 /* Stores count return addresses of the calling thread, from the innermost out: skip 0 begins with
- * the address in the function that called this one, each more leaves out one call. Returns 0; -1
- * when addresses is NULL or the stack has not so many, what it has is stored then and 0 after it.
- * The addresses are found by frame pointers and end where a function was built without.
+ * the address in the function that called this one, each more leaves out one call. Where the stack
+ * has fewer, 0 follows them. Returns 0; -1 when addresses is NULL or the stack has none. The
+ * addresses are found by frame pointers and end where a function was built without.
  * Signal-safe.
  */
 VORN_API int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, unsigned int skip);

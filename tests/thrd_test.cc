@@ -293,7 +293,8 @@ TEST(Stacks, AddressesAreToldApart) {
   const auto own = reinterpret_cast<unsigned long>(__builtin_return_address(0));
   EXPECT_EQ(vorn_thrd_backtrace(addresses, 2, 1), 0);
   unsigned long many[4096];
-  EXPECT_EQ(vorn_thrd_backtrace(many, 4096, 0), -1);
+  EXPECT_EQ(vorn_thrd_backtrace(many, 4096, 4096), -1);
+  EXPECT_EQ(vorn_thrd_backtrace(many, 4096, 0), 0);
   EXPECT_EQ(many[4095], 0u);
   return addresses[0] == own && addresses[1] == caller && many[1] == own;
 }

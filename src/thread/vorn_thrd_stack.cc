@@ -131,10 +131,7 @@ int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, unsigned i
   if (vorn_thrd_getcurrentstack(address, &stack.low, &stack.high, &kind) != 0) stack = {};
   vorn::FrameWalk walk(frame, stack);
   walk.skip(skip);
-  bool all = true;
-  for (unsigned int i = 0; i < count; ++i) {
+  for (unsigned int i = 0; i < count; ++i)
     addresses[i] = walk.next();
-    all = all && addresses[i] != 0;
-  }
-  return all ? 0 : -1;
+  return count == 0 || addresses[0] != 0 ? 0 : -1;
 }
