@@ -25,6 +25,9 @@ public:
   Reader &operator=(const Reader &) = delete;
   ~Reader();
 
+  // False before start-up and after shutdown: nothing is known of any address.
+  bool has_table() const { return table_ != nullptr; }
+
   // The function that contains address. False, with *out untouched, when none is known.
   bool lookup(std::uintptr_t address, Symbol *out) const;
 

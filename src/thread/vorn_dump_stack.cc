@@ -44,11 +44,12 @@ struct Place {
 };
 
 // A return address may lie after the end of the function that called: the call is just before it.
-// Code without a name is shown by its place in the file. False where there is no code.
+// Code without a name is shown by its place in the file. False where there is no code, as far as is
+// known.
 bool find_caller(const symbol::Reader &symbols, std::uintptr_t return_address, Place *out) {
   symbol::Symbol found{};
   const std::uintptr_t call = return_address - 1;
-  if (!symbols.find_object(call, &found)) return false;
+  if (!symbols.find_object(call, &found)) return !symbols.has_table();
   symbols.lookup(call, &found);
   if (found.name != nullptr) out->function = found.name;
   out->object = found.object;
