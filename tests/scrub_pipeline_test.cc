@@ -1,5 +1,6 @@
 // test-links: scrub_objects
 // The pipeline of vorn-scrub from the inside: order, bounds, and failures in each of its threads.
+#include "instance.hpp"
 #include "pipeline.hpp"
 
 #include <atomic>
@@ -165,6 +166,7 @@ protected:
 
   ScrubRead() {
     EXPECT_EQ(vorn_Init(), 0);
+    scrub::prepare_instances(1);
     scratch::write_file(path("z"), "behind");
     job_.root = directory_.path();
     job_.places = {directory_.path(), "m", directory_.path()};
@@ -184,7 +186,7 @@ protected:
     watched = status.st_ino;
     before_read = [&, reads = 0](int fd) mutable { return ++reads == read ? happens(fd) : 0; };
     testing::internal::CaptureStdout();
-    EXPECT_EQ(job(job_), wanted);
+    scrub::Instance("test", [&] { EXPECT_EQ(job(job_), wanted); }).wait();
     watched = 0;
     return testing::internal::GetCapturedStdout();
   }

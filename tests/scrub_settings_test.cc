@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "instance.hpp"
 #include "pipeline.hpp"
 #include "rate_limit.hpp"
 #include "scrub.hpp"
@@ -136,11 +137,12 @@ TEST(ScrubWith, AnySettingsTheManifestIsTheSameAndNoReadTooLarge) {
     scratch::write_file(directory / ("tree/" + std::to_string(i)), content.substr(i, i * 97));
   const auto run = [&](scrub::ExitStatus (*job)(const scrub::Job &), const Settings &settings) {
     testing::internal::CaptureStdout();
-    EXPECT_EQ(job({directory / "tree", {directory.path(), "m", directory.path()}, settings}),
-              scrub::kClean);
+    const scrub::Job tree{directory / "tree", {directory.path(), "m", directory.path()}, settings};
+    scrub::Instance("tree", [&] { EXPECT_EQ(job(tree), scrub::kClean); }).wait();
     testing::internal::GetCapturedStdout();
   };
 
+  scrub::prepare_instances(1);
   const auto started = std::chrono::steady_clock::now();
   run(scrub::create, {.rate_limit = kRate});
   EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::microseconds(kLarge / kRate));

@@ -320,6 +320,31 @@ TEST_F(Scrub, TakesNoFileOfItsOwnForData) {
   EXPECT_TRUE(contains(read_file("logs/sums.log"), "verified: 4 files"));
 }
 
+// A run that could not be made weighs most, then damage. A directory is no worse for another one.
+TEST_F(Scrub, ReadsEachDirectoryAgainstItsOwnManifest) {
+  for (const char *name : {"one/a", "two/b", "two/c", "three/d"})
+    write_file(name, "x");
+  expect(shell(kScrub + "create one two three"), kClean, {"clean          two: 2 files, 2 bytes"});
+  flip_byte("one/a", 0);
+  expect(shell(kScrub + "verify two one three"), kDamage,
+         {"clean          two: 2 files", "damage         one: 1 files", "clean          three: 1"});
+  EXPECT_TRUE(fs::exists("two/.vorn-scrub.log"));
+  EXPECT_FALSE(fs::exists("one/.vorn-scrub.log") && fs::exists("three/.vorn-scrub.log"));
+  write_file("three/" + kManifest, "no manifest");
+  expect(shell(kScrub + "verify one three two"), kCouldNotRun,
+         {"damage         one", "could not run  three", "clean          two"});
+}
+
+TEST_F(Scrub, LeavesAReportOfAFault) {
+  write_file("a", "x");
+  const Outcome outcome = shell("ulimit -c 0; " + kScrub + "create --crash . ; echo status $?");
+  expect(outcome, kClean, {"status 139"}); // 128 and SIGSEGV
+  const std::string log = read_file(kManifest + ".log");
+  for (const char *part : {"thrd=scrub_check0, sig = [11], SIGSEGV", "fault_on_purpose",
+                           "LwpCtxSwitch:0 instId old:0xffffffffffffffff"})
+    EXPECT_TRUE(contains(log, part)) << part << " in\n" << log;
+}
+
 TEST_F(Scrub, ReplacesNothingButAManifest) {
   fs::create_directory("d");
   expect(shell(kScrub + "create --manifest d ."), kCouldNotRun, {"no regular file"});
@@ -333,6 +358,7 @@ TEST_F(Scrub, RefusesWrongCommandLines) {
       {"", "the command is missing"},
       {"create . --colour", "no option --colour"},
       {"create . --manifest d/", "names no file"},
+      {"create --manifest d . .", "cannot serve several directories"},
       {"create . --settings .", "there is no settings file"},
       {"create missing", "there is no directory"},
       {"verify .", "make one with create"},

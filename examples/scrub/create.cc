@@ -96,7 +96,7 @@ ExitStatus create(const Job &job) {
   Report report(count_bytes(job.root, own));
   Supervision supervision(report.progress(), job.stall);
   Walk walk(job.root, own);
-  Pipeline pipeline(job.settings);
+  Pipeline pipeline(job.settings, job.crash);
   Recorder recorder(pipeline, manifest, report);
   pipeline.run([&] { recorder.read(walk); });
   check_interrupt();

@@ -7,10 +7,10 @@
 namespace scrub {
 namespace {
 
-std::atomic<bool> interrupted = false;
+std::atomic<bool> noted = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
-void note_interrupt(int) { interrupted.store(true, std::memory_order_relaxed); }
+void note_interrupt(int) { noted.store(true, std::memory_order_relaxed); }
 
 } // namespace
 
@@ -24,8 +24,10 @@ void catch_signals() {
     sigaction(number, &action, nullptr);
 }
 
+bool interrupted() { return noted.load(std::memory_order_relaxed); }
+
 void check_interrupt() {
-  if (interrupted.load(std::memory_order_relaxed)) throw std::runtime_error("interrupted");
+  if (interrupted()) throw std::runtime_error("interrupted");
 }
 
 } // namespace scrub

@@ -7,7 +7,9 @@ namespace scrub {
 // Also has a closed pipe and the file size limit come back as errors of write(2).
 void catch_signals();
 
-// Throws once such a signal has come: called by any thread wherever the run may stop.
+// Whether such a signal has come; the second one throws then: called by any thread wherever the run
+// may stop.
+bool interrupted();
 void check_interrupt();
 
 } // namespace scrub

@@ -1,12 +1,14 @@
 // vorn-scrub: finds damaged files. An example of a service on the library: it sets up logging,
 // starts the library, does its job, and takes both down again.
 #include <cstdio>
+#include <deque>
 #include <exception>
 #include <new>
 #include <string>
 #include <sys/stat.h>
 
 #include "descriptors.hpp"
+#include "instance.hpp"
 #include "interrupt.hpp"
 #include "log.hpp"
 #include "options.hpp"
@@ -21,9 +23,8 @@ namespace {
 // The library is up and the log is open as long as this lives.
 class Session {
 public:
-  explicit Session(Job &job) {
-    job.has_log =
-        vorn_log_init(job.places.log_name().c_str(), job.places.log_directory.c_str()) == 0;
+  explicit Session(const Places &places) {
+    has_log_ = vorn_log_init(places.log_name().c_str(), places.log_directory.c_str()) == 0;
     started_ = vorn_Init() == 0;
   }
   Session(const Session &) = delete;
@@ -33,9 +34,11 @@ public:
     vorn_log_destroy(0);
   }
 
+  bool has_log() const { return has_log_; }
   bool started() const { return started_; }
 
 private:
+  bool has_log_ = false;
   bool started_ = false;
 };
 
@@ -56,31 +59,39 @@ bool is_there(const std::string &path, mode_t type) {
 }
 
 // Asked before the log is opened, so that a mistyped name leaves no log behind.
-std::string what_is_missing(const Options &options) {
-  const Job &job = options.job;
+std::string what_is_missing(const Job &job, Command command) {
   if (!is_there(job.root, S_IFDIR)) return "there is no directory " + job.root;
   if (!is_there(job.places.manifest_directory, S_IFDIR))
     return "there is no directory " + job.places.manifest_directory;
+  if (command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
+    return "there is no manifest " + job.places.manifest() + ", make one with create";
+  return {};
+}
+
+std::string what_is_missing(const Options &options) {
+  for (const Job &job : options.jobs) {
+    const std::string missing = what_is_missing(job, options.command);
+    if (!missing.empty()) return missing;
+  }
   if (!options.settings_file.empty() && !is_there(options.settings_file, S_IFREG))
     return "there is no settings file " + options.settings_file;
-  if (options.command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
-    return "there is no manifest " + job.places.manifest() + ", make one with create";
   return {};
 }
 
 void take_settings(Options &options) {
   if (options.settings_file.empty()) return;
-  options.job.settings = read_settings(options.settings_file);
-  const std::string text = settings_text(options.job.settings);
+  const Settings settings = read_settings(options.settings_file);
+  for (Job &job : options.jobs)
+    job.settings = settings;
+  const std::string text = settings_text(settings);
   std::printf("Settings of %s: %s\n", options.settings_file.c_str(), text.c_str());
   SCRUB_LOG(EVLOG_INFO, "settings of %s: %s.", escape(options.settings_file).c_str(), text.c_str());
 }
 
-ExitStatus do_job(Options &options) {
+// Runs what may throw.
+template <class Body> ExitStatus attempt(Body body) {
   try {
-    take_settings(options);
-    const Job &job = options.job;
-    const ExitStatus status = options.command == Command::kCreate ? create(job) : verify(job);
+    const ExitStatus status = body();
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
       return could_not_run("cannot write to standard output");
     return status;
@@ -89,6 +100,61 @@ ExitStatus do_job(Options &options) {
   } catch (const std::exception &failure) {
     return could_not_run(failure.what());
   }
+}
+
+const char *name_of(ExitStatus status) {
+  switch (status) {
+  case kClean:
+    return "clean";
+  case kDamage:
+    return "damage";
+  case kPassingFault:
+    return "passing faults";
+  default:
+    return "could not run";
+  }
+}
+
+// A directory's run, which waits for its end.
+struct Run {
+  Run(const Job &job, Command command)
+      : instance(job.root, [this, &job, command] {
+          status = attempt([&] { return command == Command::kCreate ? create(job) : verify(job); });
+        }) {
+    instance.wait();
+  }
+
+  ExitStatus status = kCouldNotRun;
+  Instance instance;
+};
+
+// Damage weighs more than passing faults, and a run that could not be made more than both.
+ExitStatus worse(ExitStatus one, ExitStatus other) {
+  const auto weight = [](ExitStatus status) {
+    constexpr int kWeights[] = {0, 2, 3, 1};
+    return kWeights[status];
+  };
+  return weight(one) < weight(other) ? other : one;
+}
+
+ExitStatus do_jobs(Options &options) {
+  take_settings(options);
+  prepare_instances(options.jobs.size());
+  std::deque<Run> runs;
+  ExitStatus worst = kClean;
+  for (const Job &job : options.jobs) {
+    worst = worse(worst, runs.emplace_back(job, options.command).status);
+    if (interrupted()) break;
+  }
+  if (options.jobs.size() == 1) return worst;
+  std::puts("\nBy directory:");
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    const Instance &instance = runs[i].instance;
+    std::printf("  %-14s %s: %s files, %s bytes read\n", name_of(runs[i].status),
+                options.jobs[i].root.c_str(), grouped(instance.count(Count::kFiles)).c_str(),
+                grouped(instance.count(Count::kBytes)).c_str());
+  }
+  return worst;
 }
 
 int run(int argc, char **argv) {
@@ -110,10 +176,12 @@ int run(int argc, char **argv) {
   const std::string missing = what_is_missing(options);
   if (!missing.empty()) return refuse(missing.c_str());
   raise_descriptor_limit();
-  const Session session(options.job);
+  const Session session(options.jobs[0].places);
   catch_signals(); // in the place of the library's handlers
   if (!session.started()) return could_not_run("the library did not start; the log tells why");
-  return do_job(options);
+  for (Job &job : options.jobs)
+    job.has_log = session.has_log();
+  return attempt([&] { return do_jobs(options); });
 }
 
 } // namespace

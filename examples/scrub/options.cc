@@ -9,7 +9,7 @@ namespace scrub {
 namespace {
 
 constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR]"
-                          " [--settings FILE] [--stall] DIR";
+                          " [--settings FILE] [--stall] [--crash] DIR...";
 
 Options wrong(const std::string &what) {
   std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\n'vorn-scrub --help' tells more.\n", what.c_str(),
@@ -37,17 +37,15 @@ void set_manifest(Places &places, const std::string &path) {
 } // namespace
 
 Options parse_options(int argc, char **argv) {
-  const option known[] = {{"manifest", required_argument, nullptr, 'm'},
-                          {"log", required_argument, nullptr, 'l'},
-                          {"settings", required_argument, nullptr, 's'},
-                          {"stall", no_argument, nullptr, 'o'},
-                          {"help", no_argument, nullptr, 'h'},
-                          {"version", no_argument, nullptr, 'v'},
-                          {nullptr, 0, nullptr, 0}};
+  const option known[] = {
+      {"manifest", required_argument, nullptr, 'm'}, {"log", required_argument, nullptr, 'l'},
+      {"settings", required_argument, nullptr, 's'}, {"stall", no_argument, nullptr, 'o'},
+      {"crash", no_argument, nullptr, 'c'},          {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'v'},        {nullptr, 0, nullptr, 0}};
   const char *manifest = nullptr;
   const char *log = nullptr;
   const char *settings = nullptr;
-  bool stall = false;
+  Job drills; // the switches among what every job has
   opterr = 0;
   for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
     switch (letter) {
@@ -61,7 +59,10 @@ Options parse_options(int argc, char **argv) {
       settings = optarg;
       break;
     case 'o':
-      stall = true;
+      drills.stall = true;
+      break;
+    case 'c':
+      drills.crash = true;
       break;
     case 'h':
       return {Command::kHelp, {}, {}};
@@ -80,17 +81,19 @@ Options parse_options(int argc, char **argv) {
   options.command = command_of(argv[optind]);
   if (options.command == Command::kWrong)
     return wrong(std::string("the command is create or verify, not ") + argv[optind]);
-  if (optind + 1 == argc) return wrong("the directory is missing");
-  if (optind + 2 != argc)
-    return wrong(std::string("one directory at a time, not also ") + argv[optind + 2]);
+  const std::vector<std::string> roots(argv + optind + 1, argv + argc);
+  if (roots.empty()) return wrong("the directory is missing");
+  if (manifest != nullptr && roots.size() > 1)
+    return wrong(std::string("--manifest ") + manifest + " cannot serve several directories");
 
-  options.job.stall = stall;
-  options.job.root = argv[optind + 1];
-  Places &places = options.job.places;
-  set_manifest(places, manifest != nullptr ? manifest : options.job.root + "/.vorn-scrub");
-  if (places.manifest_name.empty())
-    return wrong(std::string("--manifest ") + manifest + " names no file");
-  places.log_directory = log != nullptr ? log : places.manifest_directory;
+  for (const std::string &root : roots) {
+    Job &job = options.jobs.emplace_back(drills);
+    job.root = root;
+    set_manifest(job.places, manifest != nullptr ? manifest : root + "/.vorn-scrub");
+    if (job.places.manifest_name.empty())
+      return wrong(std::string("--manifest ") + manifest + " names no file");
+    job.places.log_directory = log != nullptr ? log : options.jobs[0].places.manifest_directory;
+  }
   if (settings != nullptr && *settings == '\0') return wrong("--settings names no file");
   if (settings != nullptr) options.settings_file = settings;
   return options;
@@ -106,13 +109,17 @@ Tells which files below a directory have been damaged.
   verify   reads them again and reports each damaged block, and every file that
            is missing or new
 
-  --manifest FILE  the manifest; DIR/.vorn-scrub by default
-  --log DIR        where the log goes; beside the manifest by default
+Several directories are read one after the other, each against its own manifest.
+
+  --manifest FILE  the manifest of the one directory; DIR/.vorn-scrub by default
+  --log DIR        where the log goes; beside the first manifest by default
   --settings FILE  how much is read at once, how many threads compute checksums
                    and the rate of reading; scrub.ini is a sample that tells
   --stall          a drill: an item of scheduled work overruns its time limit of
                    15 seconds; the run tells when the library has noticed that,
                    and ends no sooner
+  --crash          a drill: a thread that computes checksums faults; the process
+                   dies by SIGSEGV, and the log holds the report of it
   --help           this text
   --version        the version
 

@@ -2,6 +2,9 @@
 #ifndef SCRUB_OPTIONS_HPP
 #define SCRUB_OPTIONS_HPP
 
+#include <string>
+#include <vector>
+
 #include "scrub.hpp"
 
 namespace scrub {
@@ -10,7 +13,7 @@ enum class Command { kCreate, kVerify, kHelp, kVersion, kWrong };
 
 struct Options {
   Command command = Command::kWrong;
-  Job job;
+  std::vector<Job> jobs;     // one for each directory
   std::string settings_file; // empty: none
 };
 

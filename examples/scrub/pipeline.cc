@@ -20,6 +20,11 @@ constexpr std::uint64_t kLongestSleep = 10'000'000; // nanoseconds
 // Ends the reading when nobody wants its batches any more.
 struct Stopped {};
 
+[[gnu::noinline]] void fault_on_purpose() {
+  static volatile std::uintptr_t never_mapped = 8;
+  *reinterpret_cast<volatile int *>(never_mapped) = 1;
+}
+
 } // namespace
 
 void Pipeline::Batch::check() {
@@ -32,16 +37,17 @@ void Pipeline::Batch::clear() {
   tasks.clear();
 }
 
-void Pipeline::Lane::run_checker() {
+void Pipeline::Lane::run_checker(bool crash) {
   while (Batch *batch = filled.take()) {
+    if (crash) fault_on_purpose();
     batch->check();
     checked.put(*batch);
   }
 }
 
-Pipeline::Pipeline(const Settings &settings)
+Pipeline::Pipeline(const Settings &settings, bool crash)
     : batches_(kBatches, Batch(settings.read_size_limit / kBlockSize)), lanes_(settings.threads),
-      rate_(settings.rate_limit * 1'000'000, vorn_time_getnanosec()) {
+      rate_(settings.rate_limit * 1'000'000, vorn_time_getnanosec()), crash_(crash) {
   set_strategy(settings);
   for (Batch &batch : batches_)
     empty_.put(batch);
@@ -53,7 +59,7 @@ void Pipeline::run(const Task &read) {
     const Stop stop(*this); // ahead of waiting for them, whatever ends the run
     for (Lane &lane : lanes_)
       threads.emplace_back("scrub_check" + std::to_string(threads.size()),
-                           [&lane] { lane.run_checker(); });
+                           [&, crash = crash_ && threads.empty()] { lane.run_checker(crash); });
     threads.emplace_back("scrub_read", [&] { run_reader(read); });
     run_tasks();
   }

@@ -41,7 +41,8 @@ class Pipeline {
 public:
   static constexpr unsigned int kBatches = 31; // one less than a power of two
 
-  explicit Pipeline(const Settings &settings);
+  // With crash, the first checker faults at its first batch.
+  explicit Pipeline(const Settings &settings, bool crash = false);
 
   // Runs read in a thread of its own and, in the calling one, all the tasks that read adds, in
   // their order. What a task throws ends the reading, and is thrown. What read throws is thrown
@@ -85,7 +86,7 @@ private:
 
   // The way through a checker.
   struct Lane {
-    void run_checker();
+    void run_checker(bool crash);
 
     Handover<Batch> filled{kBatches};
     Handover<Batch> checked{kBatches};
@@ -131,6 +132,7 @@ private:
   FineSleep sleep_;
   Batch *batch_ = nullptr; // the one that it fills
 
+  const bool crash_;
   std::exception_ptr failure_; // the reader's, there before the last batch is
 };
 

@@ -44,12 +44,18 @@ const char *verdict(ExitStatus status) {
 
 } // namespace
 
+ExitStatus Report::status() {
+  if (count(Count::kDamagedFiles) + count(Count::kMissing) + count(Count::kUnreadable) != 0)
+    return kDamage;
+  return count(Count::kPassingFiles) != 0 ? kPassingFault : kClean;
+}
+
 Report::Report(std::uint64_t total_bytes)
     : started_(vorn_time_getnanosec()), progress_(total_bytes) {}
 
 void Report::damaged_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                            const Checksums &found) {
-  ++findings_.damaged_blocks;
+  ++count(Count::kDamagedBlocks);
   const String path = escape(file.path);
   const std::uint64_t offset = block * kBlockSize;
   progress_.print("DAMAGED     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
@@ -70,7 +76,7 @@ void Report::damaged_block(const FileRecord &file, std::uint64_t block, const Ch
 
 void Report::passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                            const Checksums &found) {
-  ++findings_.passing_blocks;
+  ++count(Count::kPassingBlocks);
   const String path = escape(file.path);
   progress_.print("PASSING     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
                   ", found %08" PRIx32 " at first, right a second later",
@@ -90,35 +96,35 @@ void Report::size_change(const FileRecord &file, std::uint64_t found) {
 }
 
 void Report::damaged_file(bool written_since) {
-  ++findings_.damaged_files;
+  ++count(Count::kDamagedFiles);
   progress_.print("            %s",
                   written_since ? "written to since the manifest was made"
                                 : "not written to since the manifest was made: silent damage");
 }
 
 void Report::missing(const FileRecord &file) {
-  ++findings_.missing;
+  ++count(Count::kMissing);
   const String path = escape(file.path);
   progress_.print("MISSING     %s", path.c_str());
   SCRUB_LOG(kFinding, "missing: %s.", path.c_str());
 }
 
 void Report::unreadable(const FileRecord &file, const char *why) {
-  ++findings_.unreadable;
+  ++count(Count::kUnreadable);
   const String path = escape(file.path);
   progress_.print("UNREADABLE  %s: %s", path.c_str(), why);
   SCRUB_LOG(kFinding, "unreadable: %s, %s.", path.c_str(), why);
 }
 
 void Report::added(std::string_view path) {
-  ++findings_.added;
+  ++count(Count::kNew);
   const String word = escape(path);
   progress_.print("NEW         %s", word.c_str());
   SCRUB_LOG(kFinding, "new: %s.", word.c_str());
 }
 
 void Report::skipped(std::string_view path, const char *why) {
-  ++findings_.skipped;
+  ++count(Count::kSkipped);
   const String word = escape(path);
   progress_.print("SKIPPED     %s: %s", word.c_str(), why);
   SCRUB_LOG(kFinding, "skipped: %s, %s.", word.c_str(), why);
@@ -128,7 +134,7 @@ void Report::finish_create(const Job &job, const Totals &read, const Walk &walk)
   progress_.finish();
   SCRUB_LOG(EVLOG_INFO,
             "manifest written: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " skipped.",
-            read.files, read.bytes, findings_.skipped);
+            read.files, read.bytes, count(Count::kSkipped));
   std::puts("\nRECORDED: the manifest is complete");
   account(job, read, walk);
 }
@@ -138,30 +144,32 @@ void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk)
   SCRUB_LOG(EVLOG_INFO,
             "verified: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " damaged, %" PRIu64
             " with passing faults, %" PRIu64 " missing, %" PRIu64 " unreadable, %" PRIu64 " new.",
-            read.files, read.bytes, findings_.damaged_files, findings_.passing_files,
-            findings_.missing, findings_.unreadable, findings_.added);
-  std::puts(verdict(findings_.status()));
+            read.files, read.bytes, count(Count::kDamagedFiles), count(Count::kPassingFiles),
+            count(Count::kMissing), count(Count::kUnreadable), count(Count::kNew));
+  std::puts(verdict(status()));
   account(job, read, walk);
 }
 
 void Report::account(const Job &job, const Totals &read, const Walk &walk) const {
+  count(Count::kFiles) = read.files;
+  count(Count::kBytes) = read.bytes;
   const std::uint64_t taken = std::max<std::uint64_t>(vorn_time_getnanosec() - started_, 1);
   const double seconds = static_cast<double>(taken) / 1e9;
 
   std::printf("  files     %s read", grouped(read.files).c_str());
-  print_count(findings_.damaged_files, "damaged");
-  print_count(findings_.missing, "missing");
-  print_count(findings_.unreadable, "unreadable");
-  print_count(findings_.added, "new");
-  print_count(findings_.skipped, "skipped");
+  print_count(count(Count::kDamagedFiles), "damaged");
+  print_count(count(Count::kMissing), "missing");
+  print_count(count(Count::kUnreadable), "unreadable");
+  print_count(count(Count::kNew), "new");
+  print_count(count(Count::kSkipped), "skipped");
   print_count(walk.links() + walk.specials(), "links and special files left out");
   std::printf("\n  bytes     %s (%s) in %s", grouped(read.bytes).c_str(),
               bytes_text(static_cast<double>(read.bytes)).c_str(),
               counted(read.blocks, "block").c_str());
-  print_count(findings_.damaged_blocks, "damaged");
-  if (findings_.passing_blocks != 0)
+  print_count(count(Count::kDamagedBlocks), "damaged");
+  if (count(Count::kPassingBlocks) != 0)
     std::printf("\n  passing   %s right at the second read alone",
-                counted(findings_.passing_blocks, "block").c_str());
+                counted(count(Count::kPassingBlocks), "block").c_str());
   std::printf("\n  speed     %.1f MB/s, %.2f s\n", static_cast<double>(read.bytes) / 1e6 / seconds,
               seconds);
   print_memory();

@@ -1,4 +1,5 @@
-// What a run says: a line for each finding, in the log too, and the account at its end.
+// What a run says: a line for each finding, in the log too, and the account at its end. For the
+// thread of the run's instance, whose counts it keeps.
 #ifndef SCRUB_REPORT_HPP
 #define SCRUB_REPORT_HPP
 
@@ -6,28 +7,13 @@
 #include <string_view>
 
 #include "checksums.hpp"
+#include "instance.hpp"
 #include "manifest.hpp"
 #include "progress.hpp"
 #include "scrub.hpp"
 #include "walk.hpp"
 
 namespace scrub {
-
-struct Findings {
-  std::uint64_t damaged_files = 0;
-  std::uint64_t damaged_blocks = 0;
-  std::uint64_t passing_files = 0;
-  std::uint64_t passing_blocks = 0; // wrong at the first read, right at the second
-  std::uint64_t missing = 0;        // recorded, not there
-  std::uint64_t unreadable = 0;     // recorded, there, could not be read to the end
-  std::uint64_t added = 0;          // there, not recorded
-  std::uint64_t skipped = 0;        // not recorded and not looked at: could not be read
-
-  ExitStatus status() const {
-    if (damaged_files + missing + unreadable != 0) return kDamage;
-    return passing_files != 0 ? kPassingFault : kClean;
-  }
-};
 
 class Report {
 public:
@@ -43,13 +29,14 @@ public:
   void size_change(const FileRecord &file, std::uint64_t found);
   // Behind the lines above: whether anyone has written to the file since, by its time.
   void damaged_file(bool written_since);
-  void passing_file() { ++findings_.passing_files; }
+  void passing_file() { ++count(Count::kPassingFiles); }
   void missing(const FileRecord &file);
   void unreadable(const FileRecord &file, const char *why);
   void added(std::string_view path);
   void skipped(std::string_view path, const char *why);
 
-  const Findings &findings() const { return findings_; }
+  // Of the run so far.
+  static ExitStatus status();
 
   // The account at the end. read is what was read.
   void finish_create(const Job &job, const Totals &read, const Walk &walk);
@@ -60,7 +47,6 @@ private:
 
   const std::uint64_t started_; // nanoseconds
   Progress progress_;
-  Findings findings_;
 };
 
 } // namespace scrub

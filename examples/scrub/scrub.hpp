@@ -16,7 +16,9 @@ struct Job {
   Places places;
   Settings settings;
   bool has_log = false;
-  bool stall = false; // have an item of scheduled work overrun its time limit, as a drill
+  // Drills: have an item of scheduled work overrun its time limit, a checksum thread fault.
+  bool stall = false;
+  bool crash = false;
 };
 
 // Records the checksums of every file below the root. What cannot be read is reported and left out.

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "instance.hpp"
+#include "vorn_lwp.h"
 #include "vorn_sem_enhance.h"
 #include "vorn_thrd.h"
 
@@ -10,7 +12,7 @@ namespace scrub {
 
 struct Thread::State {
   State(const std::string &thread_name, std::function<void()> function)
-      : name(thread_name), body(std::move(function)) {
+      : name(thread_name), instance(LwpCtxCurrent()), body(std::move(function)) {
     vorn_sem_enhance_init(&ended, 0);
   }
 
@@ -20,12 +22,16 @@ struct Thread::State {
     State &state = **own;
     vorn_thrd_setname("%s", state.name.c_str());
     vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_IO); // a refusal is in the log
-    state.body();
+    {
+      const WorkingFor work(state.instance);
+      state.body();
+    }
     vorn_sem_enhance_up(&state.ended);
     return nullptr;
   }
 
   const std::string name;
+  const std::uint64_t instance;
   const std::function<void()> body;
   vorn_sem_enhance_s ended;
 };

@@ -1,4 +1,5 @@
-// A thread of the library that runs a function, under a name and the I/O strategy.
+// A thread of the library that runs a function, under a name and the I/O strategy, and works for
+// the instance of the thread that started it.
 #ifndef SCRUB_THREAD_HPP
 #define SCRUB_THREAD_HPP
 

@@ -175,14 +175,14 @@ ExitStatus verify(const Job &job) {
   Walk walk(job.root, own);
   Report report(recorded.bytes);
   Supervision supervision(report.progress(), job.stall);
-  Pipeline pipeline(job.settings);
+  Pipeline pipeline(job.settings, job.crash);
   Comparison comparison(job.root, pipeline, report);
   Verifier verifier(pipeline, manifest, walk, comparison);
   pipeline.run([&] { verifier.read(); });
   comparison.finish();
   supervision.finish();
   report.finish_verify(job, comparison.read(), walk);
-  return report.findings().status();
+  return Report::status();
 }
 
 } // namespace scrub
