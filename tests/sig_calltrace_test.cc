@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "base/log.hpp"
+#include "base/mutex.hpp"
 #include "evlog.h"
 #include "support/scratch.hpp"
 #include "thread/vorn_thrd.hpp"
@@ -219,6 +220,12 @@ void fault_in_symbol_lock() {
   vorn_symbol_init();
 }
 
+void fault_in_gate() {
+  static constinit vorn::Mutex mutex;
+  const vorn::MutexGuard hold{mutex}; // in the fork gate, too
+  fault();
+}
+
 void fault_without_record() {
   vorn::thread::t_record = reinterpret_cast<vorn_thread_s *>(0x10);
   fault();
@@ -272,6 +279,7 @@ TEST(Fault, TheHardCasesEndAsWell) {
       {in_library_thread, fault, SIGSEGV, {"::fault()+0x", "vorn::thread::start_raw"}},
       {in_foreign_thread, fault, SIGSEGV, {" func=(anonymous namespace)::fault()+0x", "00000001"}},
       {nullptr, fault_in_symbol_lock, SIGSEGV, {"Critical fault", "Success"}},
+      {nullptr, fault_in_gate, SIGSEGV, {"fault()+0x", "Success"}},
       {in_library_thread, fault_without_record, SIGSEGV, {"=victim", "desc(INVALID_STACK)"}},
       {nullptr, fault_in_log, SIGSEGV, {"fault()+0x", "Success"}},
       {in_library_thread, fault_in_hook, SIGBUS, {"<1>, sig SIGSEGV", "Stack Info"}},
