@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
@@ -97,8 +96,7 @@ TEST_F(SettingsFile, IsRefusedWithTheReason) {
 
 // Every setting stands in the sample, with the value that it has without a file.
 TEST_F(SettingsFile, TheSampleHoldsTheDefaults) {
-  const auto project = std::filesystem::path(__FILE__).parent_path().parent_path();
-  std::string content = scratch::read_file(project / "examples/scrub/scrub.ini");
+  std::string content = scratch::read_file(VORN_SAMPLE_SETTINGS);
   EXPECT_EQ(outcome(content), outcome("[SCRUB]\n"));
   for (const auto &[from, to] :
        {std::pair("=131072", "=8192"), std::pair("=1\n", "=5\n"), std::pair("=0\n", "=6\n")})
