@@ -261,6 +261,12 @@ void report_fatal(int signal, siginfo_t *info, void *context) {
   }
 }
 
+void vorn_thread_dump_current_stack(int signal, const void *context) {
+  const arch::RegisterRecord record = record_of(context);
+  write_registers(signal, record);
+  write_stack(signal, record);
+}
+
 void dump_and_go_on(int signal, const siginfo_t *info, const void *context) {
   const int count = running.fetch_add(1, std::memory_order_relaxed) + 1;
   if (count > kMostDumps) {
@@ -268,10 +274,8 @@ void dump_and_go_on(int signal, const siginfo_t *info, const void *context) {
     evlog_original("<%d>fault handler reentrant<%d> too much. sig %d", gettid(), count, signal);
     return;
   }
-  const arch::RegisterRecord record = record_of(context);
   write_start(count, signal, info);
-  write_registers(signal, record);
-  write_stack(signal, record);
+  vorn_thread_dump_current_stack(signal, context);
   running.fetch_sub(1, std::memory_order_relaxed);
 }
 
