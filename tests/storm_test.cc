@@ -290,16 +290,22 @@ INSTANTIATE_TEST_SUITE_P(, StormOf, testing::ValuesIn(kFamilies),
 
 TEST_F(Storm, ChildrenForkedUnderLoadUseEveryFamily) {
   std::atomic<bool> done{false};
+  std::atomic<int> rounds{0};
   std::vector<std::thread> users;
   for (int user = 0; user < 3; ++user) {
     users.emplace_back([&, user] {
-      for (int i = user; !done; ++i) {
+      for (int i = user; !done; ++i, ++rounds) {
         const Family &family = kFamilies[static_cast<std::size_t>(i) % std::size(kFamilies)];
         if (family.allocates && !kMayForkBesideAllocation) continue;
         if (family.closes && !kMayForkBesideClosing) continue;
         if (family.every < 2 || i % family.every == 0) family.use();
       }
     });
+  }
+  if (!kMayForkBesideAllocation) { // as a thread's start is, and its first use of a family
+    while (rounds < 300)
+      usleep(1000);
+    settled_threads_with_record();
   }
   for (int i = 0; i < 1000; ++i) {
     usleep(static_cast<useconds_t>(random_() % 1000));
