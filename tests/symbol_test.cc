@@ -26,6 +26,9 @@
 using namespace vorn::symbol;
 using namespace std::string_literals;
 
+// The loader's lock, under which the objects are walked, is not known to the thread sanitizer.
+extern "C" const char *__tsan_default_suppressions() { return "race:vorn::symbol::Image::take\n"; }
+
 namespace {
 
 std::atomic<long> live_blocks{0};

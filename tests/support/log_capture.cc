@@ -1,5 +1,6 @@
 #include "support/log_capture.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -13,8 +14,26 @@
 namespace capture {
 namespace {
 
+// Of all records, so that they can be put in order.
+std::atomic<unsigned long> next_number{0};
+
+struct Numbered {
+  unsigned long number;
+  Record record;
+};
 std::mutex mutex;
-std::vector<Record> records;
+std::vector<Numbered> records;
+
+// What came by evlog_original, which signal handlers call: kept without a lock, and the first of
+// them alone.
+struct Original {
+  unsigned long number;
+  char text[640];
+  std::atomic<bool> complete;
+};
+Original originals[8192];
+std::atomic<std::size_t> original_count{0};
+std::size_t taken = 0; // of them, under the mutex
 std::atomic<int> wanted_level{EVLOG_DEBUG};
 
 std::string format_text(const char *format, va_list args) EVLOG_PRINTF(1, 0);
@@ -27,14 +46,32 @@ std::string format_text(const char *format, va_list args) {
 
 void keep(Record record) {
   std::lock_guard hold{mutex};
-  records.push_back(std::move(record));
+  records.push_back({next_number++, std::move(record)});
+}
+
+void keep_original(const char *format, va_list args) EVLOG_PRINTF(1, 0);
+
+void keep_original(const char *format, va_list args) {
+  const std::size_t at = original_count++;
+  if (at >= std::size(originals)) return;
+  originals[at].number = next_number++;
+  std::vsnprintf(originals[at].text, sizeof originals[at].text, format, args);
+  originals[at].complete.store(true, std::memory_order_release);
 }
 
 } // namespace
 
 std::vector<Record> take() {
   std::lock_guard hold{mutex};
-  return std::exchange(records, {});
+  std::vector<Numbered> all = std::exchange(records, {});
+  for (; taken < std::size(originals) && originals[taken].complete.load(std::memory_order_acquire);
+       ++taken)
+    all.push_back({originals[taken].number, {0, kOriginal, "", 0, "", originals[taken].text}});
+  std::ranges::sort(all, {}, &Numbered::number);
+  std::vector<Record> in_order;
+  for (Numbered &each : all)
+    in_order.push_back(std::move(each.record));
+  return in_order;
 }
 
 std::vector<std::string> take_lines() {
@@ -80,7 +117,7 @@ int evlog_original(const char *format, ...) {
   pthread_testcancel();
   va_list args;
   va_start(args, format);
-  capture::keep({0, capture::kOriginal, "", 0, "", capture::format_text(format, args)});
+  capture::keep_original(format, args);
   va_end(args);
   return 0;
 }
