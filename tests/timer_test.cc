@@ -206,20 +206,23 @@ TEST_F(WheelTimers, RunAtTheirMillisecondOverAnyJump) {
 }
 
 // The thread sleeps 20 ms at a time, unless it is woken for an earlier timer, and never beyond the
-// time that it looks at, however late it is between two readings.
+// time that it looks at, however late it is between two readings. A busy machine gets four tries.
 TEST_F(WheelTimers, WakeTheirThreadInTime) {
   for (const uint64_t step : {0, 600000}) {
     if (step != 0) stop_clock();
     g_step = step;
-    int slow = 0;
+    int slow = 40;
     Timer timer;
-    for (int i = 0; i < 40; ++i) {
-      const int before = timer.fired;
-      const uint64_t start = __real_vorn_time_getnanosec();
-      vorn_timer_modify(&timer, 1);
-      while (timer.fired == before)
-        std::this_thread::yield();
-      if (__real_vorn_time_getnanosec() - start > 15000000) ++slow;
+    for (int round = 0; round < 4 && slow >= 10; ++round) {
+      slow = 0;
+      for (int i = 0; i < 40; ++i) {
+        const int before = timer.fired;
+        const uint64_t start = __real_vorn_time_getnanosec();
+        vorn_timer_modify(&timer, 1);
+        while (timer.fired == before)
+          std::this_thread::yield();
+        if (__real_vorn_time_getnanosec() - start > 8000000) ++slow;
+      }
     }
     EXPECT_LT(slow, 10) << step;
     vorn_timer_delete_sync(&timer);

@@ -17,12 +17,9 @@ namespace {
 // Of all records, so that they can be put in order.
 std::atomic<unsigned long> next_number{0};
 
-struct Numbered {
-  unsigned long number;
-  Record record;
-};
 std::mutex mutex;
-std::vector<Numbered> records;
+std::vector<Record> records;
+std::vector<unsigned long> numbers; // of the records
 
 // What came by evlog_original, which signal handlers call: kept without a lock, and the first of
 // them alone.
@@ -46,7 +43,8 @@ std::string format_text(const char *format, va_list args) {
 
 void keep(Record record) {
   std::lock_guard hold{mutex};
-  records.push_back({next_number++, std::move(record)});
+  records.push_back(std::move(record));
+  numbers.push_back(next_number++);
 }
 
 void keep_original(const char *format, va_list args) EVLOG_PRINTF(1, 0);
@@ -61,17 +59,17 @@ void keep_original(const char *format, va_list args) {
 
 } // namespace
 
+// Does not allocate unless evlog_original was called.
 std::vector<Record> take() {
   std::lock_guard hold{mutex};
-  std::vector<Numbered> all = std::exchange(records, {});
   for (; taken < std::size(originals) && originals[taken].complete.load(std::memory_order_acquire);
-       ++taken)
-    all.push_back({originals[taken].number, {0, kOriginal, "", 0, "", originals[taken].text}});
-  std::ranges::sort(all, {}, &Numbered::number);
-  std::vector<Record> in_order;
-  for (Numbered &each : all)
-    in_order.push_back(std::move(each.record));
-  return in_order;
+       ++taken) {
+    const auto at = std::ranges::upper_bound(numbers, originals[taken].number) - numbers.begin();
+    records.insert(records.begin() + at, {0, kOriginal, "", 0, "", originals[taken].text});
+    numbers.insert(numbers.begin() + at, originals[taken].number);
+  }
+  numbers.clear();
+  return std::exchange(records, {});
 }
 
 std::vector<std::string> take_lines() {
