@@ -266,7 +266,9 @@ TEST_F(Lwp, ADeletionWaitsForTheCreation) {
   // The result of the constructor, and whether the deletion comes before the thread's handle.
   const std::tuple<int, bool, std::string> rows[] = {
       {0, false, "+a-a"}, {0, true, "+a-a"}, {5, false, "+a"}};
-  for (uint64_t number = 0; const auto &[result, late, notes] : rows) {
+  for (uint64_t number = 0; const auto &row : rows) {
+    const auto &[result, is_late, notes] = row;
+    const bool late = is_late;
     const uint64_t id = id_of(number++, 0);
     variable.construct_result = result;
     variable.on_construct = [&](uint64_t) {
@@ -344,7 +346,9 @@ TEST_F(Lwp, ARegistrationFailsWithItsConstructors) {
   EXPECT_EQ(Noted::take(), "+x+x+x");
   // A constructor that registers one has it constructed by its own caller.
   const auto add_once = [](Noted &variable) {
-    return [&](uint64_t) { variable.id != 0 || variable.add() != LWP_NONE; };
+    return [&](uint64_t) {
+      if (variable.id == 0) variable.add();
+    };
   };
   outer.on_construct = add_once(inner);
   EXPECT_NE(outer.add(), LWP_NONE);

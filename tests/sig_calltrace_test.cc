@@ -40,7 +40,7 @@ volatile bool g_fault_in_demangler, g_fault_in_clock;
 long g_part_timer = 0;
 itimerspec g_part_limit{};
 
-[[gnu::noinline, gnu::no_sanitize("undefined"), gnu::no_sanitize_address]] void fault() {
+__attribute__((noinline, no_sanitize("undefined"), no_sanitize_address)) void fault() {
   static volatile std::uintptr_t nowhere = 0x10;
   *reinterpret_cast<volatile int *>(nowhere) = 1;
 }
