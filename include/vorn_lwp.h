@@ -14,7 +14,7 @@
  *
  * An instance stays while references are held: LwpInstDelete first refuses new ones, then waits
  * until those held are given back. What is borrowed from an instance (its record, name and values)
- * is valid as long as a reference is held or nobody deletes it.
+ * is valid as long as a reference is held or no thread deletes it.
  *
  * Any thread may call any function after LwpModuleInit; before that there are no instances and no
  * variables. No function is for signal handlers, but LwpCtxCurrent, LwpCtxSwitchShow and

@@ -174,13 +174,6 @@ struct Family {
   bool closes = true; // descriptors
 };
 
-// The thread sanitizer ends a child that starts threads, as the library's start does.
-#ifdef __SANITIZE_THREAD__
-constexpr bool kMayStartThreadsInChild = false;
-#else
-constexpr bool kMayStartThreadsInChild = true;
-#endif
-
 void PrintTo(const Family &family, std::ostream *out) { *out << family.name; }
 
 constexpr Family kFamilies[] = {

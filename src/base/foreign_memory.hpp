@@ -1,4 +1,4 @@
-// Reads memory that may not be there, for what follows pointers that nobody vouches for.
+// Reads memory that may not be there, for code that follows unproved pointers.
 #ifndef VORN_BASE_FOREIGN_MEMORY_HPP
 #define VORN_BASE_FOREIGN_MEMORY_HPP
 

@@ -59,7 +59,7 @@ inline lwp_inst_s *find(std::uint64_t id) {
 
 // --- Variables (lwp_var.cc) ---
 
-// Undoes LwpVarModuleInit, before anybody uses the tables.
+// Undoes LwpVarModuleInit, before any thread uses the tables.
 void drop_variables();
 
 } // namespace vorn::lwp

@@ -340,7 +340,7 @@ bool must_wait(const lwp_inst_s &inst, std::uint32_t mask) {
 // --- fork() ---
 
 // Of what other threads of the parent were doing, the child has the traces alone. An instance that
-// one was creating has no id that anybody knows, so its place is lost, as that of one that was
+// one was creating has no id that a thread knows, so its place is lost, as that of one that was
 // being deleted.
 void forget_threads_of(lwp_inst_s &inst) {
   const pthread_t self = pthread_self();

@@ -190,7 +190,7 @@ bool is_expiry(const siginfo_t &info) {
   return info.si_code == SI_TIMER && info.si_value.sival_ptr == &t_report;
 }
 
-// A fault, not a signal that somebody sent; that of abort(3) is the thread's own.
+// A fault, not a signal that a process sent; that of abort(3) is the thread's own.
 bool is_fault(int signal, const siginfo_t &info) {
   if (signal == SIGABRT) return info.si_code != SI_USER && info.si_pid == getpid();
   return info.si_code > 0;

@@ -21,6 +21,13 @@ inline constexpr bool kMayForkBesideClosing = false;
 inline constexpr bool kMayForkBesideClosing = true;
 #endif
 
+// The thread sanitizer ends a child that starts a thread.
+#ifdef __SANITIZE_THREAD__
+inline constexpr bool kMayStartThreadsInChild = false;
+#else
+inline constexpr bool kMayStartThreadsInChild = true;
+#endif
+
 inline int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
 // The exit code of a child that ends with what work returns; -1 where it was killed, as after a
