@@ -30,6 +30,7 @@
 #include "vorn_mem.h"
 #include "vorn_mtx.h"
 #include "vorn_notifier.h"
+#include "vorn_numa.h"
 #include "vorn_percpu_posix.h"
 #include "vorn_process.h"
 #include "vorn_rbtree.h"

@@ -13,14 +13,14 @@ enum class OncePolicy {
   kLatch, // the first run counts, whatever its result
 };
 
-// A step runs under the mutex: the thread is not cancelled in it, and a fork waits for its end. The
-// flag is written under the mutex only, with release; a reader that sees it set with acquire
-// sees everything the step wrote.
-class Once {
+// A step runs under the mutex: the thread is not cancelled in it, and a fork waits for its end
+// unless the mutex is ungated. The flag is written under the mutex only, with release; a reader
+// that sees it set with acquire sees everything the step wrote.
+template <class AnyMutex> class OnceUnder {
 public:
-  explicit constexpr Once(OncePolicy policy) : policy_(policy) {}
-  Once(const Once &) = delete;
-  Once &operator=(const Once &) = delete;
+  explicit constexpr OnceUnder(OncePolicy policy) : policy_(policy) {}
+  OnceUnder(const OnceUnder &) = delete;
+  OnceUnder &operator=(const OnceUnder &) = delete;
 
   bool done() const { return done_.load(std::memory_order_acquire); }
 
@@ -41,6 +41,9 @@ public:
     done_.store(false, std::memory_order_release);
   }
 
+  // In a child of fork(), where the thread that ran the step does not exist: see UngatedMutex.
+  void renew() { mutex_.renew(); }
+
 private:
   // Apart, so that the usual case costs its caller one test and no more.
   template <class Step> [[gnu::noinline]] int run_under_mutex(Step &step) {
@@ -52,9 +55,14 @@ private:
   }
 
   std::atomic<bool> done_{false};
-  Mutex mutex_;
+  AnyMutex mutex_;
   OncePolicy policy_;
 };
+
+using Once = OnceUnder<Mutex>;
+
+// For a step that waits for another process.
+using UngatedOnce = OnceUnder<UngatedMutex>;
 
 } // namespace vorn
 

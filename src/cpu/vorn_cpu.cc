@@ -1,64 +1,146 @@
-// CPU lists, and what the kernel module knows of a CPU.
+// CPU partitions and what refers to them, and what the kernel module knows of a CPU.
 #include "vorn_cpu.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
-#include <climits>
+#include <cstring>
 #include <string_view>
 
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
+#include "cpu/cpu_list.hpp"
+#include "cpu/partition_table.hpp"
+#include "mem/owned.hpp"
 #include "vorn_bitops.h"
 
 namespace vorn::cpu {
 namespace {
 
 constexpr char kParser[] = "vorn_cpum_parse_cpumask_as_list";
-constexpr unsigned int kLastCpu = VORN_CPUM_CPU_COUNT - 1;
+constexpr char kPolled[] = "IOD_NORMAL";
+constexpr unsigned int kLastClearedCpu = VORN_CPUM_CPU_COUNT - 2;
 
-// Takes a number off the front of text, with the blanks before it; one that is too large becomes
-// the largest. False, with *number untouched, when there is none. sscanf(3) would take a sign and
-// let a large number wrap to a small one.
-bool take_number(std::string_view &text, unsigned int *number) {
-  text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
-  if (error == std::errc::invalid_argument) return false;
-  if (error == std::errc::result_out_of_range) *number = UINT_MAX;
-  text.remove_prefix(static_cast<std::size_t>(rest - text.data()));
-  return true;
-}
-
-bool parse_item(std::string_view item, uint64_t *mask) {
+bool is_range(const CpuRange &range, std::string_view item) {
   const int length = static_cast<int>(item.size());
-  std::string_view rest = item;
-  unsigned int start = 0;
-  if (!take_number(rest, &start)) {
+  if (range.numbers == 0)
     return VORN_FAIL_AS(kParser, false, "Parse cpu mask fail, invalid format:%.*s", length,
                         item.data());
-  }
-  unsigned int end = start;
-  if (rest.starts_with('-')) {
-    rest.remove_prefix(1);
-    take_number(rest, &end);
-  }
-  if (end < start) {
+  if (range.reversed())
     return VORN_FAIL_AS(kParser, false, "Parse cpu mask %.*s fail, end:%u is less than start:%u",
-                        length, item.data(), end, start);
-  }
-  for (unsigned int cpu = std::min(start, kLastCpu); cpu <= std::min(end, kLastCpu); ++cpu)
-    vorn_set_bit(cpu, mask);
+                        length, item.data(), range.end, range.start);
   return true;
 }
 
-int parse_list(std::string_view list, uint64_t *mask) {
-  int result = -1;
-  for (;;) {
-    const std::size_t comma = list.find(',');
-    if (parse_item(list.substr(0, comma), mask)) result = 0;
-    if (comma == std::string_view::npos) return result;
-    list.remove_prefix(comma + 1);
+// An item "group/partition"; the group is "*" for all.
+struct Reference {
+  std::string_view group;
+  std::string_view partition;
+
+  bool means(const Group &candidate, const Partition &other) const {
+    return (group == "*" || group == candidate.name) && partition == other.name;
   }
+};
+
+// False when item is none. A name that no record can have needs no cut: it is not found.
+bool scan_reference(std::string_view item, Reference &reference) {
+  const std::size_t slash = item.find('/');
+  if (slash == 0 || slash == std::string_view::npos || slash + 1 == item.size()) return false;
+  if (slash > VORN_CPUM_NAME_SIZE) return false;
+  reference = {item.substr(0, slash), item.substr(slash + 1)};
+  return true;
+}
+
+// The work of one call. Each partition is taken once, so that the work stays small however often
+// references meet again.
+class Resolver {
+public:
+  explicit Resolver(uint64_t *mask) : mask_(mask) {}
+
+  // Whether an item was taken. outer is the partition whose list this is, NULL for the caller's.
+  struct Open;
+  bool take_list(std::string_view list, const Open *outer) {
+    bool taken = false;
+    each_item(list, [&](std::string_view item) {
+      taken = take_item(item, outer) || taken;
+      return true;
+    });
+    return taken;
+  }
+
+  // A partition whose list is being read, and the one whose list refers to it.
+  struct Open {
+    const Partition &partition;
+    const Open *outer;
+    unsigned int depth;
+  };
+
+private:
+  static constexpr unsigned int kMaxDepth = 128; // a list's frames, on any thread's stack
+
+  bool take_item(std::string_view item, const Open *outer) {
+    Reference reference;
+    if (vorn_cpum_init(nullptr) == 0 && scan_reference(item, reference))
+      return take_reference(reference, outer);
+    const CpuRange range = scan_cpu_range(item);
+    if (!is_range(range, item)) return false;
+    add_cpus(range, VORN_CPUM_CPU_COUNT, mask_);
+    return true;
+  }
+
+  bool take_reference(const Reference &reference, const Open *outer) {
+    if (!remember_taken()) return false;
+    each_partition([&](const Group &group, const Partition &partition) {
+      if (reference.means(group, partition)) take_partition(group, partition, outer);
+    });
+    return true;
+  }
+
+  void take_partition(const Group &group, const Partition &partition, const Open *outer) {
+    const unsigned int depth = outer == nullptr ? 1 : outer->depth + 1;
+    if (is_open(partition, outer)) {
+      report_circle(group, partition);
+    } else if (depth > kMaxDepth) {
+      VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s is referred to too deeply.",
+                  group.name, partition.name);
+    } else if (vorn_test_and_set_bit(partition.index, taken_.get()) == 0) {
+      const Open open{partition, outer, depth};
+      take_list(partition.cpubind, &open);
+    }
+  }
+
+  static bool is_open(const Partition &partition, const Open *open) {
+    while (open != nullptr && &open->partition != &partition)
+      open = open->outer;
+    return open != nullptr;
+  }
+
+  // Once for a call: where lists refer to each other there are many circles.
+  void report_circle(const Group &group, const Partition &partition) {
+    if (circle_reported_) return;
+    circle_reported_ = true;
+    VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s refers to itself.", group.name,
+                partition.name);
+  }
+
+  // Makes the bits of the partitions that were taken. False after an error message.
+  bool remember_taken() {
+    if (taken_ != nullptr) return true;
+    const std::size_t size = partition_table.partition_count / 8 + 1;
+    taken_ = mem::allocate_block(size, kParser);
+    if (taken_ == nullptr) return false;
+    std::memset(taken_.get(), 0, size);
+    return true;
+  }
+
+  uint64_t *mask_;
+  mem::Block taken_;
+  bool circle_reported_ = false;
+};
+
+// The first two CPUs of a list that begins with a range of three or more.
+void clear_head(const char *cpubind, uint64_t *mask) {
+  const CpuRange range = scan_cpu_range(cpubind);
+  if (range.numbers != 2 || range.start > range.end || range.end - range.start < 2) return;
+  for (unsigned int cpu = range.start; cpu < range.start + 2 && cpu <= kLastClearedCpu; ++cpu)
+    vorn_clear_bit(cpu, mask);
 }
 
 } // namespace
@@ -66,9 +148,41 @@ int parse_list(std::string_view list, uint64_t *mask) {
 
 using namespace vorn::cpu;
 
+const vorn_cpum_partition_s *vorn_cpum_get_partition(const char *group, const char *name) {
+  if (group == nullptr || name == nullptr)
+    return VORN_FAIL(nullptr, "Cpu group or partition name is null.");
+  if (vorn_cpum_init(nullptr) != 0) return nullptr;
+  return find_partition([=](const Group &candidate, const Partition &partition) {
+    return std::strcmp(group, candidate.name) == 0 && std::strcmp(name, partition.name) == 0;
+  });
+}
+
 int vorn_cpum_parse_cpumask(const char *text, uint64_t *mask) {
   if (text == nullptr || mask == nullptr) return -1;
-  return parse_list(text, mask);
+  return Resolver(mask).take_list(text, nullptr) ? 0 : -1;
+}
+
+int vorn_cpum_clear_cpumask_of_iod_poll(uint64_t *mask) {
+  if (mask == nullptr) return VORN_FAIL(-1, "Cpu mask is null.");
+  if (vorn_cpum_init(nullptr) != 0) return -1;
+  each_partition([mask](const Group &, const Partition &partition) {
+    if (std::strcmp(partition.name, kPolled) == 0) clear_head(partition.cpubind, mask);
+  });
+  return 0;
+}
+
+int vorn_cpum_dbg_show(vorn_print_f print) {
+  if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
+  if (!partitions_loaded()) {
+    print("Cpu partition is not inited yet\n");
+    return -1;
+  }
+  print("%-16s %-16s %-4s %s\n", "Group", "Partition", "Type", "CpuBind");
+  each_partition([print](const Group &group, const Partition &partition) {
+    print("%-16s %-16s %-4d %s\n", group.name, partition.name, static_cast<int>(partition.type),
+          partition.cpubind);
+  });
+  return 0;
 }
 
 int vorn_get_idle_no_cstates(unsigned int cpu, uint32_t *value) {

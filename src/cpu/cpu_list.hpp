@@ -1,0 +1,37 @@
+// Lists of CPUs as settings write them: items between commas, each a number or a range.
+#ifndef VORN_CPU_CPU_LIST_HPP
+#define VORN_CPU_CPU_LIST_HPP
+
+#include <string_view>
+
+namespace vorn::cpu {
+
+// An item.
+struct CpuRange {
+  unsigned int start = 0;
+  unsigned int end = 0; // start where there is one number
+  int numbers = 0;      // 1 or 2; 0: the item has another form
+
+  bool reversed() const { return end < start; }
+};
+
+// Reads item as "%u-%u" does, except that a sign is a wrong form, and that a number that is too
+// large becomes the largest in place of a small one.
+CpuRange scan_cpu_range(std::string_view item);
+
+// Adds the CPUs of range below capacity to set.
+void add_cpus(const CpuRange &range, unsigned int capacity, void *set);
+
+// Calls take with each item of list, up to the first for which it answers false: false then.
+template <class Take> bool each_item(std::string_view list, Take take) {
+  for (;;) {
+    const std::size_t comma = list.find(',');
+    if (!take(list.substr(0, comma))) return false;
+    if (comma == std::string_view::npos) return true;
+    list.remove_prefix(comma + 1);
+  }
+}
+
+} // namespace vorn::cpu
+
+#endif
