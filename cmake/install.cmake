@@ -16,7 +16,8 @@ configure_file(packaging/vorn.pc.in vorn.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(FILES examples/scrub/scrub.ini DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+install(FILES examples/scrub/scrub.ini examples/node/product.ini examples/node/numa.ini
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN *.md)
 
 set(CPACK_GENERATOR DEB)

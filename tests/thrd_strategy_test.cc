@@ -12,6 +12,7 @@
 #include "evlog.h"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
+#include "vorn_cpu.h"
 #include "vorn_jiffies.h"
 
 // What the system was asked for; nothing is done, so that it takes no rights and no CPUs.
@@ -54,6 +55,7 @@ struct Strategy : testing::Test {
   void SetUp() override {
     ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
     vorn_get_jiffies(); // the rate limiter's clock opens at its first use, and reports that
+    vorn_cpum_init("/"); // no partitions
     capture::take();
   }
   void TearDown() override { vorn_thrd_clearcurthreadinfo(); }

@@ -54,8 +54,14 @@ class Resolver {
 public:
   explicit Resolver(uint64_t *mask) : mask_(mask) {}
 
+  // A partition whose list is being read, and the one whose list refers to it.
+  struct Open {
+    const Partition &partition;
+    const Open *outer;
+    unsigned int depth;
+  };
+
   // Whether an item was taken. outer is the partition whose list this is, NULL for the caller's.
-  struct Open;
   bool take_list(std::string_view list, const Open *outer) {
     bool taken = false;
     each_item(list, [&](std::string_view item) {
@@ -64,13 +70,6 @@ public:
     });
     return taken;
   }
-
-  // A partition whose list is being read, and the one whose list refers to it.
-  struct Open {
-    const Partition &partition;
-    const Open *outer;
-    unsigned int depth;
-  };
 
 private:
   static constexpr unsigned int kMaxDepth = 128; // a list's frames, on any thread's stack
@@ -96,10 +95,9 @@ private:
   void take_partition(const Group &group, const Partition &partition, const Open *outer) {
     const unsigned int depth = outer == nullptr ? 1 : outer->depth + 1;
     if (is_open(partition, outer)) {
-      report_circle(group, partition);
+      report(group, partition, "refers to itself");
     } else if (depth > kMaxDepth) {
-      VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s is referred to too deeply.",
-                  group.name, partition.name);
+      report(group, partition, "is referred to too deeply");
     } else if (vorn_test_and_set_bit(partition.index, taken_.get()) == 0) {
       const Open open{partition, outer, depth};
       take_list(partition.cpubind, &open);
@@ -112,12 +110,11 @@ private:
     return open != nullptr;
   }
 
-  // Once for a call: where lists refer to each other there are many circles.
-  void report_circle(const Group &group, const Partition &partition) {
-    if (circle_reported_) return;
-    circle_reported_ = true;
-    VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s refers to itself.", group.name,
-                partition.name);
+  // Once for a call: lists that refer to each other do so many times.
+  void report(const Group &group, const Partition &partition, const char *why) {
+    if (reported_) return;
+    reported_ = true;
+    VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s %s.", group.name, partition.name, why);
   }
 
   // Makes the bits of the partitions that were taken. False after an error message.
@@ -132,7 +129,7 @@ private:
 
   uint64_t *mask_;
   mem::Block taken_;
-  bool circle_reported_ = false;
+  bool reported_ = false;
 };
 
 // The first two CPUs of a list that begins with a range of three or more.
