@@ -14,6 +14,7 @@
 #include <ini.h>
 
 #include "support/bench.hpp"
+#include "vorn_cfg.h"
 #include "vorn_cpu.h"
 
 namespace {
@@ -106,6 +107,10 @@ int main(int argc, char **argv) {
                            int items = 0;
                            if (ini_parse(path.c_str(), count_item, &items) != 0) std::abort();
                          }))});
+  table.row({"of which the INI engine reads the file", text.size()},
+            {bench::ours(in_children([&path] {
+              if (vorn_cfg_init(path.c_str()) != 0) std::abort();
+            }))});
   if (vorn_cpum_init(path.c_str()) != 0) std::abort();
   table.row("resolve \"*/IOD_NORMAL\"", {bench::ours([] {
                                            Reading reading;

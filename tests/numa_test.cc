@@ -112,6 +112,9 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
     EXPECT_EQ(lines(), row.records);
     EXPECT_EQ(vorn_numam_num_get(), row.count);
   }
+  char value[8];
+  EXPECT_EQ(vorn_cfg_getItemValue("NUMA_PARTITION", "numa_num", value, sizeof value), 0)
+      << "the file stays registered";
   EXPECT_EQ(load(listed + "1,7,0\n"), -1);
   EXPECT_EQ(lines().size(), 6u);
   uint64_t mask = ~0ul;
@@ -129,7 +132,6 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
   EXPECT_EQ(load(process + "truest\n"), 0);
   EXPECT_EQ(lines(), after_nodes({"Get numa_enable(truest) success."}));
   EXPECT_EQ(vorn_numam_status_get(), 1u);
-  char value[8];
   EXPECT_EQ(vorn_cfg_getItemValue("NUMA_PARTITION", "cpu_num", value, sizeof value), -1)
       << "the file is registered still";
   capture::take();

@@ -54,7 +54,7 @@ using Bindings = std::vector<std::string>;
 struct Strategy : testing::Test {
   void SetUp() override {
     ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
-    vorn_get_jiffies(); // the rate limiter's clock opens at its first use, and reports that
+    vorn_get_jiffies();  // the rate limiter's clock opens at its first use, and reports that
     vorn_cpum_init("/"); // no partitions
     capture::take();
   }
