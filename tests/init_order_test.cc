@@ -8,6 +8,8 @@
 #include "vorn.h"
 
 static std::vector<std::string> steps;
+static int sysinfo_result = 0;
+static int cpuinfo_result = 0;
 static int work_result = 0;
 static int cpufreq_result = 0;
 static int time_result = 0;
@@ -26,6 +28,8 @@ void pid_init_names() { note("names"); }
 void vorn_pid_set_name(unsigned int id, const char *name) { note(std::to_string(id) + " " + name); }
 void vorn_thrd_setpid_accl(pid_t pid) { note(pid == getpid() ? "process id" : "wrong id"); }
 int vorn_sched_init() { return note("sched", optional_result); }
+int sysinfo_init() { return note("usage", sysinfo_result); }
+int cpuinfo_init() { return note("cpus", cpuinfo_result); }
 int sched_work_init() { return note("work", work_result); }
 int cpumask_init() { return note("masks", optional_result); }
 int globalCpuNum_init() { return note("counts", optional_result); }
@@ -37,6 +41,7 @@ int vorn_timer_module_init() { return note("timer", timer_result); }
 int vorn_symbol_init() { return note("symbols"); }
 void vorn_crc32_init() { note("crc"); }
 void pid_destroy_names() { note("clear names"); }
+void sysinfo_exit() { note("end usage"); }
 int sched_work_destroy() { return note("end work"); }
 void vorn_symbol_fini() { note("release symbols"); }
 
@@ -58,12 +63,12 @@ TEST(InitOrder, StepsRunInOrderAndAreUndoneInOrder) {
             (Steps{"6 vorn_Init: Vorn init start.", "6 vorn_Init: Vorn init end ret 0."}));
   ASSERT_EQ(vorn_Init(), 0); // does nothing
   EXPECT_EQ(steps, (Steps{"unwinder", "jiffies source", "jiffies", "names", "381 OSAX",
-                          "process id", "sched", "work", "masks", "counts", "cpufreq", "time",
-                          "threads", "affinity", "timer", "symbols", "crc"}));
+                          "process id", "sched", "usage", "cpus", "work", "masks", "counts",
+                          "cpufreq", "time", "threads", "affinity", "timer", "symbols", "crc"}));
   steps.clear();
   vorn_destory();
   vorn_destory();
-  EXPECT_EQ(steps, (Steps{"clear names", "end work", "release symbols"}));
+  EXPECT_EQ(steps, (Steps{"clear names", "end usage", "end work", "release symbols"}));
   EXPECT_EQ(records(),
             (Steps{"6 vorn_destory: Vorn destroy start.", "6 vorn_destory: Vorn destroy end."}));
 }
@@ -75,7 +80,9 @@ TEST(InitOrder, AFailedStepEndsTheStartUnlessItMayFail) {
     std::string last_step;
     std::string failure;
     std::string end;
-  } rows[] = {{&work_result, -1, "work", "schedWork", "7"},
+  } rows[] = {{&sysinfo_result, -1, "usage", "sysinfo", "7"},
+              {&cpuinfo_result, -1, "cpus", "cpuinfo", "7"},
+              {&work_result, -1, "work", "schedWork", "7"},
               {&cpufreq_result, -1, "cpufreq", "cpufreq", "7"},
               {&time_result, -1, "time", "time", "7"},
               {&timer_result, -1, "timer", "timer", "7"},

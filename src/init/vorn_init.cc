@@ -7,6 +7,7 @@
 #include "base/once.hpp"
 #include "vorn_affinity.h"
 #include "vorn_cpufreq.h"
+#include "vorn_cpuinfo.h"
 #include "vorn_cpumask.h"
 #include "vorn_crc.h"
 #include "vorn_jiffies.h"
@@ -15,6 +16,7 @@
 #include "vorn_sched_work.h"
 #include "vorn_smp.h"
 #include "vorn_symbol.h"
+#include "vorn_sysinfo.h"
 #include "vorn_thrd.h"
 #include "vorn_time.h"
 #include "vorn_timer.h"
@@ -38,6 +40,8 @@ struct Step {
 
 // In the order that they depend on each other; the first required one that fails ends the start-up.
 constexpr Step kSteps[] = {
+    {sysinfo_init, "Vorn sysinfo initialize failed.", Need::kRequired},
+    {cpuinfo_init, "Vorn cpuinfo initialize failed.", Need::kRequired},
     {sched_work_init, "Vorn schedWork initialize failed.", Need::kRequired},
     {cpumask_init, nullptr, Need::kOptional},
     {globalCpuNum_init, nullptr, Need::kOptional},
@@ -78,6 +82,7 @@ int start() {
 void stop() {
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy start.");
   pid_destroy_names();
+  sysinfo_exit();
   sched_work_destroy();
   vorn_symbol_fini();
   VORN_LOG_AS("vorn_destory", kInfo, "Vorn destroy end.");

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <clocale>
-#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -12,9 +11,8 @@
 #include "base/once.hpp"
 #include "base/system.hpp"
 #include "base/timespec.hpp"
+#include "fileops/first_line.hpp"
 #include "time/vorn_time.hpp"
-#include "vorn_cmd.h"
-#include "vorn_fileops.h"
 
 namespace vorn::time {
 namespace {
@@ -35,15 +33,10 @@ std::uint64_t raw_monotonic() {
 
 void set_cpu_ghz(double value) { atomic_word(currCpuGHz).store(value, std::memory_order_relaxed); }
 
-// The first line that the command prints, cut to what line takes; empty when it prints none. False
-// when the command cannot be run.
+// The first line that the command prints; empty when it prints none. False when it cannot be run.
 template <int kSize>
 bool read_first_line(const char *command, const char *whitelist, char (&line)[kSize]) {
-  FILE *stream = vorn_popen_s(command, "r", whitelist);
-  if (stream == nullptr) return false;
-  vorn_readline(fileno(stream), line, kSize); // fgets would take an interruption for the end
-  vorn_pclose(stream);
-  return true;
+  return fileops::first_line(command, whitelist, line, kSize) != fileops::FirstLine::kNotRun;
 }
 
 // The number that text begins with, whatever the caller's locale calls a decimal point.

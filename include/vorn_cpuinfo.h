@@ -1,0 +1,45 @@
+/* The machine's packages, CPUs and NUMA nodes, and its processor's model: found once on a machine,
+ * by running system tools, and shared between its processes in the object "cpuinfo_shm". Until
+ * cpuinfo_init has succeeded all counts are 0 and the model is empty. Any thread may call; nothing
+ * here is safe in a signal handler, nor a cancellation point. */
+#ifndef VORN_CPUINFO_H
+#define VORN_CPUINFO_H
+
+#include "vorn_api.h"
+#include "vorn_cpumask.h"
+
+VORN_BEGIN_DECLS
+
+#define VORN_CPUMODEL_SIZE 64u /* bytes of the model's text with its NUL */
+
+/* Finds the machine's figures, once per process; vorn_Init makes this call. It runs `uname -p`, and
+ * lscpu and others only where no process of the machine has done so: it waits up to a second for
+ * one that is doing it, and blocks on the tools for as long as they take. The process's umask is 0
+ * for a moment.
+ *
+ * Where there are fewer NUMA nodes than packages, half the nodes count as packages of two nodes
+ * each; a machine of one node has one package.
+ *
+ * Returns 0, also when the record cannot be shared; -1 after error messages when the nodes, the
+ * model or the counts cannot be found: the next call tries again. */
+VORN_API int cpuinfo_init(void);
+
+/* Stores the record of the process in the shared object, unless that holds a valid one by now.
+ * Waits for other processes that are storing theirs. Logs an error when the object cannot be
+ * locked. A step of cpuinfo_init. */
+VORN_API void save_cpuinfo_to_shm(void);
+
+/* The number of packages, that of logical CPUs, and the model (VORN_CPUMODEL_SIZE bytes), as `uname
+ * -p` tells it. Return 0; -1 after an error message when out is NULL. */
+VORN_API int vorn_get_phycpu_num(uint32_t *out);
+VORN_API int vorn_get_logic_cpu_num(uint32_t *out);
+VORN_API int vorn_get_cpumodel_info(char *out);
+
+/* Sets *mask to the CPUs of a package, those of its NUMA nodes. Returns 0; -1 after an error
+ * message when mask is NULL, there is no such package, or the CPUs of a node cannot be read, with
+ * those of the nodes before it in *mask then. Reads /sys. */
+VORN_API int vorn_get_cpumask_by_phycpu(cpumask *mask, uint32_t package);
+
+VORN_END_DECLS
+
+#endif
