@@ -2,6 +2,7 @@
 #define VORN_FILE "vorn_fileops.c"
 #include "fileops/first_line.hpp"
 
+#include <cerrno>
 #include <cstdio>
 
 #include "base/kept_errno.hpp"
@@ -14,6 +15,7 @@ FirstLine first_line(const char *command, const char *whitelist, char *line, int
   line[0] = '\0';
   FILE *stream = vorn_popen_s(command, "r", whitelist);
   if (stream == nullptr) return FirstLine::kNotRun;
+  errno = 0;
   // fgets would take an interruption for the end
   const char *read = vorn_readline(fileno(stream), line, size);
   const KeptErrno errno_stays;

@@ -6,7 +6,7 @@ namespace vorn::fileops {
 
 enum class FirstLine {
   kNotRun, // the command cannot be run, or whitelist does not permit it
-  kNone,   // it printed nothing; errno tells of a failed read
+  kNone,   // it printed nothing; errno tells why where a read failed, and is 0 otherwise
   kRead,
 };
 

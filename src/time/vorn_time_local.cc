@@ -31,15 +31,8 @@ timespec system_time() {
   return now;
 }
 
-// The system's zone may have been changed since the last look. The C library has a lock on it that
-// a child of fork() does not find free: the library's own keeps fork() off meanwhile.
 bool system_local(const char *function, std::int64_t utc, tm *local) {
-  const time_t time = utc;
-  {
-    const MutexGuard hold{zone_mutex};
-    tzset();
-    if (localtime_r(&time, local) != nullptr) return true;
-  }
+  if (local_time(utc, local)) return true;
   return VORN_FAIL_AS(function, false, "localtime_r failed, errno %d.", errno);
 }
 
@@ -50,6 +43,19 @@ int null_pointer(const char *function) { return VORN_FAIL_AS(function, -1, "Para
 void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]) {
   const MutexGuard hold{zone_mutex};
   std::memcpy(out, zone_name, sizeof out);
+}
+
+// The C library has a lock on the zone that a child of fork() does not find free: the library's own
+// keeps fork() off meanwhile.
+void reread_zone() {
+  const MutexGuard hold{zone_mutex};
+  tzset();
+}
+
+bool local_time(time_t time, tm *local) {
+  const MutexGuard hold{zone_mutex};
+  tzset();
+  return localtime_r(&time, local) != nullptr;
 }
 
 } // namespace vorn::time
