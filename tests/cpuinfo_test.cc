@@ -188,6 +188,18 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
     EXPECT_EQ(scratch::read_file(kShared), record) << byte;
   }
   EXPECT_EQ(found_by_process(65534), "0 2 4 risc v [0] [1]" + kRefused);
+  std::string other = record; // that another process has stored meanwhile
+  other[8] = 3;
+  other.replace(4, 4, 4, '\0');
+  const uint32_t crc = vorn_crc32c_soft(other.data(), 80);
+  std::memcpy(&other[4], &crc, 4);
+  run_in_child([&] {
+    cpuinfo_init();
+    scratch::write_file(kShared, other);
+    save_cpuinfo_to_shm();
+    return 0;
+  });
+  EXPECT_EQ(scratch::read_file(kShared), other);
   fs::resize_file(kShared, 0); // it was made a moment ago
   EXPECT_EQ(found_by_process(65534), "0 2 4 risc v [0] [1]" + kRefused + kFirst);
   fs::remove(kShared);

@@ -23,6 +23,7 @@
 #include "support/create_error.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "sysinfo/usage.hpp"
 #include "vorn_cfg.h"
 
 static std::string stat_file = "/proc/stat";
@@ -141,6 +142,7 @@ TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLastOne) {
     EXPECT_EQ(figures(), row.wanted) << row.text;
     EXPECT_EQ(capture::take_lines(), row.lines);
   }
+  EXPECT_EQ(vorn::sysinfo::usage_percent.load()[3], 0u); // what was said of a third CPU
   EXPECT_EQ(vorn_get_cpu_usage_array(&one, 1), 1);
   EXPECT_EQ(one, 75u);
   EXPECT_EQ(vorn_get_cpu_usage_array(nullptr, 1), -1);
@@ -161,11 +163,14 @@ TEST_F(Sysinfo, ALockIsHadOnceAndKeptUntilItIsGivenBack) {
   sysinfo_exit();
   EXPECT_EQ(sysinfo_init(), 0);
   EXPECT_EQ(sysinfo_alloc_mem(), 0);
-  EXPECT_EQ(run_in_child([&] { return sysinfo_lock(&other, &lock); }), 255); // nor in a child
+  const auto lock_in_child = [&] { // which has neither the lock nor the descriptor
+    return run_in_child([&] { return fcntl(fd, F_GETFD) == -1 ? sysinfo_lock(&other, &lock) : 2; });
+  };
+  EXPECT_EQ(lock_in_child(), 255);
   EXPECT_EQ(other, -1);
   EXPECT_EQ(sysinfo_unlock(fd, &lock), 0);
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
-  EXPECT_EQ(run_in_child([&] { return sysinfo_lock(&other, &lock); }), 0);
+  EXPECT_EQ(lock_in_child(), 0);
 }
 
 // Without the missing driver's, which the ticks of the rate limiter log.
