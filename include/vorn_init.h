@@ -9,12 +9,13 @@ VORN_BEGIN_DECLS
 /* Starts the library. Every process calls it once before anything else; more calls, and concurrent
  * ones, do nothing. Returns 0 when the library is started; -1 after a record of the step that
  * failed: what the steps before it did stays, and a later call runs all of them again. May block on
- * the file system and on another caller's start; not signal-safe. */
+ * the file system, on tools that it runs, on another caller's start, and for a second on that of
+ * another process (vorn_cpuinfo.h); not signal-safe. */
 VORN_API int vorn_Init(void);
 
 /* Undoes vorn_Init as far as a process needs: the module names and the symbol table go, the time
- * base and the ticks stay. Nothing happens when the library is not started. Any thread; not
- * signal-safe. */
+ * base, the ticks and the thread that samples the CPUs stay. Nothing happens when the library is
+ * not started. Any thread; not signal-safe. */
 VORN_API void vorn_destory(void);
 
 /* Takes a backtrace, so that the system library loads its unwinder now and not inside a fault

@@ -360,11 +360,11 @@ Transitions table_of(const zone_file::Zone &zone) {
   return table;
 }
 
-// zdump takes half a second for each: a sample, unless the environment asks for all.
+// zdump takes half a second for each: a sample, unless the environment asks for more.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(VORN_TEST_EMULATED)
 constexpr std::size_t kEach = 64;
 #else
-constexpr std::size_t kEach = 8;
+constexpr std::size_t kEach = 16;
 #endif
 constexpr std::size_t kShares = 4;
 
@@ -376,10 +376,12 @@ TEST_P(Zones, AreAsTheirCompiledFilesSay) {
   for (const auto &entry : fs::recursive_directory_iterator(root))
     if (entry.is_regular_file() && scratch::read_file(entry.path()).starts_with("TZif"))
       names.insert(entry.path().string().substr(root.size()));
-  const std::size_t each = std::getenv("VORN_TEST_ALL_ZONES") != nullptr ? 1 : kEach;
+  const char *asked = std::getenv("VORN_TEST_ZONES"); // the beginning of their names
+  const std::size_t each = asked != nullptr ? 1 : kEach;
   std::size_t index = 0;
   std::size_t compared = 0;
   for (const std::string &name : names) {
+    if (asked != nullptr && !name.starts_with(asked)) continue;
     if (index++ % (kShares * each) != GetParam() * each) continue;
     name_zone(name);
     told.reset();
@@ -389,7 +391,7 @@ TEST_P(Zones, AreAsTheirCompiledFilesSay) {
     EXPECT_EQ(told->no_transitions, wanted.empty() ? 1u : 0u) << name;
     ++compared;
   }
-  EXPECT_GT(compared, 0u);
+  EXPECT_GT(compared + (asked != nullptr), 0u);
   EXPECT_NO_RECORD();
 }
 

@@ -110,8 +110,8 @@ bool wait_for_other_process(const UniqueFd &file, Record *record) {
   constexpr vorn_file_lock_s kTurn{VORN_FILE_LOCK_WRITE | VORN_FILE_LOCK_NO_WAIT, 0, 0};
   constexpr int kPatience = 1000; // ms
   for (int waited = 0; waited < kPatience; ++waited) {
-    const bool my_turn = !file || vorn_lockfile(file.get(), &kTurn) == 0 ||
-                         (errno != EAGAIN && errno != EACCES);
+    const bool my_turn =
+        !file || vorn_lockfile(file.get(), &kTurn) == 0 || (errno != EAGAIN && errno != EACCES);
     if (take_shared(record)) return true;
     if (my_turn) return false;
     sys::sleep({0, 1000000});

@@ -17,8 +17,9 @@ namespace zone_file {
 using Transition = std::pair<std::int64_t, std::int32_t>;
 
 struct Zone {
-  std::int32_t first_offset = 0;       // before all transitions
-  std::int64_t first_change = 0;       // when anything changed first, be it the abbreviation alone
+  std::int32_t first_offset = 0; // before all transitions
+  std::int64_t first_change =
+      0; // when anything changed first, be it the abbreviation alone; 0: never
   std::vector<Transition> transitions; // also those that leave the offset as it is
 };
 
@@ -175,6 +176,9 @@ inline Zone read(const std::string &data, int last_year) {
       zone.first_change = zone.transitions.back().first;
     }
   }
+  // zdump shows the leap seconds too, the first one as the second of POSIX time that it precedes.
+  if (!leaps.empty() && (!changed || zone.first_change > leaps[0].first))
+    zone.first_change = leaps[0].first + 1;
   if (rule.empty()) return zone;
   for (int year = 1970; year <= last_year; ++year)
     Rule(rule.c_str()).add(year, zone.transitions);
