@@ -72,6 +72,18 @@ TEST_F(SettingsFile, SetsWhatItSaysAndLeavesTheRest) {
     EXPECT_EQ(outcome(row.content), row.values) << row.content;
 }
 
+TEST_F(SettingsFile, NamesPartitionsOfAProductFile) {
+  const std::string product = "[SCRUB]\nPRODUCT=" VORN_SAMPLE_PRODUCT "\n";
+  EXPECT_EQ(outcome(product + "CPUS=GROUP_1/IDLE,*/CTRL\n"), "131072 1 0 0 GROUP_1/IDLE,*/CTRL");
+  EXPECT_NE(outcome(product + "CPUS=GROUP_2/CTRL\n").find("CPUS is 'GROUP_2/CTRL'"),
+            std::string::npos);
+}
+
+TEST_F(SettingsFile, RefusesAProductFileWithoutPartitions) {
+  EXPECT_NE(outcome("[SCRUB]\nPRODUCT=" + path_ + "\n").find("', which has no partitions"),
+            std::string::npos);
+}
+
 TEST_F(SettingsFile, IsRefusedWithTheReason) {
   const struct {
     std::string content;
@@ -85,7 +97,8 @@ TEST_F(SettingsFile, IsRefusedWithTheReason) {
       {"[SCRUB]\nTHREADS=" + std::string(1000, '1'), "THREADS is too long, wanted: 1 to 16"},
       {"[SCRUB]\nREAD_SIZE_LIMIT=5000\n",
        "READ_SIZE_LIMIT is '5000', wanted: 4096 to 1048576, a multiple of 4096"},
-      {"[SCRUB]\nCPUS=all\n", "CPUS is 'all', wanted: numbers and ranges, as 0-3,8"},
+      {"[SCRUB]\nCPUS=all\n",
+       "CPUS is 'all', wanted: numbers, ranges and partitions, as 0-3,GROUP_0/CTRL"},
   };
   for (const auto &row : rows)
     EXPECT_EQ(outcome(row.content), "settings " + path_ + ": " + row.why);

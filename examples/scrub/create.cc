@@ -94,7 +94,7 @@ ExitStatus create(const Job &job) {
   SCRUB_LOG(EVLOG_INFO, "create: %s.", escape(job.root).c_str());
 
   Report report(count_bytes(job.root, own));
-  Supervision supervision(report.progress(), job.stall);
+  Supervision supervision(report.progress(), report.cpus(), job.stall);
   Walk walk(job.root, own);
   Pipeline pipeline(job.settings, job.crash);
   Recorder recorder(pipeline, manifest, report);

@@ -150,7 +150,7 @@ void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk)
   account(job, read, walk);
 }
 
-void Report::account(const Job &job, const Totals &read, const Walk &walk) const {
+void Report::account(const Job &job, const Totals &read, const Walk &walk) {
   count(Count::kFiles) = read.files;
   count(Count::kBytes) = read.bytes;
   const std::uint64_t taken = std::max<std::uint64_t>(vorn_time_getnanosec() - started_, 1);
@@ -172,6 +172,8 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) const
                 counted(count(Count::kPassingBlocks), "block").c_str());
   std::printf("\n  speed     %.1f MB/s, %.2f s\n", static_cast<double>(read.bytes) / 1e6 / seconds,
               seconds);
+  print_layout();
+  cpus_.print();
   print_memory();
   std::printf("  manifest  %s\n", job.places.manifest().c_str());
   if (job.has_log) {

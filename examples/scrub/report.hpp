@@ -8,6 +8,7 @@
 
 #include "checksums.hpp"
 #include "instance.hpp"
+#include "machine.hpp"
 #include "manifest.hpp"
 #include "progress.hpp"
 #include "scrub.hpp"
@@ -21,6 +22,7 @@ public:
   explicit Report(std::uint64_t total_bytes);
 
   Progress &progress() { return progress_; }
+  CpuUsage &cpus() { return cpus_; }
 
   void damaged_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                      const Checksums &found);
@@ -43,10 +45,11 @@ public:
   void finish_verify(const Job &job, const Totals &read, const Walk &walk);
 
 private:
-  void account(const Job &job, const Totals &read, const Walk &walk) const;
+  void account(const Job &job, const Totals &read, const Walk &walk);
 
   const std::uint64_t started_; // nanoseconds
   Progress progress_;
+  CpuUsage cpus_;
 };
 
 } // namespace scrub

@@ -36,6 +36,7 @@ constexpr Item kItems[] = {
 };
 
 constexpr char kCpus[] = "CPUS";
+constexpr char kProduct[] = "PRODUCT";
 
 std::string wanted(const Item &item) {
   const std::string range = std::to_string(item.least) + " to " + std::to_string(item.most);
@@ -54,6 +55,7 @@ public:
 
   void check_lines() const;
   void read(const Item &item, Settings &settings) const;
+  void read_product(Settings &settings) const;
   void read_cpus(Settings &settings) const;
 
 private:
@@ -114,7 +116,8 @@ void File::check_item(std::string_view line, std::uint64_t number) const {
   if (equals == line.npos)
     refuse(where + "neither NAME=value nor a comment, which begins with ';'");
   const std::string_view name = trimmed(line.substr(0, equals));
-  if (name != kCpus && std::ranges::find(kItems, name, &Item::name) == std::end(kItems))
+  if (name != kCpus && name != kProduct &&
+      std::ranges::find(kItems, name, &Item::name) == std::end(kItems))
     refuse(where + "there is no setting " + escape(name).c_str());
 }
 
@@ -139,8 +142,17 @@ void File::read(const Item &item, Settings &settings) const {
   settings.*item.value = value;
 }
 
+// A process has one product file: the first that is loaded.
+void File::read_product(Settings &settings) const {
+  char text[256];
+  if (!find(kProduct, "a file", text)) return;
+  if (vorn_cpum_init(text) != 0)
+    refuse(std::string(kProduct) + " is '" + escape(text).c_str() + "', which has no partitions");
+  settings.product = text;
+}
+
 void File::read_cpus(Settings &settings) const {
-  constexpr char kWanted[] = "numbers and ranges, as 0-3,8";
+  constexpr char kWanted[] = "numbers, ranges and partitions, as 0-3,GROUP_0/CTRL";
   char text[256];
   if (!find(kCpus, kWanted, text)) return;
   std::uint64_t cpus[VORN_THRD_CPUSET_WORDS] = {};
@@ -157,6 +169,7 @@ Settings read_settings(const std::string &path) {
   Settings settings;
   for (const Item &item : kItems)
     file.read(item, settings);
+  file.read_product(settings);
   file.read_cpus(settings);
   return settings;
 }
@@ -166,7 +179,8 @@ std::string settings_text(const Settings &settings) {
          counted(settings.threads, "checksum thread") + ", " +
          (settings.rate_limit == 0 ? "no rate limit"
                                    : "at most " + grouped(settings.rate_limit) + " MB/s") +
-         ", nice " + std::to_string(settings.nice) + ", CPUs " + settings.cpus;
+         ", nice " + std::to_string(settings.nice) + ", CPUs " + settings.cpus +
+         (settings.product.empty() ? "" : " of " + settings.product);
 }
 
 } // namespace scrub

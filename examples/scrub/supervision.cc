@@ -14,8 +14,8 @@ constexpr std::uint64_t kIntervalOfOverrun = 60'000;
 
 } // namespace
 
-Supervision::Supervision(Progress &progress, bool stall)
-    : progress_(progress), stall_(stall), stalled_([this] {
+Supervision::Supervision(Progress &progress, CpuUsage &cpus, bool stall)
+    : progress_(progress), cpus_(cpus), stall_(stall), stalled_([this] {
         while (!noticed_)
           vorn_10msleep(1);
       }) {
@@ -47,6 +47,7 @@ void Supervision::expired(std::uint64_t self) {
 
 // Returns how long to wait with the next.
 std::uint64_t Supervision::check() {
+  cpus_.sample();
   const bool overran = vorn_sched_work_timeout_theck() != 0;
   if (overran)
     progress_.print(

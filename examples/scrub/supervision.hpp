@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "machine.hpp"
 #include "progress.hpp"
 #include "vorn_timer.h"
 #include "work.hpp"
@@ -14,9 +15,9 @@ namespace scrub {
 
 class Supervision {
 public:
-  // With stall, adds an item that overruns until that has been noticed. Throws std::runtime_error
-  // when no timer can be armed.
-  Supervision(Progress &progress, bool stall);
+  // Samples the CPUs meanwhile. With stall, adds an item that overruns until that has been noticed.
+  // Throws std::runtime_error when no timer can be armed.
+  Supervision(Progress &progress, CpuUsage &cpus, bool stall);
   Supervision(const Supervision &) = delete;
   Supervision &operator=(const Supervision &) = delete;
   ~Supervision();
@@ -29,6 +30,7 @@ private:
   std::uint64_t check();
 
   Progress &progress_;
+  CpuUsage &cpus_;
   const bool stall_;
   std::atomic<bool> noticed_ = false; // or not awaited any more
   vorn_timer_s timer_{};

@@ -174,7 +174,7 @@ ExitStatus verify(const Job &job) {
   const OwnFiles own(job.places);
   Walk walk(job.root, own);
   Report report(recorded.bytes);
-  Supervision supervision(report.progress(), job.stall);
+  Supervision supervision(report.progress(), report.cpus(), job.stall);
   Pipeline pipeline(job.settings, job.crash);
   Comparison comparison(job.root, pipeline, report);
   Verifier verifier(pipeline, manifest, walk, comparison);

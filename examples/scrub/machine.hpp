@@ -1,0 +1,34 @@
+// The machine that a run reads on: its layout, and how busy its CPUs were during the run.
+#ifndef SCRUB_MACHINE_HPP
+#define SCRUB_MACHINE_HPP
+
+#include <cstdint>
+#include <mutex>
+
+#include "memory.hpp"
+
+namespace scrub {
+
+// The figures of the library are those of the last second; this keeps their mean. Any thread may
+// call any function.
+class CpuUsage {
+public:
+  // To be called once a second.
+  void sample();
+
+  // Prints the mean of each CPU, that of the last second where there is no sample.
+  void print();
+
+private:
+  std::mutex mutex_;
+  Vector<std::uint64_t> sums_; // of percents
+  std::uint64_t samples_ = 0;
+};
+
+// Prints packages, CPUs and model; the NUMA nodes where the NUMA file tells them; the memory in
+// use.
+void print_layout();
+
+} // namespace scrub
+
+#endif
