@@ -16,7 +16,7 @@ struct Settings {
   std::uint64_t rate_limit = 0; // megabytes (10^6) of data read a second, 0: no limit
   std::uint64_t nice = 0;       // of the threads that read and compute checksums
   std::string cpus = "0-1023";  // that they run on; partitions of the product file among them
-  std::string product;          // the product file; empty: the node's
+  std::string product{};        // the product file; empty: the node's
 };
 
 // Takes what the file sets and leaves the rest as above. Throws std::runtime_error when the file
