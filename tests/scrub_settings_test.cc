@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
@@ -79,9 +80,25 @@ TEST_F(SettingsFile, NamesPartitionsOfAProductFile) {
             std::string::npos);
 }
 
-TEST_F(SettingsFile, RefusesAProductFileWithoutPartitions) {
-  EXPECT_NE(outcome("[SCRUB]\nPRODUCT=" + path_ + "\n").find("', which has no partitions"),
-            std::string::npos);
+TEST_F(SettingsFile, BindsThreadsToAPartition) {
+  ASSERT_EQ(vorn_Init(), 0);
+  scratch::write_file(directory_ / "product.ini",
+                      "[CPU_PARTITION]\ngroup_num=1\n"
+                      "[GROUP_0]\npartition_num=1\npartition_0=FIRST:1:0\n");
+  scratch::write_file(path_,
+                      "[SCRUB]\nCPUS=*/FIRST\nPRODUCT=" + (directory_ / "product.ini") + "\n");
+  scrub::Pipeline pipeline(scrub::read_settings(path_));
+  cpu_set_t cpus;
+  pipeline.run([&cpus] { EXPECT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0); });
+  EXPECT_EQ(CPU_COUNT(&cpus), 1);
+  EXPECT_TRUE(CPU_ISSET(0, &cpus));
+}
+
+TEST_F(SettingsFile, RefusesFilesWithoutPartitionsOrNodes) {
+  for (const auto &[name, what] : {std::pair{"PRODUCT", "partitions"}, {"NUMA", "NUMA nodes"}})
+    EXPECT_NE(outcome("[SCRUB]\n" + std::string(name) + "=" + path_ + "\n")
+                  .find(std::string("', which has no ") + what),
+              std::string::npos);
 }
 
 TEST_F(SettingsFile, IsRefusedWithTheReason) {

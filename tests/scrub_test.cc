@@ -156,6 +156,12 @@ TEST_F(Scrub, FindsDamageWhereverItIs) {
   EXPECT_TRUE(contains(read_file(".vorn-scrub.log"), "damaged: large, block 15, expected"));
 }
 
+TEST_F(Scrub, TellsTheNodesOfTheMachine) {
+  write_file("s.ini", "[SCRUB]\nNUMA=" VORN_SAMPLE_NUMA "\n");
+  expect(shell(kScrub + "create --settings s.ini ."), kClean,
+         {"\n  numa      2 nodes: CPUs 0-7, CPUs 8-15\n"});
+}
+
 TEST_F(Scrub, ReportsMissingNewAndResizedFiles) {
   for (const char *name : {"a/gone", "a/kept", "becomes-link", "becomes-directory"})
     write_file(name, "x");

@@ -16,7 +16,7 @@ public:
   // To be called once a second.
   void sample();
 
-  // Prints the mean of each CPU, that of the last second where there is no sample.
+  // Prints the mean of each CPU; the last second alone if there is no sample.
   void print();
 
 private:
@@ -25,8 +25,7 @@ private:
   std::uint64_t samples_ = 0;
 };
 
-// Prints packages, CPUs and model; the NUMA nodes where the NUMA file tells them; the memory in
-// use.
+// Prints packages, CPUs and model, the memory in use, and the NUMA nodes if a NUMA file tells them.
 void print_layout();
 
 } // namespace scrub

@@ -17,6 +17,7 @@ struct Settings {
   std::uint64_t nice = 0;       // of the threads that read and compute checksums
   std::string cpus = "0-1023";  // that they run on; partitions of the product file among them
   std::string product{};        // the product file; empty: the node's
+  std::string numa{};           // the NUMA file; empty: the node's
 };
 
 // Takes what the file sets and leaves the rest as above. Throws std::runtime_error when the file
