@@ -23,7 +23,7 @@ Vector<std::uint32_t> usage_now() {
   return usage;
 }
 
-// "0-7,16" for the CPUs of a node.
+// Returns the CPUs of a node as "0-7,16".
 std::string cpus_of(std::uint32_t node) {
   cpumask mask{};
   vorn_numam_cpumask_get(node, &mask);
@@ -41,7 +41,7 @@ std::string cpus_of(std::uint32_t node) {
   return list;
 }
 
-// The nodes of the file that the settings name, else of the machine's, which may be missing.
+// Prints the nodes of the file that the settings name, or else of the node's file if there is one.
 void print_nodes() {
   if (vorn_numam_init(nullptr) != 0 || vorn_numam_num_get() == 0) return;
   const auto nodes = static_cast<std::uint32_t>(vorn_numam_num_get());

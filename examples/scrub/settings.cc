@@ -21,7 +21,7 @@ namespace {
 
 constexpr char kSection[] = "SCRUB";
 
-// A number from least to most, in steps.
+// A number from least to most that is a multiple of step.
 struct Item {
   const char *name;
   std::uint64_t Settings::*value;
@@ -47,7 +47,7 @@ std::string wanted(const Item &item) {
   return item.step == 1 ? range : range + ", a multiple of " + std::to_string(item.step);
 }
 
-// The file is in the library's registry as long as this lives.
+// Registers the file with the library; the destructor removes it.
 class File {
 public:
   explicit File(const std::string &path) : path_(path) {
@@ -86,7 +86,7 @@ bool is_name(std::string_view text) {
   });
 }
 
-// The section that the line opens, empty where it opens none.
+// Returns the name of the section that the line opens, or an empty text.
 std::string_view section_of(std::string_view line) {
   if (!line.starts_with('[')) return {};
   line = trimmed(line);
@@ -95,8 +95,8 @@ std::string_view section_of(std::string_view line) {
   return is_name(name) ? name : std::string_view();
 }
 
-// Whoever only looks items up never meets a misspelt one, and the parser drops what it does not
-// understand: here both are found. Other sections are left alone.
+// Finds misspelt items, which no lookup would meet, and lines that the parser drops. Ignores other
+// sections.
 void File::check_lines() const {
   std::ifstream file(path_);
   std::string text;
@@ -126,7 +126,7 @@ void File::check_item(std::string_view line, std::uint64_t number) const {
     refuse(where + "there is no setting " + escape(name).c_str());
 }
 
-// False when it is not set.
+// Returns false if the item is not set.
 bool File::find(const char *name, const std::string &wanted, std::span<char> text) const {
   const int result = vorn_cfg_getItemValue_ex(path_.c_str(), kSection, name, text.data(),
                                               static_cast<unsigned int>(text.size()));
@@ -147,7 +147,7 @@ void File::read(const Item &item, Settings &settings) const {
   settings.*item.value = value;
 }
 
-// The library takes one such file in a process: the first that is loaded.
+// The library loads one such file in a process: the first.
 void File::load(const char *name, int (*loader)(const char *), const char *what,
                 std::string &loaded) const {
   char text[256];
