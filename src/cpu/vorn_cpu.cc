@@ -110,8 +110,8 @@ private:
   bool make_progress() {
     if (progress_ != nullptr) return true;
     const std::size_t size = std::size_t{partition_table.partition_count} + 1; // never 0
-    progress_ = mem::allocate_block(size, kParser);
-    if (progress_ == nullptr) return false;
+    progress_.reset(static_cast<char *>(mem::allocate_quietly(size, kParser)));
+    if (progress_ == nullptr) return VORN_FAIL_AS(kParser, false, "Malloc for partitions fail");
     std::memset(progress_.get(), kUnread, size);
     return true;
   }
