@@ -12,8 +12,7 @@
 
 namespace {
 
-constexpr char kConf[] = "/WRK/conf/app_data/kelp/";
-constexpr char kScript[] = "/WRK/component/pyr/script/gen_product_ini.sh";
+const std::string kConf = "/WRK/conf/app_data/kelp/";
 const std::string kFail = "E Parse cpu mask fail, ";
 const std::string kFormat = kFail + "invalid format:";
 
@@ -46,16 +45,17 @@ TEST_F(Cpu, ListsOfCpus) {
   for (int i = 1; i <= 129; ++i)
     chain.push_back("C" + std::to_string(i) + ":0:" + std::to_string(i) + ",*/C" +
                     std::to_string(i + 1));
-  std::vector<Lines> groups = {{"A:0:4-6", "B::9,x", name + "cut:0:7", "N:0:GROUP_1/A,*/B,3"},
-                               {"A:0:20", "A:0:21", "A/B:0:30", ":0:31"},
-                               {"L:0:40,GROUP_2/M,41", "M:0:42,*/L,*/M,GROUP_9/M,43"},
-                               chain,
-                               {"IOD_NORMAL:0:4-11", "IOD_NORMAL:0:20-21",
-                                "IOD_NORMAL:0:30-32,40-50", "IOD:0:60-70", "IOD_NORMAL:0:80",
-                                "IOD_NORMAL:0:90-80", "IOD_NORMAL:0:1022-1030",
-                                "IOD_NORMAL:0:4294967294-4294967295"}};
+  std::vector<Lines> groups = {
+      {"A:0:4-6", "B::9,x", name + "cut:0:7", "N:0:GROUP_1/A,*/B,3"},
+      {"A:0:20", "A:0:" + std::string(249, '0') + "21", "A/B:0:30", ":0:31"},
+      {"L:0:40,GROUP_2/M,41", "M:0:42,*/L,*/M,GROUP_9/M,43"},
+      chain,
+      {"IOD_NORMAL:0:4-11", "IOD_NORMAL:0:20-21", "IOD_NORMAL:0:30-32,40-50", "IOD:0:60-70",
+       "IOD_NORMAL:0:80", "IOD_NORMAL:0:90-80", "IOD_NORMAL:0:1022-1030",
+       "IOD_NORMAL:0:4294967294-4294967295"}};
   // Where every partition refers to all, the ways through them are without number.
-  groups.resize(64, {"P:0:5,*/P", "Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q"});
+  groups.resize(64, {"P:0:5,*/P", "Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q",
+                     "E:0:7", "E:0:7", "E:0:7"});
   ASSERT_EQ(load(vorn_cpum_init, product(groups)), 0);
   EXPECT_EQ(lines(), Lines{});
   Cpus to_128(128);
@@ -92,6 +92,7 @@ TEST_F(Cpu, ListsOfCpus) {
       {"*/P", 0, {5}, {kFail + "GROUP_5/P refers to itself."}},
       {"*/Q", 0, {6}, {kFail + "GROUP_5/Q refers to itself."}},
       {"*/C1", 0, to_128, {kFail + "GROUP_3/C129 is referred to too deeply."}},
+      {"*/E", 0, {7}, {}}, // many, and none in another
       {"*/C129,*/C128", 0, {128, 129}, {}},
   };
   for (const auto &row : rows) {
@@ -99,8 +100,8 @@ TEST_F(Cpu, ListsOfCpus) {
     EXPECT_EQ(lines(), row.records) << row.text;
   }
   uint64_t mask[VORN_CPUM_MASK_WORDS];
-  EXPECT_EQ(vorn_cpum_parse_cpumask(nullptr, mask), -1);
-  EXPECT_EQ(vorn_cpum_parse_cpumask("1", nullptr), -1);
+  EXPECT_TRUE(vorn_cpum_parse_cpumask(nullptr, mask) == -1 &&
+              vorn_cpum_parse_cpumask("1", nullptr) == -1);
   EXPECT_NO_RECORD();
   parsed("x", -1);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list",
@@ -141,24 +142,19 @@ TEST_F(Cpu, TableHoldsWhatIsWhole) {
                      "GROUP_4          A                4     5-6\n");
   const vorn_cpum_partition_s *partition = vorn_cpum_get_partition("GROUP_4", "A");
   ASSERT_NE(partition, nullptr);
-  EXPECT_STREQ(partition->cpubind, " 5-6");
-  EXPECT_EQ(partition->state, 0u);
+  EXPECT_TRUE(partition->state == 0 && partition->cpubind == std::string(" 5-6"));
   EXPECT_EQ(vorn_cpum_get_partition("GROUP_2", "C"), nullptr);
   EXPECT_NO_RECORD();
-  EXPECT_EQ(vorn_cpum_get_partition(nullptr, "A"), nullptr);
-  EXPECT_EQ(vorn_cpum_get_partition("GROUP_4", nullptr), nullptr);
-  EXPECT_EQ(vorn_cpum_dbg_show(nullptr), -1);
-  EXPECT_EQ(lines().size(), 3u);
+  EXPECT_TRUE(vorn_cpum_get_partition(nullptr, "A") == nullptr &&
+              vorn_cpum_get_partition("GROUP_4", nullptr) == nullptr &&
+              vorn_cpum_dbg_show(nullptr) == -1);
 }
 
 TEST_F(Cpu, AFailedLoadCounts) {
-  const auto fail = [](const std::string &what, const std::string &path) {
-    return Lines{what, "Parse cpu group cfg fail " + path};
-  };
+  const std::string parse = "Parse cpu group cfg fail ";
   const std::string good = product({{"A:0:1", "A:0:2"}, {"A:0:3"}});
   const std::string number = "[CPU_PARTITION]\ngroup_num=";
-  const Lines missing = {"Cpu group cfg " + none + " is not exist, errno:2",
-                         "Invalid cpu group cfg " + none};
+  const std::string missing = "Cpu group cfg " + none + " is not exist, errno:2";
   const struct {
     std::string path;
     std::string content;
@@ -166,12 +162,12 @@ TEST_F(Cpu, AFailedLoadCounts) {
     Cpus cpus;
     int fails = -1; // the record that there is no memory for
   } rows[] = {
-      {none, "", missing, {}},
-      {"/", "", fail("Load cpu cgroup cfg fail /", "/"), {}},
-      {file, "", fail("Get cpu num fail, ret:-1", file), {}},
-      {file, number + "0\n", fail("Get cpu num fail, ret:0", file), {}},
-      {file, number + "-7\n", fail("Get cpu num fail, ret:-7", file), {}},
-      {file, number + "4294967297\n", fail("Get cpu num fail, ret:-1", file), {}},
+      {none, "", {missing, "Invalid cpu group cfg " + none}, {}},
+      {"/", "", {"Load cpu cgroup cfg fail /", parse + "/"}, {}},
+      {file, "", {"Get cpu num fail, ret:-1", parse + file}, {}},
+      {file, number + "0\n", {"Get cpu num fail, ret:0", parse + file}, {}},
+      {file, number + "-7\n", {"Get cpu num fail, ret:-7", parse + file}, {}},
+      {file, number + "4294967297\n", {"Get cpu num fail, ret:-1", parse + file}, {}},
       {file, good, {}, {1, 2, 3}},
       {file, good, {"Malloc for group fail"}, {3}, 0},
       {file, good, {}, {1, 3}, 2},
@@ -188,6 +184,15 @@ TEST_F(Cpu, AFailedLoadCounts) {
       EXPECT_NO_RECORD();
     });
   }
+  records_before_failure = 3;
+  beside_failure = [this] {
+    in_child([this] { // in the midst of the parent's load
+      EXPECT_EQ(vorn_cpum_init(file.c_str()), 0);
+      const std::string shown = shown::by(vorn_cpum_dbg_show);
+      EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 4) << shown;
+    });
+  };
+  EXPECT_EQ(vorn_cpum_init(file.c_str()), 0);
 }
 
 struct ProductFile : CpuFile {
@@ -195,9 +200,10 @@ struct ProductFile : CpuFile {
     if (!scratch::cover_directory("/WRK")) GTEST_SKIP() << scratch::kNoMounts;
   }
   static void make_script(const std::string &commands) {
-    scratch::write_file(kScript, "#!/bin/sh\n" + commands);
-    ASSERT_EQ(chmod(kScript, 0755), 0);
-    scratch::write_file(std::string(kConf) + "template", product({{"A:0:1"}}));
+    const std::string path = "/WRK/component/pyr/script/gen_product_ini.sh";
+    scratch::write_file(path, "#!/bin/sh\n" + commands);
+    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+    scratch::write_file(kConf + "template", product({{"A:0:1"}}));
   }
 };
 
@@ -235,14 +241,14 @@ TEST_F(ProductFile, IsMadeOnceAndHoldsUpNoFork) {
     const auto start = std::chrono::steady_clock::now();
     if (kMayForkBesideClosing && kMayForkBesideAllocation) {
       in_child([] {
-        EXPECT_EQ(vorn_cpum_init("/WRK/conf/app_data/kelp/template"), 0);
+        EXPECT_EQ(vorn_cpum_init((kConf + "template").c_str()), 0);
         EXPECT_NE(vorn_cpum_get_partition("GROUP_0", "A"), nullptr);
       });
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
     scratch::write_file("/WRK/go", "");
   });
-  EXPECT_EQ(scratch::read_file("/WRK/runs"), std::string(kConf) + "\n");
+  EXPECT_EQ(scratch::read_file("/WRK/runs"), kConf + "\n");
   EXPECT_EQ(lines(), Lines{"Generate default cpu group cfg ret:768"}) << "the file counts";
 }
 

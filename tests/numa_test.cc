@@ -122,8 +122,7 @@ TEST_F(Numa, AnswersAfterTheLoad) {
   EXPECT_EQ(used, 1ul << 63 | 3);
   EXPECT_EQ(vorn_numam_num_get(), 66);
   EXPECT_EQ(vorn_numam_status_get(), 0u);
-  EXPECT_EQ(vorn_numam_status_set(1), 0);
-  EXPECT_EQ(vorn_numam_status_set(2), -1);
+  EXPECT_TRUE(vorn_numam_status_set(1) == 0 && vorn_numam_status_set(2) == -1);
   EXPECT_EQ(vorn_numam_status_get(), 1u);
   capture::take();
 
@@ -146,9 +145,8 @@ TEST_F(Numa, AnswersAfterTheLoad) {
     EXPECT_EQ(cpus_of(masks[0].words, 256), of_mask) << row.list;
     EXPECT_TRUE(set[16] == ~0ul && masks[1].words[0] == ~0ul);
   }
-  EXPECT_EQ(vorn_numam_cpuset_get(0, nullptr), -1);
-  EXPECT_EQ(vorn_numam_cpumask_get(0, nullptr), -1);
-  EXPECT_EQ(vorn_numam_proc_numamask_get(nullptr), -1);
+  EXPECT_TRUE(vorn_numam_cpuset_get(0, nullptr) == -1 && vorn_numam_cpumask_get(0, nullptr) == -1 &&
+              vorn_numam_proc_numamask_get(nullptr) == -1);
   const std::string null = "E Param error, munaMask is NULL.";
   EXPECT_EQ(lines(), (Lines{"E Param error, cpuSet is NULL.", null, null}));
 }
@@ -158,8 +156,8 @@ TEST_F(Numa, StepsOfItsOwn) {
   cpumask mask = {{8}};
   unsigned int start = 1;
   unsigned int end = 1;
-  EXPECT_EQ(vorn_numam_parse_cpuset(nullptr, set), 0);
-  EXPECT_EQ(vorn_numam_parse_cpumask(nullptr, &mask), 0);
+  EXPECT_TRUE(vorn_numam_parse_cpuset(nullptr, set) == 0 &&
+              vorn_numam_parse_cpumask(nullptr, &mask) == 0);
   EXPECT_EQ(vorn_numam_parse_cpuset_as_list("1-2,5", set), 0);
   EXPECT_EQ(vorn_numam_parse_cpumask_as_list("255-256", &mask), 0);
   EXPECT_EQ(cpus_of(set, 1024), (Cpus{1, 2, 3}));
@@ -171,16 +169,15 @@ TEST_F(Numa, StepsOfItsOwn) {
   EXPECT_TRUE(start == 12 && end == 13);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_numa.c", "vorn_numam_parse_cpustr",
                     "Parse cpu mask 7-5 fail, end:5 is less than start:7");
-  for (const int result :
-       {vorn_numam_parse_cpuset("1", nullptr), vorn_numam_parse_cpumask("1", nullptr),
-        vorn_numam_parse_cpuset_as_list(nullptr, set),
-        vorn_numam_parse_cpumask_as_list("1", nullptr),
-        vorn_numam_parse_cpustr("1", &start, nullptr)})
-    EXPECT_EQ(result, -1);
+  EXPECT_TRUE(vorn_numam_parse_cpuset("1", nullptr) == -1 &&
+              vorn_numam_parse_cpumask("1", nullptr) == -1 &&
+              vorn_numam_parse_cpuset_as_list(nullptr, set) == -1 &&
+              vorn_numam_parse_cpumask_as_list("1", nullptr) == -1 &&
+              vorn_numam_parse_cpustr("1", &start, nullptr) == -1);
 }
 
 TEST_F(Numa, TwoFiles) {
-  const std::string nodes = folder / "nodes";
+  const std::string &nodes = file;
   const std::string process = folder / "process";
   const std::string full(256, 'x'); // no room for a NUL
   scratch::write_file(nodes, kNodes);
@@ -203,13 +200,12 @@ TEST_F(Numa, TwoFiles) {
     EXPECT_FALSE(registered()) << logged.back();
     return std::pair(result, logged);
   };
-  EXPECT_EQ(vorn_numam_module_init(nullptr), -1);
-  EXPECT_EQ(lines(), Lines{"E Numa cfg is NULL."});
   for (const auto &[first, second, last] : rows) {
     const auto [result, logged] = init(first, second);
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(logged.back(), last);
+    EXPECT_TRUE(result == -1 && logged.back() == last) << logged.back();
   }
+  EXPECT_EQ(vorn_numam_module_init(nullptr), -1);
+  EXPECT_EQ(lines(), Lines{"E Numa cfg is NULL."});
   destroy_result = -1;
   EXPECT_EQ(init(nodes, process), std::pair(0, Lines{"Get cores(0-3) by numaId(0) success.",
                                                      "Get cores(8,9-2,5) by numaId(1) success.",
@@ -236,9 +232,9 @@ TEST_F(Numa, DefaultFile) {
     EXPECT_EQ(lines(), (Lines{"Numa cfg " + path + " is not access, errno:2", unknown, unknown}));
   });
   scratch::write_file(path, kNodes + kProcess + "true\nproc_numa_info=0\n");
-  run_threads(4, [](int) {
-    uint64_t used = 0;
-    vorn_numam_proc_numamask_get(&used); // beside the load
+  run_threads(4, [](int thread) {
+    for (uint64_t used = 0; thread != 0 && used == 0;) // beside the load
+      vorn_numam_proc_numamask_get(&used);
     EXPECT_EQ(vorn_numam_init(nullptr), 0);
     EXPECT_EQ(vorn_numam_num_get(), 2);
   });

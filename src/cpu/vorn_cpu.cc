@@ -125,7 +125,7 @@ private:
 // The first two CPUs of a list that begins with a range of three or more.
 void clear_head(const char *cpubind, uint64_t *mask) {
   const CpuRange range = scan_cpu_range(cpubind);
-  if (range.numbers != 2 || range.start > range.end || range.end - range.start < 2) return;
+  if (range.reversed() || range.end - range.start < 2) return;
   for (unsigned int cpu = range.start; cpu < range.start + 2 && cpu <= kLastClearedCpu; ++cpu)
     vorn_clear_bit(cpu, mask);
 }
