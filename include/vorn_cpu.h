@@ -85,14 +85,14 @@ VORN_API int vorn_cpum_dbg_show(vorn_print_f print);
 
 /* Whether the idle CPU cpu stays out of its sleep states, as the kernel module has it and means it:
  * reads the value, sets it. Return what the kernel module answers; -1 when it does not, with errno
- * (ENOSYS where there is no such module) and, from the setter, an error record; the getter returns
- * -1 after an error record when value is NULL. Block as the module does. */
+ * (ENOSYS where there is no such module) and, from the setter, an error message; the getter returns
+ * -1 after an error message when value is NULL. Block as the module does. */
 VORN_API int vorn_get_idle_no_cstates(unsigned int cpu, uint32_t *value);
 VORN_API int vorn_set_idle_no_cstates(unsigned int cpu, uint32_t value);
 
 /* What CPU cpu works at: fills *record, whose size and layout are the kernel module's. Returns 0;
- * -1 when the module refuses or is not there, with its errno, and after an error record when record
- * is NULL. Blocks as the module does. */
+ * -1 when the module refuses or is not there, with its errno, and after an error message when
+ * record is NULL. Blocks as the module does. */
 VORN_API int vorn_get_cpu_task_info(unsigned int cpu, void *record);
 
 VORN_END_DECLS

@@ -17,6 +17,7 @@ void skip_blanks(std::string_view &text) {
 
 // Takes a number off the front of text; false, with *number untouched, when there is none.
 bool take_number(std::string_view &text, unsigned int *number) {
+  if (text.starts_with('+')) text.remove_prefix(1);
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
   if (error == std::errc::invalid_argument) return false;
   if (error == std::errc::result_out_of_range) *number = UINT_MAX;

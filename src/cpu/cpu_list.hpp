@@ -15,8 +15,8 @@ struct CpuRange {
   bool reversed() const { return end < start; }
 };
 
-// Reads item as "%u-%u" does, except that a sign is a wrong form, and that a number that is too
-// large becomes the largest in place of a small one.
+// Reads item as "%u-%u" does, except that a negative number is a wrong form, and that a number that
+// is too large becomes the largest in place of a small one.
 CpuRange scan_cpu_range(std::string_view item);
 
 // Adds the CPUs of range below capacity to set.

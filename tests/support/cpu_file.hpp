@@ -1,0 +1,81 @@
+// What the tests of the partitions and of the NUMA nodes share; both wrap vorn_mallocsubproc, and a
+// program includes this once.
+#ifndef VORN_TESTS_CPU_FILE_HPP
+#define VORN_TESTS_CPU_FILE_HPP
+
+#include <algorithm>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "evlog.h"
+#include "support/child.hpp"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+#include "vorn_cfg.h"
+#include "vorn_jiffies.h"
+#include "vorn_mem.h"
+
+static int records_before_failure = -1; // none fails
+static std::function<void()> beside_failure = [] {};
+
+extern "C" {
+decltype(vorn_mallocsubproc) __real_vorn_mallocsubproc;
+void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
+                                unsigned int pid, const char *function, unsigned int line) {
+  EXPECT_EQ(pid, 381u);
+  if (records_before_failure >= 0 && records_before_failure-- == 0)
+    return beside_failure(), nullptr;
+  return __real_vorn_mallocsubproc(size, type, flags, pid, function, line);
+}
+}
+
+using Lines = std::vector<std::string>;
+using Cpus = std::vector<unsigned int>;
+
+// What was logged since the last call, errors as "E ...", without what the INI engine says of items
+// that a file lacks. All of it is this source's.
+inline Lines lines_of(const std::string &source) {
+  Lines lines;
+  for (const capture::Record &record : capture::take()) {
+    if (record.file == "vorn_cfg.c") continue;
+    EXPECT_EQ(record.file, source) << record.text;
+    EXPECT_TRUE(record.level == EVLOG_ERROR || record.level == EVLOG_INFO) << record.text;
+    lines.push_back((record.level == EVLOG_ERROR ? "E " : "") + record.text);
+  }
+  return lines;
+}
+
+inline Cpus cpus_of(const uint64_t *words, unsigned int count) {
+  Cpus cpus;
+  for (unsigned int cpu = 0; cpu < count; ++cpu)
+    if ((words[cpu / 64] >> cpu % 64 & 1) != 0) cpus.push_back(cpu);
+  return cpus;
+}
+
+// The rate limiter's clock opens at its first use, and reports that: not in the midst of a test.
+struct CpuFile : testing::Test {
+  CpuFile() {
+    vorn_get_jiffies();
+    capture::take();
+  }
+  int load(int (*init)(const char *path), const std::string &text) const {
+    scratch::write_file(file, text);
+    return init(file.c_str());
+  }
+  const scratch::Directory folder;
+  const std::string file = folder / "cpus.ini";
+  const std::string none = folder / "none";
+};
+
+// A process loads once; what a case fails in a child fails here.
+template <class Work> void in_child(Work work) {
+  EXPECT_EQ(run_in_child([&work] {
+              work();
+              return static_cast<int>(testing::Test::HasFailure());
+            }),
+            0);
+}
+
+#endif
