@@ -26,6 +26,9 @@ std::vector<Record> take();
 // The texts alone; those of errors begin with "E ", those of warnings with "W ".
 std::vector<std::string> take_lines();
 
+// A result and what was logged on the way: "-1; E Parameter is null.".
+std::string outcome(int result);
+
 // Records at this level and below are wanted; 7, the start value, wants all.
 void set_level(int level);
 

@@ -22,6 +22,7 @@ private:
 };
 
 void write_file(const std::string &path, const std::string &content); // makes missing directories
+void write_program(const std::string &path, const std::string &commands); // of the shell
 std::string read_file(const std::string &path);
 
 // The lowest free descriptor: a leak raises it.
