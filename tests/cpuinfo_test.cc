@@ -171,10 +171,14 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
 
   const std::string null = "-1; E Parameter is null.";
   cpumask cpus;
-  save_cpuinfo_to_shm(); // nothing yet
-  EXPECT_FALSE(fs::exists(kShared));
+  machine("0-1\n", "Socket(s): 2\n", 0);
+  EXPECT_EQ(cpuinfo_init(), -1);
+  save_cpuinfo_to_shm(); // what is not whole
+  EXPECT_EQ(scratch::read_file(kShared), std::string(80, '\0'));
+  capture::take();
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(&cpus, 0)),
             "-1; E Parameter phycpu 0 is bigger then total phycpu 0.");
+  machine("0-1\n", "Socket(s): 2\n", 4);
   EXPECT_EQ(describe(cpuinfo_init()), "0" + kFirst + kFound);
   EXPECT_EQ(capture::outcome(vorn_get_phycpu_num(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_logic_cpu_num(nullptr)), null);
