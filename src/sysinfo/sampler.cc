@@ -5,6 +5,7 @@
 // figures are mapped once, before the lock is taken, and a process that has the lock does not open
 // the file again, whatever becomes of sysinfo_init.
 #define VORN_FILE "vorn_sysinfo.c"
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <fcntl.h>
@@ -66,7 +67,8 @@ template <class Slot> bool map(Slots<Slot> &slots, const char *object, std::uint
   if (slots.load(std::memory_order_relaxed) != nullptr) return true;
   const std::size_t size = count * sizeof(Slot);
   void *address = vorn_shm_create_ext(object, O_CREAT | O_EXCL | O_RDWR, kObjectMode, size);
-  if (address == nullptr) address = vorn_shm_create_ext(object, O_RDWR, kObjectMode, size);
+  if (address == nullptr && errno == EEXIST)
+    address = vorn_shm_create_ext(object, O_RDWR, kObjectMode, size);
   slots.store(static_cast<Slot *>(address), std::memory_order_release);
   return address != nullptr;
 }
@@ -158,10 +160,11 @@ void update(std::uint32_t slot, const Ticks &now) {
   const auto idle = atomic_word(last_idle.load(std::memory_order_relaxed)[slot]);
   const auto total = atomic_word(last_total.load(std::memory_order_relaxed)[slot]);
   const std::uint64_t elapsed = now.total - total.load(std::memory_order_relaxed);
-  if (elapsed == 0) return;
-  const std::uint64_t busy = elapsed + (idle.load(std::memory_order_relaxed) - now.idle);
-  atomic_word(usage_percent.load(std::memory_order_relaxed)[slot])
-      .store(static_cast<std::uint32_t>(busy * 100 / elapsed), std::memory_order_relaxed);
+  if (elapsed != 0) {
+    const std::uint64_t busy = elapsed + (idle.load(std::memory_order_relaxed) - now.idle);
+    atomic_word(usage_percent.load(std::memory_order_relaxed)[slot])
+        .store(static_cast<std::uint32_t>(busy * 100 / elapsed), std::memory_order_relaxed);
+  }
   idle.store(now.idle, std::memory_order_relaxed);
   total.store(now.total, std::memory_order_relaxed);
 }
@@ -197,6 +200,7 @@ int sysinfo_alloc_mem() { return attached.run(attach); }
 void sysinfo_free_mem() {}
 
 int sysinfo_lock(int *fd, vorn_file_lock_s *lock) {
+  if (fd == nullptr || lock == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   const vorn::MutexGuard hold{election};
   candidate = false;
   *lock = {VORN_FILE_LOCK_WRITE | VORN_FILE_LOCK_NO_WAIT, 0, 0};
@@ -213,6 +217,7 @@ int sysinfo_lock(int *fd, vorn_file_lock_s *lock) {
 }
 
 int sysinfo_unlock(int fd, const vorn_file_lock_s *lock) {
+  if (lock == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   const vorn::MutexGuard hold{election};
   const vorn::UniqueFd file(fd);
   if (fd == held_fd) held_fd = -1;

@@ -96,10 +96,10 @@ void create_cpuinfo_shm() {
   if (shared_record != nullptr) return;
   const mode_t before = umask(0);
   void *address = vorn_shm_create_ext(kObject, O_RDWR | O_CREAT, kObjectMode, sizeof(Record));
+  umask(before);
   may_store = address != nullptr;
   if (address == nullptr) address = vorn_shm_create_ext(kObject, 0, kObjectMode, sizeof(Record));
   if (address == nullptr) VORN_LOG(kError, "Reopen cpuinfo shm failed, errno = %d", errno);
-  umask(before);
   shared_record = static_cast<Record *>(address);
 }
 
@@ -194,18 +194,37 @@ int get_cpuinfo_from_os(Record *record) {
   return 0;
 }
 
-int get_record(Record *record) {
+// Does nothing where this process did not make the object.
+void store() {
+  constexpr char kFunction[] = "save_cpuinfo_to_shm";
+  if (!may_store) return;
+  const UniqueFd file = sys::open(kObjectFile, O_RDONLY | O_CREAT, kObjectMode);
+  if (!file) {
+    VORN_LOG_AS(kFunction, kError, "Open cpuinfo flock_fd failed, errno = %d", errno);
+    return;
+  }
+  if (sys::uninterrupted([&] { return flock(file.get(), LOCK_EX); }) != 0) {
+    VORN_LOG_AS(kFunction, kError, "lock file failed, errno=%d.", errno);
+    return;
+  }
+  Record other;
+  if (!take_shared(&other)) put_shared(own_record);
+  if (flock(file.get(), LOCK_UN) != 0)
+    VORN_LOG_AS(kFunction, kError, "fcntl SETLK failed, errno=%d", errno);
+}
+
+int get_record() {
   create_cpuinfo_shm();
   if (shared_record == nullptr) {
     VORN_LOG_AS("cpuinfo_init", kError, "Create cpuinfo shm failed, load by system.");
-    return get_cpuinfo_from_os(record);
+    return get_cpuinfo_from_os(&own_record);
   }
-  if (take_shared(record)) return 0;
+  if (take_shared(&own_record)) return 0;
   const UniqueFd file = may_store ? sys::open(kObjectFile, O_RDWR) : UniqueFd();
-  if (wait_for_other_process(file, record)) return 0;
+  if (wait_for_other_process(file, &own_record)) return 0;
   VORN_LOG_AS("cpuinfo_init", kInfo, "cpu info in shm is incorrect or first, load by system.");
-  if (get_cpuinfo_from_os(record) != 0) return -1;
-  if (may_store) save_cpuinfo_to_shm();
+  if (get_cpuinfo_from_os(&own_record) != 0) return -1;
+  store();
   return 0;
 }
 
@@ -230,7 +249,7 @@ int find() {
   const int model = get_cpumodel_info();
   if (model != 0) return VORN_FAIL_AS(kFunction, -1, "Get cpumodel failed, ret is %d", model);
   vorn_crc32_init();
-  if (get_record(&own_record) != 0) return -1;
+  if (get_record() != 0) return -1;
   count_nodes(static_cast<std::uint32_t>(nodes));
   return 0;
 }
@@ -249,20 +268,7 @@ using namespace vorn::sysinfo;
 int cpuinfo_init() { return found.run(find); }
 
 void save_cpuinfo_to_shm() {
-  if (shared_record == nullptr || !may_store) return;
-  const vorn::UniqueFd file = vorn::sys::open(kObjectFile, O_RDONLY | O_CREAT, kObjectMode);
-  if (!file) {
-    VORN_LOG(vorn::kError, "Open cpuinfo flock_fd failed, errno = %d", errno);
-    return;
-  }
-  if (vorn::sys::uninterrupted([&] { return flock(file.get(), LOCK_EX); }) != 0) {
-    VORN_LOG(vorn::kError, "lock file failed, errno=%d.", errno);
-    return;
-  }
-  Record other;
-  if (!take_shared(&other)) put_shared(own_record);
-  if (flock(file.get(), LOCK_UN) != 0)
-    VORN_LOG(vorn::kError, "fcntl SETLK failed, errno=%d", errno);
+  if (found.done()) store(); // before, the record may be in the making
 }
 
 int vorn_get_phycpu_num(uint32_t *out) { return give(__func__, out, known_machine().packages); }
