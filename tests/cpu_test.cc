@@ -29,7 +29,7 @@ std::string product(const std::vector<Lines> &groups) {
 
 Lines lines() { return lines_of("vorn_cpu.c"); }
 
-// What text adds to a set that has CPU 512.
+// Returns what text adds to a set that contains CPU 512.
 Cpus parsed(const std::string &text, int result = 0) {
   uint64_t mask[VORN_CPUM_MASK_WORDS + 1] = {0, 0, 0, 0, 0, 0, 0, 0, 1};
   EXPECT_EQ(vorn_cpum_parse_cpumask(text.c_str(), mask), result) << text;
@@ -53,7 +53,7 @@ TEST_F(Cpu, ListsOfCpus) {
       {"IOD_NORMAL:0:4-11", "IOD_NORMAL:0:20-21", "IOD_NORMAL:0:30-32,40-50", "IOD:0:60-70",
        "IOD_NORMAL:0:80", "IOD_NORMAL:0:90-80", "IOD_NORMAL:0:1022-1030",
        "IOD_NORMAL:0:4294967294-4294967295"}};
-  // Where every partition refers to all, the ways through them are without number.
+  // If every partition refers to all, the paths of references are too many to walk.
   groups.resize(64, {"P:0:5,*/P", "Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q",
                      "E:0:7", "E:0:7", "E:0:7"});
   ASSERT_EQ(load(vorn_cpum_init, product(groups)), 0);
@@ -160,7 +160,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
     std::string content;
     Lines records;
     Cpus cpus;
-    int fails = -1; // the record that there is no memory for
+    int fails = -1; // the allocation that fails
   } rows[] = {
       {none, "", {missing, "Invalid cpu group cfg " + none}, {}},
       {"/", "", {"Load cpu cgroup cfg fail /", parse + "/"}, {}},
@@ -186,7 +186,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
   }
   records_before_failure = 3;
   beside_failure = [this] {
-    in_child([this] { // in the midst of the parent's load
+    in_child([this] { // during the parent's load
       EXPECT_EQ(vorn_cpum_init(file.c_str()), 0);
       const std::string shown = shown::by(vorn_cpum_dbg_show);
       EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 4) << shown;
@@ -255,7 +255,7 @@ TEST_F(ProductFile, IsMadeOnceAndHoldsUpNoFork) {
 TEST(Cpufreq, FindsThePoliciesThatCanBeRead) {
   const std::string root = "/sys/devices/system/cpu/cpufreq/";
   if (!scratch::cover_directory("/sys/devices/system/cpu")) GTEST_SKIP() << scratch::kNoMounts;
-  EXPECT_EQ(vorn_cpufreq_init(), 0); // a machine that offers none
+  EXPECT_EQ(vorn_cpufreq_init(), 0); // a machine without frequencies
   for (const std::string policy : {"policy0", "policy4"}) {
     scratch::write_file(root + policy + "/cpuinfo_min_freq", "200000\n");
     scratch::write_file(root + policy + "/cpuinfo_max_freq", "2600000\n");

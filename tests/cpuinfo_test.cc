@@ -27,7 +27,7 @@ const std::string kFound = " | 2 4 risc v [0] [1]";
 // "result; log messages | packages cpus model", then the CPUs of each package.
 std::string describe(int result) {
   std::string text = capture::outcome(result);
-  // the missing driver's messages, where the rate limiter asks for the time
+  // messages about the missing driver, when the rate limiter reads its clock
   if (const auto at = text.find("; E Vorn jiffies"); at != std::string::npos)
     text.erase(at, text.find(';', at + 1) - at);
   uint32_t packages = 77;
@@ -46,7 +46,7 @@ std::string describe(int result) {
   return text;
 }
 
-// A machine whose tools and files are stand-ins; node N has CPU N alone.
+// A machine whose tools and files are stand-ins; node N has only CPU N.
 struct Cpuinfo : testing::Test {
   void SetUp() override {
     if (!scratch::cover_directory("/dev/shm") || !scratch::cover_directory(kNodes))
@@ -125,7 +125,7 @@ TEST_F(Cpuinfo, CountsAreCorrectedByTheNodesAndFailuresAreNamed) {
   }
 }
 
-// With a right sum.
+// Stores a record with a right CRC.
 std::string summed(std::string record) {
   record.replace(4, 4, 4, '\0');
   const uint32_t crc = vorn_crc32c_soft(record.data(), 80);
@@ -143,7 +143,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   ASSERT_EQ(record, summed(wanted));
   EXPECT_EQ(fs::status(kShared).permissions(), fs::perms(0644));
 
-  machine("0\n", "Socket(s): 3\n", 9); // the tools are not asked; the nodes are
+  machine("0\n", "Socket(s): 3\n", 9); // runs no tool, but counts the nodes
   EXPECT_EQ(found_by_process(), "0 | 1 4 risc v [0]");
   EXPECT_EQ(scratch::read_file(kShared), record);
   machine("0-1\n", "Socket(s): 2\n", 4);
@@ -173,7 +173,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   cpumask cpus;
   machine("0-1\n", "Socket(s): 2\n", 0);
   EXPECT_EQ(cpuinfo_init(), -1);
-  save_cpuinfo_to_shm(); // what is not whole
+  save_cpuinfo_to_shm(); // an incomplete record
   EXPECT_EQ(scratch::read_file(kShared), std::string(80, '\0'));
   capture::take();
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(&cpus, 0)),
@@ -184,7 +184,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   EXPECT_EQ(capture::outcome(vorn_get_logic_cpu_num(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumodel_info(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(nullptr, 0)), null);
-  std::string other = record; // that another process has stored meanwhile
+  std::string other = record; // stored by another process meanwhile
   other[8] = 3;
   scratch::write_file(kShared, summed(other));
   save_cpuinfo_to_shm();
@@ -204,7 +204,7 @@ TEST_F(Cpuinfo, OneOfManyProcessesRunsTheToolsAndAllEndAlike) {
   }
   EXPECT_EQ(runs(), 1u);
 
-  // One that has stopped on its way is waited for a second.
+  // A process waits a second for one that has stopped meanwhile.
   scratch::write_file(kShared, "");
   const int fd = open(kShared.c_str(), O_RDWR | O_CLOEXEC);
   struct flock lock = {};

@@ -24,7 +24,7 @@ const std::string kProcess = "[PROC_PARTITION]\nnuma_enable=";
 
 std::ptrdiff_t named_files = 0;
 
-// What was logged, without the names of files, which are counted.
+// Returns the log messages without the names of files, which are counted.
 Lines lines() {
   Lines lines = lines_of("vorn_numa.c");
   named_files += static_cast<std::ptrdiff_t>(
@@ -32,7 +32,7 @@ Lines lines() {
   return lines;
 }
 
-// Whether the registry has a file still.
+// Returns whether the registry still has a file.
 bool registered() {
   char value[256];
   return vorn_cfg_getItemValue("NUMA_PARTITION", "cpu_num", value, sizeof value) == 0 ||
@@ -45,7 +45,7 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
   const std::string listed = kNodes + kProcess + "false\nproc_numa_info=";
   const struct {
     std::string content;
-    const char *section; // where the record is from
+    const char *section; // the function of the log message
     std::string record;
     int count;
   } rows[] = {
@@ -100,7 +100,7 @@ TEST_F(Numa, AnswersAfterTheLoad) {
   const struct {
     std::string list;
     Cpus cpus;
-    std::string record; // of the first wrong item, "": there is none
+    std::string record; // about the first wrong item; empty if there is none
   } rows[] = {
       {"0-3,9- 10", {0, 1, 2, 3, 9, 10}, ""},
       {"254-257,4294967295", {254, 255, 256, 257}, ""},

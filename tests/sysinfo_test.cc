@@ -64,7 +64,7 @@ struct Sysinfo : testing::Test {
   scratch::Directory folder;
 };
 
-// Of a sample: its outcome, and the figures of the machine, CPU 0 and CPU 1.
+// Takes a sample, and returns its outcome and the figures of the machine, CPU 0 and CPU 1.
 std::string sampled() {
   std::string text = outcome(sysinfo_update_all_cpu_usage());
   uint32_t all[] = {vorn_sysinfo_cpu_usage(), 999, 999, 999};
@@ -111,7 +111,7 @@ TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLastOne) {
   }
   fs::remove(stat_file);
   EXPECT_EQ(sampled(), "-1; E Open cpu stat file /proc/stat failed. 100 75 100");
-  EXPECT_EQ(vorn::sysinfo::usage_percent.load()[3], 0u); // what was said of a third CPU
+  EXPECT_EQ(vorn::sysinfo::usage_percent.load()[3], 0u); // the figures of a third CPU are ignored
   EXPECT_EQ(vorn_get_cpu_usage_array(&one, 1), 1);
   EXPECT_EQ(one, 75u);
   EXPECT_EQ(outcome(vorn_get_cpu_usage_array(nullptr, 1)),
@@ -135,7 +135,7 @@ TEST_F(Sysinfo, ALockIsHadOnceAndKeptUntilItIsGivenBack) {
   sysinfo_exit();
   EXPECT_EQ(sysinfo_init(), 0);
   EXPECT_EQ(sysinfo_alloc_mem(), 0);
-  const auto lock_in_child = [&] { // which has neither the lock nor the descriptor
+  const auto lock_in_child = [&] { // a child has neither the lock nor the descriptor
     return run_in_child([&] { return fcntl(fd, F_GETFD) == -1 ? sysinfo_lock(&other, &lock) : 2; });
   };
   EXPECT_EQ(lock_in_child(), 255);
@@ -145,7 +145,7 @@ TEST_F(Sysinfo, ALockIsHadOnceAndKeptUntilItIsGivenBack) {
   EXPECT_EQ(sysinfo_lock(&fd, &lock), 0);
 }
 
-// A process that works, and then waits to be killed.
+// Starts a process that runs work and then waits for a kill.
 pid_t start_process(const std::function<void()> &work) {
   const pid_t child = fork();
   if (child != 0) return child;
@@ -161,7 +161,7 @@ void end(pid_t process) {
   waitpid(process, nullptr, 0);
 }
 
-// The process that holds the lock; 0: none. Not for one that holds it.
+// Returns the process that holds the lock, or 0. Not for the holder itself.
 pid_t sampler() {
   const int fd = open(kUsage.c_str(), O_RDWR | O_CLOEXEC);
   struct flock lock = {};
@@ -171,7 +171,7 @@ pid_t sampler() {
   return asked ? lock.l_pid : 0;
 }
 
-// The errors, without the missing driver's, which the ticks of the rate limiter log.
+// Returns the errors, except those about the missing driver, which the rate limiter's clock logs.
 Lines errors() {
   Lines lines = capture::take_lines();
   std::erase_if(lines, [](const std::string &line) {
@@ -180,7 +180,7 @@ Lines errors() {
   return lines;
 }
 
-// Starts the sampling thread, and tells whether it found another process sampling.
+// Starts the sampling thread, and returns whether it found another process sampling.
 bool starts_and_loses() {
   Lines lines;
   sysinfo_init();
@@ -246,7 +246,7 @@ TEST_F(Sysinfo, WhatCannotBeSharedOrStartedFailsAndIsTriedAgain) {
   create_error = EAGAIN;
   EXPECT_TRUE(start().starts_with("-1; "));
   create_error = 0;
-  EXPECT_EQ(sysinfo_init(), 0); // not initialised, and no candidate left behind
+  EXPECT_EQ(sysinfo_init(), 0); // not initialised, and no candidate is left
   EXPECT_TRUE(
       soon([] { return run_in_child([] { return sampler() == getppid() ? 0 : 1; }) == 0; }));
 }

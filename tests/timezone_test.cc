@@ -15,7 +15,7 @@
 #include "support/zone_file.hpp"
 #include "time/vorn_time_local.hpp"
 
-// The kernel module: the 8720 bytes that it was told, and what it answers.
+// The kernel module: the 8720 bytes that it got, and its answer.
 static std::vector<int64_t> told;
 static int module_answer = 0;
 static const char *module_file = "/dev/null";
@@ -55,7 +55,7 @@ struct Timezone : testing::Test {
     const fs::path awk = fs::canonical("/usr/bin/awk");
     for (const char *covered : {"/WRK", "/etc", "/var/run"})
       if (!scratch::cover_directory(covered)) GTEST_SKIP() << scratch::kNoMounts;
-    fs::create_symlink(awk, folder / "awk"); // it went by /etc
+    fs::create_symlink(awk, folder / "awk"); // the mount over /etc has hidden it
     setenv("PATH", (folder.path() + ":" + std::getenv("PATH")).c_str(), 1);
     tool(folder / "timedatectl", "exit 1");
     fs::create_directories("/WRK/conf");
@@ -102,7 +102,7 @@ TEST_F(Timezone, IsSetByTheToolOrTheLinkOrTheScript) {
   EXPECT_EQ(set(std::string(300, 'x')), "-1; E sprintf_s secure function failed, destMax<256>.");
   EXPECT_EQ(set("Europe/Berlin"), "0");
   EXPECT_EQ(fs::read_symlink("/etc/localtime"), kZones + "Europe/Berlin");
-  EXPECT_EQ(timezone, -3600); // the process has it
+  EXPECT_EQ(timezone, -3600); // the process uses the new zone
   tool(folder / "ln", "exit 3");
   EXPECT_EQ(set("UTC"), "-1; E Set timezone failed, return value is 768.");
   fs::remove(folder / "ln");
@@ -204,7 +204,7 @@ std::string pair(int64_t instant, int64_t offset) {
   return " " + std::to_string(instant) + ":" + std::to_string(offset);
 }
 
-// The outcome, and what the module was told: "flag:offset instant:offset ...".
+// Returns the outcome and the request to the module: "flag:offset instant:offset ...".
 std::string synchronised() {
   told.clear();
   std::string text = outcome(sync_timezone_to_kernel());
@@ -217,7 +217,7 @@ std::string synchronised() {
   return text;
 }
 
-// As zdump prints it, with the offset alone for the local time.
+// A line as zdump prints it, with only the offset of the local time.
 std::string at(time_t instant, int offset) {
   char utc[64];
   std::strftime(utc, sizeof utc, "Z  %a %b %e %T %Y UT = ", std::gmtime(&instant));
@@ -290,7 +290,7 @@ std::string first_by_rule(const std::string &rule, long offset) {
   return local.tm_gmtoff == offset ? "" : pair(time, local.tm_gmtoff);
 }
 
-// zdump takes half a second for each: one of so many, unless the environment asks for others.
+// zdump takes half a second per zone: tests one of this many, unless the environment names others.
 constexpr std::size_t kSample = 60;
 
 TEST_F(Timezone, ZonesAreAsTheirCompiledFilesSay) {

@@ -1,4 +1,4 @@
-// CPU partitions and what refers to them, and what the kernel module knows of a CPU.
+// Resolves CPU lists and partitions, and asks the kernel module about single CPUs.
 #include "vorn_cpu.h"
 
 #include <cstring>
@@ -39,7 +39,7 @@ struct Reference {
   }
 };
 
-// False when item is none. A name that no record can have needs no cut: it is not found.
+// Returns false if item is no reference. A name that is too long is not found.
 bool scan_reference(std::string_view item, Reference &reference) {
   const std::size_t slash = item.find('/');
   if (slash == 0 || slash == std::string_view::npos || slash + 1 == item.size()) return false;
@@ -48,13 +48,13 @@ bool scan_reference(std::string_view item, Reference &reference) {
   return true;
 }
 
-// The work of one call. Each partition's list is read once, so that the work stays small however
-// often references meet again.
+// Resolves a list. Reads each partition's list only once, so that the work stays small even if many
+// lists refer to the same partitions.
 class Resolver {
 public:
   explicit Resolver(uint64_t *mask) : mask_(mask) {}
 
-  // Whether an item was taken.
+  // Returns whether an item was accepted.
   bool take_list(std::string_view list) {
     bool taken = false;
     each_item(list, [&](std::string_view item) {
@@ -67,7 +67,7 @@ public:
 private:
   enum Progress : char { kUnread, kOpen, kRead };
 
-  static constexpr unsigned int kMaxDepth = 128; // a list's frames, on any thread's stack
+  static constexpr unsigned int kMaxDepth = 128; // bounds the stack of nested lists
 
   bool take_item(std::string_view item) {
     Reference reference;
@@ -99,14 +99,14 @@ private:
     progress = kRead;
   }
 
-  // Once for a call: lists that refer to each other do so many times.
+  // Logged once per call: lists that refer to each other would repeat it.
   void report(const Group &group, const Partition &partition, const char *why) {
     if (reported_) return;
     reported_ = true;
     VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s %s.", group.name, partition.name, why);
   }
 
-  // Makes every partition an unread one, at the first reference. False after an error message.
+  // Marks every partition as unread, at the first reference. Returns false after an error message.
   bool make_progress() {
     if (progress_ != nullptr) return true;
     const std::size_t size = std::size_t{partition_table.partition_count} + 1; // never 0
@@ -117,7 +117,7 @@ private:
   }
 
   uint64_t *mask_;
-  mem::Block progress_; // by a partition's index
+  mem::Block progress_; // indexed by partition
   unsigned int depth_ = 0;
   bool reported_ = false;
 };

@@ -1,4 +1,4 @@
-// What the tests of the partitions and of the NUMA nodes share; both wrap vorn_mallocsubproc, and a
+// Declares what the tests of partitions and NUMA nodes share. Both wrap vorn_mallocsubproc; a
 // program includes this once.
 #ifndef VORN_TESTS_CPU_FILE_HPP
 #define VORN_TESTS_CPU_FILE_HPP
@@ -17,7 +17,7 @@
 #include "vorn_jiffies.h"
 #include "vorn_mem.h"
 
-static int records_before_failure = -1; // none fails
+static int records_before_failure = -1; // negative if none fails
 static std::function<void()> beside_failure = [] {};
 
 extern "C" {
@@ -34,8 +34,8 @@ void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned 
 using Lines = std::vector<std::string>;
 using Cpus = std::vector<unsigned int>;
 
-// What was logged since the last call, errors as "E ...", without what the INI engine says of items
-// that a file lacks. All of it is this source's.
+// Returns the log messages since the last call, errors as "E ...", without those of the INI engine
+// about missing items.
 inline Lines lines_of(const std::string &source) {
   Lines lines;
   for (const capture::Record &record : capture::take()) {
@@ -54,7 +54,7 @@ inline Cpus cpus_of(const uint64_t *words, unsigned int count) {
   return cpus;
 }
 
-// The rate limiter's clock opens at its first use, and reports that: not in the midst of a test.
+// The first use of the rate limiter's clock logs a message: does that before the test.
 struct CpuFile : testing::Test {
   CpuFile() {
     vorn_get_jiffies();
@@ -69,7 +69,7 @@ struct CpuFile : testing::Test {
   const std::string none = folder / "none";
 };
 
-// A process loads once; what a case fails in a child fails here.
+// A process loads once, so a case runs in a child; its failures fail the case.
 template <class Work> void in_child(Work work) {
   EXPECT_EQ(run_in_child([&work] {
               work();

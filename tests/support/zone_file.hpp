@@ -1,5 +1,4 @@
-// An independent reading of the compiled zone files (RFC 8536), for the tests of what is made of
-// zdump's output.
+// Reads the compiled zone files (RFC 8536), independently of zdump.
 #ifndef VORN_TESTS_ZONE_FILE_HPP
 #define VORN_TESTS_ZONE_FILE_HPP
 
@@ -16,9 +15,9 @@ using Transition = std::pair<std::int64_t, std::int32_t>;
 
 using Transitions = std::vector<Transition>;
 
-// The last second before anything changed, be it the abbreviation or the flag alone, and after it
-// all transitions that the file has, up to the end of 2037 and in some zones beyond it. Empty where
-// nothing changes. *rule, in the form of the variable TZ, is what applies after them.
+// Returns the last second before the first change, even of only the abbreviation or the flag, and
+// then all transitions in the file: up to the end of 2037, in some zones later. Empty if nothing
+// changes. *rule, in the form of the variable TZ, applies after them.
 inline Transitions read(const std::string &data, std::string *rule) {
   const auto number = [&](std::size_t at, int size) { // big-endian
     std::uint64_t value = (data.at(at) & 0x80) != 0 ? ~0ul : 0;
