@@ -1,5 +1,6 @@
 /* The version of Vorn: of these headers by macros, of the loaded library by a function. What may
- * change from one version to the next is promised in docs/compatibility.md. */
+ * change from one version to the next is promised in docs/compatibility.md. No function here is a
+ * cancellation point. */
 #ifndef VORN_VERSION_H
 #define VORN_VERSION_H
 
@@ -20,9 +21,9 @@ VORN_BEGIN_DECLS
     (VORN_VERSION_MINOR > (minor) ||                                                               \
      (VORN_VERSION_MINOR == (minor) && VORN_VERSION_PATCH >= (patch)))))
 
-/* The version of the loaded library, such as "0.1.0": the VORN_VERSION_STRING that it was built
- * with, which is newer than the caller's after an upgrade. The text stays valid until the process
- * ends. Any thread, before vorn_Init too; signal-safe; not a cancellation point. */
+/* The version of the loaded library: the VORN_VERSION_STRING that it was built with, newer than the
+ * caller's after an upgrade. Any thread, before vorn_Init too; signal-safe.
+ * Returns a text such as "0.1.0", valid until the process ends. */
 VORN_API const char *vorn_version(void);
 
 VORN_END_DECLS
