@@ -1,6 +1,6 @@
 /* libvornsim.so plays the node's kernel module inside a process, so that a service can be developed
  * where there is none. A process links it before libvorn.so, or preloads it (LD_PRELOAD): its
- * vorn_private_syscall then stands in front of the library's own. Nothing is ever rebooted, reset
+ * vorn_private_syscall then stands before the library's own. Nothing is ever rebooted, reset
  * or stopped, and no stack dumped.
  *
  * It answers these operations of module 381, and -1 with ENOSYS to all others. Each call is
@@ -22,23 +22,29 @@
 
 VORN_BEGIN_DECLS
 
-/* The arguments of a call, as they were passed behind the command word. */
+/* The arguments of a call, as they were passed after the command word. */
 typedef struct vornsim_call {
   unsigned long arguments[4]; /* VORN_SYSCALL_UNUSED where the operation takes none */
 } vornsim_call_s;
 
-/* How often the operation was asked for; 0 for one that the simulator does not know. */
+/* Returns how often the operation was asked for; 0 for one that the simulator does not know.
+ *   operation: operation code of vorn_syscall.h */
 VORN_API unsigned long vornsim_count(unsigned int operation);
 
-/* The arguments of the operation's latest call in *call. Returns 0; -1 when there was none or call
- * is NULL. */
+/* The arguments of the operation's latest call in *call.
+ *   operation: operation code of vorn_syscall.h
+ *   call: where the arguments go
+ * Returns 0; -1 when there was none or call is NULL. */
 VORN_API int vornsim_last_call(unsigned int operation, vornsim_call_s *call);
 
-/* From now on the operation fails with -1 and that errno; 0 lifts it. Returns 0; -1 for an
- * operation that the simulator does not know. */
+/* From now on the operation fails with -1 and that errno; 0 lifts it.
+ *   operation: operation code of vorn_syscall.h
+ *   error: errno of the failure, or 0
+ * Returns 0; -1 for an operation that the simulator does not know. */
 VORN_API int vornsim_fail(unsigned int operation, int error);
 
-/* The reboot count that operation 0x002 answers; 0 at the start. */
+/* The reboot count that operation 0x002 answers; 0 at the start.
+ *   count: the reboot count */
 VORN_API void vornsim_set_reboot_count(uint32_t count);
 
 VORN_END_DECLS
