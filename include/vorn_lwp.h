@@ -1,11 +1,11 @@
 /* LWP instances: named tasks of a service. Each has an id, references, a life cycle and, if wanted,
  * a thread of its own, and holds a private value of every LWP variable.
  *
+ *   uint64_t default_limit = 10;
  *   LwpModuleInit();
  *   uint64_t limit = LwpVarRegister("limit", &default_limit, sizeof default_limit, NULL, NULL);
- *   uint64_t id = LwpInstNew("mover", NULL, run, job);
+ *   uint64_t id = LwpInstNew("mover", NULL, run_mover, job);
  *   *(uint64_t *)LwpVarRaw(id, limit) = 5;
- *   ...
  *   LwpInstDelete(id, -1);
  *
  * An id is never used again within 2^32 creations. Where a function takes one, 0 stands for the

@@ -72,7 +72,7 @@ VORN_API void vorn_mem_init_head(vorn_mem_head_s *header, unsigned int size, uns
  *   line: line of the caller */
 VORN_API void vorn_freesub(void *ptr, const char *function, unsigned int line);
 
-/* Returns ptr to the system allocator, as free() does. type is not used.
+/* Gives ptr back to the system allocator, as free() does. type is not used.
  *   ptr: block to free
  *   type: not used */
 VORN_API void vorn_freesubproc(void *ptr, int type);

@@ -1,7 +1,6 @@
 /* Notifier chains: callbacks in the order of their priorities, which a producer of events calls
  * with an action and data.
  *
- *   static int on_event(vorn_notifier_block_s *block, unsigned long action, void *data);
  *   static vorn_notifier_chain_s chain = VORN_NOTIFIER_CHAIN_INIT("events");
  *   static vorn_notifier_block_s block = {on_event, NULL, 10};
  *

@@ -2,8 +2,8 @@
  * which they were added.
  *
  *   static vorn_sched_work_s flush;
- *   vorn_sched_init_work(&flush, on_flush, volume);   once
- *   vorn_sched_add_work(&flush);                      whenever it is to run
+ *   vorn_sched_init_work(&flush, on_flush, volume); // once
+ *   vorn_sched_add_work(&flush);                    // whenever it is to run
  *
  * A record belongs to the caller, which keeps it alive while it is queued. A worker takes it off
  * the queue before it calls the handler and does not touch it after that: the handler may free it

@@ -14,8 +14,9 @@
  *   "ReInited lock"  it is initialised already
  *   "AA lock"        the holder takes it again; lock then never comes back
  *   "AB lock"        it is released by a thread that does not hold it
- *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock"); serving
- * is then past the next number, and the lock useless until it is initialised anew
+ *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock");
+ *                    serving is then past the next number, and the lock useless until it is
+ *                    initialised anew
  *
  * When a holder ends without unlocking, the lock stays held. The holder is told by its kernel
  * thread id, cut to 32 bits: a child of fork() is another thread, and in memory that processes

@@ -2,13 +2,12 @@
  * thread of the library, "vorn_run_timers", calls the function once when the time has come. Arming
  * and deleting take constant time, however many timers are pending.
  *
- *   static void expired(uint64_t request);
- *   static vorn_timer_s timer; (all zero, or vorn_timer_init)
+ *   static vorn_timer_s timer; // all zero, or vorn_timer_init
  *
  *   vorn_timer_set(&timer, 250, (uint64_t)request, expired);
- *   vorn_timer_add(&timer);            (expired(request) in 250 ms)
- *   vorn_timer_modify(&timer, 500);    (no: in 500 ms from now)
- *   vorn_timer_delete_sync(&timer);    (no longer, and it does not run now)
+ *   vorn_timer_add(&timer);         // expired(request) in 250 ms
+ *   vorn_timer_modify(&timer, 500); // no: in 500 ms from now
+ *   vorn_timer_delete_sync(&timer); // no longer, and it does not run now
  *
  * Time is vorn_time_getmillisec: a timer is never early by that clock. As the clock's current
  * millisecond counts as a whole one, a timer of n ms may run up to 1 ms before n ms have passed.

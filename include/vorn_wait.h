@@ -2,7 +2,7 @@
  * it true wakes all of them.
  *
  *   vorn_wait_entry_s entry;
- *   vorn_wait_entry_init(&entry, tid);
+ *   vorn_wait_entry_init(&entry, (uint32_t)gettid());
  *   for (;;) {
  *     prepare_to_wait(&queue, &entry);
  *     if (condition) break;
