@@ -147,8 +147,7 @@ VORN_API int vorn_cfg_setItemValue(const char *section, const char *item, const 
  *   section: name of the section
  *   item: name of the item
  *   value: value of the item
- * Returns 0; -1 without a log message when the file lacks the item; logs an error and returns -1
- * otherwise. */
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *item,
                                       const char *value);
 

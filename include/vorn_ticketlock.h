@@ -14,7 +14,7 @@
  *   "ReInited lock"  it is initialised already
  *   "AA lock"        the holder takes it again; lock then never comes back
  *   "AB lock"        it is released by a thread that does not hold it
- *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock");
+ *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock"):
  *                    serving is then past the next number, and the lock useless until it is
  *                    initialised anew
  *
