@@ -12,7 +12,7 @@
 
 namespace {
 
-// Neither the node nor the key is first, so that no address passes for another.
+// Neither the node nor the key is first, so that their addresses differ from the record's.
 struct Record {
   long value;
   vorn_avl_node_s node;
@@ -34,7 +34,7 @@ const Record *record_of(const vorn_avl_node_s *node) {
                                           offsetof(Record, node));
 }
 
-// Appends the keys below node in order and returns the height, having checked every field.
+// Checks every field, appends the keys below node in order, and returns the height.
 int check_subtree(const vorn_avl_node_s *node, const vorn_avl_node_s *parent,
                   std::vector<int> &keys) {
   if (node == nullptr) return 0;
@@ -81,10 +81,10 @@ protected:
   vorn_avl_tree_s tree_;
 };
 
-// Beside std::map, with the tree checked after each step. Each way to insert and to remove is taken
-// at every size from none to nearly all. Pairs of records have equal keys.
+// Compares with std::map, and checks the tree after each step. Uses each way to insert and to
+// remove at every size from none to nearly all. Pairs of records have equal keys.
 TEST_F(Avl, AgreesWithAMapUnderRandomOperations) {
-  capture::set_level(vorn::kError); // records by the thousand otherwise
+  capture::set_level(vorn::kError); // else there are thousands of log messages
   std::map<int, Record *> model;
   const auto after = [&](auto at) { return at == model.end() ? nullptr : at->second; };
   const auto before = [&](auto at) {
@@ -93,7 +93,7 @@ TEST_F(Avl, AgreesWithAMapUnderRandomOperations) {
   const auto insert = [&](Record *record, unsigned int way) {
     const unsigned long where = model.contains(record->key) ? 0 : where_of(record->key);
     const auto [at, inserted] = model.emplace(record->key, record);
-    if (!inserted || way == 0) return vorn_add_avl_node(&tree_, record); // an equal one is left out
+    if (!inserted || way == 0) return vorn_add_avl_node(&tree_, record); // refuses an equal one
     Record *left = before(at), *right = after(std::next(at));
     if (way == 1 && left != nullptr) {
       EXPECT_EQ(vorn_insert_avl_node_specified(&tree_, record, left, 1), 0);

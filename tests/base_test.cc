@@ -24,7 +24,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What the gate guards: two words that are equal whenever no thread is inside.
+// The guarded data: two words that are equal whenever no thread is inside.
 struct Pair {
   void change() {
     const vorn::MutexGuard hold{mutex};
@@ -44,7 +44,7 @@ TEST(ForkGate, ChildFindsLocksFreeAndWhatTheyGuardWhole) {
   std::atomic<bool> done{false};
   const auto work = [&](Pair &one, Pair &other) {
     while (!done) {
-      const vorn::MutexGuard hold{one.mutex}; // so that threads enter while they are inside
+      const vorn::MutexGuard hold{one.mutex}; // threads enter while they are inside
       one.first = one.first + 1;
       other.change();
       one.second = one.second + 1;
@@ -71,8 +71,8 @@ TEST(ForkGate, ChildFindsLocksFreeAndWhatTheyGuardWhole) {
 vorn::Mutex mutex_of_handler;
 volatile int handled = 0;
 
-// A lazy start that forks, and one whose thread waits for the thread that forks, and has a signal
-// handler enter there.
+// A lazy start that forks; and one whose thread waits for the forking thread, in which a signal
+// handler enters.
 TEST(ForkGate, ForkFromInsideWaitsForOthersOnly) {
   vorn::Once once{vorn::OncePolicy::kLatch};
   int child = -1;
@@ -105,7 +105,7 @@ TEST(ForkGate, ForkFromInsideWaitsForOthersOnly) {
   });
   while (!inside)
     std::this_thread::yield();
-  EXPECT_EQ(run_in_child([] { return 0; }), 0); // after its patience
+  EXPECT_EQ(run_in_child([] { return 0; }), 0); // after the deadline of fork()
   forked = true;
   stuck.join();
   EXPECT_GT(handled, 3);
@@ -119,7 +119,7 @@ TEST(ForkGate, RunsWhatAChildForgets) {
   EXPECT_EQ(forgotten, 0);
 }
 
-// A cancellation that is pending from the start acts neither in a guarded block nor in a lazy
+// A cancellation that is already pending takes effect neither in a guarded block nor in a lazy
 // start.
 TEST(Mutex, HolderIsNotCancelled) {
   struct Work {
@@ -155,7 +155,7 @@ TEST(Mutex, HolderIsNotCancelled) {
   EXPECT_TRUE(work.once.done());
 }
 
-// Whatever of 0 to 2 is closed, what is made lies above, and none of them is used up.
+// Whichever of 0 to 2 are closed, new descriptors are above them, and these stay closed.
 TEST(System, MakesNoStandardDescriptor) {
   for (int closed = 1; closed < 8; ++closed) {
     const int result = run_in_child([closed] {

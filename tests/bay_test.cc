@@ -27,7 +27,7 @@ struct Bay : testing::Test {
   }
   void TearDown() override { fs::remove(kTemporary); }
 
-  // The script notes that it ran, with which arguments, and then does this.
+  // The script records its arguments and then runs this.
   void set_script(const std::string &action) {
     scratch::write_file(kScript, "#!/bin/sh\necho \"$@\" >>/WRK/calls\n" + action + "\n");
     fs::permissions(kScript, fs::perms::owner_all);
@@ -48,7 +48,7 @@ TEST_F(Bay, ReadsTheFirstLine) {
     std::string printed;
     uint32_t size;
     const char *out;
-    std::vector<std::string> lines; // none: it is a success
+    std::vector<std::string> lines; // empty for a success
   } rows[] = {
       {"value\nnext\n", 16, "value", {}},
       {"no line feed", 16, "no line feed", {}},
@@ -87,7 +87,7 @@ TEST_F(Bay, WritesThroughNothingThatIsInItsWay) {
   EXPECT_EQ(scratch::read_file("/WRK/victim"), "untouched");
   fs::remove("/WRK/calls");
 
-  // A file that cannot be removed, as another user's, stops it before the script.
+  // A file that cannot be removed, such as another user's, prevents the run of the script.
   scratch::write_file(kTemporary, "");
   ASSERT_EQ(mount("/WRK/victim", kTemporary.c_str(), nullptr, MS_BIND, nullptr), 0);
   EXPECT_EQ(get("SLOT"), -1);

@@ -18,7 +18,7 @@ using Bytes = std::vector<unsigned char>;
 
 bool bit(const Bytes &bitmap, std::uint64_t nr) { return bitmap[nr / 8] >> nr % 8 & 1; }
 
-// The search by looking at every bit.
+// Searches by reading every bit.
 std::uint64_t naive(const Bytes &bitmap, std::uint64_t size, std::uint64_t offset, bool wanted) {
   for (std::uint64_t nr = offset; nr < size; ++nr) {
     if (bit(bitmap, nr) == wanted) return nr;
@@ -32,7 +32,8 @@ void expect_searches(const unsigned char *at, const Bytes &model, std::uint64_t 
   const std::uint64_t set = naive(model, size, offset, true);
   const std::uint64_t clear = naive(model, size, offset, false);
   const auto size32 = static_cast<std::uint32_t>(size);
-  // The searches that tell whether there is one, as those that give the size where there is none.
+  // Adapts the searches that return whether there is a bit to those that return the size if there
+  // is none.
   const auto told = [size32](auto search, auto... arguments) {
     std::uint32_t found = size32;
     const int result = search(arguments..., &found);
@@ -49,7 +50,7 @@ void expect_searches(const unsigned char *at, const Bytes &model, std::uint64_t 
   EXPECT_EQ(told(vorn_bitop_findfirstclrbit, at, size32), clear);
 }
 
-// At both ends of the page: the end of an odd number of bytes is an unaligned start as well.
+// At both ends of the page: at the end, an odd number of bytes has an unaligned start.
 void expect_everything(const GuardedPage &page, const Bytes &model, std::uint64_t size) {
   std::uint64_t word = 0;
   for (std::uint64_t nr = 0; nr < std::min<std::uint64_t>(size, 64); ++nr)
@@ -81,7 +82,7 @@ TEST(Bitops, SearchesAgreeWithALookAtEveryBit) {
   }
 }
 
-// As nothing is in a bitmap that is not there, nothing is read from an offset not below the size.
+// The bitmap does not exist: an offset that is not below the size reads nothing.
 TEST(Bitops, NothingIsFoundInNothing) {
   const GuardedPage page;
   std::uint32_t found = 9;
@@ -94,8 +95,7 @@ TEST(Bitops, NothingIsFoundInNothing) {
   EXPECT_EQ(found, 9u);
 }
 
-// Every thread owns one bit of a byte and always finds it as it left it; a search may run
-// meanwhile.
+// Each thread owns a bit of a byte and always finds it as it left it, even during a search.
 TEST(Bitops, UpdatesOfOneByteLoseNothing) {
   alignas(8) unsigned char bitmap[9] = {};
   std::atomic<int> lost{0};

@@ -71,14 +71,14 @@ TEST_F(CfgEdit, ChangesTheFile) {
       {kWrite, "t", "[s]\nl=2\n", "[s]\nl=2\n[t]\nk=new\n"},
       {kWrite, "NULL", "k=1", "[NULL]\nk=new\n"},
       {kWrite, "s", ";c\n\n  l = 2 \n[ e ]\n[s]\nk=1", "[NULL]\nl=2\n[s]\nk=new\n"},
-      // The first item of a section is told by its section, later ones are not.
+      // Only the first item of a section is found by its section.
       {kWrite, "s", "[t]\nk=1\n[s]\nk=1\n[u]\nk=1\n", "[t]\nk=1\n[s]\nk=new\n[u]\nk=1\n"},
       {kWrite, "s", "[t]\nl=1\nk=1\n[s]\nk=1\n", "[t]\nl=1\nk=new\n[s]\nk=new\n"},
-      // A section that comes again keeps its headers, but for one behind itself.
+      // A repeated section keeps its headers, except one that follows itself.
       {kWrite, "s", "[s]\nl=1\n[t]\nm=1\n[s]\nk=1\n", "[s]\nl=1\nk=new\n[t]\nm=1\n[s]\nk=new\n"},
       {kWrite, "s", "[s]\nl=1\n[t]\n[s]\nk=1\nk=2\n", "[s]\nl=1\nk=new\nk=new\n"},
       {kWrite, "s", "[]\nl=1\n", "l=1\n[s]\nk=new\n"},
-      // Written as given; blanks at the ends are not read back.
+      // Written as given; a read drops blanks at the ends.
       {kWrite, "a b", "", "[a b]\nk=new\n"},
   };
   for (const auto &row : rows) {
@@ -117,7 +117,7 @@ TEST_F(CfgEdit, LeavesTheFileAloneWhereItRefuses) {
   EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_del_item_func), -1);
   EXPECT_FALSE(is_locked(path)); // through the caller's descriptor, which is still open
   EXPECT_EQ(close(fd), 0);
-  for (const Edit edit : {kAdd, kWrite}) { // what would forge lines
+  for (const Edit edit : {kAdd, kWrite}) { // texts that would add lines
     for (const std::string bad : {"a\nb=c", "a\rb"}) {
       EXPECT_EQ(run(edit, bad, "k", "v"), -1);
       EXPECT_EQ(run(edit, "s", bad, "v"), -1);
@@ -149,7 +149,7 @@ TEST_F(CfgEdit, RemovesWhatIsLeftOver) {
   scratch::write_file(temporary, std::string(10000, 'x'));
   EXPECT_EQ(run(kAdd, "s", "l", "2"), 0);
   EXPECT_FALSE(is_there(temporary));
-  ASSERT_EQ(symlink(other.c_str(), temporary.c_str()), 0); // is not followed
+  ASSERT_EQ(symlink(other.c_str(), temporary.c_str()), 0); // the link is not followed
   EXPECT_EQ(run(kDelete, "s", "k"), 0);
   EXPECT_EQ(scratch::read_file(path), "[s]\nl=2\n");
   EXPECT_EQ(scratch::read_file(other), "mine");
@@ -175,7 +175,7 @@ TEST_F(CfgEdit, RefreshesTheRegistry) {
   EXPECT_EQ(get("s", "k"), "?");
 }
 
-// The descriptor is the caller's before and after, whatever file it is of by now.
+// The descriptor stays the caller's, even if its file was replaced.
 TEST_F(CfgEdit, EditsTheFileThatThePathNames) {
   scratch::write_file(path, "[s]\nk=old\n");
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -205,7 +205,7 @@ TEST_F(CfgWrite, KeepsLinksAndLeavesTheRegistryAlone) {
   vorn_cfg_destroy();
 }
 
-// The value goes to many places: the text outgrows its buffer.
+// The value is written many times: the text outgrows its buffer.
 TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
   constexpr std::size_t kSlack = 0x400080;
   std::string before = "[t]\nl=1\n";
@@ -219,7 +219,7 @@ TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
                     "sprintf_s secure function failed, destMax<" + room + ">.");
   EXPECT_EQ(scratch::read_file(path), before);
 
-  // To the byte, where the item is new: the text and a zero fill the buffer.
+  // A new item: the text and a NUL fill the buffer exactly.
   scratch::write_file(path, "");
   const std::string fits(kSlack - 1 - std::string("[s]\nk=\n").size(), 'v');
   EXPECT_EQ(run(kWrite, "s", "k", fits + "v"), 22);

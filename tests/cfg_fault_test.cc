@@ -1,5 +1,5 @@
 // test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write
-// What is left behind when memory runs out or the system fails: nothing, and whole files.
+// Tests that edits leak nothing, and leave whole files, if memory runs out or the system fails.
 #include "vorn_cfg.h"
 
 #include <algorithm>
@@ -17,16 +17,16 @@
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 
-static int mallocs_before_failure = -1; // none fails
-static bool fails_once = false;         // else all fail from there on
+static int mallocs_before_failure = -1; // negative if none fails
+static bool fails_once = false;         // else all later ones fail too
 static int failures = 0;
-static int blocks = 0;     // that exist
+static int blocks = 0;     // the number of allocated blocks
 static int fail_fsync = 0; // the errno to fail with, 0 for none
 static int fail_rename = 0;
 static int fail_read = 0;
 static ssize_t write_limit = -1;
-static std::function<void()> before_rename; // done once
-static std::function<void()> after_reading; // done once, when a file has been read to its end
+static std::function<void()> before_rename; // called once
+static std::function<void()> after_reading; // called once, at the end of a file
 
 static void do_once(std::function<void()> &what) {
   if (what) std::exchange(what, nullptr)();
@@ -59,7 +59,7 @@ void __wrap_vorn_freesub(void *block, const char *function, unsigned int line) {
   __real_vorn_freesub(block, function, line);
 }
 
-int __wrap_fsync(int) { return fail_fsync != 0 ? fail(fail_fsync) : 0; } // the disk takes its time
+int __wrap_fsync(int) { return fail_fsync != 0 ? fail(fail_fsync) : 0; } // the real one is slow
 
 int __real_rename(const char *from, const char *to);
 int __wrap_rename(const char *from, const char *to) {
@@ -67,7 +67,7 @@ int __wrap_rename(const char *from, const char *to) {
   return fail_rename != 0 ? fail(fail_rename) : __real_rename(from, to);
 }
 
-// Interrupted once before every piece.
+// A signal interrupts each piece once.
 ssize_t __real_read(int fd, void *buffer, size_t size);
 ssize_t __wrap_read(int fd, void *buffer, size_t size) {
   static bool interrupted = false;
@@ -98,15 +98,15 @@ protected:
   CfgFault() { scratch::write_file(path, kText); }
   ~CfgFault() override { EXPECT_NE(access((path + ".temp").c_str(), F_OK), 0); }
 
-  // Each allocation of the call fails in turn, alone or with all that follow, until none does. The
-  // file is after then, and either that or before as long as one does.
+  // Each allocation of the call fails in turn, alone or with all later ones, until none fails. A
+  // failed call leaves the file as before or as after; the last call leaves it as after.
   void fail_each_allocation(const std::function<int()> &call, const std::string &after) {
     for (int count = 0; count < 100; ++count) {
       scratch::write_file(path, kText);
       const int held = blocks;
       failures = 0;
       mallocs_before_failure = count;
-      vorn_cfg_init(file); // the calls find the file registered
+      vorn_cfg_init(file); // the file is registered for the calls
       const int result = call();
       mallocs_before_failure = -1;
       vorn_cfg_destroy();
@@ -132,7 +132,7 @@ protected:
   vorn_cfg_item_s out;
   struct Row {
     std::function<int()> call;
-    std::string after; // what the file holds then
+    std::string after; // the content of the file after that
   };
   const std::vector<Row> all_calls = {
       {[&] { return vorn_cfg_init(file); }, kText},
@@ -174,14 +174,14 @@ TEST_F(CfgFault, KeepsTheOldFileWhereItCannotBeWrittenOrReplaced) {
     EXPECT_EQ(scratch::read_file(path), kText);
     EXPECT_EQ(value(), "1");
   }
-  // In place, a write that was cut short is recorded and no more.
+  // In place, a write that is cut short is only logged.
   write_limit = 10;
   EXPECT_EQ(vorn_cfg_write_item_to_file(file, "s", "k", "new"), 0);
   EXPECT_TRUE(capture::take_lines().at(0).starts_with("E Write error, iFd<"));
   vorn_cfg_destroy();
 }
 
-// A registration that has read the old file, in the midst of an edit or around a whole one.
+// A registration that has read the old file, during an edit or around a whole one.
 TEST_F(CfgFault, RegistersWhatIsOnDiskInTheEnd) {
   ASSERT_EQ(vorn_cfg_init(file), 0);
   before_rename = [&] { EXPECT_EQ(vorn_cfg_init(file), 0); };
@@ -206,7 +206,7 @@ void make_calls() {
   is_calling = false;
 }
 
-// Has no variables: the address sanitizer takes those of a cancelled thread for alive.
+// Has no local variables: the address sanitizer considers those of a cancelled thread in use.
 void *call_until_cancelled(void *) {
   if (cancels_itself) pthread_cancel(pthread_self());
   for (;; pthread_testcancel())

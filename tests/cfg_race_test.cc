@@ -1,4 +1,4 @@
-// Editors and readers at the same time, in threads and processes, and editors that are killed.
+// Tests concurrent editors and readers, in threads and processes, and editors that are killed.
 #include "vorn_cfg.h"
 
 #include <atomic>
@@ -34,8 +34,7 @@ pid_t in_child(const std::function<bool()> &work) {
   return child;
 }
 
-// Every worker adds items of its own, the even ones in place and the odd ones through a temporary
-// file.
+// Each worker adds its own items: the even workers in place, the odd ones through a temporary file.
 TEST_F(CfgRace, ProcessesLoseNoEdit) {
   constexpr int kWorkers = 4;
   constexpr int kEdits = 10; // of each worker
@@ -62,7 +61,7 @@ TEST_F(CfgRace, ProcessesLoseNoEdit) {
 }
 
 // All lookups and setters, while the file is edited, registered again and dropped, and the process
-// forks. No thread may see a value that was not written: the sanitizers watch the memory.
+// forks. No thread may see a value that was not written.
 TEST_F(CfgRace, ReadersGoOnDuringEdits) {
   scratch::write_file(path, "[s]\nk=aaaa\n");
   ASSERT_EQ(vorn_cfg_init(file), 0);
@@ -142,7 +141,8 @@ TEST_F(CfgRace, ReadersLetWritersIn) {
   });
   EXPECT_TRUE(is_fast());
 
-  // A thread that holds the lock looks up while a writer waits; none waits for one that is gone.
+  // A thread that holds the lock makes a lookup while a writer waits; a lookup does not wait for a
+  // writer that is gone.
   const pid_t parent = getpid();
   vorn_rwlock_read_lock(&g_stCfgRwlock);
   std::thread writer([] { vorn_cfg_setItemValue("s", "k", "3"); });
@@ -172,7 +172,7 @@ std::string generation_text(const std::string &value) {
   return text;
 }
 
-// Gives every item the value.
+// Sets every item to the value.
 int set_all(vorn_cfg_file_node_s *node, const char *section, const char *, const char *value) {
   for (int i = 0; i < kItems; ++i) {
     const std::string item = "item_" + std::to_string(i);
@@ -189,7 +189,7 @@ bool set_generation(const char *file, const std::string &value) {
   return result == 0;
 }
 
-// Whenever an editor dies, the file is one whole generation, and the next editor gets along.
+// At any death of an editor, the file is one whole generation, and the next editor succeeds.
 TEST_F(CfgRace, KilledEditorsLeaveAWholeFile) {
   scratch::write_file(path, generation_text("0"));
   for (int round = 0; round < 30; ++round) {

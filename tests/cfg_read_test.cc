@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 std::string content;
 
-// Shows what was parsed, and gives the edit up.
+// Copies what was parsed, and cancels the edit.
 int show(vorn_cfg_file_node_s *node, const char *, const char *, const char *) {
   content.clear();
   for (auto *s = vorn_list_first(&node->sections); s; s = vorn_list_next(&node->sections, s)) {
@@ -32,7 +32,7 @@ int show(vorn_cfg_file_node_s *node, const char *, const char *, const char *) {
   return -1;
 }
 
-// The sections and items of a file with that text. Records of the parse are left to be taken.
+// Returns the sections and items of a file with that text. Leaves the log messages of the parse.
 std::string parsed(const std::string &text) {
   const scratch::Directory directory;
   const std::string path = directory / "f.ini";
@@ -79,7 +79,8 @@ TEST(CfgParse, KeepsToItsLimits) {
       // A full line: blanks at the ends do not count, a carriage return nowhere.
       {std::string(0x40, ' ') + "\r\rk=" + value + " \nl=1\n", "[NULL]k=" + value + "|l=1|"},
       {"k=" + value + "v\nl=1\n", "[NULL]l=1|"},
-      // A line that is too long is read as several: the first is dropped, the next may be an item.
+      // A line that is too long is read as several lines: the first is dropped, the next may be an
+      // item.
       {std::string(kLine, 'k') + "a=b\nl=1\n", "[NULL]a=b|l=1|"},
       {std::string(kLine - 1, 'k') + "a=b\nl=1\n", "[NULL]l=1|"},
       {"l=1\nk=" + std::string(5 << 20, 'x'), "[NULL]l=1|"},
@@ -115,7 +116,7 @@ struct CfgRegistry : testing::Test {
   const std::string a = directory / "a.ini";
   const std::string b = directory / "b.ini";
 
-  // Of section s: of the newest file that has it, or of this one.
+  // An item of section s: of the newest file that has it, or of this file.
   std::string get(const char *item) {
     char value[256] = "?";
     const int result = vorn_cfg_getItemValue("s", item, value, sizeof value);
@@ -157,7 +158,7 @@ TEST_F(CfgRegistry, AsksTheNewestFileFirst) {
   remove(b.c_str());
   EXPECT_EQ(vorn_cfg_init(b.c_str()), -1); // stays as it was
   EXPECT_EQ(get(b, "k"), "b");
-  EXPECT_EQ(vorn_cfg_destroy(), 0); // whatever the counts
+  EXPECT_EQ(vorn_cfg_destroy(), 0); // whatever the reference counts
   EXPECT_EQ(get("k"), "-1");
 }
 
@@ -191,7 +192,7 @@ TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
     const char *section, *item;
     std::string value; // "?" where there is none
   } rows[] = {
-      {"s", "k", "1"}, // the first of repeated ones
+      {"s", "k", "1"}, // the first of several
       {"t", "k", "3"},      {"s", "long", std::string(255, 'v')},
       {"s", "longer", "?"}, {"t", "long", "?"},
   };

@@ -14,7 +14,7 @@
 
 static int limit = 100;
 static bool out_of_memory = false;
-static void (*meanwhile)() = nullptr; // what another thread does while memory is being allocated
+static void (*meanwhile)() = nullptr; // what another thread does during an allocation
 struct Block {
   unsigned int module;
   unsigned int size;

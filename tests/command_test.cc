@@ -40,7 +40,7 @@ std::string output_of(const std::string &command, const char *whitelist = nullpt
 
 bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 
-// Every case leaves nothing behind: no child, running or not, and no descriptor.
+// Each case checks at its end that no child, running or not, and no descriptor is left.
 class Command : public testing::Test {
 protected:
   ~Command() override {
@@ -79,7 +79,7 @@ TEST_F(Command, JudgesEveryCharacter) {
   }
 }
 
-// Ways to a stream; all but the first look at the command.
+// The functions that open a stream. All but the first check the command.
 int unused_pid = 5;
 using Opener = FILE *(*)(const char *command, const char *mode);
 const std::vector<Opener> kOpeners = {
@@ -142,7 +142,7 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
   EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
 }
 
-// On purpose our end of the pipe stays open, and the command is not waited for.
+// On purpose, the library's end of the pipe stays open, and the call does not wait for the command.
 TEST_F(CommandStream, ACommandWithoutAStreamRunsOn) {
   const int first = scratch::next_descriptor();
   int pid = 5;
@@ -158,7 +158,7 @@ TEST_F(CommandStream, ACommandWithoutAStreamRunsOn) {
   EXPECT_GT(wait(nullptr), 0);
 }
 
-// Ends with its input; not for good if a child holds an end of another's pipe.
+// Ends with its input, but never if a child holds an end of another child's pipe.
 constexpr char kReadAll[] = "exec timeout 20 cat";
 
 TEST_F(CommandStream, ServesManyThreads) {
@@ -224,7 +224,7 @@ TEST_F(Command, IsNotCancelled) {
     status = vorn_system("exit 1");
     FILE *stream = vorn_popen("exit 2", "r");
     stream_status = stream == nullptr ? -1 : vorn_pclose(stream);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
   }).join();
   EXPECT_EQ(exit_code(status), 1);
   EXPECT_EQ(exit_code(stream_status), 2);
@@ -240,7 +240,7 @@ TEST_F(Command, HasNoStatusWhereChildrenAreIgnored) {
   EXPECT_TRUE(sigisemptyset(&mask));
 }
 
-// The number of the first thing that is wrong, 0 for none.
+// Returns the number of the first wrong thing, or 0.
 int try_with_closed(unsigned int closed, const std::string &path) {
   for (int fd = 0; fd < 3; ++fd) {
     if ((closed >> fd & 1) != 0) close(fd);
@@ -248,7 +248,7 @@ int try_with_closed(unsigned int closed, const std::string &path) {
   FILE *read = vorn_popen("echo text", "r");
   FILE *write = vorn_popen(("cat > " + path).c_str(), "w");
   if (read == nullptr || write == nullptr || fileno(read) < 3 || fileno(write) < 3) return 1;
-  // Neither of the streams is another child's.
+  // Neither stream belongs to another child.
   const std::string list = "test -e /proc/self/fd/" + std::to_string(fileno(read)) +
                            " -o -e /proc/self/fd/" + std::to_string(fileno(write));
   if (exit_code(vorn_system(list.c_str())) != 1) return 2;
@@ -270,7 +270,7 @@ TEST_F(Command, LooksAtTheArgumentsOnly) {
   const auto accept = [](const char *path, int, char *const *) {
     return path == std::string("/bin/sh") ? 0x101 : 0x100;
   };
-  const char *missing = "/no/such;program"; // whatever gets past the guard fails to run
+  const char *missing = "/no/such;program"; // a command that passes the guard fails to run
   EXPECT_EQ(execv_s(nullptr, 3, safe, nullptr, nullptr), -22);
   EXPECT_EQ(execv_s(missing, -1, safe, nullptr, nullptr), -22);
   EXPECT_EQ(execv_s(missing, 3, safe, nullptr, accept), kDangerous);

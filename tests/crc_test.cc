@@ -20,7 +20,7 @@ using Bytes = std::vector<std::uint8_t>;
 constexpr std::size_t kLengths = 1101;
 constexpr std::size_t kAlignments = 64;
 
-// Both checksums a bit at a time, as polynomial division by hand goes.
+// Both checksums, bit by bit, by polynomial division.
 std::uint32_t crc32c_by_bit(std::uint32_t crc, std::uint8_t byte) {
   for (int bit = 0; bit < 8; ++bit, byte >>= 1) {
     const bool divides = ((crc ^ byte) & 1) != 0;
@@ -50,7 +50,7 @@ struct Routine {
   std::uint32_t (*by_bit)(std::uint32_t crc, std::uint8_t byte);
   std::function<std::uint32_t(std::uint32_t crc, const void *data, std::size_t length)> run;
 
-  // Entry n is the register over the first n bytes at data.
+  // Entry n is the register after the first n bytes at data.
   std::vector<std::uint32_t> expected(std::uint32_t crc, const std::uint8_t *data,
                                       std::size_t length) const {
     std::vector<std::uint32_t> registers{crc};
@@ -62,7 +62,7 @@ struct Routine {
 
 void PrintTo(const Routine &routine, std::ostream *out) { *out << routine.name; }
 
-// A copying routine as one that only sums: it must copy all that it sums, and nothing else.
+// Adapts a copying routine to one that only sums. It must copy exactly the bytes that it sums.
 template <class Copy> auto checked(Copy copy) {
   return [copy](std::uint32_t crc, const void *data, std::size_t length) {
     const std::size_t skew = reinterpret_cast<std::uintptr_t>(data) * 7 % 64;
@@ -75,7 +75,7 @@ template <class Copy> auto checked(Copy copy) {
   };
 }
 
-// What less able processors run, as a probe of them would have it.
+// The routines of other processors, by the results that a probe of them would give.
 std::vector<std::pair<std::string, vorn::arch::CrcProbe>> lesser_processors() {
 #if defined(__x86_64__)
   const auto &own = vorn::arch::crc_probe;
@@ -132,7 +132,7 @@ TEST_P(EveryRoutine, EqualsDivisionAtEveryLengthAndAlignment) {
   }
 }
 
-// Long inputs are cut into blocks, each of the kernels at other lengths.
+// Long inputs are cut into blocks, at different lengths by each kernel.
 TEST_P(EveryRoutine, EqualsDivisionOverManyBlocks) {
   const Routine &routine = GetParam();
   const Bytes bytes = noise(1 << 17);
@@ -142,8 +142,8 @@ TEST_P(EveryRoutine, EqualsDivisionOverManyBlocks) {
   EXPECT_EQ(routine.run(0xFFFF, bytes.data(), bytes.size()), expected.back());
 }
 
-// The examples of RFC 3720 and of the SCSI Block Commands, and the nine digits that checksums are
-// named by.
+// The examples of RFC 3720 and of the SCSI Block Commands, and the nine digits that catalogues of
+// checksums use.
 TEST(Crc, GivesThePublishedValues) {
   Bytes up;
   for (std::uint8_t i = 0; i < 32; ++i)
@@ -167,7 +167,7 @@ TEST(Crc, GivesThePublishedValues) {
   }
 }
 
-// The pointers are good for nothing: whoever reads or writes through them dies.
+// A routine that reads or writes through these pointers faults.
 TEST(Crc, NothingAndTooMuchLeaveTheRegisterAndTheMemory) {
   auto *nowhere = reinterpret_cast<void *>(8);
   for (const std::uint32_t length : {0x80000000u, 0xFFFFFFFFu}) {
@@ -180,8 +180,8 @@ TEST(Crc, NothingAndTooMuchLeaveTheRegisterAndTheMemory) {
   EXPECT_EQ(vorn_crc16(5, nullptr, 9), 5u);
 }
 
-// In 32 bits this length is 0: whoever cuts it so returns, and everyone else reads on until the
-// memory ends.
+// In 32 bits this length is 0: a routine that cuts it returns, and any other one reads until it
+// faults.
 TEST(Crc16DeathTest, TakesItsLengthIn64Bits) {
   const GuardedPage page;
   for (const auto crc16 : {vorn_crc16, vorn_crc16_soft})

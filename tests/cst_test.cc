@@ -11,7 +11,7 @@
 
 #include "support/log_capture.hpp"
 
-// The kernel module: how it reads a request, what it was asked, and what it answers.
+// The kernel module: how it reads a request, the request, and its answer.
 struct Block {
   uint32_t input_length;
   uint32_t output_length;
@@ -56,7 +56,7 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
 
 namespace {
 
-// The record of an item as the kernel module reads it.
+// The structure of an item as the kernel module reads it.
 std::string item_bytes(std::string section, std::string name, std::string value) {
   section.resize(35);
   name.resize(33);
@@ -68,7 +68,7 @@ const std::string kSection(34, 's');
 const std::string kItem(32, 'i');
 const std::string kValue(256, 'v');
 
-// What goes to the kernel module: 325 bytes of the section's, the item's and the value's.
+// The kernel module gets the first 325 bytes of the section, the item and the value.
 TEST(ConfigurationStore, AsksTheKernelModule) {
   reply_value = std::string("on\0behind", 9);
   char out[VORN_CST_VALUE_SIZE];

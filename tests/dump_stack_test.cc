@@ -17,7 +17,7 @@
 
 static bool g_filtered = false;
 
-// With a filter of system calls that does not know the first way to read memory.
+// Refuses the first way to read memory, as a filter of system calls does.
 extern "C" long __real_syscall(long number, ...);
 extern "C" long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
   if (!g_filtered || number != SYS_process_vm_readv)
@@ -35,7 +35,7 @@ using Lines = std::vector<std::string>;
 std::uintptr_t g_low = 0;
 std::uintptr_t g_high = 0;
 
-// A page that is a stack, with nothing readable beside it.
+// A page that is a stack, between unreadable pages.
 class Stack : public testing::Test {
 public:
   Stack() {
@@ -64,7 +64,7 @@ public:
 [[gnu::noinline]] int code_of_ours() { return getpid() + 1; }
 const std::uintptr_t kCode = reinterpret_cast<std::uintptr_t>(code_of_ours) + 4;
 
-// The rows of the table in a dump, each as its function and marks.
+// Returns the rows of the table in a dump, each as its function and marks.
 Lines rows_in(const Lines &lines) {
   Lines rows;
   bool inside = false;
@@ -85,9 +85,9 @@ Lines dump(const StackDump &what) {
 }
 
 TEST_F(Stack, RowsAreMarked) {
-  constexpr std::uintptr_t kOffsets = 1 << 16; // what is above is an address, not an offset
+  constexpr std::uintptr_t kOffsets = 1 << 16; // a larger value is an address and not an offset
   const struct {
-    std::vector<Frame> frames; // of offsets from the page's start; one at each 64 bytes
+    std::vector<Frame> frames; // as offsets from the start of the page; one at each 64 bytes
     std::uintptr_t first;      // offset of the first frame
     Lines rows;
   } walks[] = {
@@ -194,7 +194,7 @@ TEST_F(Stack, WordsOfTheLiveStack) {
     }
     EXPECT_EQ(seen, row.lines) << row.sp;
   }
-  // 16384 bytes at most, from bounds that reach to the end of the address space.
+  // At most 16384 bytes, even if the bounds reach to the end of the address space.
   static unsigned char big[32768];
   big[0] = big[16383] = big[16384] = 1;
   const auto start = reinterpret_cast<std::uintptr_t>(big);
@@ -204,8 +204,7 @@ TEST_F(Stack, WordsOfTheLiveStack) {
   EXPECT_NO_RECORD();
 }
 
-// No stack of the thread has the stack pointer: what is readable is dumped, of which stack it may
-// be.
+// No stack of the thread contains the stack pointer: the readable memory there is dumped.
 TEST_F(Stack, BrokenStacks) {
   unregister_lwt_stack_ops();
   put(64, {0, kCode});

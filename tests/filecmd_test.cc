@@ -12,7 +12,7 @@
 #include "support/scratch.hpp"
 #include "vorn_cmd.h"
 
-// The commands that were run, with what the guard was to let pass; or, while dry, were to be run.
+// The commands and their white lists. While dry, the commands do not run.
 struct Started {
   std::string command;
   std::string whitelist; // "(none)": NULL
@@ -34,7 +34,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What another wait status than 0 is reported as.
+// The text of a wait status other than 0.
 void expect_failed(const std::string &function, const std::string &command, int result) {
   EXPECT_NE(result, 0);
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_fileops.c", function,
@@ -88,13 +88,13 @@ TEST_F(Filecmd, RunsTheShellButNotWhatItWouldSplit) {
   EXPECT_TRUE(fs::exists(two + "/one"));
   const std::string name = two + ";touch " + one;
   expect_failed("vorn_cmd_rm", "rm -rf " + name, vorn_cmd_rm(name.c_str()));
-  // What the guard lets pass for mkdir itself would pass in its path.
+  // The characters that the guard permits for mkdir itself would pass in its path too.
   EXPECT_EQ(vorn_cmd_mkdir((one + "&").c_str()), -22);
   EXPECT_EQ(capture::take_lines(), std::vector{"E Param error: pFile(" + one + "&) is dangerous."});
   EXPECT_FALSE(fs::exists(one));
 }
 
-// As if the background mkdir of the shell had all the time in the world.
+// Delays the shell's background mkdir without a limit.
 TEST_F(Filecmd, AFolderIsMadeWhereTheShellLeavesItsCommandBehind) {
   dry = true;
   fs::current_path(directory.path());

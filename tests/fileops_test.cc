@@ -17,7 +17,7 @@
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 
-static size_t most_read = SIZE_MAX; // bytes that one call moves
+static size_t most_read = SIZE_MAX; // the most bytes of a call
 static size_t most_written = SIZE_MAX;
 static std::deque<int> read_errors; // 0: none
 static std::deque<int> write_errors;
@@ -141,7 +141,7 @@ TEST_F(Fileops, AFailedCopyTellsWhere) {
   EXPECT_EQ(capture::take().size(), 1u); // the allocator's
 }
 
-// The contract in its plain form, byte by byte: what lies before the zero, "" for NULL.
+// A plain model, byte by byte: the text before the NUL, "" for NULL.
 std::string next_line(const std::string &content, size_t *position, size_t size) {
   std::string line;
   while (line.size() + 1 < size && *position < content.size()) {
@@ -155,14 +155,14 @@ std::string next_line(const std::string &content, size_t *position, size_t size)
 
 constexpr char kUntouched = 0x55;
 
-// Reads all of fd, which holds content and stands at its start, beside the model.
+// Reads all of fd, which holds content and is at its start, and compares with the model.
 void expect_as_model(int fd, const std::string &content, size_t size) {
   const bool positioned = lseek(fd, 0, SEEK_CUR) == 0;
   size_t position = 0;
   for (bool more = true; more;) {
     const std::string line = next_line(content, &position, size);
     more = !line.empty();
-    std::vector<char> bytes(size + 2, kUntouched); // one more on each side
+    std::vector<char> bytes(size + 2, kUntouched); // and one on each side
     std::vector<char> wanted = bytes;
     char *const buffer = bytes.data() + 1;
     ASSERT_EQ(vorn_readline(fd, buffer, static_cast<int>(size)), more ? buffer : nullptr);
@@ -235,12 +235,12 @@ TEST_F(Readline, AFailedReadEndsTheLineAndTheNextCallTellsWhy) {
     EXPECT_EQ(next(fd), "efgh\n");
     errno = 0;
     EXPECT_EQ(next(fd), "(null)");
-    EXPECT_EQ(errno, 0); // the end is no failure
+    EXPECT_EQ(errno, 0); // the end is not a failure
     close(fd);
   }
 }
 
-// The kernel writes such a file's text anew after a seek.
+// The kernel generates the text of such a file anew after a seek.
 TEST_F(Readline, ATextThatTheKernelMakesUpIsNotTorn) {
   ASSERT_EQ(prctl(PR_SET_NAME, "lower-case"), 0);
   const int fd = open("/proc/thread-self/comm", O_RDONLY | O_CLOEXEC);

@@ -27,7 +27,7 @@ vorn_hash_node_s node_with(uint32_t key2, uint64_t key) {
   return node;
 }
 
-// The pairs of all buckets from head to tail, having checked the links both ways.
+// Checks the links in both directions, and returns the pairs of all buckets from head to tail.
 std::vector<Pair> pairs_in(const vorn_hash_table_s &table) {
   std::vector<Pair> pairs;
   for (uint32_t i = 0; i < table.bucket_count; ++i) {
@@ -42,7 +42,7 @@ std::vector<Pair> pairs_in(const vorn_hash_table_s &table) {
   return pairs;
 }
 
-// Blocks that a table may still take, and those that it has.
+// The blocks that a table may still allocate, and those that it has.
 int left_to_take;
 int taken;
 
@@ -57,7 +57,7 @@ void counted_free(void *ptr) {
   std::free(ptr);
 }
 
-// Worked out with integers of any length.
+// Computed with integers of unlimited length.
 TEST(HashFunction, Indices) {
   const struct {
     uint32_t key2;
@@ -109,8 +109,8 @@ protected:
   vorn_hash_table_s *table_ = nullptr;
 };
 
-// Keys of which many differ only above bit 31, or only in key2. In the end, every node that is left
-// is handed out unlinked.
+// Many keys differ only above bit 31, or only in key2. At the end, every remaining node is returned
+// unlinked.
 TEST_F(Hash, AgreesWithAMapUnderRandomOperations) {
   std::mt19937 random{1};
   std::map<Pair, vorn_hash_node_s *> model;

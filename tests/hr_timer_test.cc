@@ -1,5 +1,5 @@
 // test-wraps: clock_gettime pthread_mutex_init pthread_condattr_init pthread_create
-// The high-resolution timers, on a clock that the test may stop, and the system's.
+// Tests the high-resolution timers, by a clock that the test may stop and by the system's clock.
 #include "vorn_hr_timer.h"
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include "support/timer.hpp"
 #include "vorn_timer_posix.h"
 
-static std::atomic<int64_t> g_stopped_at{0}; // nanoseconds; 0: the clock goes
+static std::atomic<int64_t> g_stopped_at{0}; // nanoseconds; 0 if the clock runs
 static std::atomic<int> g_readings{0};
 static thread_local bool t_no_clock = false;
 
@@ -91,7 +91,7 @@ protected:
   }
   ~HrTimers() override { EXPECT_EQ(Timer::early, 0); }
 
-  // In the future, so that the thread sleeps by the system's clock too.
+  // In the future, so that the thread also sleeps by the system's clock.
   static void stop_clock(int64_t ahead, int64_t nanoseconds) {
     g_stopped_at = (monotonic() / 1000000000 + ahead) * 1000000000 + nanoseconds;
   }
@@ -129,7 +129,7 @@ TEST_F(HrTimers, RefuseBadArguments) {
   EXPECT_EQ(vorn_timer_is_pending(&timer), 0);
 }
 
-// By expiry, and those of one expiry in the order of their arming.
+// In the order of expiry, and of arming for equal expiries.
 TEST_F(HrTimers, RunInOrder) {
   g_stopped_at = monotonic() + 20000000;
   const uint64_t delays[] = {500, 900, 500, 100, 900, 500, 0};
@@ -151,7 +151,7 @@ TEST_F(HrTimers, RunInOrder) {
   EXPECT_EQ(deleted.fired, 0);
 }
 
-// A nanosecond field of 10^9 is kept, and no deadline of the system's.
+// A nanosecond field of 10^9 is kept, which is not a valid deadline for the system.
 TEST_F(HrTimers, SleepUntilAFullSecond) {
   stop_clock(30, 999999000);
   Timer timer{1000};
@@ -165,7 +165,7 @@ TEST_F(HrTimers, SleepUntilAFullSecond) {
   EXPECT_EQ(next.seconds, timer.seconds + 1);
   EXPECT_EQ(next.nanoseconds, 1);
   std::this_thread::sleep_for(milliseconds{5});
-  Timer earlier{0}; // for which the thread is woken
+  Timer earlier{0}; // wakes the thread
   ASSERT_EQ(vorn_timer_add_ns(&earlier), 0);
   EXPECT_TRUE(soon([&] { return earlier.fired == 1; }));
   vorn_timer_delete_sync(&timer);

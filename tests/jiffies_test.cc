@@ -17,7 +17,7 @@ namespace {
 const std::string kUio = "/sys/devices/platform/jiffies_uio/uio/";
 constexpr uint64_t kCount = 0x1122334455667788;
 
-// The driver's files, as this process alone sees them. The counter stands at the byte given.
+// The driver's files, visible only to this process. The counter is at the given byte.
 void install(const std::string &addr, const std::string &size, const std::string &offset,
              std::size_t counter = 0) {
   const std::string map = kUio + "uio0/maps/map0/";
@@ -49,7 +49,7 @@ TEST_F(Driver, CounterIsReadFromTheMapping) {
   EXPECT_EQ(*record->jiffies, kCount);
   EXPECT_EQ(scratch::next_descriptor(), before);
 
-  // the record's descriptors belong to others by now
+  // other files have the numbers of the old descriptors
   const int innocent = dup(0);
   EXPECT_EQ(innocent, record->dev_fd);
   EXPECT_EQ(jiffies_uio_adp_close(), -1);
@@ -85,8 +85,7 @@ TEST_F(Driver, AnUnusableOneIsReportedAndClosedUntilItCanBeUsed) {
     EXPECT_EQ(scratch::next_descriptor(), before);
     EXPECT_EQ(jiffies_uio_get()->jiffies, nullptr);
   }
-  // An attribute may fill its 32 bytes, and the counter may lie behind the size but in the last
-  // page.
+  // An attribute may fill its 32 bytes, and the counter may be beyond the size, in the last page.
   install(std::string(31, '0') + "1", "8", "4088", 4088);
   EXPECT_EQ(jiffies_usr_main(), 0);
   EXPECT_EQ(jiffies_uio_get()->addr, 1u);

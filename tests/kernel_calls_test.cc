@@ -1,6 +1,6 @@
 // test-wraps: vorn_private_syscall
 //
-// The functions that pass a request on to the kernel module, and what the time of day is without.
+// Tests the functions that pass a request to the kernel module, and the time of day without one.
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>

@@ -20,7 +20,7 @@
 #include "support/scratch.hpp"
 
 static bool is_missing = false;
-static int released_at_the_start = -1; // by another thread, while a listener is made
+static int released_at_the_start = -1; // released by another thread during the start of a listener
 static std::thread releaser;
 
 extern "C" {
@@ -35,7 +35,7 @@ int __wrap_eventfd(unsigned int value, int flags) {
   return __real_eventfd(value, flags);
 }
 
-// The system has no protocol 28: one that it has, whose own messages are no events.
+// The system has no protocol 28: uses another one, whose messages are not events.
 int __wrap_socket(int domain, int type, int protocol) {
   if (protocol != 28) return __real_socket(domain, type, protocol);
   EXPECT_EQ(type, SOCK_RAW | SOCK_CLOEXEC);
@@ -54,7 +54,7 @@ std::string last; // under the mutex
 int released_by_callback = -1;
 int taken[2] = {-1, -1}; // by the callback, once the number is free
 
-// The system gives a socket that sends unbound the number of the process.
+// The system gives an unbound socket that sends the number of the process.
 int port() { return getpid() + (1 << 24); }
 
 bool send_to_port(uint32_t word, const std::string &text) {
@@ -84,7 +84,7 @@ void keep(const void *event) {
   ++seen;
 }
 
-// What the listener, which may not have bound yet, sees of it behind the tag.
+// Returns what the listener, which may not have bound yet, sees of it after the tag.
 std::string send_event(const std::string &text) {
   const int before = seen;
   while (!send_to_port(kTag, text))
@@ -110,7 +110,7 @@ protected:
     return std::thread([this] {
       pthread_cancel(pthread_self());
       result = KRAM_Netlink_ext3_listen(socket, port(), keep);
-      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+      pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
     });
   }
 
@@ -157,7 +157,7 @@ TEST_F(Netlink, ChildReleasesItsCopyAlone) {
   EXPECT_EQ(result, 0);
 }
 
-// The listener leaves the number alone, which is another file's by then.
+// The listener does not use the number, which another file has by then.
 TEST_F(Netlink, CallbackMayReleaseTheSocket) {
   released_by_callback = socket;
   std::thread thread = listener();

@@ -32,12 +32,12 @@ using namespace std::literals;
 
 namespace {
 
-// What the processes of a case share.
+// The memory that the processes of a case share.
 struct Shared {
-  // Cases run side by side: each has in the place of the server's port one that the system gives
-  // it, and a server that is started again takes once more.
+  // Cases run at the same time: each replaces the server's port by a free one, which a restarted
+  // server uses again.
   std::atomic<in_port_t> port;
-  std::atomic<int> children; // that have closed their copies
+  std::atomic<int> children; // the number of children that have closed their copies
 };
 auto &shared = *static_cast<Shared *>(
     mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -78,7 +78,7 @@ int __wrap_connect(int socket, const sockaddr *address, socklen_t length) {
   const int result = __real_connect(socket, reinterpret_cast<const sockaddr *>(&to), length);
   if (!interrupts_connect) return result;
   fcntl(socket, F_SETFL, 0);
-  errno = EINTR; // the connection is being made, as after a signal
+  errno = EINTR; // as after a signal, the connection is still made
   return -1;
 }
 
@@ -109,14 +109,14 @@ int32_t echo(uint32_t command, kram_call_s *call) {
   return -5;
 }
 
-// Replies as many bytes as the request has as a number.
+// Replies with as many bytes as the request says.
 int32_t fill(uint32_t, kram_call_s *call) {
   std::memcpy(&call->output_length, call->input, sizeof call->output_length);
   std::memset(call->output, 'x', std::min(call->output_length, KRAM_SYSCALL_BUFFER_SIZE));
   return static_cast<int32_t>(call->output_capacity);
 }
 
-// A process that stays, and tells its number.
+// Forks in the handler a process that stays, and replies with its number.
 int32_t fork_and_stay(uint32_t, kram_call_s *) {
   const int before = shared.children;
   const pid_t child = fork();
@@ -130,7 +130,7 @@ int32_t fork_and_stay(uint32_t, kram_call_s *) {
   return child;
 }
 
-// Would be cancelled while it waits, if a handler could be.
+// Waits in a cancellation point, which has no effect in a handler.
 int32_t hold(uint32_t, kram_call_s *) {
   pthread_cancel(pthread_self());
   ++held;
@@ -213,14 +213,14 @@ template <class Condition> bool eventually(Condition condition) {
 vorn::UniqueFd dial() {
   const sockaddr_in to = vorn::kram::server_address();
   vorn::UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const timeval patience{60, 0}; // an answer that does not come fails the case
+  const timeval patience{60, 0}; // a missing answer fails the case
   setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   return connect(socket.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0
              ? std::move(socket)
              : vorn::UniqueFd();
 }
 
-// The thread that answers over that connection; 0 where none does.
+// Returns the thread that answers over that connection, or 0.
 int64_t ask(const vorn::UniqueFd &socket) {
   WireHeader reply{};
   if (!socket || !put(socket.get(), message(0x400, ""))) return 0;
@@ -249,7 +249,7 @@ auto threads_and_descriptors() {
   return std::pair{entries("/proc/self/task"), entries("/proc/self/fd")};
 }
 
-// Waits until every other thread of the process sleeps: the server is done with what it was asked.
+// Waits until every other thread of the process sleeps: the server has handled all requests.
 bool others_sleep() {
   return eventually([] {
     for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -357,7 +357,7 @@ TEST(KramServer, DropsAPeerThatStopsInAMessageAndNoOther) {
 
 TEST(Kram, CallsGoThroughOneConnection) {
   close(STDIN_FILENO);
-  bool inherited[32]; // from the program that started the test
+  bool inherited[32]; // by the program that started the test
   for (int fd = 0; fd < 32; ++fd)
     inherited[fd] = fcntl(fd, F_GETFD) != -1;
   start_server();
@@ -402,7 +402,7 @@ TEST(Kram, ChildHasAConnectionOfItsOwn) {
   std::thread caller([] {
     pthread_cancel(pthread_self());
     EXPECT_EQ(call(0x403), 0);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
   });
   ASSERT_TRUE(eventually([] { return held == 1; }));
   const auto has_its_own = [thread] {
@@ -410,7 +410,7 @@ TEST(Kram, ChildHasAConnectionOfItsOwn) {
     return own > 0 && own != thread ? 0 : 1;
   };
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(run_in_child(has_its_own), 0); // while a call is under way
+  EXPECT_EQ(run_in_child(has_its_own), 0); // during a call
   EXPECT_LT(std::chrono::steady_clock::now() - start, 4s) << "fork() waits for the call";
   release();
   caller.join();
@@ -451,7 +451,7 @@ void reply(const vorn::UniqueFd &peer, uint64_t length) {
   put(peer.get(), bytes_of(WireHeader{0x400, 0, length, 0, 9}));
 }
 
-// A server that closes its first connection as told, and serves the second as it should at first.
+// A server that closes its first connection in the given way, and serves the second one correctly.
 void serve_twice(const vorn::UniqueFd &listener, When when, bool is_reset,
                  std::atomic<bool> &is_set) {
   vorn::UniqueFd peer(accept(listener.get(), nullptr, nullptr));
@@ -522,26 +522,26 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
   char byte;
   start_server();
   ASSERT_GT(call(0x400), 0);
-  std::this_thread::sleep_for(200ms); // for what comes and goes at a start
+  std::this_thread::sleep_for(200ms); // for threads that exist only during the start
   const auto before = threads_and_descriptors();
   {
-    const vorn::UniqueFd young[] = {dial(), dial()}; // in places on both sides of the own one
+    const vorn::UniqueFd young[] = {dial(), dial()}; // in slots on both sides of the own connection
     const auto ask_the_young = [&] { return ask(young[0]) > 0 && ask(young[1]) > 0; };
     ASSERT_TRUE(ask_the_young());
     std::vector<vorn::UniqueFd> busy;
     for (int i = 0; i < 509; ++i) {
       busy.push_back(dial());
-      const bool is_last = i == 508; // its message has ten seconds from now on
+      const bool is_last = i == 508; // its message has ten seconds from now
       ASSERT_TRUE(put(busy.back().get(), is_last ? "slow" : message(0x403, "")));
       ASSERT_TRUE(eventually([=] { return held == (is_last ? i : i + 1); }));
     }
     ASSERT_TRUE(others_sleep());
-    const vorn::UniqueFd fresh = dial(); // in the place of this process's own
+    const vorn::UniqueFd fresh = dial(); // replaces this process's own connection
     EXPECT_GT(ask(fresh), 0);
     EXPECT_TRUE(ask_the_young());
-    ASSERT_TRUE(others_sleep()); // the fresh one's, too, is idle
+    ASSERT_TRUE(others_sleep()); // the new connection is idle too
     capture::take();
-    EXPECT_GT(call(0x400), 0); // in the place of the fresh one
+    EXPECT_GT(call(0x400), 0); // replaces the new connection
     EXPECT_TRUE(ask_the_young());
     EXPECT_EQ(recv(fresh.get(), &byte, 1, 0), -1);
     EXPECT_EQ(errno, ECONNRESET);
@@ -553,7 +553,7 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
     EXPECT_TRUE(eventually([] { return held == 511; }));
     EXPECT_EQ(read_all(dial().get()), "");
     EXPECT_TRUE(eventually([] {
-      const auto lines = capture::take_lines(); // the tick's, which is missing, among them
+      const auto lines = capture::take_lines(); // among them one about the missing jiffies driver
       return !lines.empty() && lines.back() == "E 512 connections are open, another is closed.";
     }));
     release();
@@ -565,7 +565,7 @@ TEST(Kram, ConnectionThatIsIdleLongestGoesAndNoBusyOne) {
   EXPECT_TRUE(eventually([&] { return threads_and_descriptors() == before; }));
   const auto lines = capture::take_lines();
   ASSERT_FALSE(lines.empty());
-  EXPECT_TRUE(lines[0].starts_with("E recv error, err=0, buf=")); // of the slow one
+  EXPECT_TRUE(lines[0].starts_with("E recv error, err=0, buf=")); // of the slow connection
 }
 
 } // namespace

@@ -27,7 +27,7 @@ struct Record {
 std::vector<vorn_list_head_s *> dumped;
 void dump(vorn_list_head_s *node) { dumped.push_back(node); }
 
-// "0x1(0x2,0x3)": a node and its links, as the records show it.
+// Returns a node and its links as the log messages show them: "0x1(0x2,0x3)".
 std::string shown(const vorn_list_head_s *node) {
   char text[80];
   std::snprintf(text, sizeof text, "%p(%p,%p)", static_cast<const void *>(node),
@@ -82,7 +82,7 @@ TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
   EXPECT_TRUE(dumped.empty());
 }
 
-// Three nodes are in the list, and its neighbours are pointed at a fourth.
+// Three nodes are in the list; the neighbours of one are made to point to a fourth.
 class DamagedList : public List {
 protected:
   DamagedList() {
@@ -91,7 +91,7 @@ protected:
     vorn_list_init_head(stranger_);
   }
 
-  // Runs the operation and expects this report of it alone.
+  // Runs the operation and expects exactly this report.
   template <class Operation> void expect_report(const std::string &text, Operation operation,
                                                 const std::vector<vorn_list_head_s *> &shown) {
     operation();
@@ -132,7 +132,7 @@ TEST_F(DamagedList, TakingTheFirstReportsThatItDoesNotLeadBack) {
                 [&] { take_first(&head_, dump, VORN_FILE, "Owner"); }, {node(0)});
 }
 
-// From now on a fault shows the records on standard error and ends the process.
+// From now on, a fault writes the log messages to standard error and ends the process.
 vorn::list::Show shown_at_fault() {
   signal(SIGSEGV, [](int) {
     for (const auto &record : capture::take())

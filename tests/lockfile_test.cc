@@ -24,7 +24,7 @@ struct Lockfile : testing::Test {
   }
   ~Lockfile() override { close(fd); }
 
-  // 0 when another process gets the lock, else the errno of its failure.
+  // Returns 0 if another process gets the lock, or the errno of its failure.
   int refused_elsewhere(vorn_file_lock_s lock) {
     return run_in_child([&] {
       const int other = open(path.c_str(), O_RDWR | O_CLOEXEC);
@@ -38,7 +38,7 @@ struct Lockfile : testing::Test {
 };
 
 TEST_F(Lockfile, ALockIsOfItsKindAndRange) {
-  lseek(fd, 5, SEEK_SET); // ranges count from the start of the file all the same
+  lseek(fd, 5, SEEK_SET); // ranges still count from the start of the file
   const vorn_file_lock_s write{kWrite, 2, 4}, half{0, 2, 2}, read{VORN_FILE_LOCK_READ, 9, 1};
   ASSERT_EQ(vorn_lockfile(fd, &write), 0);
   ASSERT_EQ(vorn_lockfile(fd, &read), 0);
@@ -59,7 +59,7 @@ TEST_F(Lockfile, ALockIsOfItsKindAndRange) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-// The waiter is interrupted again and again by a handler without SA_RESTART.
+// A handler without SA_RESTART interrupts the waiting thread again and again.
 TEST_F(Lockfile, AWaitGoesOnOverSignalsUntilTheHolderReleases) {
   const vorn_file_lock_s lock{kWrite, 0, 0};
   ASSERT_EQ(vorn_lockfile(fd, &lock), 0);

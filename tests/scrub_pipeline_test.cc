@@ -1,5 +1,5 @@
 // test-links: scrub_objects
-// The pipeline of vorn-scrub from the inside: order, bounds, and failures in each of its threads.
+// Tests the pipeline of vorn-scrub: order, bounds, and failures in each of its threads.
 #include "instance.hpp"
 #include "pipeline.hpp"
 
@@ -28,7 +28,7 @@ namespace {
 
 using scrub::Pipeline;
 
-// Stands before a read of the file of that inode number: errno to fail with, or 0 to go on.
+// Called before a read of the file of that inode number. Returns the errno to fail with, or 0.
 ino_t watched = 0;
 std::function<int(int fd)> before_read;
 
@@ -41,7 +41,7 @@ bool fails(int fd) {
 
 } // namespace
 
-// In the place of the system's.
+// Replaces the system's.
 extern "C" ssize_t read(int fd, void *buffer, size_t size) {
   return fails(fd) ? -1 : syscall(SYS_read, fd, buffer, size);
 }
@@ -63,7 +63,7 @@ void expect_checked(const scrub::Blocks &blocks, const std::string &bytes) {
 
 constexpr std::size_t kBlocksPerBatch = scrub::kReadSizeLimit / scrub::kBlockSize;
 
-// With so many threads that compute checksums.
+// The parameter is the number of checksum threads.
 class PipelineOf : public testing::TestWithParam<unsigned int> {
 protected:
   const scrub::Settings settings_{.threads = GetParam()};
@@ -83,7 +83,7 @@ TEST_P(PipelineOf, KeepsBlocksAndTasksInOrderManyTimesRound) {
       }
       const std::span<std::byte> room = pipeline.room();
       ASSERT_GE(room.size(), scrub::kBlockSize);
-      // Their number and their content tell which they are.
+      // Their number and their content identify them.
       const std::string bytes(number * 4099 % (room.size() + 1), static_cast<char>(number));
       std::memcpy(room.data(), bytes.data(), bytes.size());
       pipeline.then([&done, number, bytes, blocks = pipeline.add_blocks(bytes.size())] {
@@ -95,7 +95,7 @@ TEST_P(PipelineOf, KeepsBlocksAndTasksInOrderManyTimesRound) {
   EXPECT_EQ(done, kCount);
 }
 
-// As long as the first task is not done, there is room for so many blocks and no more.
+// Until the first task is done, there is room for this many blocks and no more.
 TEST_P(PipelineOf, StopsTheReaderWhenNothingIsTakenFromIt) {
   constexpr std::size_t kMost = Pipeline::kBatches * kBlocksPerBatch;
   Pipeline pipeline(settings_);
@@ -109,7 +109,7 @@ TEST_P(PipelineOf, StopsTheReaderWhenNothingIsTakenFromIt) {
         if (i != 0) return;
         while (added < kMost)
           std::this_thread::yield();
-        // So long that the reader would have added more.
+        // Long enough for the reader to add more.
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         ahead = added;
       });
@@ -144,7 +144,7 @@ TEST_P(PipelineOf, ThrowsWhatTheReaderThrowsBehindAllThatItPassedOn) {
   }
 }
 
-// Also where the reader fails behind it: the first of two failures counts.
+// The first failure counts, even if the reader fails after it.
 TEST_P(PipelineOf, EndsTheReadingWhenATaskThrows) {
   for (const bool reader_fails : {false, true}) {
     Pipeline pipeline(settings_);
@@ -158,8 +158,8 @@ TEST_P(PipelineOf, EndsTheReadingWhenATaskThrows) {
   }
 }
 
-// A file of more than all batches together, and of so many blocks that not all their lines wait for
-// the end of the file to be written; and one after it.
+// A file that is larger than all batches together, with so many blocks that some of their lines are
+// written before the end of the file; and a file after it.
 class ScrubRead : public testing::Test {
 protected:
   static constexpr std::size_t kSize = 5 * Pipeline::kBatches * scrub::kReadSizeLimit;
@@ -169,13 +169,13 @@ protected:
     scrub::prepare_instances(1);
     scratch::write_file(path("z"), "behind");
     job_.root = directory_.path();
-    job_.places = {directory_.path(), "m", directory_.path()};
+    job_.paths = {directory_.path(), "m", directory_.path()};
   }
   ~ScrubRead() override { watched = 0; }
 
   std::string path(const char *name) const { return directory_ / name; }
 
-  // What the job tells when this is called before that read of a file of this content.
+  // Returns what the job prints if this is called before that read of a file of this content.
   std::string output(scrub::ExitStatus (*job)(const scrub::Job &), scrub::ExitStatus wanted,
                      std::function<int(int fd)> happens, const char *name = "large",
                      const std::string &content = std::string(kSize, 'x'),
@@ -240,7 +240,7 @@ TEST_F(ScrubRead, WhatIsWrongIsReadOnceMoreASecondLater) {
   EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(2990));
 }
 
-// All runs have begun at the first tick, as far as the supervision knows.
+// The supervision sees that all runs have begun at the first tick.
 TEST_F(ScrubRead, AStallIsWaitedForAndTold) {
   job_.stall = true;
   const auto age = [](int) {

@@ -1,9 +1,10 @@
 // test-links: scrub_objects
-// The settings of vorn-scrub: what a file may say, and what becomes of it.
+// Tests the settings of vorn-scrub: what a file may say, and what a run does with it.
 #include "settings.hpp"
 
 #include <atomic>
 #include <chrono>
+#include <sched.h>
 #include <stdexcept>
 #include <string>
 #include <sys/syscall.h>
@@ -29,7 +30,7 @@ std::atomic<std::size_t> largest_read = 0;
 
 } // namespace
 
-// In the place of the system's.
+// Replaces the system's.
 extern "C" ssize_t read(int fd, void *buffer, size_t size) {
   if (size > largest_read) largest_read = size;
   return syscall(SYS_read, fd, buffer, size);
@@ -39,7 +40,7 @@ namespace {
 
 class SettingsFile : public testing::Test {
 protected:
-  // The values in one line, or why they are refused.
+  // Returns the values in one line, or why they are refused.
   std::string outcome(const std::string &content) const {
     scratch::write_file(path_, content);
     try {
@@ -79,9 +80,25 @@ TEST_F(SettingsFile, NamesPartitionsOfAProductFile) {
             std::string::npos);
 }
 
-TEST_F(SettingsFile, RefusesAProductFileWithoutPartitions) {
-  EXPECT_NE(outcome("[SCRUB]\nPRODUCT=" + path_ + "\n").find("', which has no partitions"),
-            std::string::npos);
+TEST_F(SettingsFile, BindsThreadsToAPartition) {
+  ASSERT_EQ(vorn_Init(), 0);
+  scratch::write_file(directory_ / "product.ini",
+                      "[CPU_PARTITION]\ngroup_num=1\n"
+                      "[GROUP_0]\npartition_num=1\npartition_0=FIRST:1:0\n");
+  scratch::write_file(path_,
+                      "[SCRUB]\nCPUS=*/FIRST\nPRODUCT=" + (directory_ / "product.ini") + "\n");
+  scrub::Pipeline pipeline(scrub::read_settings(path_));
+  cpu_set_t cpus;
+  pipeline.run([&cpus] { EXPECT_EQ(sched_getaffinity(0, sizeof cpus, &cpus), 0); });
+  EXPECT_EQ(CPU_COUNT(&cpus), 1);
+  EXPECT_TRUE(CPU_ISSET(0, &cpus));
+}
+
+TEST_F(SettingsFile, RefusesFilesWithoutPartitionsOrNodes) {
+  for (const auto &[name, what] : {std::pair{"PRODUCT", "partitions"}, {"NUMA", "NUMA nodes"}})
+    EXPECT_NE(outcome("[SCRUB]\n" + std::string(name) + "=" + path_ + "\n")
+                  .find(std::string("', which has no ") + what),
+              std::string::npos);
 }
 
 TEST_F(SettingsFile, IsRefusedWithTheReason) {
@@ -107,7 +124,7 @@ TEST_F(SettingsFile, IsRefusedWithTheReason) {
   EXPECT_THROW(scrub::read_settings(directory_.path()), std::runtime_error);
 }
 
-// Every setting stands in the sample, with the value that it has without a file.
+// The sample has every setting with its default.
 TEST_F(SettingsFile, TheSampleHoldsTheDefaults) {
   std::string content = scratch::read_file(VORN_SAMPLE_SETTINGS);
   EXPECT_EQ(outcome(content), outcome("[SCRUB]\n"));
@@ -124,11 +141,11 @@ TEST(ReadRate, NeverAllowsMoreThanTheRateInARunOfUnevenReads) {
   RateLimit limit(kRate, now);
   std::uint64_t bytes = 0;
   for (std::uint64_t i = 0; i < 10000; ++i) {
-    now += i * 7919 % 40 * 1'000'000; // how long the device takes: 20 ms on average
+    now += i * 7919 % 40 * 1'000'000; // the time of the device, 20 ms on average
     const std::uint64_t size = i * 104729 % 131073;
     bytes += size;
     limit.add(size, now);
-    now += limit.delay(now) + i % 50 * 1000; // and how late the reader wakes up
+    now += limit.delay(now) + i % 50 * 1000; // and the delay of the wake-up
     ASSERT_LE(bytes, (now - start) * kRate / kSecond);
   }
   EXPECT_GE(bytes, (now - start) / 100 * 99 * kRate / kSecond);
@@ -177,15 +194,14 @@ TEST(RateWait, IsNeverShortAndCountsWhatIsReadElsewhere) {
   EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::microseconds(305'500));
 }
 
-// A megabyte takes a second at this rate: so many as there are batches wait for nobody once the run
-// is over.
+// A megabyte takes a second at this rate. No batch waits for the rate after the end of the run.
 TEST(RateWait, EndsWithTheRun) {
   ASSERT_EQ(vorn_Init(), 0);
   const auto started = std::chrono::steady_clock::now();
   constexpr std::size_t kMegabyte = 1 << 20;
   scrub::Pipeline pipeline({.read_size_limit = kMegabyte, .rate_limit = 1});
   const auto read_all = [&pipeline] {
-    for (int i = 0; i < 1000; ++i) // so many that they do not wait for blocks
+    for (int i = 0; i < 1000; ++i) // enough to be passed on without blocks
       pipeline.then([] { throw std::runtime_error("task"); });
     for (int i = 0; i < 100; ++i) {
       pipeline.room();

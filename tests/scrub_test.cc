@@ -1,4 +1,5 @@
 // test-runs: vorn-scrub
+// Tests vorn-scrub as an operator runs it.
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -23,7 +24,8 @@ constexpr int kClean = 0;
 constexpr int kDamage = 1;
 constexpr int kCouldNotRun = 2;
 
-// In a line of the shell, the program; and what has it run without root's right to any file.
+// The program as a word of a shell line, and the prefix that runs it without root's right to any
+// file.
 const std::string kScrub = VORN_TEST_EMULATOR " '" VORN_TEST_PROGRAM "' ";
 const std::string kAsAnyone =
     geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
@@ -80,7 +82,7 @@ void expect(const Outcome &outcome, int status, const Words &parts, int line = _
 const std::string kManifest = ".vorn-scrub";
 const std::string kUnfinished = ".vorn-scrub.unfinished";
 
-// Runs in an empty tree, inside which is its manifest, too.
+// Runs in an empty tree, which also holds the manifest.
 class Scrub : public testing::Test {
 protected:
   Scrub() { EXPECT_EQ(chdir(tree_.path().c_str()), 0); }
@@ -93,7 +95,7 @@ private:
 TEST_F(Scrub, FindsAnUntouchedTreeClean) {
   for (const std::size_t size : {0u, 1u, 511u, 512u, 513u, 4095u, 4096u, 4097u, 1048577u})
     write_file("size/" + std::to_string(size), pattern(size));
-  // In a walk the files of "a" come before "a-b", which comes before "a" where '/' is a mere byte.
+  // A walk meets the files of "a" before "a-b"; a plain comparison of bytes orders them otherwise.
   const std::pair<const char *, const char *> names[] = {
       {"a-b", "a-b"},         {"a.txt", "a.txt"},       {"a/b/c", "a/b/c"},
       {"a0", "a0"},           {"...", "..."},           {"-x", "-x"},
@@ -119,7 +121,7 @@ TEST_F(Scrub, FindsAnUntouchedTreeClean) {
   EXPECT_FALSE(fs::exists(kUnfinished));
 }
 
-// More blocks, and more files, than are under way at a time.
+// There are more blocks and files than the batches hold at a time.
 TEST_F(Scrub, FindsDamageWhereverItIs) {
   const auto name = [](std::size_t i) { return "small/" + std::to_string(1000 + i); };
   write_file("large", pattern((12 << 20) + 1234));
@@ -154,6 +156,12 @@ TEST_F(Scrub, FindsDamageWhereverItIs) {
     ASSERT_NE(at, std::string::npos) << "not there, or not in its place: " << text;
   }
   EXPECT_TRUE(contains(read_file(".vorn-scrub.log"), "damaged: large, block 15, expected"));
+}
+
+TEST_F(Scrub, TellsTheNodesOfTheMachine) {
+  write_file("s.ini", "[SCRUB]\nNUMA=" VORN_SAMPLE_NUMA "\n");
+  expect(shell(kScrub + "create --settings s.ini ."), kClean,
+         {"\n  numa      2 nodes: CPUs 0-7, CPUs 8-15\n"});
 }
 
 TEST_F(Scrub, ReportsMissingNewAndResizedFiles) {
@@ -242,7 +250,7 @@ TEST_F(Scrub, RefusesAManifestThatWasCutOrEdited) {
   expect_refusal(whole + "x", line);
 }
 
-// The manifest with these texts, each behind its code.
+// Returns a manifest of these texts, each after its code.
 std::string sealed(const Words &texts) {
   std::string manifest;
   std::uint32_t crc = 0xFFFFFFFF;
@@ -256,7 +264,7 @@ std::string sealed(const Words &texts) {
   return manifest;
 }
 
-// Whoever edits a manifest may give it the right codes.
+// An editor of a manifest may give it the right codes.
 TEST_F(Scrub, RefusesAManifestThatMakesNoSense) {
   const std::string title = "vorn-scrub-manifest 1 block 4096 crc32c sector 512 crc16-t10dif";
   const std::string file_a = "file 1 0.000000000 a";
@@ -304,7 +312,7 @@ TEST_F(Scrub, ARunThatFailsOrIsInterruptedKeepsTheOldManifest) {
 
 TEST_F(Scrub, OneRunAtATimeWritesAManifest) {
   write_file("a", "x");
-  write_file(kUnfinished, std::string(1000, 'x')); // a run that was killed
+  write_file(kUnfinished, std::string(1000, 'x')); // left by a killed run
   expect(create("flock " + kUnfinished + " "), kCouldNotRun, {"another run is writing"});
   EXPECT_TRUE(fs::exists(kUnfinished));
   expect(create(), kClean, {"1 read"});
@@ -321,7 +329,7 @@ TEST_F(Scrub, TakesNoFileOfItsOwnForData) {
   EXPECT_TRUE(contains(read_file("logs/sums.log"), "verified: 4 files"));
 }
 
-// A run that could not be made weighs most, then damage. A directory is no worse for another one.
+// A run that could not run weighs most, then damage. A directory does not affect the others.
 TEST_F(Scrub, ReadsEachDirectoryAgainstItsOwnManifest) {
   for (const char *name : {"one/a", "two/b", "two/c", "three/d"})
     write_file(name, "x");

@@ -36,11 +36,11 @@ TEST(Smp, ACountThatIsMissingIsAskedForAgainAndOneThatIsKnownKept) {
   EXPECT_EQ(num_config_cpus(), 4u);
   configured = 5;
   EXPECT_EQ(num_config_cpus(), 4u);
-  globalCpuNum_init(); // takes the new count
+  globalCpuNum_init(); // accepts the new count
   EXPECT_EQ(capture::take().size(), 1u);
   online = 3;
   configured = -1;
-  globalCpuNum_init(); // knows both, though not from this call alone
+  globalCpuNum_init(); // has both counts, from this and the earlier call
   EXPECT_EQ(capture::take().size(), 1u);
   online = configured = 6;
   globalCpuNum_init();

@@ -34,9 +34,8 @@ void vorn_schedule() { g_yield(); }
 
 namespace {
 
-// The clock stands still but for the readings that the test gives: of each spin a start, one that
-// is too early by a nanosecond, and one that is late enough. The holder releases at the third
-// yield.
+// The test gives the readings of the clock: for each spin, the start, one that is a nanosecond too
+// early, and one that is late enough. The holder releases the lock at the third yield.
 [[gnu::noinline]] void wants_the_lock() {
   vorn_spinlock_s lock = VORN_SPINLOCK_INIT;
   vorn_spinlock_lock(&lock);
@@ -67,12 +66,12 @@ TEST(Spinlock, YieldsOnceMoreThan99999NanosecondsHavePassedAndDumpsTheStackWhenT
   ASSERT_EQ(records.size(), 3u);
   for (const auto &record : records) {
     EXPECT_EQ(record.level, capture::kOriginal);
-    // Who wants the lock comes first, its caller second.
+    // The function that wants the lock comes first, its caller second.
     EXPECT_LT(record.text.find("wants_the_lock"), record.text.find(" << ")) << record.text;
   }
 }
 
-// The time base reads 0 until it has been started, which nothing here does.
+// The time base reads 0: nothing in this test starts it.
 TEST(Spinlock, YieldsWithoutATimeBase) {
   vorn_spinlock_s lock = {1, 0, 0, 0};
   g_clock = [] { return 0; };
@@ -89,12 +88,12 @@ TEST(Spinlock, Stress) {
   EXPECT_EQ(lock.lock, 0u);
 }
 
-// What the calls below return to, from the innermost out, as the compiler tells.
+// The return addresses of the calls below, from the innermost outwards, as the compiler gives them.
 uintptr_t g_returns[3];
 
 uintptr_t number(const volatile void *address) { return reinterpret_cast<uintptr_t>(address); }
 
-// What inner() is to have in the place of its caller's frame pointer; NULL leaves it.
+// Replaces the caller's frame pointer in inner(); NULL does not.
 using Damage = uintptr_t (*)(uintptr_t frame);
 
 [[gnu::noinline]] void inner(unsigned int skip, Damage damage) {
@@ -109,7 +108,7 @@ using Damage = uintptr_t (*)(uintptr_t frame);
 [[gnu::noinline]] void middle(unsigned int skip, Damage damage) {
   g_returns[1] = number(__builtin_return_address(0));
   inner(skip, damage);
-  capture::set_level(7); // the last call would become a jump
+  capture::set_level(7); // the last call would be a jump otherwise
 }
 
 [[gnu::noinline]] void outer(unsigned int skip, Damage damage) {
@@ -152,11 +151,10 @@ TEST_F(DumpStack, SkipCountsCallsFromItsOwnCaller) {
   EXPECT_EQ(the_record(), stack_text(place(0), 0, 0));
 }
 
-constexpr uintptr_t kFarUp = 12288; // more than a stack that nobody knows is taken to hold
+constexpr uintptr_t kFarUp = 12288; // more than the assumed size of an unknown stack
 volatile uintptr_t *g_on_stack;
 
-// With a frame so far up its own, which is on the stack even where a sanitizer keeps the locals of
-// others elsewhere.
+// Has a frame that far up, on the stack even if a sanitizer keeps other locals elsewhere.
 [[gnu::noinline, gnu::no_sanitize_address]] std::string dump_with_frame_far_up() {
   volatile uintptr_t words[2048] = {};
   g_on_stack = words + kFarUp / sizeof(uintptr_t);
@@ -169,7 +167,7 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
   static uintptr_t planted[2] = {0, 0x1234}; // a frame, but not of the stack
   const Damage outside[] = {
       [](uintptr_t) { return uintptr_t{0}; },
-      [](uintptr_t frame) { return frame; }, // a circle
+      [](uintptr_t frame) { return frame; }, // a cycle
       [](uintptr_t frame) { return frame + kFarUp; },
       [](uintptr_t frame) { return frame + 2 * sizeof frame + 1; }, // not aligned
       [](uintptr_t) { return number(planted); },
@@ -179,7 +177,7 @@ TEST_F(DumpStack, FollowsNoFrameOutsideTheStack) {
     outer(1, damage);
     EXPECT_EQ(the_record(), stack_text(place(g_returns[0]), 0, 0)) << &damage - outside;
   }
-  // The registry knows how far the stack of a thread of its own goes.
+  // The registry knows the stack of a thread that it has started.
   ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
   EXPECT_EQ(dump_with_frame_far_up(), stack_text(place(g_returns[0]), 0x1234, 0));
 }

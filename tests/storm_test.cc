@@ -2,9 +2,8 @@
 // test-without: log_capture
 // test-links: evlog
 
-// Every family of the library, used by threads that are cancelled at random moments, and in
-// children that are forked at random moments. Nothing may be left behind: no lock, no descriptor,
-// no thread record, no waiter.
+// Uses every family of the library in threads that are cancelled at random moments, and in children
+// that are forked at random moments. No lock, descriptor, thread record or waiter may be left.
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>
@@ -26,7 +25,7 @@
 
 namespace {
 
-// The server's port here, which the system has chosen.
+// The server's port, which the system has chosen.
 std::atomic<in_port_t> port{0};
 
 template <class Call> int at_own_port(const sockaddr *address, Call call) {
@@ -143,7 +142,7 @@ bool thread_record() {
   vorn_thread_s *found = vorn_thrd_getthreadinfobytid(gettid());
   if (found != nullptr) vorn_thrd_putthreadinfo(found);
   vorn_thrd_list(ignore);
-  return found != nullptr; // the record goes with its thread
+  return found != nullptr; // the record ends with its thread
 }
 
 bool commands() {
@@ -169,7 +168,7 @@ struct Family {
   const char *name;
   bool (*use)();
   int cancellations; // rounds of the storm
-  int every;         // of so many children one uses it
+  int every;         // one of this many children uses it
   bool allocates = true;
   bool closes = true; // descriptors
 };
@@ -198,7 +197,7 @@ constexpr Family kFamilies[] = {
 class Storm : public testing::Test {
 protected:
   void SetUp() override {
-    alarm(280); // what hangs is to be named by the last line shown
+    alarm(280); // the last line shown names the family that hangs
     ini = directory_ / "storm.ini";
     copy = directory_ / "copy.ini";
     // which thread samples the CPUs is not this process's alone to decide
@@ -231,7 +230,7 @@ int threads_with_record() {
   return static_cast<int>(std::count(list.begin(), list.end(), '\n'));
 }
 
-// A thread that has been started a moment ago may have none yet.
+// A thread that has just started may have none yet.
 int settled_threads_with_record() {
   int count = threads_with_record();
   for (int before = -1; before != count;) {
@@ -259,7 +258,7 @@ TEST_P(StormOf, CancellationsLeaveNothingBehind) {
   std::thread rival([&] {
     while (!done) {
       family.use();
-      usleep(50); // a lock is not given to the thread that has waited longest
+      usleep(50); // the lock is not fair
     }
   });
   for (int i = 0; i < family.cancellations; ++i) {
@@ -296,7 +295,8 @@ TEST_F(Storm, ChildrenForkedUnderLoadUseEveryFamily) {
       }
     });
   }
-  if (!kMayForkBesideAllocation) { // as a thread's start is, and its first use of a family
+  if (!kMayForkBesideAllocation) { // a thread's start allocates, and so does its first use of a
+                                   // family
     while (rounds < 300)
       usleep(1000);
     settled_threads_with_record();

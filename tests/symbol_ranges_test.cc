@@ -13,7 +13,7 @@ using namespace vorn::symbol;
 
 namespace {
 
-// Two segments of code, one behind the other.
+// Two adjacent segments of code.
 constexpr std::uintptr_t kLimit = 64;
 constexpr std::uintptr_t limit_of(std::uintptr_t start) { return start < 32 ? 32 : kLimit; }
 
@@ -22,8 +22,8 @@ bool contains(const Function &function, std::uintptr_t address) {
          address < function.limit;
 }
 
-// Whether a function of unknown size reaches the address: none starts in between, nor does a known
-// one lie over its start.
+// Returns whether a function of unknown size reaches the address: no function starts in between,
+// and no function of known size contains its start.
 bool reaches(const std::vector<Function> &all, const Function &function, std::uintptr_t address) {
   return function.size == 0 && function.start <= address && address < function.limit &&
          std::ranges::none_of(all, [&](const Function &other) {
@@ -32,7 +32,7 @@ bool reaches(const std::vector<Function> &all, const Function &function, std::ui
          });
 }
 
-// The owner of an address by looking at every function: the greatest of those; "" for none.
+// Finds the owner of an address by comparing all functions; "" for none.
 std::string naive_owner(const std::vector<Function> &all, std::uintptr_t address) {
   std::tuple<bool, std::uintptr_t, int, std::uintptr_t, std::string> owner;
   for (const Function &f : all) {

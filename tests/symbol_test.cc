@@ -26,7 +26,7 @@
 using namespace vorn::symbol;
 using namespace std::string_literals;
 
-// The loader's lock, under which the objects are walked, is not known to the thread sanitizer.
+// The thread sanitizer does not know the loader's lock, which is held during a walk of the objects.
 extern "C" const char *__tsan_default_suppressions() { return "race:vorn::symbol::Image::take\n"; }
 
 namespace {
@@ -77,7 +77,7 @@ namespace {
 
 const auto probe = reinterpret_cast<std::uintptr_t>(symbol_probe);
 
-// "name+0xoffset", or "" when nothing is known.
+// Returns "name+0xoffset", or "" if the address is unknown.
 std::string text_at(std::uintptr_t address) {
   char text[4096];
   return vorn_symbol_addr_to_string(address, text, sizeof text) == 0 ? text : "";
@@ -101,7 +101,7 @@ private:
   std::unique_ptr<void, int (*)(void *)> handle_;
 };
 
-// Every case ends without a table, and then without memory.
+// Every case ends without a table, and without memory in use.
 class SymbolTable : public testing::Test {
 protected:
   ~SymbolTable() override {
@@ -224,7 +224,7 @@ class ChangedFile : public SymbolTable {
 protected:
   ChangedFile() { replace(content_); }
 
-  // Loaded objects stay as they are: a file is never written to, another takes its place.
+  // Does not write to the file of a loaded object, but replaces the file.
   void replace(const std::string &content) {
     scratch::write_file(path_ + ".new", content);
     std::filesystem::rename(path_ + ".new", path_);
@@ -236,7 +236,7 @@ protected:
     return content;
   }
 
-  // As if this function were at an address that has nothing to do with where the object lies.
+  // Gives this function an address that is unrelated to the object's.
   std::string with_absolute(std::string_view name) const {
     std::string content = content_;
     const auto *file = reinterpret_cast<const Elf64_Ehdr *>(content.data());
@@ -265,7 +265,7 @@ TEST_F(ChangedFile, IsLeftOutUnlessItIsTheLoadedOne) {
       {content_, "fixture_sized+0x0"},
       {with_absolute("fixture_sized"), "fixture_weak_alias+0x0"},
       {flipped(content_.find("\3\0\0\0GNU\0"s) + 8), ""}, // the build id
-      {flipped(0), ""},                                   // no ELF file
+      {flipped(0), ""},                                   // not an ELF file
       {"", ""},
   };
   for (const auto &row : rows) {
@@ -274,7 +274,7 @@ TEST_F(ChangedFile, IsLeftOutUnlessItIsTheLoadedOne) {
     const Library library(path_);
     replace(row.now);
     if (row.now.empty()) std::filesystem::remove(path_);
-    vorn_symbol_fini(); // the last row's object may have lain there too
+    vorn_symbol_fini(); // the object of the last row may have had the same address
     capture::take();
     ASSERT_EQ(vorn_symbol_init(), 0);
     EXPECT_EQ(text_at(library["fixture_sized"]), row.text);
@@ -288,7 +288,7 @@ TEST_F(ChangedFile, IsLeftOutUnlessItIsTheLoadedOne) {
   }
 }
 
-// Damage where a reader trusts most: the section headers and the symbols behind the code.
+// Damages the section headers and the symbols after the code.
 TEST_F(ChangedFile, DoesNoHarmWhenDamaged) {
   const Library library(path_);
   const std::uintptr_t code = library["fixture_sized"];
@@ -319,7 +319,7 @@ namespace {
 std::atomic<int> wrong{0};
 std::atomic<int> answered_in_handler{0};
 
-// Both lookups know the probe or nothing.
+// Both lookups find the probe or nothing.
 void ask() {
   const Reader reader;
   Symbol symbol{"symbol_probe", 0, "/"};
@@ -340,8 +340,8 @@ void change_table() {
 
 } // namespace
 
-// In threads, first without a handler that interrupts a change: a changing thread that looks up as
-// well hides from the sanitizer what the readers' count does not order.
+// In threads, first without a signal handler that interrupts a change: a changing thread that also
+// makes lookups hides from the sanitizer what the count of readers does not order.
 TEST_F(SymbolTable, LookupsWhileTheTableChanges) {
   signal(SIGUSR1, [](int) {
     ask();
@@ -355,7 +355,7 @@ TEST_F(SymbolTable, LookupsWhileTheTableChanges) {
         while (!done) {
           ask();
           if (handled != 0) pthread_kill(changer, SIGUSR1);
-          std::this_thread::sleep_for(std::chrono::microseconds(200)); // lets old tables go
+          std::this_thread::sleep_for(std::chrono::microseconds(200)); // lets old tables be freed
         }
       });
     }

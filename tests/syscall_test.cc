@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 
-// No kernel module here: a request fails, and nothing else happens.
+// Without a kernel module, a request fails and has no other effect.
 TEST(Door, FailsWithEnosysWithoutTheKernelModule) {
   errno = 0;
   EXPECT_EQ(vorn_private_syscall(VORN_SYSCALL_COMMAND(VORN_SYSCALL_REBOOT), 0, 0, 0, 0), -1);

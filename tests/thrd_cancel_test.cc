@@ -1,5 +1,5 @@
 // test-objects: the table of threads is not exported
-// Cancellation: of threads that wait in the library, and of those that end by it.
+// Tests the cancellation of threads that wait in the library, and the end of cancelled threads.
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ namespace {
 constexpr int kRounds = 150;
 
 struct Family {
-  std::function<int()> wait; // not 0: a signal ended it, which is tried again
+  std::function<int()> wait; // not 0 if a signal ended it; it is repeated then
   std::function<void()> release;
   std::function<void()> prepare = [] {}; // before the thread starts
 };
@@ -34,7 +34,7 @@ void *wait_and_end(void *family) {
   return nullptr;
 }
 
-// Whenever the cancellation comes, the wait goes on, and the next round finds everything in order.
+// The wait goes on after a cancellation at any moment, and the next round succeeds.
 TEST(Cancellation, ActsAfterTheWait) {
   vorn_sem_enhance_s sem;
   vorn_sem_enhance_init(&sem, 0);
@@ -87,7 +87,7 @@ TEST(Cancellation, ActsAfterTheWait) {
   EXPECT_TRUE(vorn_list_is_empty(&sem.wait_list) && vorn_list_is_empty(&queue.queue));
 }
 
-// Of the lines, not of the title.
+// Without the title line.
 int test_cancellation(const char *format, ...) {
   if (format[1] == '5') pthread_testcancel();
   return 0;
@@ -96,8 +96,8 @@ int test_cancellation(const char *format, ...) {
 std::atomic<long> latest;
 pthread_key_t adopting_key;
 
-// More threads than there are slots, however they end, while others look them up and list them.
-// What is found is what was asked for, and in the end every slot is free.
+// Starts more threads than there are slots, which end in all ways, while others look them up and
+// list them. A lookup finds the right thread, and every slot is free at the end.
 TEST(Cancellation, ThreadThatEndsGivesItsRecordBack) {
   static const vorn_thrd_entry_f ends[] = {
       [](void *of) { return of; },
@@ -107,7 +107,7 @@ TEST(Cancellation, ThreadThatEndsGivesItsRecordBack) {
         pthread_exit(nullptr);
       },
       [](void *) -> void * { pthread_exit(nullptr); },
-      // Its destructor adopts the thread again after the library has looked at its end.
+      // Its destructor adopts the thread again after the library has handled the thread's end.
       [](void *of) { return pthread_setspecific(adopting_key, &latest), of; },
       [](void *of) { return vorn_thrd_clearcurthreadinfo(), vorn_thrd_setcurthreadinfo(), of; },
   };

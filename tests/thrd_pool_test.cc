@@ -23,8 +23,8 @@
 
 namespace {
 
-// Until there are so many threads, and all wait for a job: the last ones of a pool are started
-// after the call that creates it, and leave after the one that ends it.
+// Waits until there are this many threads and all wait for a job: the last threads of a pool start
+// after the call that creates it, and leave after the call that ends it.
 void wait_for_idle(int count) {
   const auto in = [](std::uint32_t states) {
     return std::ranges::count_if(vorn::thread::slots(), [=](const vorn::thread::Slot &slot) {
@@ -35,7 +35,7 @@ void wait_for_idle(int count) {
     usleep(1000);
 }
 
-// Jobs that stay until they are let go, and tell who ran them.
+// Jobs that stay until they are released, and record the threads that ran them.
 struct Jobs {
   explicit Jobs(int count) : begun(count) {}
 
@@ -175,7 +175,7 @@ TEST(Pool, FailedStartsLeaveNothingBehindAndAChildBeginsWithoutAPool) {
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__) // a child returns from its job
   const vorn_thrd_entry_f fork_and_return = [](void *code) {
     const pid_t child = fork();
-    // The last thread of the child ends.
+    // The last thread of the child ends the child.
     if (child == 0 && vorn_thrd_currentthreadinfo()->slot->state == vorn::thread::kRunning)
       return static_cast<void *>(nullptr);
     if (child == 0) _exit(1);
@@ -197,7 +197,7 @@ TEST(Pool, FailedStartsLeaveNothingBehindAndAChildBeginsWithoutAPool) {
 #endif
 }
 
-// One thread that is idle and cancelled is given a job, and then what happens to the replacement.
+// Gives a job to a cancelled idle thread, and looks at the replacement.
 TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
   vorn_set_instant_map_flag();
   vorn_thread_pool_create(1);
@@ -240,8 +240,8 @@ TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
   EXPECT_NE(vorn::thread::slots()[0].record.load()->cpuset[0], 0u) << "bound to all CPUs";
 }
 
-// Each job that was taken runs once, however those before it ended, also if it was given while the
-// pool is being ended; and the pool keeps its size.
+// Each accepted job runs once, however earlier jobs ended, even if it was given during the end of
+// the pool; and the pool keeps its size.
 TEST(Pool, EveryJobTakenRunsOnce) {
   constexpr int kDispatchers = 3;
   struct Given {

@@ -15,7 +15,7 @@
 #include "vorn_cpu.h"
 #include "vorn_jiffies.h"
 
-// What the system was asked for; nothing is done, so that it takes no rights and no CPUs.
+// The requests to the system. They are not carried out, so the test needs no rights and no CPUs.
 static std::vector<int> prios;
 static std::vector<std::string> bindings; // the first four bytes of each
 static int prio_error = 0;
@@ -54,7 +54,7 @@ using Bindings = std::vector<std::string>;
 struct Strategy : testing::Test {
   void SetUp() override {
     ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
-    vorn_get_jiffies();  // the rate limiter's clock opens at its first use, and reports that
+    vorn_get_jiffies();  // the first use of the rate limiter's clock logs a message
     vorn_cpum_init("/"); // no partitions
     capture::take();
   }

@@ -36,7 +36,7 @@ void *__wrap_malloc(std::size_t size) {
   return nullptr;
 }
 
-// The kernel module knows thread 42 alone.
+// The kernel module knows only thread 42.
 long __wrap_vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long,
                                  unsigned long, unsigned long) {
   if (command != VORN_SYSCALL_COMMAND(0x701)) return -1;
@@ -49,7 +49,7 @@ namespace {
 
 std::string listing() { return shown::by(vorn_thrd_list); }
 
-// A thread of the library that runs body, and then waits until it may end.
+// A thread of the library that runs body and then waits for its release.
 class Thread {
 public:
   explicit Thread(std::function<void()> body) : body_(std::move(body)) {
@@ -66,7 +66,7 @@ public:
     may_end_.count_down();
     while (left == before)
       usleep(100);
-    // Detached as it is, its end shows in its slot.
+    // It is detached: its end shows in its slot.
     while (slot != nullptr && (slot->state & vorn::thread::kAlive) != 0)
       usleep(100);
   }
@@ -87,7 +87,7 @@ private:
     return nullptr;
   }
 
-  static inline std::atomic<int> left; // threads that look at their objects no more
+  static inline std::atomic<int> left; // the threads that no longer read their objects
   std::function<void()> body_;
   std::latch ready_{1};
   std::latch may_end_{1};
@@ -119,7 +119,8 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   vorn_thread_s *found = vorn_thrd_getthreadinfobytid(thread.tid);
   ASSERT_EQ(found, thread.record);
   thread.end();
-  // Held, the record stays that thread's, though it is found no more; then the next one gets it.
+  // While it is held, the record stays that thread's, but a lookup does not find it; then the next
+  // thread gets it.
   EXPECT_EQ(vorn_thrd_getthreadinfobytid(thread.tid), nullptr);
   EXPECT_EQ(listing().find(line), std::string::npos);
   in_thread([&] { EXPECT_NE(vorn_thrd_currentthreadinfo(), found); });
@@ -158,7 +159,7 @@ TEST(Registry, FailedStartsLeaveNothingBehind) {
   EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "create_thread_raw_base",
                     "Create thread failed, error 11.");
   create_error = 0;
-  // The record is there; another one needs memory, for its stack and for itself.
+  // The first record exists; another thread needs memory for its record and its stack.
   vorn_thread_s *cached = vorn::thread::take_record(nullptr, nullptr);
   EXPECT_EQ(cached->slot, &vorn::thread::slots()[0]);
   for (const std::size_t size : {std::size_t{60000}, sizeof(vorn_thread_s)}) {

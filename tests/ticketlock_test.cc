@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint64_t kNobody = UINT64_MAX;
 
-// Reports are made in the name of the caller, and the operation goes on.
+// A report names the caller, and the operation goes on.
 TEST(Ticketlock, ReportsMisuseAndGoesOn) {
   const auto self = static_cast<uint64_t>(gettid());
   const auto lock = [](uint32_t serving, uint32_t next, uint64_t owner) {
@@ -43,7 +43,7 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
       {destroy, start, {0, 0, VORN_TSPINLOCK_DESTROYED, UINT32_MAX, kNobody}, ""},
       {destroy, zero, {0, 0, VORN_TSPINLOCK_DESTROYED, 0, 0}, was_zero},
       {acquire, zero, {0, 1, 0, 0, self}, was_zero},
-      // The owner is all that tells.
+      // Only the owner tells.
       {acquire, lock(4, 4, self), lock(4, 5, self),
        report("AA lock in caller", "0x400000004", self)},
       {tries, lock(4, 5, self), lock(4, 5, self), report("AA lock in caller", "0x500000004", self)},
@@ -66,7 +66,7 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
   }
 }
 
-// The last number before the wrap is the holder's, those who wait have wrapped ones.
+// The holder has the last number before the wrap; the waiting threads have wrapped numbers.
 TEST(Ticketlock, ServesInTheOrderOfArrival) {
   constexpr uint32_t kThreads = 4;
   vorn_tspinlock_s lock = VORN_TSPINLOCK_INIT;
@@ -92,7 +92,7 @@ TEST(Ticketlock, ServesInTheOrderOfArrival) {
   EXPECT_NO_RECORD();
 }
 
-// No more threads than wait well on two CPUs. The numbers wrap on the way.
+// Few threads, since two CPUs run them. The numbers wrap during the test.
 TEST(Ticketlock, Stress) {
   vorn_tspinlock_s lock = VORN_TSPINLOCK_INIT;
   lock.serving = lock.next = UINT32_MAX - 5000;

@@ -14,7 +14,7 @@
 #include "time/vorn_time.hpp"
 #include "vorn_cmd.h"
 
-// Stands in front of the library's: commands with their whitelists, and how many of them run.
+// Replaces the library's: records commands with their white lists, and limits how many run.
 static std::vector<std::string> commands;
 static std::size_t runnable = 2;
 
@@ -53,7 +53,7 @@ TEST(Time, RunsAtTheRateOfTheMonotonicClock) {
   EXPECT_NEAR(elapsed / clock_elapsed, 1.0, 0.1); // wide: the machine may stop between two readings
 }
 
-// The shell finds a cat that prints this instead of the processor's description.
+// The shell runs a cat that prints this instead of the processor's description.
 class CpuInfo {
 public:
   explicit CpuInfo(const std::string &text) {

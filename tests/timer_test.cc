@@ -1,6 +1,6 @@
 // test-wraps: vorn_time_getmillisec vorn_time_getnanosec pthread_cond_init pthread_create
-// The wheel against a naive model, its timers on a clock that the test may stop and move, and what
-// both kinds of timers have in common.
+// Tests the wheel against a naive model, its timers by a clock that the test may stop and move, and
+// what both kinds of timers have in common.
 #include "vorn_timer.h"
 
 #include <algorithm>
@@ -11,8 +11,8 @@
 #include "vorn_hr_timer.h"
 #include "vorn_jiffies.h"
 
-static std::atomic<uint64_t> g_stopped_at{0}; // milliseconds; 0: the clock goes
-static std::atomic<uint64_t> g_step{0};       // nanoseconds by which a reading moves a stopped one
+static std::atomic<uint64_t> g_stopped_at{0}; // milliseconds; 0 if the clock runs
+static std::atomic<uint64_t> g_step{0};       // nanoseconds that a reading adds to a stopped clock
 static std::atomic<uint64_t> g_steps{0};
 
 extern "C" {
@@ -37,7 +37,7 @@ constexpr uint64_t kDay = 86400000;
 constexpr uint64_t kSteps[] = {1,         1000,      60000,     3600000,
                                216000000, 60 * kDay, 61 * kDay, 130 * kDay};
 
-// A delay or a jump at one of the borders, or between.
+// A delay or a jump at one of the borders or between them.
 uint64_t some_time(std::mt19937_64 &random) {
   const uint64_t step = kSteps[random() % std::size(kSteps)];
   return random() % 2 == 0 ? step - 1 + random() % 3 : 1 + random() % (step * 60);
@@ -75,7 +75,7 @@ TEST(Wheel, RunsEachTimerWhenANaiveModelDoes) {
         vorn_timer_s *due = wheel->take_due();
         ASSERT_NE(due, nullptr);
         ASSERT_LE(due->expirTime, now);
-        ASSERT_GE(due->expirTime + 1, last); // one that was late already is placed last
+        ASSERT_GE(due->expirTime + 1, last); // a timer that is already late comes last
         ASSERT_EQ(due->list.next, nullptr);
         last = due->expirTime;
         drop(*due);
@@ -84,7 +84,7 @@ TEST(Wheel, RunsEachTimerWhenANaiveModelDoes) {
       ASSERT_GT(wheel->next_event(), now);
       ASSERT_LE(wheel->next_event(), model.empty() ? UINT64_MAX : *model.begin());
       ASSERT_EQ(wheel->is_empty(), model.empty());
-      ASSERT_LT(steps, 1500 + static_cast<int>(now / (60 * kDay))); // it hops
+      ASSERT_LT(steps, 1500 + static_cast<int>(now / (60 * kDay))); // it skips empty slots
     }
     for (vorn_timer_s &timer : timers)
       timer = {};
@@ -155,7 +155,7 @@ TEST_F(WheelTimers, RefuseBadArguments) {
   EXPECT_EQ(vorn_timer_delete(&timer), 0);
   EXPECT_EQ(vorn_timer_delete(&timer), 0); // not pending any more
   EXPECT_EQ(timer.list.prev, VORN_LIST_POISON_PREV);
-  // The range of a time-out: modulo 2^61 / 125, which 2^61 + 1 times 125 is beyond.
+  // The range of a time-out, modulo 2^61 / 125; 2^61 + 1 times 125 exceeds it.
   for (const auto &[ms, counted] : {std::pair{(uint64_t{1} << 61) / 125, (uint64_t{1} << 61) / 125},
                                     {(uint64_t{1} << 61) / 125 + 1, uint64_t{0}},
                                     {(uint64_t{1} << 61) + 7, uint64_t{7}}}) {
@@ -205,8 +205,8 @@ TEST_F(WheelTimers, RunAtTheirMillisecondOverAnyJump) {
   }
 }
 
-// The thread sleeps 20 ms at a time, unless it is woken for an earlier timer, and never beyond the
-// time that it looks at, however late it is between two readings. A busy machine gets four tries.
+// The thread sleeps at most 20 ms at a time, less if an earlier timer wakes it, and never beyond an
+// expiry, however late it is between two readings. A busy machine gets four tries.
 TEST_F(WheelTimers, WakeTheirThreadInTime) {
   for (const uint64_t step : {0, 600000}) {
     if (step != 0) stop_clock();
@@ -265,7 +265,7 @@ TEST_F(WheelTimers, FunctionsMayFreeMoveAndArmAnyTimer) {
     vorn_timer_delete(itself.get());
     itself->funcName = "freed";
     itself.reset();
-    g_stopped_at += 301; // so that the report of a slow one looks for it
+    g_stopped_at += 301; // so that the report of a slow function looks for it
   };
   for (Timer *timer : {&first, freed.get(), &moved, itself.get(), &again})
     ASSERT_EQ(vorn_timer_add(timer), 0);
@@ -325,8 +325,8 @@ INSTANTIATE_TEST_SUITE_P(All, AnyTimers,
                                          Kind{"Hr", vorn_timer_add_ns, 1000000, false}),
                          [](const auto &kind) { return kind.param.name; });
 
-// 10000 timers that four threads fight for; then each has a share, of which, where they wait, every
-// third timer is deleted and every second one modified.
+// Four threads arm 10000 timers at the same time. Then each has a share; of timers that wait, it
+// deletes every third one and modifies every second one.
 TEST_P(AnyTimers, RunOnceAndNeverEarlyInAStorm) {
   constexpr int kThreads = 4;
   Timers timers;
@@ -378,7 +378,7 @@ TEST_P(AnyTimers, DeleteSyncWaitsForTheCallAlone) {
   Timer timer;
   timer.run = [&] {
     inside = true;
-    vorn_timer_modify(&timer, 1); // again and again, with no time between
+    vorn_timer_modify(&timer, 1); // again and again, without a pause
     std::this_thread::sleep_for(milliseconds{3});
     vorn_timer_modify(&timer, 1);
     inside = false;
@@ -412,7 +412,7 @@ TEST_P(AnyTimers, FunctionsMayFreeTheirTimerAndEndTheirThread) {
   EXPECT_TRUE(soon([&] { return next.fired == 1; })); // in another thread
 }
 
-// While a function runs, and others wait for its end.
+// Forks while a function runs and other timers wait for its end.
 TEST_P(AnyTimers, OfTheParentAreNotPendingInAChild) {
   if (!kMayStartThreadsInChild) GTEST_SKIP() << "the thread sanitizer would end the child";
   std::atomic<int> step{0};

@@ -47,16 +47,16 @@ TEST(Trwlock, TrylocksYieldToWhoIsInOrWaits) {
   }
 }
 
-// Lets threads ask for the held lock one after the other, releases it, and tells who had it: the
-// writers in their order, and between them how many readers.
+// Lets threads request the held lock one after the other, releases it, and returns in which order
+// they had it: the writers, and the number of readers between them.
 template <class Release>
 std::string served(Lock &lock, const std::string &arrivals, Release release) {
   std::string entered;
   int readers = 0; // since the last writer
   std::vector<std::thread> threads;
-  for (const char who : arrivals) {
+  for (const char arrival : arrivals) {
     const uint32_t before = __atomic_load_n(&lock.requests, __ATOMIC_RELAXED);
-    if (who == 'W') {
+    if (arrival == 'W') {
       threads.emplace_back([&] {
         vorn_trwlock_write_lock(&lock);
         if (readers != 0) entered += std::to_string(readers);
@@ -88,7 +88,7 @@ TEST(Trwlock, ServesWritersAndTheReadersBetweenThemInTheOrderOfArrival) {
   EXPECT_EQ(served(lock, "WRW", [&] { vorn_trwlock_read_unlock(&lock); }), "W1W");
 }
 
-// No more threads than wait well on two CPUs. The counters wrap on the way, each at its own time.
+// Few threads, since two CPUs run them. Each counter wraps during the test, at another time.
 TEST(Trwlock, Stress) {
   Lock lock{kMax - 9000, kMax - 3000, kMax - 9000, kMax - 3000};
   const auto write_unlock = [&] { vorn_trwlock_write_unlock(&lock); };

@@ -1,5 +1,5 @@
 // test-wraps: sigaction clock_gettime tgkill nanosleep vorn_private_syscall
-// Waits, wake-ups and wait queues, behind a kernel module of the test's own or none.
+// Tests waits, wake-ups and wait queues, with a kernel module of the test or without one.
 #include "vorn_wait.h"
 
 #include <atomic>
@@ -26,11 +26,11 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 std::atomic<int> g_requests{0};
-std::function<long(unsigned long *left)> g_module; // none: there is no kernel module
+std::function<long(unsigned long *left)> g_module; // empty if there is no kernel module
 bool g_refuse_handlers = false;
-std::function<void(timespec *now)> g_clock; // none: the system's
-std::function<void()> g_signal;             // what to look at ahead of a signal
-std::function<void()> g_back_off;           // none: the system's nanosleep
+std::function<void(timespec *now)> g_clock; // empty for the system's
+std::function<void()> g_signal;             // called before a signal is sent
+std::function<void()> g_back_off;           // empty for the system's nanosleep
 
 uint32_t tid() { return static_cast<uint32_t>(gettid()); }
 
@@ -100,7 +100,7 @@ TEST(Wait, ModuleAnswersWithWhatItLeft) {
       errno = EINTR;
       return row.result;
     };
-    uint32_t word = 0; // which the module looks at, not we
+    uint32_t word = 0; // only the module reads it
     EXPECT_EQ(vorn_wait_comm(&word, 250), row.returned);
     EXPECT_EQ(vorn_wait_interruptible(&word), row.returned == 0 ? 0 : -1);
   }
@@ -124,10 +124,10 @@ TEST(Wait, WithoutModuleTheWordEndsItOrTheTime) {
   EXPECT_EQ(vorn_wait_comm(&word, 4), 0u);
   g_clock = nullptr;
   EXPECT_GE(Clock::now() - start, milliseconds{16});
-  EXPECT_EQ(g_requests, 1); // its absence is remembered
+  EXPECT_EQ(g_requests, 1); // the library remembers its absence
 }
 
-// The word is tested, then the clock is read: what wakes there comes between test and sleep.
+// The word is tested, then the clock is read: a wake-up there comes between test and sleep.
 TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
   struct Row {
     int64_t timeout;
@@ -149,7 +149,7 @@ TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
   }
 }
 
-// With a handler that restarts, and for ever; the thread blocked every signal before it waited.
+// With a handler that restarts, and without a limit; the thread has blocked every signal before.
 TEST(Wait, SignalsEndTheSleep) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
@@ -167,7 +167,7 @@ TEST(Wait, SignalsEndTheSleep) {
       uint32_t word = 1;
       left = vorn_wait_comm(&word, VORN_WAIT_FOREVER);
     }};
-    while (left == 0) { // one may come ahead of the sleep
+    while (left == 0) { // one may come before the sleep
       std::this_thread::sleep_for(milliseconds{1});
       if (waiter != 0 && wake_up) vorn_wake_up_process(waiter);
       if (waiter != 0 && !wake_up) pthread_kill(thread.native_handle(), SIGUSR1);
@@ -219,7 +219,7 @@ TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
   finish_wait(&head, &entries[1]);
   EXPECT_EQ(entries[1].flag, 0u);
   EXPECT_EQ(queued(), (std::vector{&entries[2], &entries[0]}));
-  g_signal = [&] { // the one who is sent it finds its flag written, and is not let go yet
+  g_signal = [&] { // the signalled thread finds its flag written, and is not released yet
     EXPECT_EQ(queued().front()->flag, 0u);
     EXPECT_EQ(head.lock.lock, 1u);
   };
@@ -232,10 +232,10 @@ TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
     EXPECT_EQ(sched_wait(&entry), -1);
     EXPECT_EQ(sched_wait_timeout(&entry, 3), 3u);
   }
-  vorn_spinlock_lock(&head.lock); // which finish_wait does not need for who was woken
+  vorn_spinlock_lock(&head.lock); // finish_wait of a woken thread does not need it
   entries[0].flag = 1;
   finish_wait(&head, &entries[0]);
-  EXPECT_EQ(entries[0].flag, 1u); // nor looks at it
+  EXPECT_EQ(entries[0].flag, 1u); // and does not read it
 }
 
 TEST_F(Queue, LeavesOnlyUnderTheLock) {
@@ -251,12 +251,12 @@ TEST_F(Queue, LeavesOnlyUnderTheLock) {
   EXPECT_TRUE(queued().empty());
 }
 
-// Turns that a waker opens one by one, each to all waiters, who leave their stack frames behind
-// between them. A wake-up that is lost leaves a waiter asleep, and the test without an end.
+// A waker opens turns one by one, each for all waiting threads, which leave their stack frames
+// between turns. After a lost wake-up, a thread would sleep forever.
 TEST_F(Queue, Stress) {
   constexpr int kWaiters = 3;
   const auto end = Clock::now() + milliseconds{600};
-  std::atomic<int> turns{3000}; // that are taken: is lowered only to one that has not begun
+  std::atomic<int> turns{3000}; // the number of turns; lowered only to one that has not begun
   std::atomic<int> turn{0};
   std::atomic<int> taken{0};
   std::vector<std::jthread> waiters;
@@ -265,7 +265,7 @@ TEST_F(Queue, Stress) {
       for (int seen = 0; seen < turns; ++seen) {
         vorn_wait_entry_s entry;
         vorn_wait_entry_init(&entry, tid());
-        while (turn <= seen) { // who was woken leaves without a look at the lock
+        while (turn <= seen) { // a woken thread leaves without the lock
           prepare_to_wait(&head, &entry);
           if (turn > seen) break;
           sched_wait_timeout(&entry, VORN_WAIT_FOREVER);

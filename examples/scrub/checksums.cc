@@ -1,3 +1,4 @@
+// Computes the checksums of a block.
 #include "checksums.hpp"
 
 #include "vorn_crc.h"

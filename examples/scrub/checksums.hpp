@@ -20,15 +20,15 @@ using Bytes = std::span<const std::byte>;
 struct Checksums {
   std::uint32_t crc = 0;
   std::size_t sectors = 0;
-  std::array<std::uint16_t, kSectorsPerBlock> guards{}; // 0 from sectors on
+  std::array<std::uint16_t, kSectorsPerBlock> guards{}; // 0 beyond the sectors
 
   bool operator==(const Checksums &) const = default;
 };
 
-// block has at most kBlockSize bytes. Its last sector may be a short one.
+// block has at most kBlockSize bytes. Its last sector may be short.
 Checksums checksums_of(Bytes block);
 
-// A file of size bytes has so many blocks, the last one may be a short one.
+// Returns the number of blocks of a file of size bytes. The last block may be short.
 constexpr std::uint64_t block_count(std::uint64_t size) {
   return size / kBlockSize + (size % kBlockSize != 0);
 }

@@ -1,3 +1,4 @@
+// Compares what was read with the manifest, and delays the verdict on a wrong block.
 #include "comparison.hpp"
 
 #include <utility>
@@ -8,8 +9,7 @@
 namespace scrub {
 namespace {
 
-// So many blocks wait for their second read at most, so that memory is bounded where all is
-// damaged.
+// The most blocks that wait for their second read: this bounds the memory if every block is wrong.
 constexpr std::size_t kMostWaiting = 16384;
 
 } // namespace
@@ -36,7 +36,7 @@ void Comparison::compare(std::span<const Checksums> expected, const Blocks &foun
 }
 
 void Comparison::end(const Ending &found) {
-  // What has not been read of it never will be.
+  // The rest of the file is not read any more.
   report_.progress().drop_bytes(recorded_.size - (read_.bytes - before_.bytes));
   if (found.problem.empty()) {
     ++read_.files;
@@ -64,7 +64,7 @@ void Comparison::finish() {
     report_first();
 }
 
-// The second read counts for the rate limit, too.
+// The second read counts for the rate limit too.
 void Comparison::read_again(Vector<Suspect> suspects) {
   suspect_ = true;
   waiting_blocks_ += suspects.size();
@@ -81,7 +81,7 @@ void Comparison::report_ready() {
     report_first();
 }
 
-// Waits until it is ready.
+// Waits until the second read is done.
 void Comparison::report_first() {
   while (!waiting_.front().ready()) {
     check_interrupt();

@@ -1,5 +1,5 @@
-// Compares what was read with what is recorded and has the verdicts reported, in the caller's
-// thread. A file with wrong blocks waits for their second read; the run goes on meanwhile.
+// Compares what was read with the manifest and reports the verdicts, in the caller's thread. A file
+// with wrong blocks waits for their second read while the run goes on.
 #ifndef SCRUB_COMPARISON_HPP
 #define SCRUB_COMPARISON_HPP
 
@@ -16,11 +16,11 @@
 
 namespace scrub {
 
-// How a file that was read stood at its end.
+// The state of a file after it was read.
 struct Ending {
   std::uint64_t size = 0;
   timespec written{};
-  String problem{}; // why it was not read to its end as one thing, empty where it was
+  String problem{}; // why the read is no consistent copy; empty if it is
   bool changed = false;
 };
 
@@ -29,34 +29,34 @@ public:
   Comparison(const std::string &root, Pipeline &pipeline, Report &report)
       : root_(root), pipeline_(pipeline), report_(report) {}
 
-  // For a file that is read, in tasks: begin, the blocks, end.
+  // For a file that is read: begin, the blocks, end, each in a task.
   void begin(const FileRecord &recorded);
   void compare(std::span<const Checksums> expected, const Blocks &found);
   void end(const Ending &found);
 
-  // For what is not.
+  // For a file that is not read.
   void missing(const FileRecord &recorded);
   void unreadable(const FileRecord &recorded, const String &why);
   void added(const String &path) { report_.added(path); }
   void skipped(const String &path, const String &why) { report_.skipped(path, why.c_str()); }
 
-  // After the last task: waits for the second reads that are left.
+  // Called after the last task: waits for the second reads.
   void finish();
 
   const Totals &read() const { return read_; }
 
 private:
-  // What is to be reported in its turn: blocks once they have been read again, then the ending of
-  // their file.
+  // The verdicts in the order of their report: blocks that are read again, then the end of their
+  // file.
   struct Waiting {
     FileRecord file;
-    std::unique_ptr<SecondRead> second; // NULL: the ending
+    std::unique_ptr<SecondRead> second; // NULL: the end of the file
     Ending ending{};
 
     bool ready() const { return second == nullptr || second->done(); }
   };
 
-  // Blocks of a file that have been reported.
+  // The reported blocks of a file.
   struct Verdicts {
     std::uint64_t lasting = 0;
     std::uint64_t passing = 0;
@@ -73,7 +73,7 @@ private:
   Report &report_;
   Totals read_;
 
-  // Of the file that is being compared:
+  // The state of the file that is compared:
   FileRecord recorded_;
   Totals before_;
   std::uint64_t blocks_ = 0;
@@ -81,7 +81,7 @@ private:
 
   std::deque<Waiting> waiting_;
   std::size_t waiting_blocks_ = 0;
-  Verdicts verdicts_; // of the first file that waits
+  Verdicts verdicts_; // of the first file that waits for its second read
 };
 
 } // namespace scrub

@@ -1,3 +1,4 @@
+// Records the checksums of a tree in a manifest.
 #include "scrub.hpp"
 
 #include <cstdio>
@@ -18,7 +19,7 @@
 namespace scrub {
 namespace {
 
-// What there is to read, so that the progress knows its end.
+// The bytes to read, for the progress bar.
 std::uint64_t count_bytes(const std::string &root, const OwnFiles &own) {
   std::uint64_t bytes = 0;
   Walk walk(root, own);
@@ -32,7 +33,7 @@ std::uint64_t count_bytes(const std::string &root, const OwnFiles &own) {
   return bytes;
 }
 
-// Reads the tree in the reader's thread, and there makes the tasks that record what was read.
+// Reads the tree in the reader's thread, and adds the tasks that record what was read.
 class Recorder {
 public:
   Recorder(Pipeline &pipeline, ManifestWriter &manifest, Report &report)
@@ -88,9 +89,9 @@ private:
 } // namespace
 
 ExitStatus create(const Job &job) {
-  const OwnFiles own(job.places);
-  ManifestWriter manifest(job.places);
-  std::printf("Recording %s in %s\n", job.root.c_str(), job.places.manifest().c_str());
+  const OwnFiles own(job.paths);
+  ManifestWriter manifest(job.paths);
+  std::printf("Recording %s in %s\n", job.root.c_str(), job.paths.manifest().c_str());
   SCRUB_LOG(EVLOG_INFO, "create: %s.", escape(job.root).c_str());
 
   Report report(count_bytes(job.root, own));

@@ -1,3 +1,4 @@
+// Reads a regular file, and notices that it changed meanwhile.
 #include "data_file.hpp"
 
 #include <algorithm>
@@ -21,7 +22,7 @@ bool DataFile::open(int directory, const char *name) {
     error_ = errno;
     return false;
   }
-  // It was a regular file a moment ago.
+  // It may have been replaced since the walk saw a regular file.
   if (!S_ISREG(status_.st_mode)) error_ = ENOENT;
   return error_ == 0;
 }

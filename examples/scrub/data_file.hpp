@@ -14,24 +14,24 @@ namespace scrub {
 
 class DataFile {
 public:
-  // False, with the problem, when there is no regular file that can be read. Never waits, whatever
-  // stands there.
+  // Returns false, with the problem, if the name is no regular file that can be read. Does not
+  // block on a FIFO or a device.
   bool open(int directory, const char *name);
 
-  // What the file was when it was opened.
+  // The attributes of the file when it was opened.
   std::uint64_t size() const { return static_cast<std::uint64_t>(status_.st_size); }
   const timespec &written() const { return status_.st_mtim; }
 
-  // Reads what comes next of what was there when the file was opened. Returns the number of bytes:
-  // fewer than there is room for at the end alone, and after a problem.
+  // Reads the next bytes, up to the size that the file had when it was opened. Returns their
+  // number, which is below the room only at the end of the file or after a problem.
   std::size_t read(std::span<std::byte> room);
 
-  // Reads the bytes at the offset, from the device where the system has no changes of them to write
-  // back. False when not all of them can be read.
+  // Reads the bytes at the offset, from the device unless the system has yet to write them. Returns
+  // false if it cannot read all of them.
   bool read_again(std::uint64_t offset, std::span<std::byte> bytes) const;
 
-  // Why the file could not be read to its end as one thing, NULL where it was: an error, or a
-  // change of the file while it was read. Asked at the end.
+  // Returns why what was read is no consistent copy of the file, an error or a change during the
+  // read, or NULL. Called at the end.
   const char *problem() const;
   bool changed() const { return error_ == 0 && has_changed(); }
   bool vanished() const { return error_ == ENOENT; }

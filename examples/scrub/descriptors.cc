@@ -1,3 +1,4 @@
+// Prepares the file descriptors of a run.
 #include "descriptors.hpp"
 
 #include <algorithm>

@@ -1,14 +1,15 @@
-// The file descriptors that a run starts with.
+// Prepares the file descriptors of a run.
 #ifndef SCRUB_DESCRIPTORS_HPP
 #define SCRUB_DESCRIPTORS_HPP
 
 namespace scrub {
 
-// Takes the place of a closed standard descriptor, ahead of the next file that is opened: what is
-// printed would go into that file. Printing to it fails as before.
+// Opens something harmless on each standard descriptor that is closed. Else the next file that is
+// opened would take its number, and prints would go into that file. Prints still fail.
 void keep_standard_descriptors();
 
-// As many as the longest path has directories, which a walk holds open, where that is allowed.
+// Raises the limit of open files, if allowed, to the directories of the longest path: a walk holds
+// them open.
 void raise_descriptor_limit();
 
 } // namespace scrub

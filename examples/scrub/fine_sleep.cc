@@ -1,3 +1,4 @@
+// Sleeps by a high-resolution timer.
 #include "fine_sleep.hpp"
 
 #include <algorithm>
@@ -22,13 +23,13 @@ void FineSleep::sleep(std::uint64_t nanoseconds) {
   }
 }
 
-// A thread that cannot arm it again ends the sleep early: the sleeper looks at the time itself.
+// If the timer cannot be armed again, the sleep ends early: the sleeper checks the time itself.
 void FineSleep::expired(std::uint64_t self) {
   auto &sleep = *reinterpret_cast<FineSleep *>(self);
   if (!sleep.arm()) vorn_sem_enhance_up(&sleep.over_);
 }
 
-// False when nothing is left, or no timer can be armed.
+// Returns false if no time is left or no timer can be armed.
 bool FineSleep::arm() {
   const std::uint64_t now = vorn_time_getnanosec();
   if (now >= end_) return false;

@@ -9,8 +9,8 @@
 
 namespace scrub {
 
-// Such a timer runs for a millisecond at most: it is armed again until the sleep is over. The
-// thread that sleeps is woken once.
+// Such a timer runs for at most a millisecond: its function arms it again until the sleep is over.
+// The sleeping thread wakes once.
 class FineSleep {
 public:
   FineSleep() { vorn_sem_enhance_init(&over_, 0); }

@@ -1,5 +1,5 @@
-// Hands pointers from one thread to another, in order: a ring of the library, and a semaphore that
-// counts what is in it, on which whoever takes from it sleeps.
+// Hands pointers from one thread to another, in order, by a ring of the library. A semaphore counts
+// the pointers in the ring; the taking thread sleeps on it.
 #ifndef SCRUB_HANDOVER_HPP
 #define SCRUB_HANDOVER_HPP
 
@@ -10,10 +10,10 @@
 
 namespace scrub {
 
-// One thread puts and one takes.
+// One thread puts and one thread takes.
 template <class T> class Handover {
 public:
-  // For so many pointers at most, one less than a power of two.
+  // capacity is one less than a power of two.
   explicit Handover(unsigned int capacity)
       : ring_(vorn_ring_create(capacity + 1, VORN_RING_SINGLE)) {
     if (ring_ == nullptr) throw std::bad_alloc();
@@ -23,16 +23,17 @@ public:
   Handover &operator=(const Handover &) = delete;
   ~Handover() { vorn_ring_delete(&ring_); }
 
-  // There must be room.
+  // The ring must have room.
   void put(T &item) {
     vorn_ring_enqueue(ring_, &item);
     vorn_sem_enhance_up(&held_);
   }
 
-  // Nothing is put any more: any thread may say so, once.
+  // Ends the putting. Any thread may call this, once.
   void close() { vorn_sem_enhance_up(&held_); }
 
-  // Waits for the next, NULL when it is closed and all was taken. Not to be called behind that.
+  // Waits for the next pointer. Returns NULL, after the last one, if the ring is closed; must not
+  // be called after that.
   T *take() {
     vorn_sem_enhance_down(&held_);
     void *item = nullptr;

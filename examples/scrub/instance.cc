@@ -1,3 +1,4 @@
+// Runs a directory in an instance of the library, and counts in its variables.
 #include "instance.hpp"
 
 #include <array>
@@ -12,12 +13,12 @@ namespace {
 constexpr auto kCounts = static_cast<std::size_t>(Count::kCounts);
 constexpr std::uint64_t kNone = ~std::uint64_t{0};
 
-// As an operator sees them in the library's tables.
+// The names in the library's tables, which an operator reads.
 constexpr std::array<const char *, kCounts> kNames = {
     "files",   "bytes",      "damaged files", "damaged blocks", "passing files", "passing blocks",
     "missing", "unreadable", "new",           "skipped"};
 
-std::array<std::uint64_t, kCounts> variables; // their ids, from prepare_instances on
+std::array<std::uint64_t, kCounts> variables; // their ids, set by prepare_instances()
 
 std::uint64_t &value(std::uint64_t instance, Count which) {
   void *raw = LwpVarRaw(instance, variables[static_cast<std::size_t>(which)]);

@@ -1,6 +1,6 @@
-// A directory's run as a light-weight instance of the library: a thread under the directory's name,
-// and the instance's own value of each count. A fault report of the library names the instances
-// that the thread has worked for.
+// Runs a directory as a light-weight instance of the library: a thread with the directory's name,
+// and a value of each count per instance. A fault report of the library names the instances that
+// the thread worked for.
 #ifndef SCRUB_INSTANCE_HPP
 #define SCRUB_INSTANCE_HPP
 
@@ -13,7 +13,7 @@
 
 namespace scrub {
 
-// What a run counts: a variable of the instances each.
+// The counts of a run. Each is a variable of the instances.
 enum class Count : std::size_t {
   kFiles,
   kBytes,
@@ -24,31 +24,31 @@ enum class Count : std::size_t {
   kMissing,       // recorded, not there
   kUnreadable,    // recorded, there, could not be read to the end
   kNew,           // there, not recorded
-  kSkipped,       // not recorded and not looked at: could not be read
+  kSkipped,       // not recorded, could not be read
   kCounts
 };
 
-// Makes room for so many instances, and registers the counts. Throws std::runtime_error. To be
-// called once, after the library has started.
+// Reserves the instances and registers the counts. Throws std::runtime_error. Called once, after
+// the start of the library.
 void prepare_instances(std::size_t instances);
 
-// The value of the instance that the calling thread works for. One thread of an instance at a time
-// may use it.
+// The value of the instance that the calling thread works for. Only one thread of an instance at a
+// time may use it.
 std::uint64_t &count(Count which);
 
 class Instance {
 public:
-  // Runs body in a thread of the instance. body must not throw. Throws std::runtime_error when
-  // there is no instance left or no thread can be started.
+  // Runs body in a thread of the instance. body must not throw. Throws std::runtime_error if no
+  // instance is free or no thread can be started.
   Instance(const std::string &name, std::function<void()> body);
   Instance(const Instance &) = delete;
   Instance &operator=(const Instance &) = delete;
   ~Instance(); // waits until body has returned
 
-  // Waits until body has returned. To be called once.
+  // Waits until body has returned. Called once.
   void wait();
 
-  // To be called after wait().
+  // Called after wait().
   std::uint64_t count(Count which) const;
 
 private:
@@ -59,8 +59,8 @@ private:
   std::uint64_t id_;
 };
 
-// While this lives, the calling thread works for the instance. Instances that are none, all ones,
-// are taken too.
+// Has the calling thread work for the instance during the lifetime of this object. The number of
+// all ones, which is no instance, is allowed.
 class WorkingFor {
 public:
   explicit WorkingFor(std::uint64_t instance);

@@ -1,3 +1,4 @@
+// Catches the signals that end a run.
 #include "interrupt.hpp"
 
 #include <atomic>

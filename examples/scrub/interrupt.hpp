@@ -1,14 +1,14 @@
-// SIGINT, SIGTERM and SIGHUP end the run in an orderly way.
+// Ends the run in an orderly way on SIGINT, SIGTERM and SIGHUP.
 #ifndef SCRUB_INTERRUPT_HPP
 #define SCRUB_INTERRUPT_HPP
 
 namespace scrub {
 
-// Also has a closed pipe and the file size limit come back as errors of write(2).
+// Also makes a closed pipe and the file size limit errors of write(2) instead of signals.
 void catch_signals();
 
-// Whether such a signal has come; the second one throws then: called by any thread wherever the run
-// may stop.
+// interrupted() returns whether such a signal has arrived; check_interrupt() throws if it has. Any
+// thread may call either wherever the run may stop.
 bool interrupted();
 void check_interrupt();
 

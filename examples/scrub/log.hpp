@@ -1,4 +1,4 @@
-// Records in the log of the node, under the service's module id.
+// Writes the node's log under the service's module id.
 #ifndef SCRUB_LOG_HPP
 #define SCRUB_LOG_HPP
 
@@ -9,7 +9,7 @@
 
 namespace scrub {
 
-// No atomic: of a pipeline's threads the caller's alone writes records.
+// Not atomic: of a pipeline's threads, only the caller's writes log messages.
 inline std::uint64_t log_records_written = 0;
 
 inline void count_log_record(int result) {
@@ -18,7 +18,7 @@ inline void count_log_record(int result) {
 
 } // namespace scrub
 
-// The level is asked for first, so that an unwanted record costs one load and no formatting.
+// Checks the level first: a log message that is not wanted costs one load and no formatting.
 #define SCRUB_LOG(level, ...)                                                                      \
   (evlog_level_check(::scrub::kModule, (level)) != 0                                               \
        ? (void)0                                                                                   \

@@ -1,6 +1,8 @@
+// Prints the machine's layout and keeps the mean usage of its CPUs.
 #include "machine.hpp"
 
 #include <cstdio>
+#include <cstring>
 #include <numeric>
 #include <string>
 
@@ -19,6 +21,34 @@ Vector<std::uint32_t> usage_now() {
       vorn_get_cpu_usage_array(usage.data(), static_cast<std::uint32_t>(usage.size()));
   usage.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
   return usage;
+}
+
+// Returns the CPUs of a node as "0-7,16".
+std::string cpus_of(std::uint32_t node) {
+  cpumask mask{};
+  vorn_numam_cpumask_get(node, &mask);
+  std::string list;
+  for (unsigned cpu = vorn_first_cpu(&mask); cpu < VORN_CPUMASK_CPU_COUNT;) {
+    unsigned last = cpu;
+    unsigned next = vorn_next_cpu(last, &mask);
+    for (; next == last + 1 && next < VORN_CPUMASK_CPU_COUNT; next = vorn_next_cpu(last, &mask))
+      last = next;
+    if (!list.empty()) list += ',';
+    list += std::to_string(cpu);
+    if (last != cpu) list += '-' + std::to_string(last);
+    cpu = next;
+  }
+  return list;
+}
+
+// Prints the nodes of the file that the settings name, or else of the node's file if there is one.
+void print_nodes() {
+  if (vorn_numam_init(nullptr) != 0 || vorn_numam_num_get() == 0) return;
+  const auto nodes = static_cast<std::uint32_t>(vorn_numam_num_get());
+  std::printf("  numa      %s:", counted(nodes, "node").c_str());
+  for (std::uint32_t node = 0; node < nodes; ++node)
+    std::printf("%s CPUs %s", node == 0 ? "" : ",", cpus_of(node).c_str());
+  std::putchar('\n');
 }
 
 } // namespace
@@ -50,9 +80,11 @@ void print_layout() {
   if (vorn_get_phycpu_num(&packages) != 0 || vorn_get_logic_cpu_num(&cpus) != 0 ||
       vorn_get_cpumodel_info(model) != 0)
     return;
-  std::printf("  machine   %s in %s (%s), %u %% of the memory in use\n",
-              counted(cpus, "CPU").c_str(), counted(packages, "package").c_str(), model,
-              vorn_sysinfo_mem_usage());
+  const bool known = std::strcmp(model, "unknown") != 0;
+  std::printf("  machine   %s in %s%s%s, %u %% of the memory in use\n",
+              counted(cpus, "CPU").c_str(), counted(packages, "package").c_str(), known ? ", " : "",
+              known ? model : "", vorn_sysinfo_mem_usage());
+  print_nodes();
 }
 
 } // namespace scrub

@@ -1,4 +1,4 @@
-// The machine that a run reads on: its layout, and how busy its CPUs were during the run.
+// Tells the layout of the machine and how busy its CPUs were during the run.
 #ifndef SCRUB_MACHINE_HPP
 #define SCRUB_MACHINE_HPP
 
@@ -9,14 +9,14 @@
 
 namespace scrub {
 
-// The figures of the library are those of the last second; this keeps their mean. Any thread may
-// call any function.
+// Keeps the mean of the library's figures, each of which is of the last second. Any thread may call
+// any function.
 class CpuUsage {
 public:
-  // To be called once a second.
+  // Called once a second.
   void sample();
 
-  // Prints the mean of each CPU, that of the last second where there is no sample.
+  // Prints the mean of each CPU; the last second alone if there is no sample.
   void print();
 
 private:
@@ -25,8 +25,7 @@ private:
   std::uint64_t samples_ = 0;
 };
 
-// Prints packages, CPUs and model; the NUMA nodes where the NUMA file tells them; the memory in
-// use.
+// Prints packages, CPUs and model, the memory in use, and the NUMA nodes if a NUMA file tells them.
 void print_layout();
 
 } // namespace scrub

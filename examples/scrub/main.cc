@@ -1,5 +1,5 @@
-// vorn-scrub: finds damaged files. An example of a service on the library: it sets up logging,
-// starts the library, does its job, and takes both down again.
+// vorn-scrub finds damaged files. It is an example of a service on the library: it sets up logging,
+// starts the library, does its job and shuts both down.
 #include <cstdio>
 #include <deque>
 #include <exception>
@@ -20,11 +20,11 @@
 namespace scrub {
 namespace {
 
-// The library is up and the log is open as long as this lives.
+// Starts the library and opens the log; the destructor shuts both down.
 class Session {
 public:
-  explicit Session(const Places &places) {
-    has_log_ = vorn_log_init(places.log_name().c_str(), places.log_directory.c_str()) == 0;
+  explicit Session(const OwnPaths &paths) {
+    has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     started_ = vorn_Init() == 0;
   }
   Session(const Session &) = delete;
@@ -58,13 +58,13 @@ bool is_there(const std::string &path, mode_t type) {
   return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
-// Asked before the log is opened, so that a mistyped name leaves no log behind.
+// Called before the log is opened, so that a mistyped name creates no log.
 std::string what_is_missing(const Job &job, Command command) {
   if (!is_there(job.root, S_IFDIR)) return "there is no directory " + job.root;
-  if (!is_there(job.places.manifest_directory, S_IFDIR))
-    return "there is no directory " + job.places.manifest_directory;
-  if (command == Command::kVerify && !is_there(job.places.manifest(), S_IFREG))
-    return "there is no manifest " + job.places.manifest() + ", make one with create";
+  if (!is_there(job.paths.manifest_directory, S_IFDIR))
+    return "there is no directory " + job.paths.manifest_directory;
+  if (command == Command::kVerify && !is_there(job.paths.manifest(), S_IFREG))
+    return "there is no manifest " + job.paths.manifest() + ", make one with create";
   return {};
 }
 
@@ -88,7 +88,7 @@ void take_settings(Options &options) {
   SCRUB_LOG(EVLOG_INFO, "settings of %s: %s.", escape(options.settings_file).c_str(), text.c_str());
 }
 
-// Runs what may throw.
+// Reports an exception of body as a failed run.
 template <class Body> ExitStatus attempt(Body body) {
   try {
     const ExitStatus status = body();
@@ -115,7 +115,7 @@ const char *name_of(ExitStatus status) {
   }
 }
 
-// A directory's run, which waits for its end.
+// Runs the job of one directory and waits for its end.
 struct Run {
   Run(const Job &job, Command command)
       : instance(job.root, [this, &job, command] {
@@ -128,7 +128,7 @@ struct Run {
   Instance instance;
 };
 
-// Damage weighs more than passing faults, and a run that could not be made more than both.
+// The worst status of a run: could not run, then damage, then passing faults.
 ExitStatus worse(ExitStatus one, ExitStatus other) {
   const auto weight = [](ExitStatus status) {
     constexpr int kWeights[] = {0, 2, 3, 1};
@@ -176,8 +176,8 @@ int run(int argc, char **argv) {
   const std::string missing = what_is_missing(options);
   if (!missing.empty()) return refuse(missing.c_str());
   raise_descriptor_limit();
-  const Session session(options.jobs[0].places);
-  catch_signals(); // in the place of the library's handlers
+  const Session session(options.jobs[0].paths);
+  catch_signals(); // replaces the library's handlers
   if (!session.started()) return could_not_run("the library did not start; the log tells why");
   for (Job &job : options.jobs)
     job.has_log = session.has_log();

@@ -1,3 +1,4 @@
+// Forms the lines of a manifest and their codes.
 #include "manifest.hpp"
 
 #include <algorithm>

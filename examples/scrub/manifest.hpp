@@ -1,4 +1,4 @@
-// The manifest: a text file with the checksums of a tree. A person reads it, a program checks it.
+// Defines the manifest: a text file with the checksums of a tree, for people and programs.
 //
 //   fbe9d2f4 vorn-scrub-manifest 1 block 4096 crc32c sector 512 crc16-t10dif
 //   0a6c1e55 file 5000 1700000000.123456789 docs/read%20me.txt
@@ -47,19 +47,19 @@ struct Totals {
   bool operator==(const Totals &) const = default;
 };
 
-// The order of paths in a manifest, that of a walk which takes each directory's names in byte
-// order: '/' comes before every other byte.
+// Compares paths in the order of a manifest: by bytes, but '/' comes before every other byte. It is
+// the order of a walk that takes the names of each directory in byte order.
 bool path_before(std::string_view a, std::string_view b);
 
-// The texts of the lines, without codes and newlines.
+// Return the text of a line, without code and newline.
 String file_line(const FileRecord &file);
 String block_line(std::uint64_t number, const Checksums &block);
 String end_line(const Totals &totals);
 
-// The running code of a manifest's lines.
+// Computes the codes of a manifest's lines.
 class LineCode {
 public:
-  // The code of the next line, whose text comes without its newline.
+  // Returns the code of the next line, whose text has no newline.
   std::uint32_t next(std::string_view text);
 
 private:

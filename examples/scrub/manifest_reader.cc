@@ -1,3 +1,4 @@
+// Reads a manifest and refuses what the writer does not write.
 #include "manifest_reader.hpp"
 
 #include <algorithm>
@@ -6,7 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "failure.hpp"
+#include "errors.hpp"
 #include "text.hpp"
 
 namespace scrub {
@@ -14,7 +15,7 @@ namespace {
 
 constexpr std::size_t kCodeLength = 9; // eight digits and a blank
 
-// Takes a line apart from its left. Numbers are accepted only as the writer prints them.
+// Parses a line from left to right. Accepts numbers only in the form that the writer prints.
 class Fields {
 public:
   explicit Fields(std::string_view text) : rest_(text) {}
@@ -66,7 +67,7 @@ bool parse_file(std::string_view text, FileRecord &file) {
          unescape(fields.rest(), file.path);
 }
 
-// sectors is the number of guards that the block must have.
+// The block must have one guard for each of the sectors.
 bool parse_block(std::string_view text, std::uint64_t &number, std::size_t sectors,
                  Checksums &block) {
   Fields fields(text);
@@ -88,7 +89,7 @@ bool parse_end(std::string_view text, Totals &totals) {
          fields.number(totals.bytes) && fields.at_end();
 }
 
-// Below the root, and the shortest way to say so.
+// Whether the path is relative, stays below the root, and has no superfluous component.
 bool is_tree_path(std::string_view path) {
   while (true) {
     const std::size_t slash = path.find('/');
@@ -127,7 +128,7 @@ bool ManifestReader::next_file(FileRecord &file) {
   if (!parse_end(text, stated)) refuse("a line of a file, or the last line, should be here");
   if (stated != totals_) refuse("the totals do not fit the lines before");
   size_ = next_block_ = 0;
-  if (!raw_line().empty()) refuse("there is more text behind the last line");
+  if (!raw_line().empty()) refuse("there is more text after the last line");
   return false;
 }
 
@@ -143,8 +144,8 @@ bool ManifestReader::next_block(Checksums &block) {
   return true;
 }
 
-// The next line with its newline; what is left of the file when no newline follows, so an empty
-// text at the end.
+// Returns the next line with its newline. Returns the rest of the file if it has no newline: an
+// empty text at the end of the file.
 std::string_view ManifestReader::raw_line() {
   ++line_;
   while (true) {
@@ -169,7 +170,7 @@ std::string_view ManifestReader::raw_line() {
   }
 }
 
-// The text of a line, without its newline and its code, which is right.
+// Checks the code of the next line, and returns its text without code and newline.
 std::string_view ManifestReader::checked(std::string_view line) {
   if (line.empty()) refuse("the manifest is cut: its last line should be here");
   if (!line.ends_with('\n')) refuse("the manifest is cut within this line");

@@ -1,5 +1,5 @@
-// Reads a manifest line by line, in memory that does not depend on its length. Whatever is not
-// exactly as the writer writes it is refused.
+// Reads a manifest line by line, in memory that does not depend on its length. Refuses anything
+// that is not exactly as the writer writes it.
 #ifndef SCRUB_MANIFEST_READER_HPP
 #define SCRUB_MANIFEST_READER_HPP
 
@@ -11,7 +11,7 @@
 
 namespace scrub {
 
-// Why a manifest is refused, with its name and line number.
+// Says why a manifest is refused, with its name and line number.
 struct ManifestError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -22,14 +22,14 @@ public:
   // ManifestError, as the functions below do, or std::system_error when the file cannot be read.
   ManifestReader(int fd, std::string name);
 
-  // The next file, after any blocks of the one before that were not asked for. False at the end of
-  // the manifest: its last line was there and its totals are right.
+  // Reads the next file, and skips the blocks of the previous one that were not read. Returns false
+  // at the end of the manifest, whose last line and totals are right then.
   bool next_file(FileRecord &file);
 
-  // The next block of that file. False after its last.
+  // Reads the next block of that file. Returns false after the last one.
   bool next_block(Checksums &block);
 
-  // What has been read so far; all of the manifest once next_file has returned false.
+  // The totals of what has been read so far.
   const Totals &totals() const { return totals_; }
 
 private:
@@ -50,7 +50,7 @@ private:
 
   String previous_path_;
   std::uint64_t size_ = 0;       // of the current file
-  std::uint64_t next_block_ = 0; // its block that comes next
+  std::uint64_t next_block_ = 0; // the current file's next block
   Totals totals_;
 };
 

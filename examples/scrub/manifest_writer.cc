@@ -1,3 +1,4 @@
+// Writes a manifest and puts it in its place.
 #include "manifest_writer.hpp"
 
 #include <cinttypes>
@@ -6,7 +7,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include "failure.hpp"
+#include "errors.hpp"
 
 namespace scrub {
 namespace {
@@ -15,13 +16,12 @@ constexpr std::size_t kBufferSize = 256 * 1024;
 
 } // namespace
 
-ManifestWriter::ManifestWriter(const Places &places)
-    : manifest_(places.manifest()), name_(places.manifest_name),
-      unfinished_(places.unfinished_name()),
-      directory_(open(places.manifest_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (!directory_) fail("cannot open " + places.manifest_directory);
+ManifestWriter::ManifestWriter(const OwnPaths &paths)
+    : manifest_(paths.manifest()), name_(paths.manifest_name), unfinished_(paths.unfinished_name()),
+      directory_(open(paths.manifest_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  if (!directory_) fail("cannot open " + paths.manifest_directory);
   check_target();
-  open_unfinished(places.manifest_directory);
+  open_unfinished(paths.manifest_directory);
   buffer_.reserve(kBufferSize);
   add_line(kManifestHeader);
 }
@@ -63,26 +63,27 @@ void ManifestWriter::commit() {
   if (renameat(directory_.get(), unfinished_.c_str(), directory_.get(), name_.c_str()) != 0)
     fail("cannot replace " + manifest_);
   file_ = Fd();
-  // The new name is on the disk when the directory is. Some file systems cannot be asked (EINVAL).
+  // Syncing the directory puts the new name on the disk. Some file systems do not support it
+  // (EINVAL).
   if (fsync(directory_.get()) != 0 && errno != EINVAL) fail("cannot write " + manifest_);
 }
 
-// The manifest's place must not hold something else: a device, or a directory.
+// Refuses to replace anything but a regular file, such as a device or a directory.
 void ManifestWriter::check_target() const {
   struct stat status {};
   if (fstatat(directory_.get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
   if (!S_ISREG(status.st_mode)) fail("cannot replace " + manifest_ + ", no regular file", EEXIST);
 }
 
-// One run at a time owns the unfinished file, by its lock. One that a killed run left is taken
-// over.
+// A lock on the unfinished file lets one run at a time write it. The file of a killed run has no
+// lock and is used again.
 void ManifestWriter::open_unfinished(const std::string &directory) {
   Fd file(openat(directory_.get(), unfinished_.c_str(),
                  O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
   if (!file) fail("cannot write into " + directory + ", choose another place with --manifest");
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) fail("another run is writing " + manifest_);
 
-  // Between the two calls its last owner may have made the manifest of it.
+  // Between the two calls, its owner may have renamed it to the manifest.
   struct stat opened {};
   struct stat named {};
   if (fstat(file.get(), &opened) != 0 ||

@@ -1,5 +1,5 @@
-// Writes a manifest into an unfinished file beside it, which takes the manifest's place when it is
-// complete: until then, and whatever fails, the old manifest stays as it is.
+// Writes a manifest into an unfinished file beside it, and renames that file to the manifest when
+// it is complete. Until then, and after any failure, the old manifest stays as it is.
 #ifndef SCRUB_MANIFEST_WRITER_HPP
 #define SCRUB_MANIFEST_WRITER_HPP
 
@@ -8,33 +8,33 @@
 #include "checksums.hpp"
 #include "fd.hpp"
 #include "manifest.hpp"
-#include "places.hpp"
+#include "own_files.hpp"
 
 namespace scrub {
 
 class ManifestWriter {
 public:
-  // Every function throws std::system_error when the file cannot be written.
-  explicit ManifestWriter(const Places &places);
+  // Every function throws std::system_error if the file cannot be written.
+  explicit ManifestWriter(const OwnPaths &paths);
   ManifestWriter(const ManifestWriter &) = delete;
   ManifestWriter &operator=(const ManifestWriter &) = delete;
   // Removes the unfinished file.
   ~ManifestWriter();
 
-  // Files come in path order, each followed by all its blocks.
+  // Files are added in path order, each followed by all its blocks.
   void begin_file(const FileRecord &file);
   void add_block(const Checksums &block);
 
-  // Takes back the file last begun, with its blocks.
+  // Removes the last file and its blocks.
   void drop_file();
 
-  // Puts the manifest in its place, on the disk.
+  // Renames the complete file to the manifest and syncs it to the disk.
   void commit();
 
   const Totals &totals() const { return now_.totals; }
 
 private:
-  // All that a line changes, so that a file can be taken back.
+  // Everything that a line changes, so that a file can be removed.
   struct State {
     std::uint64_t length = 0; // of the manifest, in bytes
     LineCode code;
@@ -51,7 +51,7 @@ private:
   const std::string unfinished_;
   Fd directory_;
   Fd file_;
-  Vector<char> buffer_;       // what is not written yet
+  Vector<char> buffer_;       // not yet written
   std::uint64_t written_ = 0; // bytes in the file
   State now_;
   State before_file_;

@@ -1,5 +1,5 @@
-// The service's memory: standard containers whose blocks come from the library's accounting
-// allocator, charged to the service's module id.
+// Defines standard containers whose memory comes from the library's accounting allocator and is
+// charged to the service's module id.
 #ifndef SCRUB_MEMORY_HPP
 #define SCRUB_MEMORY_HPP
 

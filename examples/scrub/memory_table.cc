@@ -1,3 +1,4 @@
+// Reads the library's table of memory by module.
 #include "memory_table.hpp"
 
 #include <algorithm>
@@ -27,8 +28,8 @@ int keep(const char *format, ...) {
 
 } // namespace
 
-// vorn_mem_show prints cells of a module id and its bytes, each behind a '|', below a headline of
-// such cells with words in them.
+// vorn_mem_show prints a headline of words, then cells of a module id and its bytes. A '|' precedes
+// each cell.
 Vector<ModuleMemory> memory_by_module() {
   shown_length = 0;
   vorn_mem_show(keep);

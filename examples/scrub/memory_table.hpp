@@ -1,4 +1,4 @@
-// The memory that each module of the process holds, by the library's account.
+// Lists the memory that each module of the process holds, as the library accounts for it.
 #ifndef SCRUB_MEMORY_TABLE_HPP
 #define SCRUB_MEMORY_TABLE_HPP
 
@@ -13,7 +13,7 @@ struct ModuleMemory {
   std::int64_t bytes;
 };
 
-// Empty where the node has no kernel module, which keeps the account.
+// Empty if the node has no kernel module, which keeps the account.
 Vector<ModuleMemory> memory_by_module();
 
 } // namespace scrub

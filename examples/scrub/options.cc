@@ -1,3 +1,4 @@
+// Reads the command line and prints the help.
 #include "options.hpp"
 
 #include <algorithm>
@@ -23,15 +24,15 @@ Command command_of(std::string_view word) {
   return Command::kWrong;
 }
 
-void set_manifest(Places &places, const std::string &path) {
+void set_manifest(OwnPaths &paths, const std::string &path) {
   const std::size_t slash = path.rfind('/');
   if (slash == std::string::npos) {
-    places.manifest_directory = ".";
-    places.manifest_name = path;
+    paths.manifest_directory = ".";
+    paths.manifest_name = path;
     return;
   }
-  places.manifest_directory = path.substr(0, std::max<std::size_t>(slash, 1));
-  places.manifest_name = path.substr(slash + 1);
+  paths.manifest_directory = path.substr(0, std::max<std::size_t>(slash, 1));
+  paths.manifest_name = path.substr(slash + 1);
 }
 
 } // namespace
@@ -45,7 +46,7 @@ Options parse_options(int argc, char **argv) {
   const char *manifest = nullptr;
   const char *log = nullptr;
   const char *settings = nullptr;
-  Job drills; // the switches among what every job has
+  Job drills; // the drills that every job is given
   opterr = 0;
   for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
     switch (letter) {
@@ -89,10 +90,10 @@ Options parse_options(int argc, char **argv) {
   for (const std::string &root : roots) {
     Job &job = options.jobs.emplace_back(drills);
     job.root = root;
-    set_manifest(job.places, manifest != nullptr ? manifest : root + "/.vorn-scrub");
-    if (job.places.manifest_name.empty())
+    set_manifest(job.paths, manifest != nullptr ? manifest : root + "/.vorn-scrub");
+    if (job.paths.manifest_name.empty())
       return wrong(std::string("--manifest ") + manifest + " names no file");
-    job.places.log_directory = log != nullptr ? log : options.jobs[0].places.manifest_directory;
+    job.paths.log_directory = log != nullptr ? log : options.jobs[0].paths.manifest_directory;
   }
   if (settings != nullptr && *settings == '\0') return wrong("--settings names no file");
   if (settings != nullptr) options.settings_file = settings;
@@ -125,12 +126,12 @@ Several directories are read one after the other, each against its own manifest.
 
 Links are not followed. Files that cannot be read, or change while they are
 read, are reported and skipped. An existing manifest is replaced only once the
-new one is complete. A byte of a name that is of a blank, of a control
-character, of '%' or of no UTF-8 is written as %XX.
+new one is complete. In a name, each byte of a blank, a control
+character, '%' or invalid UTF-8 is written as %XX.
 
-A block that is not as recorded is read once more a second later. What is wrong
-again is damage. What is right then was a passing fault, of the device, the way
-to it or memory: the data are good, what read them is not.
+A block that differs from its record is read again a second later. If it is
+wrong again, it is damaged. If it is right, the device, the path to it or memory
+had a passing fault: the data are good, but something that read them is not.
 
 Exit status: 0 clean (also where files are new or were skipped),
 1 damage found (a block, a size, a missing or unreadable file), 2 could not run,

@@ -1,4 +1,4 @@
-// The command line.
+// Reads the command line.
 #ifndef SCRUB_OPTIONS_HPP
 #define SCRUB_OPTIONS_HPP
 
@@ -17,7 +17,7 @@ struct Options {
   std::string settings_file; // empty: none
 };
 
-// Writes what is wrong to standard error.
+// Writes an error to standard error.
 Options parse_options(int argc, char **argv);
 
 void print_help();

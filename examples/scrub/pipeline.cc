@@ -1,3 +1,4 @@
+// Moves batches of blocks between the reader, the checkers and the caller.
 #include "pipeline.hpp"
 
 #include <algorithm>
@@ -11,13 +12,13 @@
 namespace scrub {
 namespace {
 
-// So many tasks go with a batch at most, so that a run of them without blocks is passed on, too.
+// The most tasks of a batch: a long run of tasks without blocks is passed on in batches too.
 constexpr std::size_t kMostTasks = 128;
 
-// Whoever waits for the rate looks in between whether to go on at all.
+// A thread that waits for the rate limit checks this often whether the run is over.
 constexpr std::uint64_t kLongestSleep = 10'000'000; // nanoseconds
 
-// Ends the reading when nobody wants its batches any more.
+// Ends the reading when no thread takes its batches any more.
 struct Stopped {};
 
 [[gnu::noinline]] void fault_on_purpose() {
@@ -56,7 +57,7 @@ Pipeline::Pipeline(const Settings &settings, bool crash)
 void Pipeline::run(const Task &read) {
   {
     Vector<Thread> threads;
-    const Stop stop(*this); // ahead of waiting for them, whatever ends the run
+    const Stop stop(*this); // on every way out, before the threads are joined
     for (Lane &lane : lanes_)
       threads.emplace_back("scrub_check" + std::to_string(threads.size()),
                            [&, crash = crash_ && threads.empty()] { lane.run_checker(crash); });
@@ -87,7 +88,7 @@ void Pipeline::then(Task task) {
   if (batch_->tasks.size() == kMostTasks) next_batch();
 }
 
-// Passes on the batch, if there is one, and waits for an empty one.
+// Passes the current batch on, if there is one, and waits for an empty batch.
 void Pipeline::next_batch() {
   if (batch_ != nullptr) turn_.next().filled.put(*std::exchange(batch_, nullptr));
   batch_ = empty_.take();

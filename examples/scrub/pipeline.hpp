@@ -1,16 +1,19 @@
-// Reads and computes checksums in threads of the library, and works on the result in the caller's.
-// Batches of blocks go round between them, each handover by a ring of the library:
+// Reads files and computes checksums in threads of the library, and handles the results in the
+// caller's thread. Batches of blocks pass between the threads by rings of the library:
 //
 //      reader  --filled-->  checker  --checked-->  caller
 //        ^     --filled-->  checker  --checked-->     |
 //        |                    ...                     |
 //        +-------------------- empty -----------------+
 //
-// There is one thread at each end of a ring. The reader gives batches to the checkers in turn and
-// the caller takes them in the same turn, so batches stay in order. There are as many batches as a
-// ring holds: a ring never overflows, who is faster than the others waits for a batch, and memory
-// is bounded whatever the size of the files. A batch holds blocks of several files where they are
-// small.
+// 1. The reader takes an empty batch, fills it and gives it to the next checker in turn.
+// 2. The checker computes the checksums of the batch.
+// 3. The caller takes batches from the checkers in the same turn, so they stay in order, runs their
+//    tasks and returns the batch to the reader.
+//
+// Each end of a ring has one thread. There are as many batches as a ring holds: no ring overflows,
+// a thread that is faster than the others waits for a batch, and memory is bounded for files of any
+// size. A batch holds the blocks of several small files.
 #ifndef SCRUB_PIPELINE_HPP
 #define SCRUB_PIPELINE_HPP
 
@@ -31,9 +34,9 @@ namespace scrub {
 
 using Task = std::function<void()>;
 
-// What was read of a file at once: blocks that follow each other, the last one may be a short one.
+// Consecutive blocks of a file. The last one may be short.
 struct Blocks {
-  std::span<const Checksums> checksums; // there when the task runs
+  std::span<const Checksums> checksums; // computed before the task runs
   std::size_t bytes;
 };
 
@@ -41,33 +44,32 @@ class Pipeline {
 public:
   static constexpr unsigned int kBatches = 31; // one less than a power of two
 
-  // With crash, the first checker faults at its first batch.
+  // If crash is set, the first checker faults at its first batch.
   explicit Pipeline(const Settings &settings, bool crash = false);
 
-  // Runs read in a thread of its own and, in the calling one, all the tasks that read adds, in
-  // their order. What a task throws ends the reading, and is thrown. What read throws is thrown
-  // behind the last task. In any case the threads have ended. To be called once.
+  // Runs read in its own thread, and the tasks that read adds, in order, in the calling thread. An
+  // exception of a task ends the reading and is thrown. An exception of read is thrown after the
+  // last task. The threads have ended when this returns or throws. Called once.
   void run(const Task &read);
 
-  // So many bytes are read elsewhere, which counts for the rate limit: for any thread.
+  // Counts bytes that are read elsewhere for the rate limit. Any thread may call this.
   void charge(std::uint64_t bytes) { charged_ += bytes; }
 
-  // The following are for read.
+  // Only read may call the following.
 
-  // Room for at least one block, and for whole ones, of the read size limit at most. Waits until
-  // there is some.
+  // Returns room for one or more whole blocks, up to the read size limit. Waits until there is
+  // some.
   std::span<std::byte> room();
 
-  // Takes the first bytes of that room, to compute the checksums of the blocks that they are, and
-  // waits for as long as the rate limit says that reading them takes. For tasks that are added
-  // before anything else is done here.
+  // Takes the first bytes of that room as blocks whose checksums are to be computed, and waits as
+  // the rate limit demands. The result is for tasks that are added before any other call.
   Blocks add_blocks(std::size_t bytes);
 
-  // Adds a task, which is run when the checksums of all blocks before it are there.
+  // Adds a task, which runs when the checksums of all earlier blocks are computed.
   void then(Task task);
 
 private:
-  // Blocks that are read, each at its place in the buffer, and the tasks behind them.
+  // Blocks, each at its place in the buffer, and the tasks that follow them.
   struct Batch {
     explicit Batch(std::size_t blocks)
         : buffer(blocks * kBlockSize), lengths(blocks), checksums(blocks) {}
@@ -84,7 +86,7 @@ private:
     bool last = false;
   };
 
-  // The way through a checker.
+  // The rings to and from a checker.
   struct Lane {
     void run_checker(bool crash);
 
@@ -92,7 +94,7 @@ private:
     Handover<Batch> checked{kBatches};
   };
 
-  // Takes turns, in the same order for whoever has one.
+  // Yields the checkers in turn. The reader and the caller have one each.
   class Turn {
   public:
     explicit Turn(Vector<Lane> &lanes) : lanes_(lanes) {}
@@ -103,7 +105,7 @@ private:
     std::size_t passed_ = 0;
   };
 
-  // Has the threads end.
+  // Ends the threads.
   class Stop {
   public:
     explicit Stop(Pipeline &pipeline) : pipeline_(pipeline) {}
@@ -126,14 +128,14 @@ private:
   std::atomic<bool> stopped_ = false;
   std::atomic<std::uint64_t> charged_ = 0;
 
-  // Of the reader's thread:
+  // Used by the reader's thread alone:
   Turn turn_{lanes_};
   RateLimit rate_;
   FineSleep sleep_;
-  Batch *batch_ = nullptr; // the one that it fills
+  Batch *batch_ = nullptr; // that it fills
 
   const bool crash_;
-  std::exception_ptr failure_; // the reader's, there before the last batch is
+  std::exception_ptr failure_; // the reader's, set before the last batch is passed on
 };
 
 } // namespace scrub

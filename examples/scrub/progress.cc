@@ -1,3 +1,4 @@
+// Draws the progress bar.
 #include "progress.hpp"
 
 #include <algorithm>
@@ -31,7 +32,7 @@ std::string speed_text(std::uint64_t bytes, std::uint64_t nanoseconds) {
 
 } // namespace
 
-// Where no timer can be armed, which the log tells, the run goes on without.
+// If no timer can be armed, the log tells why and the run goes on without the bar.
 Progress::Progress(std::uint64_t total)
     : terminal_(isatty(STDOUT_FILENO) == 1), started_(vorn_time_getnanosec()), total_(total) {
   vorn_timer_set(&timer_, terminal_ ? kBarInterval : kLineInterval,
@@ -39,7 +40,7 @@ Progress::Progress(std::uint64_t total)
   vorn_timer_add(&timer_);
 }
 
-// What ended the run early is told on a line of its own.
+// Ends the bar's line, so that the message about an early end has its own line.
 Progress::~Progress() {
   vorn_timer_delete_sync(&timer_);
   if (bar_shown_) std::putchar('\n');
@@ -55,7 +56,7 @@ void Progress::print(const char *format, ...) {
   std::putchar('\n');
 }
 
-// What was skipped, or has shrunk, is not waited for any more.
+// The bar ends at 100 %, also if files were skipped or have shrunk.
 void Progress::finish() {
   vorn_timer_delete_sync(&timer_);
   if (!terminal_) return;
@@ -95,7 +96,7 @@ void Progress::draw_bar() {
   std::string line = "[" + std::string(cells * percent() / 100, '#');
   line.resize(1 + cells, '.');
   line += state;
-  // A line that wraps could not be cleared.
+  // A line that wraps cannot be cleared.
   std::printf("%s%.*s", kClearLine, static_cast<int>(width - 1), line.c_str());
   bar_shown_ = true;
 }
@@ -110,7 +111,7 @@ void Progress::clear_bar() {
   bar_shown_ = false;
 }
 
-// Files may have grown since the bytes to go were counted.
+// Files may have grown since their bytes were counted.
 unsigned int Progress::percent() const {
   if (bytes_ >= total_) return 100;
   return static_cast<unsigned int>(100.0 * static_cast<double>(bytes_) /

@@ -1,5 +1,5 @@
-// How far a run is: a bar on a terminal, else a plain line every few seconds. A timer of the wheel
-// draws it, also while a read hangs. Any thread may call any function.
+// Shows how far a run is: a bar on a terminal, or else a plain line every few seconds. A timer of
+// the wheel draws it, even while a read hangs. Any thread may call any function.
 #ifndef SCRUB_PROGRESS_HPP
 #define SCRUB_PROGRESS_HPP
 
@@ -27,16 +27,16 @@ public:
     ++files_;
   }
 
-  // So many bytes are not to be read after all.
+  // Takes bytes that will not be read off the total.
   void drop_bytes(std::uint64_t bytes) {
     const std::lock_guard hold(mutex_);
     total_ -= bytes;
   }
 
-  // A line of the run's own, printed above the bar.
+  // Prints a line above the bar.
   void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-  // The last state, which stays on the screen.
+  // Draws the last state, which stays on the screen.
   void finish();
 
 private:

@@ -1,4 +1,5 @@
-// Spreads reads over time. It is told the time, in nanoseconds, and tells how long to wait.
+// Limits the rate of reads: the caller tells it the time, in nanoseconds, and learns how long to
+// wait.
 #ifndef SCRUB_RATE_LIMIT_HPP
 #define SCRUB_RATE_LIMIT_HPP
 
@@ -9,22 +10,22 @@ namespace scrub {
 
 class RateLimit {
 public:
-  // A reader that was held up may make up for so much time and no more: whatever the span, it reads
-  // what the rate allows for the span and for this window, and one read more.
+  // The time that a delayed reader may make up for. In any span, it reads at most what the rate
+  // allows for the span and this window, and one read more.
   static constexpr std::uint64_t kWindow = 100'000'000;
 
-  // From now on. 0 bytes a second: no limit.
+  // The limit begins now. 0 bytes a second is no limit.
   RateLimit(std::uint64_t bytes_per_second, std::uint64_t now)
       : rate_(bytes_per_second), due_(now) {}
 
-  // So many bytes have been read, at most 10^10.
+  // Counts bytes that were read, at most 10^10.
   void add(std::uint64_t bytes, std::uint64_t now) {
     if (rate_ == 0) return;
     due_ = std::max(due_ + kWindow, now) - kWindow;
     due_ += (bytes * 1'000'000'000 + rate_ - 1) / rate_;
   }
 
-  // How long the next read has to wait.
+  // Returns how long the next read has to wait.
   std::uint64_t delay(std::uint64_t now) const { return due_ > now ? due_ - now : 0; }
 
 private:

@@ -1,3 +1,4 @@
+// Prints and logs the findings, and prints the account at the end.
 #include "report.hpp"
 
 #include <algorithm>
@@ -12,8 +13,8 @@
 namespace scrub {
 namespace {
 
-// A finding is the outcome of the service's work, not a fault of the service: its records are for
-// information. Records of faults also come up on the console.
+// A finding is a result of the service, not a fault of it: its log messages have the level of
+// information. Those of higher levels also appear on the console.
 constexpr int kFinding = EVLOG_INFO;
 
 void print_memory() {
@@ -175,13 +176,13 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) {
   print_layout();
   cpus_.print();
   print_memory();
-  std::printf("  manifest  %s\n", job.places.manifest().c_str());
+  std::printf("  manifest  %s\n", job.paths.manifest().c_str());
   if (job.has_log) {
     std::printf("  log       %s of its own in %s\n", counted(log_records_written, "record").c_str(),
-                job.places.log().c_str());
+                job.paths.log().c_str());
   } else {
     std::printf("  log       none, cannot write %s: warnings and errors alone, on the console\n",
-                job.places.log().c_str());
+                job.paths.log().c_str());
   }
 }
 

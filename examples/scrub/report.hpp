@@ -1,5 +1,5 @@
-// What a run says: a line for each finding, in the log too, and the account at its end. For the
-// thread of the run's instance, whose counts it keeps.
+// Reports a run: prints and logs a line for each finding, and prints the account at the end. Used
+// by the thread of the run's instance, whose counts it keeps.
 #ifndef SCRUB_REPORT_HPP
 #define SCRUB_REPORT_HPP
 
@@ -18,7 +18,7 @@ namespace scrub {
 
 class Report {
 public:
-  // total_bytes is what there is to read.
+  // total_bytes is the number of bytes to read.
   explicit Report(std::uint64_t total_bytes);
 
   Progress &progress() { return progress_; }
@@ -29,7 +29,7 @@ public:
   void passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                      const Checksums &found);
   void size_change(const FileRecord &file, std::uint64_t found);
-  // Behind the lines above: whether anyone has written to the file since, by its time.
+  // Follows the lines above: tells whether the time of the file says that it was written since.
   void damaged_file(bool written_since);
   void passing_file() { ++count(Count::kPassingFiles); }
   void missing(const FileRecord &file);
@@ -37,10 +37,10 @@ public:
   void added(std::string_view path);
   void skipped(std::string_view path, const char *why);
 
-  // Of the run so far.
+  // The status of the run so far.
   static ExitStatus status();
 
-  // The account at the end. read is what was read.
+  // Print the account at the end. read is the total of what was read.
   void finish_create(const Job &job, const Totals &read, const Walk &walk);
   void finish_verify(const Job &job, const Totals &read, const Walk &walk);
 

@@ -1,10 +1,10 @@
-// The two jobs of the service.
+// Declares the two jobs of the service.
 #ifndef SCRUB_SCRUB_HPP
 #define SCRUB_SCRUB_HPP
 
 #include <string>
 
-#include "places.hpp"
+#include "own_files.hpp"
 #include "settings.hpp"
 
 namespace scrub {
@@ -13,21 +13,21 @@ enum ExitStatus { kClean = 0, kDamage = 1, kCouldNotRun = 2, kPassingFault = 3 }
 
 struct Job {
   std::string root;
-  Places places;
+  OwnPaths paths;
   Settings settings;
   bool has_log = false;
-  // Drills: have an item of scheduled work overrun its time limit, a checksum thread fault.
+  // Drills: an item of scheduled work overruns its time limit; a checksum thread faults.
   bool stall = false;
   bool crash = false;
 };
 
-// Records the checksums of every file below the root. What cannot be read is reported and left out.
+// Records the checksums of every file below the root. Reports and omits files that cannot be read.
 ExitStatus create(const Job &job);
 
-// Reads every file again and compares. A new file is reported, and is no damage.
+// Reads every file again and compares. Reports a new file, but not as damage.
 ExitStatus verify(const Job &job);
 
-// Both throw what is derived from std::exception when they cannot run.
+// Both throw an exception derived from std::exception if they cannot run.
 
 } // namespace scrub
 

@@ -1,3 +1,4 @@
+// Reads wrong blocks a second time.
 #include "second_read.hpp"
 
 #include <array>
@@ -28,7 +29,7 @@ void SecondRead::expired(std::uint64_t self) {
   reinterpret_cast<SecondRead *>(self)->work_.start();
 }
 
-// What cannot be read a second time stays damaged.
+// A block that cannot be read again stays damaged.
 void SecondRead::read() {
   DataFile file;
   if (!file.open(AT_FDCWD, path_.c_str())) return;

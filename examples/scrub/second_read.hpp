@@ -1,5 +1,5 @@
-// Reads blocks that were wrong once more, a second later: what is right then was a passing fault,
-// of the device, of the way to it or of memory; what is wrong again is lasting damage.
+// Reads wrong blocks again, a second later. A block that is right then had a passing fault of the
+// device, the path to it or memory. A block that is wrong again is damaged.
 #ifndef SCRUB_SECOND_READ_HPP
 #define SCRUB_SECOND_READ_HPP
 
@@ -18,14 +18,15 @@ struct Suspect {
   std::size_t length; // bytes
   Checksums expected;
   Checksums found;      // at the first read
-  bool passing = false; // right at the second
+  bool passing = false; // right at the second read
 };
 
 // A timer of the wheel adds the read as scheduled work: a timer's function must not wait for a
 // device.
 class SecondRead {
 public:
-  // Of blocks of the file of this path. Throws std::runtime_error when no timer can be armed.
+  // The suspects are blocks of the file at path. Throws std::runtime_error if no timer can be
+  // armed.
   SecondRead(std::string path, Vector<Suspect> suspects);
   SecondRead(const SecondRead &) = delete;
   SecondRead &operator=(const SecondRead &) = delete;
@@ -39,7 +40,7 @@ private:
   void read();
 
   const std::string path_;
-  Vector<Suspect> suspects_; // the work's until it is done
+  Vector<Suspect> suspects_; // owned by the work until it is done
   Work work_;
   vorn_timer_s timer_{};
 };

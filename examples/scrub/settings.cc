@@ -1,3 +1,4 @@
+// Reads the settings file, and refuses what is no setting.
 #include "settings.hpp"
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "text.hpp"
 #include "vorn_cfg.h"
 #include "vorn_cpu.h"
+#include "vorn_numa.h"
 #include "vorn_thrd.h"
 
 namespace scrub {
@@ -19,7 +21,7 @@ namespace {
 
 constexpr char kSection[] = "SCRUB";
 
-// A number from least to most, in steps.
+// A number from least to most that is a multiple of step.
 struct Item {
   const char *name;
   std::uint64_t Settings::*value;
@@ -37,13 +39,15 @@ constexpr Item kItems[] = {
 
 constexpr char kCpus[] = "CPUS";
 constexpr char kProduct[] = "PRODUCT";
+constexpr char kNuma[] = "NUMA";
+constexpr const char *kTexts[] = {kCpus, kProduct, kNuma};
 
 std::string wanted(const Item &item) {
   const std::string range = std::to_string(item.least) + " to " + std::to_string(item.most);
   return item.step == 1 ? range : range + ", a multiple of " + std::to_string(item.step);
 }
 
-// The file is in the library's registry as long as this lives.
+// Registers the file with the library; the destructor removes it.
 class File {
 public:
   explicit File(const std::string &path) : path_(path) {
@@ -55,7 +59,8 @@ public:
 
   void check_lines() const;
   void read(const Item &item, Settings &settings) const;
-  void read_product(Settings &settings) const;
+  void load(const char *name, int (*loader)(const char *), const char *what,
+            std::string &loaded) const;
   void read_cpus(Settings &settings) const;
 
 private:
@@ -81,7 +86,7 @@ bool is_name(std::string_view text) {
   });
 }
 
-// The section that the line opens, empty where it opens none.
+// Returns the name of the section that the line opens, or an empty text.
 std::string_view section_of(std::string_view line) {
   if (!line.starts_with('[')) return {};
   line = trimmed(line);
@@ -90,8 +95,8 @@ std::string_view section_of(std::string_view line) {
   return is_name(name) ? name : std::string_view();
 }
 
-// Whoever only looks items up never meets a misspelt one, and the parser drops what it does not
-// understand: here both are found. Other sections are left alone.
+// Finds misspelt items, which no lookup would meet, and lines that the parser drops. Ignores other
+// sections.
 void File::check_lines() const {
   std::ifstream file(path_);
   std::string text;
@@ -116,12 +121,12 @@ void File::check_item(std::string_view line, std::uint64_t number) const {
   if (equals == line.npos)
     refuse(where + "neither NAME=value nor a comment, which begins with ';'");
   const std::string_view name = trimmed(line.substr(0, equals));
-  if (name != kCpus && name != kProduct &&
+  if (std::ranges::find(kTexts, name) == std::end(kTexts) &&
       std::ranges::find(kItems, name, &Item::name) == std::end(kItems))
     refuse(where + "there is no setting " + escape(name).c_str());
 }
 
-// False when it is not set.
+// Returns false if the item is not set.
 bool File::find(const char *name, const std::string &wanted, std::span<char> text) const {
   const int result = vorn_cfg_getItemValue_ex(path_.c_str(), kSection, name, text.data(),
                                               static_cast<unsigned int>(text.size()));
@@ -142,13 +147,14 @@ void File::read(const Item &item, Settings &settings) const {
   settings.*item.value = value;
 }
 
-// A process has one product file: the first that is loaded.
-void File::read_product(Settings &settings) const {
+// The library loads one such file in a process: the first.
+void File::load(const char *name, int (*loader)(const char *), const char *what,
+                std::string &loaded) const {
   char text[256];
-  if (!find(kProduct, "a file", text)) return;
-  if (vorn_cpum_init(text) != 0)
-    refuse(std::string(kProduct) + " is '" + escape(text).c_str() + "', which has no partitions");
-  settings.product = text;
+  if (!find(name, "a file", text)) return;
+  if (loader(text) != 0)
+    refuse(std::string(name) + " is '" + escape(text).c_str() + "', which has no " + what);
+  loaded = text;
 }
 
 void File::read_cpus(Settings &settings) const {
@@ -156,7 +162,8 @@ void File::read_cpus(Settings &settings) const {
   char text[256];
   if (!find(kCpus, kWanted, text)) return;
   std::uint64_t cpus[VORN_THRD_CPUSET_WORDS] = {};
-  if (vorn_cpum_parse_cpumask(text, cpus) != 0)
+  const bool is_list = vorn_cpum_parse_cpumask(text, cpus) == 0;
+  if (!is_list || std::ranges::all_of(cpus, [](std::uint64_t word) { return word == 0; }))
     refuse(std::string(kCpus) + " is '" + escape(text).c_str() + "', wanted: " + kWanted);
   settings.cpus = text;
 }
@@ -169,7 +176,8 @@ Settings read_settings(const std::string &path) {
   Settings settings;
   for (const Item &item : kItems)
     file.read(item, settings);
-  file.read_product(settings);
+  file.load(kProduct, vorn_cpum_init, "partitions", settings.product);
+  file.load(kNuma, vorn_numam_init, "NUMA nodes", settings.numa);
   file.read_cpus(settings);
   return settings;
 }

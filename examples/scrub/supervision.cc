@@ -1,3 +1,4 @@
+// Checks scheduled work by a timer, and runs the stall drill.
 #include "supervision.hpp"
 
 #include <stdexcept>
@@ -9,7 +10,7 @@ namespace scrub {
 namespace {
 
 constexpr std::uint64_t kInterval = 1000; // milliseconds
-// As long as it lasts, an overrun is logged by each check.
+// The library logs an overrun at each check.
 constexpr std::uint64_t kIntervalOfOverrun = 60'000;
 
 } // namespace
@@ -25,7 +26,7 @@ Supervision::Supervision(Progress &progress, CpuUsage &cpus, bool stall)
   if (stall_) stalled_.start();
 }
 
-// After an interrupt the stalled item is not waited for, but let go.
+// After an interrupt, this releases the stalled item at once.
 Supervision::~Supervision() {
   vorn_timer_delete_sync(&timer_);
   noticed_ = true;
@@ -45,7 +46,7 @@ void Supervision::expired(std::uint64_t self) {
   vorn_timer_modify(&supervision.timer_, interval);
 }
 
-// Returns how long to wait with the next.
+// Returns the milliseconds until the next check.
 std::uint64_t Supervision::check() {
   cpus_.sample();
   const bool overran = vorn_sched_work_timeout_theck() != 0;

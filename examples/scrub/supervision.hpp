@@ -1,5 +1,6 @@
-// Looks every second whether scheduled work overruns its time limit or the pool stands still, as a
-// device that hangs has it do. The library logs what it finds; the operator is told to look there.
+// Checks every second whether scheduled work overruns its time limit or the pool stands still,
+// which a hanging device causes. The library logs what it finds; the run tells the operator to look
+// there.
 #ifndef SCRUB_SUPERVISION_HPP
 #define SCRUB_SUPERVISION_HPP
 
@@ -15,14 +16,14 @@ namespace scrub {
 
 class Supervision {
 public:
-  // Samples the CPUs meanwhile. With stall, adds an item that overruns until that has been noticed.
-  // Throws std::runtime_error when no timer can be armed.
+  // Samples the CPUs at each check. If stall is set, adds an item that overruns until a check
+  // notices it. Throws std::runtime_error if no timer can be armed.
   Supervision(Progress &progress, CpuUsage &cpus, bool stall);
   Supervision(const Supervision &) = delete;
   Supervision &operator=(const Supervision &) = delete;
   ~Supervision();
 
-  // Waits until the stall, if there is one, has been noticed. No line is printed from then on.
+  // Waits until a check has noticed the stall, if there is one. Prints no line after that.
   void finish();
 
 private:
@@ -32,7 +33,7 @@ private:
   Progress &progress_;
   CpuUsage &cpus_;
   const bool stall_;
-  std::atomic<bool> noticed_ = false; // or not awaited any more
+  std::atomic<bool> noticed_ = false; // or no longer awaited
   vorn_timer_s timer_{};
   Work stalled_;
 };

@@ -1,3 +1,4 @@
+// Formats names and numbers.
 #include "text.hpp"
 
 #include <algorithm>
@@ -9,9 +10,9 @@
 namespace scrub {
 namespace {
 
-// The length of the character that text begins with where it may stand as it is, else 0: then its
-// first byte is escaped. Not only the control characters of ASCII speak to terminals, those from
-// U+0080 to U+009F do as well.
+// Returns the length of the first character of text if it needs no escape, or else 0: the caller
+// escapes the first byte. Terminals obey the control characters U+0080 to U+009F as they do those
+// of ASCII.
 std::size_t plain_length(std::string_view text) {
   constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000}; // by length
   const auto first = static_cast<unsigned char>(text[0]);

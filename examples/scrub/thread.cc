@@ -1,3 +1,4 @@
+// Starts a run's threads under the strategy of its settings.
 #include "thread.hpp"
 
 #include <stdexcept>
@@ -21,7 +22,7 @@ struct Thread::State {
         static_cast<std::shared_ptr<State> *>(argument));
     State &state = **own;
     vorn_thrd_setname("%s", state.name.c_str());
-    vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_IO); // a refusal is in the log
+    vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_IO); // the library logs a failure
     {
       const WorkingFor work(state.instance);
       state.body();

@@ -1,4 +1,4 @@
-// A thread of the library that runs a function, under a name and the I/O strategy, and works for
+// Runs a function in a thread of the library that has a name and the I/O strategy, and works for
 // the instance of the thread that started it.
 #ifndef SCRUB_THREAD_HPP
 #define SCRUB_THREAD_HPP
@@ -11,12 +11,12 @@
 
 namespace scrub {
 
-// Threads that are started from now on run on these CPUs, this nice. Throws std::runtime_error.
+// Sets the CPUs and the nice value of the threads that start after this. Throws std::runtime_error.
 void set_strategy(const Settings &settings);
 
 class Thread {
 public:
-  // body must not throw. Throws std::runtime_error when no thread can be started.
+  // body must not throw. Throws std::runtime_error if no thread can be started.
   Thread(const std::string &name, std::function<void()> body);
   Thread(Thread &&) = default;
   Thread &operator=(Thread &&) = delete;
@@ -25,7 +25,8 @@ public:
 private:
   struct State;
 
-  // The thread's own, too: it is still raising the semaphore in it when whoever waits goes on.
+  // Shared with the thread, which may still be raising the semaphore when the waiting thread goes
+  // on.
   std::shared_ptr<State> state_;
 };
 

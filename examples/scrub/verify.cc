@@ -1,3 +1,4 @@
+// Compares a tree with its manifest.
 #include "scrub.hpp"
 
 #include <cerrno>
@@ -9,7 +10,7 @@
 
 #include "comparison.hpp"
 #include "data_file.hpp"
-#include "failure.hpp"
+#include "errors.hpp"
 #include "interrupt.hpp"
 #include "log.hpp"
 #include "manifest_reader.hpp"
@@ -22,7 +23,7 @@
 namespace scrub {
 namespace {
 
-// Reads a manifest to its end, so that a bad one is refused before anything is compared with it.
+// Reads the whole manifest first, so that a bad one is refused before the comparison begins.
 Totals check_manifest(int fd, const std::string &name) {
   ManifestReader manifest(fd, name);
   FileRecord file;
@@ -41,8 +42,8 @@ bool is_below(std::string_view path, std::string_view directory) {
          path.starts_with(directory);
 }
 
-// Goes through the manifest and the tree side by side, both in path order, in the reader's thread;
-// there makes the tasks that compare.
+// Walks the manifest and the tree side by side, both in path order, in the reader's thread, and
+// adds the tasks that compare.
 class Verifier {
 public:
   Verifier(Pipeline &pipeline, ManifestReader &manifest, Walk &walk, Comparison &comparison)
@@ -94,7 +95,7 @@ private:
     next_found();
   }
 
-  // All that is recorded below it comes next, and cannot be reached.
+  // The records that follow are of files below it, which cannot be reached.
   void skip_directory() {
     const char *why = std::strerror(found_.error);
     pipeline_.then(
@@ -126,7 +127,7 @@ private:
     pipeline_.then([this, ending] { comparison_.end(ending); });
   }
 
-  // Reads each recorded block that is still there as a whole.
+  // Reads each recorded block that the file still holds as a whole.
   void read_blocks(DataFile &file) {
     std::uint64_t left = recorded_.size;
     while (left != 0) {
@@ -162,7 +163,7 @@ private:
 } // namespace
 
 ExitStatus verify(const Job &job) {
-  const std::string name = job.places.manifest();
+  const std::string name = job.paths.manifest();
   const Fd fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd) fail("cannot open the manifest " + name);
   std::printf("Verifying %s against %s\n", job.root.c_str(), name.c_str());
@@ -171,7 +172,7 @@ ExitStatus verify(const Job &job) {
             recorded.files);
 
   ManifestReader manifest(fd.get(), name);
-  const OwnFiles own(job.places);
+  const OwnFiles own(job.paths);
   Walk walk(job.root, own);
   Report report(recorded.bytes);
   Supervision supervision(report.progress(), report.cpus(), job.stall);

@@ -1,3 +1,4 @@
+// Walks a tree in path order.
 #include "walk.hpp"
 
 #include <algorithm>
@@ -5,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "failure.hpp"
+#include "errors.hpp"
 #include "manifest.hpp"
 
 namespace scrub {
@@ -13,11 +14,11 @@ namespace {
 
 bool is_dot(std::string_view name) { return name == "." || name == ".."; }
 
-// Not every file system tells the type with the name.
+// Some file systems do not tell the type with the name.
 unsigned char type_of(int directory, const dirent &entry) {
   if (entry.d_type != DT_UNKNOWN) return entry.d_type;
   struct stat status {};
-  // What has vanished meanwhile is reported when it is opened.
+  // A name that has vanished is reported when it is opened.
   if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_REG;
   return IFTODT(status.st_mode);
 }
@@ -25,7 +26,7 @@ unsigned char type_of(int directory, const dirent &entry) {
 } // namespace
 
 Walk::Walk(const std::string &root, const OwnFiles &own) : own_(own) {
-  // The root alone may be a link: whoever names it means where it leads.
+  // Only the root may be a link: the caller means its target.
   if (const int error = enter(AT_FDCWD, (root + "/.").c_str()); error != 0)
     fail("cannot read directory " + root, error);
 }
@@ -64,7 +65,7 @@ bool Walk::next(Found &found) {
   return false;
 }
 
-// Returns 0 or why the directory cannot be read.
+// Returns 0, or the errno that says why the directory cannot be read.
 int Walk::enter(int parent, const char *name) {
   const int fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return errno;

@@ -1,5 +1,5 @@
-// Walks a tree in path order, one file at a time. It holds the names of the directories that lead
-// to the current file, not of the tree.
+// Walks a tree in path order, one file at a time. Its memory holds the names of the directories
+// that lead to the current file, not of the whole tree.
 #ifndef SCRUB_WALK_HPP
 #define SCRUB_WALK_HPP
 
@@ -9,28 +9,28 @@
 #include <string>
 
 #include "memory.hpp"
-#include "places.hpp"
+#include "own_files.hpp"
 
 namespace scrub {
 
-// A regular file, or what cannot be read: a directory, or a file whose path is too long. Valid
-// until the next step of the walk.
+// A regular file, or something that cannot be read: a directory, or a file whose path is too long.
+// Valid until the next step of the walk.
 struct Found {
   String path;
-  int directory = -1;         // where it can be opened, and
-  const char *name = nullptr; // under which name
-  int error = 0;              // not 0: why it cannot be read
+  int directory = -1;         // to open it in, and
+  const char *name = nullptr; // the name there
+  int error = 0;              // if not 0, why it cannot be read
 };
 
 class Walk {
 public:
-  // Throws std::system_error when root cannot be read.
+  // Throws std::system_error if root cannot be read.
   Walk(const std::string &root, const OwnFiles &own);
 
-  // False at the end.
+  // Returns false at the end.
   bool next(Found &found);
 
-  // What is neither file nor directory is left out. Links are not followed.
+  // The links and special files that the walk has met and left out.
   std::uint64_t links() const { return links_; }
   std::uint64_t specials() const { return specials_; }
 
@@ -44,7 +44,7 @@ private:
   };
   struct Level {
     std::unique_ptr<DIR, CloseDirectory> directory;
-    std::size_t path_length; // of the directory, with the slash behind it
+    std::size_t path_length; // of the directory, with the slash after it
     Vector<Entry> entries;
     std::size_t next = 0;
   };
@@ -54,7 +54,7 @@ private:
 
   const OwnFiles &own_;
   Vector<Level> levels_;
-  String path_; // of the current directory and its slash, or of what was found
+  String path_; // of the current directory with its slash, or of the file found
   std::uint64_t links_ = 0;
   std::uint64_t specials_ = 0;
 };

@@ -1,3 +1,4 @@
+// Queues a function as scheduled work.
 #include "work.hpp"
 
 #include <utility>
@@ -17,7 +18,7 @@ Work::~Work() {
     vorn_10msleep(1);
 }
 
-// A positive result is of the wake-up: the item is queued then.
+// A positive result means that the wake-up failed; the item is queued.
 void Work::start() {
   started_ = true;
   if (vorn_sched_add_work(&item_) < 0) run(&item_);

@@ -1,4 +1,4 @@
-// An item of the library's scheduled work that runs a function once, under a time limit.
+// Runs a function once as an item of the library's scheduled work, under a time limit.
 #ifndef SCRUB_WORK_HPP
 #define SCRUB_WORK_HPP
 
@@ -17,7 +17,7 @@ public:
   Work &operator=(const Work &) = delete;
   ~Work(); // takes the item off the queue, or waits until body has returned
 
-  // Has body run in a thread of the pool; here, where the pool takes no work. To be called once.
+  // Runs body in a thread of the pool, or in the caller if the pool refuses the item. Called once.
   void start();
   bool done() const { return done_.load(std::memory_order_acquire); }
 

@@ -1,3 +1,4 @@
+// Reads the affinity levels and binds threads to their CPUs.
 #include "vorn_affinity.h"
 
 #include <cstddef>
@@ -23,8 +24,8 @@ constexpr char kProcess[] = "app_data";
 constexpr char kLevelName[] = "affinity_level_1";
 constexpr char kItem[] = "THREAD_CPU_AFFINITY_LIST";
 
-// Written before the flag is set, and read after that alone. It has no name while it is not
-// configured.
+// Written before the flag is set, and read only after that. A level that is not configured has no
+// name.
 constinit Level level_1{};
 constinit Once started{OncePolicy::kRetry};
 
@@ -32,7 +33,7 @@ void vorn_parse_affinity_value(char *value, Level &level) {
   char *rest = nullptr;
   for (const char *item = strtok_r(value, ",", &rest); item != nullptr;
        item = strtok_r(nullptr, ",", &rest)) {
-    // A negative number is a very large one here.
+    // A negative number becomes a very large one.
     const auto cpu = static_cast<unsigned long>(std::strtol(item, nullptr, 10));
     if (cpu < VORN_THRD_CPU_COUNT) vorn_set_bit(static_cast<uint32_t>(cpu), level.cpuset);
   }
@@ -51,7 +52,7 @@ int vorn_parse_affinity_level(const char *name, Level &level) {
   return 0;
 }
 
-// A level that is not configured does not hinder the start.
+// A level that is not configured does not fail the start.
 int start() {
   char process[32];
   if (vorn_get_process_name(process, sizeof process) != 0) {

@@ -1,13 +1,13 @@
-// Full barriers: what stands before them in the program is seen by every CPU before what stands
-// behind them, reads and writes alike.
+// Defines full barriers: every CPU sees the reads and writes before a barrier before those after
+// it.
 //
 //   full_barrier()               between any two accesses
-//   full_barrier_after_atomic()  behind an atomic read-modify-write, when nothing was written
-//   since:
-//                                free where the read-modify-write is a full barrier itself
+//   full_barrier_after_atomic()  right after an atomic read-modify-write, without a write in
+//   between;
+//                                free if the read-modify-write is itself a full barrier
 //
-// The thread sanitizer does not model fences: what it must see ordered is ordered by acquire loads
-// and release stores as well.
+// The thread sanitizer does not model fences: the code also uses acquire loads and release stores
+// for the order that the sanitizer must see.
 #ifndef VORN_ARCH_BARRIER_HPP
 #define VORN_ARCH_BARRIER_HPP
 

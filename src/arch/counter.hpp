@@ -1,4 +1,5 @@
-// The constant-rate counter behind every timestamp: vorn::arch::counter() and counter_frequency().
+// Declares the constant-rate counter that every timestamp is read from: counter() and
+// counter_frequency().
 #ifndef VORN_ARCH_COUNTER_HPP
 #define VORN_ARCH_COUNTER_HPP
 

@@ -1,11 +1,11 @@
-// The checksums by special instructions:
-//   vorn::arch::CrcProbe       which of them a processor has
-//   vorn::arch::crc_probe      which of them this one has
-//   vorn::arch::has_crc32c()   whether these may be called:
-//   vorn::arch::crc32c()       the register carried on over length bytes
-//   vorn::arch::crc32c_copy()  the same while copying them, each word stored before it is used
-//   vorn::arch::has_crc16()    whether this may be called:
-//   vorn::arch::crc16()        the register carried on over length bytes, 16 at least
+// Declares the checksums by special instructions:
+//   vorn::arch::CrcProbe       the instructions that a processor has
+//   vorn::arch::crc_probe      the instructions that this processor has
+//   vorn::arch::has_crc32c()   whether the next two may be called:
+//   vorn::arch::crc32c()       returns the register after length more bytes
+//   vorn::arch::crc32c_copy()  the same, and copies them; it stores each word before it uses the
+//   word vorn::arch::has_crc16()    whether the next one may be called: vorn::arch::crc16() returns
+//   the register after length more bytes, at least 16
 #ifndef VORN_ARCH_CRC_HPP
 #define VORN_ARCH_CRC_HPP
 

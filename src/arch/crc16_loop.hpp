@@ -1,12 +1,15 @@
-// CRC-16/T10-DIF by carry-less multiplication.
+// Computes CRC-16/T10-DIF by carry-less multiplication.
 //
 // A vector holds the polynomial of its bytes, the first bit of the first byte being the highest
 // power. Moving it d bytes towards the end of the input multiplies it by x^(8 d), which may be
 // taken modulo the checksum's polynomial in each half: with h and l the halves,
 //   (h * x^64 + l) * x^(8 d) = h * (x^(8 d + 64) mod P) + l * (x^(8 d) mod P)   (modulo P)
-// so that two multiplications fold it onto the vector d bytes further on. Eight vectors are under
-// way at a time, each folded onto the one eight further on; at the end each is folded onto the last
-// by the distance that is left, and what remains of the input with them.
+// so that two multiplications fold it onto the vector d bytes further on.
+//
+// 1. Load eight vectors, and add the register to the first.
+// 2. Fold each of the eight onto the vector eight further on, while there is one.
+// 3. Fold each of the eight onto the last by the remaining distance, and the rest of the input too.
+// 4. Reduce the last vector to 16 bits.
 #ifndef VORN_ARCH_CRC16_LOOP_HPP
 #define VORN_ARCH_CRC16_LOOP_HPP
 
@@ -20,7 +23,7 @@
 
 namespace vorn::arch {
 
-// What folds a vector: the multipliers of its low and its high half.
+// The multipliers that fold the low and the high half of a vector.
 struct alignas(16) Crc16Fold {
   std::uint64_t low;
   std::uint64_t high;
@@ -38,7 +41,7 @@ template <unsigned int kBytes> consteval std::array<Crc16Fold, 16> crc16_folds()
   return folds;
 }
 
-// From 128 bits to 16. The checksum of h * x^64 + l is that times x^16, modulo P:
+// Reduces 128 bits to 16. The checksum of h * x^64 + l is that times x^16, modulo P:
 //   t = h * (x^80 mod P)           80 bits: adding l * x^16 makes them v, whose remainder it is
 //   a = (t >> 16) + l              v / x^16
 //   q = a + (a * m >> 64)          v / P, with m = x^80 / P less its x^64
@@ -57,12 +60,12 @@ consteval std::uint64_t crc16_quotient() {
 
 inline constexpr std::uint64_t kCrc16Quotient = crc16_quotient();
 
-// Of the register, what the first count > 0 bytes of the input leave to the bytes behind them.
+// Returns the bits of the register that remain for the bytes after the first count > 0 bytes.
 [[gnu::always_inline]] constexpr std::uint16_t crc16_left(std::uint16_t crc, std::size_t count) {
   return static_cast<std::uint16_t>(count == 1 ? crc << 8 : 0);
 }
 
-// A protected sector, the length that is computed most.
+// A protected sector, the most frequent length.
 inline constexpr std::size_t kCrc16Sector = 512;
 
 // Sixteen bytes from kCrc16Head + 16 - n pick the first n bytes of a vector as loaded, the last of
@@ -71,21 +74,20 @@ inline constexpr std::uint8_t kCrc16Head[32] = {
     15,   14,   13,   12,   11,   10,   9,    8,    7,    6,    5,    4,    3,    2,    1,    0,
     0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
 
-// Vector is the processor's part, and a type of the including file's own, so that no code compiled
-// for special instructions is shared with another file:
+// Vector is the processor's part. Each including file defines its own type, so that the linker does
+// not merge code that is compiled for special instructions with another file's:
 //   kBytes                    16, or 32 for two of these side by side, the first in the low lane
 //   load(data)                kBytes from data
-//   start(crc)                what adds the register to a vector that the input begins with
-//   head(crc, data, count)    the register carried on over count < kBytes bytes, folded onto the
-//                             vector behind them; kBytes can be read at data
+//   start(crc)                the register as a vector, to add to the first vector of the input
+//   head(crc, data, count)    the register after count < kBytes bytes, folded onto the vector after
+//                             them; kBytes can be read at data
 //   operator^                 the sum
 //   fold(vector, Crc16Fold)   each lane by itself
 //   reduce()                  the checksum
 template <class Vector> class Crc16Loop {
 public:
-  // The register carried on over length bytes, Vector::kBytes at least. What handles short inputs
-  // is inlined where they arrive, what handles long ones is not, so that the short save no
-  // registers.
+  // Returns the register after length more bytes, at least Vector::kBytes. The code for short
+  // inputs is inlined and the code for long inputs is not, so that short inputs save no registers.
   [[gnu::always_inline]] static std::uint16_t run(std::uint16_t crc, const std::uint8_t *data,
                                                   std::size_t length) {
     if (length == kCrc16Sector) return sector(crc, data);
@@ -102,13 +104,13 @@ private:
   static constexpr std::size_t kBlock = kUnderWay * kBytes;
   static constexpr std::size_t kAhead = 1024; // bytes from the data in use to the data prefetched
 
-  // Vectors under way. What handles them is always inlined: they stay in registers.
+  // The eight vectors. Their functions are always inlined, so that they stay in registers.
   using Lanes = std::array<Vector, kUnderWay>;
 
   static constexpr auto kFolds = crc16_folds<kBytes>();
   static_assert(kFolds.size() == 2 * kUnderWay);
 
-  // Calls what with 0 to kCount - 1, each a constant.
+  // Calls what with the constants 0 to kCount - 1.
   template <std::size_t kCount, class Do> [[gnu::always_inline]] static void each(Do what) {
     const auto calls = [&]<std::size_t... kIndex>(std::index_sequence<kIndex...>)
         __attribute__((always_inline)) {
@@ -132,17 +134,17 @@ private:
     });
   }
 
-  // All lanes folded onto the vector that lies behind vectors after the last of them.
-  [[gnu::always_inline]] static Vector gather(const Lanes &lanes, std::size_t behind) {
+  // Folds all lanes onto the vector that is distance vectors after the last lane.
+  [[gnu::always_inline]] static Vector gather(const Lanes &lanes, std::size_t distance) {
     Vector sum = lanes[kUnderWay - 1];
-    if (behind != 0) sum = fold(sum, kFolds[behind]);
+    if (distance != 0) sum = fold(sum, kFolds[distance]);
     each<kUnderWay - 1>([&](auto i) __attribute__((always_inline)) {
-      sum = sum ^ fold(lanes[i], kFolds[kUnderWay - 1 - i + behind]);
+      sum = sum ^ fold(lanes[i], kFolds[kUnderWay - 1 - i + distance]);
     });
     return sum;
   }
 
-  // sum, already folded onto the last of the vectors at data, and these.
+  // Adds the vectors at data to sum, which is folded onto the last of them already.
   static Vector finish(Vector sum, const std::uint8_t *data, std::size_t vectors) {
     for (; vectors > 1; --vectors) {
       sum = sum ^ fold(Vector::load(data), kFolds[vectors - 1]);
@@ -174,7 +176,7 @@ private:
     return sum.reduce();
   }
 
-  // Exactly kCrc16Sector bytes: without a loop.
+  // For exactly kCrc16Sector bytes, without a loop.
   [[gnu::noinline]] static std::uint16_t sector(std::uint16_t crc, const std::uint8_t *data) {
     Lanes lanes = begin(Vector::start(crc), data);
     each<kCrc16Sector / kBlock - 1>([&](auto block) __attribute__((always_inline)) {

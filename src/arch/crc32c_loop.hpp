@@ -1,13 +1,16 @@
-// CRC-32C by instruction, for every processor that has one. A step waits for the step before it,
-// for two or three cycles, while the processor could begin one in each: so long inputs are cut into
-// three lanes of whole words that run side by side, and are then joined.
+// Computes CRC-32C by the processor's instruction. A step waits two or three cycles for the
+// previous step, but the processor can begin a step in each cycle. Hence:
+//
+// 1. Cut a long input into three lanes of whole words.
+// 2. Run the steps of the three lanes side by side.
+// 3. Join the registers of the lanes.
 //
 // Joining: with the registers a, b and c of three lanes of n words each, the register of the whole
 // is a * x^(128 n) + b * x^(64 n) + c modulo the polynomial. A carry-less multiplication of two
 // reflected 32-bit values gives their product times x, reflected, in 64 bits; a step over that as
 // if it were data multiplies it by x^32 and reduces it. So with the constant x^(64 d - 33), one
-// multiplication and a step carry a register over d words; and the step over the last word of the
-// third lane serves for all that is carried, which is added to that word first.
+// multiplication and a step carry a register over d words. The carried registers are added to the
+// last word of the third lane, so that its step serves for them too.
 #ifndef VORN_ARCH_CRC32C_LOOP_HPP
 #define VORN_ARCH_CRC32C_LOOP_HPP
 
@@ -42,9 +45,9 @@ consteval Crc32cCarries crc32c_carries() {
 
 inline constexpr Crc32cCarries kCrc32cCarries = crc32c_carries();
 
-// Step is the processor's part, and a type of the including file's own, so that no code compiled
-// for special instructions is shared with another file:
-//   Register                       what the instruction takes and gives
+// Step is the processor's part. Each including file defines its own type, so that the linker does
+// not merge code that is compiled for special instructions with another file's:
+//   Register                       the instruction's operand and result
 //   add(Register, word)            a step over a word of 8, 4, 2 or 1 bytes
 //   multiply(Register, constant)   the low 64 bits of the carry-less product
 template <class Step> class Crc32cLoop {
@@ -53,7 +56,7 @@ template <class Step> class Crc32cLoop {
 public:
   static constexpr std::size_t kWord = sizeof(std::uint64_t);
 
-  // Where words come from: from memory,
+  // Reads words from memory.
   struct Reader {
     const std::uint8_t *from;
 
@@ -65,7 +68,7 @@ public:
     void skip(std::size_t bytes) { from += bytes; }
   };
 
-  // or from memory while they are copied: each is stored before it is used.
+  // Reads words from memory and copies them: stores each word before it is used.
   struct Copier {
     const std::uint8_t *from;
     std::uint8_t *to;
@@ -87,7 +90,7 @@ public:
     return {static_cast<const std::uint8_t *>(from), static_cast<std::uint8_t *>(to)};
   }
 
-  // The register carried on over length bytes.
+  // Returns the register after length more bytes.
   template <class Source>
   [[gnu::always_inline]] static std::uint32_t run(Register crc, Source source, std::size_t length) {
     if (length >= kMinLanes) [[unlikely]]
@@ -95,10 +98,10 @@ public:
     return run_chain(crc, source, length);
   }
 
-  // The same in a single chain, for short inputs: inlined where they arrive.
+  // The same in a single chain, for short inputs. Inlined.
   template <class Source> [[gnu::always_inline]] static std::uint32_t
   run_chain(Register crc, Source source, std::size_t length) {
-    if (length >= 8 * kWord) { // whose multiples, the most usual, need none of the rest
+    if (length >= 8 * kWord) { // the rest of this is not needed for multiples, the usual lengths
       for (; length >= 8 * kWord; length -= 8 * kWord)
         crc = words<8>(crc, source);
       if (length == 0) [[likely]]
@@ -114,7 +117,7 @@ public:
     return static_cast<std::uint32_t>(crc);
   }
 
-  // The same in lanes, for long ones: a function of its own, so that the short save no registers.
+  // The same in lanes, for long inputs. Not inlined, so that short inputs save no registers.
   template <class Source> [[gnu::noinline]] static std::uint32_t
   run_lanes(Register crc, Source source, std::size_t length) {
     while (length >= kMinLanes) {
@@ -129,7 +132,7 @@ public:
     return run_chain(crc, source, length);
   }
 
-  // Calls what kTimes times, without a loop.
+  // Calls what kTimes times without a loop.
   template <std::size_t kTimes, class Do> [[gnu::always_inline]] static void repeat(Do what) {
     if constexpr (kTimes > 0) {
       what();
@@ -137,7 +140,7 @@ public:
     }
   }
 
-  // Three lanes of words, the first of which lies at the source.
+  // Handles three lanes of words, the first of which is at source.
   class Lanes {
   public:
     Lanes(Register crc, std::size_t words) : first_(crc), words_(words), left_(words) {}
@@ -151,8 +154,8 @@ public:
       --left_;
     }
 
-    // The last step of each, and the register of all three, with what else is carried to there.
-    // Leaves source behind the third lane.
+    // Makes the last step of each lane, and returns the joined register, with the other register
+    // that is carried there. Leaves source after the third lane.
     template <class Source>
     [[gnu::always_inline]] Register join(Source &source, std::uint64_t carried) {
       step_first_two(source);

@@ -1,5 +1,5 @@
-// The polynomials of the two checksums and the powers of x modulo them, from which every constant
-// of the checksum routines is computed by the compiler.
+// Defines the polynomials of the two checksums and the powers of x modulo them. The compiler
+// computes every constant of the checksum routines from these.
 #ifndef VORN_ARCH_CRC_POLYNOMIAL_HPP
 #define VORN_ARCH_CRC_POLYNOMIAL_HPP
 

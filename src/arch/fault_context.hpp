@@ -1,5 +1,5 @@
-// The registers that a signal handler finds: their names, their order in the register record
-// (vorn_sig_calltrace.h), and where a ucontext_t has them.
+// Describes the registers that a signal handler finds: their names, their order in the register
+// record (vorn_sig_calltrace.h), and their places in a ucontext_t.
 #ifndef VORN_ARCH_FAULT_CONTEXT_HPP
 #define VORN_ARCH_FAULT_CONTEXT_HPP
 

@@ -1,6 +1,5 @@
-// VORN_FORWARD(from, to): defines the exported function from, which passes every argument it is
-// called with, whatever their number and types, to the function to and returns whatever that
-// returns.
+// Declares VORN_FORWARD(from, to), which defines the exported function from. It passes all its
+// arguments, of any number and types, to the function to, and returns the result of that.
 #ifndef VORN_ARCH_FORWARD_HPP
 #define VORN_ARCH_FORWARD_HPP
 

@@ -1,4 +1,4 @@
-// vorn::arch::pause(): tells the processor that a loop waits for memory that another CPU writes.
+// Declares pause(), which tells the processor that a loop waits for memory that another CPU writes.
 #ifndef VORN_ARCH_PAUSE_HPP
 #define VORN_ARCH_PAUSE_HPP
 

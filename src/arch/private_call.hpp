@@ -1,4 +1,4 @@
-// The system call that the node's kernel module claims: vorn::arch::private_call().
+// Declares private_call(), the system call that the node's kernel module claims.
 #ifndef VORN_ARCH_PRIVATE_CALL_HPP
 #define VORN_ARCH_PRIVATE_CALL_HPP
 

@@ -1,3 +1,4 @@
+// Implements the AVL tree.
 #include "vorn_avl.h"
 
 #include <cstddef>
@@ -22,17 +23,17 @@ static_assert(offsetof(Tree, root) == 0 && offsetof(Tree, add_compare) == 8 &&
 constexpr unsigned int kLeft = 0;
 constexpr unsigned int kRight = 1;
 
-// The node's address is even, so its lowest bit is free for the side.
+// The address of a node is even, so its lowest bit holds the side.
 static_assert(alignof(Node) > 1);
 constexpr unsigned long kSideBit = 1;
 
-// What a subtree that grows by one level on a side adds to the balance.
+// Returns the change of the balance if the subtree on a side grows by one level.
 constexpr std::int32_t kStepOfSide[] = {-1, 1};
 
-// Indexed by a balance, or a comparison's result, plus 1.
+// The index is a balance, or the result of a comparison, plus 1.
 constexpr unsigned int kSideOfBalance[] = {kLeft, kLeft, kRight};
 
-// A link of the tree: the child of parent on that side; the root's when parent is NULL.
+// A link of the tree: to the child of parent on that side, or to the top node if parent is NULL.
 struct Place {
   Node *parent;
   unsigned int side;
@@ -64,7 +65,7 @@ Place place_at(unsigned long where) {
   return {reinterpret_cast<Node *>(where & ~kSideBit), static_cast<unsigned int>(where & kSideBit)};
 }
 
-// Puts node, or nothing, at a place below a parent.
+// Stores node, which may be NULL, at a place below a parent.
 void link_child(Place place, Node *node) {
   place.parent->children[place.side] = node;
   if (node == nullptr) return;
@@ -72,7 +73,7 @@ void link_child(Place place, Node *node) {
   node->child_index = place.side;
 }
 
-// The same at any place.
+// The same for any place.
 void link(Tree *tree, Place place, Node *node) {
   if (place.parent != nullptr) return link_child(place, node);
   tree->root = node;
@@ -94,8 +95,8 @@ Node *neighbour(Node *node, unsigned int side) {
   return node->parent;
 }
 
-// Both children are fetched while the comparison runs, and its result selects between them without
-// a branch: which way a search turns cannot be predicted.
+// Loads both children during the comparison, and selects one without a branch: the processor could
+// not predict the direction of a search.
 void *find_val_node(const Tree *tree, const void *value, unsigned long *where, bool use_find) {
   const vorn_avl_compare_f compare = use_find ? tree->find_compare : tree->add_compare;
   Node *parent = nullptr;
@@ -120,8 +121,8 @@ void *find_val_node(const Tree *tree, const void *value, unsigned long *where, b
   return nullptr;
 }
 
-// Node is heavy on that side; its child there takes its place. Returns whether the subtree became
-// lower.
+// Rotates: node is heavy on that side, and its child there takes its place. Returns whether the
+// subtree became lower.
 bool rotate_single(Tree *tree, Node *node, unsigned int heavy) {
   const unsigned int light = opposite(heavy);
   Node *child = node->children[heavy];
@@ -135,7 +136,8 @@ bool rotate_single(Tree *tree, Node *node, unsigned int heavy) {
   return lower;
 }
 
-// The child on the heavy side leans the other way: its inner child takes node's place.
+// Rotates twice: the child on the heavy side leans the other way, and its inner child takes node's
+// place.
 void rotate_double(Tree *tree, Node *node, unsigned int heavy) {
   const unsigned int light = opposite(heavy);
   Node *child = node->children[heavy];
@@ -152,8 +154,8 @@ void rotate_double(Tree *tree, Node *node, unsigned int heavy) {
   inner->balance = 0;
 }
 
-// Mends a node whose balance would be 2 levels towards heavy. Returns whether the subtree that
-// stands in its place is lower than it was.
+// Rebalances a node whose balance would be 2 levels towards heavy. Returns whether its subtree
+// became lower.
 bool rotate(Tree *tree, Node *node, unsigned int heavy) {
   if (node->children[heavy]->balance != -kStepOfSide[heavy])
     return rotate_single(tree, node, heavy);
@@ -161,8 +163,8 @@ bool rotate(Tree *tree, Node *node, unsigned int heavy) {
   return true;
 }
 
-// The subtree at place has grown by one level. Returns whether an ancestor took that up by coming
-// into balance.
+// Rebalances the ancestors after the subtree at place has grown by one level. Returns whether an
+// ancestor came into balance by that.
 bool retrace_insertion(Tree *tree, Place place) {
   while (place.parent != nullptr) {
     Node *node = place.parent;
@@ -179,7 +181,7 @@ bool retrace_insertion(Tree *tree, Place place) {
   return false;
 }
 
-// The subtree at place has become lower by one level.
+// Rebalances the ancestors after the subtree at place has become lower by one level.
 void retrace_removal(Tree *tree, Place place) {
   while (place.parent != nullptr) {
     Node *node = place.parent;
@@ -196,8 +198,8 @@ void retrace_removal(Tree *tree, Place place) {
   }
 }
 
-// Takes node out without rebalancing. Returns the place whose subtree became lower: node's own, or
-// that of the neighbour which moved into it.
+// Removes node without rebalancing. Returns the place whose subtree became lower: that of node, or
+// that of the neighbour that replaced it.
 Place unlink(Tree *tree, Node *node) {
   Node *left = node->children[kLeft];
   Node *right = node->children[kRight];

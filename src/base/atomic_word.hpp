@@ -1,4 +1,4 @@
-// The one atomic form for words of C structures, whose headers cannot name std::atomic.
+// Accesses words of C structures atomically: their headers cannot name std::atomic.
 #ifndef VORN_BASE_ATOMIC_WORD_HPP
 #define VORN_BASE_ATOMIC_WORD_HPP
 
@@ -8,12 +8,12 @@ namespace vorn {
 
 template <class T> std::atomic_ref<T> atomic_word(T &word) { return std::atomic_ref<T>(word); }
 
-// For loads alone: the standard's reference takes no constant word.
+// Allows only loads: std::atomic_ref takes no constant word.
 template <class T> std::atomic_ref<T> atomic_word(const T &word) {
   return std::atomic_ref<T>(const_cast<T &>(word));
 }
 
-// Of a word that C code reads and writes as a volatile one.
+// For a word that C code reads and writes as volatile.
 template <class T> std::atomic_ref<T> atomic_word(volatile T &word) {
   return std::atomic_ref<T>(const_cast<T &>(word));
 }

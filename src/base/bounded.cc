@@ -1,3 +1,4 @@
+// Wraps safeclib's functions and the C library's formatter in the forms of base/bounded.hpp.
 #include "base/bounded.hpp"
 
 #include <algorithm>
@@ -35,13 +36,13 @@ int snprintf_s(char *buffer, std::size_t size, std::size_t count, const char *fo
   return length;
 }
 
-// safeclib refuses a larger destination. A longer text would not fit in what is left of it: those
-// have a copy of their own.
+// safeclib refuses a larger destination, and a text that exceeds the rest of it would not fit.
+// These functions copy such texts themselves.
 int strcpy_s(char *dest, std::size_t size, const char *src) {
   return _strcpy_s_chk(dest, std::min<std::size_t>(size, RSIZE_MAX_STR), src, kUnknownObjectSize);
 }
 
-// safeclib takes at most RSIZE_MAX_MEM bytes a call, and no value that is more than a byte.
+// safeclib fills at most RSIZE_MAX_MEM bytes per call, and refuses a value above a byte.
 int memset_s(void *dest, std::size_t size, int value, std::size_t count) {
   if (dest != nullptr && count > size)
     return _memset_s_chk(dest, size, value, count, kUnknownObjectSize);

@@ -1,9 +1,9 @@
-// The bounds-checked string and memory functions, in the forms that take a count. Copies and fills
-// are safeclib's. Formats go through the C library's own formatter behind the same checks, because
-// safeclib's clears the destination where a text is cut, and these keep it.
+// Declares bounds-checked string and memory functions that take a count. safeclib copies and fills.
+// The C library formats, after the same checks: safeclib's formatter clears a destination that is
+// too small, and these functions keep the cut text.
 //
-// Results: 0, or the number of characters written for a format. On failure a copy gives safeclib's
-// positive error and an empty destination; a format gives -1.
+// They return 0, or the number of characters that a format wrote. On failure, a copy returns
+// safeclib's positive error and empties the destination; a format returns -1.
 #ifndef VORN_BASE_BOUNDED_HPP
 #define VORN_BASE_BOUNDED_HPP
 
@@ -14,9 +14,9 @@
 
 namespace vorn {
 
-// At most count characters and a NUL are stored. A longer text is cut there and gives -1; so do a
-// NULL buffer or format, a zero size and a count that leaves no room for the NUL, which store
-// nothing but an empty text where there is room for one.
+// Stores at most count characters and a NUL. Cuts a longer text there and returns -1. Also returns
+// -1 for a NULL buffer or format, a zero size, and a count that leaves no room for the NUL; then it
+// stores an empty text if there is room for one.
 int vsnprintf_s(char *buffer, std::size_t size, std::size_t count, const char *format,
                 std::va_list args) VORN_PRINTF(4, 0);
 int snprintf_s(char *buffer, std::size_t size, std::size_t count, const char *format, ...)

@@ -1,5 +1,5 @@
-// A view of a text that ends in a NUL, so that it may be handed to "%s" and to the system. It is
-// made from such a text only, and never cut.
+// Defines a view of a text that ends in a NUL, which may be passed to "%s" and to the system. It
+// can be made only from such a text, and cannot be shortened.
 #ifndef VORN_BASE_C_STRING_VIEW_HPP
 #define VORN_BASE_C_STRING_VIEW_HPP
 
@@ -12,7 +12,7 @@ class CStringView {
 public:
   constexpr CStringView(const char *text) : view_(text) {}
 
-  // length is where the NUL stands.
+  // text[length] is the NUL.
   constexpr CStringView(const char *text, std::size_t length) : view_(text, length) {}
 
   constexpr const char *c_str() const { return view_.data(); }

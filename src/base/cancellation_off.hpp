@@ -1,6 +1,6 @@
-// While one exists the thread is not cancelled: it would leave a lock held, a child unreaped or a
-// descriptor open. A cancellation that arrives meanwhile acts at the thread's next cancellation
-// point after the block.
+// Disables cancellation of the calling thread for a scope, in which a cancelled thread would leave
+// a lock held, a child unreaped or a descriptor open. A cancellation that arrives meanwhile takes
+// effect at the thread's next cancellation point after the scope.
 #ifndef VORN_BASE_CANCELLATION_OFF_HPP
 #define VORN_BASE_CANCELLATION_OFF_HPP
 

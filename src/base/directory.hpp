@@ -1,4 +1,4 @@
-// A directory stream of the C library that is closed with its owner.
+// Owns a directory stream of the C library.
 #ifndef VORN_BASE_DIRECTORY_HPP
 #define VORN_BASE_DIRECTORY_HPP
 

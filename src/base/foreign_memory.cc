@@ -1,11 +1,15 @@
-// The kernel is asked for the memory, never the processor: a fault would come in the midst of
-// another one's report.
+// Reads memory through the kernel, which returns an error where a plain load would fault in the
+// middle of the report of another fault.
 //
-// process_vm_readv(2) on the own process checks and copies in one step, takes no descriptor and is
-// allowed whatever the ptrace settings say. A system call filter or an emulator may not have it:
-// there each page is first proved by a futex(2) call, which reads one word of it, and then copied.
-// A page that another thread unmaps in between is a fault. No probe that writes to a pipe, whose
-// descriptors the process may have closed and used for a file.
+// 1. process_vm_readv(2) on the calling process checks and copies in one step. It needs no
+// descriptor
+//    and no ptrace permission.
+// 2. If a system call filter or an emulator refuses that call, a futex(2) call, which reads one
+// word,
+//    tests each page before the copy. The copy faults if another thread unmaps the page in between.
+//
+// Writing to a pipe would test a page too, but the process may have closed the pipe's descriptors
+// and reused them for a file.
 #include "base/foreign_memory.hpp"
 
 #include <cerrno>
@@ -22,7 +26,7 @@ namespace {
 
 constexpr std::uintptr_t kPage = 4096; // no page is smaller
 
-// A wait that is over at once, whether the word has this value or not.
+// The wait ends at once, whether the word has this value or not.
 bool can_read_word(std::uintptr_t at) {
   constexpr timespec kAtOnce{};
   const std::uintptr_t word = at & ~std::uintptr_t{3};
@@ -49,7 +53,8 @@ bool can_read(std::uintptr_t from, std::size_t size) {
 bool copy_foreign(std::uintptr_t from, void *to, std::size_t size) {
   const KeptErrno errno_stays;
   if (size == 0) return true;
-  if (from > UINTPTR_MAX - kPage - size) return false; // the kernel's, and no sum below overflows
+  if (from > UINTPTR_MAX - kPage - size)
+    return false; // memory of the kernel; also, no sum below overflows
   const iovec local{to, size};
   const iovec foreign{reinterpret_cast<void *>(from), size};
   const long copied = syscall(SYS_process_vm_readv, getpid(), &local, 1ul, &foreign, 1ul, 0ul);

@@ -1,4 +1,4 @@
-// Reads memory that may not be there, for code that follows unproved pointers.
+// Reads memory that may be unmapped, for code that follows pointers it cannot trust.
 #ifndef VORN_BASE_FOREIGN_MEMORY_HPP
 #define VORN_BASE_FOREIGN_MEMORY_HPP
 
@@ -7,8 +7,8 @@
 
 namespace vorn {
 
-// Copies size bytes from the address, of whichever value. False when not all of them can be read;
-// what *to then holds is unspecified. Safe in a signal handler; keeps errno.
+// Copies size bytes from any address. Returns false if not all of them can be read; the content of
+// *to is then unspecified. Safe in a signal handler; keeps errno.
 bool copy_foreign(std::uintptr_t from, void *to, std::size_t size);
 
 } // namespace vorn

@@ -1,17 +1,18 @@
-// How fork() waits for the threads that are inside the gate.
+// Makes fork() wait for the threads that are inside the gate.
 //
 //   a thread that enters:  adds itself to `inside`, then reads `closed`
 //   a thread that forks:   adds itself to `closed`, then reads `inside`
 //
-// Both orders are sequentially consistent, so at least one of the two sees the other: the thread
-// that enters steps back, or the one that forks waits for it. A thread counts once, however deeply
-// it nests, and one that is inside does not look at `closed`: it may have to take a further lock to
-// get out. A thread that forks from inside counts itself, and waits for the others only. What runs
-// in the thread that forks until the gate is open again, a signal handler or a function of another
-// pthread_atfork(3), enters without a look at `closed` too: it would wait for its own thread.
+// All four accesses are sequentially consistent, so at least one thread sees the other: the
+// entering thread steps back, or the forking thread waits for it.
 //
-// The wait has an end, in case that a thread inside is stopped, or waits for the one that forks.
-// The child then has that thread's locks as they were.
+// A nested entry does not count and does not read `closed`: a thread inside may need another lock
+// to get out. A thread that forks from inside subtracts itself and waits for the others only. Until
+// the gate is open again, signal handlers and functions of pthread_atfork(3) in the forking thread
+// also enter without reading `closed`: they would wait for their own thread.
+//
+// The wait has a deadline, because a thread inside may be stopped, or wait for the forking thread.
+// The child then inherits that thread's locks as they are.
 #include "base/fork_gate.hpp"
 
 #include <atomic>
@@ -33,12 +34,13 @@ constexpr int kPatienceMilliseconds = 5000;
 constinit std::atomic<std::uint32_t> inside{0};
 constinit std::atomic<std::uint32_t> closed{0};
 thread_local constinit unsigned int t_depth __attribute__((tls_model("initial-exec"))) = 0;
-// Forks that the thread has begun: more than one where a signal handler forks in the midst of one.
+// Forks that the thread has begun: more than one if a signal handler forks during a fork.
 thread_local constinit unsigned int t_forking __attribute__((tls_model("initial-exec"))) = 0;
 
 constinit ForkChild *children = nullptr; // linked while the library is loaded
 
-// syscall(2) is no cancellation point. Waits a millisecond at most, so that no wake-up can be lost.
+// syscall(2) is not a cancellation point. Waits at most a millisecond, so that a lost wake-up does
+// no harm.
 void wait_for_change(const std::atomic<std::uint32_t> &word, std::uint32_t value) {
   constexpr timespec kLongest{0, 1000000};
   syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, &kLongest);
@@ -63,7 +65,7 @@ std::int64_t milliseconds_now() {
 
 void close_gate() {
   const KeptErrno errno_stays;
-  ++t_forking; // before the gate is closed, until after it was opened
+  ++t_forking; // from before the gate closes until after it opens
   closed.fetch_add(1, std::memory_order_seq_cst);
   const std::int64_t end = milliseconds_now() + kPatienceMilliseconds;
   for (;;) {

@@ -1,20 +1,21 @@
-// The gate that fork() closes: it waits until no thread is inside, and lets none in until it is
-// over, so that a child never inherits a lock of the library that another thread holds.
+// Declares the gate that fork() closes. fork() waits until no thread is inside, and lets none in
+// until it is over, so that a child never inherits a lock that another thread holds.
 //
-// Every lock of the library enters the gate before it is taken and leaves it after it was released.
-// Modules name no lock and no order: whatever the order of the locks, a thread inside gets to the
-// end of what it does, because a thread that is inside already may always enter again.
+// A thread enters the gate before it takes a lock of the library, and leaves it after it releases
+// the lock. No module needs to know other modules' locks or their order: a thread that is inside
+// may always enter again, and so can finish.
 #ifndef VORN_BASE_FORK_GATE_HPP
 #define VORN_BASE_FORK_GATE_HPP
 
 namespace vorn {
 
-// Waits while a fork is under way. Calls nest.
+// Waits during a fork. Calls nest.
 void enter_fork_gate();
 void leave_fork_gate();
 
-// A function that every child of fork() runs before its one thread goes on: it forgets what was
-// another thread's or the parent's. Defined at namespace scope, once for each module.
+// Registers a function that every child of fork() runs before fork() returns there. The function
+// drops state that belongs to other threads or to the parent. Defined at namespace scope, one per
+// module.
 class ForkChild {
 public:
   explicit ForkChild(void (*run)());

@@ -1,4 +1,4 @@
-// Goes up a stack by frame pointers. Leads nowhere outside the given bounds.
+// Walks up a stack by frame pointers, within given bounds.
 #ifndef VORN_BASE_FRAME_WALK_HPP
 #define VORN_BASE_FRAME_WALK_HPP
 
@@ -6,28 +6,28 @@
 
 namespace vorn {
 
-// What the frame pointer points at, on every processor of ours.
+// The words that the frame pointer points to, on each supported processor.
 struct Frame {
-  std::uintptr_t caller; // where the caller's frame is
+  std::uintptr_t caller; // address of the caller's frame
   std::uintptr_t return_address;
 };
 
-// The usable stack: the lowest address and the one after the highest.
+// The bounds of a stack: the lowest address, and the one after the highest.
 struct StackBounds {
   unsigned long low;
   unsigned long high;
 };
 
-// What is to be said of the frame that a frame pointer leads to.
+// The state of the frame that a frame pointer leads to.
 enum class Link {
   kGood,
   kNone, // the outermost frame names no caller
   kMisaligned,
-  kDown, // not above the frame that it is the caller's of
+  kDown, // not above the frame that it calls
   kOutside,
 };
 
-// Frame by frame from the innermost. Reads no memory: the frames come from the owner.
+// Checks frame by frame, from the innermost. Reads no memory: the owner reads the frames.
 class FrameChain {
 public:
   FrameChain(std::uintptr_t frame, const StackBounds &stack)
@@ -43,7 +43,7 @@ public:
     return at_ < above_ ? Link::kDown : Link::kGood;
   }
 
-  // On to the caller's frame, which frame names. Only from a good one.
+  // Moves on to the caller's frame, which frame names. Called only for a good frame.
   void follow(const Frame &frame) {
     above_ = at_ + sizeof(Frame);
     at_ = frame.caller;
@@ -52,11 +52,11 @@ public:
 private:
   std::uintptr_t at_;
   std::uintptr_t low_;
-  std::uintptr_t above_; // the caller's frame begins here at the lowest
+  std::uintptr_t above_; // the lowest address of the caller's frame
   std::uintptr_t last_;
 };
 
-// The calling thread's own stack, as long as the frames lie within it.
+// Walks the calling thread's own stack.
 class FrameWalk {
 public:
   FrameWalk(const void *frame, const StackBounds &stack)
@@ -64,8 +64,9 @@ public:
 
   bool inside() const { return chain_.link() == Link::kGood; }
 
-  // The frame's return address, and on to the caller's frame. 0, and no further, outside the stack.
-  // What is read may be any words of the stack, if a function without frame pointers came between.
+  // Returns the frame's return address and moves on to the caller's frame. Returns 0 and stays if
+  // the frame is outside the stack. If a function without frame pointers came between, the value
+  // may be any word of the stack.
   [[gnu::no_sanitize_address, gnu::no_sanitize_thread]] std::uintptr_t next() {
     if (!inside()) return 0;
     const auto *frame = reinterpret_cast<const Frame *>(chain_.at());

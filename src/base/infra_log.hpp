@@ -1,5 +1,5 @@
-// An information record that the node's own log wants too: written under module 0 with "[Infra]"
-// ahead of it and without a level check, then under the library's module as usual.
+// Writes an information message that the node's own log wants too: first under module 0, with the
+// prefix "[Infra]" and without a level check, then under the library's module as usual.
 #ifndef VORN_BASE_INFRA_LOG_HPP
 #define VORN_BASE_INFRA_LOG_HPP
 

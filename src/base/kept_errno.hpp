@@ -1,4 +1,4 @@
-// Puts errno back to what it was when the object was made.
+// Restores errno at the end of a scope.
 #ifndef VORN_BASE_KEPT_ERRNO_HPP
 #define VORN_BASE_KEPT_ERRNO_HPP
 

@@ -1,5 +1,5 @@
-// Requests to the kernel module: the operation with the library's module id, each argument as a
-// word, and what is not given as unused.
+// Sends requests to the kernel module: the operation with the library's module id, and each
+// argument as a word. Arguments that are not given are marked unused.
 #ifndef VORN_BASE_KERNEL_REQUEST_HPP
 #define VORN_BASE_KERNEL_REQUEST_HPP
 
@@ -17,7 +17,7 @@ template <class Argument> unsigned long request_word(Argument argument) {
     return static_cast<unsigned long>(argument);
 }
 
-// The answer as the call gives it: -1 with errno ENOSYS where there is no kernel module.
+// Returns the call's answer; -1 with errno ENOSYS if there is no kernel module.
 template <class... Arguments> long kernel_call(unsigned int operation, Arguments... arguments) {
   static_assert(sizeof...(Arguments) <= 4);
   unsigned long words[] = {VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED, VORN_SYSCALL_UNUSED,
@@ -28,7 +28,7 @@ template <class... Arguments> long kernel_call(unsigned int operation, Arguments
                               words[3]);
 }
 
-// The answer in the 32 bits that the kernel module gives.
+// Returns the 32 bits of the kernel module's answer.
 template <class... Arguments> int kernel_request(unsigned int operation, Arguments... arguments) {
   return static_cast<int>(kernel_call(operation, arguments...));
 }

@@ -1,5 +1,5 @@
-// The one way the library logs: level test, log message and returned error in one expression, which
-// leaves errno as it is, for the caller and for the message's own arguments.
+// Defines the library's logging macros: level test, log message and error result in one expression,
+// which keeps errno for the caller and for the arguments of the message.
 #ifndef VORN_BASE_LOG_HPP
 #define VORN_BASE_LOG_HPP
 
@@ -19,7 +19,7 @@ inline constexpr int kWarning = EVLOG_WARNING;
 inline constexpr int kInfo = EVLOG_INFO;
 inline constexpr int kDebug = EVLOG_DEBUG;
 
-// Records name a source as "vorn_init.c" whatever its own suffix: log consumers match on that form.
+// Log messages name a source as "vorn_init.c", whatever its suffix: log consumers match that form.
 struct SourceName {
   char text[64];
 };
@@ -40,8 +40,8 @@ consteval SourceName source_name(const char *path) {
   return name;
 }
 
-// Around a call of the logging library, which a node may replace: it keeps errno, and is no
-// cancellation point whatever the library does, since the caller may hold a lock.
+// Surrounds a call of the logging library, which a node may replace. It keeps errno, and prevents
+// cancellation inside the library, since the caller may hold a lock.
 class LogCall {
 public:
   void after(int) const { errno_.put_back(); }
@@ -56,34 +56,34 @@ inline bool log_wanted(int level) {
   return ::evlog_level_check(kModuleId, level) == 0;
 }
 
-// The source being compiled, not the header that a record stands in.
+// The source being compiled, even if the log message is in a header.
 namespace {
 [[maybe_unused]] constexpr SourceName kSourceName = source_name(__BASE_FILE__);
 }
 
 } // namespace vorn
 
-// A module that is split into several sources defines VORN_FILE, the name of the module's main
-// source, before its first include.
+// If a module has several sources, each defines VORN_FILE, the name of the main one, before its
+// first include.
 #ifndef VORN_FILE
 #define VORN_FILE (::vorn::kSourceName.text)
 #endif
 
-// A record in the name of another place: that of the caller, which passed it.
+// Logs under another place in the code, which the caller passes.
 #define VORN_LOG_AT(file, line, func, level, ...)                                                  \
   (::vorn::log_wanted(level) ? VORN_LOG_UNCHECKED(file, line, func, level, __VA_ARGS__) : (void)0)
 
-// The same without the level test, for a report that belongs to a message that was wanted.
+// The same without the level test, for a message that belongs to one that passed it.
 #define VORN_LOG_UNCHECKED(file, line, func, level, ...)                                           \
   ::vorn::LogCall{}.after(                                                                         \
       ::evlog(::vorn::kModuleId, (level), (file), (line), (func), 0, __VA_ARGS__))
 
-// A record from a function whose name is not __func__: a lambda, a callback, a shared helper.
+// Logs in the name of a function other than __func__, from a lambda, a callback or a shared helper.
 #define VORN_LOG_AS(func, level, ...) VORN_LOG_AT(VORN_FILE, __LINE__, func, level, __VA_ARGS__)
 
 #define VORN_LOG(level, ...) VORN_LOG_AS(__func__, level, __VA_ARGS__)
 
-// An error record that yields the result of the failed call:
+// Logs an error and yields the result of the failed call:
 //   if (out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
 #define VORN_FAIL(result, ...) VORN_FAIL_AS(__func__, result, __VA_ARGS__)
 #define VORN_FAIL_AS(func, result, ...) (VORN_LOG_AS(func, ::vorn::kError, __VA_ARGS__), (result))

@@ -1,5 +1,6 @@
-// The process-private mutex of the library's own flags and tables. It is constant-initialised, so
-// that it serves before and after static constructors have run. A child of fork() finds it free.
+// Defines the process-private mutex of the library's flags and tables. It is constant-initialised
+// and so usable before static constructors run and after destructors have run. It is free in a
+// child of fork().
 #ifndef VORN_BASE_MUTEX_HPP
 #define VORN_BASE_MUTEX_HPP
 
@@ -29,8 +30,8 @@ private:
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// A mutex that its holder keeps while it waits for another process. It stays outside the fork gate,
-// or fork() would wait for that process too. Its module names a ForkChild that renews it.
+// A mutex whose holder may wait for another process. It stays outside the fork gate, or fork()
+// would wait for that process too. A ForkChild of its module renews it.
 class UngatedMutex {
 public:
   constexpr UngatedMutex() = default;
@@ -40,14 +41,14 @@ public:
   void lock() { pthread_mutex_lock(&mutex_); }
   void unlock() { pthread_mutex_unlock(&mutex_); }
 
-  // In a child, where the holder does not exist.
+  // Called in a child of fork(), where the holder does not exist.
   void renew() { mutex_ = PTHREAD_MUTEX_INITIALIZER; }
 
 private:
   pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-// Holds a mutex for the length of a block, in which the thread is not cancelled.
+// Holds a mutex for a scope, in which the thread is not cancelled.
 template <class AnyMutex = Mutex> class MutexGuard {
 public:
   explicit MutexGuard(AnyMutex &mutex) : mutex_(mutex) { mutex_.lock(); }
@@ -56,7 +57,7 @@ public:
   ~MutexGuard() { mutex_.unlock(); }
 
 private:
-  const CancellationOff off_; // before the lock is taken, until after it was released
+  const CancellationOff off_; // from before the lock until after the unlock
   AnyMutex &mutex_;
 };
 

@@ -1,4 +1,4 @@
-// The one lazy start of the library: a flag tested before and after taking a mutex.
+// Defines the once-initialiser: a flag that is tested before and after taking a mutex.
 #ifndef VORN_BASE_ONCE_HPP
 #define VORN_BASE_ONCE_HPP
 
@@ -9,13 +9,13 @@
 namespace vorn {
 
 enum class OncePolicy {
-  kRetry, // a failed step leaves the flag clear: the next call runs it again
-  kLatch, // the first run counts, whatever its result
+  kRetry, // a failed step leaves the flag clear; the next call runs it again
+  kLatch, // the first run sets the flag, whatever its result
 };
 
-// A step runs under the mutex: the thread is not cancelled in it, and a fork waits for its end
-// unless the mutex is ungated. The flag is written under the mutex only, with release; a reader
-// that sees it set with acquire sees everything the step wrote.
+// A step runs under the mutex. The thread is not cancelled during a step, and fork() waits for the
+// end of the step unless the mutex is ungated. The flag is written only under the mutex, with
+// release; a reader that loads it set, with acquire, sees everything that the step wrote.
 template <class AnyMutex> class OnceUnder {
 public:
   explicit constexpr OnceUnder(OncePolicy policy) : policy_(policy) {}
@@ -24,15 +24,15 @@ public:
 
   bool done() const { return done_.load(std::memory_order_acquire); }
 
-  // Runs step, which returns 0 on success, unless an earlier run counts. The result is 0, or what
-  // the step of this call returned.
+  // Runs step, which returns 0 on success, unless the flag is set. Returns 0, or the result of this
+  // call's step.
   template <class Step> int run(Step step) {
     if (done()) [[likely]]
       return 0;
     return run_under_mutex(step);
   }
 
-  // Undoes a run: calls step and clears the flag, unless there is nothing to undo.
+  // Undoes a run: if the flag is set, calls step and clears the flag.
   template <class Step> void reset(Step step) {
     if (!done()) return;
     MutexGuard hold{mutex_};
@@ -41,11 +41,12 @@ public:
     done_.store(false, std::memory_order_release);
   }
 
-  // In a child of fork(), where the thread that ran the step does not exist: see UngatedMutex.
+  // Called in a child of fork(), where the thread that ran the step does not exist: see
+  // UngatedMutex.
   void renew() { mutex_.renew(); }
 
 private:
-  // Apart, so that the usual case costs its caller one test and no more.
+  // Not inlined, so that the usual case costs the caller only one test.
   template <class Step> [[gnu::noinline]] int run_under_mutex(Step &step) {
     const MutexGuard hold{mutex_};
     if (done_.load(std::memory_order_relaxed)) return 0;
@@ -61,7 +62,7 @@ private:
 
 using Once = OnceUnder<Mutex>;
 
-// For a step that waits for another process.
+// For a step that may wait for another process.
 using UngatedOnce = OnceUnder<UngatedMutex>;
 
 } // namespace vorn

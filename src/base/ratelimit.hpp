@@ -1,5 +1,5 @@
-// The one rate limiter: at most 3 records of a call site in a burst, and a report of the suppressed
-// ones at most once every 150000 jiffies.
+// Defines the rate limiter: a call site writes at most 3 log messages in a burst, and reports the
+// suppressed ones at most once every 150000 jiffies.
 #ifndef VORN_BASE_RATELIMIT_HPP
 #define VORN_BASE_RATELIMIT_HPP
 
@@ -11,8 +11,8 @@
 
 namespace vorn {
 
-// The state of one call site; all zero is its valid initial state. It has no lock: every field is
-// read and written as a whole, and a count lost when two threads meet in one site is accepted.
+// The state of one call site, initially all zero. It has no lock: each field is read and written as
+// a whole. If two threads meet in one site, a count may be lost.
 struct RateLimit {
   std::atomic<std::uint64_t> interval_start;
   std::atomic<std::uint32_t> printed;
@@ -24,13 +24,13 @@ inline constexpr std::uint64_t kRateLimitInterval = 15000;
 inline constexpr std::uint64_t kRateLimitReportInterval = 150000;
 inline constexpr std::uint32_t kRateLimitBurst = 3;
 
-// Counts a record of the site that is due now. False: drop it. *report is the number of suppressed
-// records to report first, 0 for none.
+// Counts a log message of the site. Returns false if it is to be dropped. Sets *report to the
+// number of suppressed messages to report first.
 bool rate_limit_admit(RateLimit &site, std::uint32_t *report);
 
 } // namespace vorn
 
-// A rate-limited message in the name of func. report_level is the level of the report of the
+// Logs a rate-limited message in the name of func. report_level is the level of the report of the
 // suppressed ones, which is written without a second level test.
 #define VORN_LOG_RATELIMITED_AS(func, level, report_level, ...)                                    \
   do {                                                                                             \

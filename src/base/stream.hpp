@@ -1,4 +1,4 @@
-// A stream of the C library that is closed with its owner.
+// Owns a stream of the C library.
 #ifndef VORN_BASE_STREAM_HPP
 #define VORN_BASE_STREAM_HPP
 

@@ -1,4 +1,4 @@
-// The system's calls in the forms that base/system.hpp promises.
+// Makes the system's calls in the forms that base/system.hpp declares.
 #include "base/system.hpp"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ int milliseconds_until(const timespec &deadline) {
   return static_cast<int>(std::min<std::uint64_t>((end - start + 999999) / 1000000, INT_MAX));
 }
 
-// A connection that a signal interrupted is being made all the same.
+// After EINTR, the kernel goes on making the connection.
 bool wait_until_connected(int socket) {
   pollfd waiting{socket, POLLOUT, 0};
   int error = 0;
@@ -70,7 +70,7 @@ UniqueFd event() { return above_standard(eventfd(0, EFD_CLOEXEC)); }
 bool pipe(UniqueFd &reading, UniqueFd &writing) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return false;
-  UniqueFd first(ends[0]); // owned, and not free, while a place for the other is looked for
+  UniqueFd first(ends[0]); // stays open, so that the other one gets another number
   UniqueFd second(ends[1]);
   reading = above_standard(first.release());
   writing = above_standard(second.release());

@@ -1,12 +1,13 @@
-// The system's calls as the library makes them.
+// Declares the system's calls as the library makes them.
 //
 //   - None is a cancellation point, so the library may hold anything while it makes them.
-//   - None makes descriptor 0, 1 or 2: a process that has closed these would find its own input and
-//     output, and its log, in a file of the library's.
-//   - Those that transfer or wait go on after a signal.
+//   - None creates descriptor 0, 1 or 2: a process that has closed these would read and write a
+//   file
+//     of the library as its standard streams.
+//   - Calls that transfer data or wait continue after a signal.
 //
-// Otherwise results and errno are the system's. Safe in a signal handler, but for streams and
-// directories.
+// Otherwise, results and errno are the system's. All but streams and directories are safe in a
+// signal handler.
 #ifndef VORN_BASE_SYSTEM_HPP
 #define VORN_BASE_SYSTEM_HPP
 
@@ -26,7 +27,7 @@
 
 namespace vorn::sys {
 
-// Makes a call that is not here: no cancellation point, and made again after a signal.
+// Makes any other call: not a cancellation point, and repeated after a signal.
 template <class Call> auto uninterrupted(Call call) {
   const CancellationOff off;
   auto result = call();
@@ -35,7 +36,7 @@ template <class Call> auto uninterrupted(Call call) {
   return result;
 }
 
-// New descriptors. All are close-on-exec; invalid with errno on failure.
+// Create descriptors, all close-on-exec. On failure, the result is invalid and errno is set.
 UniqueFd open(const char *path, int flags, mode_t mode = 0); // not repeated after a signal
 UniqueFd duplicate(int fd);
 UniqueFd socket(int domain, int type, int protocol);
@@ -43,10 +44,10 @@ UniqueFd accept(int socket);
 UniqueFd event(); // eventfd(2) of 0
 bool pipe(UniqueFd &reading, UniqueFd &writing);
 
-// fd itself, or a duplicate in its place where it is a standard one. For calls that are not here.
+// Returns fd, or a duplicate that replaces it if it is a standard descriptor. For other calls.
 UniqueFd above_standard(int fd);
 
-// To read; NULL with errno on failure.
+// Open for reading. NULL with errno on failure.
 Stream open_stream(const char *path);
 Directory open_directory(const char *path);
 
@@ -65,11 +66,11 @@ ssize_t receive(int socket, void *buffer, std::size_t size, int flags);
 ssize_t send(int socket, const msghdr &message, int flags);
 bool connect(int socket, const sockaddr *address, socklen_t size);
 
-// How many bytes the peer's system has not acknowledged of those sent, also where the connection is
-// over.
+// Returns the number of bytes sent that the peer's system has not acknowledged, even if the
+// connection has ended.
 int unacknowledged(int socket);
 
-// Until deadline on CLOCK_MONOTONIC, NULL: forever. 0 at the deadline.
+// Waits until deadline on CLOCK_MONOTONIC, or forever if it is NULL. Returns 0 at the deadline.
 int poll(pollfd *fds, nfds_t count, const timespec *deadline);
 
 // nanosleep(2): a signal ends it.
@@ -82,7 +83,7 @@ void wait_until(pthread_cond_t *condition, pthread_mutex_t *mutex, const timespe
 
 pid_t wait_for_child(pid_t child, int *status); // waitpid(2)
 
-int join(pthread_t thread); // pthread_join(3), what the thread returned is lost
+int join(pthread_t thread); // pthread_join(3) without the thread's result
 
 } // namespace vorn::sys
 

@@ -1,3 +1,4 @@
+// Caches the kernel's id of each thread.
 #include "base/thread_id.hpp"
 
 #include <unistd.h>
@@ -7,7 +8,7 @@
 namespace vorn {
 namespace {
 
-// The one thread that goes on in a child of fork() has another id there.
+// The forking thread has another id in the child.
 const ForkChild forget{[] { t_thread_id = 0; }};
 
 } // namespace

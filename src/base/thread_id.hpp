@@ -1,6 +1,6 @@
-// The kernel's id of the calling thread (gettid(2)), asked for once a thread and kept in a
-// thread-local word, so that a lock can name its holder without entering the kernel. A child of
-// fork() asks again. Safe in a signal handler.
+// Returns the kernel's id of the calling thread (gettid(2)) from a thread-local word, so that a
+// lock can name its holder without a system call. A child of fork() reads it anew. Safe in a signal
+// handler.
 #ifndef VORN_BASE_THREAD_ID_HPP
 #define VORN_BASE_THREAD_ID_HPP
 
@@ -8,10 +8,10 @@
 
 namespace vorn {
 
-// 0 until the thread has asked.
+// 0 until the first call of the thread.
 extern thread_local constinit std::uint32_t t_thread_id __attribute__((tls_model("initial-exec")));
 
-// Asks the kernel.
+// Calls gettid(2).
 std::uint32_t fetch_thread_id();
 
 inline std::uint32_t thread_id() {

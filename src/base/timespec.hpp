@@ -1,4 +1,4 @@
-// Times of the system's in nanoseconds.
+// Converts the system's times to nanoseconds and back.
 #ifndef VORN_BASE_TIMESPEC_HPP
 #define VORN_BASE_TIMESPEC_HPP
 
@@ -23,7 +23,7 @@ inline std::uint64_t monotonic_nanoseconds() {
   return nanoseconds(now);
 }
 
-// The time on CLOCK_MONOTONIC so many nanoseconds from now.
+// Returns the time on CLOCK_MONOTONIC that is the given nanoseconds from now.
 inline timespec monotonic_after(std::uint64_t nanoseconds_from_now) {
   return timespec_of(monotonic_nanoseconds() + nanoseconds_from_now);
 }

@@ -1,3 +1,4 @@
+// Searches and changes bits.
 #include "vorn_bitops.h"
 
 #include <algorithm>
@@ -16,12 +17,12 @@ constexpr std::uint64_t kWordBits = 64;
 using Byte = unsigned char;
 using Word = std::uint64_t;
 
-// What a word is flipped with, so that the bits sought are 1.
+// A word is combined with this by exclusive or, so that the bits sought are 1.
 constexpr std::uint64_t kSeekSet = 0;
 constexpr std::uint64_t kSeekClear = ~std::uint64_t{0};
 
-// Updates may run beside a search, so every read is an atomic one: of the whole word, which is an
-// ordinary load, or byte by byte where the word is cut or not aligned.
+// Other threads may change bits during a search, so each read is atomic: of the whole word, which
+// is an ordinary load, or byte by byte if the word is incomplete or not aligned.
 std::uint64_t read_word(const Byte *bytes, std::uint64_t nbits) {
   const bool aligned = reinterpret_cast<std::uintptr_t>(bytes) % sizeof(Word) == 0;
   if (aligned && nbits >= kWordBits)
@@ -46,7 +47,7 @@ std::uint64_t find(const void *bitmap, std::uint64_t size, std::uint64_t offset,
     at += kWordBits;
     word = read_word(bytes + at / 8, size - at) ^ flip;
   }
-  // A cut word is 0 behind the size: a search for a clear bit that finds none ends just there.
+  // The missing bits of an incomplete word are 0: a search for a clear bit ends at them.
   return at + static_cast<std::uint64_t>(std::countr_zero(word));
 }
 
@@ -65,7 +66,7 @@ std::atomic_ref<Byte> byte_of(void *bitmap, std::uint32_t nr) {
   return atomic_word(static_cast<Byte *>(bitmap)[nr / 8]);
 }
 
-// Both return the bit's old value.
+// Return the old value of the bit.
 bool set(void *bitmap, std::uint32_t nr) {
   const int old =
       byte_of(bitmap, nr).fetch_or(static_cast<Byte>(mask_of(nr)), std::memory_order_relaxed);

@@ -1,7 +1,9 @@
-// The registry of parsed files. Order of locks: the registry's, then a file's. A file that a thread
-// has found under the registry's lock stays until that thread has taken the file's own lock, and
-// while it holds that: a thread that takes a file out of the registry waits for the file's lock
-// before freeing it, and none waits for that lock without holding the registry's.
+// Implements the registry of parsed files.
+//
+// Order of locks: the registry's lock, then a file's lock. A thread waits for a file's lock only
+// while it holds the registry's lock. A thread that removes a file from the registry takes the
+// file's lock before it frees the file. So a file that a thread has found under the registry's lock
+// exists until that thread has taken the file's lock, and as long as it holds that lock.
 #include "vorn_cfg.h"
 
 #include <cstring>
@@ -24,14 +26,14 @@ namespace {
 
 constinit vorn_list_head_s vorn_cfg_file_list = {&vorn_cfg_file_list, &vorn_cfg_file_list};
 
-// How often a file has been put into the registry, under its lock.
+// The number of registrations so far; guarded by the registry's lock.
 constinit unsigned long registrations = 0;
 
 vorn_cfg_file_node_s *file_of(vorn_list_head_s *link) {
   return vorn_list_entry(link, vorn_cfg_file_node_s, link);
 }
 
-// These work on the registry, under its lock.
+// The callers of the following hold the registry's lock.
 
 vorn_cfg_file_node_s *next_file(const vorn_cfg_file_node_s *file) {
   vorn_list_head_s *link = file == nullptr ? vorn_list_first(&vorn_cfg_file_list)
@@ -46,7 +48,7 @@ vorn_cfg_file_node_s *find_file(const char *path) {
   return nullptr;
 }
 
-// At the head: the newest comes first.
+// Inserts at the head: the newest file comes first.
 void link_file(vorn_cfg_file_node_s *file) {
   ++registrations;
   list::insert_tail(vorn_cfg_file_list.next, &file->link, show_node, VORN_FILE);
@@ -57,7 +59,7 @@ FileNode unlink_file(vorn_cfg_file_node_s *file) {
   return FileNode(file);
 }
 
-// Replaces the registered file of the same path, or is the first.
+// Registers file, and replaces a registered file of the same path.
 void register_file(FileNode file) {
   FileNode old; // goes after the registry's lock
   RegistryWriteGuard registry;
@@ -70,7 +72,8 @@ void register_file(FileNode file) {
   link_file(file.release());
 }
 
-// A copy for a setter, with what copying gave; null after an error message when memory runs out.
+// Copies a value for a setter, and stores the result of copying. Returns null after an error
+// message if memory runs out.
 mem::Block copy_value(const char *function, const char *value, int *error) {
   const std::size_t size = std::strlen(value) + 1;
   mem::Block copy = mem::allocate_block(size, function);
@@ -140,8 +143,8 @@ int vorn_cfg_init_ex(const char *path) {
     return -1;
   }
   register_file(std::move(file));
-  // An edit that was under way may have replaced the file, and what is registered, since it was
-  // read; one that has yet to replace the file sees that another content was registered.
+  // A concurrent edit may have replaced the file and its registered content since the file was
+  // read. An edit that has not yet replaced the file will notice this registration.
   if (!is_named(path, source.get())) read_again(path);
   return 0;
 }

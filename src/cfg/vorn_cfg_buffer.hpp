@@ -1,4 +1,4 @@
-// The text of a file that is being written, in a buffer of a fixed size.
+// Builds the text of a file that is being written, in a buffer of a fixed size.
 #ifndef VORN_CFG_BUFFER_HPP
 #define VORN_CFG_BUFFER_HPP
 
@@ -13,9 +13,9 @@ class TextBuffer {
 public:
   TextBuffer(char *text, std::size_t size) : text_(text), size_(size) {}
 
-  // Each appends a line. False where it and a NUL do not fit, and nothing is appended.
+  // Each appends a line. If the line and a NUL do not fit, returns false and appends nothing.
   bool put_header(std::string_view section) { return put({"[", section, "]\n"}); }
-  // A line that begins with "=" is a comment: the blank keeps an item without a name one.
+  // A blank precedes the "=" of an item without a name: a line that begins with "=" is a comment.
   bool put_item(std::string_view name, std::string_view value) {
     return put({name.empty() ? " " : name, "=", value, "\n"});
   }

@@ -1,4 +1,4 @@
-// The edits of a parsed file, which are made before it is written again.
+// Edits a parsed file in memory.
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 #include <utility>
@@ -25,7 +25,7 @@ int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section, cons
     hold.release();
     return VORN_FAIL(-1, "add item fail, item(%s) is already exist", item);
   }
-  // What is new is linked once all of it exists.
+  // New nodes are linked after all of them are allocated.
   vorn_cfg_section_node_s *target = old == nullptr ? vorn_cfg_new_section_node(section) : old;
   if (target == nullptr) return -1;
   vorn_cfg_item_node_s *added = vorn_cfg_new_item_node_ex(item, value);

@@ -1,4 +1,4 @@
-// The temporary-file editors.
+// Implements the editors that write a temporary file.
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <fcntl.h>
@@ -13,8 +13,8 @@ namespace {
 constexpr int kNotOpened = -1;
 constexpr int kNotEdited = 1;
 
-// 0; kNotOpened after an error message in the name of function, which begins with verb; or
-// kNotEdited.
+// Returns 0; kNotOpened after an error message in the name of function, whose text begins with
+// verb; or kNotEdited.
 int edit(const char *function, const char *verb, vorn_cfg_oper_param_s param,
          vorn_cfg_edit_f procedure) {
   const UniqueFd fd = open_file(param.path, O_RDWR);

@@ -1,3 +1,4 @@
+// Implements the hash index of a parsed file.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_index.hpp"
 
@@ -14,9 +15,9 @@ using Slot = vorn_cfg_index::Slot;
 
 constexpr std::uint32_t kFirstSize = 64;
 constexpr std::uint32_t kGrowth = 4;
-constexpr std::uint64_t kNoSection = 0; // what the hash of a section's name starts from
+constexpr std::uint64_t kNoSection = 0; // the seed of the hash of a section's name
 
-// What the hash of an item's name starts from.
+// Returns the seed of the hash of an item's name.
 std::uint64_t seed_of(const vorn_cfg_section_node_s *section) {
   return reinterpret_cast<std::uintptr_t>(section);
 }
@@ -27,15 +28,15 @@ std::uint64_t load(const char *at) {
   return word;
 }
 
-// Every step can be undone, so that for one name different seeds give different hashes: where hash
-// and name are equal, the section is too.
+// Each step is reversible, so that different seeds give different hashes for the same name: if the
+// hash and the name are equal, the section is equal too.
 std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
   constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15; // odd
   hash = (hash ^ word) * kFactor;
   return hash ^ (hash >> 32);
 }
 
-// The last step carries the last characters down to the low bits.
+// The last step mixes the last characters into the low bits.
 std::uint64_t hash_of(std::uint64_t seed, std::string_view name) {
   constexpr std::size_t kWord = sizeof(std::uint64_t);
   std::uint64_t hash = mix(seed, name.size());
@@ -57,7 +58,7 @@ bool is_equal(const char *text, std::string_view name) {
   return std::strncmp(text, name.data(), name.size()) == 0 && text[name.size()] == '\0';
 }
 
-// The slot of the name, or the free one where it would be.
+// Returns the slot of the name, or the free slot where it belongs.
 Slot *probe(const Index &index, std::uint64_t hash, std::string_view name) {
   for (std::uint64_t at = hash;; ++at) {
     Slot *slot = &index.slots[at & (index.size - 1)];
@@ -88,7 +89,7 @@ bool grow(Index *index) {
   return true;
 }
 
-// What had the name before, null for nothing. An index that cannot grow is given up.
+// Returns the node that had the name before, or null. If the index cannot grow, drops the index.
 char *enter(vorn_cfg_file_node_s *node, std::uint64_t seed, char *name) {
   Index *index = node->index;
   if (index->used >= index->size / 4 * 3 && !grow(index)) {
@@ -127,7 +128,7 @@ void index_drop(vorn_cfg_file_node_s *node) {
   node->index = nullptr;
 }
 
-// From the end, so that the first of equal names comes last and stays.
+// Backwards, so that the first of equal names is entered last and stays.
 void index_build(vorn_cfg_file_node_s *node) {
   index_drop(node);
   index_start(node);

@@ -1,8 +1,7 @@
-// Finds sections and items by their names without walking: what a file of 100,000 items needs while
-// it is parsed, and a lookup afterwards. The index answers as a walk along the lists would, with
-// the first of several equal names. It exists only while the library alone changes the lists:
-// during a parse and in the registry. Without memory for it there is none, and the lists are
-// walked.
+// Finds sections and items by name without walking the lists, for parses of, and lookups in, files
+// with many items. The index gives the same answer as a walk: the first of several equal names. It
+// exists only while the library alone changes the lists: during a parse and in the registry. If
+// memory runs out there is no index, and the lists are walked.
 #ifndef VORN_CFG_INDEX_HPP
 #define VORN_CFG_INDEX_HPP
 
@@ -11,11 +10,11 @@
 
 #include "vorn_cfg.h"
 
-// A hash table with open addressing over the names in the nodes.
+// A hash table with open addressing. Its keys are the names in the nodes.
 struct vorn_cfg_index {
   struct Slot {
     std::uint64_t hash;
-    char *name; // the name of a section or an item, null: the slot is free
+    char *name; // of a section or an item; null if the slot is free
   };
 
   Slot *slots;
@@ -25,24 +24,24 @@ struct vorn_cfg_index {
 
 namespace vorn::cfg {
 
-// Gives a node without sections an index, if there is memory.
+// Creates the index of a node without sections, if there is memory.
 void index_start(vorn_cfg_file_node_s *node);
 
-// Gives node, whatever it holds, an index, if there is memory.
+// Creates the index of any node, if there is memory.
 void index_build(vorn_cfg_file_node_s *node);
 
-// Before a caller may change the lists.
+// Called before a caller may change the lists.
 void index_drop(vorn_cfg_file_node_s *node);
 
-// The lookups; null when there is no such name. node has an index.
+// Look a name up; return null if there is none. node must have an index.
 vorn_cfg_section_node_s *index_find_section(const vorn_cfg_file_node_s *node,
                                             std::string_view name);
 vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
                                       const vorn_cfg_section_node_s *section,
                                       std::string_view name);
 
-// Enter a section or an item, if node has an index. One of the same name, which must still exist,
-// makes room for it and is returned.
+// Enter a section or an item, if node has an index. Return the one of the same name that it
+// replaces in the index, which must still exist, or null.
 vorn_cfg_section_node_s *index_enter_section(vorn_cfg_file_node_s *node,
                                              vorn_cfg_section_node_s *section);
 vorn_cfg_item_node_s *index_enter_item(vorn_cfg_file_node_s *node,

@@ -1,5 +1,5 @@
-// The calls that open, read and write files, as the configuration engine makes them: none is a
-// cancellation point, makes a standard descriptor, or gives up because of a signal.
+// Declares the calls by which the configuration engine opens, reads and writes files. None is a
+// cancellation point, creates a standard descriptor, or fails because of a signal.
 #ifndef VORN_CFG_IO_HPP
 #define VORN_CFG_IO_HPP
 
@@ -13,7 +13,7 @@
 
 namespace vorn::cfg {
 
-// Close-on-exec; invalid with errno on failure.
+// The result is close-on-exec, or invalid with errno on failure.
 inline UniqueFd open_file(const char *path, int flags, mode_t mode = 0) {
   return sys::above_standard(
       sys::uninterrupted([=] { return vorn_open(path, flags | O_CLOEXEC, mode); }));
@@ -23,7 +23,7 @@ inline ssize_t read_file(int fd, void *to, std::size_t size) {
   return sys::uninterrupted([=] { return vorn_read(fd, to, size); });
 }
 
-// False with errno where not all of text was written.
+// Returns false with errno if it could not write the whole text.
 inline bool write_file(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written =

@@ -1,4 +1,4 @@
-// Keeps the items of a file that is parsed in a node.
+// Stores the items of a parsed file in a node.
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// Reads a file in blocks and cuts it into lines.
 #include "cfg/vorn_cfg_lines.hpp"
 
 #include <algorithm>
@@ -10,7 +11,7 @@
 namespace vorn::cfg {
 namespace {
 
-constexpr std::size_t kBlock = 65536; // that is read at once
+constexpr std::size_t kBlock = 65536; // the bytes of a read
 constexpr std::size_t kGrowth = 8;
 
 std::size_t without_carriage_returns(char *text, std::size_t length) {
@@ -20,7 +21,7 @@ std::size_t without_carriage_returns(char *text, std::size_t length) {
 
 } // namespace
 
-// Most files need no more than the first buffer. Called while what has been read begins it.
+// Most files fit in the first buffer. Called only while the unread text is at its beginning.
 bool Lines::grow() {
   const std::size_t room = std::min(limit_, room_ == 0 ? kBlock : room_ * kGrowth);
   mem::Block buffer = mem::allocate_block(room + 1);
@@ -34,8 +35,8 @@ bool Lines::grow() {
   return true;
 }
 
-// Reads more after what is there. False at the end of the file, where the line fills its limit,
-// and on failure.
+// Appends the next bytes of the file. Returns false at the end of the file, if the line has reached
+// its limit, and on failure.
 bool Lines::fill() {
   if (begin_ != 0) std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
   end_ -= begin_;
@@ -49,10 +50,10 @@ bool Lines::fill() {
   return !ended_;
 }
 
-// Where the first line's feed is, or what comes after a line that has none: the last of a file, or
-// one at its limit.
+// Returns the position of the first line feed. Returns the end of the line if it has none: the last
+// line of a file, or a line at its limit.
 std::size_t Lines::find_end() {
-  std::size_t scanned = begin_; // no feed before
+  std::size_t scanned = begin_; // there is no line feed before
   for (;;) {
     const char *from = buffer_.get() + scanned;
     const void *feed = scanned == end_ ? nullptr : std::memchr(from, '\n', end_ - scanned);
@@ -68,7 +69,7 @@ bool Lines::next(Line *line) {
   if (error_ != 0 || missing_ != 0 || begin_ == end_) return false;
   char *text = buffer_.get() + begin_;
   buffer_.get()[end] = '\0';
-  begin_ = std::min(end + 1, end_); // after the feed, if there is one
+  begin_ = std::min(end + 1, end_); // after the line feed, if there is one
   *line = {text, std::strlen(text)};
   return true;
 }

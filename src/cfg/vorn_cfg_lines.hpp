@@ -1,5 +1,5 @@
-// The lines of a file, as vorn_readline cuts them, read in blocks: a call of the system for every
-// line is what takes longest in a parse.
+// Reads the lines of a file, cut as vorn_readline cuts them, in blocks: one system call per line
+// would dominate the time of a parse.
 #ifndef VORN_CFG_LINES_HPP
 #define VORN_CFG_LINES_HPP
 
@@ -10,21 +10,21 @@
 namespace vorn::cfg {
 
 struct Line {
-  char *text; // ends in a NUL; it may be changed, up to its length
+  char *text; // ends in a NUL; the caller may change it up to its length
   std::size_t length;
 };
 
 class Lines {
 public:
-  // From the position of fd. Lines of more than limit bytes are split.
+  // Reads from the position of fd. Splits lines of more than limit bytes.
   Lines(int fd, std::size_t limit) : fd_(fd), limit_(limit) {}
 
-  // The next line, up to its first NUL and without its line feed, valid until the next call. False
-  // at the end of the file, or after a failure.
+  // Returns the next line, up to its first NUL and without its line feed. It is valid until the
+  // next call. Returns false at the end of the file, or after a failure.
   bool next(Line *line);
 
   int error() const { return error_; }             // the errno of a read, 0 for none
-  std::size_t missing() const { return missing_; } // bytes that there was no memory for
+  std::size_t missing() const { return missing_; } // the bytes that there was no memory for
 
 private:
   bool grow();
@@ -35,9 +35,9 @@ private:
   std::size_t limit_;
   std::size_t missing_ = 0;
   mem::Block buffer_;
-  std::size_t room_ = 0;  // in the buffer, beside a NUL
-  std::size_t begin_ = 0; // of what has been read and not handed out
-  std::size_t end_ = 0;   // of what has been read
+  std::size_t room_ = 0;  // of the buffer, without a NUL
+  std::size_t begin_ = 0; // of the unread text
+  std::size_t end_ = 0;   // of the text in the buffer
   bool ended_ = false;
   int error_ = 0;
 };

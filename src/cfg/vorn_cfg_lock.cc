@@ -1,4 +1,4 @@
-// How the engine's locks are waited for.
+// Waits for the locks of the engine.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_lock.hpp"
 
@@ -26,13 +26,14 @@ constexpr int kAttempts = 10; // before a sleep
 constexpr timespec kSleep{0, 1000};
 constexpr std::uint64_t kWritersTurn = 10'000'000; // nanoseconds
 
-// How many threads wait to write to the registry. It is advice and guards nothing: relaxed.
+// The number of threads that wait to write to the registry. Relaxed: it is advice and guards
+// nothing.
 constinit std::atomic<int> waiting_writers{0};
 
-// Those that waited in the parent are not in the child.
+// The waiting threads of the parent do not exist in the child.
 const ForkChild forget_writers{[] { waiting_writers.store(0, std::memory_order_relaxed); }};
 
-// As vorn_rwlock_write_lock_mayblock takes the lock; acquires what earlier holders wrote.
+// Takes the lock as vorn_rwlock_write_lock_mayblock does, with acquire.
 bool try_write_lock(vorn_rwlock_s *lock) {
   std::int64_t free = 0;
   return atomic_word(lock->word)
@@ -40,7 +41,7 @@ bool try_write_lock(vorn_rwlock_s *lock) {
                                std::memory_order_relaxed);
 }
 
-// Inside the gate afterwards where an attempt succeeds.
+// If an attempt succeeds, the thread is inside the gate.
 template <class Attempt> bool succeeds_in_a_round(Attempt attempt) {
   enter_fork_gate();
   for (int i = 0; i < kAttempts; ++i) {
@@ -76,12 +77,12 @@ vorn_rwlock_s &announced(vorn_rwlock_s &lock) {
   return lock;
 }
 
-// Waits, whatever signals come. False with errno.
+// Waits through signals. Returns false with errno on failure.
 bool lock_file(int fd, int operation) {
   return sys::uninterrupted([=] { return flock(fd, operation); }) == 0;
 }
 
-// Invalid with errno when path cannot be opened.
+// Returns an invalid descriptor, with errno, if path cannot be opened.
 UniqueFd open_locked(const char *path, int flags, mode_t mode) {
   for (;;) {
     UniqueFd fd = open_file(path, flags, mode);
@@ -129,7 +130,7 @@ bool is_named(const char *path, int fd) {
 PathLock::PathLock(const char *path, int flags, mode_t mode)
     : own_(open_locked(path, flags, mode)), fd_(own_.get()) {}
 
-// A lock that protects nothing is not kept while waiting for another.
+// Releases a lock that protects nothing before it waits for another.
 PathLock::PathLock(const char *path, int fd) : fd_(fd) {
   vorn_cfg_file_lock(fd);
   if (is_named(path, fd)) return;

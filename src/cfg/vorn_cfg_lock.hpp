@@ -1,4 +1,5 @@
-// The three kinds of locks: of the registry, of parsed files in memory, and of files on disk.
+// Declares the three kinds of locks: of the registry, of parsed files in memory, and of files on
+// disk.
 #ifndef VORN_CFG_LOCK_HPP
 #define VORN_CFG_LOCK_HPP
 
@@ -11,9 +12,9 @@
 
 namespace vorn::cfg {
 
-// In memory. A holder may be freeing or writing out a whole file, or be preempted: waiters sleep in
-// between. A holder is inside the fork gate, a waiter is not: the thread that forks may be the one
-// that it waits for.
+// A lock in memory. Waiting threads sleep between attempts: the holder may be freeing or writing a
+// whole file. The holder is inside the fork gate. A waiting thread is not, because it may be
+// waiting for the thread that forks.
 
 class ReadGuard {
 public:
@@ -22,8 +23,8 @@ public:
   ReadGuard &operator=(const ReadGuard &) = delete;
   ~ReadGuard() { release(); }
 
-  // Before the end of the scope: from the registry's lock to the file's, hand over hand, and before
-  // a log message, which may take its time.
+  // Releases the lock before the end of the scope: after the thread has taken a file's lock, and
+  // before a log message, which may take long.
   void release();
 
 private:
@@ -43,10 +44,10 @@ private:
   vorn_rwlock_s *lock_;
 };
 
-// The registry's lock, g_stCfgRwlock. Its readers enter whenever no writer holds it, so the
-// registry's own readers let the registry's writers that wait go first: outside the lock's word,
-// and not for long, since a reader may be called by a thread that holds the lock for reading
-// already. The thread is not cancelled while a guard exists.
+// The registry's lock, g_stCfgRwlock. The lock itself lets readers in whenever no writer holds it.
+// So that writers do not starve, the registry's readers let waiting writers go first, but only for
+// a limited time: a thread that holds the lock for reading may call a reader again. The thread is
+// not cancelled while a guard exists.
 
 class RegistryReadGuard {
 public:
@@ -70,25 +71,24 @@ private:
   WriteGuard hold_;
 };
 
-// Whether path names the open file.
+// Returns whether path names the open file.
 bool is_named(const char *path, int fd);
 
-// The lock on the file that path names: editors of a file hold its exclusive flock(2). A rename may
-// take the path from the file while they wait for it, and a lock on a file that has no name any
-// more keeps no thread out: an editor that has got the lock checks that the path still names the
-// file, and otherwise opens and locks again. The thread is not cancelled while the object exists.
+// The lock on the file that path names. Editors of a file hold its exclusive flock(2). A rename may
+// replace the file while an editor waits, and a lock on a file without a name excludes no other
+// editor. So an editor that has the lock checks that the path still names the file, and if not,
+// opens and locks again. The thread is not cancelled while the object exists.
 class PathLock {
 public:
-  // Through a descriptor of its own, with these flags; the file is made with mode where they say
-  // so.
+  // Opens its own descriptor with these flags, and creates the file with mode if they say so.
   PathLock(const char *path, int flags, mode_t mode);
-  // Through a descriptor of the caller's where that is the same file, else through one of its own.
+  // Uses the caller's descriptor if it is of the same file, or else opens its own.
   PathLock(const char *path, int fd);
   PathLock(const PathLock &) = delete;
   PathLock &operator=(const PathLock &) = delete;
   ~PathLock();
 
-  // False: path cannot be opened, errno says why.
+  // False if path could not be opened; errno says why.
   explicit operator bool() const { return fd_ >= 0; }
   int fd() const { return fd_; }
 
@@ -98,7 +98,7 @@ private:
   int fd_;
 };
 
-// A failure is logged; an edit goes on without the lock.
+// Logs a failure; the edit goes on without the lock.
 void vorn_cfg_file_lock(int fd);
 void vorn_cfg_file_unlock(int fd);
 

@@ -1,4 +1,4 @@
-// The nodes of a parsed file: made, linked, found and destroyed.
+// Creates, links, finds and destroys the nodes of a parsed file.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_node.hpp"
 
@@ -48,8 +48,8 @@ void free_section(vorn_cfg_section_node_s *section) {
 
 } // namespace
 
-// A head is not inside a structure of the kind that its nodes have: the links are all that can be
-// shown of both.
+// Shows only the links: a list's head is not inside a structure of the kind that contains its
+// nodes.
 void show_node(vorn_list_head_s *node) {
   VORN_LOG(kInfo, "cfg node:%p(%p,%p)", static_cast<void *>(node), static_cast<void *>(node->next),
            static_cast<void *>(node->prev));
@@ -99,7 +99,7 @@ vorn_cfg_item_node_s *vorn_cfg_new_item_node(CStringView name, CStringView value
   return item.release();
 }
 
-// An index finds the old item while it enters the new one.
+// The index finds the old item while it enters the new one.
 void vorn_cfg_add_item_node(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section,
                             vorn_cfg_item_node_s *item) {
   vorn_cfg_item_node_s *old = file->index == nullptr ? find_item(file, section, item->name)

@@ -1,4 +1,4 @@
-// The nodes of a parsed file. A thread that works on a file that others can reach holds its lock.
+// Declares the nodes of a parsed file. A thread that uses a registered file holds the file's lock.
 #ifndef VORN_CFG_NODE_HPP
 #define VORN_CFG_NODE_HPP
 
@@ -10,11 +10,11 @@
 
 namespace vorn::cfg {
 
-// The dump routine of all lists here.
+// The dump routine of these lists.
 void show_node(vorn_list_head_s *node);
 
-// Destroys a file's content under its lock, which waits for the threads that still read it, and
-// frees it. No thread can find the file any more.
+// Frees a file that is no longer registered. Takes its lock first, which waits for the threads that
+// still read it.
 void destroy_file_node(vorn_cfg_file_node_s *node);
 
 struct DestroyFileNode {
@@ -22,29 +22,29 @@ struct DestroyFileNode {
 };
 using FileNode = std::unique_ptr<vorn_cfg_file_node_s, DestroyFileNode>;
 
-// A section or an item that is on no list yet; null after an error message.
+// Create a section or an item that is on no list. Return null after an error message.
 vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name);
 vorn_cfg_item_node_s *vorn_cfg_new_item_node(CStringView name, CStringView value);
 
-// Appends item, in the place of one of the same name.
+// Appends item, and frees an item of the same name.
 void vorn_cfg_add_item_node(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section,
                             vorn_cfg_item_node_s *item);
 void append_section(vorn_cfg_file_node_s *file, vorn_cfg_section_node_s *section);
 
 void replace_value(vorn_cfg_item_node_s *item, mem::Block value);
 
-// Unlink and free one node, or all below one.
+// Unlink and free a node, or all nodes below it.
 void remove_item(vorn_cfg_item_node_s *item);
 void remove_section(vorn_cfg_section_node_s *section);
 void vorn_cfg_destroy_item(vorn_cfg_section_node_s *section);
 void vorn_cfg_destory_section(vorn_cfg_file_node_s *file);
 
-// The first of the name, null when there is none.
+// Return the first one of the name, or null.
 vorn_cfg_section_node_s *vorn_cfg_find_section_node(const char *name, vorn_cfg_file_node_s *file);
 vorn_cfg_item_node_s *find_item(const vorn_cfg_file_node_s *file,
                                 const vorn_cfg_section_node_s *section, const char *name);
 
-// An item of a file; a missing section is logged.
+// Finds an item of a file. Logs a missing section.
 vorn_cfg_item_node_s *vorn_cfg_find_item_node(vorn_cfg_file_node_s *file, const char *section,
                                               const char *name);
 

@@ -1,4 +1,4 @@
-// The parser of files, line by line.
+// Parses a file line by line.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_parse.hpp"
 
@@ -20,15 +20,15 @@
 namespace vorn::cfg {
 namespace {
 
-// The part of the line, which ends in a NUL then.
+// Returns a part of the line, terminated by a NUL.
 CStringView c_string(const Line &line, std::string_view part) {
   char *begin = line.text + (part.data() - line.text);
   begin[part.size()] = '\0';
   return {begin, part.size()};
 }
 
-// Takes the blanks off the end; those at the start stay, and count for nothing. False drops the
-// line.
+// Removes the blanks at the end. Those at the start stay, but do not count. Returns false if the
+// line is to be dropped.
 bool vorn_cfg_trim_string(Line *line) {
   line->length = trim_end({line->text, line->length}).size();
   line->text[line->length] = '\0';
@@ -41,7 +41,7 @@ bool vorn_cfg_trim_string(Line *line) {
   return false;
 }
 
-// What stands between the brackets of a header; nothing where the line is none.
+// Returns the text between the brackets of a header, or nothing if the line is no header.
 std::optional<CStringView> vorn_cfg_is_section(const Line &line) {
   const std::string_view text(line.text, line.length);
   if (text.size() > kHeaderMax || !text.starts_with('[') || !text.ends_with(']'))
@@ -52,7 +52,7 @@ std::optional<CStringView> vorn_cfg_is_section(const Line &line) {
   return std::nullopt;
 }
 
-// False drops the line.
+// Returns false if the line is to be dropped.
 bool vorn_cfg_copy_section(char (&section)[kNameSize], CStringView name) {
   if (copy_text(section, sizeof section, name) == 0) return true;
   return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.c_str());
@@ -62,7 +62,7 @@ bool is_comment(const Line &line) {
   return line.length == 0 || line.text[0] == ';' || line.text[0] == '=';
 }
 
-// The line, split at its first "="; nothing drops it.
+// Splits the line at its first "=". Returns nothing if the line is to be dropped.
 std::optional<Item> vorn_cfg_parse_item(const Line &line) {
   const std::string_view text(line.text, line.length);
   const std::size_t equals = text.find('=');
@@ -80,7 +80,7 @@ std::optional<Item> vorn_cfg_parse_item(const Line &line) {
   return std::nullopt;
 }
 
-// Parses one line; section is the current one.
+// Parses a line; section is the current section.
 int parse_line(Line *line, char (&section)[kNameSize], vorn_cfg_file_node_s *node,
                ItemFunction function, void *context) {
   if (line->length == 0 || !vorn_cfg_trim_string(line)) return kContinue;
@@ -111,8 +111,8 @@ FileNode new_file_node(const char *function, const char *path) {
   return node;
 }
 
-// A FIFO would keep a reader forever and a directory cannot be read: both count as not opened,
-// with errno set.
+// Refuses a FIFO, which would block a reader forever, and a directory, which cannot be read, as if
+// open(2) had failed.
 UniqueFd open_to_read(const char *path) {
   UniqueFd fd = open_file(path, O_RDONLY | O_NONBLOCK);
   struct stat status;
@@ -127,13 +127,13 @@ UniqueFd open_to_read(const char *path) {
 
 int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function,
                           void *context) {
-  char section[kNameSize] = "NULL"; // what stands before the first header belongs here
+  char section[kNameSize] = "NULL"; // the section of the items before the first header
   Lines lines(fd, kLineMax);
   for (Line line; lines.next(&line);) {
     const int result = parse_line(&line, section, node, function, context);
     if (result != kContinue) return result;
   }
-  // An editor must not take what could be read for the whole file.
+  // An editor must not take a part of the file for the whole.
   if (lines.missing() != 0) {
     return VORN_FAIL(-1, "Alloc memory fail, size(%u).",
                      static_cast<unsigned int>(lines.missing()));

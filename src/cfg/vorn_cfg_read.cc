@@ -9,7 +9,7 @@
 namespace vorn::cfg {
 namespace {
 
-// A search through a file, and its result.
+// A search of a file, and its result.
 struct Search { // vorn_cfg_get_param_s
   const char *section;
   const char *item;
@@ -17,7 +17,7 @@ struct Search { // vorn_cfg_get_param_s
   vorn_cfg_item_s *out;
 };
 
-constexpr int kFound = 0; // stops the parse, which has succeeded then
+constexpr int kFound = 0; // stops the parse: success
 
 int vorn_cfg_getFromFile_proc(vorn_cfg_file_node_s *, const char *section, const Item &item,
                               void *context) {

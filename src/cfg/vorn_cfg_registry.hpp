@@ -1,4 +1,4 @@
-// What editors need of the registry beside the exported functions.
+// Declares the functions of the registry that the editors use beside the exported ones.
 #ifndef VORN_CFG_REGISTRY_HPP
 #define VORN_CFG_REGISTRY_HPP
 
@@ -8,15 +8,15 @@ namespace vorn::cfg {
 
 inline constexpr unsigned long kNotRegistered = 0;
 
-// Puts file in the place of the registered one of its path. Returns the number of this
-// registration, or kNotRegistered when there is none: the file stays the caller's then.
+// Replaces the registered file of the same path by file. Returns the number of this registration.
+// Returns kNotRegistered if no such file is registered; the caller then keeps file.
 unsigned long update_file(vorn_cfg_file_node_s *file);
 
-// Whether no file has been put into the registry since that registration.
+// Returns whether no file has been registered since that registration.
 bool is_latest(unsigned long registration);
 
-// Has the registered file of that path, if there is one, hold what is on disk. Another edit may
-// replace the file meanwhile: what is registered in the end is what the path names then.
+// Reads the registered file of that path again, if there is one. Repeats this if another edit
+// replaces the file meanwhile.
 void read_again(const char *path);
 
 } // namespace vorn::cfg

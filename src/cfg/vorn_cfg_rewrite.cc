@@ -1,5 +1,9 @@
-// The engine of the temporary-file editors. At every moment the path names the old file or the new
-// one, whole: the new text is on the device before the rename, and the folder after it.
+// Rewrites a file through a temporary file. At every moment, the path names the complete old file
+// or the complete new one:
+//
+// 1. Write the new text to a temporary file and sync it to the device.
+// 2. Rename the temporary file to the path.
+// 3. Sync the directory.
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <cstdio>
@@ -28,7 +32,7 @@ constexpr char kSuffix[] = ".temp";
 constexpr mode_t kPermissionBits = 0777;
 constexpr mode_t kModeBits = 07777;
 
-// The file has what is in the buffer when this returns true.
+// Returns true if the file holds the whole buffer.
 bool replace_content(int fd, const TextBuffer &text) {
   if (ftruncate(fd, static_cast<off_t>(text.length())) != 0) return false;
   return vorn_lseek(fd, 0, SEEK_SET) >= 0 && write_file(fd, text.view());
@@ -51,7 +55,7 @@ bool put_sections(TextBuffer *text, vorn_cfg_file_node_s *node) {
   return true;
 }
 
-// A temporary file that goes with the object, but for one that has been renamed.
+// A temporary file. The destructor removes it unless it was renamed.
 class TemporaryFile {
 public:
   TemporaryFile(const char *path, int fd) : fd_(vorn_cfg_create_tmpfile(path, fd, &name_)) {}
@@ -66,7 +70,7 @@ public:
   explicit operator bool() const { return static_cast<bool>(fd_); }
   int fd() const { return fd_.get(); }
 
-  // Synced first: false with errno where either fails.
+  // Syncs and renames the file. Returns false with errno if either fails.
   bool rename_to(const char *path) {
     renamed_ = sync_file(fd()) && std::rename(name_, path) == 0;
     return renamed_;
@@ -78,7 +82,7 @@ private:
   bool renamed_ = false;
 };
 
-// The folder of path, as a descriptor; invalid with errno when it cannot be opened.
+// Opens the directory of path. Returns an invalid descriptor, with errno, on failure.
 UniqueFd open_folder(const char *path) {
   char folder[VORN_CFG_PATH_SIZE] = ".";
   const std::string_view text(path);
@@ -87,19 +91,19 @@ UniqueFd open_folder(const char *path) {
   return open_file(folder, O_RDONLY | O_DIRECTORY);
 }
 
-// Makes a rename last. The file is replaced by then, so a failure does not undo the edit.
+// Syncs a rename to the device. A failure does not undo the edit: the file is replaced already.
 void sync_folder(const char *function, const char *path) {
   const UniqueFd folder = open_folder(path);
   if (folder && sync_file(folder.get())) return;
   VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, errno);
 }
 
-// Replaces the locked file by the content of node. The registry takes the content over before the
-// file does, and reads the file again where that then cannot be replaced, or where the old
-// content was registered in between.
+// Replaces the locked file by the content of node. The registry takes the content first. It reads
+// the file again if the file then cannot be replaced, or if the old content was registered in
+// between.
 int replace_file(const char *function, const char *path, int fd, FileNode node) {
   TemporaryFile file(path, fd);
-  if (!file) return -1; // node goes with it: what others can tell of a node kept is its memory
+  if (!file) return -1; // node is freed too: only its memory would tell that it was kept
   if (vorn_cfg_writeFnodeTofile(file.fd(), node.get()) != 0)
     return VORN_FAIL_AS(function, -1, "Write node file(%s) failed.", path);
   const unsigned long registration = update_file(node.get());
@@ -126,9 +130,10 @@ int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_ed
   const char *path = param->path;
   const PathLock lock(path, fd);
   if (!lock) return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, errno);
-  bool is_whole = true; // what memory could not be had for would be lost from the file
+  bool is_whole = true; // an item without memory would be lost from the file
   FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, &is_whole);
-  if (node == nullptr || !is_whole) { // the item instead of the path, as it has always been
+  if (node == nullptr ||
+      !is_whole) { // the message has the item instead of the path, as it has always had
     return VORN_FAIL(-1, "Parse config file %s failed.",
                      param->item == nullptr ? "(null)" : param->item);
   }
@@ -157,7 +162,7 @@ int vorn_cfg_create_tmpfile(const char *path, int fd, char **tmpName) {
   vorn::UniqueFd created = open_file(name.get(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW,
                                      target->st_mode & kPermissionBits);
   if (!created) return VORN_FAIL(-1, "Open %s failed.errno(%s).", name.get(), std::strerror(errno));
-  // The mode whatever the umask; an owner that cannot be given stays the editor.
+  // Sets the mode despite the umask. If the owner cannot be set, the editor stays the owner.
   const bool is_owned = fchown(created.get(), target->st_uid, target->st_gid) == 0;
   fchmod(created.get(), target->st_mode & (is_owned ? kModeBits : kPermissionBits));
   *tmpName = name.release();

@@ -1,4 +1,4 @@
-// Texts of configuration files.
+// Handles texts of configuration files.
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_text.hpp"
 

@@ -1,4 +1,4 @@
-// Texts of configuration files: limits, blanks, names and bounded copies.
+// Declares limits, blanks, names and bounded copies of the texts of configuration files.
 #ifndef VORN_CFG_TEXT_HPP
 #define VORN_CFG_TEXT_HPP
 
@@ -11,29 +11,29 @@ namespace vorn::cfg {
 
 inline constexpr std::size_t kNameSize = VORN_CFG_NAME_SIZE;
 inline constexpr std::size_t kValueSize = std::size_t{VORN_CFG_VALUE_MAX} + 1;
-inline constexpr std::size_t kHeaderMax = kNameSize + 1; // a header line, brackets included
-inline constexpr std::size_t kLineMax = 0x400041;        // bytes of a line that are read at once
-inline constexpr std::size_t kTextSlack = 0x400080;      // that a rewritten file may grow by
+inline constexpr std::size_t kHeaderMax = kNameSize + 1; // a header line with its brackets
+inline constexpr std::size_t kLineMax = 0x400041;        // the longest line, in bytes
+inline constexpr std::size_t kTextSlack = 0x400080; // the bytes that a rewrite may add to a file
 
-// Blanks that stand for nothing at the end of a text; at its start only the first two do.
+// The blanks that do not count at the end of a text; at its start, only the first two do not.
 constexpr bool is_leading_blank(char c) { return c == ' ' || c == '\t'; }
 constexpr bool is_blank(char c) { return is_leading_blank(c) || c == '\n' || c == '\r'; }
 
 std::string_view trim_end(std::string_view text);
 std::string_view trim(std::string_view text);
 
-// Whether all characters are ASCII letters, digits and "_".
+// Returns whether all characters are ASCII letters, digits or "_".
 bool vorn_cfg_check_name(std::string_view name);
 
-// Whether text would forge a line where it is written to a file.
+// Returns whether text would add a line to a file that it is written to.
 bool holds_line_end(const char *text);
 
-// As log messages print them.
+// The form in log messages.
 inline int int_of(std::size_t size) { return static_cast<int>(size); }
 inline const void *pointer(const void *address) { return address; }
 
-// Copies src and puts a NUL after it: 0; EINVAL where there is no dest; ERANGE for a text that
-// does not fit, which leaves an empty one. Values are larger than what safeclib's copies take.
+// Copies src and appends a NUL. Returns 0; EINVAL if dest is null; or ERANGE, with an empty dest,
+// if the text does not fit. safeclib's copies refuse texts as long as values may be.
 int copy_text(char *dest, std::size_t size, std::string_view src);
 
 } // namespace vorn::cfg

@@ -1,4 +1,4 @@
-// The in-place writer: builds the whole new text, then overwrites the file with it.
+// Writes a file in place: builds the whole new text, then overwrites the file with it.
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <cstring>
@@ -19,10 +19,10 @@ namespace {
 
 constexpr int kFormatFailed = 22;
 
-// The item to set, and how far the writing has come.
+// The item to set, and the state of the writing.
 struct Writing { // vorn_cfg_file_param_s
   bool done;
-  char last_section[kNameSize]; // whose header was written last
+  char last_section[kNameSize]; // the last header written
   char section[kNameSize];
   char item[kNameSize];
   const char *value;
@@ -39,7 +39,8 @@ bool put_target(Writing *writing) {
   return writing->text.put_item(writing->item, writing->value);
 }
 
-// An item that begins a section, or goes on with one after another's: false where the text is full.
+// Writes an item, after the header of its section if that changes. Returns false if the text is
+// full.
 bool put_first(Writing *writing, const char *section, const Item &item) {
   if (!writing->done && std::strcmp(writing->last_section, writing->section) == 0 &&
       !put_target(writing))
@@ -49,7 +50,7 @@ bool put_first(Writing *writing, const char *section, const Item &item) {
   return is_target ? put_target(writing) : writing->text.put_item(item.name, item.value);
 }
 
-// A later item: its section is not looked at, on purpose, so that every item of the target's name
+// Handles a later item. Its section is ignored on purpose, so that every item of the target's name
 // takes the value here.
 bool put_later(Writing *writing, const Item &item) {
   const bool is_target = item.name == writing->item;

@@ -1,3 +1,4 @@
+// Loads and walks CPU masks.
 #include "vorn_cpumask.h"
 
 #include <algorithm>
@@ -47,13 +48,13 @@ int load_all() {
                       possible_cpu, online_cpu, max_cpu);
 }
 
-// The first and last CPU of an item. Read as longs, so that no large number wraps to a small one.
+// The first and last CPU of an item. Longs, so that no large number wraps to a small one.
 struct Range {
   long first = 0;
   long last = 0;
 };
 
-// Whether the item holds a whole range.
+// Whether the item is a complete range.
 bool scan(const char *item, Range &range) {
   const bool two = std::strchr(item, '-') != nullptr;
   const int count = std::sscanf(item, two ? "%ld-%ld" : "%ld", &range.first, &range.last);

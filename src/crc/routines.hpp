@@ -1,4 +1,4 @@
-// The checksums by table, and by whatever a processor has: its instructions, else the table.
+// Computes the checksums by table, or by the instructions that the processor has.
 #ifndef VORN_CRC_ROUTINES_HPP
 #define VORN_CRC_ROUTINES_HPP
 
@@ -10,7 +10,7 @@
 
 namespace vorn::crc {
 
-// Fewer bytes than the kernel takes go through the table.
+// Inputs that are too short for the kernel use the table.
 inline constexpr std::size_t kCrc16KernelMin = 16;
 
 inline std::uint32_t crc32c_by_table(std::uint32_t crc, const void *data, std::size_t length) {

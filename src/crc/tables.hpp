@@ -1,4 +1,4 @@
-// The byte-wise tables of both checksums: entry i is what the byte i leaves in an empty register.
+// Defines the byte-wise tables of both checksums: entry i is the register after the byte i, from 0.
 #ifndef VORN_CRC_TABLES_HPP
 #define VORN_CRC_TABLES_HPP
 

@@ -1,3 +1,4 @@
+// Selects the checksum routines of the processor and exports them.
 #include "vorn_crc.h"
 
 #include <atomic>
@@ -13,8 +14,8 @@ constexpr std::uint32_t kStart = 0xFFFFFFFF;
 
 std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t length);
 
-// The routine behind vorn_crc32cContinue: never null, so that the checksums work before start-up,
-// and in processes that have none.
+// The routine of vorn_crc32cContinue. Never null, so that the checksums work before, and without,
+// the start of the library.
 constinit std::atomic<Continue> dispatch{continue_first};
 
 void choose() { dispatch.store(vorn_crc32cContinueHard, std::memory_order_relaxed); }
@@ -24,7 +25,7 @@ std::uint32_t continue_first(std::uint32_t crc, const void *data, std::uint32_t 
   return vorn_crc32cContinueHard(crc, data, length);
 }
 
-// The hard routines take their length as signed: 2 GiB and more is a negative length, of nothing.
+// The length of the hard routines is signed: 2 GiB and more is negative and counts as no bytes.
 bool is_negative(std::uint32_t length) { return static_cast<std::int32_t>(length) < 0; }
 
 } // namespace

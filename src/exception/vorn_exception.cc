@@ -1,4 +1,4 @@
-// The chain of callbacks that a fatal signal calls, and the watchdog's hook.
+// Holds the chain of callbacks that a fatal signal calls, and the watchdog's hook.
 #include "vorn_exception.h"
 
 #include <atomic>
@@ -20,8 +20,8 @@ namespace {
 
 constinit vorn_notifier_chain_s chain = VORN_NOTIFIER_CHAIN_INIT("vorn_exception_chain");
 
-// A fault calls the chain outside the fork gate, which a signal handler must not wait for: a child
-// may begin with the lock of a thread that it does not have.
+// A fault calls the chain outside the fork gate, which a signal handler must not wait for. So a
+// child may begin with a lock that a thread of the parent holds.
 const ForkChild frees_chain{[] { vorn_spinlock_init(&chain.lock); }};
 
 constinit std::atomic<vorn_watchdog_reset_f> watchdog_reset{nullptr};
@@ -75,7 +75,7 @@ int vorn_exception_call_chain(unsigned long action, void *siginfo, void *regs, u
 }
 
 int vorn_exception_watchdog_timer_func_register(vorn_watchdog_reset_f fn) {
-  // Release, with the acquire below: the function finds what its owner set up before.
+  // Release, paired with the acquire below: the function sees what its owner set up before.
   watchdog_reset.store(fn, std::memory_order_release);
   VORN_LOG(kInfo, "Vorn_exception_watchdog_timer_func_register=%p", reinterpret_cast<void *>(fn));
   return 0;

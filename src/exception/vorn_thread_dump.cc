@@ -1,4 +1,4 @@
-// Dumps of stacks, which the kernel module makes.
+// Requests dumps of stacks from the kernel module.
 #include "vorn_thread_dump.h"
 
 #include "base/kernel_request.hpp"

@@ -1,3 +1,4 @@
+// Copies files.
 #define VORN_FILE "vorn_fileops.c"
 
 #include "vorn_fileops.h"
@@ -13,10 +14,10 @@
 namespace vorn::fileops {
 namespace {
 
-// From here on a larger buffer copies no faster.
+// A larger buffer copies no faster.
 constexpr unsigned int kBufferSize = 128 * 1024;
 
-// Opening dest would empty it, and with it src.
+// Opening dest would truncate it, and src with it.
 bool are_one_file(int from, const char *dest) {
   struct stat source;
   struct stat target;

@@ -1,3 +1,4 @@
+// Opens shared libraries and looks their symbols up.
 #include "vorn_dl.h"
 
 #include <dlfcn.h>

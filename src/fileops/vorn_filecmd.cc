@@ -1,3 +1,4 @@
+// Runs shell commands on files and directories.
 #define VORN_FILE "vorn_fileops.c"
 
 #include "vorn_filecmd.h"
@@ -20,12 +21,12 @@ namespace {
 constexpr std::size_t kPathSize = 1024;
 constexpr unsigned int kCommandSize = 4096;
 
-// A shell that leaves mkdir in the background is given so long, in milliseconds.
+// The milliseconds to wait for a mkdir that the shell has left in the background.
 constexpr int kFolderPatience = 250;
 
 bool is_too_long(const char *path) { return strnlen(path, kPathSize) == kPathSize; }
 
-// Writes a command and runs it in the name of function.
+// Formats a command and runs it. Log messages name function.
 int run_command(const char *function, const char *whitelist, const char *format, ...)
     VORN_PRINTF(3, 4);
 
@@ -60,7 +61,7 @@ bool folder_appears(const char *path) {
   return false;
 }
 
-// What fails on the way shows in the end.
+// An error before the last step shows in the last step.
 bool make_folder(const char *path) {
   char above[kPathSize];
   if (strcpy_s(above, sizeof above, path) != 0) return false;
@@ -134,9 +135,9 @@ int vorn_cmd_mkdir(const char *path) {
   }
   const int result = run_command(__func__, "&>", "mkdir -p %s &>/dev/null", path);
   if (result != 0) return result;
-  // A plain POSIX shell reads "&>" as the end of a background command: it is done before mkdir has
-  // begun, with 0 whatever comes of it. Its mkdir is waited for, so that it does not come late and
-  // find the folder removed again; where none appears, to try here tells whether one can be made.
+  // A plain POSIX shell reads "&>" as the end of a background command and exits with 0 at once.
+  // Wait for its mkdir, so that it does not run after a later removal of the directory. If the
+  // directory does not appear, an own attempt tells whether it can be created.
   if (folder_appears(path) || make_folder(path)) return 0;
   return VORN_FAIL(-1, "Execute cmd(mkdir -p %s &>/dev/null) Fail(%d)", path, -1);
 }

@@ -1,3 +1,4 @@
+// Wraps the file calls of the system.
 #include "vorn_fileops.h"
 
 #include <cerrno>

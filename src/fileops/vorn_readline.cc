@@ -1,3 +1,4 @@
+// Reads a line from a descriptor.
 #include "vorn_fileops.h"
 
 #include <algorithm>
@@ -10,23 +11,23 @@
 namespace vorn::fileops {
 namespace {
 
-// A line is read in pieces that start small, since most lines are short, and double up to the size
-// of what the stack can spare.
+// A line is read in pieces. The first piece is small, since most lines are short; the pieces double
+// up to a size that suits the stack.
 constexpr std::size_t kFirstPiece = 512;
 constexpr std::size_t kLargestPiece = 4096;
 
-// No system's page is larger.
+// The largest page of any system.
 constexpr off_t kLargestPage = 65536;
 
 struct Line {
   char *end;        // where the next byte goes
-  std::size_t room; // bytes that may still go there
-  bool complete;    // its line feed was met
+  std::size_t room; // the bytes that still fit
+  bool complete;    // its line feed was found
 
   bool done() const { return complete || room == 0; }
 };
 
-// Stores what belongs to the line of the length bytes at piece. Returns how many of them it took.
+// Stores the bytes of the line from the length bytes at piece. Returns how many it took.
 std::size_t append(Line &line, const char *piece, std::size_t length) {
   const void *feed = std::memchr(piece, '\n', length);
   const char *stop = feed == nullptr ? piece + length : static_cast<const char *>(feed) + 1;
@@ -49,20 +50,20 @@ std::size_t append(Line &line, const char *piece, std::size_t length) {
   return static_cast<std::size_t>(at - piece);
 }
 
-// The text of a file that the kernel makes up, as those of /proc and /sys, is made anew after each
-// seek, so that the rest of a line may be another line's. Such a file has no blocks, and a page at
-// most as its size. A FIFO or a device may say that it can seek and yet give each byte only once.
+// The kernel generates the text of a file in /proc or /sys anew after each seek, so that the rest
+// of a line may belong to another line. Such a file has no blocks, and its size is at most a page.
+// A FIFO or a device may accept a seek and yet return each byte only once.
 bool is_stored(const struct stat &file) {
   return S_ISREG(file.st_mode) && (file.st_blocks > 0 || file.st_size > kLargestPage);
 }
 
-// The file position where bytes may be read ahead of it, else -1.
+// Returns the file position if the file may be read beyond the line, or else -1.
 off_t position_of_stored(int fd) {
   struct stat file;
   if (fstat(fd, &file) != 0 || !is_stored(file)) return -1;
   const int before = errno;
   const off_t position = lseek(fd, 0, SEEK_CUR);
-  if (position < 0) errno = before; // the read tells what there is to tell
+  if (position < 0) errno = before; // the read will report the error
   return position;
 }
 

@@ -23,13 +23,12 @@ constexpr std::size_t kHeaderSize = NLMSG_HDRLEN;
 constexpr std::size_t kMessageSize = kHeaderSize + KRAM_EXT3_EVENT_SIZE;
 static_assert(kMessageSize == 72);
 
-// The listeners, which stand on the stacks of their threads. Closing a socket does not wake a
-// thread that is blocked in it, and netlink knows no shutdown(2). So a listener receives from a
-// duplicate of its own, the number of which no other thread uses, and waits for a wake-up beside
-// it.
+// The listeners, which are on the stacks of their threads. Closing a socket does not wake a thread
+// that is blocked in it, and netlink has no shutdown(2). So a listener receives from its own
+// duplicate of the socket, whose number no other thread uses, and polls a wake-up descriptor too.
 class Listener {
 public:
-  // Binds the socket as well. errno tells why where it cannot.
+  // Also binds the socket. On failure, errno tells why.
   Listener(int socket, int id);
   Listener(const Listener &) = delete;
   Listener &operator=(const Listener &) = delete;
@@ -38,14 +37,15 @@ public:
   bool is_bound() const { return is_bound_; }
   bool is_ready() const { return own_ && wake_; }
 
-  // The next message: its length, zeros after it up to the end of message. 0 or -1 with errno at
-  // the end: EBADF when the socket is released, EAGAIN after the socket's receive time-out.
+  // Receives the next message, fills the rest of message with zeros, and returns its length. At the
+  // end returns 0, or -1 with errno: EBADF if the socket is released, EAGAIN after the receive
+  // time-out.
   ssize_t receive(char *message);
 
-  // Closes the socket, and ends the listeners on it.
+  // Closes the socket and ends its listeners.
   static void release(int socket);
 
-  // In a child of fork(), which shares the wake-ups with its parent.
+  // Called in a child of fork(), which shares the wake-up descriptors with its parent.
   static void end_all();
 
 private:
@@ -58,8 +58,8 @@ private:
   Listener *next_ = nullptr;
 };
 
-// A listener binds and joins the list under the mutex, a release wakes and closes under it: the
-// second of the two sees what the first has done.
+// A listener binds and joins the list under the mutex, and a release wakes and closes under it: the
+// second one sees what the first one has done.
 constinit Mutex mutex;
 constinit Listener *listeners = nullptr;
 
@@ -81,8 +81,8 @@ Listener::Listener(int socket, int id) : socket_(socket) {
   listeners = this;
 }
 
-// Its descriptors are closed under the mutex as well, so a child finds them in the list or closed:
-// a copy of the socket in a child would keep the port.
+// Closes its descriptors under the mutex too, so that a child finds them in the list or closed: a
+// copy of the socket in a child would keep the port.
 Listener::~Listener() {
   const MutexGuard hold{mutex};
   Listener **at = &listeners;
@@ -112,7 +112,7 @@ void Listener::end_all() {
 
 const ForkChild end_listeners{Listener::end_all};
 
-// The time that a receive may take, of the socket as the caller has set it. False: forever.
+// Reads the receive time-out that the caller has set on the socket. Returns false for no time-out.
 bool time_limit(int socket, timespec *deadline) {
   timeval time{};
   socklen_t size = sizeof time;
@@ -122,9 +122,9 @@ bool time_limit(int socket, timespec *deadline) {
   return true;
 }
 
-// True when there may be a message.
+// Returns true if there may be a message.
 bool Listener::wait(const timespec *deadline) {
-  if (!is_ready()) { // this thread has forked, and is the child's
+  if (!is_ready()) { // the thread has forked and is in the child
     errno = EBADF;
     return false;
   }
@@ -169,7 +169,7 @@ int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback) {
   if (socket < 0) return -2;
   if (id < 1) return -7;
   if (callback == nullptr) return -3;
-  const vorn::CancellationOff off; // in the callback too: the listener stands on this stack
+  const vorn::CancellationOff off; // in the callback too: the listener is on this stack
   Listener listener(socket, id);
   if (!listener.is_bound()) return -4;
   if (!listener.is_ready()) return -5;

@@ -1,3 +1,4 @@
+// Implements the hash table.
 #include "vorn_hash.h"
 
 #include <bit>

@@ -25,8 +25,8 @@ constexpr std::size_t kAttributeSize = 32;
 
 constinit vorn_jiffies_uio_s g_jiffies_uio{};
 
-// The first entry of the driver's directory that is a UIO device. A name that is too long is
-// reported and leaves an empty one. False, with errno, when there is none.
+// Finds the first entry of the driver's directory that is a UIO device. Logs a name that is too
+// long and leaves an empty name. Returns false with errno if there is none.
 bool vorn_get_child_dir(char (&name)[kNameSize]) {
   const Directory directory = sys::open_directory(kDriverDir);
   if (directory == nullptr) return false;
@@ -54,7 +54,7 @@ struct AttributeText {
   char text[kAttributeSize + 1];
 };
 
-// An attribute that cannot be read is empty and so parses as 0.
+// An attribute that cannot be read is empty, and so is parsed as 0.
 AttributeText read_attribute(const UniqueFd &fd) {
   AttributeText attribute{};
   const ssize_t length = sys::read(fd.get(), attribute.text, kAttributeSize);
@@ -62,7 +62,7 @@ AttributeText read_attribute(const UniqueFd &fd) {
   return attribute;
 }
 
-// A mapping is whole pages, so the counter may lie behind the size that the driver states.
+// A mapping has whole pages, so the counter may be beyond the size that the driver states.
 bool counter_fits(long size, long offset) {
   constexpr long kCounterSize = sizeof(std::uint64_t);
   if (size <= 0 || offset < 0 || offset % kCounterSize != 0) return false;
@@ -86,7 +86,7 @@ void set_counter(const volatile std::uint64_t *counter) {
   atomic_word(g_jiffies_uio.jiffies).store(counter, std::memory_order_release);
 }
 
-// Readers of the counter may run meanwhile: the pointer alone is written for them to see.
+// Other threads may read the counter meanwhile: they see only the pointer change.
 void set_record(int dev_fd, int addr_fd, int size_fd, int offset_fd, std::uint64_t addr,
                 long size) {
   g_jiffies_uio.dev_fd = dev_fd;
@@ -97,7 +97,7 @@ void set_record(int dev_fd, int addr_fd, int size_fd, int offset_fd, std::uint64
   g_jiffies_uio.size = size;
 }
 
-// Reports a failed step of the opening with the errno that it left.
+// Logs a failed step of the opening with its errno.
 int fail(const char *step) {
   return VORN_FAIL_AS(kFunction, -1, "Vorn jiffies %s, errno=%d.", step, errno);
 }
@@ -144,7 +144,8 @@ using namespace vorn::jiffies;
 
 vorn_jiffies_uio_s *jiffies_uio_get() { return &g_jiffies_uio; }
 
-// The opening has closed the device again, so there is never one to close: the answer of close(-1).
+// The opening has closed the device again. So there is none to close, and this returns what
+// close(-1) does.
 int jiffies_uio_adp_close() {
   errno = EBADF;
   return -1;

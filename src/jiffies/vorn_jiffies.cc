@@ -1,4 +1,4 @@
-// The tick counter: the kernel's, or else the clock's.
+// Reads the tick counter of the kernel, or else derives it from the clock.
 #include "vorn_jiffies.h"
 
 #include "base/once.hpp"

@@ -1,6 +1,7 @@
-// Links of a circular list, followed and changed without any check. The list's owner holds its
-// lock. They are stored with release, so that one thing can be told without the lock: a thread that
-// sees its own node alone knows that the last one that had to do with the node is done with it.
+// Follows and changes the links of a circular list without checks. The owner holds the list's lock.
+//
+// The links are stored with release and allow one test without the lock: a thread that sees its own
+// node unlinked knows that the thread that unlinked it no longer uses the node.
 #ifndef VORN_LIST_LINKS_HPP
 #define VORN_LIST_LINKS_HPP
 
@@ -23,7 +24,7 @@ inline bool is_alone(const vorn_list_head_s *node) {
          atomic_word(node->prev).load(std::memory_order_acquire) == node;
 }
 
-// A NULL neighbour faults on purpose, and not in a sanitizer's report.
+// A NULL neighbour faults on purpose; the sanitizers must not report it.
 __attribute__((no_sanitize("null"))) inline void
 insert_between(vorn_list_head_s *prev, vorn_list_head_s *node, vorn_list_head_s *next) {
   store_link(next->prev, node);
@@ -36,7 +37,7 @@ inline void insert_after(vorn_list_head_s *place, vorn_list_head_s *node) {
   insert_between(place, node, place->next);
 }
 
-// Leaves the node's own links as they are.
+// Does not change the node's own links.
 inline void unlink(vorn_list_head_s *node) {
   store_link(node->next->prev, node->prev);
   store_link(node->prev->next, node->next);

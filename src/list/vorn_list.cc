@@ -1,4 +1,4 @@
-// The checked operations of the list.
+// Implements the checked operations of the list.
 #include "list/vorn_list.hpp"
 
 #include "base/log.hpp"
@@ -20,7 +20,7 @@ bool is_link(const vorn_list_head_s *prev) {
 
 const void *address(const vorn_list_head_s *node) { return node; }
 
-// The neighbour before cur must point at it.
+// The previous neighbour must point to cur.
 void check_prev(vorn_list_head_s *prev, vorn_list_head_s *cur, const Caller &by) {
   if (!is_link(prev)) {
     VORN_LOG_AT(by.file, by.line, by.function, kInfo, "List node prev:(%p), cur:(%p)",
@@ -36,7 +36,7 @@ void check_prev(vorn_list_head_s *prev, vorn_list_head_s *cur, const Caller &by)
   by.show(prev);
 }
 
-// The neighbour after cur must point back at it.
+// The next neighbour must point back to cur.
 void check_next(vorn_list_head_s *next, vorn_list_head_s *cur, const Caller &by) {
   if (next->prev == cur) return;
   VORN_LOG_AT(by.file, by.line, by.function, kError,
@@ -56,7 +56,7 @@ void remove(vorn_list_head_s *node, const Caller &by) {
 
 } // namespace
 
-// The attribute of insert_between holds only where that is not inlined.
+// Not inlined, so that the attribute of insert_between holds.
 __attribute__((no_sanitize("null"))) void insert_tail(vorn_list_head_s *head,
                                                       vorn_list_head_s *node, Show show,
                                                       const char *file, const char *function,

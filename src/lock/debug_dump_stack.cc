@@ -1,3 +1,4 @@
+// Logs the calling thread's stack.
 #include "vorn_spinlock.h"
 
 #include <cstdint>
@@ -14,7 +15,8 @@ namespace {
 
 constexpr unsigned long kStackBytes = 4096;
 
-// Of the stack that frame is on, in so far as it is known.
+// Returns the bounds of the stack that holds frame. If they are unknown, assumes kStackBytes above
+// it.
 StackBounds stack_of(const void *frame) {
   const auto address = reinterpret_cast<unsigned long>(frame);
   StackBounds stack{};
@@ -23,7 +25,7 @@ StackBounds stack_of(const void *frame) {
   return {address, address + kStackBytes};
 }
 
-// An address and what lies there, for one record.
+// An address and the name of its function, for one log message.
 class Place {
 public:
   explicit Place(std::uintptr_t address) : address_(address) {

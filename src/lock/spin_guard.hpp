@@ -1,5 +1,5 @@
-// Hold a spin lock for the length of a block, and let go of it for the length of one. Both act in
-// the name of the function that they stand in, or of the site given.
+// Defines guards that hold a spin lock, or release it, for a scope. Both act in the name of the
+// enclosing function, or of the given site.
 #ifndef VORN_LOCK_SPIN_GUARD_HPP
 #define VORN_LOCK_SPIN_GUARD_HPP
 
@@ -19,7 +19,7 @@ public:
     do_vorn_spinlock_lock(word_, site, line);
   }
 
-  // Takes the lock if it is free now.
+  // Takes the lock only if it is free.
   SpinGuard(vorn_spinlock_s &lock, std::try_to_lock_t, const char *site = __builtin_FUNCTION(),
             unsigned int line = __builtin_LINE())
       : word_(&lock.lock), site_(site), line_(line),
@@ -41,8 +41,8 @@ private:
   bool held_;
 };
 
-// The same within the fork gate, so that no child inherits the lock held, and without cancellation.
-// Not for signal handlers.
+// The same inside the fork gate, so that no child inherits the lock as held, and without
+// cancellation. Not safe in a signal handler.
 class GatedSpinGuard {
 public:
   explicit GatedSpinGuard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
@@ -62,7 +62,7 @@ private:
   const SpinGuard lock_;
 };
 
-// Of a lock that is held; it is again when the block ends.
+// Releases a held lock; takes it again at the end of the scope.
 class SpinRelease {
 public:
   explicit SpinRelease(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),

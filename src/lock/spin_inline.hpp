@@ -1,5 +1,6 @@
-// A spin lock taken and freed in line, for a module whose own work is as short as the calls. The
-// word and its order are the lock's; only the holder frees it here, which needs no exchange.
+// Takes and frees a spin lock inline, for a module whose own work is as short as the calls. The
+// word and its order are those of the spin lock; only the holder frees it here, which needs no
+// exchange.
 #ifndef VORN_LOCK_SPIN_INLINE_HPP
 #define VORN_LOCK_SPIN_INLINE_HPP
 
@@ -17,7 +18,7 @@ inline void take(vorn_spinlock_s &lock, const char *site, unsigned int line) {
     do_vorn_spinlock_lock(&lock.lock, site, line);
 }
 
-// Release: the next holder sees what this one wrote.
+// Release: the next holder sees the writes of this one.
 inline void free_held(vorn_spinlock_s &lock) {
   atomic_word(lock.lock).store(0, std::memory_order_release);
 }

@@ -1,3 +1,4 @@
+// Makes and uses mutexes of the C library by kind.
 #include "vorn_mtx.h"
 
 namespace vorn::mtx {

@@ -1,4 +1,4 @@
-// The plain reader-writer lock's word:
+// Implements the plain reader-writer lock. Its word:
 //
 //    63  62                                    0
 //   +---+---------------------------------------+
@@ -9,17 +9,17 @@
 //   W 1: a writer holds it; n is all ones from vorn_rwlock_write_lock, 0 from its _mayblock form,
 //        and means nothing
 //
-// Writers. A reader enters by a compare-and-swap from a value with W clear to the one above it, a
-// writer by one from 0. Both fail when the word has changed since it was read, so nobody enters
-// beside a writer. A reader leaves by an atomic subtraction, which the readers beside it do not
-// lose. A writer leaves by storing 0: no other thread writes while W is set.
+// Writers. A reader enters by a compare-and-swap that adds 1 to a word with W clear; a writer
+// enters by a compare-and-swap from 0. Both fail if the word has changed since it was read, so no
+// thread enters beside a writer. A reader leaves by an atomic subtraction, which loses no other
+// reader's. A writer leaves by storing 0: no other thread writes while W is set.
 //
-// Order. Entering acquires, leaving releases. A writer that comes after readers reads the value of
-// the last one to leave; the subtractions, and the additions of readers between them, are one
-// release sequence, so it sees what all of them did.
+// Order. Entering acquires and leaving releases. A writer that enters after readers reads the value
+// that the last reader left. The subtractions, and the additions of readers between them, form one
+// release sequence, so the writer sees what all of them did.
 //
-// No ABA. The word is the whole state: one that has gone through other values and come back allows
-// what it allowed before.
+// No ABA. The word is the whole state: a word that has changed and changed back allows what it
+// allowed before.
 #include "vorn_rwlock.h"
 
 #include <cstdint>

@@ -1,19 +1,20 @@
-// The spin lock's word:
+// Implements the spin lock. Its word:
 //
 //    63                                    1   0
 //   +---------------------------------------+---+
 //   |                   0                   | H |   H: held
 //   +---------------------------------------+---+
 //
-// Writers. Who takes the lock makes 0 into 1, who frees it 1 into 0, both by a compare-and-swap: of
-// all who try at one moment one gets the lock, and freeing a lock that is free, or memory that is
-// no lock, changes nothing. Nobody writes anything else.
+// Writers. A thread takes the lock by a compare-and-swap of 0 to 1 and frees it by one of 1 to 0.
+// Of several threads that try at the same time, one gets the lock. Freeing a free lock, or memory
+// that is no lock, changes nothing. No other value is written.
 //
-// Order. Both compare-and-swaps acquire and release: what a holder wrote is seen by the next. The
-// loads of those who wait order nothing, they only tell when an attempt is worth the cache line.
+// Order. Both compare-and-swaps acquire and release: a holder sees the writes of the previous one.
+// The loads of waiting threads order nothing; they only tell when an attempt is worth the cache
+// line.
 //
-// No ABA. A free lock is a free lock, however often it was taken since somebody looked: nothing is
-// read before a compare-and-swap that it relies on.
+// No ABA. A free lock is free, however often it was taken since the last look: no compare-and-swap
+// relies on an earlier read.
 #include "vorn_spinlock.h"
 
 #include <cstdint>
@@ -42,7 +43,7 @@ constexpr std::uint64_t kHeld = 1;
 constexpr int kAttempts = 10; // between two looks at the clock
 constexpr std::uint64_t kSpinNanoseconds = 99999;
 
-// Read and written as a whole, and no more than that.
+// Read and written as a whole, without order.
 constinit std::atomic<std::uint64_t> flags{0};
 
 bool swap(Word word, std::uint64_t from, std::uint64_t to) {
@@ -52,13 +53,12 @@ bool swap(Word word, std::uint64_t from, std::uint64_t to) {
 
 bool try_take(Word word) { return swap(word, kFree, kHeld); }
 
-// An attempt on a word that is known to be held would fail: it need not be made to fail.
+// An attempt on a held lock would fail, so it is not made.
 bool attempt(Word word) { return word.load(std::memory_order_relaxed) == kFree && try_take(word); }
 
-// The time base reads 0 until it has been started. It is not started here, which takes a mutex that
-// the thread may hold when a signal handler wants the lock; clock_gettime(2) is safe in a handler.
-// A base that is started between two looks makes the difference a large number, which ends the
-// spin.
+// The time base reads 0 until it is started. This does not start it: that takes a mutex, which the
+// thread may hold when its signal handler wants the lock. clock_gettime(2) is safe in a handler. If
+// the base starts between two looks, the difference is large and ends the spin.
 std::uint64_t nanoseconds_now() {
   const std::uint64_t time = vorn_time_getnanosec();
   if (time != 0) return time;
@@ -78,8 +78,8 @@ bool spin(Word word) {
   return false;
 }
 
-// A function of its own, called by the lock itself: the two calls that the dump leaves out are this
-// one and the lock, so that it begins with the one who wants the lock.
+// Called directly by the lock operation and not inlined: the dump omits two calls, this one and the
+// lock operation, and so begins with the caller that wants the lock.
 [[gnu::noinline]] bool spin_or_yield(Word word) {
   if (spin(word)) return true;
   const CancellationOff off; // the caller may hold other locks, or have its stack in a list

@@ -1,24 +1,23 @@
-// The ticket lock's two words, and its diagnostic fields after them:
+// Implements the ticket lock. Its two words, which diagnostic fields follow:
 //
 //    31            0  31            0
 //   +---------------+---------------+
 //   |    serving    |     next      |    serving == next: free
-//   +---------------+---------------+    next - serving: the holder and those who wait
+//   +---------------+---------------+    next - serving: the holder and the waiting threads
 //
-// Writers. next: each thread that comes, by one atomic addition that gives it a number of its own;
-// trylock by a compare-and-swap. serving: the holder when it leaves, by an atomic addition of 32
-// bits, which does not carry into next. It has to be atomic because a misused lock is released by
-// others too, and each release is to advance it. magic, other and owner tell about misuse and
-// decide nothing: they are read and written as a whole, without order.
+// Writers. next: each arriving thread adds 1 atomically, and the old value is its number; trylock
+// uses a compare-and-swap. serving: the holder adds 1 when it leaves, by an atomic addition of 32
+// bits, which does not carry into next. The addition is atomic because a misused lock is released
+// by several threads, and each release must advance it. magic, other and owner report misuse and
+// decide nothing; they are read and written as a whole, without order.
 //
-// Order. The addition to serving releases, the load that sees one's own number acquires: what a
-// holder wrote is seen by the next.
+// Order. The addition to serving releases, and the load that finds the thread's own number
+// acquires: a holder sees the writes of the previous one.
 //
-// No ABA. The numbers wrap after 2^32. A waiting thread holds its number, so no other thread has
-// the same one unless 2^32 threads wait. trylock read serving equal to next before its
-// compare-and-swap: that takes the lock wrongly if all numbers are drawn in between and one of the
-// last is still held, which takes minutes of nothing but locking by others between two
-// instructions.
+// No ABA. The numbers wrap after 2^32. A waiting thread keeps its number, so another thread can
+// have the same number only if 2^32 threads wait. trylock reads serving equal to next before its
+// compare-and-swap. It would take a held lock if, between these two instructions, other threads
+// drew all numbers, which takes minutes, and one of the last still held the lock.
 #include "vorn_ticketlock.h"
 
 #include <cstdint>
@@ -44,7 +43,7 @@ constexpr std::uint64_t kNobody = UINT64_MAX;
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-// operation is the exported function that found the misuse, function and line its caller.
+// operation is the exported function that found the misuse; function and line are its caller's.
 [[gnu::cold, gnu::noinline]] void report(vorn_tspinlock_s *lock, const char *text,
                                          const char *operation, const char *function,
                                          std::uint32_t line) {

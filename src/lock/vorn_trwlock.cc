@@ -1,26 +1,29 @@
-// The ticket reader-writer lock's two words, each a pair of counters that wrap separately:
+// Implements the ticket reader-writer lock. Its two words are pairs of counters that wrap
+// separately:
 //
 //    31            0  31            0  31            0  31            0
 //   +---------------+---------------+---------------+---------------+
 //   |  completions  |    write      |   requests    |     write     |
 //   |               |  completions  |               |   requests    |
 //   +---------------+---------------+---------------+---------------+
-//     one 64-bit word: who has left   one 64-bit word: who has come
+//     one 64-bit word: departures     one 64-bit word: arrivals
 //
-// Rule. Everyone notes the requests as they were before it came. A writer enters when completions
-// has reached that number: all before it have left. A reader enters when write completions has
-// reached the number of writers before it: all writers before it have left. Who comes later waits
-// for it in turn, so neither counter can get past the number that it waits for.
+// Rule. Each arriving thread notes the requests before its own. A writer enters when completions
+// has reached that number: all earlier threads have left. A reader enters when write completions
+// has reached the number of earlier writers: all of these have left. Later threads wait for this
+// one in turn, so no counter can pass the number that it waits for.
 //
-// Writers. Both counters of a pair change at one moment, by a compare-and-swap of the pair: nobody
-// sees a writer in one counter and not in the other, and no carry gets from one into the other.
+// Writers. A compare-and-swap of the pair changes both counters at once: no thread sees a writer in
+// one counter and not in the other, and no carry passes from one to the other.
 //
-// Order. Leaving releases; the load that ends a wait, or lets a trylock go on, acquires. The
-// changes of completions are one release sequence, so who comes in sees what all who left did.
+// Order. Leaving releases. The load that ends a wait, or lets a trylock go on, acquires. The
+// changes of completions form one release sequence, so an entering thread sees what all departed
+// threads did.
 //
-// No ABA. A trylock takes its number only if the requests are still those that it compared with the
-// completions: nobody came in between. They would be the same again after 2^32 acquisitions between
-// two instructions; a wait would take another's number for its own if 2^32 threads waited.
+// No ABA. A trylock takes its number only if the requests still equal the completions that it
+// compared them with: no thread has arrived in between. They would be equal again after 2^32
+// acquisitions between two instructions. A waiting thread would take another's number for its own
+// if 2^32 threads waited.
 #include "vorn_trwlock.h"
 
 #include <bit>
@@ -40,8 +43,8 @@ static_assert(alignof(vorn_trwlock_s) == 8);
 namespace vorn::lock {
 namespace {
 
-// A pair as one word, and as a sum to add to one: readers and writers in the lower half, writers
-// alone in the upper. This source looks at the counters in no other form.
+// A pair as one word: readers and writers in the lower half, writers alone in the upper half. This
+// source accesses the counters in no other form.
 using Counters = std::atomic_ref<std::uint64_t>;
 static_assert(std::endian::native == std::endian::little);
 
@@ -61,20 +64,20 @@ std::uint32_t all(std::uint64_t counters) { return static_cast<std::uint32_t>(co
 
 std::uint32_t writers(std::uint64_t counters) { return static_cast<std::uint32_t>(counters >> 32); }
 
-// Each half for itself.
+// Adds each half separately.
 std::uint64_t sum(std::uint64_t a, std::uint64_t b) {
   return ((a & kUpper) + (b & kUpper)) | all(a + b);
 }
 
 std::uint64_t peek(Counters pair) { return pair.load(std::memory_order_relaxed); }
 
-// On failure *seen is what the pair holds instead.
+// On failure, *seen is the present value of the pair.
 bool try_add(Counters pair, std::uint64_t *seen, std::uint64_t who) {
   return pair.compare_exchange_weak(*seen, sum(*seen, who), std::memory_order_acq_rel,
                                     std::memory_order_relaxed);
 }
 
-// Gives the counters as they were before.
+// Returns the counters as they were before.
 std::uint64_t add(Counters pair, std::uint64_t who) {
   std::uint64_t seen = peek(pair);
   while (!try_add(pair, &seen, who)) {

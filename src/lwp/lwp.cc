@@ -1,4 +1,4 @@
-// The start of the LWP module, and what is configured before it.
+// Starts the LWP module, and holds its configuration.
 #include "lwp/lwp.hpp"
 
 #include <atomic>
@@ -37,7 +37,7 @@ int start_instances() {
   const int result = LwpInstModuleInit();
   if (result == 0) return 0;
   VORN_LOG_AS("LwpModuleInit", kInfo, "Init lwp module inst fail, ret:%d", result);
-  drop_variables(); // the next start may be configured otherwise
+  drop_variables(); // the next start may have another configuration
   return result;
 }
 

@@ -1,4 +1,4 @@
-// What the sources of the LWP module share.
+// Declares what the sources of the LWP module share.
 #ifndef VORN_LWP_LWP_HPP
 #define VORN_LWP_LWP_HPP
 
@@ -16,20 +16,20 @@ std::uint32_t configured_instances();
 std::uint32_t configured_variables();
 bool tracing();
 
-// Zeroed memory of the standard allocator; NULL when memory is short.
+// Allocates zeroed memory by the standard allocator; NULL if memory runs out.
 void *allocate_zeroed(std::size_t size);
 
-// Bytes 0 and 1 of an id.
+// Return bytes 0 and 1 of an id.
 constexpr std::uint64_t kTagMask = 0xffff;
 constexpr std::uint64_t kAlive = 0x4c70;
 constexpr std::uint64_t kDead = 0x446c;
 
 // --- Instances (lwp_inst.cc) ---
 
-// Of an instance that has no thread.
+// The thread handle of an instance without a thread.
 constexpr pthread_t kNoThread = ~pthread_t{0};
 
-// size is written after slots, which it publishes.
+// size is written after slots and publishes it.
 struct Instances {
   lwp_inst_s *slots;
   std::uint32_t size;
@@ -44,22 +44,22 @@ inline std::uint64_t id_of(const lwp_inst_s &inst) {
   return atomic_word(inst.id).load(std::memory_order_acquire);
 }
 
-// Logs why there is no instance with this id. Returns NULL.
+// Logs why no instance has this id. Returns NULL.
 lwp_inst_s *refuse(std::uint64_t id);
 
-// The instance with this id, or the current one.
+// Return the instance with this id, or the current instance.
 inline lwp_inst_s *find(std::uint64_t id) {
   if (id == 0) return g_lwpInstCurrent;
   const std::uint64_t index = id >> 16 & 0xffff;
   if (index >= instance_count()) return refuse(id);
   lwp_inst_s *inst = &instances.slots[index];
-  // A stale id of the slot has the tag of the dead.
+  // A stale id of the slot has the tag of a deleted instance.
   return id_of(*inst) == id && (id & kTagMask) == kAlive ? inst : refuse(id);
 }
 
 // --- Variables (lwp_var.cc) ---
 
-// Undoes LwpVarModuleInit, before any thread uses the tables.
+// Reverses LwpVarModuleInit, before any thread uses the tables.
 void drop_variables();
 
 } // namespace vorn::lwp

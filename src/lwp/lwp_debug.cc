@@ -1,5 +1,5 @@
-// The trace of a thread's switches between instances, and the statistics of the places that take
-// and give back references.
+// Traces a thread's switches between instances, and counts the places that take and give back
+// references.
 #include "lwp/lwp.hpp"
 
 #include "base/log.hpp"
@@ -63,8 +63,8 @@ constexpr std::uint32_t kEntries = 1024;
 
 struct AutoStat {
   const char *name;
-  vorn_spinlock_s lock = VORN_SPINLOCK_INIT; // of used and of setting slots
-  std::uint32_t used = 0;                    // raised after the entry is written
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT; // guards used and the setting of slots
+  std::uint32_t used = 0;                    // incremented after the entry is written
   lwp_auto_stat_s entries[kEntries] = {};
 
   explicit constexpr AutoStat(const char *table) : name(table) {}
@@ -81,7 +81,7 @@ lwp_auto_stat_s *next_entry(AutoStat &stat, const void *address) {
   return entry;
 }
 
-// The usual case, a place that has its entry, does without the lock.
+// The usual case, a place that has its entry, takes no lock.
 void give_entry(AutoStat &stat, lwp_auto_stat_s **slot, const void *address) {
   if (slot == nullptr) return;
   const auto place = atomic_word(*slot);
@@ -121,7 +121,7 @@ void LwpCtxDbgSwitch(uint64_t oldId, uint64_t newId) {
   if (vorn_thrd_backtrace(entry.addresses, VORN_THRD_SWITCH_DEPTH, kFramesLeftOut) != 0) return;
   vorn_thrd_switch_trace_s &trace = thread->switch_trace;
   trace.entries[trace.count % VORN_THRD_SWITCH_COUNT] = entry;
-  // After the entry: a signal handler of this thread may show the trace at any moment.
+  // Written after the entry: a signal handler of this thread may show the trace at any moment.
   vorn::atomic_word(trace.count).store(trace.count + 1, std::memory_order_release);
 }
 

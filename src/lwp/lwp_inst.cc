@@ -1,34 +1,34 @@
-// The instances: their creation, references and deletion.
+// Implements the creation, the references and the deletion of instances.
 //
-// The state word is changed by compare-and-swap alone, state and count together:
+// The state word is changed only by compare-and-swap, state and count together:
 //
 //    63            32 31             0
 //   +----------------+----------------+
 //   |     state      |   references   |
 //   +----------------+----------------+
 //
-// Changes of the state. The creator makes 0 into 1, 1 into 2 and 2 into 4. Any thread may make 1,
-// 2, 4 or 16 into 8: exactly one does, and it alone deletes the instance, makes 8 into 0, or 16
-// when it gives up.
+// Changes of the state. The creator changes 0 to 1, 1 to 2 and 2 to 4. Any thread may change 1, 2,
+// 4 or 16 to 8. Exactly one thread succeeds; only that thread deletes the instance, and changes 8
+// to 0, or to 16 if it gives up.
 //
-// References and reused slots. Between finding an id and changing the state word the instance may
-// be deleted and its slot be given to another. A count above 0 keeps a slot from becoming free.
-// Therefore a thread first counts itself, then reads the id again: a wrong id is one that it has
-// counted itself on by mistake, and it gives that count back. Others see it as a reference for a
-// moment, which makes a deletion of theirs wait a moment longer. The id is written before the state
-// becomes 4 (release), and read after the count was raised (acquire).
+// References and reused slots. After a thread has found an id and before it changes the state word,
+// the instance may be deleted and its slot reused. A count above 0 keeps a slot from becoming free.
+// So a thread first increments the count and then reads the id again. If the id differs, the thread
+// has counted itself on another instance and decrements the count. That short reference makes a
+// deletion of the other instance wait a moment longer. The id is written before the state becomes 4
+// (release), and read after the increment of the count (acquire).
 //
-// Deletion during creation. A delete may come as soon as a constructor knows the id: before the
+// Deletion during creation. A delete may begin as soon as a constructor knows the id: before the
 // state is normal, or after that but before the creator has stored the thread's handle. The creator
-// keeps its own id in `creator` until it does not use the record any more, and the deletion waits
-// for that as for a reference: it then finds the handle, which it joins. A creator whose state was
-// taken away leaves the record to the deletion. One that fails is itself the thread that deletes,
-// unless another was first.
+// keeps its own id in `creator` until it no longer uses the record. The deletion waits for that as
+// for a reference; then it finds the handle, and joins the thread. A creator that loses the state
+// to another thread leaves the record to the deletion. A creator that fails deletes the instance
+// itself, unless another thread was first.
 //
-// Registration of variables during creation. The creator makes the state 2, then reads how many
-// variables are registered; a registration adds one, then reads the state. Both are sequentially
-// consistent, so either the creator sees the variable and constructs it, or the registration sees
-// state 2 and waits for 4.
+// Registration of variables during creation. The creator sets the state to 2 and then reads the
+// number of registered variables. A registration increments that number and then reads the state.
+// Both orders are sequentially consistent, so either the creator sees the variable and constructs
+// it, or the registration sees state 2 and waits for 4.
 #include "lwp/lwp.hpp"
 
 #include <cstring>
@@ -61,7 +61,7 @@ constexpr std::uint64_t kReportMilliseconds = 1000;
 
 constinit std::atomic<std::uint32_t> sequence{0};
 
-// The instance whose thread the calling one is; 0: none.
+// The instance whose thread is the calling one; 0 if there is none.
 thread_local constinit std::uint64_t t_home __attribute__((tls_model("initial-exec"))) = 0;
 
 // --- The state word ---
@@ -78,14 +78,14 @@ struct State {
 
 State state_of(const lwp_inst_s &inst) { return State::from(atomic_word(inst.state).load()); }
 
-// Whether the word was changed, and what it was before.
+// Whether the word was changed, and its value before.
 struct Change {
   bool made;
   State before;
   explicit operator bool() const { return made; }
 };
 
-// next(state) changes its argument, or returns false where that is not to be changed.
+// next(state) changes its argument, or returns false to refuse a change.
 template <class Next> Change change(lwp_inst_s &inst, Next next) {
   const auto word = atomic_word(inst.state);
   std::uint64_t before = word.load(std::memory_order_relaxed);
@@ -98,7 +98,7 @@ template <class Next> Change change(lwp_inst_s &inst, Next next) {
   }
 }
 
-// False, and nothing is changed, where the state is not the first.
+// Returns false and changes nothing if the state is not the first argument.
 bool advance(lwp_inst_s &inst, std::uint32_t from, std::uint32_t to) {
   return change(inst,
                 [=](State &state) {
@@ -109,8 +109,8 @@ bool advance(lwp_inst_s &inst, std::uint32_t from, std::uint32_t to) {
       .made;
 }
 
-// Messages are functions of their own, so that taking and giving back a reference needs no frame
-// for them.
+// Separate functions, so that taking and giving back a reference needs no stack frame for the
+// messages.
 [[gnu::noinline]] void report_overflow(const lwp_inst_s &inst) {
   VORN_LOG_AS("LwpInstGet", kInfo, "Lwp inst:%s get overflow", inst.name);
 }
@@ -156,7 +156,7 @@ void set_name(lwp_inst_s &inst, const char *name) {
     atomic_word(name_word(inst, at)).store(words[at], std::memory_order_relaxed);
 }
 
-// The name of a slot, whatever is done to it meanwhile.
+// Copies the name of a slot, which another thread may change meanwhile.
 class ShownName {
 public:
   explicit ShownName(const lwp_inst_s &inst) {
@@ -172,7 +172,7 @@ private:
 // --- Deletion ---
 
 bool creating(const lwp_inst_s &inst) {
-  // Acquire: what the creator stored before it was done.
+  // Acquire: sees what the creator stored before it was done.
   return atomic_word(inst.creator).load(std::memory_order_acquire) != 0;
 }
 
@@ -202,7 +202,7 @@ void report_undeletable(const lwp_inst_s &inst, std::uint64_t id, const State &s
               id);
 }
 
-// Makes the calling thread the one that deletes the instance.
+// Makes the calling thread the deleting one.
 bool claim(lwp_inst_s &inst, std::uint64_t id) {
   const Change counted = change(
       inst, [](State &state) { return deletable(state) && state.references++ != kMostReferences; });
@@ -225,7 +225,7 @@ bool claim(lwp_inst_s &inst, std::uint64_t id) {
   return false;
 }
 
-// False where another thread got to it first.
+// Returns false if another thread was first.
 bool claim_failed_creation(lwp_inst_s &inst) {
   return change(inst,
                 [](State &state) {
@@ -236,7 +236,7 @@ bool claim_failed_creation(lwp_inst_s &inst) {
       .made;
 }
 
-// Gives up on an instance that is in use at the time-out.
+// Gives the deletion up: the instance is still in use at the time-out.
 int leave_zombie(lwp_inst_s &inst, std::uint64_t id) {
   if (!change(inst, [](State &state) {
         if (state.state == LWP_STATE_FREE) return false;
@@ -263,7 +263,7 @@ int wait_until_unused(lwp_inst_s &inst, std::uint64_t id, std::uint64_t start,
   return 0;
 }
 
-// After the last reference was given back; the calling thread is the one that deletes.
+// Called by the deleting thread after the last reference was given back.
 int end_instance(lwp_inst_s &inst, std::uint64_t id) {
   if (inst.thread != kNoThread) {
     sys::join(inst.thread);
@@ -275,7 +275,7 @@ int end_instance(lwp_inst_s &inst, std::uint64_t id) {
     return result;
   }
   LwpVarFree(&inst.area);
-  // The old id is refused from here on, and nothing of the record is used after the state is 0.
+  // The old id is refused from here on. The record is not accessed after the state is 0.
   atomic_word(inst.id).store((id & ~kTagMask) | kDead, std::memory_order_release);
   advance(inst, LWP_STATE_DELETING, LWP_STATE_FREE);
   return 0;
@@ -298,7 +298,7 @@ lwp_inst_s *claim_slot() {
 
 std::uint64_t abandon(lwp_inst_s &inst, std::uint64_t id) {
   const bool claimed = claim_failed_creation(inst);
-  end_creation(inst); // after which another thread's deletion may free the slot
+  end_creation(inst); // after this, another thread's deletion may free the slot
   if (!claimed) return LWP_NONE;
   wait_until_unused(inst, id, vorn_time_getmillisec(), -1);
   end_instance(inst, id);
@@ -320,7 +320,7 @@ void *run_thread(void *argument) {
   return nullptr;
 }
 
-// Every way out of the creation ends it.
+// Ends the creation on every way out.
 std::uint64_t start_thread(lwp_inst_s &inst, std::uint64_t id) {
   pthread_t thread{};
   const int error = pthread_create(&thread, nullptr, run_thread, &inst);
@@ -339,9 +339,9 @@ bool must_wait(const lwp_inst_s &inst, std::uint32_t mask) {
 
 // --- fork() ---
 
-// Of what other threads of the parent were doing, the child has the traces alone. An instance that
-// one was creating has no id that a thread knows, so its place is lost, as that of one that was
-// being deleted.
+// In a child, drops what other threads of the parent were doing. An instance that another thread
+// was creating has an id that no thread knows, so its slot is lost, and so is that of an instance
+// that was being deleted.
 void forget_threads_of(lwp_inst_s &inst) {
   const pthread_t self = pthread_self();
   inst.thread = kNoThread;
@@ -395,7 +395,7 @@ int LwpInstModuleInit() {
 }
 
 uint64_t LwpInstNew(const char *name, void *, lwp_entry_f entry, void *arg) {
-  const vorn::CancellationOff off; // until the instance is whole
+  const vorn::CancellationOff off; // until the instance is complete
   lwp_inst_s *inst = claim_slot();
   if (inst == nullptr) return LWP_NONE;
   const uint64_t id = id_of(*inst);
@@ -435,7 +435,7 @@ int LwpInstForEachNormal(int (*fn)(uint64_t id, void *arg), void *arg, uint32_t 
     VORN_LOG(kInfo, "Invalid param func is null");
     return -1;
   }
-  const vorn::CancellationOff off; // while the references are held
+  const vorn::CancellationOff off; // while this holds the references
   for (uint32_t at = 0; at < instance_count(); ++at) {
     lwp_inst_s &inst = instances.slots[at];
     while (must_wait(inst, waitMask))
@@ -465,7 +465,7 @@ int LwpInstDelete(uint64_t id, int32_t timeoutMs) {
              ShownName(*inst).c_str(), id);
     return -1;
   }
-  const vorn::CancellationOff off; // until the instance is gone, or left as a zombie
+  const vorn::CancellationOff off; // until the instance is deleted or a zombie
   const uint64_t start = vorn_time_getmillisec();
   if (!claim(*inst, id)) return -1;
   const int result = wait_until_unused(*inst, id, start, timeoutMs);

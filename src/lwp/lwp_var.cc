@@ -1,16 +1,16 @@
-// The variables of instances: the table of those registered, and each instance's own values.
+// Holds the table of registered variables, and the values of each instance.
 //
-// Variables are only ever added. A record and its default value are written before the number of
-// variables is raised, and not changed after it; so a thread that has read the number reads what
-// lies below it without the lock.
+// Variables are only added. A record and its default value are written before the number of
+// variables is incremented, and not changed after that. So a thread that has read the number reads
+// the records below it without the lock.
 //
 // Construction. An instance's busy flag lets one thread construct at a time. A thread that finds
-// variables missing waits for the flag, and then constructs what is still missing, so it does not
-// depend on what the holder before it has seen or how that ended. The number of those constructed
-// is raised (release) after their constructors have returned: a thread that reads it (acquire)
-// and finds nothing missing finds them all constructed. The holder reads the number of registered
-// variables again before it leaves: a constructor that registers a variable finds the flag taken by
-// its own thread, cannot wait for it, and leaves that variable to the holder's next round.
+// variables missing waits for the flag, and then constructs those that are still missing; it does
+// not rely on what an earlier holder has constructed. The number of constructed variables is
+// incremented (release) after their constructors have returned: a thread that reads it (acquire)
+// and finds none missing sees all of them constructed. The holder reads the number of registered
+// variables again before it leaves: a constructor that registers a variable finds the flag held by
+// its own thread, cannot wait for it, and leaves the variable to the holder's next round.
 #include "lwp/lwp.hpp"
 
 #include <cstdlib>
@@ -37,7 +37,7 @@ struct Variable {
 };
 
 struct Variables {
-  vorn_spinlock_s lock = VORN_SPINLOCK_INIT; // of registration and the default values
+  vorn_spinlock_s lock = VORN_SPINLOCK_INIT; // guards the registration and the default values
   Variable *records = nullptr;
   std::uint64_t *defaults = nullptr;
   std::uint32_t capacity = 0;
@@ -58,7 +58,7 @@ void set_constructed(lwp_inst_s &inst, std::uint32_t count) {
 
 std::uint64_t offset_of(std::uint64_t var_id) { return var_id & kOffsetMask; }
 
-// The value at an offset in bytes.
+// Returns the value at an offset in bytes.
 void *value_at(std::uint64_t *values, std::uint64_t offset) {
   return reinterpret_cast<char *>(values) + offset;
 }
@@ -106,7 +106,7 @@ void copy_defaults(lwp_inst_s &inst, std::uint32_t from, std::uint32_t to) {
   std::memcpy(inst.area.values + from, variables.defaults + from, (to - from) * kValueSize);
 }
 
-// Constructs all of a batch, or none.
+// Constructs all variables of a batch, or none.
 int construct(std::uint64_t id, std::uint32_t from, std::uint32_t to) {
   for (std::uint32_t at = from; at < to; ++at) {
     const Variable &variable = variables.records[at];
@@ -162,7 +162,7 @@ std::uint64_t add(const char *name, const void *value, std::size_t size, const l
 
 struct Shown {
   vorn_print_f print;
-  std::uint32_t index; // of the variable, where one is shown
+  std::uint32_t index; // of the variable, if only one is shown
 };
 
 std::uint64_t value_of(const lwp_inst_s &inst, std::uint32_t index) {
@@ -194,7 +194,7 @@ int show_value(std::uint64_t id, void *argument) {
   return 0;
 }
 
-// A function of its own, so that reading a value needs no frame for it.
+// A separate function, so that reading a value needs no stack frame for the message.
 [[gnu::noinline]] void *refuse_value(std::uint64_t inst_id, std::uint64_t var_id) {
   VORN_LOG_AS("LwpVarRaw", kInfo, "Invalid lwp var instId:0x%lx varId:0x%lx", inst_id, var_id);
   return nullptr;
@@ -279,7 +279,7 @@ int LwpVarDestructor(uint64_t instId) {
   for (uint32_t left = constructed(*inst); left > 0; --left) {
     const int result = destruct(variables.records[left - 1], instId);
     if (result != 0) return result;
-    set_constructed(*inst, left - 1); // none is destroyed twice
+    set_constructed(*inst, left - 1); // so that none is destroyed twice
   }
   return 0;
 }
@@ -298,7 +298,8 @@ int LwpVarMalloc(lwp_var_area_s *area) {
 
 void LwpVarFree(lwp_var_area_s *area) {
   area->capacity = 0;
-  std::free(std::exchange(area->values, nullptr)); // a child of fork() must not find it freed
+  std::free(
+      std::exchange(area->values, nullptr)); // so that a child of fork() does not find freed memory
 }
 
 void *LwpVarDef(uint64_t varId) {

@@ -1,4 +1,4 @@
-// Blocks of the accounting allocator that are the library's own, and go with their owner.
+// Owns blocks of the accounting allocator that the library uses itself.
 #ifndef VORN_MEM_OWNED_HPP
 #define VORN_MEM_OWNED_HPP
 
@@ -11,15 +11,15 @@
 
 namespace vorn::mem {
 
-// NULL, after an error message in the name of function, when memory runs out; without one for a
-// size that the allocator cannot count.
+// Returns NULL if memory runs out, after an error message in the name of function; without a
+// message if the size is beyond the allocator's counters.
 inline void *allocate(std::size_t size, const char *function = __builtin_FUNCTION(),
                       unsigned int line = __builtin_LINE()) {
   if (size > UINT32_MAX) return nullptr;
   return vorn_mallocsubstandard(VORN_MODULE_ID, static_cast<unsigned int>(size), 0, function, line);
 }
 
-// The same without a message, for a caller that has one of its own.
+// The same without a message, for a caller that logs its own.
 inline void *allocate_quietly(std::size_t size, const char *function = __builtin_FUNCTION(),
                               unsigned int line = __builtin_LINE()) {
   if (size > UINT32_MAX) return nullptr;
@@ -35,7 +35,7 @@ struct Release {
   }
 };
 
-// Owns an object, or the bytes of a text or buffer.
+// Owns an object, a text or a buffer.
 template <class T> using Owned = std::unique_ptr<T, Release>;
 using Block = Owned<char>;
 

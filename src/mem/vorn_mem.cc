@@ -1,3 +1,4 @@
+// Allocates and frees accounted memory.
 #include "vorn_mem.h"
 
 #include <cstdlib>
@@ -9,7 +10,7 @@
 namespace vorn::mem {
 namespace {
 
-// The caller's address keeps the alignment of the system allocator.
+// The address that the caller gets keeps the alignment of the system allocator.
 constexpr unsigned int kHeadSize = 16;
 static_assert(sizeof(vorn_mem_head_s) == kHeadSize);
 static_assert(offsetof(vorn_mem_head_s, magic) == 0 && offsetof(vorn_mem_head_s, size) == 4 &&
@@ -17,8 +18,8 @@ static_assert(offsetof(vorn_mem_head_s, magic) == 0 && offsetof(vorn_mem_head_s,
 
 vorn_mem_head_s *head_of(void *ptr) { return static_cast<vorn_mem_head_s *>(ptr) - 1; }
 
-// Before a block that is not ours lies the system allocator's own data, or a block that was freed:
-// sanitizers guard both.
+// The bytes before a block of another allocator, or before a freed block, belong to the system
+// allocator. Sanitizers report their use.
 [[gnu::no_sanitize_address, gnu::no_sanitize_thread]] bool is_ours(const vorn_mem_head_s *head) {
   return head->magic == VORN_MEM_MAGIC;
 }

@@ -1,3 +1,4 @@
+// Reads memory figures of the system and runs the guarded memory commands.
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -17,7 +18,7 @@ namespace vorn::mem {
 namespace {
 
 constexpr char kMeminfo[] = "/proc/meminfo";
-constexpr unsigned long kUnitSize = 4096; // of vorn_setmemory_*, whatever the page size
+constexpr unsigned long kUnitSize = 4096; // of vorn_setmemory_*, for any page size
 constexpr std::size_t kNameSize = 128;
 
 constinit Once page_size_read{OncePolicy::kRetry};
@@ -25,10 +26,11 @@ constinit Once page_size_read{OncePolicy::kRetry};
 // The exported figure may be read again at any time, by vorn_get_current_page_size_inner.
 uint64_t page_size() { return atomic_word(g_CurSysPageSize).load(std::memory_order_relaxed); }
 
-// Two threads that find it 0 read the same figure twice.
+// Two threads that find it 0 both read the same figure.
 constinit std::atomic<unsigned long> total_kb{0};
 
-// The value in kB of the line that key names, colon included; 0 with -1 when there is none.
+// Reads the value in kB of the line that key, with its colon, names. Returns -1 with 0 if there is
+// none.
 int vorn_get_meminfo(const char *key, unsigned long *value) {
   const Stream file = sys::open_stream(kMeminfo);
   if (file == nullptr) {
@@ -50,7 +52,7 @@ int vorn_get_meminfo(const char *key, unsigned long *value) {
 
 bool is_page_multiple(unsigned long value) { return value % page_size() == 0; }
 
-// function is the exported one that the records name.
+// function is the exported one that the log messages name.
 int set_protection(const char *function, void *addr, unsigned int numpages, int protection) {
   if (addr == nullptr || numpages == 0) {
     return VORN_FAIL_AS(function, -1, "Param is invalied,addr is NULL(%p), numpages is 0.", addr);
@@ -110,7 +112,7 @@ unsigned long vorn_get_available_usage() {
   return (total - available) * 100 / total;
 }
 
-// Always refused: whatever is permitted, two commands are not run as one.
+// Always refused: two commands are not run as one, even if each is permitted.
 int vorn_release_mem() {
   return vorn_system_s("sync;echo 3 > /proc/sys/vm/drop_caches;", ";>") == 0 ? 0 : -1;
 }

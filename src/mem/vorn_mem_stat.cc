@@ -1,3 +1,4 @@
+// Counts accounted memory by module.
 #include "vorn_mem.h"
 
 #include <atomic>
@@ -13,11 +14,11 @@ namespace {
 
 constexpr unsigned int kColumns = 5;
 
-// The table is written in this step, when its counters are cleared.
+// Only this step writes the table, when the counters are cleared.
 constinit Once table_found{OncePolicy::kRetry};
 constinit std::uint64_t *found_table = nullptr;
 
-// An allocation that succeeds and a free leave errno alone, also where no kernel module answers.
+// A successful allocation and a free keep errno, even if no kernel module answers.
 std::uint64_t *ask_for_table() {
   const KeptErrno errno_stays;
   std::uint64_t address = 0;
@@ -37,7 +38,7 @@ int find_table() {
   return 0;
 }
 
-// NULL while the kernel module has given none.
+// NULL until the kernel module provides one.
 std::uint64_t *stat_table() { return table_found.run(find_table) == 0 ? found_table : nullptr; }
 
 } // namespace

@@ -1,7 +1,7 @@
-// Chains of callbacks by priority, each under its own spin lock.
+// Implements chains of callbacks by priority, each with its own spin lock.
 //
-// A call writes nothing to the chain and reads a block's `next` before its callback runs, which may
-// therefore take the block off and free it.
+// A call does not write to the chain. It reads a block's `next` before the callback runs, so the
+// callback may unregister and free its block.
 #include "vorn_notifier.h"
 
 #include "base/log.hpp"
@@ -36,7 +36,7 @@ int remove(Link *link, const vorn_notifier_block_s *block) {
 
 int call(vorn_notifier_block_s *block, const vorn_notifier_block_s *next, unsigned long action,
          void *data) {
-  // Kept apart from the block, which may be gone after the call.
+  // A copy: the block may be gone after the call.
   void *const shown = block;
   VORN_LOG_AS("VornNotifierCallChain", kInfo,
               "Exception chain node %p called start: function:%p, action=%d, data=%p, pri=%u, "

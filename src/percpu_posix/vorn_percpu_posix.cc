@@ -1,3 +1,4 @@
+// Allocates per-CPU memory.
 #include "vorn_percpu_posix.h"
 
 #include "base/log.hpp"

@@ -23,8 +23,8 @@ namespace {
 constexpr off_t kMaxFileSize = 1 << 20;
 constexpr char kFunction[] = "pid_init_names";
 
-// Written while the file is loaded, only read afterwards. The names lie in the file's text, which
-// stays.
+// Written during the load of the file, and only read after that. The names are parts of the file's
+// text, which is never freed.
 constinit Once loaded{OncePolicy::kLatch};
 constinit const char *names[VORN_MODULE_ID_COUNT] = {};
 
@@ -32,7 +32,7 @@ bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 bool is_name_char(char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_'; }
 
-// Cuts the next word off the line; empty at its end.
+// Cuts the next word off the line. Returns an empty word at its end.
 std::string_view take_word(std::string_view *line) {
   while (!line->empty() && is_blank(line->front()))
     line->remove_prefix(1);
@@ -56,7 +56,8 @@ bool is_name(std::string_view word) {
   return !word.empty();
 }
 
-// A line of the text: the name is ended in it, and kept there. False: it is not an id and a name.
+// Parses a line, and terminates the name inside the text. Returns false if it is not an id and a
+// name.
 bool take_row(char *line, std::size_t length) {
   std::string_view rest(line, length);
   const std::string_view id_word = take_word(&rest);
@@ -70,7 +71,7 @@ bool take_row(char *line, std::size_t length) {
   return true;
 }
 
-// False: no name is kept, so the text need not be.
+// Returns false if no name is kept; the text is then freed.
 bool take_rows(char *text, std::size_t size) {
   unsigned int number = 0;
   for (std::size_t start = 0; start < size;) {
@@ -87,13 +88,13 @@ bool take_rows(char *text, std::size_t size) {
                      [](const char *name) { return name != nullptr; });
 }
 
-// Reports why the file cannot be read.
+// Logs why the file cannot be read.
 int fail(const char *what) {
   return VORN_FAIL_AS(kFunction, -1, "%s %s failed, errno=%d.", what, kNodeNamesFile, errno);
 }
 
 int load() {
-  // not blocking: a file that is a pipe by mistake must not hold up the process
+  // not blocking: if the file is a pipe by mistake, the process must not hang
   const UniqueFd fd = sys::open(kNodeNamesFile, O_RDONLY | O_NONBLOCK);
   if (!fd) return errno == ENOENT ? 0 : fail("Open");
   struct stat status {};

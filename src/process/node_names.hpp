@@ -1,4 +1,4 @@
-// The module names that a node adds at run time.
+// Declares the module names that a node adds at run time.
 #ifndef VORN_NODE_NAMES_HPP
 #define VORN_NODE_NAMES_HPP
 
@@ -8,8 +8,8 @@ namespace vorn::process {
 
 inline constexpr char kNodeNamesFile[] = "/WRK/conf/vorn_module_names";
 
-// The names that the node's file gives, by module id, NULL where it gives none. The file is read at
-// the first call and its names stay for the life of the process.
+// Returns the names of the node's file by module id; NULL for an id without a name. The first call
+// reads the file; the names stay valid.
 using NodeNames = const char *[VORN_MODULE_ID_COUNT];
 const NodeNames &node_names();
 

@@ -1,4 +1,4 @@
-// The table of module names.
+// Holds the table of module names.
 #include <atomic>
 #include <charconv>
 
@@ -20,8 +20,8 @@ constexpr Row kRows[] = {
 
 constexpr char kNoName[] = "NONE";
 
-// Built and cleared under the once's mutex, whose flag is set when all slots are. Readers and
-// vorn_pid_set_name take no lock: a slot is always NULL or a whole name.
+// Filled and cleared under the once's mutex. The flag is set after all slots. Readers and
+// vorn_pid_set_name take no lock: a slot is always NULL or a complete name.
 constinit Once built{OncePolicy::kLatch};
 constinit std::atomic<const char *> slots[VORN_MODULE_ID_COUNT] = {};
 
@@ -40,7 +40,7 @@ int build() {
   for (unsigned int id = 0; id < VORN_MODULE_ID_COUNT; ++id) {
     if (names[id] != nullptr) set_slot(id, names[id]);
   }
-  set_slot(VORN_MODULE_ID, VORN_MODULE_NAME); // whatever the node's tables say
+  set_slot(VORN_MODULE_ID, VORN_MODULE_NAME); // overrides the node's tables
   return 0;
 }
 

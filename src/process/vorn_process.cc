@@ -1,4 +1,4 @@
-// The version of a process: the time at which it was first asked for.
+// Holds the version of a process: the time of the first request for it.
 #include "vorn_process.h"
 
 #include <cerrno>

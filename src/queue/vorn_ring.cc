@@ -1,4 +1,5 @@
-// A ring is one block of memory: a header of four lines of 128 bytes, then the slots.
+// Implements the ring: one block of memory with a header of four lines of 128 bytes, then the
+// slots.
 //
 //     0  flags
 //   128  watermark | producer: single, size, mask, head, tail
@@ -13,32 +14,32 @@
 //
 //   word            written by                                 order
 //   head, of one    the one thread of the end                  store release
-//   head, of many   whoever reserves: a run of slots is his    compare-and-swap, acquire release
+//   head, of many   a thread that reserves a run of slots      compare-and-swap, acquire release
 //   tail            the owner of the run that begins there     store release
 //   a slot          the owner of the run that it is in         plain
 //   all others      vorn_ring_create
 //
 // Every counter is loaded with acquire. The full barriers order the same accesses for the processor
-// once more; where both stand, it is the loads and stores that a sanitizer follows.
+// again; the thread sanitizer follows only the loads and stores.
 //
-// Why no two threads have a slot at once.
-// 1. At one end runs do not overlap, as head is moved by one thread alone or by compare-and-swap.
-// 2. A producer reserves no further than mask in front of consumer.tail. It loads head first, then
+// Why no two threads have a slot at the same time.
+// 1. At one end, runs do not overlap: head is moved by a single thread, or by compare-and-swap.
+// 2. A producer reserves at most up to consumer.tail + mask. It loads head first, then
 //    consumer.tail: were that tail the older, the difference could pass 0 and become huge. A tail
 //    that is newer than head can only make a difference too great when head has moved since, and
 //    then the compare-and-swap fails. Likewise a consumer reserves up to producer.tail.
-// 3. A run is published by one store of tail, behind all accesses to its slots. That store is made
-//    only when tail has come to where the run begins, which the owner of the run before stored, and
-//    so the slots of all runs before were complete. It was loaded with acquire: so whoever loads
-//    tail with acquire and finds a later run published sees the earlier runs' slots as well (the
-//    filled slots at the consumer's end, the emptied ones at the producer's).
-// 4. Runs of no slots are not reserved. Two runs would begin at the same counter, both would be
-//    let through to tail, and the second to store could set it back.
+// 3. The owner publishes a run by one store of tail, after all accesses to its slots. It makes that
+//    store only when tail has reached the beginning of the run. The owner of the previous run
+//    stored that value, so the slots of all earlier runs are complete; it was loaded with acquire.
+//    So a thread that loads tail with acquire and finds a later run published sees the earlier
+//    runs' slots too (the filled slots at the consumer's end, the emptied slots at the producer's).
+// 4. Runs of no slots are not reserved. Two runs would begin at the same counter, both owners would
+//    proceed to the store of tail, and the second store could set it back.
 //
-// ABA: the compare-and-swap on head succeeds wrongly when head has come round to the same value
-// between a thread's load and its swap. As the counters are masked only when a slot is accessed,
-// that takes a thread that sleeps while exactly 2^32 slots pass (not a multiple of the ring's
-// size). Indices that wrapped with the ring would have needed a tag beside them.
+// ABA. The compare-and-swap on head succeeds wrongly if head has wrapped to the same value between
+// a thread's load and its swap. The counters are masked only for the access to a slot, so the
+// thread must sleep while exactly 2^32 slots pass, not just a multiple of the ring's size. Indices
+// that wrap with the ring would need a tag.
 #include "vorn_ring.h"
 
 #include <algorithm>
@@ -80,17 +81,17 @@ namespace {
 
 using Counter = volatile std::uint32_t;
 
-constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // a query's answer
+constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the answer of a query
 constexpr std::uint32_t kTestsTillYield = 0x8000000;
 
-enum class Threads { kOne, kMany }; // that use an end at once
-enum class Amount { kAll, kUpTo };  // all of them or none
+enum class Threads { kOne, kMany }; // that use an end at the same time
+enum class Amount { kAll, kUpTo };  // all of the objects or none
 
-// Slots that an operation has to itself, by the counter of the first.
+// The slots that an operation owns, by the counter of the first.
 struct Run {
   std::uint32_t head;
   std::uint32_t count;
-  std::uint32_t available; // that there were to be reserved
+  std::uint32_t available; // slots that could have been reserved
 };
 
 void **slots_of(vorn_ring_s &ring) { return reinterpret_cast<void **>(&ring + 1); }
@@ -108,11 +109,11 @@ template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_
   return wanted <= available ? wanted : 0;
 }
 
-// What follows is inlined whole into each exported call: where a Run is passed from one function to
-// the next it goes through memory, which takes longer than the barriers do.
+// The following functions are inlined into each exported call: a Run that is passed between
+// functions goes through memory, which takes longer than the barriers.
 
-// Moves the counter on, with a full barrier behind it. False when another thread was first:
-// expected is then where the counter stands now.
+// Advances the counter, followed by a full barrier. Returns false if another thread was first;
+// expected is then the present value of the counter.
 template <Threads kThreads> [[gnu::always_inline]] inline bool
 advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
   if constexpr (kThreads == Threads::kOne) {
@@ -126,8 +127,8 @@ advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
   return first;
 }
 
-// Reserves slots at one end: count of them, or what grant() makes of it. ahead is how far this
-// end's head may run in front of the other's tail.
+// Reserves slots at one end: count of them, or as many as grant() allows. ahead is the largest
+// distance of this end's head from the other end's tail.
 template <Threads kThreads, Amount kAmount>
 [[gnu::always_inline]] inline Run reserve(vorn_ring_end_s &end, const vorn_ring_end_s &other,
                                           std::uint32_t ahead, std::uint32_t count) {
@@ -157,7 +158,7 @@ template <Threads kThreads>
   store(end.tail, run.head + run.count);
 }
 
-// From and to never overlap.
+// from and to do not overlap.
 [[gnu::always_inline]] inline void copy(void **__restrict to, void *const *__restrict from,
                                         std::uint32_t count) {
   for (; count >= 4; count -= 4) {

@@ -1,3 +1,4 @@
+// Implements the red-black tree.
 #include "vorn_rbtree.h"
 
 #include <cstddef>
@@ -30,20 +31,20 @@ void set_parent_if_any(Node *node, const Node *parent) {
 void set_red(Node *node) { node->parent_color = address(vorn_rb_parent(node)); }
 void set_black(Node *node) { node->parent_color = address(vorn_rb_parent(node)) | VORN_RB_BLACK; }
 
-// Where parent, or the root, holds child.
+// Returns the link of parent, or of the root, to child.
 Node **slot_of(const Node *child, Node *parent, Root *root) {
   if (parent == nullptr) return &root->node;
   return parent->left == child ? &parent->left : &parent->right;
 }
 
-// The last node down that side, NULL below an empty place.
+// Returns the last node down that side, or NULL for an empty subtree.
 template <Child kSide> Node *outermost(Node *node) {
   while (node != nullptr && node->*kSide != nullptr)
     node = node->*kSide;
   return node;
 }
 
-// The next in order on side kFar.
+// Returns the next node in order towards side kFar.
 template <Child kNear, Child kFar> Node *neighbour(const Node *node) {
   if (vorn_rb_is_clear(node)) return nullptr;
   if (node->*kFar != nullptr) return outermost<kNear>(node->*kFar);
@@ -55,7 +56,7 @@ template <Child kNear, Child kFar> Node *neighbour(const Node *node) {
   return parent;
 }
 
-// Down to side kNear goes top, and its child on side kFar takes its place. Colours stay.
+// Rotates top down to side kNear; its child on side kFar takes its place. Keeps the colours.
 template <Child kNear, Child kFar> void rotate(Node *top, Root *root) {
   Node *riser = top->*kFar;
   Node *between = riser->*kNear;
@@ -68,8 +69,8 @@ template <Child kNear, Child kFar> void rotate(Node *top, Root *root) {
   set_parent_if_any(between, top);
 }
 
-// node and its parent, grand's child on side kNear, are both red. Returns the node that may be red
-// below a red one now, NULL where none is.
+// Repairs a red node with a red parent, which is grand's child on side kNear. Returns the node that
+// may now be red below a red parent, or NULL.
 template <Child kNear, Child kFar>
 Node *part_reds(Node *node, Node *parent, Node *grand, Root *root) {
   Node *uncle = grand->*kFar;
@@ -89,8 +90,8 @@ Node *part_reds(Node *node, Node *parent, Node *grand, Root *root) {
   return nullptr;
 }
 
-// Below parent, on side kNear, the paths have a black node too few. Returns the node whose paths
-// have it then, NULL where all are even.
+// Repairs the paths below parent on side kNear, which lack a black node. Returns the node whose
+// paths lack one after that, or NULL.
 template <Child kNear, Child kFar> Node *even_out(Node *parent, Root *root) {
   Node *sibling = parent->*kFar;
   if (is_red(sibling)) {
@@ -117,7 +118,8 @@ template <Child kNear, Child kFar> Node *even_out(Node *parent, Root *root) {
   return nullptr;
 }
 
-// The paths through node, parent's child and maybe empty, have lost a black node.
+// Repairs the paths through node, a child of parent that may be NULL, after the loss of a black
+// node.
 void restore_black(Node *node, Node *parent, Root *root) {
   while (parent != nullptr && is_black_or_empty(node)) {
     node = node == parent->left ? even_out<&Node::left, &Node::right>(parent, root)
@@ -128,7 +130,8 @@ void restore_black(Node *node, Node *parent, Root *root) {
   if (node != nullptr) set_black(node);
 }
 
-// Up to the top node, on each level the other child too, which a rotation may have put there.
+// Walks up to the top node, and visits the other child of each level too: a rotation may have moved
+// it there.
 void update_path(Node *node, vorn_rb_augment_f fn, void *data) {
   fn(node, data);
   while (Node *parent = vorn_rb_parent(node)) {
@@ -140,12 +143,12 @@ void update_path(Node *node, vorn_rb_augment_f fn, void *data) {
   }
 }
 
-// node has been linked as a red leaf.
+// node is linked as a red leaf.
 void restore_colors(Node *node, Root *root) {
   while (node != nullptr) {
     Node *parent = vorn_rb_parent(node);
     if (parent == nullptr || !is_red(parent)) break;
-    Node *grand = vorn_rb_parent(parent); // there is one: the top node is black
+    Node *grand = vorn_rb_parent(parent); // exists, because the top node is black
     node = parent == grand->left ? part_reds<&Node::left, &Node::right>(node, parent, grand, root)
                                  : part_reds<&Node::right, &Node::left>(node, parent, grand, root);
   }
@@ -182,7 +185,7 @@ void erase(Node *node, Root *root) {
   if (lost == VORN_RB_BLACK) restore_black(child, parent, root);
 }
 
-// What rebalancing moved below a new node is on the way up from a child of it.
+// The nodes that rebalancing moved below a new node are on the path up from a child of it.
 Node *lowest_changed_by_insert(Node *node) {
   if (node->left != nullptr) return node->left;
   return node->right != nullptr ? node->right : node;

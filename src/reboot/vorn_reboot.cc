@@ -1,4 +1,4 @@
-// Prints in the kernel's manner, and requests that end the node.
+// Implements the kernel-style prints and the requests that end the node.
 #include "vorn_reboot.h"
 
 #include <cerrno>
@@ -19,7 +19,7 @@ constexpr std::size_t kPanicTextSize = 256;
 using namespace vorn::reboot;
 
 int printk(const char *format, ...) {
-  const vorn::CancellationOff off; // whatever the node's logging library does
+  const vorn::CancellationOff off; // the node's logging library may have cancellation points
   va_list args;
   va_start(args, format);
   const int result = evlog_vraw(format, args);

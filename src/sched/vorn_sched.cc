@@ -1,4 +1,4 @@
-// Sleeps, yields and the calling thread's CPU.
+// Implements sleeps, yields and the number of the calling thread's CPU.
 #include "vorn_sched.h"
 
 #include <ctime>
@@ -16,7 +16,7 @@ namespace {
 
 static_assert(sizeof(cpu_set_t) == VORN_THRD_CPUSET_SIZE);
 
-// So many units, of which a second has per_second.
+// Sleeps units, of which a second has per_second.
 void sleep_for(unsigned int count, unsigned int per_second) {
   timeval timeout{count / per_second, count % per_second * (1000000 / per_second)};
   select(0, nullptr, nullptr, nullptr, &timeout);
@@ -41,7 +41,7 @@ void vorn_schedule() {
 int vorn_yield() { return sched_yield(); }
 
 uint64_t vorn_mdelay(unsigned int milliseconds) {
-  vorn_gettime_init(); // a clock that stands still would keep the caller here forever
+  vorn_gettime_init(); // with a stopped clock, the caller would loop forever
   const auto wanted = static_cast<uint64_t>(milliseconds * 1e6);
   const uint64_t start = vorn_time_getnanosec();
   uint64_t elapsed = 0;

@@ -1,23 +1,27 @@
-// No wake-up is lost. The waker makes the word 0 and then sends the signal, which finds the waiter
-// in one of these places:
+// Puts a thread to sleep on a word, and wakes it by a signal. No wake-up is lost. The waker stores
+// 0 in the word and then sends the signal, which finds the waiting thread in one of these places:
 //
-//   - Before its test of the word. It sees 0 and does not sleep: a signal is sent after the word
-//     was written, so a thread that has handled it sees the word as it is.
-//   - Between the test and the sleep. The handler runs and comes back, and nothing in this thread
-//     knows of it. The sleep is prevented by the kernel alone: it compares the word with the value
-//     that was tested, and does not put to sleep who waits for a value that is gone.
-//   - In the kernel, compared and not yet asleep. A thread that a signal is pending for does not go
-//     to sleep. Had the signal been sent before the 0, it could have been used up by now.
+//   - Before its test of the word. It sees 0 and does not sleep: the word was written before the
+//   signal
+//     was sent, so a thread that has handled the signal sees the new value.
+//   - Between the test and the sleep. The handler runs and returns, and leaves no trace in the
+//   thread.
+//     The kernel prevents the sleep: it compares the word with the tested value and returns at once
+//     if they differ.
+//   - In the kernel, after the comparison and before the sleep. A thread with a pending signal does
+//   not
+//     sleep. If the signal were sent before the store of 0, it could have been handled already.
 //   - Asleep. The handler runs, and the sleep ends with EINTR.
-//   - Gone: it saw the 0 by itself. Then the signal is late, and ends something else. If the thread
-//     has ended and another has its id by now, that one gets a signal that does it no harm.
+//   - Gone: it has seen the 0 by itself. The signal is late and may interrupt another call of the
+//     thread. If the thread has ended and its id is in use again, the signal does that thread no
+//     harm.
 //
-// The waker does not wake the futex as well, which would reach a thread that blocks the signal: it
-// would cost a system call, and hide a fault of that thread until there is a kernel module, which
-// knows of signals alone.
+// The waker does not also wake the futex. That would reach a thread that blocks the signal, but
+// cost a system call, and hide the fault of that thread until it runs with a kernel module, which
+// uses only signals.
 //
-// The sleep always has a time to end at, if in 292 years: one without is taken up again by the
-// kernel after a handler that was installed with SA_RESTART.
+// The sleep always has a deadline, of at most 292 years: the kernel restarts a sleep without a
+// deadline after a handler that was installed with SA_RESTART.
 #define VORN_FILE "vorn_sched.c"
 
 #include "vorn_sched.h"
@@ -55,11 +59,11 @@ constinit int s_sched_init = -1;
 
 void on_wakeup(int) {}
 
-// fork() copies the handlers before the memory: a child may have got the flag of an installation
-// without its handler.
+// fork() copies the handlers before the memory: a child may inherit the flag of an installation
+// without the handler.
 const ForkChild install_anew{[] { installed.store(false, std::memory_order_relaxed); }};
 
-// Two that install at the same time do the same.
+// Two threads that install the handler at the same time do the same.
 int wakeup_signal_init() {
   if (installed.load(std::memory_order_acquire)) return 0;
   struct sigaction action {};
@@ -72,7 +76,7 @@ int wakeup_signal_init() {
   return 0;
 }
 
-// A thread that was started with all signals blocked would never be woken.
+// A thread that starts with all signals blocked would never wake.
 void admit_wakeup_signal() {
   if (t_admitted) return;
   sigset_t wakeup;
@@ -87,7 +91,7 @@ timespec now() {
   return time;
 }
 
-// Whatever the ticks, their seconds and those of the clock are far from an overflow.
+// For any number of ticks, the sum of their seconds and the clock's does not overflow.
 timespec after(std::int64_t ticks) {
   timespec time = now();
   time.tv_sec += ticks / kTicksPerSecond;
@@ -99,7 +103,7 @@ timespec after(std::int64_t ticks) {
   return time;
 }
 
-// Rounded up, and never none: the wait that asks was ended before its time.
+// Rounded up to at least one: the wait ended before its deadline.
 std::uint64_t ticks_until(const timespec &deadline) {
   const timespec time = now();
   std::int64_t seconds = deadline.tv_sec - time.tv_sec;
@@ -117,7 +121,7 @@ std::uint32_t load(const std::uint32_t *word) {
   return atomic_word(*word).load(std::memory_order_acquire);
 }
 
-// syscall(2) is no cancellation point. Returns 0 when a thread woke the word, or an errno.
+// syscall(2) is not a cancellation point. Returns 0 if a thread woke the word, or an errno.
 int futex_wait(const std::uint32_t *word, std::uint32_t value, const timespec &deadline) {
   const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, &deadline, nullptr,
                               FUTEX_BITSET_MATCH_ANY);
@@ -136,10 +140,10 @@ std::uint64_t wait_for_word(const std::uint32_t *word, std::int64_t timeout) {
   }
 }
 
-// Whether there is a module that waited; *left is what is to be returned then.
+// Returns whether a kernel module made the wait; *left is the result then.
 bool wait_in_module(std::uint32_t *word, std::int64_t timeout, unsigned long *left) {
   if (module_absent.load(std::memory_order_relaxed)) return false;
-  const CancellationOff off; // the door may be a simulator's
+  const CancellationOff off; // the kernel module may be simulated
   const long result = kernel_call(VORN_SYSCALL_WAIT, word, &timeout, left);
   if (result == -1 && errno == ENOSYS) {
     module_absent.store(true, std::memory_order_relaxed);

@@ -1,7 +1,7 @@
-// Who may touch an entry. All of it is the waiter's until prepare_to_wait links it, and guarded by
-// the queue's lock from then on; but the waiter looks without the lock whether its node is alone,
-// and takes the entry away when it is. So the waker makes the node alone last of all, and does not
-// look at the entry again.
+// Implements the wait queues. An entry belongs to the waiting thread until prepare_to_wait links
+// it; from then on, the queue's lock guards it. But the waiting thread tests without the lock
+// whether its node is unlinked, and then reuses the entry. So the waking thread unlinks the node
+// last, and does not access the entry after that.
 #define VORN_FILE "vorn_sched.c"
 
 #include "vorn_wait.h"

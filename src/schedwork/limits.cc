@@ -1,4 +1,4 @@
-// The supervision of the workers: time limits, the stall detector, the heal task.
+// Supervises the workers: time limits, the stall detector, the heal task.
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <cstring>
@@ -25,8 +25,8 @@ static_assert(sizeof(vorn_sched_work_heal_task_s) == 72);
 
 struct Stall {
   Mutex mutex;
-  std::uint64_t first_check = 0; // tick; 0: there was none
-  std::uint64_t started = 0;     // runs, at that time
+  std::uint64_t first_check = 0; // tick; 0 if there was none
+  std::uint64_t started = 0;     // runs at that time
 };
 constinit Stall stall;
 
@@ -40,8 +40,8 @@ void note(Slot &slot, std::uint64_t start, std::uint32_t limit, std::uint32_t pi
   slot.start.store(start);
 }
 
-// A destroy begins the next life and then takes each mutex: with one held, a worker that is of this
-// life still has its slot.
+// A destroy begins the next life and then takes the mutex of each slot. So a worker of the present
+// life keeps its slot while it holds the mutex.
 bool claim(Slot &slot, std::uint32_t tid) {
   const MutexGuard hold{slot.mutex};
   if (slot.in_use.load() || outlived()) return false;
@@ -56,8 +56,8 @@ void release(Slot &slot) {
   slot.in_use.store(false);
 }
 
-// The start is read before the clock. The clock of another CPU may be a tick ahead all the same:
-// the age has a sign.
+// The start is read before the clock. The clock of another CPU may still be a tick later, so the
+// age is signed.
 bool overran(const Slot &slot) {
   if (!slot.in_use.load()) return false;
   const std::uint64_t start = slot.start.load();
@@ -65,7 +65,7 @@ bool overran(const Slot &slot) {
   return start != 0 && age > static_cast<std::int64_t>(slot.limit.load());
 }
 
-// Whether the slot's worker has a run beyond its limit; reports it.
+// Reports a run of the slot's worker that exceeds its limit. Returns whether there is one.
 bool report_overrun(Slot &slot) {
   if (!overran(slot)) return false;
   std::uint32_t tid = 0;
@@ -99,7 +99,7 @@ void vorn_dump_partial_sched_work_thread() {
   }
 }
 
-// Whether the pool stands still at this tick; begins the count anew where it does not.
+// Returns whether the pool stands still at this tick. If not, restarts the count.
 bool stands_still(std::uint64_t now) {
   const std::uint64_t finished = pool.finished.load();
   const std::uint64_t started = pool.started.load();
@@ -137,7 +137,7 @@ int vorn_add_sched_work_timeout_check(uint32_t tid, uint32_t *index) {
     *index = i;
     return 0;
   }
-  if (outlived()) return -1; // it leaves at once
+  if (outlived()) return -1; // the worker ends at once
   return VORN_FAIL(-1, "can not find spare index for tid %u.", tid);
 }
 

@@ -1,13 +1,15 @@
-// The pool's start, growth and end.
+// Starts, grows and destroys the pool.
 //
-// A destroy, step by step, and what keeps the next life free of the last:
-//   1. marks the population: no worker is hired, an idle one that wakes leaves;
-//   2. drops the queue and hands it to the next life: the last one's workers take nothing any more;
-//   3. wakes the idle workers until none is counted. One that does not come in time is late: it
-//      finds itself outlived when it does;
-//   4. begins the next life in the population's word, then frees the slots: a worker that
-//      writes one asks under its mutex whether it is of this life;
-//   5. starts the pool again where records were queued since step 2.
+// A destroy ends one life of the pool and begins the next:
+//   1. Marks the population: no worker is hired, and an idle worker that wakes leaves.
+//   2. Drops the queue and hands it to the next life: workers of the old life take nothing any
+//   more.
+//   3. Wakes the idle workers until none is counted. A worker that is too late will find that its
+//   life
+//      has ended.
+//   4. Begins the next life in the population's word, then frees the slots. A worker tests its life
+//      under the slot's mutex before it writes the slot.
+//   5. Starts the pool again if items were queued since step 2.
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <algorithm>
@@ -36,7 +38,7 @@ constinit bool inited = false; // under the pool's mutex
 constexpr char kSection[] = "VORN";
 constexpr char kMinimumKey[] = "SCHED_THREAD_FREE_NUM_MIN";
 
-// Whether the key is there.
+// Whether the key exists.
 bool read_bound(const char *key, std::uint64_t &bound) {
   char text[256];
   if (vorn_cfg_getItemValue(kSection, key, text, sizeof text) != 0) return false;
@@ -49,8 +51,8 @@ void set_bounds(std::uint64_t minimum, std::uint64_t maximum) {
   pool.free_maximum.store(static_cast<std::uint32_t>(std::min(maximum, kFreeMaximum)));
 }
 
-// With the mutex held. Records that are queued already get their units: those that were raised for
-// them may have sent workers home.
+// Called with the mutex held. Raises units for the queued items: the units that their adding raised
+// may have ended workers.
 int start() {
   sched_work_thread_num_set();
   if (sched_work_create_thread() != 0) return -1;
@@ -72,8 +74,8 @@ void send_idle_home() {
     wake_and_wait();
 }
 
-// The child's one thread may be a worker, whose handler has called fork(): its run is the only one
-// in progress, and it is outlived.
+// The child's thread may be a worker whose handler has called fork(). Its run is then the only one
+// in progress, and belongs to an earlier life.
 void forget_pool() {
   pool.population.begin_life();
   pool.queue.forget(pool.population.counts().life);
@@ -105,7 +107,7 @@ using namespace vorn::schedwork;
 int sched_work_init() {
   const vorn::MutexGuard hold{pool.mutex};
   if (!inited) {
-    vorn_gettime_init(); // by which a spin lock tells when to give the processor away
+    vorn_gettime_init(); // a spin lock needs the clock to know when to yield
     watch_thread_ends();
     vorn_init_sched_work_heal_task_info();
     inited = true;
@@ -136,7 +138,7 @@ void sched_work_thread_num_set() {
   read_bound("SCHED_THREAD_FREE_NUM_MAX", maximum);
   if (minimum == 0) {
     VORN_LOG(vorn::kWarning, "%s is 0, 1 is used.", kMinimumKey);
-    minimum = 1; // a pool runs what it is given
+    minimum = 1; // a pool must run its items
   }
   if (maximum >= minimum) set_bounds(minimum, maximum);
 }

@@ -1,15 +1,15 @@
-// How many workers there are, in one word, so that no count is ever of one life of the pool and
-// another of the next:
+// Counts the workers in one word, so that all counts are always of the same life of the pool:
 //
 //    63            32 31            16 15             0
 //   +----------------+----------------+----------------+
 //   |      life      |     total      |      free      |
 //   +----------------+----------------+----------------+
 //
-// life counts the destroys. total is the workers alive, plus kDestroying while a destroy is under
-// way, which leaves no room for new ones; free those of them that are idle or about to be. Every
-// change is a compare-and-swap that fails for a worker of an earlier life: such a worker leaves the
-// counts alone. All are sequentially consistent: none is on a path where that would show.
+// life is the number of destroys. total is the number of workers, plus kDestroying during a
+// destroy, which leaves no room for new ones. free is the number of workers that are idle or about
+// to be. Each change is a compare-and-swap that fails for a worker of an earlier life: such a
+// worker does not change the counts. All are sequentially consistent, since none is on a path where
+// the cost matters.
 #ifndef VORN_SCHEDWORK_POPULATION_HPP
 #define VORN_SCHEDWORK_POPULATION_HPP
 
@@ -34,7 +34,8 @@ class Population {
 public:
   Counts counts() const { return word_.load(); }
 
-  // A worker that is about to be started. False: there are enough idle ones, or no more may be.
+  // Counts a worker that is about to start. Returns false if enough are idle or the limit is
+  // reached.
   bool hire(std::uint32_t life, std::uint32_t minimum) {
     return change(life, [minimum](Counts &now) {
       if (now.free + 1u > minimum || now.total + 1u > VORN_SCHED_WORK_THREAD_COUNT) return false;
@@ -44,7 +45,8 @@ public:
     });
   }
 
-  // A worker begins a run, and ends one: false when so many are idle that it is to leave.
+  // A worker begins a run, and ends one. The second returns false if the worker is to leave because
+  // enough others are idle.
   bool begin_run(std::uint32_t life) {
     return change(life, [](Counts &now) { return --now.free, true; });
   }
@@ -56,7 +58,7 @@ public:
     });
   }
 
-  // A worker leaves, idle or from a run. False: it was of an earlier life.
+  // A worker leaves, idle or after a run. Returns false if it was of an earlier life.
   bool leave(std::uint32_t life, bool idle) {
     return change(life, [idle](Counts &now) {
       --now.total;
@@ -69,7 +71,7 @@ public:
     change(counts().life, [](Counts &now) { return now.total += kDestroying, true; });
   }
 
-  // The next life begins without workers. Returns the counts of the one that ended.
+  // Begins the next life, without workers. Returns the counts of the old life.
   Counts begin_life() {
     Counts before = word_.load();
     while (!word_.compare_exchange_weak(before, Counts{before.life + 1, 0, 0})) {
@@ -78,7 +80,7 @@ public:
   }
 
 private:
-  // false when it is no longer that life, or the change does not want to be.
+  // false if that life has ended, or if change() refuses.
   template <class Change> bool change(std::uint32_t life, Change make) {
     Counts before = word_.load();
     for (;;) {

@@ -1,4 +1,4 @@
-// The queue of the pool.
+// Implements the queue of the pool.
 #define VORN_FILE "vorn_sched_work.c"
 
 #include "schedwork/queue.hpp"
@@ -10,7 +10,7 @@
 namespace vorn::schedwork {
 namespace {
 
-// The functions that the list's messages and the lock name.
+// The names of functions for the messages of the list and of the lock.
 constexpr const char *kAdd = "vorn_sched_add_work";
 constexpr const char *kDelete = "vorn_sched_delete_work";
 constexpr const char *kTake = "sched_work_select_task";

@@ -1,4 +1,4 @@
-// The records that wait to be run, first in, first out, under a spin lock.
+// Queues the items that wait to run, first in, first out, under a spin lock.
 #ifndef VORN_SCHEDWORK_QUEUE_HPP
 #define VORN_SCHEDWORK_QUEUE_HPP
 
@@ -13,28 +13,29 @@ namespace vorn::schedwork {
 
 class Queue {
 public:
-  // False when it is on a list: its process id is in *pid then. After a success the record may be
-  // gone by the time the call returns.
+  // Returns false if the item is on a list; *pid is then its process id. After a success, the item
+  // may be gone before the call returns.
   bool append(vorn_sched_work_s *work, std::int32_t *pid);
 
-  // False when it is on no list.
+  // Returns false if the item is on no list.
   bool remove(vorn_sched_work_s *work);
 
-  // NULL when there is none. A worker takes from its own life of the pool alone: a destroy hands
-  // the queue to the next life while the workers of the last may still be on their way here.
+  // Returns NULL if there is none. A worker takes items only of its own life of the pool: a destroy
+  // hands the queue to the next life, while a worker of the old life may still be about to call
+  // this.
   vorn_sched_work_s *take();
 
-  // Drops all records; what comes after is the next life's.
+  // Drops all items. Later items belong to the next life.
   void drop_all();
 
-  // Takes the lock: an append that this does not see comes after it, and sees what its caller
-  // wrote.
+  // Takes the lock, so that an append that this does not see is later, and sees the caller's
+  // earlier writes.
   bool empty();
 
-  // How many there are. May be old by the time it returns.
+  // Returns the number of items. It may have changed before the call returns.
   std::size_t size() const { return size_.load(std::memory_order_relaxed); }
 
-  // In a child of fork(): the records are not in this process's queue any more.
+  // Called in a child of fork(), whose queue drops the parent's items.
   void forget(std::uint32_t next_life);
 
 private:
@@ -42,7 +43,7 @@ private:
   void resize(std::size_t size) { size_.store(size, std::memory_order_relaxed); }
 
   vorn_spinlock_s lock_ = VORN_SPINLOCK_INIT;
-  // A whole record, because the report of a corrupt list shows the one that the head stands in.
+  // A whole item, because the report of a corrupt list shows the structure that contains the head.
   vorn_sched_work_s anchor_{0, 0, {&anchor_.node, &anchor_.node}, nullptr, nullptr};
   std::atomic<std::size_t> size_{0}; // written under the lock
   std::uint32_t life_ = 0;

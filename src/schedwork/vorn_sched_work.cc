@@ -1,4 +1,4 @@
-// Records of work: made, queued, taken back, shown.
+// Initialises, queues, deletes and shows items of work.
 #include "vorn_sched_work.h"
 
 #include <unistd.h>
@@ -63,10 +63,10 @@ int vorn_sched_add_work(vorn_sched_work_s *work) {
   int32_t pid = 0;
   if (!pool.queue.append(work, &pid))
     return VORN_FAIL(-1, "Work in list is not initial, PID = (%d)", pid);
-  const vorn::CancellationOff off; // the record is queued: its worker is to be woken
+  const vorn::CancellationOff off; // the item is queued and needs the wake-up of a worker
   const int result = wake_worker();
-  // A destroy that ended since the first look either saw the record, or is seen here: it clears
-  // the flag before it looks into the queue, under the queue's lock.
+  // A destroy that has ended since the first test either saw the item, or this test sees the
+  // destroy: it clears the flag before it reads the queue under the queue's lock.
   if (!pool.created.load()) sched_work_init();
   return result;
 }

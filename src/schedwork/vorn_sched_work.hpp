@@ -1,6 +1,6 @@
-// What the sources of the pool share. An item's way:
+// Declares what the sources of the pool share. The path of an item:
 //
-//   vorn_sched_add_work        queue.append, then a unit: to the lookout or to the semaphore
+//   vorn_sched_add_work        queue.append, then a unit to the lookout or to the semaphore
 //   a worker                   takes the unit, or finds the item while it is still awake
 //   sched_work_select_task     queue.take
 //   sched_work_run_task        the handler
@@ -19,10 +19,10 @@
 
 namespace vorn::schedwork {
 
-// A run of a worker with a time limit. Written under the mutex; the words are atomic for those who
-// look before they take it.
+// A run of a worker with a time limit. Written under the mutex. The words are atomic for threads
+// that read them before they take it.
 struct Slot {
-  std::atomic<std::uint64_t> start; // tick; 0: there is no such run
+  std::atomic<std::uint64_t> start; // tick; 0 if there is no such run
   Mutex mutex;
   std::atomic<bool> in_use;
   std::atomic<std::uint32_t> limit; // ticks
@@ -34,8 +34,8 @@ extern constinit Slot slots[VORN_SCHED_WORK_THREAD_COUNT];
 
 inline constexpr std::uint32_t kNoSlot = UINT32_MAX;
 
-// Hands a unit to a worker that has just run an item and is awake: it is taken sooner, and costs
-// the adding thread no system call.
+// Hands a unit to a worker that has just run an item and is awake: the worker takes the item
+// sooner, and the adding thread makes no system call.
 class Lookout {
 public:
   // Whether a worker has got the unit.
@@ -45,8 +45,8 @@ public:
            state_.compare_exchange_strong(state, kHanded);
   }
 
-  // For one worker at a time; false: another watches. After a true, end() tells whether a unit was
-  // handed over.
+  // Begins the watch of one worker at a time. Returns false if another worker watches. After true,
+  // end() returns whether a unit was handed over.
   bool begin() {
     State state = kNobody;
     return state_.compare_exchange_strong(state, kWatching);
@@ -54,7 +54,7 @@ public:
   bool end() {
     State state = kWatching;
     if (state_.compare_exchange_strong(state, kNobody)) return false;
-    state_.store(kNobody); // of kHanded, which is the watching worker's to take back
+    state_.store(kNobody); // from kHanded, which only the watching worker may reset
     return true;
   }
 
@@ -68,14 +68,14 @@ private:
   std::atomic<State> state_{kNobody};
 };
 
-// What the adding threads write, what the workers write, and what a watching worker reads lie in
-// cache lines of their own.
+// The words that adding threads write, those that workers write, and those that a watching worker
+// reads are in separate cache lines.
 struct Pool {
   Mutex mutex; // serialises start and destroy
   std::atomic<bool> created{false};
   alignas(64) Population population;
   std::atomic<std::uint64_t> started{0};  // runs
-  std::atomic<std::uint64_t> finished{0}; // read before started, so that it is never the greater
+  std::atomic<std::uint64_t> finished{0}; // read before started, so that it is never larger
   alignas(64) Queue queue;
   alignas(64) vorn_sem_enhance_s work{VORN_SPINLOCK_INIT, 0, {&work.wait_list, &work.wait_list}};
   alignas(64) Lookout lookout;
@@ -84,23 +84,23 @@ struct Pool {
 };
 extern constinit Pool pool;
 
-// The calling thread as a worker; active is false in any other.
+// The calling thread as a worker; active is false in other threads.
 struct Worker {
   bool active;
-  bool running; // a handler
+  bool running; // is running a handler
   std::uint32_t life;
   std::uint32_t slot;
 };
 extern constinit thread_local Worker t_worker;
 
-// Whether the calling thread is a worker of an earlier life, which has no business with this one's
-// queue and slots.
+// Returns whether the calling thread is a worker of an earlier life, which must not touch the queue
+// and the slots.
 inline bool outlived() { return t_worker.active && t_worker.life != pool.population.counts().life; }
 
-void watch_thread_ends();             // prepares for workers that are ended by their handlers
-int hire_workers(std::uint32_t life); // sched_work_create_thread, for that life alone
+void watch_thread_ends();             // prepares for handlers that end their worker
+int hire_workers(std::uint32_t life); // sched_work_create_thread, only for that life
 void free_all_slots();
-void forget_supervision(); // in a child of fork()
+void forget_supervision(); // called in a child of fork()
 
 } // namespace vorn::schedwork
 

@@ -1,8 +1,9 @@
-// The workers: how they wait, run items and end.
+// Implements the workers: how they wait, run items and end.
 //
-// A worker is of one life of the pool. While it runs an item a destroy may begin the next life; it
-// learns that from the population's word, and then leaves without touching what is the next life's:
-// counts, slots and queue. Units of the semaphore are of no life: one that it has got it passes on.
+// A worker belongs to one life of the pool. While it runs an item, a destroy may begin the next
+// life. The worker learns that from the population's word, and then leaves without touching the
+// counts, the slots and the queue of the next life. Units of the semaphore belong to no life: the
+// worker passes its unit on.
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <algorithm>
@@ -29,12 +30,12 @@ namespace {
 
 constexpr std::int64_t kWaitMilliseconds = 10000;
 constexpr std::uint64_t kTicksPerSecond = 250;
-constexpr const char *kThread = "sched_work_thread"; // the function that the messages name
+constexpr const char *kThread = "sched_work_thread"; // the function that log messages name
 
-// So long a worker looks out for the next item before it sleeps.
+// The time that a worker watches for the next item before it sleeps.
 constexpr std::chrono::microseconds kLookout{20};
 
-// The rest of a worker is not cancelled, so that its counts stay right.
+// Disables cancellation of the worker outside its handlers, so that its counts stay right.
 class CancellationOn {
 public:
   CancellationOn() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
@@ -42,7 +43,7 @@ public:
   CancellationOn &operator=(const CancellationOn &) = delete;
   ~CancellationOn() {
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // a handler may have left another
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr); // a handler may have changed it
   }
 };
 
@@ -53,7 +54,7 @@ void release_slot() {
   if (t_worker.slot != kNoSlot) vorn_del_sched_work_timeout_check(t_worker.slot);
 }
 
-// Of a worker that a handler has ended, or that was cancelled while it was idle.
+// Cleans up after a worker that a handler has ended, or that was cancelled while it was idle.
 void on_thread_end(void *) {
   const CancellationOff off;
   if (!t_worker.active) return;
@@ -62,7 +63,7 @@ void on_thread_end(void *) {
   release_slot();
   const bool counted = pool.population.leave(t_worker.life, idle);
   if (idle) vorn_sem_enhance_up(&pool.work); // it may have taken a unit
-  // Another takes its place; where none can be started, the next add tries again.
+  // Another worker replaces it. If none can be started, the next add tries again.
   if (counted && hire_workers(t_worker.life) != 0) pool.created.store(false);
   t_worker.active = false;
 }
@@ -79,14 +80,15 @@ void unregister_worker() {
   if (key_made.done()) pthread_setspecific(key, nullptr);
 }
 
-// Whether the worker is to take an item before it sleeps. One that was added before the watch began
-// has raised the semaphore: its unit is taken, or wakes another worker in vain.
+// Returns whether the worker is to take an item before it sleeps. An item that was added before the
+// watch began has raised the semaphore: this worker takes that unit, or it wakes another worker in
+// vain.
 bool finds_item_soon(bool watching) {
   if (watching && pool.queue.size() == 0) {
     const auto end = std::chrono::steady_clock::now() + kLookout;
     while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end) {
       arch::pause();
-      vorn_yield(); // the thread that adds may be waiting for this very CPU
+      vorn_yield(); // the adding thread may be waiting for this CPU
     }
   }
   if (watching && pool.lookout.end()) return true;
@@ -95,18 +97,18 @@ bool finds_item_soon(bool watching) {
   return true;
 }
 
-// A cancellation of an idle worker acts here, rather than in a handler that it was not meant for.
+// A cancellation of an idle worker takes effect here, and not in the next handler.
 void wait_for_unit() {
   vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds);
   const CancellationOn on;
   pthread_testcancel();
 }
 
-// Whether the worker has to leave as it is, because its life of the pool is over or ending.
+// Returns whether the worker must leave because its life of the pool has ended or is ending.
 bool leaves_idle() {
   const Counts now = pool.population.counts();
   if (now.life != t_worker.life) {
-    vorn_sem_enhance_up(&pool.work); // the unit that it may have taken
+    vorn_sem_enhance_up(&pool.work); // the worker may have taken a unit
     return true;
   }
   if (!now.destroying()) return false;
@@ -121,7 +123,7 @@ void report_all_busy() {
     VORN_LOG_RATELIMITED_AS(kThread, kInfo, kInfo, "All vorn_sched_work threads is running.");
 }
 
-// Whether the worker stays.
+// Returns whether the worker stays.
 bool end_run() {
   if (pool.population.end_run(t_worker.life, pool.free_maximum.load())) return true;
   if (outlived()) return false;
@@ -142,9 +144,10 @@ After run_item(vorn_sched_work_s *work) {
   {
     const CancellationOn on;
     sched_work_run_task(work, t_worker.slot);
-    pthread_testcancel(); // a cancellation that the handler did not act on is not the next one's
+    pthread_testcancel(); // a cancellation during the handler must not end the next handler
   }
-  // Watch before the run counts as finished: the thread that waits for its end may add the next.
+  // Begin the watch before the run counts as finished: the thread that waits for that may add the
+  // next item.
   const bool watching = pool.queue.size() == 0 && pool.lookout.begin();
   pool.finished.fetch_add(1);
   t_worker.running = false;
@@ -188,7 +191,7 @@ void *sched_work_thread(void *argument) {
   return nullptr;
 }
 
-// Nothing of the record is read after its handler has been called: it may be gone.
+// The item is not accessed after the call of its handler: it may be gone.
 void sched_work_run_task(vorn_sched_work_s *work, uint32_t slot) {
   const vorn_sched_work_f handler = work->handler;
   const auto pid = work->pid;

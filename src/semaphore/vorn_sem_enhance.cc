@@ -1,7 +1,8 @@
-// Who may touch a waiter. It lies on the stack of the thread in down, and is guarded by the
-// semaphore's lock from its linking on. An up that grants it a unit does all that it has to do with
-// it under the lock; the waiter looks at its status under the lock too, and so leaves only when
-// that up has let go of it. What up knows beyond that is a number, the thread's id.
+// Implements the enhanced semaphore. A waiter is on the stack of the thread in down, and the
+// semaphore's lock guards it from the moment when it is linked. An up that grants it a unit
+// accesses it only under the lock. The waiting thread also tests its status under the lock, and so
+// does not return before that up is done with the waiter. After the lock, up uses only a number,
+// the thread's id.
 #include "vorn_sem_enhance.h"
 
 #include <cerrno>
@@ -27,7 +28,7 @@ enum Status : uint32_t { kGranted = 0, kWaiting = 1 };
 struct Waiter {
   vorn_list_head_s node;
   uint32_t waiter_tid;
-  uint32_t status; // what the thread sleeps on
+  uint32_t status; // the word that the thread sleeps on
 };
 
 static_assert(offsetof(vorn_sem_enhance_s, lock) == 0);
@@ -43,9 +44,9 @@ bool take_unit(vorn_sem_enhance_s *sem) {
   return true;
 }
 
-// Called with the lock held, and returns so. The thread is not cancelled while the list has its
-// waiter. A time-out ends a plain wait no more than a signal does: the wait must have failed, since
-// forever is longer than that, and is not to be repeated in haste.
+// Called and returns with the lock held. The thread is not cancelled while its waiter is in the
+// list. A wait without a limit does not end by a time-out either: a time-out means that the wait
+// failed, and a pause precedes the next attempt.
 int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
   const CancellationOff off;
   Waiter self{{}, thread_id(), kWaiting};
@@ -64,7 +65,8 @@ int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
   }
 }
 
-// Gives the unit to the first waiter and returns its id, or to the count, which gives 0.
+// Gives the unit to the first waiter and returns its thread id; without a waiter, adds it to the
+// count and returns 0.
 uint32_t give_unit(vorn_sem_enhance_s *sem) {
   vorn_list_head_s *node = vorn_list_first(&sem->wait_list);
   if (node == nullptr) {
@@ -79,7 +81,7 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
   return tid;
 }
 
-// The waiter has its unit, but sleeps on until it gets the signal.
+// The waiter has its unit, but sleeps until it gets the signal.
 [[gnu::cold, gnu::noinline]] int retry_wake_up(const vorn_sem_enhance_s *sem, uint32_t tid,
                                                int result) {
   constexpr const char *kUp = "vorn_sem_enhance_up";

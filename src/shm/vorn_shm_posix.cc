@@ -1,3 +1,4 @@
+// Creates and maps POSIX shared memory.
 #include "vorn_shm.h"
 
 #include <cerrno>
@@ -15,14 +16,14 @@
 namespace vorn::shm {
 namespace {
 
-// The header cannot name the type in strict C.
+// Strict C has no such type for the header to name.
 static_assert(std::is_same_v<key_t, int>);
 
 constexpr char kCreate[] = "vorn_shm_create_ext";
 
-// Without the reservation a page that the machine lacks is found missing at its first use, by
-// SIGBUS. False after a record when it is known to lack them; an object that may only be read keeps
-// its size and needs none.
+// Reserves the pages: without that, the first use of a page that the machine lacks raises SIGBUS.
+// Returns false after a log message if the machine lacks them. A read-only object keeps its size
+// and needs no reservation.
 bool reserve(int fd, off_t size) {
   [[maybe_unused]] const int resized = ftruncate(fd, size);
   const int result = fallocate(fd, 0, 0, size);

@@ -1,3 +1,4 @@
+// Counts the CPUs of the machine.
 #include "vorn_smp.h"
 
 #include <cerrno>
@@ -15,13 +16,13 @@ constexpr long kMostCpus = 256;
 
 constinit Once counted{OncePolicy::kRetry};
 
-// num_config_cpus may ask at the same time.
+// Another thread may call num_config_cpus at the same time.
 void set(uint32_t &count, uint32_t value) {
   atomic_word(count).store(value, std::memory_order_relaxed);
 }
 uint32_t get(const uint32_t &count) { return atomic_word(count).load(std::memory_order_relaxed); }
 
-// A count above kMostCpus is taken here, unlike in num_config_cpus.
+// Accepts a count above kMostCpus, unlike num_config_cpus.
 int count_cpus() {
   set(g_onlineCpuNum, vorn_sysinfo_cpu_num());
   const long configured = sysconf(_SC_NPROCESSORS_CONF);

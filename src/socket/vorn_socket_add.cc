@@ -1,4 +1,4 @@
-// The bay configuration: runs the node's script and reads the file that it prints to.
+// Reads the bay configuration: runs the node's script and parses the file that it prints to.
 #include "vorn_bay.h"
 
 #include <algorithm>
@@ -45,24 +45,23 @@ struct Plan {
   Text cleanup;
 };
 
-// A text that was cut is not used: the command would run without its redirection, or to another
-// file.
+// A cut text is not used: the command would run without its redirection, or with another file.
 bool make_plan(Plan &plan, const char *key_segment) {
   return format_text(plan.file, "/tmp/bay_cfg_segment_%d.conf", getpid()) &&
          format_text(plan.command, "%s %s >%s 2>/dev/null", kScript, key_segment, plan.file) &&
          format_text(plan.cleanup, "rm -rf %s", plan.file);
 }
 
-// Anyone can guess the file's name and put a link or a file there first. So what is there goes, and
-// the file is made here, following no link; where another user's stays in the way, this fails. The
-// shell's ">" then opens ours: as /tmp is sticky, only our user and root can put another in
-// its place, and opening a file of our own is what fs.protected_regular permits.
+// Any user can guess the file's name and create a link or a file there first. So this removes what
+// is there and creates the file without following a link; it fails if another user's file cannot be
+// removed. The shell's ">" then opens this file: /tmp is sticky, so only this user and root can
+// replace it, and fs.protected_regular permits a user to open an own file.
 bool create_file(const char *path) {
   unlink(path);
   return static_cast<bool>(sys::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));
 }
 
-// The first line without its line feed; false when there is none, or no room for a character of it.
+// Reads the first line without its line feed. Returns false if there is none, or no room for it.
 bool read_value(int fd, char *out, uint32_t size) {
   if (vorn_readline(fd, out, static_cast<int>(std::min<uint32_t>(size, INT_MAX))) == nullptr)
     return false;
@@ -88,7 +87,7 @@ int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out
 }
 
 int vorn_get_bay_config_keyvalue(const char *key_segment, char *out, uint32_t size) {
-  const vorn::CancellationOff off; // the temporary file would stay
+  const vorn::CancellationOff off; // a cancelled thread would leave the temporary file
   const int refusal = get_bay_config_keyvalue_param_check(key_segment, out);
   if (refusal != 0) return refusal;
   Plan plan;

@@ -1,3 +1,4 @@
+// Checks commands before a shell runs them.
 #include "vorn_cmd.h"
 
 #include <cstring>
@@ -7,7 +8,7 @@ namespace {
 
 constexpr char kBlackSet[] = "|;&$<>!\n`";
 
-// The NUL at the end of a set is not in it.
+// The NUL at the end of a set does not belong to it.
 bool contains(const char *set, char character) {
   return character != '\0' && std::strchr(set, character) != nullptr;
 }

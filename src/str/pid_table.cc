@@ -1,3 +1,4 @@
+// Implements the table of children by descriptor.
 #define VORN_FILE "vorn_str.c"
 #include "str/pid_table.hpp"
 
@@ -15,13 +16,13 @@ namespace {
 
 constexpr char kTag[] = "vorn_popen_init";
 
-// Where the limit is a thousand million, as in some containers, the table would take gigabytes.
+// With the limit of some containers, a thousand million, the table would take gigabytes.
 constexpr int kMaxEntries = 1 << 20;
 
 static_assert(sizeof(pid_t) == sizeof(std::int32_t));
 
-// Two threads that make the table at once may have asked for the limit before and after a change:
-// the first number given is the size of every table, so that whichever is installed has it.
+// Two threads that create the table at the same time may have read different limits. The first
+// number stored is the size of both tables, so that the installed one has it.
 constinit std::atomic<int> entries{0};
 constinit std::atomic<std::int32_t *> table{nullptr};
 
@@ -32,7 +33,7 @@ int settle_entries() {
   return entries.compare_exchange_strong(settled, limit) ? limit : settled;
 }
 
-// An entry belongs to the owner of the descriptor; nothing else is published with it.
+// Relaxed: an entry belongs to the owner of the descriptor and publishes nothing else.
 std::atomic_ref<std::int32_t> entry(std::int32_t *of_table, int fd) {
   return atomic_word(of_table[fd]);
 }

@@ -1,3 +1,4 @@
+// Opens streams to and from a shell.
 #define VORN_FILE "vorn_str.c"
 #include "vorn_cmd.h"
 
@@ -14,18 +15,17 @@
 namespace vorn::str {
 namespace {
 
-// "r" or "w", and nothing behind it.
+// Exactly "r" or "w".
 bool is_mode(const char *mode) {
   return mode != nullptr && (mode[0] == 'r' || mode[0] == 'w') && mode[1] == '\0';
 }
 
-// A pipe to or from a shell. Both ends are close-on-exec: no child of another stream, of another
-// thread either, holds one of them open. Both are above the standard descriptors, of which the
-// shell gets one.
+// A pipe to or from a shell. Both ends are close-on-exec, so that no child of another stream holds
+// one of them open. Both are above the standard descriptors, one of which the shell gets.
 struct Pipe {
   UniqueFd reading;
   UniqueFd writing;
-  bool reads = false; // we read what the shell writes
+  bool reads = false; // the library reads what the shell writes
 
   UniqueFd &ours() { return reads ? reading : writing; }
   UniqueFd &theirs() { return reads ? writing : reading; }
@@ -36,15 +36,15 @@ struct Pipe {
   }
 };
 
-// Starts the command at the other end of the pipe and makes a stream of our end. function is the
-// exported one that the message names.
+// Starts the command at the other end of the pipe and opens a stream on this end. Log messages name
+// function.
 FILE *start(const char *function, const char *command, const char *mode, Pipe &pipe, pid_t *child) {
   const int ends[2] = {pipe.reading.get(), pipe.writing.get()};
   const Redirection redirection{pipe.theirs().get(), pipe.reads ? STDOUT_FILENO : STDIN_FILENO};
   const pid_t started = spawn_shell(command, &redirection);
   if (started < 0) return nullptr;
-  // Where there is no stream, too, our end stays open and the child unreaped: the command is let
-  // finish, and is neither cut off by a broken pipe nor waited for.
+  // Without a stream, this end still stays open and the child unreaped: the command may finish. It
+  // is not ended by a broken pipe, and the caller does not wait for it.
   FILE *stream = fdopen(pipe.ours().release(), mode);
   if (stream == nullptr) {
     VORN_LOG_AS(function, kInfo, "Iop is NULL, modes:(%s), pdes[0]=(%d), pdes[1]=(%d), errno:(%d).",
@@ -120,6 +120,6 @@ int vorn_pclose(FILE *stream) {
 FILE *popen_s(const char *command, const char *mode, const char *whitelist) {
   if (command == nullptr || !is_mode(mode)) return nullptr;
   if (isDangerousCmd(command, whitelist) != 0) return nullptr;
-  // Close-on-exec, as our own streams are.
+  // Close-on-exec, like the library's streams.
   return popen(command, mode[0] == 'r' ? "re" : "we");
 }

@@ -1,3 +1,4 @@
+// Starts shells with vfork(2).
 #include "str/spawn.hpp"
 
 #include <unistd.h>
@@ -6,10 +7,10 @@
 
 namespace vorn::str {
 
-// The child borrows this frame and the caller's memory until it is executed. Nothing that the
-// parent reads afterwards is written in it, and the function is not inlined, so that the compiler
-// keeps no value of the caller's where the child could change it. Every descriptor of the library
-// is close-on-exec, so none is closed here; what dup2 makes is not.
+// The child shares this frame and the caller's memory until execve(2). It writes nothing that the
+// parent reads later. The function is not inlined, so that the compiler keeps no value of the
+// caller where the child could change it. Every descriptor of the library is close-on-exec, so the
+// child closes none; the result of dup2(2) stays open.
 [[gnu::noinline]] pid_t spawn_shell(const char *command, const Redirection *redirection) {
   const pid_t child = vfork();
   if (child != 0) return child;

@@ -1,4 +1,4 @@
-// Shells that run a command, started without a copy of the caller's memory.
+// Starts shells that run a command, without a copy of the caller's memory.
 #ifndef VORN_STR_SPAWN_HPP
 #define VORN_STR_SPAWN_HPP
 
@@ -6,14 +6,14 @@
 
 namespace vorn::str {
 
-// A descriptor that the shell has under another number. The numbers differ.
+// A descriptor that the shell gets under another number.
 struct Redirection {
   int from;
   int to;
 };
 
 // Starts /bin/sh -c command, with a redirection unless that is NULL. Returns the process id, or -1
-// with errno. The caller has a CancellationOff.
+// with errno. The caller holds a CancellationOff.
 pid_t spawn_shell(const char *command, const Redirection *redirection);
 
 // Waits for a child to end. Returns its wait status, or -1 with errno.

@@ -1,3 +1,4 @@
+// Runs guarded commands.
 #define VORN_FILE "vorn_str.c"
 #include "vorn_cmd.h"
 
@@ -15,14 +16,14 @@ namespace {
 
 constexpr int kDangerous = -29;
 
-// A ";" at the end separates nothing.
+// A ";" at the end separates no commands.
 bool has_separator(const char *command) {
   const char *semicolon = std::strchr(command, ';');
   if (semicolon != nullptr && semicolon[1] != '\0') return true;
   return std::strstr(command, "||") != nullptr;
 }
 
-// A checker may be one that returns a bool, of which the low byte alone is defined.
+// A checker may return a bool, of which only the low byte is defined.
 bool is_refusal(int result) { return (result & 0xFF) == 0; }
 
 } // namespace

@@ -1,3 +1,4 @@
+// Cuts texts at delimiters.
 #define VORN_FILE "vorn_str.c"
 #include "vorn_str.h"
 
@@ -8,14 +9,14 @@
 namespace vorn::str {
 namespace {
 
-constinit char *saved_position = nullptr; // where the next call without a string goes on
+constinit char *saved_position = nullptr; // where the next call without a string continues
 
 char *finish(char *token) {
   saved_position = nullptr;
   return token;
 }
 
-// The first character behind a run of delimiters, all of which become NUL.
+// Replaces a run of delimiters by NULs and returns the first character after it.
 char *erase_run(char *at, const char *delimiters) {
   for (; *at != '\0' && std::strchr(delimiters, *at) != nullptr; ++at)
     *at = '\0';

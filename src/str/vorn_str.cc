@@ -1,3 +1,4 @@
+// Converts texts to numbers.
 #include "vorn_str.h"
 
 #include <cerrno>

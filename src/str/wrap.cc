@@ -1,4 +1,4 @@
-// For programs that are linked with --wrap=popen and the like.
+// Defines the functions for programs that are linked with --wrap=popen and similar options.
 #include "vorn_cmd.h"
 
 FILE *__wrap_popen(const char *command, const char *mode) { return vorn_popen(command, mode); }

@@ -1,3 +1,4 @@
+// Reads the functions of an ELF file with libelf.
 #include "symbol/elf_file.hpp"
 
 #include <cstring>
@@ -9,7 +10,7 @@
 namespace vorn::symbol {
 namespace {
 
-// Not to wait for a writer where a pipe has taken the file's place.
+// Does not wait for a writer if a pipe has replaced the file.
 UniqueFd open_regular(const char *path) {
   UniqueFd fd = sys::open(path, O_RDONLY | O_NONBLOCK);
   struct stat status;
@@ -24,7 +25,7 @@ bool is_function(const Elf64_Sym &symbol) {
          symbol.st_shndx != SHN_COMMON;
 }
 
-// A version ("@...") alone names nothing: only a damaged table holds one.
+// A version ("@...") without a name occurs only in a damaged table.
 bool has_name(const char *name) { return *name != '\0' && *name != '@'; }
 
 } // namespace

@@ -1,5 +1,5 @@
-// The file of a loaded object, read with libelf. Whatever is wrong with it ends in an answer, never
-// in a fault: it is read, not mapped, and nothing that it states is taken on trust.
+// Reads the file of a loaded object with libelf. A damaged file gives an error and never a fault:
+// it is read and not mapped, and all that it states is checked.
 #ifndef VORN_SYMBOL_ELF_FILE_HPP
 #define VORN_SYMBOL_ELF_FILE_HPP
 
@@ -19,13 +19,13 @@ public:
   ElfFile &operator=(const ElfFile &) = delete;
   ~ElfFile();
 
-  // Whether this is the file that the image was loaded from. An image cannot be of a file that
-  // could not be opened, or that is no ELF file of this machine.
+  // Returns whether the image was loaded from this file. Returns false if the file could not be
+  // opened, or is not an ELF file of this machine.
   bool holds(const Image &image) const;
 
-  // Appends the functions of .symtab, else of .dynsym, at their addresses in the image; their names
-  // live as long as this object. A damaged table yields what can be read of it. False when memory
-  // ran out.
+  // Appends the functions of .symtab, or else of .dynsym, at their addresses in the image. Their
+  // names are valid during the lifetime of this object. Of a damaged table, appends what can be
+  // read. Returns false if memory runs out.
   bool read_functions(const Image &image, Buffer<Function> *functions) const;
 
 private:

@@ -1,3 +1,4 @@
+// Compares a loaded object with its file.
 #include "symbol/image.hpp"
 
 #include <algorithm>
@@ -8,7 +9,7 @@
 namespace vorn::symbol {
 namespace {
 
-// Opens the program even where its file was deleted or moved.
+// Opens the program even if its file was deleted or moved.
 constexpr char kProgram[] = "/proc/self/exe";
 
 bool append_text(Buffer<char> &buffer, const char *text) {
@@ -65,7 +66,7 @@ bool Image::same_as(const Image &other) const {
 
 const char *Image::path() const { return is_program_ ? kProgram : name(); }
 
-// Only what nobody can have changed since it was loaded tells one build from another.
+// Compares only read-only data, which cannot have changed since it was loaded.
 bool Image::has_note(const Elf64_Phdr &header) const {
   if (header.p_type != PT_NOTE) return false;
   for (const Elf64_Phdr &segment : headers_) {

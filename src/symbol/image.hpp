@@ -1,5 +1,5 @@
-// What the loader says of one object in memory, kept so that its file, and the object itself at a
-// later look, can be told from another of the same name.
+// Describes a loaded object as the loader does, so that its file, and the object itself later, can
+// be distinguished from others of the same name.
 #ifndef VORN_SYMBOL_IMAGE_HPP
 #define VORN_SYMBOL_IMAGE_HPP
 
@@ -12,26 +12,27 @@ namespace vorn::symbol {
 
 class Image {
 public:
-  // To be called while the loader holds the object. False when memory ran out.
+  // Called while the loader keeps the object loaded. Returns false if memory runs out.
   bool take(const dl_phdr_info &info, bool is_program);
 
-  // Whether both are one object, loaded from one build of one file to one place.
+  // Returns whether both are the same object, loaded from the same build of a file to the same
+  // address.
   bool same_as(const Image &other) const;
 
-  const char *name() const { return name_.data(); } // the file's
-  const char *path() const;                         // where to open it
+  const char *name() const { return name_.data(); } // of the file
+  const char *path() const;                         // to open it by
 
   std::uintptr_t base() const { return base_; }
   const Buffer<Elf64_Phdr> &headers() const { return headers_; }
 
-  // The notes, the build id among them, of every header for which has_note is true, in order.
+  // The notes, with the build id, of each header for which has_note is true, in order.
   const Buffer<unsigned char> &notes() const { return notes_; }
   bool has_note(const Elf64_Phdr &header) const;
 
-  // The loaded segment of code that contains the address, given as the file has it; else NULL.
+  // Returns the loaded segment of code that contains the address, which is as in the file, or NULL.
   const Elf64_Phdr *code_at(std::uint64_t file_address) const;
 
-  // Where the code lies in memory. The loader keeps this span free of other objects.
+  // The range of the code in memory. It contains no other object.
   bool has_code() const { return code_begin_ != code_end_; }
   std::uintptr_t code_begin() const { return code_begin_; }
   std::uintptr_t code_end() const { return code_end_; }

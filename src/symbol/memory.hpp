@@ -1,6 +1,6 @@
-// A growing array in memory of the accounting allocator. Nothing here throws or logs: what needs
-// memory says whether it got it. vorn_symbol_init has the message, and part of what it does is done
-// while the loader's lock is held, where a logging library is better not called.
+// Defines a growing array in memory of the accounting allocator. It does not throw or log:
+// functions that need memory return whether they got it. vorn_symbol_init logs for them, after it
+// has released the loader's lock.
 #ifndef VORN_SYMBOL_MEMORY_HPP
 #define VORN_SYMBOL_MEMORY_HPP
 
@@ -23,7 +23,7 @@ public:
   Buffer(const Buffer &) = delete;
   Buffer &operator=(const Buffer &) = delete;
 
-  // False when memory ran out: nothing is appended then. The values must not be the buffer's own.
+  // Returns false, and appends nothing, if memory runs out. The values must not be in this buffer.
   bool append(const T &value) { return append(&value, 1); }
   bool append(const T *values, std::size_t count) {
     if (count == 0) return true;
@@ -33,10 +33,10 @@ public:
     return true;
   }
 
-  // Drops what stands from count on.
+  // Drops the elements from count on.
   void truncate(std::size_t count) { size_ = std::min(size_, count); }
 
-  // Gives back what was allocated ahead; keeps it where that takes memory that is not there.
+  // Frees the unused memory, unless memory for that runs out.
   void trim() {
     if (size_ != capacity_) move_to(size_);
   }
@@ -65,7 +65,7 @@ private:
     return true;
   }
 
-  mem::Owned<T> data_; // the first of the elements
+  mem::Owned<T> data_; // points to the first element
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
 };

@@ -1,5 +1,5 @@
-// One loaded object and its functions. Read once, it never changes, so that the tables of several
-// moments may share it.
+// Describes a loaded object and its functions. It does not change after it was read, so that
+// several tables may share it.
 #ifndef VORN_SYMBOL_OBJECT_HPP
 #define VORN_SYMBOL_OBJECT_HPP
 
@@ -25,22 +25,22 @@ public:
 
   bool lookup(std::uintptr_t address, Symbol *out) const;
 
-  // How many tables it is in. Under the mutex of those who change the table.
+  // The number of tables that contain it. Guarded by the mutex for changes of the table.
   unsigned int holders = 1;
 
 private:
   struct Entry {
     std::uintptr_t begin;
     std::uintptr_t end;
-    std::uintptr_t start; // of the function, which may have several ranges
-    std::size_t name;     // where it begins in names_
+    std::uintptr_t start; // of the function; it may have several ranges
+    std::size_t name;     // the index of the name in names_
   };
 
   bool keep(const Buffer<Range> &ranges);
   bool keep_name(const char *name);
 
   Image image_;
-  Buffer<Entry> entries_; // ascending, no two overlap
+  Buffer<Entry> entries_; // ascending, without overlap
   Buffer<char> names_;
 };
 

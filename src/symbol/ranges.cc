@@ -1,3 +1,4 @@
+// Turns functions into ranges of addresses.
 #include "symbol/ranges.hpp"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ int rank(unsigned char binding) {
   }
 }
 
-// By start, and of one start the preferred last.
+// Orders by start; of functions with the same start, the preferred one is last.
 bool is_before(const Function &a, const Function &b) {
   if (a.start != b.start) return a.start < b.start;
   if ((a.size == 0) != (b.size == 0)) return a.size == 0;
@@ -36,8 +37,8 @@ struct Open {
   std::uintptr_t end;
 };
 
-// Goes up through the addresses with the functions that are open there, the last opened on top: it
-// owns the addresses until it ends or another opens.
+// Walks up the addresses with a stack of the open functions. The top function owns the addresses
+// until it ends or another function opens.
 class Sweep {
 public:
   explicit Sweep(Buffer<Range> *ranges) : ranges_(ranges) {}
@@ -59,7 +60,7 @@ public:
 private:
   const Open &top() const { return *(open_.end() - 1); }
 
-  // What lies under the top may have ended before it.
+  // The functions below the top may have ended before it.
   bool give_top(std::uintptr_t end) {
     if (end <= at_) return true;
     if (!ranges_->append({at_, end, top().function})) return false;

@@ -1,4 +1,4 @@
-// From functions as a symbol table lists them, nested, overlapping and under several names, to
+// Turns the functions of a symbol table, which may be nested, overlap and have several names, into
 // ranges of addresses that belong to one function each.
 #ifndef VORN_SYMBOL_RANGES_HPP
 #define VORN_SYMBOL_RANGES_HPP
@@ -11,8 +11,8 @@ namespace vorn::symbol {
 
 struct Function {
   std::uintptr_t start;
-  std::uintptr_t size;  // 0: not known
-  std::uintptr_t limit; // above start; where the code around it ends, nothing goes beyond it
+  std::uintptr_t size;  // 0 if unknown
+  std::uintptr_t limit; // above start: the end of the surrounding code
   const char *name;
   unsigned char binding; // of the ELF symbol: STB_GLOBAL, STB_WEAK, STB_LOCAL or another
 };
@@ -23,13 +23,14 @@ struct Range {
   const Function *function;
 };
 
-// Appends the ranges in ascending order; they do not overlap. An address belongs to the function of
-// known size that contains it and starts last; of several that start there, to the global before
-// the weak before the others, then to the longest, then to the name that is last in byte order (the
-// plain one before the one with underscores in front). An address that none contains belongs to
-// the function of unknown size before it, unless another starts or a known one ends in between.
+// Appends the ranges in ascending order, without overlap. An address belongs to the function of
+// known size that contains it and starts last. Of several that start there, a global one precedes a
+// weak one and that the others; then the longest one; then the one whose name is last in byte order
+// (a plain name precedes one with leading underscores). An address that no such function contains
+// belongs to the function of unknown size before it, unless another function starts or ends in
+// between.
 //
-// Sorts the functions; the ranges point at them. False when memory ran out.
+// Sorts the functions; the ranges point to them. Returns false if memory runs out.
 bool resolve(Buffer<Function> &functions, Buffer<Range> *ranges);
 
 } // namespace vorn::symbol

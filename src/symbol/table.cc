@@ -1,3 +1,4 @@
+// Fills the table of symbols and searches it.
 #define VORN_FILE "vorn_symbol.c"
 
 #include "symbol/table.hpp"
@@ -15,8 +16,8 @@ void drop(Object *object) {
   if (object != nullptr && --object->holders == 0) mem::Release()(object);
 }
 
-// The program comes first and has no name. What else is not a path, such as the object that the
-// kernel maps into every process, has no file.
+// The program is the first object and has no name. Any other object whose name is no path, such as
+// the one that the kernel maps into every process, has no file.
 bool has_file(const dl_phdr_info &info, bool is_program) {
   return is_program || std::strchr(info.dlpi_name, '/') != nullptr;
 }
@@ -48,7 +49,7 @@ bool Table::find_object(std::uintptr_t address, Symbol *out) const {
   return true;
 }
 
-// The loader's lock is held meanwhile: files and log messages wait until it is over.
+// Called with the loader's lock held: files are read, and messages logged, after that.
 bool Table::take_loaded() {
   struct Walk {
     Table *table;

@@ -1,5 +1,5 @@
-// The symbols of the objects that were loaded at one moment. Once it is published nothing in it
-// changes.
+// Holds the symbols of the objects that are loaded at one moment. It does not change after it is
+// published.
 #ifndef VORN_SYMBOL_TABLE_HPP
 #define VORN_SYMBOL_TABLE_HPP
 
@@ -18,8 +18,8 @@ public:
   Table &operator=(const Table &) = delete;
   ~Table();
 
-  // Fills an empty table from the objects that are loaded now; of those that previous (may be NULL)
-  // has already, it shares what was read. False when memory ran out.
+  // Fills an empty table from the objects that are loaded now. Shares those that previous, which
+  // may be NULL, already has. Returns false if memory runs out.
   bool fill(const Table *previous);
 
   bool lookup(std::uintptr_t address, Symbol *out) const;
@@ -35,7 +35,7 @@ private:
   Object *object_at(std::uintptr_t address) const;
   Object *find_same(const Image &image) const;
 
-  Buffer<Object *> objects_; // ascending by their code
+  Buffer<Object *> objects_; // ascending by the address of their code
 };
 
 } // namespace vorn::symbol

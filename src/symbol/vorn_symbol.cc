@@ -1,16 +1,20 @@
-// How a table goes while signal handlers may be looking into it:
+// Publishes the symbol table, and frees old tables while signal handlers may be reading.
 //
-// A reader first counts itself in, then takes the published table; it counts itself out when it has
-// done with what it found. Who changes the table first takes it off the published pointer, then
-// looks at the count. All four are sequentially consistent, so when the count is seen as 0, every
-// reader that came before has gone (and its accesses are over), and every later one finds the new
-// table: nobody has the old one, and it is freed. Otherwise it is kept, and the next change that
-// finds the count at 0 frees it.
+// 1. A reader increments the count of readers, then loads the published table. It decrements the
+// count
+//    when it no longer uses what it found.
+// 2. A thread that changes the table replaces the published pointer, then reads the count.
+// 3. If the count is 0, the thread frees the old table. Otherwise the table is kept, and the next
+// change
+//    that finds the count at 0 frees it.
 //
-// So nobody ever waits for a reader. Waiting would deadlock where the reader is the waiting
-// thread's own, below it on the stack, or one that never gets done: a thread that ended in its
-// handler, or, in the child of a fork, any thread that was reading in the parent. Such a reader
-// costs memory only, and little of it: tables share the objects that did not change between them.
+// All four accesses are sequentially consistent. So if the count is read as 0, every earlier reader
+// has finished its accesses, and every later one finds the new table: no thread uses the old one.
+//
+// No thread waits for a reader. Waiting would deadlock if the reader is below on the waiting
+// thread's own stack, or never finishes: a thread that ended in its handler or, in a child of
+// fork(), any thread that was reading in the parent. Such a reader only costs memory, and little:
+// tables share the objects that did not change between them.
 #include "symbol/vorn_symbol.hpp"
 
 #include <atomic>
@@ -27,7 +31,7 @@ namespace {
 constexpr char kUnknown[] = "unknown";
 
 constinit Mutex change;
-constinit Table *retired = nullptr; // under change
+constinit Table *retired = nullptr; // guarded by change
 
 constinit std::atomic<Table *> published{nullptr};
 constinit std::atomic<unsigned int> readers{0};
@@ -56,7 +60,7 @@ mem::Owned<Table> build() {
   return table;
 }
 
-// A text of bounded size that takes what fits.
+// A text of bounded size; what does not fit is cut.
 class Text {
 public:
   Text(char *buffer, std::size_t size) : at_(buffer), last_(buffer + size - 1) { *at_ = '\0'; }
@@ -80,7 +84,7 @@ public:
 
 private:
   char *at_;
-  char *last_; // room for the NUL
+  char *last_; // where the NUL still fits
 };
 
 } // namespace

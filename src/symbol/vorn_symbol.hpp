@@ -1,4 +1,4 @@
-// Lookups in the symbol table for the library's own post-mortem code.
+// Declares lookups in the symbol table for the library's own post-mortem code.
 #ifndef VORN_SYMBOL_HPP
 #define VORN_SYMBOL_HPP
 
@@ -14,10 +14,10 @@ struct Symbol {
   const char *object;   // the file it was loaded from
 };
 
-// Holds the table that is in force while it lives, so that what its lookups yield stays valid until
-// it goes, whatever vorn_symbol_init and vorn_symbol_fini do meanwhile. Any thread may use one, and
-// a signal handler; nothing here blocks, allocates or changes errno. Keep it for one report: memory
-// of older tables is released only when no reader lives.
+// Keeps the current table for the lifetime of this object, so that the results of its lookups stay
+// valid, whatever vorn_symbol_init and vorn_symbol_fini do meanwhile. Any thread and any signal
+// handler may use it; it does not block, allocate or change errno. Keep it only for one report: the
+// memory of old tables is freed only while no reader exists.
 class Reader {
 public:
   Reader();
@@ -25,14 +25,14 @@ public:
   Reader &operator=(const Reader &) = delete;
   ~Reader();
 
-  // False before start-up and after shutdown: nothing is known of any address.
+  // Returns false before start-up and after shutdown: no address is known then.
   bool has_table() const { return table_ != nullptr; }
 
-  // The function that contains address. False, with *out untouched, when none is known.
+  // Finds the function that contains address. Returns false and leaves *out alone if none is known.
   bool lookup(std::uintptr_t address, Symbol *out) const;
 
-  // The object whose code contains address, named or not: its file, and as start the address that
-  // its file's addresses count from; no name. False as above.
+  // Finds the object whose code contains address. Sets its file, the address that the file's
+  // addresses are relative to as start, and no name. Returns false as above.
   bool find_object(std::uintptr_t address, Symbol *out) const;
 
 private:

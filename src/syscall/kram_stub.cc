@@ -1,4 +1,4 @@
-// Random numbers that can be guessed.
+// Generates random numbers that are predictable.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 namespace vorn::kram {
 namespace {
 
-// The kernel module may refuse the time; the system's clock does not.
+// The kernel module may refuse to give the time; the system's clock does not.
 unsigned int seed() {
   int64_t seconds = 0;
   uint32_t nanoseconds = 0;

@@ -1,12 +1,13 @@
-// The server of private calls: a thread that accepts connections, and one for each connection.
+// Implements the server of private calls: a thread that accepts connections, and a thread for each
+// connection.
 //
-// Locking: a thread changes the table of connections, and opens and closes the server's sockets,
-// under the mutex. It never waits there, so fork() finds each socket in the table or closed, and a
-// child closes its copies of them all.
+// Locking. A thread changes the table of connections, and opens and closes the server's sockets,
+// under the mutex, and does not wait there. So fork() finds each socket in the table or closed, and
+// a child closes its copies of all of them.
 //
-// When the table is full, the thread that accepts connections evicts the one that has been idle
-// longest. It leaves the new socket as its successor, and the thread of the evicted one serves that
-// next: the table has as many threads as connections at any time.
+// If the table is full, the accepting thread evicts the connection that has been idle longest, and
+// stores the new socket as its successor. The thread of the evicted connection serves that next:
+// the table always has as many threads as connections.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -37,10 +38,10 @@ constexpr unsigned int kMaxConnections = 512;
 constexpr std::chrono::seconds kMessageTime{10};
 constexpr unsigned int kBufferSize = KRAM_SYSCALL_BUFFER_SIZE;
 
-// A place in the table.
+// A slot of the table.
 struct Connection {
-  int socket = -1;    // -1: the place is free
-  int successor = -1; // what the thread of an evicted connection serves next
+  int socket = -1;    // -1 if the slot is free
+  int successor = -1; // the socket that the thread of an evicted connection serves next
   Activity activity;
 };
 
@@ -50,8 +51,8 @@ constinit Connection connections[kMaxConnections] = {};
 
 void close_socket(int &socket) { const UniqueFd closed(std::exchange(socket, -1)); }
 
-// A child of fork() has none of the threads. Its copies would keep the port from a server that is
-// started again, and the peers of a server that has ended waiting.
+// A child of fork() has none of the threads. Its copies of the sockets would keep the port from a
+// restarted server, and keep the peers of an ended server waiting.
 const ForkChild close_copies{[] {
   close_socket(listener);
   for (Connection &connection : connections) {
@@ -85,8 +86,8 @@ timespec deadline_of_message(milliseconds time_limit) {
   return monotonic_after(static_cast<std::uint64_t>(std::chrono::nanoseconds(time_limit).count()));
 }
 
-// A message's time runs from its first byte on. A peer that leaves before that is not worth a log
-// message.
+// The time limit of a message begins at its first byte. A peer that leaves before that is not
+// logged.
 bool receive_request(int socket, Activity &activity, WireHeader &header, char *input,
                      milliseconds time_limit) {
   auto *at = reinterpret_cast<char *>(&header);
@@ -101,7 +102,7 @@ bool receive_request(int socket, Activity &activity, WireHeader &header, char *i
   return receive(socket, input, header.length, deadline);
 }
 
-// Makes the request's header the reply's.
+// Turns the request's header into the reply's.
 void execute(WireHeader &header, const char *input, char *output) {
   const kram_entry_s *entry = KRAM_FindSysCall(header.command);
   kram_call_s call{};
@@ -124,16 +125,17 @@ bool send_reply(int socket, const WireHeader &header, const char *output, millis
   return false;
 }
 
-// A request that was sent meanwhile is never carried out, and a reset tells its client so: where a
-// request was, the client sees the end of the connection instead. A reset that overtook the last
-// reply would tell the wrong thing, so there is none before the client's side has all of it.
+// A request that arrives meanwhile is never carried out. A reset of the connection tells its client
+// so; an orderly end would mean that the request may have been carried out. A reset before the
+// client's system has received the whole last reply would be wrong, so this waits for that.
 void reset_when_closed(int socket) {
   if (sys::unacknowledged(socket) != 0) return;
   constexpr linger kDiscard{1, 0};
   setsockopt(socket, SOL_SOCKET, SO_LINGER, &kDiscard, sizeof kDiscard);
 }
 
-// Closes the socket that was served. The one that is served next; -1: none, the place is free.
+// Closes the served socket. Returns the next one to serve, or -1 if there is none and the slot is
+// free.
 int go_to_successor(Connection &connection) {
   const MutexGuard hold{mutex};
   if (connection.activity.is_evicted()) reset_when_closed(connection.socket);
@@ -144,7 +146,7 @@ int go_to_successor(Connection &connection) {
 }
 
 void *syscall_do_thr(void *argument) {
-  const CancellationOff off; // in handlers too, or one that is cancelled would keep its place
+  const CancellationOff off; // in handlers too: a cancelled thread would keep its slot
   vorn_thrd_setname("syscall_do_thr");
   auto &connection = *static_cast<Connection *>(argument);
   for (int socket = connection.socket; socket >= 0; socket = go_to_successor(connection))
@@ -152,7 +154,7 @@ void *syscall_do_thr(void *argument) {
   return nullptr;
 }
 
-// False: no thread can be had.
+// Returns false if no thread can be started.
 bool start_connection(Connection &connection) {
   const int result = create_thread_nopreempt_raw(syscall_do_thr, &connection, nullptr);
   if (result == 0) return true;
@@ -160,7 +162,7 @@ bool start_connection(Connection &connection) {
   return VORN_FAIL(false, "creat syscall thrd failed, ret = %d.\n", result);
 }
 
-// Under the mutex. False: all connections are busy.
+// Called under the mutex. Returns false if all connections are busy.
 bool evict_longest_idle(int successor) {
   for (;;) {
     Connection *longest = nullptr;
@@ -174,12 +176,13 @@ bool evict_longest_idle(int successor) {
     if (longest == nullptr) return false;
     if (!longest->activity.evict(since)) continue; // it has become busy
     longest->successor = successor;
-    shutdown(longest->socket, SHUT_RD); // wakes its thread, and tells the peer nothing
+    shutdown(longest->socket, SHUT_RD); // wakes its thread without telling the peer
     return true;
   }
 }
 
-// False: nothing can be accepted any more. *place is what needs a thread, NULL: nothing does.
+// Returns false if no connection can be accepted any more. *place is the slot that needs a thread,
+// or NULL.
 bool accept_connection(Connection **place) {
   *place = nullptr;
   {
@@ -213,7 +216,7 @@ void accept_connections() {
   } while (accept_connection(&place) && (place == nullptr || start_connection(*place)));
 }
 
-// False after a log message.
+// Returns false after a log message.
 bool listen_on_loopback(int socket) {
   const int on = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -259,7 +262,7 @@ void serve(int socket, Activity &activity, milliseconds time_limit) {
   const mem::Block input = mem::allocate_block(kBufferSize);
   const mem::Block output = mem::allocate_block(kBufferSize);
   if (input == nullptr || output == nullptr) return; // the allocator has logged it
-  std::memset(output.get(), 0, kBufferSize); // a handler may tell a length that it did not fill
+  std::memset(output.get(), 0, kBufferSize); // a handler may return a length that it has not filled
   WireHeader header;
   while (receive_request(socket, activity, header, input.get(), time_limit)) {
     execute(header, input.get(), output.get());

@@ -1,20 +1,23 @@
-// The client of private calls: one connection to the server, which is kept from call to call.
+// Implements the client of private calls: one connection to the server, which is kept between
+// calls.
 //
-// The server may have closed a kept connection since the last call, because it evicted it or was
-// started again. The call then opens another and sends its request once more, but only where the
-// server cannot have carried it out, so that no request is ever carried out twice:
+// The server may have closed a kept connection since the last call, by an eviction or a restart.
+// The call then opens another connection and sends its request again, but only if the server cannot
+// have carried it out, so that no request is carried out twice:
 //
 //   - The connection was closed before anything was sent.
-//   - The send failed: the server has not got the whole request, and carries out whole ones only.
-//   - The connection was reset before a byte of the reply came. The system resets one that is
-//     closed with unread bytes, and the server resets one that it evicts. Neither happens while a
-//     request is carried out: the server has read it to its end by then, and there is no other,
-//     since a client sends the next request after it has the reply. A server that is killed while
-//     it carries a request out ends the connection, and does not reset it.
-//   - The connection ended before a byte of the reply came, and part of the request is not
-//     acknowledged. What ends the connection acknowledges all that the server could read.
+//   - The send failed: the server does not have the whole request, and carries out only whole
+//   requests.
+//   - The connection was reset before the first byte of the reply. The system resets a connection
+//   that is
+//     closed with unread bytes, and the server resets a connection that it evicts. Neither happens
+//     while the server carries a request out: it has read the whole request by then, and the client
+//     sends no other before the reply. If the server is killed meanwhile, the connection ends
+//     without a reset.
+//   - The connection ended before the first byte of the reply, and part of the request is not
+//     acknowledged. The end of the connection acknowledges all that the server could read.
 //
-// An end of the connection otherwise is an error: the request may have been carried out.
+// Any other end of the connection is an error: the request may have been carried out.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -38,11 +41,11 @@ static_assert(sizeof(kram_request_s) == 24);
 
 constexpr char kFunction[] = "KRAM_SysCall";
 
-// One call at a time: held while the server carries it out.
+// Allows one call at a time: held while the server carries it out.
 constinit UngatedMutex call_mutex;
 
-// The connection's, -1 for none. It is opened and closed under the other mutex as well, which keeps
-// fork() off: a child finds each socket here or closed.
+// The socket of the connection, or -1. Opened and closed also under the gated mutex, which fork()
+// waits for: a child finds each socket here or closed.
 constinit int connection = -1;
 constinit Mutex connection_mutex;
 
@@ -51,7 +54,7 @@ void disconnect() {
   const UniqueFd closed(std::exchange(connection, -1));
 }
 
-// The connection is the parent's, and so is the thread that holds the mutex.
+// The connection belongs to the parent, and so does the thread that holds the mutex.
 const ForkChild start_anew{[] {
   call_mutex.renew();
   disconnect();
@@ -75,7 +78,7 @@ bool init_syscall_socket() {
   return true;
 }
 
-// False: the server has closed it, or has sent what was not asked for.
+// Returns false if the server has closed it, or has sent bytes that were not requested.
 bool is_connected() {
   char byte = 0;
   return connection >= 0 && sys::receive(connection, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
@@ -85,7 +88,7 @@ bool is_connected() {
 enum class Outcome {
   kAnswered,
   kFailed,        // after a log message
-  kNotCarriedOut, // of a kept connection, and without one
+  kNotCarriedOut, // on a kept connection, without a log message
 };
 
 bool send_all(const WireHeader &header, const void *input, bool is_kept) {
@@ -94,7 +97,7 @@ bool send_all(const WireHeader &header, const void *input, bool is_kept) {
   return false;
 }
 
-// length is what was still to come at that place.
+// length is the number of bytes that were still missing.
 bool receive_failed(ssize_t piece, void *at, std::size_t length) {
   return VORN_FAIL_AS("recv_all", false, "recv error, err=%d, buf=%p, len=%d",
                       piece == 0 ? 0 : errno, at, static_cast<int>(length));
@@ -111,7 +114,7 @@ bool recv_all(void *buffer, std::size_t length) {
   return true;
 }
 
-// After the first receive for a reply, whose result is not above 0. The start of this source says
+// Called if the first receive for a reply returns 0 or less. The beginning of this source tells
 // why.
 bool cannot_be_carried_out(ssize_t first) {
   return first < 0 ? errno == ECONNRESET : sys::unacknowledged(connection) > 0;
@@ -139,7 +142,7 @@ bool discard(std::uint64_t length) {
   return true;
 }
 
-// False: the connection is of no more use.
+// Returns false if the connection is no longer usable.
 bool receive_payload(const WireHeader &header, kram_request_s &request, int &result) {
   if (header.length > request.output_length) {
     VORN_LOG_AS(kFunction, kError,

@@ -1,4 +1,4 @@
-// The registry of private calls: groups of handlers.
+// Holds the registry of private calls: groups of handlers.
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -30,7 +30,7 @@ struct Group {
 };
 static_assert(offsetof(Group, entries) == 8);
 
-// A group is complete before it is published, and is never changed.
+// A group is complete before it is published, and never changes.
 constinit std::atomic<Group *> groups[kGroupCount] = {};
 
 unsigned int group_of(std::uint32_t command) { return command >> 8; }

@@ -1,4 +1,4 @@
-// The messages between a client of private calls and the server, and how they are transferred.
+// Transfers the messages between a client of private calls and the server.
 #include "syscall/kram_wire.hpp"
 
 #include <algorithm>
@@ -12,7 +12,7 @@
 namespace vorn::kram {
 namespace {
 
-// Tries first: what was sent in one piece is there in one, and takes no waiting.
+// Tries first: a message that was sent in one piece usually arrives in one, without a wait.
 template <class Transfer>
 ssize_t transfer_until(int socket, short events, const timespec *deadline, Transfer transfer) {
   for (;;) {
@@ -25,7 +25,7 @@ ssize_t transfer_until(int socket, short events, const timespec *deadline, Trans
   }
 }
 
-// Takes what was sent off the parts.
+// Removes the sent bytes from the parts.
 void advance(iovec (&parts)[2], std::size_t sent) {
   for (iovec &part : parts) {
     const std::size_t step = std::min(sent, part.iov_len);

@@ -1,5 +1,5 @@
-// What goes over a connection between a client of private calls and the server: a header before
-// each request and each reply, and its payload. Host byte order, since neither leaves the machine.
+// Declares the messages between a client of private calls and the server: a header and a payload
+// for each request and each reply, in host byte order, since they do not leave the machine.
 #ifndef VORN_SYSCALL_KRAM_WIRE_HPP
 #define VORN_SYSCALL_KRAM_WIRE_HPP
 
@@ -15,7 +15,7 @@ struct WireHeader {
   std::uint32_t command;
   std::uint32_t reserved; // 0
   std::uint64_t length;   // of the payload that follows
-  std::uint64_t capacity; // the client's for the reply's payload; in a reply as in the request
+  std::uint64_t capacity; // the client's room for the reply's payload; a reply repeats it
   std::int64_t result;    // the handler's; 0 in a request
 };
 static_assert(offsetof(WireHeader, command) == 0);
@@ -25,21 +25,21 @@ static_assert(offsetof(WireHeader, capacity) == 16);
 static_assert(offsetof(WireHeader, result) == 24);
 static_assert(sizeof(WireHeader) == 32);
 
-// A reply that tells a longer payload comes from no server of private calls.
+// A reply with a longer payload does not come from a server of private calls.
 inline constexpr std::uint64_t kMaxReply = 0x100000;
 
 sockaddr_in server_address();
 
-// Small messages leave at once.
+// Has small messages sent at once.
 void set_no_delay(int socket);
 
-// Receives the next piece of a message, length bytes at most. Returns its length, 0 at the end of
-// the connection; -1 with errno on failure, ETIMEDOUT after the deadline (CLOCK_MONOTONIC; NULL:
-// there is none).
+// Receives the next piece of a message, at most length bytes. Returns its length, or 0 at the end
+// of the connection. On failure returns -1 with errno, ETIMEDOUT after the deadline
+// (CLOCK_MONOTONIC; NULL for no deadline).
 ssize_t receive_piece(int socket, void *buffer, std::size_t length, const timespec *deadline);
 
-// Sends a header with its payload, in one call where the socket has room. False with errno on
-// failure, as above.
+// Sends a header with its payload, by one system call if the socket has room. Returns false with
+// errno on failure, as above.
 bool send_message(int socket, const WireHeader &header, const void *payload,
                   const timespec *deadline);
 

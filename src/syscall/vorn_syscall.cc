@@ -1,4 +1,4 @@
-// The kernel module's door.
+// Makes private calls to the kernel module.
 #include "vorn_syscall.h"
 
 #include "arch/private_call.hpp"

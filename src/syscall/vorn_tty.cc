@@ -1,4 +1,4 @@
-// Requests to the console, which pass to the kernel module.
+// Passes requests for the console to the kernel module.
 #include "vorn_tty.h"
 
 #include "base/kernel_request.hpp"

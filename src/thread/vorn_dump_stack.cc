@@ -1,4 +1,4 @@
-// Writes the calling thread's stack: which one it is, the table of its frames, its words.
+// Writes the calling thread's stack: its kind, the table of its frames, its words.
 #include "thread/vorn_dump_stack.hpp"
 
 #include <algorithm>
@@ -24,7 +24,7 @@ constexpr std::uintptr_t kMostBytes = 16384;
 constexpr std::uintptr_t kWord = sizeof(std::uint64_t);
 constexpr std::uintptr_t kLineWords = 4;
 constexpr std::uintptr_t kProbe = 4096;
-constexpr std::uintptr_t kWidestStack = 8 << 20; // that is walked where the bounds are not known
+constexpr std::uintptr_t kWidestStack = 8 << 20; // walked if the bounds are unknown
 
 const void *pointer(std::uintptr_t address) { return reinterpret_cast<const void *>(address); }
 
@@ -36,16 +36,15 @@ std::uintptr_t difference(std::uintptr_t address, std::uintptr_t size) {
   return address >= size ? address - size : 0;
 }
 
-// The function that an address is in, with the texts that stand for an unknown one.
+// The function that contains an address, or the texts for an unknown one.
 struct Place {
   const char *function = "NULL";
   const char *object = "NULL";
   std::uintptr_t offset = 0;
 };
 
-// A return address may lie after the end of the function that called: the call is just before it.
-// Code without a name is shown by its place in the file. False where there is no code, as far as is
-// known.
+// A return address may be after the end of the calling function: the call is just before it.
+// Shows code without a name by its offset in the file. Returns false if no code is known there.
 bool find_caller(const symbol::Reader &symbols, std::uintptr_t return_address, Place *out) {
   symbol::Symbol found{};
   const std::uintptr_t call = return_address - 1;
@@ -77,7 +76,7 @@ const char *reason(Link link) {
   return "";
 }
 
-// Why a frame is not to be trusted; empty where it is.
+// Returns why a frame is suspicious, or an empty text.
 class Suspicion {
 public:
   Suspicion(bool known_code, Link link) {
@@ -102,13 +101,13 @@ public:
   FrameTable &operator=(const FrameTable &) = delete;
   ~FrameTable() { evlog_original("<%d>dump_stack info Success", tid_); }
 
-  // No frame can be read there.
+  // No frame can be read.
   void write_lost(const FrameChain &chain) const {
     const Link link = chain.link();
     write({chain.at(), 0}, 0, 0, {}, {true, link == Link::kGood ? Link::kOutside : link});
   }
 
-  // The caller of a jump that made no frame.
+  // The caller of a jump that has made no frame.
   void write_called_from(const StackDump &dump) const {
     Place place;
     const bool known = find_caller(symbols_, dump.called_from, &place);
@@ -116,7 +115,7 @@ public:
           {known, Link::kGood});
   }
 
-  // Whether the frame is the outermost.
+  // Returns whether the frame is the outermost.
   bool write_frame(const FrameChain &chain, const Frame &frame, const FrameChain &next) const {
     const std::uintptr_t code = arch::plain_code_address(frame.return_address);
     Place place;
@@ -144,7 +143,7 @@ private:
   const symbol::Reader symbols_;
 };
 
-// The words of one line; fewer than four at the end of the stack.
+// Reads the words of a line; fewer than four at the end of the stack.
 class WordLine {
 public:
   WordLine(std::uintptr_t at, std::uintptr_t count) : at_(at), count_(count) {
@@ -179,7 +178,7 @@ bool is_readable(std::uintptr_t address) {
   return copy_foreign(address, &byte, 1);
 }
 
-// The readable pages from the one of the address up, over so many bytes at most.
+// Returns the end of the readable pages from the address up, at most so many bytes.
 std::uintptr_t readable_end(std::uintptr_t address, std::uintptr_t most) {
   const std::uintptr_t end = sum(address, most);
   std::uintptr_t at = address;
@@ -194,9 +193,9 @@ std::uintptr_t readable_start(std::uintptr_t address) {
   return start >= page || is_readable(start) ? start : page;
 }
 
-// An address of the stack that can be read: where the stack pointer is smashed, or has run over the
-// end, the frame pointer may do; else the outermost part of the stack that the record knows. 0:
-// there is none.
+// Returns a readable address of the stack: the stack pointer; if that is destroyed or beyond the
+// stack, the frame pointer; or else the outermost part of the stack in the thread record. Returns 0
+// if there is none.
 std::uintptr_t find_stack(const StackDump &dump) {
   if (is_readable(dump.stack_pointer)) return dump.stack_pointer;
   if (is_readable(dump.frame_pointer)) return dump.frame_pointer;
@@ -231,7 +230,7 @@ void vorn_dump_stack_ext(const StackDump &dump, const StackBounds &stack) {
   Frame frame{};
   for (unsigned int i = 0; i < kMostFrames; ++i) {
     if (chain.link() != Link::kGood || !copy_foreign(chain.at(), &frame, sizeof frame)) {
-      // A row that named a bad caller has said so; the innermost frame has no such row.
+      // The row before this has reported a bad caller; the innermost frame has no row before it.
       if (i == 0) table.write_lost(chain);
       return;
     }
@@ -276,7 +275,7 @@ void vorn_thread_dump_sync_stack(const StackDump &dump) {
   evlog_original("<%d>(sync)get %s, stack start(0x%0llx) end(0x%0llx)", dump.tid, kind,
                  static_cast<unsigned long long>(stack.low),
                  static_cast<unsigned long long>(stack.high));
-  // The classifier takes an address just below the stack for one of it: so are the frames there.
+  // The classifier counts an address just below the stack as part of it; so does this.
   vorn_dump_stack_ext(dump, {std::min(stack.low, sp), stack.high});
   if (dump.with_words) vorn_thread_dump_full_stack(dump.tid, sp, stack);
 }

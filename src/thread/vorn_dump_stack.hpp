@@ -1,6 +1,6 @@
-// The dump of a stack: its frames as a table, and its words. Everything here is for signal
-// handlers: no allocation, no lock, no read through a pointer that the kernel has not found
-// readable.
+// Declares the dump of a stack: its frames as a table, and its words. Everything is safe in a
+// signal handler: no allocation, no lock, and no read through a pointer that the kernel has not
+// tested.
 #ifndef VORN_DUMP_STACK_HPP
 #define VORN_DUMP_STACK_HPP
 
@@ -11,26 +11,27 @@
 
 namespace vorn::thread {
 
-// The dump of one thread, by that thread.
+// Dumps the calling thread.
 struct StackDump {
   pid_t tid;
   std::uintptr_t stack_pointer;
   std::uintptr_t frame_pointer;
-  std::uintptr_t called_from; // where a jump to nowhere returns to, which no frame has; else 0
-  bool with_words;            // for a fatal signal
+  std::uintptr_t
+      called_from; // the return address of a jump to a bad address, which is in no frame; else 0
+  bool with_words; // for a fatal signal
 };
 
-// Where the calling thread's own stacks are is read from its record: not where that is unreadable.
+// Reads the bounds of the calling thread's stacks from its thread record, if that is readable.
 bool record_is_readable();
 
-// The frames from the one at the frame pointer out, within the stack. Those named start_thread and
-// main are outermost.
+// Writes the frames from the frame pointer outwards, within the stack. A frame of start_thread or
+// main is the outermost.
 void vorn_dump_stack_ext(const StackDump &dump, const StackBounds &stack);
 
-// What a signal interrupted: which stack it is, its frames and its words.
+// Writes what a signal interrupted: the kind of the stack, its frames and its words.
 void vorn_thread_dump_sync_stack(const StackDump &dump);
 
-// Four words a line, from 1024 bytes below the stack pointer on, 16384 bytes at most.
+// Writes at most 16384 bytes, four words a line, from 1024 bytes below the stack pointer.
 void vorn_thread_dump_full_stack(pid_t tid, std::uintptr_t stack_pointer, const StackBounds &stack);
 
 } // namespace vorn::thread

@@ -36,7 +36,7 @@ constinit Once tracking{OncePolicy::kRetry};
 
 constinit std::atomic<unsigned int> core_wanted{0};
 
-// Of the thread that installs the handlers: the one that started the process has none by itself.
+// The signal stack of the thread that installs the handlers: the main thread has none by itself.
 alignas(16) constinit unsigned char first_stack[VORN_THRD_SIGSTACK_SIZE]{};
 
 void give_signal_stack() {
@@ -58,7 +58,7 @@ bool install(int number, const char *name) {
   return true;
 }
 
-// The numbers of a list as a text; those that do not fit are left out.
+// Formats the numbers of a list; omits those that do not fit.
 class Numbers {
 public:
   void append(unsigned int number) {
@@ -94,7 +94,7 @@ void install_list(const unsigned int *list, unsigned int count) {
               numbers.text());
 }
 
-// What comes before the signals of either kind, and after.
+// The steps before and after the signals of either kind.
 template <class Install> int install_all(Install install_signals) {
   const KeptErrno errno_stays;
   vorn_symbol_init();
@@ -104,7 +104,7 @@ template <class Install> int install_all(Install install_signals) {
   signal(SIGHUP, SIG_IGN);
   give_signal_stack();
   install_signals();
-  // It may have been installed before the names were cleared.
+  // The handler may have been installed before the names were cleared.
   if (auto_install_dump_stack_signal() == 0)
     signal_names[SIGTASKTRACK].store("SIGTASKTRACK", std::memory_order_relaxed);
   return 0;

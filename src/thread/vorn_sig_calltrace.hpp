@@ -1,4 +1,4 @@
-// What the installation of the signals and their handler share.
+// Declares what the installation of the signals and their handler share.
 #ifndef VORN_SIG_CALLTRACE_HPP
 #define VORN_SIG_CALLTRACE_HPP
 
@@ -9,10 +9,10 @@ namespace vorn::thread {
 
 inline constexpr unsigned int kSignals = 128;
 
-// What each signal with a handler is called; NULL: it has none. Written while they are installed.
+// The name of each signal with a handler; NULL if it has none. Written during the installation.
 extern std::atomic<const char *> signal_names[kSignals];
 
-// The handler of them all.
+// The handler of all these signals.
 void fault_handler(int signal, siginfo_t *info, void *context);
 
 } // namespace vorn::thread

@@ -1,12 +1,15 @@
-// The handler of the fault signals: the dump of a thread that goes on, and the report of one that a
-// fatal signal ends.
+// Handles the fault signals: dumps a thread that goes on, and reports a thread that a fatal signal
+// ends.
 //
-// The report is a row of parts. Each is struck off before it begins, so that a second fault in the
-// same thread, which comes to the same handler, goes on with the next part, and the last one ends
-// the process by the first signal. For that the signals of faults are let through during a report,
-// and a timer sends the thread the first signal when a part does not end: a callback of the
-// exception chain may wait forever, and so may a write to a console. What else sends the thread a
-// fatal signal meanwhile is dropped: it is being ended already.
+// 1. The report is a list of parts. Each part is removed from the list before it runs.
+// 2. A second fault in the same thread enters the same handler, which goes on with the next part.
+// 3. A timer sends the thread the first signal if a part does not end: a callback of the exception
+// chain
+//    may wait forever, and so may a write to a console. The handler goes on with the next part.
+// 4. The last part ends the process by the first signal.
+//
+// So the fault signals are not blocked during a report. Another fatal signal that a process sends
+// to the thread meanwhile is dropped: the process is ending already.
 #include "vorn_sig_calltrace.h"
 
 #include <cerrno>
@@ -34,25 +37,25 @@ namespace vorn::thread {
 namespace {
 
 constexpr int kMostDumps = 3;
-constexpr int kMostFaults = 2; // in one report
+constexpr int kMostFaults = 2; // in a report
 constexpr time_t kPartSeconds = 10;
 
-// Handler runs in progress in the process.
+// The running handlers of the process.
 constinit std::atomic<int> running{0};
 
-// The runs of other threads do not exist in a child.
+// The handlers of other threads do not exist in a child.
 const ForkChild forget_runs{[] { running.store(0, std::memory_order_relaxed); }};
 
 enum class Part { kStart, kRegisters, kStack, kChain, kEnd };
 
-// The report that the thread is in.
+// The report that the thread is making.
 struct Report {
-  pid_t pid; // a child that shares the parent's memory is in none; 0: none
+  pid_t pid; // 0 if there is none; differs in a child that shares the parent's memory
   int signal;
   siginfo_t *info;
   void *context;
   Part next;
-  int count; // of the runs in progress when it began
+  int count; // the number of running handlers at its beginning
   int faults;
   bool timed;
   int timer;
@@ -88,7 +91,7 @@ arch::RegisterRecord record_of(const void *context) {
   return arch::registers_of(*static_cast<const ucontext_t *>(context));
 }
 
-// As the registry has it; the kernel's where the thread has no record.
+// The name in the thread record, or the kernel's if the thread has no record.
 struct ThreadName {
   ThreadName() {
     if (t_record != nullptr &&
@@ -146,7 +149,7 @@ void write_registers(int signal, const arch::RegisterRecord &record) {
   write_program_counter(tid, symbols, record.words[VORN_FAULT_PC]);
 }
 
-// A call of a bad function pointer faults before any frame is made: who called is not in a frame.
+// A call of a bad function pointer faults before it makes a frame: the caller is in no frame.
 std::uintptr_t caller_of_nowhere(const arch::RegisterRecord &record) {
   symbol::Symbol object{};
   if (symbol::Reader().find_object(record.words[VORN_FAULT_PC], &object)) return 0;
@@ -161,8 +164,8 @@ void write_stack(int signal, const arch::RegisterRecord &record) {
                                !is_dump_only(signal)});
 }
 
-// Faults in the report must come to the handler: a blocked one ends the process at once. The first
-// signal is what the timer sends.
+// Unblocks the fault signals during the report: a blocked fault would end the process at once. Also
+// unblocks the first signal, which the timer sends.
 void let_faults_through() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -171,7 +174,7 @@ void let_faults_through() {
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-// By the kernel's own calls, as the C library's allocate.
+// Makes direct system calls: the functions of the C library allocate memory.
 void make_timer() {
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;
@@ -190,13 +193,14 @@ bool is_expiry(const siginfo_t &info) {
   return info.si_code == SI_TIMER && info.si_value.sival_ptr == &t_report;
 }
 
-// A fault, not a signal that a process sent; that of abort(3) is the thread's own.
+// Returns whether the signal is a fault of the thread, or its abort(3), and was not sent by a
+// process.
 bool is_fault(int signal, const siginfo_t &info) {
   if (signal == SIGABRT) return info.si_code != SI_USER && info.si_pid == getpid();
   return info.si_code > 0;
 }
 
-// A signal that ends no process by default lets the thread go on.
+// After a signal that does not end a process by default, the thread goes on.
 void end_by_first_signal() {
   const int signal = t_report.signal;
   if (t_report.timed) syscall(SYS_timer_delete, t_report.timer);
@@ -248,7 +252,7 @@ void begin_report(int signal, siginfo_t *info, void *context) {
 void go_on_after_fault(int signal, const siginfo_t *info) {
   if (++t_report.faults > kMostFaults) t_report.next = Part::kEnd;
   let_faults_through();
-  // Once: it may be the log that faults.
+  // Only once: the log itself may fault.
   if (t_report.faults == 1) write_start(t_report.count, signal, info);
   run_parts();
 }

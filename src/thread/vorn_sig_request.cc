@@ -1,4 +1,4 @@
-// Asks a thread for its stack, in the log or in a file, and writes the file.
+// Requests the stack of a thread, in the log or in a file, and writes the file.
 #define VORN_FILE "vorn_sig_calltrace.c"
 #include "vorn_sig_calltrace.h"
 
@@ -28,9 +28,9 @@ constexpr int kMostFrames = 128;
 constinit Once file_dumps{OncePolicy::kRetry};
 constinit char process_name[32] = ""; // written before the handler is installed
 
-constinit Mutex tag_mutex; // of those who append; the handler reads character by character
+constinit Mutex tag_mutex; // held to append; the handler reads character by character without it
 
-// An errno for messages: 0 where the call succeeded.
+// The errno for a log message: 0 if the call succeeded.
 struct Answer {
   long result;
   int error;
@@ -58,7 +58,7 @@ private:
   char text_[sizeof g_tag_buf] = "";
 };
 
-// From the end backwards: a handler finds the tag as it was, or all of it.
+// Writes from the end backwards: a handler finds the old tag or the complete new one.
 void append_to_tag(const char *text) {
   const MutexGuard hold{tag_mutex};
   const std::size_t length = std::strlen(g_tag_buf);
@@ -75,7 +75,7 @@ void note_time() {
 }
 
 Answer ask_for_log(pid_t pid, pid_t tid) {
-  const KeptErrno errno_stays; // over the log, which a node may replace
+  const KeptErrno errno_stays; // the logging library may change it
   const CancellationOff off;
   evlog_original("<%d>Show task context by signal ...: pid=%d, tid=%d.", gettid(), pid, tid);
   const Answer answer = send(pid, tid, SIGTASKTRACK);
@@ -105,7 +105,7 @@ Answer ask_for_file(pid_t pid, pid_t tid) {
 int install_file_dumps() {
   if (vorn_get_process_name(process_name, sizeof process_name) != 0) return -1;
   void *frame;
-  backtrace(&frame, 1); // loads the unwinder, which a handler must not
+  backtrace(&frame, 1); // loads the unwinder, which is not allowed in a handler
   struct sigaction action {};
   action.sa_handler = dump_stack_by_sig;
   if (sigaction(VORN_SIGNAL_BACKTRACE, &action, nullptr) == 0) return 0;

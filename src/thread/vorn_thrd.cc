@@ -1,4 +1,4 @@
-// The table of thread records, and the references to them.
+// Holds the table of thread records and counts the references to them.
 #include "vorn_thrd.h"
 
 #include <atomic>
@@ -21,7 +21,7 @@
 namespace vorn::thread {
 namespace {
 
-// Later modules and services are built on this layout.
+// The layout is part of the ABI.
 static_assert(offsetof(vorn_thread_s, slot) == 0);
 static_assert(offsetof(vorn_thread_s, handle) == 8);
 static_assert(offsetof(vorn_thread_s, entry) == 16);
@@ -42,9 +42,9 @@ static_assert(sizeof(vorn_thread_s) == 544);
 
 constinit Slot table[VORN_THRD_SLOT_COUNT];
 
-// Where a lookup begins: the slot of the thread whose kernel id fell here last, and the ids of all
-// slots side by side, which it passes over when another thread's fell there since. Both are hints:
-// what counts is the id of a record whose reference is held and whose state is alive.
+// Hints for lookups: for each hash of a kernel id, the slot that was entered last; and the ids of
+// all slots side by side, which are searched if another thread has replaced that entry. A lookup
+// relies only on the id of a record whose reference it holds and whose state is alive.
 constexpr std::size_t kHints = 4096;
 constinit std::atomic<Slot *> hints[kHints];
 constinit std::atomic<std::int64_t> tids[VORN_THRD_SLOT_COUNT];
@@ -80,7 +80,7 @@ void free_record(vorn_thread_s *record) {
   vorn_free(record);
 }
 
-// The first free slot, owned from now on; NULL when there is none.
+// Takes and returns the first free slot, or returns NULL.
 Slot *take_slot() {
   for (Slot &slot : table) {
     std::uint32_t count = slot.count.load(std::memory_order_relaxed);
@@ -92,7 +92,7 @@ Slot *take_slot() {
   return nullptr;
 }
 
-// The slot's own record, made at its first use; NULL after an error message.
+// Returns the slot's record, which the first use allocates; NULL after an error message.
 vorn_thread_s *record_of(Slot &slot) {
   vorn_thread_s *record = slot.record.load(std::memory_order_relaxed);
   if (record != nullptr) return record;
@@ -119,7 +119,7 @@ void initialise(vorn_thread_s &record, vorn_thrd_entry_f entry, void *argument) 
   sem_init(&record.job, 0, 0);
 }
 
-// Gives back one of count references; false when there is none.
+// Gives back one of count references; returns false if there is none.
 bool drop(Slot &slot, std::uint32_t *left) {
   std::uint32_t count = slot.count.load(std::memory_order_relaxed);
   do {
@@ -130,7 +130,8 @@ bool drop(Slot &slot, std::uint32_t *left) {
   return true;
 }
 
-// The slot's record with a reference, when it is that of a running thread of this id; else NULL.
+// Takes a reference and returns the slot's record if it is that of a running thread with this id.
+// Else returns NULL.
 vorn_thread_s *hold(Slot &slot, std::int64_t tid) {
   Reference reference(slot);
   if (!reference || !reference.alive()) return nullptr;
@@ -140,8 +141,8 @@ vorn_thread_s *hold(Slot &slot, std::int64_t tid) {
   return record;
 }
 
-// In a child of fork() the thread that called it goes on alone, under other ids. What the others
-// held or looked at is free there.
+// In a child of fork(), only the forking thread exists, under other ids. Frees what other threads
+// held or referred to.
 void keep_own_thread() {
   const vorn_thread_s *own = t_record;
   for (Slot &slot : table) {
@@ -157,8 +158,8 @@ void keep_own_thread() {
 
 const ForkChild forget_others{keep_own_thread};
 
-// The thread was cancelled, has called pthread_exit, or returned without letting go of its record.
-// t_record still stands: the C library destroys thread-local words after the keys.
+// Called if the thread was cancelled, called pthread_exit, or returned without giving its record
+// back. t_record is still valid: the C library destroys thread-local words after the keys.
 void end_thread(void *) {
   if (end_in_pool()) return;
   if (t_record != nullptr) leave(t_record);
@@ -204,7 +205,7 @@ vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument) {
   if (record != nullptr) {
     initialise(*record, entry, argument);
   } else if (slot != nullptr) {
-    // A thread that looks at the slot meanwhile has a reference of its own to give back.
+    // A thread that reads the slot meanwhile holds its own reference.
     std::uint32_t left = 0;
     drop(*slot, &left);
   }
@@ -277,7 +278,7 @@ int vorn_thrd_module_init() {
 
 int vorn_thrd_list(vorn_print_f print) {
   if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
-  const vorn::CancellationOff off; // a reference is held while print runs
+  const vorn::CancellationOff off; // print runs while this holds a reference
   print("list threads flag(0:preempt 1:nonpreempt) created by vorn:\n");
   print("%-5s %-18s %-11s %-8s\n", "tid", "name", "preemptflag", "strategy");
   for (Slot &slot : table) {

@@ -1,16 +1,16 @@
-// What the sources of this module share: the table of threads, and the steps of a thread's life.
+// Declares what the sources of this module share: the table of threads, and the steps of a thread's
+// life.
 //
-// A slot's count of references decides who may do what:
+// A slot's count of references decides which thread may access it:
 //
-//   0  free         the thread that moves it from 0 to 1 owns the slot, and its record with it
-//   1  a thread     the thread's own reference; it, or the one that starts it, writes the record
-//   n  looked at    n - 1 others hold it: the record stays that thread's, also after its end
+//   0  free         a thread that changes it from 0 to 1 owns the slot and its record
+//   1  used         the thread's own reference; it, or the thread that starts it, writes the record
+//   n  referenced   n - 1 other threads refer to it: the record stays, even after the thread's end
 //
-// A reference is taken by compare-and-swap that refuses 0, so a slot between two threads is never
-// taken hold of; and because the record is cached in its slot forever, one that was seen is never
-// freed. The state is written by the owner, but for the claim of an idle pool thread (4 to 8, by
-// compare-and-swap). A thread that reads an alive state with acquire sees the record as its owner
-// had filled it before the release store of that state.
+// A reference is taken by a compare-and-swap that refuses 0, so no thread can refer to a free slot.
+// A slot keeps its record forever, so a record is never freed. The owner writes the state, except
+// for the claim of an idle pool thread (4 to 8, by compare-and-swap). A thread that reads an alive
+// state with acquire sees the record as its owner filled it before the release store of that state.
 #ifndef VORN_THRD_HPP
 #define VORN_THRD_HPP
 
@@ -32,8 +32,8 @@ namespace vorn::thread {
 enum State : std::uint32_t {
   kAllocated = 1, // a thread is being created
   kRunning = 2,
-  kIdle = 4,    // a pool thread that waits for a job
-  kClaimed = 8, // a pool thread with a job
+  kIdle = 4,    // a pool thread waits for a job
+  kClaimed = 8, // a pool thread has a job
   kExited = 16,
 };
 inline constexpr std::uint32_t kAlive = kRunning | kIdle | kClaimed;
@@ -44,7 +44,7 @@ extern thread_local constinit vorn_thread_s *t_record __attribute__((tls_model("
 
 std::span<Slot> slots();
 
-// A reference to a slot; false when the slot is free.
+// A reference to a slot; false if the slot is free.
 class Reference {
 public:
   explicit Reference(Slot &slot);
@@ -56,53 +56,53 @@ public:
   bool alive() const { return (slot_->state.load(std::memory_order_acquire) & kAlive) != 0; }
   vorn_thread_s *record() const { return slot_->record.load(std::memory_order_acquire); }
 
-  // Leaves the reference to the caller, which puts the record back.
+  // Passes the reference to the caller, which gives it back.
   void release() { slot_ = nullptr; }
 
 private:
   Slot *slot_;
 };
 
-// A record for a new thread, in a slot if there is a free one. NULL after an error message.
+// Returns a record for a new thread, in a slot if one is free. NULL after an error message.
 vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument);
 
-// Nothing for a record without a slot.
+// Does nothing for a record without a slot.
 void set_state(const vorn_thread_s &record, State state);
 
 void set_tid(vorn_thread_s &record, std::int64_t tid);
 
-// The calling thread begins to be, and ceases to be, the one of this record: what comes before its
-// first state and after its last. A thread that ends without leaving is made to leave.
+// Bind the calling thread to the record, before its first state, and unbind it, after its last. A
+// thread that ends without leaving is unbound by the key's destructor.
 void enter(vorn_thread_s *record);
 void leave(vorn_thread_s *record);
 
-// Has the end of the calling thread looked after. Part of entering.
+// Arranges that call of the destructor. Part of entering.
 void watch_end(vorn_thread_s *record);
 
-// Start routines, whose argument is the record: of a thread as it is, and of one under strategy 0.
+// Start routines, whose argument is the record: without a strategy, and under strategy 0.
 void *start_plain(void *record);
 void *start_raw(void *record);
 
-// Stack of a thread where the instant-map flag is set.
+// The stack size of a thread if the instant-map flag is set.
 inline constexpr std::size_t kSmallStack = 131072;
 
-// Starts a detached thread with this record, with default attributes where none are given. 0; -1
-// after an error message in the name of function, of which log_failed writes what is told of
-// pthread_create, and with the record put back.
+// Starts a detached thread with this record, and with default attributes if none are given. Returns
+// 0. On failure, gives the record back and returns -1 after an error message in the name of
+// function; log_failed writes the message about pthread_create.
 int start_thread(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
                  pthread_attr_t *given, const char *function, void (*log_failed)(int error));
 
-// Sets the attribute. 0, or the error after a message in the name of function.
+// Sets the attribute. Returns 0, or the error after a message in the name of function.
 int set_small_stack(pthread_attr_t *attributes, const char *function, int level);
 
-// The calling thread ends: false when it is none of the pool. One of the pool leaves, and another
-// thread takes its place, and its job if that has not begun.
+// Called at the end of the calling thread. Returns false if it is no thread of the pool. Otherwise
+// another thread replaces it, and takes its job if that has not begun.
 bool end_in_pool();
 
-// The pool, in a child of fork(): there is none yet, and the calling thread is none of one.
+// Called in a child of fork(): there is no pool, and the calling thread belongs to none.
 void forget_pool();
 
-// A name as two words, so that others can read it while its thread writes it.
+// Stores a name as two words, so that other threads can read it while its thread writes it.
 struct Name {
   char text[VORN_THRD_NAME_SIZE];
 };

@@ -1,4 +1,4 @@
-// Which CPUs a thread runs on.
+// Binds threads to CPUs.
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +21,7 @@ std::size_t usable_cpus() {
   return configured == 0 ? kCpus : std::min(configured, kCpus);
 }
 
-// The bytes of a caller's set, which need be no longer than the configured CPUs take.
+// Returns the bytes of a caller's set, which must be long enough for the configured CPUs.
 cpu_set_t usable_part(const unsigned char *cpuset) {
   cpu_set_t set;
   CPU_ZERO(&set);

@@ -1,4 +1,4 @@
-// New threads.
+// Creates threads.
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstring>
@@ -66,7 +66,7 @@ int vorn_thread_create_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *o
 int create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
   if (create_thread_from_thread_pool(entry, argument, out) == 0) return 0;
   if (vorn_get_instant_map_flag() != 1) return create_thread_raw(entry, argument, out);
-  // Not destroyed after its use: it holds nothing.
+  // Never destroyed: it holds no resources.
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
   if (set_small_stack(&attributes, __func__, vorn::kError) != 0) return -1;

@@ -1,4 +1,4 @@
-// Ids of the process and the calling thread, and the context that it runs in.
+// Returns the ids of the process and of the calling thread, and the context that it runs in.
 #define VORN_FILE "vorn_thrd.c"
 #include <sched.h>
 #include <unistd.h>
@@ -12,7 +12,7 @@ namespace {
 
 constexpr pthread_t kNoThread = static_cast<pthread_t>(-1);
 
-// Each is written as a whole, and by the thread that comes first with what all would write.
+// Each is written as a whole, and every thread would write the same value.
 constinit std::atomic<pid_t> cached_pid{0};
 constinit std::atomic<pthread_t> cached_thread{kNoThread};
 

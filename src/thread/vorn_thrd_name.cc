@@ -1,4 +1,4 @@
-// Names: of threads, of the process and of its executable.
+// Sets and reads the names of threads, of the process and of its executable.
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstdio>
@@ -17,13 +17,13 @@
 namespace vorn::thread {
 namespace {
 
-using Word = std::uint64_t; // the others look at single characters
+using Word = std::uint64_t; // the other functions read single characters
 constexpr std::size_t kNameWords = VORN_THRD_NAME_SIZE / sizeof(Word);
 static_assert(offsetof(vorn_thread_s, name) % alignof(Word) == 0);
 
 constexpr std::size_t kProcessNameSize = 32;
 
-// A name of the process that is looked up once, under the lock of its flag.
+// A name of the process, read once under the lock of its flag.
 struct ProcessName {
   Once known{OncePolicy::kRetry};
   char text[kProcessNameSize] = "default";
@@ -41,8 +41,8 @@ int read_process_name() {
                         static_cast<void *>(file.get()), errno, path);
   char line[128];
   const char *read = sys::read_line(line, sizeof line, file);
-  // The first line has the name. Those of the kernel have 15 characters at most, escaped ones twice
-  // as many; a process can also have made its own empty.
+  // The first line has the name, of at most 15 characters, or twice as many if escaped. A process
+  // may have set an empty name.
   if (read == nullptr || std::sscanf(line, "Name:\t%31[^\n]", process_name.text) != 1)
     return VORN_FAIL_AS("vorn_get_process_name", -1,
                         "ev log get comm failed ret=%p errno=%d file=%s",
@@ -55,7 +55,7 @@ const char *after_last_slash(const char *path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-// False after a message.
+// Returns false after a log message.
 bool read_executable_link(char *link, std::size_t size) {
   char path[32];
   snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/exe", static_cast<int>(thread_id()));
@@ -121,7 +121,7 @@ void vorn_thrd_setname(const char *format, ...) {
   const int length =
       vorn::vsnprintf_s(name.text, sizeof name.text, sizeof name.text - 1, format, args);
   va_end(args);
-  // A name that was cut is kept.
+  // A cut name is used too.
   if (length < 0 && name.text[0] == '\0')
     VORN_LOG(vorn::kError, "vsnprintf_s failed, name(%s).", format);
   store_name(*t_record, name);

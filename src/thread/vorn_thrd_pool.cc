@@ -1,4 +1,4 @@
-// The pool: threads that wait, each on the semaphore of its own record, for a job.
+// Implements the pool: its threads wait for jobs, each on the semaphore in its record.
 //
 //   dispatcher                                    pool thread
 //   state 4 -> 8 (compare-and-swap)               state 4 (idle)
@@ -6,14 +6,15 @@
 //   posts the semaphore        ------------->     takes the entry (acquire), runs it
 //                                                 clears the entry, state 4 (release)
 //
-// The one that makes the 8 is the only one to write the job, until the thread says 4 again. There
-// is one post for a job, and the thread waits for one before it looks: posts neither pile up nor
-// get lost, and those of vorn_thread_pool_destroy find either no job or one whose own post is due.
+// Only the dispatcher that changes the state to 8 writes the job, until the thread stores 4 again.
+// Each job has one post, and the thread waits for a post before it reads the job: posts neither
+// accumulate nor get lost. After a post of vorn_thread_pool_destroy, the thread finds no job, or
+// one whose own post is still to come.
 //
-// A thread of the pool is cancelled in its jobs alone. A cancellation that is pending when a job
-// ends acts then, with the state still 8. One that comes later finds the thread idle or with its
-// next job, and acts before that begins: the job goes to the thread that takes the place of the one
-// that ends. Another takes its place too where a job leaves by pthread_exit or gives up its record.
+// A thread of the pool can be cancelled only in its jobs. A cancellation that is pending at the end
+// of a job takes effect then, while the state is still 8. A later one finds the thread idle or with
+// its next job, and takes effect before that begins: the thread that replaces this one gets the
+// job. A thread is also replaced if a job calls pthread_exit or gives its record up.
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
 #include <cerrno>
@@ -36,21 +37,21 @@ namespace {
 constexpr std::uint32_t kMostThreads = VORN_THRD_SLOT_COUNT;
 constexpr unsigned int kStopMilliseconds = 10;
 
-// The threads that were started; 0: there is no pool.
+// The number of threads started; 0 if there is no pool.
 constinit std::atomic<std::uint32_t> pool_size{0};
 constinit std::atomic<bool> stopping{false};
-constinit std::atomic<std::uint32_t> missing{0}; // that died, and have no thread in their place
+constinit std::atomic<std::uint32_t> missing{0}; // threads that died and were not replaced
 
 // Written by the creator of the pool before it starts the first thread.
-std::uint32_t remainder_count; // of threads that the spawner starts, itself included
-sigset_t job_mask;             // the signal mask that every job begins with
+std::uint32_t remainder_count; // threads that the spawner starts, including itself
+sigset_t job_mask;             // the signal mask at the beginning of each job
 bool small_stacks;
 
-// What the calling thread is to the pool.
+// The relation of the calling thread to the pool.
 enum class Place : std::uint8_t {
   kOutside,
   kInside,
-  kGivenJob, // which it has not begun
+  kGivenJob, // a job that it has not begun
 };
 thread_local constinit Place t_place __attribute__((tls_model("initial-exec"))) = Place::kOutside;
 
@@ -63,10 +64,11 @@ vorn_thrd_entry_f job_of(const vorn_thread_s &record) {
   return atomic_word(record.entry).load(std::memory_order_acquire);
 }
 
-// False once a job has given up the record, which another may have by now, or was forked.
+// False if a job has given the record up, which another thread may use by now, or if the job
+// forked.
 bool is_member(const vorn_thread_s &record) { return t_record == &record && record.pooled == 1; }
 
-// Of a job, which begins enabled and deferred. A pending one ends the thread here.
+// Enables deferred cancellation for a job. A pending cancellation ends the thread here.
 void allow_cancellation() {
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
@@ -75,7 +77,7 @@ void allow_cancellation() {
 
 void forbid_cancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
 
-// So that a thread that was created with all signals blocked can be woken.
+// Lets a signal wake a thread that was created with all signals blocked.
 sigset_t creation_mask() {
   sigset_t mask;
   pthread_sigmask(SIG_BLOCK, nullptr, &mask);
@@ -83,7 +85,7 @@ sigset_t creation_mask() {
   return mask;
 }
 
-// What a thread has from a job, or from the thread that started it, is not the next job's.
+// Resets what a job, or the thread that started this one, has changed.
 void begin_afresh(vorn_thread_s &record) {
   pthread_sigmask(SIG_SETMASK, &job_mask, nullptr);
   record.context = VORN_THRD_CONTEXT_NORMAL;
@@ -110,16 +112,15 @@ void run_job(vorn_thread_s &record, vorn_thrd_entry_f job) {
   begin_afresh(record);
 }
 
-// Whether the thread may leave. One that has been given a job meanwhile runs it first.
+// Returns whether the thread may leave. If it has got a job meanwhile, it runs the job first.
 bool leaves_idle(const vorn_thread_s &record) {
   if (!stopping.load()) return false;
   std::uint32_t state = kIdle;
   return record.slot->state.compare_exchange_strong(state, kExited, std::memory_order_acq_rel);
 }
 
-// A thread that has just run a job often gets the next at once. It looks for that so long before it
-// sleeps, which spares the dispatcher the call that wakes it. On a single CPU it would be in the
-// way.
+// The time that a thread looks for the next job before it sleeps: the next job often follows at
+// once, and the dispatcher then makes no system call to wake the thread. Not done on a single CPU.
 constexpr std::chrono::microseconds kLookout{20};
 
 bool finds_post_soon(vorn_thread_s &record) {
@@ -139,7 +140,7 @@ void wait_for_post(vorn_thread_s &record) {
 void run_pool(vorn_thread_s &record) {
   set_state(record, kRunning);
   vorn_thrd_setname("OSThrdPoolNull");
-  vorn_thrd_entry_f job = job_of(record); // of the thread that was here before
+  vorn_thrd_entry_f job = job_of(record); // of the thread that this one replaces
   set_state(record, job != nullptr ? kClaimed : kIdle);
   for (;;) {
     if (job != nullptr) run_job(record, job);
@@ -167,7 +168,7 @@ void *start_pooled(void *argument) {
   return nullptr;
 }
 
-// One that takes another's place was started wherever that was found to be missing.
+// A replacement is started by any thread that notices the loss.
 void *start_replacement(void *argument) {
   auto &record = *static_cast<vorn_thread_s *>(argument);
   begin(record);
@@ -176,17 +177,18 @@ void *start_replacement(void *argument) {
   return nullptr;
 }
 
-// Starts a thread of the pool, which begins with the job if there is one. 0, or -1 after a message.
+// Starts a thread of the pool, which begins with job if that is set. Returns 0, or -1 after a
+// message.
 int create_thread_pool_base(vorn_thrd_entry_f start_routine, const Job &job = {}) {
   vorn_thread_s *record = take_record(job.entry, job.argument);
-  // Without a slot nobody could give it a job.
+  // No dispatcher could find a thread without a slot.
   if (record == nullptr || record->slot == nullptr) {
     VORN_LOG(kInfo, "Create thread info fail.");
     if (record != nullptr) vorn_thrd_putthreadinfo(record);
     return -1;
   }
   record->pooled = 1;
-  pthread_attr_t attributes; // not destroyed: it holds nothing
+  pthread_attr_t attributes; // never destroyed: it holds no resources
   pthread_attr_init(&attributes);
   if (small_stacks) pthread_attr_setstacksize(&attributes, kSmallStack);
   const auto log_failed = [](int error) {
@@ -203,7 +205,7 @@ std::uint32_t start_threads(std::uint32_t count) {
   return started;
 }
 
-// Starts a thread in the place of one that died; where it cannot, a later dispatch tries again.
+// Starts a replacement of a dead thread. If it cannot, a later dispatch tries again.
 bool replace(const Job &job) {
   if (stopping.load()) return false;
   if (create_thread_pool_base(start_replacement, job) == 0) return true;
@@ -220,14 +222,14 @@ void replace_missing() {
   }
 }
 
-// Runs a job on a thread that is ending, and is cancelled no more.
+// Runs a job on a thread that is ending, without cancellation.
 void run_at_last(const Job &job) {
   vorn_thrd_setcurthreadinfo();
   job.entry(job.argument);
   vorn_thrd_clearcurthreadinfo();
 }
 
-// Starts the rest of the pool, so that its creator need not wait for them, and joins it.
+// Starts the rest of the pool, so that the pool's creator does not wait, and then joins the pool.
 void *start_spawner(void *argument) {
   auto &record = *static_cast<vorn_thread_s *>(argument);
   begin(record);
@@ -245,7 +247,7 @@ bool wants_small_stacks() {
   return result == 0;
 }
 
-// Raises every thread of the pool, and tells how many there are.
+// Wakes every thread of the pool, and returns their number.
 int post_all() {
   int count = 0;
   for (Slot &slot : slots()) {
@@ -259,7 +261,7 @@ int post_all() {
   return count;
 }
 
-// Whether this call has claimed the thread of the slot.
+// Claims the thread of the slot. Returns whether this call has claimed it.
 bool claim(Slot &slot) {
   std::uint32_t state = kIdle;
   while (!slot.state.compare_exchange_weak(state, kClaimed, std::memory_order_acq_rel)) {
@@ -268,7 +270,7 @@ bool claim(Slot &slot) {
   return true;
 }
 
-// Gives a job to an idle thread. 0, or -1 when there is none.
+// Gives a job to an idle thread. Returns 0, or -1 if there is none.
 int give(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
   for (Slot &slot : slots()) {
     if (slot.state.load(std::memory_order_relaxed) != kIdle) continue;
@@ -286,7 +288,7 @@ int give(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
 
 } // namespace
 
-// A job that has forked goes on in the child as a thread of no pool.
+// A job that has forked goes on in the child as a thread outside the pool.
 void forget_pool() {
   pool_size.store(0);
   stopping.store(false);
@@ -302,7 +304,7 @@ bool end_in_pool() {
   if (place == Place::kOutside) return false;
   Job job;
   if (place == Place::kGivenJob) job = {job_of(*t_record), t_record->argument};
-  // The slot is free for the replacement: there may be no other.
+  // Frees the slot for the replacement: there may be no other free slot.
   if (t_record != nullptr) leave(t_record);
   if (!replace(job) && job.entry != nullptr) run_at_last(job);
   return true;

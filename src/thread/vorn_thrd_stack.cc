@@ -1,4 +1,4 @@
-// On which stack an address lies, and what lies on it.
+// Finds the stack that contains an address, and its bounds.
 #define VORN_FILE "vorn_thrd.c"
 #include "base/frame_walk.hpp"
 #include "thread/vorn_thrd.hpp"
@@ -11,7 +11,7 @@ constexpr unsigned long kNearFrame = 8192;
 
 constinit std::atomic<unsigned long> unknown_stack_size{8192};
 
-// The hooks that know the stacks of light-weight threads, each NULL where none is registered.
+// The registered hooks that know the stacks of light-weight threads; NULL if there is none.
 constinit std::atomic<int (*)(unsigned long)> is_lwt_stack{nullptr};
 constinit std::atomic<int (*)(unsigned long, unsigned long *, unsigned long *)> get_lwt_stack{
     nullptr};
@@ -25,7 +25,7 @@ bool holds(const StackBounds &stack, unsigned long address) {
   return stack.low <= address && address < stack.high;
 }
 
-// A frame that was just pushed past the guard still counts.
+// A frame that has just overrun the guard still counts.
 bool holds_or_nearly(const StackBounds &stack, unsigned long address) {
   return stack.low <= address + kPage && address < stack.high;
 }

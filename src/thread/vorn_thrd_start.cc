@@ -1,4 +1,4 @@
-// What a thread does before its entry and after it.
+// Runs the steps of a thread before and after its entry.
 #define VORN_FILE "vorn_thrd.c"
 #include <csignal>
 #include <cstring>
@@ -56,14 +56,14 @@ void vorn_thrd_unsetsigstack(const vorn_thread_s &record) {
 void run(vorn_thread_s *record) {
   set_state(*record, kRunning);
   record->entry(record->argument);
-  // An entry that has cleared its record itself has left already.
+  // If the entry has cleared the record itself, the thread has left already.
   if (t_record == record) leave(record);
 }
 
 } // namespace
 
 void enter(vorn_thread_s *record) {
-  // A signal handler that sees the record finds the thread's id in it.
+  // The id is set first, so that a signal handler that sees the record finds it.
   set_tid(*record, thread_id());
   t_record = record;
   watch_end(record);

@@ -1,4 +1,4 @@
-// Strategies: a nice value and a set of CPUs each.
+// Holds the strategies: each is a nice value and a set of CPUs.
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstring>
@@ -17,7 +17,7 @@ constexpr std::uint32_t kValid = 1;
 
 static_assert(VORN_CPUM_MASK_WORDS == VORN_THRD_CPUSET_WORDS);
 
-// Written by vorn_initThreadStrategy without a lock: its callers set the table up before they start
+// vorn_initThreadStrategy writes the table without a lock: callers set it up before they start
 // threads that use it.
 struct Strategy {
   std::uint32_t flags;
@@ -33,7 +33,7 @@ constexpr const char *kNames[VORN_THRD_STRATEGY_COUNT] = {"Default", "Critical",
 
 constexpr int kPrioLevels[] = {-20, -15, 0, 10, 15};
 
-// What a thread under that strategy gets; NULL when it gets nothing.
+// Returns the settings of a strategy, or NULL if it has none.
 const Strategy *vorn_getValidThreadAttr(unsigned int strategy) {
   if (strategy >= VORN_THRD_STRATEGY_COUNT) {
     VORN_LOG(kInfo, "Invalid thread strategy %d.", static_cast<int>(strategy));
@@ -75,7 +75,7 @@ int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *s
 int vorn_setCurThreadStrategy(unsigned int strategy) {
   const Strategy *entry = vorn_getValidThreadAttr(strategy);
   if (entry == nullptr) return 0;
-  // A thread that may not have its nice value gets its CPUs all the same.
+  // If the nice value is not permitted, the thread is still bound to its CPUs.
   const int prio_result = vorn_setCurThreadPrio(entry->prio);
   const int bind_result = bind_to(entry->cpus);
   if (prio_result != 0 || bind_result != 0) {

@@ -1,6 +1,6 @@
-// The watched thread: one word of shared memory, of which the halves are written together.
+// Implements the watched thread: one word of shared memory, whose halves are written together.
 //
-//   bits 63..32  kernel id of the watched thread, 0: none
+//   bits 63..32  kernel id of the watched thread; 0 if there is none
 //   bits 31..0   marker, once a process has written
 #define VORN_FILE "vorn_thrd.c"
 #include <atomic>
@@ -24,7 +24,7 @@ int map() {
   return shared_word != nullptr ? 0 : -1;
 }
 
-// NULL when the object cannot be made.
+// Returns NULL if the object cannot be created.
 std::uint64_t *word() { return mapped.run(map) == 0 ? shared_word : nullptr; }
 
 bool watch(std::uint32_t tid) {

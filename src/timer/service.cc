@@ -1,4 +1,4 @@
-// The thread of a timer service, and how it calls a timer's function.
+// Runs the thread of a timer service, and calls the functions of timers.
 #include "timer/service.hpp"
 
 #include <cstring>
@@ -18,10 +18,10 @@ namespace {
 
 constexpr char kAffinityLevel[] = "affinity_level_1";
 
-constinit std::uint32_t forks = 1; // changed while the process has one thread
+constinit std::uint32_t forks = 1; // changed only while the process has one thread
 const ForkChild count_fork{[] { ++forks; }};
 
-// After a function has ended the thread: lets another one go on.
+// Called if a timer's function ends the thread: starts another thread.
 void replace(void *argument) {
   const auto &service = *static_cast<const Service *>(argument);
   service.end_call();
@@ -81,7 +81,7 @@ void Running::add(Waiter &waiter) {
   waiters_ = &waiter;
 }
 
-// Release: what the function has written is seen by the thread that waited for its end.
+// Release: the thread that waited for the end of the function sees the function's writes.
 void Running::release_waiters() {
   while (waiters_ != nullptr) {
     Waiter *waiter = waiters_;
@@ -91,7 +91,7 @@ void Running::release_waiters() {
 }
 
 void wait_for(const Running::Waiter &waiter) {
-  constexpr int kYields = 20; // most functions end soon
+  constexpr int kYields = 20; // most functions are short
   constexpr timespec kPause{0, 100000};
   for (int i = 0; !waiter.over.load(std::memory_order_acquire); ++i) {
     if (i < kYields)

@@ -1,5 +1,5 @@
-// What the two timer services have in common: their thread, the call of a timer's function, and the
-// count of forks that tells whose timers are pending.
+// Declares what the two timer services share: their thread, the call of a timer's function, and the
+// count of forks that tells which timers are pending.
 #ifndef VORN_TIMER_SERVICE_HPP
 #define VORN_TIMER_SERVICE_HPP
 
@@ -16,30 +16,31 @@ struct Service {
   const char *name;
   unsigned int priority; // of vorn_thrd_setprio
   unsigned int strategy;
-  void (*run)();      // returns in a child of fork() alone, that a timer's function has made
-  void (*end_call)(); // of a function that has ended the thread
+  void (*run)();      // returns only in a child of fork(), called by a timer's function
+  void (*end_call)(); // called if a function ends the thread
   std::atomic<int> *state;
-  int stopped;        // the state if no other thread could be started then
-  const char *file;   // of the log messages about it
-  const char *module; // the function that starts it
+  int stopped;        // the state if no other thread can be started
+  const char *file;   // the file that log messages name
+  const char *module; // the function that log messages name
 };
 
-// Starts the thread and binds it. 0, or -1 after a log message.
+// Starts the thread and binds it. Returns 0, or -1 after a log message.
 int start_thread(const Service &service);
 
-// A timer whose owner is another number was armed before the fork that made this process: it is not
-// pending, whatever its links say. No timer has the number 0.
+// Returns the number of this process as an owner of timers, which is never 0. A timer with another
+// owner was armed before the fork that created this process: it is not pending, whatever its links
+// contain.
 std::uint32_t fork_count();
 
-// A log message names a function that the timer's function may have unloaded, or freed.
+// The size of a copy of a name: the timer's function may unload or free the original.
 inline constexpr std::size_t kNameSize = 64;
 
-// What is to be called, read before: the function may free its timer.
+// A copy of what the call needs: the function may free its timer.
 class Call {
 public:
   explicit Call(const vorn_timer_s &timer);
 
-  // Calls the function, and returns the milliseconds that it took.
+  // Calls the function and returns its duration in milliseconds.
   std::uint64_t run() const;
 
   const vorn_timer_s *timer() const { return timer_; }
@@ -53,14 +54,14 @@ private:
   char added_by_[kNameSize];
 };
 
-// The timer whose function is being called, and the threads that wait for the end of that call. The
+// The timer whose function is running, and the threads that wait for the end of that call. The
 // service's lock guards it.
 //
-// A thread that waits is told by the end of the call itself, and the timer is disarmed then on its
-// behalf: a function that arms its timer again each time cannot keep it waiting.
+// The end of the call wakes the waiting threads and disarms the timer for them: a function that
+// arms its timer again each time cannot keep them waiting.
 class Running {
 public:
-  // On the stack of a thread that waits. It is gone once over is true.
+  // On the stack of a waiting thread. Not valid after over is true.
   struct Waiter {
     Waiter *next = nullptr;
     std::atomic<bool> over{false};
@@ -68,14 +69,14 @@ public:
 
   bool is(const vorn_timer_s *timer) const { return timer_ == timer; }
 
-  // Whether the calling thread is the one that calls a function, or this timer's.
+  // Returns whether the calling thread is running a function, or this timer's function.
   bool in_function() const { return timer_ != nullptr && pthread_equal(thread_, pthread_self()); }
   bool in_function_of(const vorn_timer_s *timer) const { return is(timer) && in_function(); }
 
   void begin(vorn_timer_s *timer);
   void add(Waiter &waiter);
 
-  // disarm(timer) is called where a thread waits: its timer exists still.
+  // Calls disarm(timer) if a thread waits: the timer still exists then.
   template <class Disarm> void end(Disarm disarm) {
     if (waiters_ != nullptr) disarm(timer_);
     timer_ = nullptr;
@@ -90,7 +91,7 @@ private:
   pthread_t thread_{};
 };
 
-// Waits without the lock, and gives the processor away meanwhile.
+// Waits without the lock, and yields the processor meanwhile.
 void wait_for(const Running::Waiter &waiter);
 
 } // namespace vorn::timer

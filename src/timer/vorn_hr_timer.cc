@@ -1,8 +1,8 @@
-// The high-resolution timers and the thread that runs them.
+// Implements the high-resolution timers and the thread that runs them.
 //
-// The mutex guards the tree, the running timer and the pending timers' records; isp is read without
-// it too. A child of fork() forgets all of it, in whatever state another thread has left it, and so
-// the mutex does not enter the fork gate.
+// The mutex guards the tree, the running timer and the pending timers; isp is also read without it.
+// A child of fork() drops all of it, in whatever state another thread has left it, so the mutex
+// does not enter the fork gate.
 #include "vorn_hr_timer.h"
 
 #include <cstring>
@@ -47,10 +47,10 @@ struct Root {
 
 constinit Root root;
 constinit std::atomic<int> state{kInitial};
-constinit std::atomic<bool> was_ready{false}; // in an ancestor of this process
+constinit std::atomic<bool> was_ready{false}; // in a process that this one was forked from
 constinit Once start_once{OncePolicy::kLatch};
 
-// No cancellation point is reached while it is held.
+// The holder reaches no cancellation point.
 class RootGuard {
 public:
   RootGuard() { pthread_mutex_lock(&root.mutex); }
@@ -77,7 +77,7 @@ bool runs_before(const vorn_timer_s *timer, const vorn_timer_s *other) {
          (timer->seconds == other->seconds && timer->nanoseconds < other->nanoseconds);
 }
 
-// Whether it is the first one.
+// Returns whether the timer is the first to expire.
 bool insert(vorn_timer_s *timer) {
   vorn_rb_node_s **link = &root.tree.node;
   vorn_rb_node_s *parent = nullptr;
@@ -118,8 +118,8 @@ void sleep_until(std::uint64_t time) {
   sys::wait_until(&root.condition, &root.mutex, timespec_of(time));
 }
 
-// Called and returns with the mutex held; runs the function without. False in a child that the
-// function has forked.
+// Called and returns with the mutex held; runs the function without it. Returns false in a child
+// that the function has forked.
 bool run_due(vorn_timer_s *timer) {
   disarm(timer);
   const Call call{*timer};
@@ -158,7 +158,7 @@ constexpr Service kService{"vorn_hr_timer", 0,         VORN_THRD_STRATEGY_CRITIC
 
 // --- Start ---
 
-// Each returns kReady, or the step that has failed after a log message.
+// Each returns kReady, or the failed step after a log message.
 int make_condition() {
   constexpr const char *kInit = "vorn_hr_timer_module_init";
   pthread_condattr_t attributes;
@@ -192,7 +192,7 @@ int start() {
   return kReady;
 }
 
-// Whether this call is the one that has tried to start them.
+// Returns whether this call has tried to start the service.
 bool start_at_first() {
   bool here = false;
   start_once.run([&] {
@@ -215,7 +215,8 @@ const ForkChild forget{forget_parent};
 
 bool is_ready() { return state.load(std::memory_order_acquire) == kReady; }
 
-// A child of fork() is ready with the first timer that is armed. Until then none is pending.
+// A child of fork() starts its service with the first timer that it arms. No timer is pending
+// before that.
 bool is_unused_child() { return !is_ready() && was_ready.load(std::memory_order_relaxed); }
 
 // --- Arming ---

@@ -1,13 +1,13 @@
-// The wheel's timers and the thread that runs them.
+// Implements the timers of the wheel and the thread that runs them.
 //
-// Locks. The spin lock of the root guards the wheel, the running timer and the pending timers'
-// records; the mutex and the condition only let the thread sleep and be woken. next_wake is written
-// under the spin lock, and by a thread that arms under the mutex too, for the timer thread sleeps
-// by it with the mutex alone. The mutex may be taken while the spin lock is held, never the
+// Locks. The spin lock of the root guards the wheel, the running timer and the pending timers. The
+// mutex and the condition only let the thread sleep and wake. next_wake is written under the spin
+// lock; a thread that arms a timer writes it under the mutex too, because the timer thread reads it
+// with only the mutex held. A thread may take the mutex while it holds the spin lock, never the
 // reverse.
 //
-// fork(). The root lock does not enter the fork gate: a child forgets the whole root, in whatever
-// state another thread has left it, and the records in it by their owner's number.
+// fork(). The root's lock does not enter the fork gate: a child drops the whole root, in whatever
+// state another thread has left it, and recognises the parent's timers by their owner.
 #include "vorn_timer.h"
 
 #include <algorithm>
@@ -43,16 +43,17 @@ namespace vorn::timer {
 namespace {
 
 constexpr std::uint64_t kLongestSleep = 20; // milliseconds
-constexpr std::uint64_t kSlow = 300;        // milliseconds of a call worth a report
+constexpr std::uint64_t kSlow = 300;        // milliseconds; a longer call is logged
 constexpr std::uint64_t kNanosecondsPerMillisecond = 1000000;
 
 enum State : int {
   kReady = 0,
   kNoThread = 1,
   kInitial = 2,
-  kForked = 3, // started in the parent: the first timer that is armed starts them here
+  kForked =
+      3, // started in the parent; the first timer that is armed starts the service in this process
   kStopped =
-      4, // the thread was ended and cannot be replaced: the next timer that is armed tries again
+      4, // the thread has ended and could not be replaced; the next timer that is armed tries again
 };
 
 struct Root {
@@ -60,7 +61,7 @@ struct Root {
   pthread_mutex_t mutex{};
   pthread_cond_t condition{};
   Wheel wheel;
-  std::uint64_t next_wake = 0; // the millisecond at which the thread is to look again
+  std::uint64_t next_wake = 0; // the millisecond at which the thread wakes
   Running running;
 };
 
@@ -91,7 +92,7 @@ bool is_high_resolution(const vorn_timer_s *timer) {
   return (atomic_word(timer->flags).load(std::memory_order_relaxed) & VORN_TIMER_HR) != 0;
 }
 
-// A thread that only reads the flags does so without a lock.
+// The flags are also read without a lock.
 void mark_high_resolution(vorn_timer_s *timer, bool is) {
   const auto flags = atomic_word(timer->flags);
   const std::uint8_t before = flags.load(std::memory_order_relaxed);
@@ -102,8 +103,8 @@ void mark_high_resolution(vorn_timer_s *timer, bool is) {
 
 // --- The thread ---
 
-// The time base and CLOCK_MONOTONIC may run at different rates: the sleep may end early, and is
-// repeated then.
+// The time base and CLOCK_MONOTONIC may run at different rates: a sleep that ends early is
+// repeated.
 void sleep_until_next_wake() {
   pthread_mutex_lock(&root.mutex);
   for (;;) {
@@ -128,8 +129,8 @@ void report_slow(const Call &call, std::uint64_t milliseconds) {
                           static_cast<unsigned long long>(milliseconds)));
 }
 
-// Called and returns with the root locked; runs the function without. False in a child that the
-// function has forked.
+// Called and returns with the root locked; runs the function without the lock. Returns false in a
+// child that the function has forked.
 bool run_due() {
   vorn_timer_s *timer = root.wheel.take_due();
   const Call call{*timer};
@@ -148,7 +149,7 @@ bool run_due() {
   return same_process;
 }
 
-// Lets a thread have the lock that has waited for it.
+// Lets a waiting thread have the lock.
 void let_others_in() {
   constexpr int kPauses = 16;
   unlock_root();
@@ -231,7 +232,7 @@ bool was_started() {
   return now == kReady || now == kForked || now == kStopped;
 }
 
-// The wheel is made anew by the next start.
+// The next start creates the wheel anew.
 void forget_parent() {
   if (was_started()) state.store(kForked, std::memory_order_relaxed);
   vorn_spinlock_init(&root.lock);
@@ -247,7 +248,7 @@ bool started() {
 
 // --- Arming ---
 
-// The thread is woken unless it is awake, or wakes early enough by itself.
+// Wakes the thread unless it is awake, or wakes early enough by itself.
 void wake_at(std::uint64_t expiry) {
   if (expiry >= root.next_wake || root.running.in_function()) return;
   pthread_mutex_lock(&root.mutex);
@@ -260,11 +261,12 @@ constexpr std::uint64_t kMask = (std::uint64_t{1} << 61) - 1;
 
 enum class Only { kIdle, kAny };
 
-// Whether it has armed the timer: one that is pending is not to be where only idle ones are.
+// Arms the timer, unless it is pending and only idle timers are allowed. Returns whether it was
+// armed.
 //
-// Reading the clock takes as long as all the rest, and so the lock is not held meanwhile. A thread
-// that waits for the lock has an older time then, which a wheel without timers may go back to:
-// there is no slot that it could open twice.
+// Reading the clock takes as long as the rest, so the lock is not held meanwhile. A thread that
+// then waits for the lock has an older time. A wheel without timers may go back to that time: it
+// has no slot that would be opened twice.
 bool arm(vorn_timer_s *timer, std::uint64_t milliseconds, Only which) {
   const std::uint64_t now = vorn_time_getmillisec();
   const std::uint64_t expiry = now + ((milliseconds * 125) & kMask) / 125;
@@ -387,7 +389,7 @@ int vorn_timer_is_pending(vorn_timer_s *timer) {
 }
 
 void vorn_timer_show(vorn_list_head_s *node) {
-  // A corrupt list has its head shown too, which no timer surrounds.
+  // The report of a corrupt list may show its head, which is not inside a timer.
   static constexpr vorn_timer_s kHead{{}, 0, 0, {}, 0, 0, 0, nullptr, 0, 0, 0, "list head", "", 0};
   const bool is_head = node == nullptr || root.wheel.is_head(node);
   const vorn_timer_s &timer = is_head ? kHead : *vorn_list_entry(node, vorn_timer_s, list);

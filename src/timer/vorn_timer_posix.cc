@@ -1,4 +1,4 @@
-// The system's timers with checked arguments.
+// Wraps the system's timers with checks of their arguments.
 #include "vorn_timer_posix.h"
 
 #include <csignal>

@@ -1,10 +1,10 @@
-// How timers move through the wheel.
+// Moves timers through the wheel.
 //
-// A timer at d milliseconds from current_ goes to the lowest level whose slots reach so far. Its
-// slot is opened at a multiple of the slot's width that is later than current_ and not later than
-// the expiry; by then it belongs to a lower level. All slots of a level together are as wide as one
-// of the next, so that a timer never goes to the slot that is being opened, unless it is 60 days
-// away or more: such a timer goes round once more.
+// A timer that expires d milliseconds after current_ is placed in the lowest level whose slots
+// reach that far. Its slot is opened at a multiple of the slot's width that is later than current_
+// and not later than the expiry; the timer is then placed in a lower level. All slots of a level
+// together are as wide as one slot of the next level, so a timer is never placed in the slot that
+// is being opened, unless it expires in 60 days or later: such a timer stays for another round.
 #define VORN_FILE "vorn_timer.c"
 #include "timer/wheel.hpp"
 
@@ -19,9 +19,9 @@ namespace vorn::timer {
 namespace {
 
 struct Level {
-  unsigned int first; // of its slots
+  unsigned int first; // the level's first slot
   unsigned int slots;
-  std::uint64_t width; // of a slot, in milliseconds
+  std::uint64_t width; // the milliseconds of a slot
   std::uint64_t reach() const { return slots * width; }
 };
 
@@ -38,10 +38,10 @@ template <int kLevel> unsigned int slot_in(std::uint64_t time) {
 
 constexpr std::uint64_t kNever = UINT64_MAX;
 
-// The steps from one bit of a ring to the next one that is set, itself included.
+// Returns the steps from a bit of a ring to the next set bit, 0 if the bit itself is set.
 std::uint64_t distance(const unsigned long *bits, unsigned long size, unsigned long from) {
-  const unsigned long behind = find_next_bit(bits, size, from);
-  if (behind < size) return behind - from;
+  const unsigned long next = find_next_bit(bits, size, from);
+  if (next < size) return next - from;
   const unsigned long before = find_next_bit(bits, from, 0);
   return before < from ? before + size - from : kNever;
 }
@@ -142,7 +142,7 @@ void Wheel::collect_cascades() {
   }
 }
 
-// Whether all have been placed.
+// Returns whether all timers have been placed.
 bool Wheel::cascade() {
   for (int i = 0; i < kBatch; ++i) {
     vorn_list_head_s *node =

@@ -1,4 +1,4 @@
-// The wheel: pending timers by the millisecond of their expiry, in five levels of slots.
+// Declares the wheel: pending timers by the millisecond of their expiry, in five levels of slots.
 //
 //   level   slots     slot width                  opened
 //   0        1000           1 ms                  its timers run
@@ -7,11 +7,10 @@
 //   3          60           1 h   every hour      the same
 //   4          24          60 h   every 60 hours  the same
 //
-// A bit for each slot tells whether it holds timers. From these bits follows when there is
-// something to do next, so that the wheel goes there at once, over any stretch of time without
-// timers.
+// A bit for each slot tells whether it holds timers. The wheel finds the next slot to open by these
+// bits, and so skips any time without timers at once.
 //
-// The wheel has no lock: its owner holds one around each call, and each takes little time.
+// The wheel has no lock: its owner holds one around each call. Each call is short.
 #ifndef VORN_TIMER_WHEEL_HPP
 #define VORN_TIMER_WHEEL_HPP
 
@@ -23,45 +22,44 @@ namespace vorn::timer {
 
 class Wheel {
 public:
-  // Makes it an empty wheel. now is the millisecond to be opened next.
+  // Empties the wheel. now is the next millisecond to open.
   void reset(std::uint64_t now);
 
   bool is_empty() const { return count_ == 0; }
   std::uint64_t current() const { return current_; }
 
-  // Lets the time go to now, while the wheel is empty: so does the owner before it puts the first
-  // timer in.
+  // Moves an empty wheel to now. The owner calls this before it inserts the first timer.
   void jump(std::uint64_t now);
 
-  // For a timer that is not in the wheel. Past the expiry, it is due at once.
+  // Inserts a timer that is not in the wheel. If its expiry has passed, it is due at once.
   void insert(vorn_timer_s *timer, std::uint64_t expiry);
 
-  // Takes a timer out. Its list.next is not NULL after that: it counts as pending until the caller
-  // has inserted it anew or calls the other.
+  // Remove a timer. The first leaves its list.next set: the timer counts as pending until the
+  // caller inserts it again or calls the second.
   void detach(vorn_timer_s *timer);
   void remove(vorn_timer_s *timer);
 
   enum class Progress {
     kDone, // nothing to do until now has passed
-    kMore, // to be called again; the lock may be let go before
+    kMore, // call again; the caller may release the lock before
     kDue,  // take_due has timers
   };
-  // Goes towards now by one step, in which no more than kBatch timers are placed anew.
+  // Advances towards now by one step, which places at most kBatch timers anew.
   Progress advance(std::uint64_t now);
   static constexpr int kBatch = 64;
 
-  // The first of the timers that are due, taken out of the wheel; NULL: there is none.
+  // Removes and returns the first due timer, or returns NULL.
   vorn_timer_s *take_due();
 
-  // The first millisecond, from current() on, at which a slot with timers is to be opened.
-  // UINT64_MAX: never.
+  // Returns the first millisecond, from current() on, at which a slot with timers is opened;
+  // UINT64_MAX if there is none.
   std::uint64_t next_event() const;
 
-  // Whether a list's node is no timer's but a head of the wheel.
+  // Returns whether a node is a list head of the wheel and not a timer's.
   bool is_head(const vorn_list_head_s *node) const;
 
 private:
-  // Levels begin at a multiple of 64, so that a level from 1 on has a word of bits.
+  // Levels begin at multiples of 64, so that each level from 1 on has its bits in one word.
   static constexpr unsigned int kHeads = 20 * 64;
 
   unsigned int slot_of(std::uint64_t expiry) const;
@@ -70,9 +68,9 @@ private:
   void collect_cascades();
   bool cascade();
 
-  std::uint64_t current_ = 0; // the next millisecond to be opened
-  std::uint64_t count_ = 0;   // of timers in any of the lists
-  bool opening_ = false;      // current_ is being opened: its slots are in cascading_
+  std::uint64_t current_ = 0; // the next millisecond to open
+  std::uint64_t count_ = 0;   // the timers in all lists
+  bool opening_ = false;      // true while current_ is being opened; its slots are in cascading_
   vorn_list_head_s cascading_{};
   vorn_list_head_s due_{};
   unsigned long occupied_[kHeads / 64] = {};

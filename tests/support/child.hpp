@@ -1,4 +1,4 @@
-// A child of fork() that does some of a test's work.
+// Runs a part of a test in a child of fork().
 #ifndef VORN_TESTS_CHILD_HPP
 #define VORN_TESTS_CHILD_HPP
 
@@ -6,14 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The address sanitizer's own allocator does not survive a fork beside a thread that allocates.
+// The allocator of the address sanitizer does not survive a fork while another thread allocates.
 #ifdef __SANITIZE_ADDRESS__
 inline constexpr bool kMayForkBesideAllocation = false;
 #else
 inline constexpr bool kMayForkBesideAllocation = true;
 #endif
 
-// The user-mode emulator does not survive a fork beside a thread that closes a descriptor: the
+// The user-mode emulator does not survive a fork while another thread closes a descriptor: the
 // child waits forever for the lock of the emulator's own descriptor table.
 #ifdef VORN_TEST_EMULATED
 inline constexpr bool kMayForkBesideClosing = false;
@@ -30,12 +30,12 @@ inline constexpr bool kMayStartThreadsInChild = true;
 
 inline int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
-// The exit code of a child that ends with what work returns; -1 where it was killed, as after a
-// minute.
+// Runs work in a child that exits with its result. Returns the exit code, or -1 if the child was
+// killed; it is killed after a minute.
 template <class Work> int run_in_child(Work work) {
   const pid_t child = fork();
   if (child == 0) {
-    signal(SIGALRM, SIG_DFL); // the library's handler would but dump the stack
+    signal(SIGALRM, SIG_DFL); // the library's handler would only dump the stack
     alarm(60);
     _exit(work());
   }

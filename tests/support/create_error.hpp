@@ -1,5 +1,5 @@
-// pthread_create(3) for a test that wraps it: fails with create_error, unless that is 0. A program
-// includes this once.
+// Defines pthread_create(3) for a test that wraps it: it fails with create_error unless that is 0.
+// A program includes this once.
 #ifndef VORN_TESTS_CREATE_ERROR_HPP
 #define VORN_TESTS_CREATE_ERROR_HPP
 

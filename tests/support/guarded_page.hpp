@@ -1,4 +1,4 @@
-// A page between two that cannot be touched: whoever reads or writes a byte too many dies.
+// Maps a page between two inaccessible ones: a read or a write beyond its ends faults.
 #ifndef VORN_TESTS_GUARDED_PAGE_HPP
 #define VORN_TESTS_GUARDED_PAGE_HPP
 

@@ -1,6 +1,6 @@
-// One stress for every lock: threads that change plain data under it, and threads that read it. A
-// lock that lets two in at once, or does not carry what was written from one holder to the next,
-// shows in the data, and under the thread sanitizer as a race.
+// Stresses any lock: threads change plain data under it, and threads read the data. If the lock
+// lets two threads in at the same time, or does not order the writes of one holder before the reads
+// of the next, the data are wrong, and the thread sanitizer reports a race.
 //
 //   EXPECT_NO_DAMAGE(stress::run({{lock, unlock, stress::kChange}, {lock, unlock,
 //   stress::kChange}}));
@@ -20,7 +20,7 @@ namespace stress {
 
 enum Use { kChange, kRead };
 
-// What one thread does; acquire is false when it did not get the lock.
+// The work of a thread; acquire returns false if it did not get the lock.
 struct Role {
   std::function<bool()> acquire;
   std::function<void()> release;
@@ -28,9 +28,9 @@ struct Role {
 };
 
 struct Outcome {
-  std::uint64_t changes = 0;  // that were made
-  std::uint64_t recorded = 0; // that the data shows in the end
-  std::uint64_t torn = 0;     // times that somebody saw the middle of a change
+  std::uint64_t changes = 0;  // the changes made
+  std::uint64_t recorded = 0; // the changes that the data show at the end
+  std::uint64_t torn = 0;     // how often a thread saw a partial change
 };
 
 struct Data {
@@ -43,8 +43,8 @@ struct Data {
   }
 };
 
-// So many rounds that the threads do meet, but for no longer than this: where they have to share a
-// CPU with others, a lock that spins takes its time.
+// Enough rounds for the threads to meet, but a limited time: a lock that spins is slow if the
+// threads share a CPU.
 inline constexpr int kRounds = 16000;
 inline constexpr int kTurnsOfARound = 16;
 inline constexpr std::chrono::milliseconds kLongest{200};

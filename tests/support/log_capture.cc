@@ -14,15 +14,15 @@
 namespace capture {
 namespace {
 
-// Of all records, so that they can be put in order.
+// The number of the next log message, for their order.
 std::atomic<unsigned long> next_number{0};
 
 std::mutex mutex;
 std::vector<Record> records;
-std::vector<unsigned long> numbers; // of the records
+std::vector<unsigned long> numbers; // of the log messages
 
-// What came by evlog_original, which signal handlers call: kept without a lock, and the first of
-// them alone.
+// The lines of evlog_original, which signal handlers call: stored without a lock, and only the
+// first ones.
 struct Original {
   unsigned long number;
   char text[640];
@@ -30,7 +30,7 @@ struct Original {
 };
 Original originals[8192];
 std::atomic<std::size_t> original_count{0};
-std::size_t taken = 0; // of them, under the mutex
+std::size_t taken = 0; // the number of lines taken; guarded by the mutex
 std::atomic<int> wanted_level{EVLOG_DEBUG};
 
 std::string format_text(const char *format, va_list args) EVLOG_PRINTF(1, 0);
@@ -90,13 +90,13 @@ void set_level(int level) { wanted_level = level; }
 extern "C" {
 
 int evlog_level_check(unsigned int, int level) {
-  errno = ENOTTY; // the library keeps its caller's errno over this, and over the message
+  errno = ENOTTY; // the library must keep its caller's errno over this and over the message
   return level <= capture::wanted_level ? 0 : 1;
 }
 
 int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
           unsigned int, const char *format, ...) {
-  pthread_testcancel(); // as a node's own library may
+  pthread_testcancel(); // a node's own library may be a cancellation point
   va_list args;
   va_start(args, format);
   capture::keep({module, level, file, line, function, capture::format_text(format, args)});

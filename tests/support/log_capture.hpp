@@ -1,5 +1,5 @@
-// Stands in for the logging library: keeps every record, so that a test reads as "do, then expect
-// this record at this level from this function".
+// Replaces the logging library: stores every log message, so that a test reads as "do, then expect
+// this message at this level from this function".
 #ifndef VORN_TESTS_LOG_CAPTURE_HPP
 #define VORN_TESTS_LOG_CAPTURE_HPP
 
@@ -10,7 +10,7 @@ namespace capture {
 
 struct Record {
   unsigned int module;
-  int level; // kOriginal or kRaw for what came without one
+  int level; // kOriginal or kRaw for a message without a level
   std::string file;
   unsigned int line;
   std::string function;
@@ -20,18 +20,18 @@ struct Record {
 inline constexpr int kOriginal = -1; // evlog_original
 inline constexpr int kRaw = -2;      // evlog_vraw
 
-// What was logged since the last call, in order.
+// Returns the log messages since the last call, in order.
 std::vector<Record> take();
 
-// The texts alone; those of errors begin with "E ", those of warnings with "W ".
+// Returns only the texts; those of errors begin with "E ", those of warnings with "W ".
 std::vector<std::string> take_lines();
 
-// Records at this level and below are wanted; 7, the start value, wants all.
+// Sets the highest level that passes the level check; initially 7, all levels.
 void set_level(int level);
 
 } // namespace capture
 
-// The next records are exactly one, of the library's own module.
+// Expects exactly one log message, of the library's own module.
 #define EXPECT_ONE_RECORD(wanted_level, wanted_file, wanted_function, wanted_text)                 \
   do {                                                                                             \
     const auto records = capture::take();                                                          \

@@ -26,7 +26,7 @@ bool cover(const std::string &directory) {
   return mount("none", directory.c_str(), "tmpfs", 0, nullptr) == 0;
 }
 
-// Makes an entry of the machine's root appear below root; files are left out.
+// Makes an entry of the machine's root visible below root, unless it is a file.
 bool mirror(const fs::directory_entry &entry, const std::string &root) {
   const std::string path = root + entry.path().string();
   if (entry.is_symlink()) {
@@ -38,7 +38,7 @@ bool mirror(const fs::directory_entry &entry, const std::string &root) {
   return true;
 }
 
-// The process gets a root directory of its own, in which directories can be made without a trace on
+// Gives the process its own root directory, in which it can create directories without a trace on
 // the machine.
 bool enter_own_root() {
   const std::string root = "/mnt"; // every system has it

@@ -1,4 +1,4 @@
-// Places to build a stand-in system in.
+// Declares directories to build a stand-in system in.
 #ifndef VORN_TESTS_SCRATCH_HPP
 #define VORN_TESTS_SCRATCH_HPP
 
@@ -6,7 +6,7 @@
 
 namespace scratch {
 
-// A directory of its own that goes when the object does.
+// A temporary directory, removed by the destructor.
 class Directory {
 public:
   Directory();
@@ -21,18 +21,19 @@ private:
   std::string path_;
 };
 
-void write_file(const std::string &path, const std::string &content); // makes missing directories
+void write_file(const std::string &path,
+                const std::string &content); // also creates missing directories
 std::string read_file(const std::string &path);
 
-// The lowest free descriptor: a leak raises it.
+// Returns the lowest free descriptor: a leak raises it.
 int next_descriptor();
 
-// From now on this process sees an empty file system at directory, as no other process does. A
-// directory of "/" that the machine does not have appears for this process alone. False where the
-// machine does not let a test have mounts of its own.
+// Mounts an empty file system at directory, visible only to this process. If the machine does not
+// have that directory of "/", it appears only to this process. Returns false if the machine does
+// not permit a test private mounts.
 bool cover_directory(const std::string &directory);
 inline constexpr char kNoMounts[] =
-    "mounts of its own take CAP_SYS_ADMIN and a root directory that is a mount point";
+    "private mounts take CAP_SYS_ADMIN and a root directory that is a mount point";
 
 } // namespace scratch
 

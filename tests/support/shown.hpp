@@ -1,4 +1,4 @@
-// Keeps what a show routine prints.
+// Stores what a show routine prints.
 #ifndef VORN_TESTS_SHOWN_HPP
 #define VORN_TESTS_SHOWN_HPP
 
@@ -23,7 +23,7 @@ VORN_PRINTF(1, 2) inline int print(const char *format, ...) {
   return length;
 }
 
-// What show, which is handed print, has printed.
+// Calls show with print, and returns what it printed.
 template <class Show> std::string by(Show show) {
   text.clear();
   show(print);

@@ -1,4 +1,4 @@
-// A timer that counts its calls, for the tests of both kinds; they wrap pthread_create.
+// Defines a timer that counts its calls, for the tests of both kinds; they wrap pthread_create.
 #ifndef VORN_TESTS_TIMER_HPP
 #define VORN_TESTS_TIMER_HPP
 
@@ -52,12 +52,12 @@ struct Timer : vorn_timer_s {
   static void fire(uint64_t data) {
     auto *timer = reinterpret_cast<Timer *>(data);
     if (settled && timer->is_early()) ++early;
-    const auto what = timer->run; // which may free the timer
+    const auto what = timer->run; // a copy: the call may free the timer
     ++timer->fired;
     if (what) what();
   }
   static inline std::atomic<int> early{0};
-  static inline std::atomic<bool> settled{true}; // no other thread arms it while it runs
+  static inline std::atomic<bool> settled{true}; // false if other threads arm it while it runs
   std::atomic<int> fired{0};
   std::function<void()> run;
 };

@@ -1,5 +1,5 @@
-// Acquire and release on a read-modify-write order neither what stands before it with its write nor
-// what stands behind it with its read: both barriers are real ones.
+// Defines the barriers of AArch64. Acquire and release on a read-modify-write order neither earlier
+// accesses with its write nor later accesses with its read, so both barriers are real instructions.
 #ifndef VORN_ARCH_AARCH64_BARRIER_HPP
 #define VORN_ARCH_AARCH64_BARRIER_HPP
 

@@ -1,4 +1,4 @@
-// The generic timer's virtual counter.
+// Reads the generic timer's virtual counter.
 #ifndef VORN_ARCH_AARCH64_COUNTER_HPP
 #define VORN_ARCH_AARCH64_COUNTER_HPP
 
@@ -12,7 +12,7 @@ inline std::uint64_t counter() {
   return value;
 }
 
-// Ticks a second.
+// In ticks per second.
 inline std::uint64_t counter_frequency() {
   std::uint64_t value;
   asm volatile("mrs %0, cntfrq_el0" : "=r"(value));

@@ -1,3 +1,4 @@
+// Declares the checksums by special instructions for AArch64.
 #ifndef VORN_ARCH_AARCH64_CRC_HPP
 #define VORN_ARCH_AARCH64_CRC_HPP
 
@@ -6,7 +7,7 @@
 
 namespace vorn::arch {
 
-// Every processor that the library runs on has the CRC32 and PMULL instructions: nothing is probed.
+// Every supported processor has the CRC32 and PMULL instructions: nothing is probed.
 struct CrcProbe {};
 inline constexpr CrcProbe crc_probe{};
 

@@ -1,3 +1,4 @@
+// Compiles the CRC-16 loop for the PMULL instruction.
 #include "arch/aarch64/crc.hpp"
 
 #include <arm_neon.h>

@@ -1,3 +1,4 @@
+// Compiles the CRC-32C loop for the CRC32C instructions.
 #include "arch/aarch64/crc.hpp"
 
 #include <arm_acle.h>

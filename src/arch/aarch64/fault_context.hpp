@@ -1,4 +1,4 @@
-// x0 to x30 as R0 to R30. x29 is the frame pointer, x30 where the function returns to.
+// Names x0 to x30 as R0 to R30. x29 is the frame pointer, x30 the return address.
 #ifndef VORN_ARCH_AARCH64_FAULT_CONTEXT_HPP
 #define VORN_ARCH_AARCH64_FAULT_CONTEXT_HPP
 
@@ -16,7 +16,7 @@ inline constexpr NamedRegister kRegisters[] = {
 
 inline constexpr unsigned int kFramePointer = 29;
 
-// Where a call leaves the address to return to: in this word of the record.
+// A call leaves its return address in this word of the record.
 inline constexpr unsigned int kReturnWord = 30;
 inline constexpr bool kReturnIsOnStack = false;
 
@@ -30,7 +30,7 @@ inline RegisterRecord registers_of(const ucontext_t &context) {
   return record;
 }
 
-// Without the signature that a processor with pointer authentication puts into the upper bits.
+// Removes the signature that pointer authentication puts into the upper bits.
 inline std::uintptr_t plain_code_address(std::uintptr_t address) {
   return address & ((std::uintptr_t{1} << 48) - 1);
 }

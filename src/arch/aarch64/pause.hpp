@@ -1,4 +1,4 @@
-// The hint for a spinning thread. Cores without hyperthreads take it for a no-operation.
+// Executes the hint for a spinning thread, which cores without hyperthreads ignore.
 #ifndef VORN_ARCH_AARCH64_PAUSE_HPP
 #define VORN_ARCH_AARCH64_PAUSE_HPP
 

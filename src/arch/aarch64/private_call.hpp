@@ -1,3 +1,4 @@
+// Makes the private call by its number on AArch64.
 #ifndef VORN_ARCH_AARCH64_PRIVATE_CALL_HPP
 #define VORN_ARCH_AARCH64_PRIVATE_CALL_HPP
 
@@ -5,7 +6,7 @@
 
 namespace vorn::arch {
 
-// AArch64 keeps 244 to 259 for calls of its own and uses none of them; a kernel without the module
+// AArch64 reserves the numbers 244 to 259 and uses none of them; a kernel without the module
 // answers ENOSYS.
 inline constexpr long kPrivateCallNumber = 259;
 

@@ -1,5 +1,5 @@
-// Only a read may overtake an earlier write here, and a locked instruction ends that at less cost
-// than mfence. Every atomic read-modify-write is one.
+// Defines the barriers of x86-64, where only a read may overtake an earlier write. A locked
+// instruction prevents that at less cost than mfence, and every atomic read-modify-write is one.
 #ifndef VORN_ARCH_X86_64_BARRIER_HPP
 #define VORN_ARCH_X86_64_BARRIER_HPP
 

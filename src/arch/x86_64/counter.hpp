@@ -1,6 +1,7 @@
-// The time-stamp counter does not tick at a rate that divides 10^9, so its place is taken by the
-// kernel's raw monotonic clock: the same counter scaled to nanoseconds, at a constant rate and
-// monotonic across CPUs, read without a system call where the kernel trusts the time-stamp counter.
+// Reads the kernel's raw monotonic clock as the counter. The rate of the time-stamp counter does
+// not divide 10^9; this clock is the same counter scaled to nanoseconds, constant in rate and
+// monotonic across CPUs, and read without a system call if the kernel trusts the time-stamp
+// counter.
 #ifndef VORN_ARCH_X86_64_COUNTER_HPP
 #define VORN_ARCH_X86_64_COUNTER_HPP
 
@@ -11,7 +12,7 @@
 
 namespace vorn::arch {
 
-// Ticks a second.
+// In ticks per second.
 inline std::uint64_t counter_frequency() { return 1000000000; }
 
 inline std::uint64_t counter() {

@@ -1,3 +1,4 @@
+// Declares the checksums by special instructions for x86-64.
 #ifndef VORN_ARCH_X86_64_CRC_HPP
 #define VORN_ARCH_X86_64_CRC_HPP
 
@@ -6,22 +7,22 @@
 
 namespace vorn::arch {
 
-// The wide kernels take no fewer bytes than these, from which on they are the faster ones.
+// From these lengths on, the wide kernels are faster; they accept no shorter input.
 inline constexpr std::size_t kCrc32cWideMin = 512;
 inline constexpr std::size_t kCrc16WideMin = 64;
 
-// What a processor has. Lengths say from where on the wide kernels are called, so that a short
-// input costs one comparison.
+// The instructions that a processor has. The wide ones are given as the shortest input for their
+// kernels, so that a short input costs one comparison.
 struct CrcProbe {
   bool narrow = false;                    // SSE4.2 and PCLMULQDQ
-  std::size_t crc32c_wide_min = SIZE_MAX; // AVX2 and VPCLMULQDQ besides
+  std::size_t crc32c_wide_min = SIZE_MAX; // also AVX2 and VPCLMULQDQ
   std::size_t crc16_wide_min = SIZE_MAX;
 };
 
 inline constexpr CrcProbe kCrcNarrow{.narrow = true};
 inline constexpr CrcProbe kCrcWide{true, kCrc32cWideMin, kCrc16WideMin};
 
-// Of this processor. Written once, when the library is loaded; until then it has nothing.
+// The instructions of this processor: none until the library is loaded, then constant.
 extern const CrcProbe crc_probe;
 
 std::uint32_t crc32c_narrow(std::uint32_t crc, const void *data, std::size_t length);

@@ -1,3 +1,4 @@
+// Compiles the CRC-16 loop for SSE registers.
 #include "arch/x86_64/crc.hpp"
 
 #include "arch/x86_64/crc16_vector.hpp"

@@ -1,4 +1,5 @@
-// One vector of the CRC-16 loop in an SSE register. For kernels alone: a type of each one's own.
+// Defines the vector of the CRC-16 loop in an SSE register. Only kernels include it, and each has
+// its own type.
 #ifndef VORN_ARCH_X86_64_CRC16_VECTOR_HPP
 #define VORN_ARCH_X86_64_CRC16_VECTOR_HPP
 

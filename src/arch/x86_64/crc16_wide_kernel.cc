@@ -1,3 +1,4 @@
+// Compiles the CRC-16 loop for AVX2 registers.
 #include "arch/x86_64/crc.hpp"
 
 #include <immintrin.h>

@@ -1,3 +1,4 @@
+// Compiles the CRC-32C loop for the SSE4.2 instruction.
 #include "arch/x86_64/crc.hpp"
 
 #include "arch/x86_64/crc32c_step.hpp"

@@ -1,4 +1,4 @@
-// The step of the CRC-32C loop. For kernels alone: a type of each one's own.
+// Defines the step of the CRC-32C loop. Only kernels include it, and each has its own type.
 #ifndef VORN_ARCH_X86_64_CRC32C_STEP_HPP
 #define VORN_ARCH_X86_64_CRC32C_STEP_HPP
 
@@ -11,7 +11,7 @@ namespace vorn::arch {
 namespace {
 
 struct Step {
-  // As wide as the instruction's own result, so that nothing is narrowed between two steps.
+  // As wide as the instruction's result, so that no step is followed by a conversion.
   using Register = std::uint64_t;
 
   static Register add(Register crc, std::uint64_t word) { return _mm_crc32_u64(crc, word); }

@@ -1,5 +1,6 @@
-// In front of the three lanes of words goes a stretch that is folded by carry-less multiplication,
-// as CRC-16 is, on units of the processor that the CRC instruction leaves idle.
+// Computes CRC-32C of long inputs in lanes and by folding at the same time. A stretch before the
+// three lanes of words is folded by carry-less multiplication, as in CRC-16, on units of the
+// processor that the CRC instruction leaves idle.
 #include "arch/x86_64/crc.hpp"
 
 #include <immintrin.h>
@@ -11,24 +12,24 @@ namespace {
 
 using Loop = Crc32cLoop<Step>;
 
-// A round folds four vectors, and takes as long as five steps of the lanes that run meanwhile.
+// A round folds four vectors, in the time of five steps of the lanes.
 constexpr std::size_t kVector = 32;
 constexpr std::size_t kStretch = 4 * kVector;
 constexpr std::size_t kSteps = 5;
 constexpr std::size_t kRound = kStretch + kSteps * 3 * Loop::kWord;
 
-// The lanes get what the rounds leave, which is enough to reduce the stretch meanwhile.
+// The lanes get the rest, which is long enough to reduce the stretch at the same time.
 constexpr std::size_t kMinRest = kStretch;
 constexpr std::size_t kMaxRest = kMinRest + kRound;
 
-// The length of a disk's sector.
+// The length of a disk sector.
 constexpr std::size_t kSector = 512;
 
-// Bytes that are joined at a time.
+// The bytes that are joined at a time.
 constexpr std::size_t kMaxRounds = (kMaxLane - kMaxRest / (3 * Loop::kWord)) / kSteps;
 constexpr std::size_t kMaxBlock = kMaxRounds * kRound + kMinRest;
 
-// What folds a vector onto the one bytes further on: x^(8 bytes + 64) for the first word of each
+// Folds a vector onto the one that is bytes further on: x^(8 bytes + 64) for the first word of each
 // half, x^(8 bytes) for the second. The product of two reflected values has one x too many, and
 // these stand in the low 32 bits of 64, which is x^32 more.
 template <unsigned int kBytes> __m256i factors() {
@@ -61,7 +62,7 @@ struct Vector {
                              _mm256_clmulepi64_epi128(value, by, 0x11))};
   }
 
-  // The register that these bytes leave.
+  // Returns the register after these bytes.
   std::uint64_t reduce() const {
     const __m128i first = _mm256_castsi256_si128(fold<16>().value);
     const __m128i sum = _mm_xor_si128(first, _mm256_extracti128_si256(value, 1));
@@ -95,8 +96,7 @@ struct Stretch {
   }
 };
 
-// Carries crc on over a block of length bytes but for the rest that is returned, and source behind
-// what was used.
+// Carries crc and source over a block of length bytes, except a rest whose length is returned.
 template <class Source> [[gnu::always_inline]] inline std::size_t
 run_block(std::uint64_t &crc, Source &source, std::size_t length) {
   const std::size_t rounds = (length - kMinRest) / kRound;
@@ -118,7 +118,7 @@ run_block(std::uint64_t &crc, Source &source, std::size_t length) {
   return length - rounds * kStretch - 3 * Loop::kWord * words;
 }
 
-// The same for a block of kSector bytes, without loops and without a rest.
+// The same for a block of kSector bytes, without a loop and without a rest.
 template <class Source>
 [[gnu::always_inline]] inline std::uint64_t run_sector(std::uint64_t crc, Source &source) {
   constexpr std::size_t kWords = (kSector - kStretch) / (3 * Loop::kWord);

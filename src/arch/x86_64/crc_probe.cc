@@ -1,3 +1,4 @@
+// Detects the special instructions of this processor.
 #include "arch/x86_64/crc.hpp"
 
 namespace vorn::arch {

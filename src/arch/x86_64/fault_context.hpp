@@ -1,4 +1,4 @@
-// The general registers by their own names.
+// Names the general registers.
 #ifndef VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
 #define VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
 
@@ -15,7 +15,7 @@ inline constexpr NamedRegister kRegisters[] = {
 
 inline constexpr unsigned int kFramePointer = 6;
 
-// Where a call leaves the address to return to: in memory, where this word of the record points.
+// A call leaves its return address in memory, where this word of the record points.
 inline constexpr unsigned int kReturnWord = VORN_FAULT_SP;
 inline constexpr bool kReturnIsOnStack = true;
 

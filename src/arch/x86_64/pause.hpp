@@ -1,4 +1,4 @@
-// Spares the loop the mis-speculation at its end, and leaves the core to its other hyperthread.
+// Avoids the mis-speculation at the end of the loop, and leaves the core to its other hyperthread.
 #ifndef VORN_ARCH_X86_64_PAUSE_HPP
 #define VORN_ARCH_X86_64_PAUSE_HPP
 

@@ -1,3 +1,4 @@
+// Answers the private call, which x86-64 does not have.
 #ifndef VORN_ARCH_X86_64_PRIVATE_CALL_HPP
 #define VORN_ARCH_X86_64_PRIVATE_CALL_HPP
 
@@ -5,7 +6,7 @@
 
 namespace vorn::arch {
 
-// 259 is mknodat here: there is no private call, and none may be issued.
+// Number 259 is mknodat(2) on x86-64, so there is no private call.
 inline long private_call(unsigned long, unsigned long, unsigned long, unsigned long,
                          unsigned long) {
   errno = ENOSYS;

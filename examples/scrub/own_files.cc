@@ -1,9 +1,10 @@
-#include "places.hpp"
+// Recognizes the service's own files in a tree.
+#include "own_files.hpp"
 
 namespace scrub {
 namespace {
 
-// A directory that is not there keeps its zeros, and is none that a walk meets.
+// A directory that does not exist keeps its zeros, which match no directory of a walk.
 struct stat status_of(const std::string &directory) {
   struct stat status {};
   stat(directory.c_str(), &status);
@@ -16,20 +17,20 @@ bool same_directory(const struct stat &a, const struct stat &b) {
 
 } // namespace
 
-OwnFiles::OwnFiles(const Places &places)
-    : places_(places), manifest_directory_(status_of(places.manifest_directory)),
-      log_directory_(status_of(places.log_directory)) {}
+OwnFiles::OwnFiles(const OwnPaths &paths)
+    : paths_(paths), manifest_directory_(status_of(paths.manifest_directory)),
+      log_directory_(status_of(paths.log_directory)) {}
 
 bool OwnFiles::contains(const struct stat &directory, std::string_view name) const {
   if (same_directory(directory, manifest_directory_) &&
-      (name == places_.manifest_name || name == places_.unfinished_name()))
+      (name == paths_.manifest_name || name == paths_.unfinished_name()))
     return true;
   return same_directory(directory, log_directory_) && is_log(name);
 }
 
-// "NAME.log", or "NAME.log.1" and so on for those that rotation keeps.
+// "NAME.log", and "NAME.log.1" and so on for the rotated logs.
 bool OwnFiles::is_log(std::string_view name) const {
-  const std::string log = places_.log_name() + ".log";
+  const std::string log = paths_.log_name() + ".log";
   if (!name.starts_with(log)) return false;
   name.remove_prefix(log.size());
   if (name.empty()) return true;

@@ -1,6 +1,7 @@
-// What ends a run with exit status 2. Everything else is reported, and the run goes on.
-#ifndef SCRUB_FAILURE_HPP
-#define SCRUB_FAILURE_HPP
+// Throws the errors that end a run with exit status 2. Other errors are reported, and the run goes
+// on.
+#ifndef SCRUB_ERRORS_HPP
+#define SCRUB_ERRORS_HPP
 
 #include <cerrno>
 #include <stdexcept>
@@ -9,7 +10,7 @@
 
 namespace scrub {
 
-// A failed system call, with errno's text behind what was tried.
+// Throws the error of a failed system call; what names the attempt.
 [[noreturn]] inline void fail(const std::string &what, int error = errno) {
   throw std::system_error(error, std::generic_category(), what);
 }

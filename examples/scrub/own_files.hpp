@@ -1,6 +1,6 @@
-// Where the service keeps its own files. They are no data of the tree, also where they lie in it.
-#ifndef SCRUB_PLACES_HPP
-#define SCRUB_PLACES_HPP
+// Names the service's own files. They do not count as data, even inside the tree.
+#ifndef SCRUB_OWN_FILES_HPP
+#define SCRUB_OWN_FILES_HPP
 
 #include <string>
 #include <string_view>
@@ -8,7 +8,7 @@
 
 namespace scrub {
 
-struct Places {
+struct OwnPaths {
   std::string manifest_directory;
   std::string manifest_name;
   std::string log_directory;
@@ -21,17 +21,17 @@ struct Places {
   std::string log() const { return log_directory + "/" + log_name() + ".log"; }
 };
 
-// Tells the service's own files from data, in every directory by which they can be reached.
+// Recognizes the service's own files, by whatever path a walk reaches them.
 class OwnFiles {
 public:
-  explicit OwnFiles(const Places &places);
+  explicit OwnFiles(const OwnPaths &paths);
 
   bool contains(const struct stat &directory, std::string_view name) const;
 
 private:
   bool is_log(std::string_view name) const;
 
-  const Places &places_;
+  const OwnPaths &paths_;
   struct stat manifest_directory_ {};
   struct stat log_directory_ {};
 };
