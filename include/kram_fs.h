@@ -17,8 +17,8 @@ VORN_BEGIN_DECLS
 typedef void (*kram_ext3_event_f)(const void *event);
 
 /* Opens a socket for events, close-on-exec and never descriptor 0, 1 or 2.
- * Returns it, to be given back by KRAM_Netlink_ext3_release; logs an error and returns -1 on
- * failure. */
+ * Returns the descriptor, to be given back by KRAM_Netlink_ext3_release; logs an error and returns
+ * -1 otherwise. */
 VORN_API int KRAM_Netlink_ext3_create(void);
 
 /* Binds the socket to the netlink port id and group 1, and calls callback for each event, in the

@@ -59,7 +59,8 @@ typedef struct vorn_avl_tree {
 VORN_API int vorn_create_avl(vorn_avl_tree_s *tree, vorn_avl_compare_f cmp, uint32_t size,
                              uint32_t offset);
 
-/* The same with a comparison for each. Both must order the records alike.
+/* Makes tree an empty one as vorn_create_avl does, with one comparison for adding and one for
+ * finding. Both must order the records alike.
  *   tree: the tree
  *   add_cmp: comparison that finds the place of a new record
  *   find_cmp: comparison that lookups use

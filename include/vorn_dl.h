@@ -15,7 +15,7 @@ VORN_BEGIN_DECLS
  * or RTLD_NOW, with others.
  *   path: path of the object, or NULL for the program
  *   flags: RTLD_LAZY or RTLD_NOW, with others
- * Returns its handle, which the caller closes; or NULL. */
+ * Returns the object's handle, which the caller closes; or NULL. */
 VORN_API void *vorn_dlopen(const char *path, int flags);
 
 /* Returns the address of symbol in the object of handle (or RTLD_DEFAULT, RTLD_NEXT); NULL when

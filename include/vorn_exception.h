@@ -48,7 +48,7 @@ VORN_API int vorn_exception_init_with_list(void *arg, const unsigned int *sigLis
  *   block: block to put on the chain or to take off it
  *   file: source file of the caller
  *   line: line of the caller
- * Returns what that returns. */
+ * Returns what vorn_atomic_notifier_chain_register__ returns. */
 VORN_API int vorn_exception_chain_register__(vorn_notifier_block_s *block, const char *file,
                                              int line);
 
@@ -57,7 +57,7 @@ VORN_API int vorn_exception_chain_register__(vorn_notifier_block_s *block, const
  *   block: block to put on the chain or to take off it
  *   file: source file of the caller
  *   line: line of the caller
- * Returns what that returns. */
+ * Returns what vorn_atomic_notifier_chain_unregister__ returns. */
 VORN_API int vorn_exception_chain_unregister__(vorn_notifier_block_s *block, const char *file,
                                                int line);
 
@@ -85,7 +85,7 @@ VORN_API int vorn_exception_watchdog_timer_func_register(vorn_watchdog_reset_f f
 
 /* Calls it.
  *   value: argument of the function
- * Returns its result; 0 when there is none. Signal-safe as far as that function is. */
+ * Returns the function's result; 0 when there is none. Signal-safe as far as that function is. */
 VORN_API int vorn_exception_watchdog_timer_reset(int value);
 
 VORN_END_DECLS

@@ -41,14 +41,14 @@ VORN_API int vorn_open(const char *path, int flags, mode_t mode);
  *   fd: descriptor of the file
  *   buf: where the bytes go
  *   count: most bytes to move
- * Returns their number, which may be less than count, 0 at the end of the file; or -1. */
+ * Returns the number of bytes, which may be less than count, 0 at the end of the file; or -1. */
 VORN_API ssize_t vorn_read(int fd, void *buf, size_t count);
 
 /* Writes up to count bytes: write(2). An interrupted call is not repeated.
  *   fd: descriptor of the file
  *   buf: bytes to write
  *   count: most bytes to move
- * Returns their number, which may be less than count; or -1. */
+ * Returns the number of bytes, which may be less than count; or -1. */
 VORN_API ssize_t vorn_write(int fd, const void *buf, size_t count);
 
 /* Moves the file position: lseek(2).
@@ -86,7 +86,8 @@ VORN_API int vorn_statfs(const char *path, struct statfs *buf);
  *   namelist: where the address of the array goes
  *   filter: function that chooses entries, or NULL
  *   compar: function that orders entries, or NULL
- * Returns their number; or -1. The caller releases each entry, then the array, with free(). */
+ * Returns the number of entries; or -1. The caller releases each entry, then the array, with
+ * free(). */
 VORN_API int vorn_readdir_new(const char *path, struct dirent ***namelist,
                               int (*filter)(const struct dirent *),
                               int (*compar)(const struct dirent **, const struct dirent **));

@@ -21,7 +21,7 @@ VORN_API void vorn_destory(void);
 
 /* Takes a backtrace, so that the system library loads its unwinder now and not inside a fault
  * handler.
- * Returns its depth, at most 3. vorn_Init makes this call. Not signal-safe. */
+ * Returns the depth of the backtrace, at most 3. vorn_Init makes this call. Not signal-safe. */
 VORN_API int vorn_glibc_init(void);
 
 VORN_END_DECLS

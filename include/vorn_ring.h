@@ -115,10 +115,10 @@ VORN_API uint32_t vorn_ring_free_count(const vorn_ring_s *ring);
  *   ring: the ring
  *   objs: objects to enqueue
  *   n: number of objects
- * Returns their number, 0 when the ring is full. VORN_RING_QUOTA_EXCEEDED is added to it when the
- * objects that are then in the ring, and the slot that stays empty, are more than the watermark:
- * never in a ring as vorn_ring_create makes it. No log message is written. The ring must not be
- * NULL: that is not tested. */
+ * Returns the number of objects, 0 when the ring is full. VORN_RING_QUOTA_EXCEEDED is added to it
+ * when the objects that are then in the ring, and the slot that stays empty, are more than the
+ * watermark: never in a ring as vorn_ring_create makes it. No log message is written. The ring must
+ * not be NULL: that is not tested. */
 VORN_API uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n);
 
 /* Enqueues all of the n objects at objs, or none.
@@ -140,8 +140,8 @@ VORN_API int vorn_ring_enqueue(vorn_ring_s *ring, void *obj);
  *   ring: the ring
  *   objs: where the objects go
  *   n: number of objects
- * Returns their number, 0 when the ring is empty. No log message is written. The ring must not be
- * NULL: that is not tested. */
+ * Returns the number of objects, 0 when the ring is empty. No log message is written. The ring must
+ * not be NULL: that is not tested. */
 VORN_API uint32_t vorn_ring_dequeue_burst(vorn_ring_s *ring, void **objs, uint32_t n);
 
 /* Dequeues the oldest n objects into objs, or none.

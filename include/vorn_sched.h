@@ -45,7 +45,7 @@ VORN_API void vorn_usleep(unsigned int microseconds);
 VORN_API void vorn_schedule(void);
 
 /* Lets the threads of the same priority that wait for this CPU run first: sched_yield(2).
- * Returns its result, 0. */
+ * Returns 0. */
 VORN_API int vorn_yield(void);
 
 /* Keeps the processor busy for more than that many milliseconds, by vorn_time_getnanosec.

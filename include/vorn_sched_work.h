@@ -190,7 +190,7 @@ VORN_API int sched_work_create_thread(void);
 VORN_API void *sched_work_thread(void *argument);
 
 /* Takes the first record off the queue.
- * Returns it; NULL when there is none. */
+ * Returns the record; NULL when there is none. */
 VORN_API vorn_sched_work_s *sched_work_select_task(void);
 
 /* Runs the record, with its time limit noted in the slot.

@@ -57,7 +57,7 @@ VORN_API int vorn_shmget(int key, size_t size);
  *   id: id of the segment
  *   addr: address to attach at, or NULL
  *   flags: flags of the system call
- * Returns its address, or (void *)-1. */
+ * Returns the address, or (void *)-1. */
 VORN_API void *vorn_shmat(int id, const void *addr, int flags);
 
 /* Marks segment id to be removed when its last user detaches (shmctl(2), IPC_RMID).

@@ -293,14 +293,14 @@ VORN_API void unregister_lwt_stack_ops(void);
 
 /* Asks the registered function is_lwt_stack. Signal-safe.
  *   address: address to look at
- * Returns its result; -1 when none is registered. */
+ * Returns the result of is_lwt_stack; -1 when none is registered. */
 VORN_API int vorn_thrd_islwtstack(unsigned long address);
 
 /* Asks the registered function get_lwt_stack. Signal-safe.
  *   address: address to look at
  *   low: where the lowest address goes
  *   high: where the address after the highest goes
- * Returns its result; -1 when none is registered. */
+ * Returns the result of get_lwt_stack; -1 when none is registered. */
 VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, unsigned long *high);
 
 /* Tells on which of the calling thread's stacks address lies: stores its bounds, and in *kind
