@@ -99,6 +99,10 @@ VORN_API extern vorn_rwlock_s g_stCfgRwlock;
  *   path: path of the file
  * Returns 0; -1 after a log message when the file cannot be read: the registry stays as it is. */
 VORN_API int vorn_cfg_init(const char *path);
+
+/* Does what vorn_cfg_init does.
+ *   path: path of the file
+ * Returns what vorn_cfg_init returns. */
 VORN_API int vorn_cfg_init_ex(const char *path);
 
 /* Drops every registered file, however often it was registered.
@@ -245,8 +249,10 @@ VORN_API int vorn_cfg_file_setItemValue(const char *path, const char *section, c
 VORN_API int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param,
                                         vorn_cfg_edit_f v_pfnProc);
 
-/* The edits themselves, to be given to vorn_cfg_file_writeOperate. Each takes the node's lock for
- * writing, so its caller must not hold it; none uses an argument that its edit does not need.
+/* Adds an item that does not exist yet, and its section where that is missing. This function and
+ * the three after it are the edits themselves, to be given to vorn_cfg_file_writeOperate. Each
+ * takes the node's lock for writing, so its caller must not hold it; none uses an argument that its
+ * edit does not need.
  *   node: parsed file to edit
  *   section: name of the section
  *   item: name of the item
@@ -254,10 +260,31 @@ VORN_API int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param,
  * Returns 0; -1 on failure: the node is as it was then. */
 VORN_API int vorn_cfg_add_item_func(vorn_cfg_file_node_s *node, const char *section,
                                     const char *item, const char *value);
+
+/* Gives an existing item a new value, as vorn_cfg_add_item_func adds one.
+ *   node: parsed file to edit
+ *   section: name of the section
+ *   item: name of the item
+ *   value: the new value
+ * Returns 0; -1 on failure: the node is as it was then. */
 VORN_API int vorn_cfg_set_item_func(vorn_cfg_file_node_s *node, const char *section,
                                     const char *item, const char *value);
+
+/* Removes an item, and its section with the last item, as vorn_cfg_add_item_func adds one.
+ *   node: parsed file to edit
+ *   section: name of the section
+ *   item: name of the item
+ *   value: not used
+ * Returns 0; -1 on failure: the node is as it was then. */
 VORN_API int vorn_cfg_del_item_func(vorn_cfg_file_node_s *node, const char *section,
                                     const char *item, const char *value);
+
+/* Removes a section with all its items, as vorn_cfg_add_item_func adds an item.
+ *   node: parsed file to edit
+ *   section: name of the section
+ *   item: not used
+ *   value: not used
+ * Returns 0; -1 on failure: the node is as it was then. */
 VORN_API int vorn_cfg_del_section_func(vorn_cfg_file_node_s *node, const char *section,
                                        const char *item, const char *value);
 

@@ -144,16 +144,22 @@ typedef int (*vorn_execv_checker_f)(const char *path, int count, char *const arg
 VORN_API int execv_s(const char *path, int count, char *const argv[], const char *whitelist,
                      vorn_execv_checker_f checker);
 
-/* What a program calls as popen, pclose and system when it is linked with
- * -Wl,--wrap=popen,--wrap=pclose,--wrap=system: vorn_popen, vorn_pclose and vorn_system, without a
- * check of the command.
+/* Does what vorn_popen does, without a check of the command. A program that is linked with
+ * -Wl,--wrap=popen,--wrap=pclose,--wrap=system calls this function as popen.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
- *   stream: stream that __wrap_popen returned
- * Returns what those return. Therefore system(NULL) gives -22 in such a program, not whether there
- * is a shell. */
+ * Returns what vorn_popen returns. */
 VORN_API FILE *__wrap_popen(const char *command, const char *mode);
+
+/* Does what vorn_pclose does, for a program that is linked so.
+ *   stream: stream that __wrap_popen returned
+ * Returns what vorn_pclose returns. */
 VORN_API int __wrap_pclose(FILE *stream);
+
+/* Does what vorn_system does, without a check of the command, for a program that is linked so.
+ *   command: command for the shell
+ * Returns what vorn_system returns. Therefore system(NULL) gives -22 in such a program, not whether
+ * there is a shell. */
 VORN_API int __wrap_system(const char *command);
 
 VORN_END_DECLS

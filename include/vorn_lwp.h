@@ -107,11 +107,17 @@ VORN_API int LwpModuleInit(void);
 /* Returns 0 when LwpModuleInit has been done, else -1. */
 VORN_API int LwpIsModuleInited(void);
 
-/* The steps of LwpModuleInit: make the table of instances, make that of variables, register
- * LwpExceptNotifyFn on the exception chain. A step that has been made is not made again.
- * Return 0; -1 after a log message when memory is short. */
+/* Makes the table of instances, a step of LwpModuleInit. A step that has been made is not made
+ * again.
+ * Returns 0; -1 after a log message when memory is short. */
 VORN_API int LwpInstModuleInit(void);
+
+/* Makes the table of variables, a step of LwpModuleInit.
+ * Returns 0; -1 after a log message when memory is short. */
 VORN_API int LwpVarModuleInit(void);
+
+/* Registers LwpExceptNotifyFn on the exception chain, a step of LwpModuleInit.
+ * Returns 0; -1 after a log message when memory is short. */
 VORN_API int LwpDebugInit(void);
 
 /* --- Instances --- */
@@ -223,11 +229,15 @@ typedef struct lwp_auto_stat {
   uint64_t count;   /* the place's own to increment */
 } lwp_auto_stat_s;
 
-/* Give the calling place an entry of the table "LWP_GET_INST" or "LWP_PUT_INST": *slot, which the
- * place keeps in a static variable that begins as NULL, is set once and left then. There are 1024
- * entries of each kind; later places share the last. Nothing when slot is NULL.
+/* Gives the calling place an entry of the table "LWP_GET_INST": *slot, which the place keeps in a
+ * static variable that begins as NULL, is set once and left then. There are 1024 entries of each
+ * kind; later places share the last. Does nothing when slot is NULL.
  *   slot: variable of the calling place */
 VORN_API void LwpAutoStatGetInst(lwp_auto_stat_s **slot);
+
+/* Gives the calling place an entry of the table "LWP_PUT_INST", as LwpAutoStatGetInst does of its
+ * own.
+ *   slot: variable of the calling place */
 VORN_API void LwpAutoStatPutInst(lwp_auto_stat_s **slot);
 
 /* Shows both tables through print, each line with suffix at its end; none that is empty.

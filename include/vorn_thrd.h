@@ -351,6 +351,12 @@ VORN_API int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t
  *   out: where the id goes, or NULL
  * Returns what vorn_thrd_create returns. */
 VORN_API int create_thread_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+
+/* Does what create_thread_raw does.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ * Returns what vorn_thrd_create returns. */
 VORN_API int vorn_thread_create_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
 
 /* Starts a thread as vorn_thrd_create does; a new thread has a stack of 131072 bytes where the
