@@ -58,10 +58,16 @@
  * is 0 where the values come as a va_list. */
 #define EVLOG_PRINTF(at, first) __attribute__((format(printf, at, first)))
 
-/* Levels, the more urgent the lower. */
+/* The level of errors. Levels are the more urgent the lower. */
 #define EVLOG_ERROR 3
+
+/* The level of warnings. */
 #define EVLOG_WARNING 4
+
+/* The level of information. */
 #define EVLOG_INFO 6
+
+/* The level of what helps to find a fault. */
 #define EVLOG_DEBUG 7
 
 #ifdef __cplusplus

@@ -7,8 +7,10 @@
 
 VORN_BEGIN_DECLS
 
-/* Bytes of an event, and the value of the first four of them, in host byte order. */
+/* Bytes of an event. */
 #define KRAM_EXT3_EVENT_SIZE 56u
+
+/* The value of the first four bytes of an event, in host byte order. */
 #define KRAM_EXT3_EVENT_TAG 0x0AE32014u
 
 /* Takes an event: KRAM_EXT3_EVENT_SIZE bytes, aligned to 8, that begin with KRAM_EXT3_EVENT_TAG.

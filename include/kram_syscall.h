@@ -12,9 +12,10 @@
 
 VORN_BEGIN_DECLS
 
-/* Groups run from 0 to KRAM_SYSCALL_GROUP_COUNT - 1 and have at most KRAM_SYSCALL_ENTRY_COUNT
- * entries. */
+/* Groups run from 0 to KRAM_SYSCALL_GROUP_COUNT - 1. */
 #define KRAM_SYSCALL_GROUP_COUNT 32u
+
+/* The most entries of a group. */
 #define KRAM_SYSCALL_ENTRY_COUNT 255u
 
 /* Bytes that a request, and a reply, may carry to and from the server. */

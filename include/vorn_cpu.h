@@ -27,13 +27,16 @@
 
 VORN_BEGIN_DECLS
 
-/* CPUs that a set has room for, and its 64-bit words: CPU n is bit n mod 64 of word n / 64. It has
- * the size of the system's cpu_set_t. */
+/* CPUs that a set has room for: as many as the system's cpu_set_t. */
 #define VORN_CPUM_CPU_COUNT 1024u
+
+/* 64-bit words of a set: CPU n is bit n mod 64 of word n / 64. */
 #define VORN_CPUM_MASK_WORDS 16
 
-/* Bytes of a group's or a partition's name, and of a list of CPUs, each with its NUL. */
+/* Bytes of a group's or a partition's name with its NUL. */
 #define VORN_CPUM_NAME_SIZE 32
+
+/* Bytes of a list of CPUs with its NUL. */
 #define VORN_CPUM_LIST_SIZE 256
 
 /* A partition. */

@@ -21,10 +21,14 @@ typedef struct cpumask {
   uint64_t words[VORN_CPUMASK_WORDS]; /* CPU n is bit n mod 64 of word n / 64 */
 } cpumask;
 
-/* The CPUs that the kernel could ever have, that it runs on, and that the machine holds. Empty
- * until cpumask_init, and not changed after it: plugging a CPU later does not show. */
+/* The CPUs that the kernel could ever have. Empty until cpumask_init, and not changed after it:
+ * plugging a CPU later does not show. */
 VORN_API extern cpumask *cpu_possible_mask;
+
+/* The CPUs that the kernel runs on, as they were at cpumask_init. */
 VORN_API extern cpumask *cpu_online_mask;
+
+/* The CPUs that the machine holds, as they were at cpumask_init. */
 VORN_API extern cpumask *cpu_present_mask;
 
 /* Fills these three from the kernel's lists in /sys/devices/system/cpu, once: where a list cannot

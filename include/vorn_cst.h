@@ -13,9 +13,13 @@
 
 VORN_BEGIN_DECLS
 
-/* The longest section name, item name and value, in bytes with their NUL. */
+/* The longest section name, in bytes with its NUL. */
 #define VORN_CST_SECTION_SIZE 35
+
+/* The longest item name, in bytes with its NUL. */
 #define VORN_CST_ITEM_SIZE 33
+
+/* The longest value, in bytes with its NUL. */
 #define VORN_CST_VALUE_SIZE 257
 
 /* Copies the value of an item and its NUL into the out_size bytes at out; VORN_CST_VALUE_SIZE are

@@ -37,9 +37,15 @@ VORN_API int vorn_exception_init(void);
 VORN_API int vorn_exception_init_with_list(void *arg, const unsigned int *sigList,
                                            unsigned int sigNum);
 
-/* Register and unregister a block of the exception chain in the caller's name. */
+/* Registers a block of the exception chain in the caller's name.
+ *   block: block to put on the chain
+ * Returns what vorn_exception_chain_register__ returns. */
 #define vorn_exception_chain_register(block)                                                       \
   vorn_exception_chain_register__(block, __FILE__, __LINE__)
+
+/* Takes a block off the exception chain in the caller's name.
+ *   block: block to take off the chain
+ * Returns what vorn_exception_chain_unregister__ returns. */
 #define vorn_exception_chain_unregister(block)                                                     \
   vorn_exception_chain_unregister__(block, __FILE__, __LINE__)
 

@@ -15,8 +15,10 @@ typedef struct vorn_list_head {
   struct vorn_list_head *prev; /* the node before; of a head the last */
 } vorn_list_head_s;
 
-/* What a node that is on no list holds. Both addresses fault when followed. */
+/* What next of a node that is on no list holds. The address faults when followed. */
 #define VORN_LIST_POISON_NEXT ((vorn_list_head_s *)0x100100)
+
+/* What prev of a node that is on no list holds. The address faults when followed. */
 #define VORN_LIST_POISON_PREV ((vorn_list_head_s *)0x200200)
 
 /* Makes head an empty list.
@@ -57,7 +59,11 @@ static inline vorn_list_head_s *vorn_list_next(const vorn_list_head_s *head,
   return node->next == head ? NULL : node->next;
 }
 
-/* The record of the given type whose member is node. */
+/* The record of the given type whose member is node.
+ *   node: the node
+ *   type: type of the record
+ *   member: name of the node in the record
+ * Returns the address of the record. */
 #define vorn_list_entry(node, type, member) ((type *)((char *)(node)-offsetof(type, member)))
 
 VORN_END_DECLS

@@ -28,8 +28,15 @@ typedef struct vorn_mem_head {
 /* The system's page size in bytes, 0 until vorn_get_current_page_size has read it. */
 VORN_API extern uint64_t g_CurSysPageSize;
 
-/* Allocate and free in the caller's name. */
+/* Allocates a block in the caller's name: vorn_mallocsubstandard.
+ *   pid: module id that the block is charged to
+ *   size: number of bytes
+ * Returns the block, which vorn_free frees; NULL when size is 0, and after an error message when
+ * memory runs out. */
 #define vorn_malloc(pid, size) vorn_mallocsubstandard((pid), (size), 0, __func__, __LINE__)
+
+/* Frees a block in the caller's name: vorn_freesub.
+ *   ptr: block that vorn_malloc returned */
 #define vorn_free(ptr) vorn_freesub((ptr), __func__, __LINE__)
 
 /* Returns a block of size bytes that belongs to the caller, aligned to 16 bytes and charged to

@@ -9,9 +9,14 @@
 
 VORN_BEGIN_DECLS
 
-/* The types of vorn_mtx_init. They are not the numbers of POSIX. */
+/* A type of vorn_mtx_init: a second lock by the holder never returns. The types are not the numbers
+ * of POSIX. */
 #define VORN_MTX_NORMAL 0
+
+/* A type of vorn_mtx_init: a second lock by the holder, and an unlock by another thread, fail. */
 #define VORN_MTX_ERRORCHECK 1
+
+/* A type of vorn_mtx_init: the holder may lock again, and unlocks as often. */
 #define VORN_MTX_RECURSIVE 2
 
 /* Initialises a mutex of that type (pthread_mutex_init(3)).

@@ -51,9 +51,17 @@ typedef struct vorn_notifier_chain {
 #define VORN_NOTIFIER_CHAIN_INIT(name)                                                             \
   { (name), VORN_SPINLOCK_INIT, NULL }
 
-/* Register and unregister a block in the caller's name. */
+/* Registers a block in the caller's name.
+ *   chain: the chain
+ *   block: block to put on the chain
+ * Returns what vorn_atomic_notifier_chain_register__ returns. */
 #define vorn_atomic_notifier_chain_register(chain, block)                                          \
   vorn_atomic_notifier_chain_register__(chain, block, __FILE__, __LINE__)
+
+/* Takes a block off the chain in the caller's name.
+ *   chain: the chain
+ *   block: block to take off the chain
+ * Returns what vorn_atomic_notifier_chain_unregister__ returns. */
 #define vorn_atomic_notifier_chain_unregister(chain, block)                                        \
   vorn_atomic_notifier_chain_unregister__(chain, block, __FILE__, __LINE__)
 

@@ -55,7 +55,11 @@ typedef struct vorn_rb_root_s {
 #define VORN_RB_ROOT_INIT                                                                          \
   { NULL }
 
-/* The record of the given type whose member is node. */
+/* The record of the given type whose member is node.
+ *   node: the node
+ *   type: type of the record
+ *   member: name of the node in the record
+ * Returns the address of the record. */
 #define vorn_rb_entry(node, type, member) ((type *)((char *)(node)-offsetof(type, member)))
 
 /* Computes the augmented value of node's record (a maximum below it, say) anew from the record

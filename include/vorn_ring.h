@@ -36,8 +36,10 @@
 
 VORN_BEGIN_DECLS
 
-/* Flags of vorn_ring_create. Other bits are kept and ignored. */
+/* A flag of vorn_ring_create: one thread at a time enqueues. Other bits are kept and ignored. */
 #define VORN_RING_SINGLE_PRODUCER 1u
+
+/* A flag of vorn_ring_create: one thread at a time dequeues. */
 #define VORN_RING_SINGLE_CONSUMER 2u
 
 /* Alone, taken as both of the flags above. */

@@ -23,8 +23,10 @@ typedef struct vorn_sem_enhance {
   vorn_list_head_s wait_list; /* the waiters, the longest waiting first */
 } vorn_sem_enhance_s;
 
-/* What a down that got no unit returns. */
+/* What a down returns that got no unit in time. */
 #define VORN_SEM_TIMED_OUT (-61)
+
+/* What a down returns whose wait a signal ended. */
 #define VORN_SEM_INTERRUPTED (-4)
 
 /* Makes *sem a semaphore of count units, while no thread uses it.

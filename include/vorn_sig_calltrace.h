@@ -30,17 +30,23 @@
 
 VORN_BEGIN_DECLS
 
-/* The signal that makes a thread write its stack to the log, and the one that makes it append its
- * backtrace to a file. */
+/* The signal that makes a thread write its stack to the log. */
 #define SIGTASKTRACK 61
+
+/* The signal that makes a thread append its backtrace to a file. */
 #define VORN_SIGNAL_BACKTRACE 59
 
-/* The registers that the exception chain gets: words of 64 bits. On AArch64 x0 to x30; on x86-64
- * rax, rbx, rcx, rdx, rsi, rdi, rbp, r8 to r15 and zeros; then, at the index given, the stack
- * pointer, the program counter and the processor's state (pstate, rflags). */
+/* Number of registers that the exception chain gets: words of 64 bits. On AArch64 x0 to x30; on
+ * x86-64 rax, rbx, rcx, rdx, rsi, rdi, rbp, r8 to r15 and zeros; then those below. */
 #define VORN_FAULT_REGISTERS 34
+
+/* Index of the stack pointer among the registers. */
 #define VORN_FAULT_SP 31
+
+/* Index of the program counter among the registers. */
 #define VORN_FAULT_PC 32
+
+/* Index of the processor's state (pstate, rflags) among the registers. */
 #define VORN_FAULT_STATE 33
 
 /* --- Installation --- */

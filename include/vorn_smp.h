@@ -6,9 +6,10 @@
 
 VORN_BEGIN_DECLS
 
-/* The CPUs that are configured and those that are online; 0: not known yet. The library writes them
- * as whole words. */
+/* How many CPUs are configured; 0: not known yet. The library writes it as a whole word. */
 VORN_API extern uint32_t g_configCpuNum;
+
+/* How many CPUs are online; 0: not known yet. The library writes it as a whole word. */
 VORN_API extern uint32_t g_onlineCpuNum;
 
 /* Asks the system for both counts, and does nothing once it has got them; CPUs that are plugged

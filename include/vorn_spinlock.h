@@ -45,10 +45,18 @@ static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
   *lock = free_lock;
 }
 
-/* Lock, try and unlock a vorn_spinlock_s * in the caller's name. */
+/* Waits until the lock is free and takes it, in the caller's name.
+ *   spinlock: the lock, a vorn_spinlock_s * */
 #define vorn_spinlock_lock(spinlock) do_vorn_spinlock_lock(&(spinlock)->lock, __func__, __LINE__)
+
+/* Takes the lock if it is free now, in the caller's name. Never waits.
+ *   spinlock: the lock, a vorn_spinlock_s *
+ * Returns 1 when taken, else 0. */
 #define vorn_spinlock_trylock(spinlock)                                                            \
   do_vorn_spinlock_trylock(&(spinlock)->lock, __func__, __LINE__)
+
+/* Frees the lock, whichever thread took it, in the caller's name.
+ *   spinlock: the lock, a vorn_spinlock_s * */
 #define vorn_spinlock_unlock(spinlock)                                                             \
   do_vorn_spinlock_unlock(&(spinlock)->lock, __func__, __LINE__)
 

@@ -6,7 +6,9 @@
 
 VORN_BEGIN_DECLS
 
-/* The command word of an operation: the library's module id above, the operation code below. */
+/* The command word of an operation: the library's module id above, the operation code below.
+ *   operation: operation code, VORN_SYSCALL_*
+ * Returns the command word. */
 #define VORN_SYSCALL_COMMAND(operation)                                                            \
   (((unsigned long)VORN_MODULE_ID << 32) | (unsigned long)(uint32_t)(operation))
 

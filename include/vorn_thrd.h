@@ -38,10 +38,13 @@ VORN_BEGIN_DECLS
 /* Bytes of each thread's alternate signal stack. */
 #define VORN_THRD_SIGSTACK_SIZE 65536u
 
-/* CPUs that a set for binding has room for; 64-bit words and bytes of such a set, whose bit n is
- * CPU n. */
+/* CPUs that a set for binding has room for. */
 #define VORN_THRD_CPU_COUNT 1024u
+
+/* 64-bit words of a set for binding, whose bit n is CPU n. */
 #define VORN_THRD_CPUSET_WORDS 16
+
+/* Bytes of a set for binding. */
 #define VORN_THRD_CPUSET_SIZE 128u
 
 /* The scheduling strategies, and vorn_thread_s::strategy while none has been applied. */
@@ -66,8 +69,10 @@ enum {
 /* A thread function. What it returns goes nowhere: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
-/* How many changes a trace holds, and return addresses of each. */
+/* How many changes a trace holds. */
 #define VORN_THRD_SWITCH_COUNT 3
+
+/* How many return addresses a trace holds of each change. */
 #define VORN_THRD_SWITCH_DEPTH 9
 
 /* A thread's change from one light-weight instance to another. */

@@ -42,19 +42,35 @@ typedef struct vorn_tspinlock {
   uint64_t owner;   /* the holder's kernel thread id; all ones when no thread holds it */
 } vorn_tspinlock_s;
 
-/* What vorn_tspinlock_s::magic holds from init to destroy, and from then on. */
+/* What vorn_tspinlock_s::magic holds from init to destroy. */
 #define VORN_TSPINLOCK_MAGIC 0xDEAD5EADu
+
+/* What vorn_tspinlock_s::magic holds from destroy on. */
 #define VORN_TSPINLOCK_DESTROYED 0x5EADDEADu
 
 /* A free lock, to initialise a variable with. */
 #define VORN_TSPINLOCK_INIT                                                                        \
   { 0, 0, VORN_TSPINLOCK_MAGIC, UINT32_MAX, UINT64_MAX }
 
-/* The operations on a vorn_tspinlock_s * in the caller's name. */
+/* Makes *lock a free lock, in the caller's name.
+ *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_init(lock) do_vorn_tspinlock_init((lock), __func__, __LINE__)
+
+/* Marks *lock as no lock any more, in the caller's name.
+ *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_destroy(lock) do_vorn_tspinlock_destroy((lock), __func__, __LINE__)
+
+/* Draws a number, waits until it is served and takes the lock, in the caller's name.
+ *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_lock(lock) do_vorn_tspinlock_lock((lock), __func__, __LINE__)
+
+/* Takes the lock if it is free now, in the caller's name. Never waits.
+ *   lock: the lock, a vorn_tspinlock_s *
+ * Returns 1 when taken, else 0. */
 #define vorn_tspinlock_trylock(lock) do_vorn_tspinlock_trylock((lock), __func__, __LINE__)
+
+/* Serves the next number, in the caller's name.
+ *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_unlock(lock) do_vorn_tspinlock_unlock((lock), __func__, __LINE__)
 
 /* Makes *lock a free lock, while no thread uses it. function and line name the caller, here and

@@ -65,7 +65,12 @@ typedef struct vorn_timer {
 /* In isp: a high-resolution timer that is pending. */
 #define VORN_TIMER_HR_PENDING 17u
 
-/* Sets a timer in the caller's name: vorn_timer_set_raw. */
+/* Sets a timer in the caller's name: vorn_timer_set_raw.
+ *   timer: the timer
+ *   timeOut: milliseconds, or nanoseconds for vorn_timer_add_ns
+ *   data: argument of func
+ *   func: function to call
+ * Returns what vorn_timer_set_raw returns. */
 #define vorn_timer_set(timer, timeOut, data, func)                                                 \
   vorn_timer_set_raw(timer, timeOut, data, func, __func__, __FILE__, __LINE__)
 

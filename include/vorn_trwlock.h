@@ -32,14 +32,38 @@ typedef struct vorn_trwlock {
 #define VORN_TRWLOCK_INIT                                                                          \
   { 0, 0, 0, 0 }
 
-/* The operations on a vorn_trwlock_s * in the caller's name. */
+/* Makes *lock a free lock, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_init(lock) do_vorn_trwlock_init((lock), __func__, __LINE__)
+
+/* Does nothing: a lock holds no resources.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_destroy(lock) do_vorn_trwlock_destroy((lock), __func__, __LINE__)
+
+/* Waits for the writers that asked before and takes the lock for reading, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_read_lock(lock) do_vorn_trwlock_read_lock((lock), __func__, __LINE__)
+
+/* Releases what was taken for reading, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_read_unlock(lock) do_vorn_trwlock_read_unlock((lock), __func__, __LINE__)
+
+/* Takes the lock for reading unless a writer holds it or waits for it, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s *
+ * Returns 1 when taken, else 0. */
 #define vorn_trwlock_read_trylock(lock) do_vorn_trwlock_read_trylock((lock), __func__, __LINE__)
+
+/* Waits for every thread that asked before and takes the lock for writing, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_write_lock(lock) do_vorn_trwlock_write_lock((lock), __func__, __LINE__)
+
+/* Releases what was taken for writing, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_write_unlock(lock) do_vorn_trwlock_write_unlock((lock), __func__, __LINE__)
+
+/* Takes the lock for writing unless another thread holds it or waits for it, in the caller's name.
+ *   lock: the lock, a vorn_trwlock_s *
+ * Returns 1 when taken, else 0. */
 #define vorn_trwlock_write_trylock(lock) do_vorn_trwlock_write_trylock((lock), __func__, __LINE__)
 
 /* Makes *lock a free lock, while no thread uses it. function and line name the caller, here and

@@ -227,7 +227,7 @@ def describe(declarations, text):
     """Gives each of the declarations what the comment above them says."""
     names = {name for one in declarations for name in one.parameters}
     for one in declarations:
-        one.comment = parse_comment(text, names, one.kind == "function")
+        one.comment = parse_comment(text, names, one.kind == "function" or bool(one.parameters))
         told = one.comment.parameters
         one.comment.parameters = {name: told[name] for name in one.parameters if name in told}
 
@@ -265,15 +265,18 @@ def parse(path):
         if not source:
             if not line.strip():
                 comment = ""
-            if not line.strip() or re.match(r'#(?!define \w+[( ])|VORN_(BEGIN|END)_DECLS|\}|extern "C"|struct \w+;', line):
+            if not line.strip() or re.match(r'#(?!define \w+[( ])|(#define )?VORN_(BEGIN|END)_DECLS|\}|extern "C"|struct \w+;', line):
                 continue
         source += line
         if is_whole(source):
+            one = declare(source)
+            section.declarations.append(one)
+            trailing = re.search(r"/\* (.*) \*/\n$", source)
             if comment:
-                one = declare(source)
                 open_ones.append(one)
-                section.declarations.append(one)
                 describe(open_ones, comment)
+            elif trailing:
+                describe([one], trailing[1][0].upper() + trailing[1][1:] + ".")
             source = ""
     return header
 
