@@ -25,7 +25,7 @@ VORN_API int cpuinfo_init(void);
 
 /* Stores the record of the process in the shared object, unless that holds a valid one by now.
  * Waits for other processes that are storing theirs. Logs an error when the object cannot be
- * locked. A step of cpuinfo_init. */
+ * locked. A step of cpuinfo_init; does nothing before that has succeeded. */
 VORN_API void save_cpuinfo_to_shm(void);
 
 /* Stores the number of packages in *out.

@@ -74,14 +74,14 @@ VORN_API void sysinfo_free_mem(void);
  *   fd: where the descriptor goes
  *   lock: where the range goes
  * Returns 0 with the file's descriptor in *fd and what was locked in *lock; -1 after an error
- * message when the file cannot be opened, any process, this one included, has the lock (EAGAIN), or
- * sysinfo_alloc_mem has not succeeded (ENXIO). */
+ * message when the file cannot be opened, any process, this one included, has the lock (EAGAIN),
+ * sysinfo_alloc_mem has not succeeded (ENXIO), or fd or lock is NULL. */
 VORN_API int sysinfo_lock(int *fd, vorn_file_lock_s *lock);
 
 /* Gives that lock back and closes fd.
  *   fd: descriptor that sysinfo_lock stored
  *   lock: range that sysinfo_lock stored
- * Returns 0; -1 when the system refuses. */
+ * Returns 0; -1 when the system refuses, or after an error message when lock is NULL. */
 VORN_API int sysinfo_unlock(int fd, const vorn_file_lock_s *lock);
 
 /* Takes one sample. For the process that holds the lock.

@@ -46,13 +46,6 @@ constexpr int kItems = 1000000;
 
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds{ms}); }
 
-template <class Condition> bool soon(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{8}; // a lost unit: 10
-  while (!condition() && std::chrono::steady_clock::now() < end)
-    std::this_thread::sleep_for(std::chrono::microseconds{200});
-  return condition();
-}
-
 // Also true while a worker takes an item: wait for the item's run as well.
 bool quiet() { return pool.queue.size() == 0 && pool.started == pool.finished; }
 

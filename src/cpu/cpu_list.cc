@@ -1,4 +1,4 @@
-// The items of CPU lists.
+// Parses the items of CPU lists.
 #include "cpu/cpu_list.hpp"
 
 #include <algorithm>
@@ -15,8 +15,9 @@ void skip_blanks(std::string_view &text) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
 }
 
-// Takes a number off the front of text; false, with *number untouched, when there is none.
+// Removes a number from the front of text. Returns false and leaves *number alone if there is none.
 bool take_number(std::string_view &text, unsigned int *number) {
+  if (text.starts_with('+')) text.remove_prefix(1);
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
   if (error == std::errc::invalid_argument) return false;
   if (error == std::errc::result_out_of_range) *number = UINT_MAX;

@@ -1,7 +1,7 @@
 // Loads the partitions from the product file, once.
 //
-// The load may wait for the script that makes that file. A fork() does not wait for it: a child
-// forgets what is not complete, and loads anew.
+// The load may wait for the script that makes that file. fork() does not wait for the load: a child
+// drops an incomplete table and loads anew.
 #define VORN_FILE "vorn_cpu.c"
 #include "cpu/partition_table.hpp"
 
@@ -25,7 +25,7 @@ constinit PartitionTable partition_table{{&partition_table.groups, &partition_ta
 
 namespace {
 
-constexpr char kLoad[] = "vorn_cpum_init"; // the function that its messages name
+constexpr char kLoad[] = "vorn_cpum_init"; // the function that log messages name
 
 constexpr char kProductFile[] = "/WRK/conf/app_data/kelp/product.ini";
 constexpr char kGenerator[] =
@@ -50,7 +50,8 @@ void show_node(vorn_list_head_s *node) {
            static_cast<void *>(node->next), static_cast<void *>(node->prev));
 }
 
-// A value "name:type:CPUs"; false when it has fewer fields. What does not fit into a name is cut.
+// Parses a value "name:type:CPUs". Returns false if it has fewer fields. Cuts a name that does not
+// fit.
 bool fill(Partition &partition, char *value) {
   char *type = std::strchr(value, ':');
   char *cpubind = type == nullptr ? nullptr : std::strchr(type + 1, ':');
@@ -108,7 +109,7 @@ int parse_file(const char *path) {
   return 0;
 }
 
-// The product file, made when it is missing; NULL when that fails.
+// Returns the product file, and has the script make it if it is missing; NULL if that fails.
 const char *product_file() {
   if (exists(kProductFile)) return kProductFile;
   const int result = vorn_system_s(kGenerator, nullptr);
@@ -117,7 +118,7 @@ const char *product_file() {
   return exists(kProductFile) ? kProductFile : nullptr;
 }
 
-// path, or the product file when it is NULL; NULL when there is no such file.
+// Returns path, or the product file if path is NULL; NULL if there is no such file.
 const char *existing_file(const char *path) {
   if (path == nullptr) return product_file();
   if (exists(path)) return path;

@@ -1,5 +1,5 @@
-// The partitions of the product file, in their groups. They are read without a lock: nothing
-// changes them after the load.
+// Holds the partitions of the product file, in their groups. Readers take no lock: the load is the
+// only writer.
 #ifndef VORN_CPU_PARTITION_TABLE_HPP
 #define VORN_CPU_PARTITION_TABLE_HPP
 
@@ -14,20 +14,20 @@ struct Partition : vorn_cpum_partition_s {
 struct Group {
   vorn_list_head_s link; // in the list of groups
   vorn_list_head_s partitions;
-  char name[VORN_CPUM_NAME_SIZE]; // of its section
+  char name[VORN_CPUM_NAME_SIZE]; // the name of its section
 };
 
-// The groups, in the order of the file, and how many partitions they have.
+// The groups, in the order of the file, and the number of their partitions.
 struct PartitionTable {
   vorn_list_head_s groups;
   unsigned int partition_count;
 };
 extern PartitionTable partition_table;
 
-// Whether the load is over, failed or not.
+// Returns whether the load has ended, failed or not.
 bool partitions_loaded();
 
-// The first partition for which test(group, partition) is true, NULL when there is none.
+// Returns the first partition for which test(group, partition) is true, or NULL.
 template <class Test> const Partition *find_partition(Test test) {
   const vorn_list_head_s *groups = &partition_table.groups;
   for (auto *at = vorn_list_first(groups); at != nullptr; at = vorn_list_next(groups, at)) {

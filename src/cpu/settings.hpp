@@ -1,4 +1,4 @@
-// Values of the registered INI files.
+// Reads values of the registered INI files.
 #ifndef VORN_CPU_SETTINGS_HPP
 #define VORN_CPU_SETTINGS_HPP
 
@@ -11,12 +11,12 @@ namespace vorn::cpu {
 
 using Value = char[256];
 
-// False when the item is missing or its value is longer.
+// Returns false if the item is missing or its value is longer.
 inline bool read_value(const char *section, const char *item, Value &value) {
   return vorn_cfg_getItemValue(section, item, value, sizeof value) == 0;
 }
 
-// A decimal number; -1 when the item is missing or the number no int.
+// Returns a decimal number; -1 if the item is missing or the number does not fit an int.
 inline int read_number(const char *section, const char *item) {
   Value value;
   if (!read_value(section, item, value)) return -1;

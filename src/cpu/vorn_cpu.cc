@@ -1,4 +1,4 @@
-// CPU partitions and what refers to them, and what the kernel module knows of a CPU.
+// Resolves CPU lists and partitions, and asks the kernel module about single CPUs.
 #include "vorn_cpu.h"
 
 #include <cstring>
@@ -39,7 +39,7 @@ struct Reference {
   }
 };
 
-// False when item is none. A name that no record can have needs no cut: it is not found.
+// Returns false if item is no reference. A name that is too long is not found.
 bool scan_reference(std::string_view item, Reference &reference) {
   const std::size_t slash = item.find('/');
   if (slash == 0 || slash == std::string_view::npos || slash + 1 == item.size()) return false;
@@ -48,94 +48,84 @@ bool scan_reference(std::string_view item, Reference &reference) {
   return true;
 }
 
-// The work of one call. Each partition is taken once, so that the work stays small however often
-// references meet again.
+// Resolves a list. Reads each partition's list only once, so that the work stays small even if many
+// lists refer to the same partitions.
 class Resolver {
 public:
   explicit Resolver(uint64_t *mask) : mask_(mask) {}
 
-  // A partition whose list is being read, and the one whose list refers to it.
-  struct Open {
-    const Partition &partition;
-    const Open *outer;
-    unsigned int depth;
-  };
-
-  // Whether an item was taken. outer is the partition whose list this is, NULL for the caller's.
-  bool take_list(std::string_view list, const Open *outer) {
+  // Returns whether an item was accepted.
+  bool take_list(std::string_view list) {
     bool taken = false;
     each_item(list, [&](std::string_view item) {
-      taken = take_item(item, outer) || taken;
+      taken = take_item(item) || taken;
       return true;
     });
     return taken;
   }
 
 private:
-  static constexpr unsigned int kMaxDepth = 128; // a list's frames, on any thread's stack
+  enum Progress : char { kUnread, kOpen, kRead };
 
-  bool take_item(std::string_view item, const Open *outer) {
+  static constexpr unsigned int kMaxDepth = 128; // bounds the stack of nested lists
+
+  bool take_item(std::string_view item) {
     Reference reference;
     if (vorn_cpum_init(nullptr) == 0 && scan_reference(item, reference))
-      return take_reference(reference, outer);
+      return take_reference(reference);
     const CpuRange range = scan_cpu_range(item);
     if (!is_range(range, item)) return false;
     add_cpus(range, VORN_CPUM_CPU_COUNT, mask_);
     return true;
   }
 
-  bool take_reference(const Reference &reference, const Open *outer) {
-    if (!remember_taken()) return false;
+  bool take_reference(const Reference &reference) {
+    if (!make_progress()) return false;
     each_partition([&](const Group &group, const Partition &partition) {
-      if (reference.means(group, partition)) take_partition(group, partition, outer);
+      if (reference.means(group, partition)) take_partition(group, partition);
     });
     return true;
   }
 
-  void take_partition(const Group &group, const Partition &partition, const Open *outer) {
-    const unsigned int depth = outer == nullptr ? 1 : outer->depth + 1;
-    if (is_open(partition, outer)) {
-      report(group, partition, "refers to itself");
-    } else if (depth > kMaxDepth) {
-      report(group, partition, "is referred to too deeply");
-    } else if (vorn_test_and_set_bit(partition.index, taken_.get()) == 0) {
-      const Open open{partition, outer, depth};
-      take_list(partition.cpubind, &open);
-    }
+  void take_partition(const Group &group, const Partition &partition) {
+    char &progress = progress_.get()[partition.index];
+    if (progress == kRead) return;
+    if (progress == kOpen) return report(group, partition, "refers to itself");
+    if (depth_ == kMaxDepth) return report(group, partition, "is referred to too deeply");
+    progress = kOpen;
+    ++depth_;
+    take_list(partition.cpubind);
+    --depth_;
+    progress = kRead;
   }
 
-  static bool is_open(const Partition &partition, const Open *open) {
-    while (open != nullptr && &open->partition != &partition)
-      open = open->outer;
-    return open != nullptr;
-  }
-
-  // Once for a call: lists that refer to each other do so many times.
+  // Logged once per call: lists that refer to each other would repeat it.
   void report(const Group &group, const Partition &partition, const char *why) {
     if (reported_) return;
     reported_ = true;
     VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s %s.", group.name, partition.name, why);
   }
 
-  // Makes the bits of the partitions that were taken. False after an error message.
-  bool remember_taken() {
-    if (taken_ != nullptr) return true;
-    const std::size_t size = partition_table.partition_count / 8 + 1;
-    taken_ = mem::allocate_block(size, kParser);
-    if (taken_ == nullptr) return false;
-    std::memset(taken_.get(), 0, size);
+  // Marks every partition as unread, at the first reference. Returns false after an error message.
+  bool make_progress() {
+    if (progress_ != nullptr) return true;
+    const std::size_t size = std::size_t{partition_table.partition_count} + 1; // never 0
+    progress_.reset(static_cast<char *>(mem::allocate_quietly(size, kParser)));
+    if (progress_ == nullptr) return VORN_FAIL_AS(kParser, false, "Malloc for partitions fail");
+    std::memset(progress_.get(), kUnread, size);
     return true;
   }
 
   uint64_t *mask_;
-  mem::Block taken_;
+  mem::Block progress_; // indexed by partition
+  unsigned int depth_ = 0;
   bool reported_ = false;
 };
 
 // The first two CPUs of a list that begins with a range of three or more.
 void clear_head(const char *cpubind, uint64_t *mask) {
   const CpuRange range = scan_cpu_range(cpubind);
-  if (range.numbers != 2 || range.start > range.end || range.end - range.start < 2) return;
+  if (range.reversed() || range.end - range.start < 2) return;
   for (unsigned int cpu = range.start; cpu < range.start + 2 && cpu <= kLastClearedCpu; ++cpu)
     vorn_clear_bit(cpu, mask);
 }
@@ -156,7 +146,7 @@ const vorn_cpum_partition_s *vorn_cpum_get_partition(const char *group, const ch
 
 int vorn_cpum_parse_cpumask(const char *text, uint64_t *mask) {
   if (text == nullptr || mask == nullptr) return -1;
-  return Resolver(mask).take_list(text, nullptr) ? 0 : -1;
+  return Resolver(mask).take_list(text) ? 0 : -1;
 }
 
 int vorn_cpum_clear_cpumask_of_iod_poll(uint64_t *mask) {

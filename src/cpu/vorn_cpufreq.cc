@@ -1,4 +1,4 @@
-// The CPUs' frequencies: what the system offers, and requests that pass to the kernel module.
+// Reads the frequencies that the system offers, and passes requests to the kernel module.
 #include "vorn_cpufreq.h"
 
 #include <cstdio>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kPolicyRoot[] = "/sys/devices/system/cpu/cpufreq";
 
-// The frequency in kHz that an attribute of a policy holds; false when it cannot be read.
+// Reads the frequency in kHz of an attribute of a policy. Returns false if it cannot.
 bool read_khz(const char *policy, const char *attribute, unsigned long *khz) {
   char path[512];
   if (snprintf_s(path, sizeof path, sizeof path - 1, "%s/%s/%s", kPolicyRoot, policy, attribute) <

@@ -1,7 +1,7 @@
-// The NUMA nodes and the process's share of them: the load, and the answers.
+// Loads the NUMA nodes and the process's share of them, and answers queries.
 //
-// Nodes are appended under the lock of the load and never removed. The getters follow the list
-// without it: a link is stored with release after its node was filled, and loaded with acquire.
+// The load appends nodes under its lock and never removes them. The getters follow the list without
+// the lock: a link is stored with release after its node is filled, and loaded with acquire.
 #include "vorn_numa.h"
 
 #include <atomic>
@@ -32,13 +32,13 @@ constexpr char kDefaultFile[] = "/opt/tessera/MorrowNumaConfiguration.ini";
 constexpr char kNodes[] = "NUMA_PARTITION";
 constexpr char kProcess[] = "PROC_PARTITION";
 
-// Single words that order nothing.
+// Single words, relaxed: they publish no other data.
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
 struct Node {
   vorn_list_head_s link;
   std::uint32_t id;
-  std::atomic<std::uint32_t> used; // by the process
+  std::atomic<std::uint32_t> used; // 1 if the process uses the node
   char cpus[sizeof(Value)];
 };
 
@@ -63,7 +63,7 @@ void show_node(vorn_list_head_s *node) {
            static_cast<void *>(node->prev));
 }
 
-// The first node of that id; NULL after an error message.
+// Returns the first node with that id; NULL after an error message.
 const Node *find_node(const char *function, std::uint32_t id) {
   const Node *node = next_node(&nodes);
   while (node != nullptr && node->id != id)

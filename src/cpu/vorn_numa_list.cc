@@ -1,4 +1,4 @@
-// The lists of CPUs that NUMA nodes have.
+// Parses the CPU lists of NUMA nodes.
 #define VORN_FILE "vorn_numa.c"
 #include <string_view>
 

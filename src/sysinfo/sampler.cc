@@ -1,10 +1,11 @@
-// The sampling of the CPUs: the shared figures, the election of the process that samples, its
-// thread, and the samples.
+// Samples the CPUs: the shared figures, the election of the sampling process, its thread, and the
+// samples.
 //
-// The lock is the process's and lost when the process closes any descriptor of the file. So the
+// The lock belongs to the process, which loses it when it closes any descriptor of the file. So the
 // figures are mapped once, before the lock is taken, and a process that has the lock does not open
-// the file again, whatever becomes of sysinfo_init.
+// the file again, even if sysinfo_init runs again.
 #define VORN_FILE "vorn_sysinfo.c"
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <fcntl.h>
@@ -46,14 +47,14 @@ constexpr std::size_t kLineSize = 512;
 constinit Once initialised{OncePolicy::kRetry};
 constinit Once attached{OncePolicy::kRetry};
 
-// The process's part in the election. Under the mutex, so that no thread opens the file while
-// another gets the lock, and a start finds either a candidate that has not asked yet or the
+// The part of the process in the election. Guarded by a mutex, so that no thread opens the file
+// while another takes the lock, and a start finds either a candidate that has not yet tried or the
 // outcome.
 constinit Mutex election;
-bool candidate;   // a thread that has not asked for the lock yet
-int held_fd = -1; // the file, while the process has the lock
+bool candidate;   // a thread will try to take the lock
+int held_fd = -1; // the file while the process has the lock, else -1
 
-// A child has neither the thread nor the lock.
+// A child of fork() has neither the thread nor the lock.
 const ForkChild forget_election{[] {
   candidate = false;
   const UniqueFd inherited(held_fd);
@@ -66,7 +67,8 @@ template <class Slot> bool map(Slots<Slot> &slots, const char *object, std::uint
   if (slots.load(std::memory_order_relaxed) != nullptr) return true;
   const std::size_t size = count * sizeof(Slot);
   void *address = vorn_shm_create_ext(object, O_CREAT | O_EXCL | O_RDWR, kObjectMode, size);
-  if (address == nullptr) address = vorn_shm_create_ext(object, O_RDWR, kObjectMode, size);
+  if (address == nullptr && errno == EEXIST)
+    address = vorn_shm_create_ext(object, O_RDWR, kObjectMode, size);
   slots.store(static_cast<Slot *>(address), std::memory_order_release);
   return address != nullptr;
 }
@@ -94,7 +96,7 @@ bool sampling_wanted() {
   return result != 0 || vorn_str_tou64(value) != 0;
 }
 
-// False where the process samples already, or is about to.
+// Returns false if the process samples already, or is about to.
 bool become_candidate() {
   const MutexGuard hold{election};
   if (candidate || held_fd >= 0) return false;
@@ -123,8 +125,8 @@ struct Ticks {
   std::uint64_t total = 0;
 };
 
-// Takes a number off the front of text, with the blanks before it; one that is too large becomes
-// the largest, where sscanf(3) would let a CPU's number wrap to another's.
+// Removes a number, and the blanks before it, from the front of text. A number that is too large
+// becomes the largest one; with sscanf(3) it would wrap to the number of another CPU.
 bool take_number(std::string_view &text, std::uint64_t *number) {
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
@@ -140,7 +142,7 @@ bool take_name(std::string_view &text) {
   return true;
 }
 
-// User, nice, system, idle, and where the system has them iowait, irq and softirq.
+// Reads user, nice, system, idle and, if the system has them, iowait, irq and softirq.
 bool take_ticks(std::string_view text, Ticks *ticks) {
   constexpr int kValues = 7;
   constexpr int kIdle = 3;
@@ -153,15 +155,16 @@ bool take_ticks(std::string_view text, Ticks *ticks) {
   return count > kIdle;
 }
 
-// Relaxed: a slot is a figure of its own, which one thread of the machine writes.
+// Relaxed: a slot publishes no other data, and one thread of the machine writes it.
 void update(std::uint32_t slot, const Ticks &now) {
   const auto idle = atomic_word(last_idle.load(std::memory_order_relaxed)[slot]);
   const auto total = atomic_word(last_total.load(std::memory_order_relaxed)[slot]);
   const std::uint64_t elapsed = now.total - total.load(std::memory_order_relaxed);
-  if (elapsed == 0) return;
-  const std::uint64_t busy = elapsed + (idle.load(std::memory_order_relaxed) - now.idle);
-  atomic_word(usage_percent.load(std::memory_order_relaxed)[slot])
-      .store(static_cast<std::uint32_t>(busy * 100 / elapsed), std::memory_order_relaxed);
+  if (elapsed != 0) {
+    const std::uint64_t busy = elapsed + (idle.load(std::memory_order_relaxed) - now.idle);
+    atomic_word(usage_percent.load(std::memory_order_relaxed)[slot])
+        .store(static_cast<std::uint32_t>(busy * 100 / elapsed), std::memory_order_relaxed);
+  }
   idle.store(now.idle, std::memory_order_relaxed);
   total.store(now.total, std::memory_order_relaxed);
 }
@@ -197,6 +200,7 @@ int sysinfo_alloc_mem() { return attached.run(attach); }
 void sysinfo_free_mem() {}
 
 int sysinfo_lock(int *fd, vorn_file_lock_s *lock) {
+  if (fd == nullptr || lock == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   const vorn::MutexGuard hold{election};
   candidate = false;
   *lock = {VORN_FILE_LOCK_WRITE | VORN_FILE_LOCK_NO_WAIT, 0, 0};
@@ -213,6 +217,7 @@ int sysinfo_lock(int *fd, vorn_file_lock_s *lock) {
 }
 
 int sysinfo_unlock(int fd, const vorn_file_lock_s *lock) {
+  if (lock == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   const vorn::MutexGuard hold{election};
   const vorn::UniqueFd file(fd);
   if (fd == held_fd) held_fd = -1;
@@ -235,7 +240,7 @@ int sysinfo_update_all_cpu_usage() {
 }
 
 void *sysinfo_calc_cpu_usage_thrd(void *) {
-  const vorn::CancellationOff off; // a thread that is gone would leave the lock
+  const vorn::CancellationOff off; // a cancelled thread would leave the lock held
   vorn_set_process_name(kThreadName);
   int fd = -1;
   vorn_file_lock_s lock{};

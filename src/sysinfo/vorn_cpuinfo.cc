@@ -1,4 +1,5 @@
-// The machine's packages, CPUs, nodes and model, and the record that its processes share.
+// Counts the machine's packages, CPUs and nodes, finds its model, and shares them with all
+// processes.
 #include "vorn_cpuinfo.h"
 
 #include <cerrno>
@@ -36,11 +37,11 @@ constexpr char kCpuCommand[] =
     "cat /proc/cpuinfo | grep 'processor' | awk '{print $NF}' | sort | uniq | wc -l";
 constexpr char kWhitelist[] = "|$";
 
-// What the processes of the machine share, in the host's byte order.
+// The record that the processes of the machine share, in host byte order.
 constexpr std::uint32_t kMagic = 0x33464453; // "SDF3"
 struct Record {
   std::uint32_t magic;
-  std::uint32_t crc; // of the whole record with 0 here
+  std::uint32_t crc; // of the whole record, with 0 in this field
   std::uint32_t packages;
   std::uint32_t cpus;
   std::uint64_t reserved[8]; // each the magic value
@@ -55,16 +56,16 @@ struct Machine {
   char model[VORN_CPUMODEL_SIZE] = {};
 };
 
-// Written by the step of the flag alone, which is not run again once it has succeeded.
+// Written only by the once-step, which does not run again after a success.
 constinit Once found{OncePolicy::kRetry};
 constinit Machine machine;
 constinit Machine unknown;
 
 constinit Record own_record{};
 
-// The shared record, mapped once; NULL where it cannot be had.
+// The shared record, mapped once; NULL if that failed.
 constinit Record *shared_record = nullptr;
-bool may_store = false; // the object was made, or could have been, by this process
+bool may_store = false; // this process created the object, or was the first that could have
 
 const Machine &known_machine() { return found.done() ? machine : unknown; }
 
@@ -75,15 +76,15 @@ std::uint32_t crc_of(Record record) {
   return vorn_crc32c(&record, sizeof record);
 }
 
-// Whether the shared record holds; it is in *record then. The object may be shorter, or be written
-// at the moment: what is torn has a wrong CRC.
+// Reads the shared record. Returns whether it is valid. The object may be too short, or another
+// process may be writing it: a torn record has a wrong CRC.
 bool take_shared(Record *record) {
   const auto address = reinterpret_cast<std::uintptr_t>(shared_record);
   return copy_foreign(address, record, sizeof *record) && record->crc == crc_of(*record) &&
          record->magic == kMagic;
 }
 
-// Word by word: other processes read meanwhile.
+// Written word by word: other processes read meanwhile.
 void put_shared(const Record &record) {
   std::uint32_t words[kWords];
   std::memcpy(words, &record, sizeof record);
@@ -96,16 +97,16 @@ void create_cpuinfo_shm() {
   if (shared_record != nullptr) return;
   const mode_t before = umask(0);
   void *address = vorn_shm_create_ext(kObject, O_RDWR | O_CREAT, kObjectMode, sizeof(Record));
+  umask(before);
   may_store = address != nullptr;
   if (address == nullptr) address = vorn_shm_create_ext(kObject, 0, kObjectMode, sizeof(Record));
   if (address == nullptr) VORN_LOG(kError, "Reopen cpuinfo shm failed, errno = %d", errno);
-  umask(before);
   shared_record = static_cast<Record *>(address);
 }
 
-// Processes that start at once wait a while for the first of them, so that it alone runs the tools.
-// The lock goes when the process next closes the file, which is when the record is stored. True
-// when the record is there.
+// Processes that start at the same time wait for the first of them, for a limited time, so that
+// only one runs the tools. The lock ends when the process next closes the file, which is after it
+// has stored the record. Returns true if the record is valid.
 bool wait_for_other_process(const UniqueFd &file, Record *record) {
   constexpr vorn_file_lock_s kTurn{VORN_FILE_LOCK_WRITE | VORN_FILE_LOCK_NO_WAIT, 0, 0};
   constexpr int kPatience = 1000; // ms
@@ -121,7 +122,7 @@ bool wait_for_other_process(const UniqueFd &file, Record *record) {
 
 // --- The machine ---
 
-// Not below 1: the nodes of the machine; -1 after a message.
+// Returns the number of nodes, at least 1, or -1 after a log message.
 int get_numa_num() {
   const Stream stream = sys::open_stream(kNodeFile);
   if (stream == nullptr) return VORN_FAIL(-1, "Open filename %s failed.", kNodeFile);
@@ -129,7 +130,7 @@ int get_numa_num() {
   if (sys::read_line(line, sizeof line, stream) == nullptr)
     return VORN_FAIL(-1, "Get filename %s failed.", kNodeFile);
   long first = 0;
-  long last = 0; // longs, so that no large number wraps to a small one
+  long last = 0; // a long, so that no large number wraps to a small one
   if (std::sscanf(line, "%ld-%ld", &first, &last) >= 1 && last >= 0 && last < INT_MAX)
     return static_cast<int>(last) + 1;
   VORN_LOG_RATELIMITED(kError, "secure function sscanf_s failed.");
@@ -194,22 +195,41 @@ int get_cpuinfo_from_os(Record *record) {
   return 0;
 }
 
-int get_record(Record *record) {
+// Does nothing if this process may not store the record.
+void store() {
+  constexpr char kFunction[] = "save_cpuinfo_to_shm";
+  if (!may_store) return;
+  const UniqueFd file = sys::open(kObjectFile, O_RDONLY | O_CREAT, kObjectMode);
+  if (!file) {
+    VORN_LOG_AS(kFunction, kError, "Open cpuinfo flock_fd failed, errno = %d", errno);
+    return;
+  }
+  if (sys::uninterrupted([&] { return flock(file.get(), LOCK_EX); }) != 0) {
+    VORN_LOG_AS(kFunction, kError, "lock file failed, errno=%d.", errno);
+    return;
+  }
+  Record other;
+  if (!take_shared(&other)) put_shared(own_record);
+  if (flock(file.get(), LOCK_UN) != 0)
+    VORN_LOG_AS(kFunction, kError, "fcntl SETLK failed, errno=%d", errno);
+}
+
+int get_record() {
   create_cpuinfo_shm();
   if (shared_record == nullptr) {
     VORN_LOG_AS("cpuinfo_init", kError, "Create cpuinfo shm failed, load by system.");
-    return get_cpuinfo_from_os(record);
+    return get_cpuinfo_from_os(&own_record);
   }
-  if (take_shared(record)) return 0;
+  if (take_shared(&own_record)) return 0;
   const UniqueFd file = may_store ? sys::open(kObjectFile, O_RDWR) : UniqueFd();
-  if (wait_for_other_process(file, record)) return 0;
+  if (wait_for_other_process(file, &own_record)) return 0;
   VORN_LOG_AS("cpuinfo_init", kInfo, "cpu info in shm is incorrect or first, load by system.");
-  if (get_cpuinfo_from_os(record) != 0) return -1;
-  if (may_store) save_cpuinfo_to_shm();
+  if (get_cpuinfo_from_os(&own_record) != 0) return -1;
+  store();
   return 0;
 }
 
-// Firmware may report more packages than there are nodes; the shared record keeps what it reports.
+// Firmware may report more packages than nodes; the shared record keeps the reported number.
 void count_nodes(std::uint32_t nodes) {
   machine.packages = own_record.packages;
   machine.cpus = own_record.cpus;
@@ -230,7 +250,7 @@ int find() {
   const int model = get_cpumodel_info();
   if (model != 0) return VORN_FAIL_AS(kFunction, -1, "Get cpumodel failed, ret is %d", model);
   vorn_crc32_init();
-  if (get_record(&own_record) != 0) return -1;
+  if (get_record() != 0) return -1;
   count_nodes(static_cast<std::uint32_t>(nodes));
   return 0;
 }
@@ -249,20 +269,7 @@ using namespace vorn::sysinfo;
 int cpuinfo_init() { return found.run(find); }
 
 void save_cpuinfo_to_shm() {
-  if (shared_record == nullptr || !may_store) return;
-  const vorn::UniqueFd file = vorn::sys::open(kObjectFile, O_RDONLY | O_CREAT, kObjectMode);
-  if (!file) {
-    VORN_LOG(vorn::kError, "Open cpuinfo flock_fd failed, errno = %d", errno);
-    return;
-  }
-  if (vorn::sys::uninterrupted([&] { return flock(file.get(), LOCK_EX); }) != 0) {
-    VORN_LOG(vorn::kError, "lock file failed, errno=%d.", errno);
-    return;
-  }
-  Record other;
-  if (!take_shared(&other)) put_shared(own_record);
-  if (flock(file.get(), LOCK_UN) != 0)
-    VORN_LOG(vorn::kError, "fcntl SETLK failed, errno=%d", errno);
+  if (found.done()) store(); // before that, another thread may be filling the record
 }
 
 int vorn_get_phycpu_num(uint32_t *out) { return give(__func__, out, known_machine().packages); }

@@ -1,4 +1,4 @@
-// Counts of CPUs, and what is read of the shared figures and of the memory.
+// Reads the shared figures, the counts of CPUs and the use of memory.
 #include "vorn_sysinfo.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint32_t kCacheLine = 128;
 constexpr std::uint32_t kUnknown = 0xFFFFFFFF;
 
-// Two threads that find one not known yet ask the same question twice.
+// Two threads that find a count unknown both read it.
 constinit std::atomic<uint32_t> online_cpus{0};
 constinit std::atomic<uint32_t> present_cpus{0};
 constinit std::atomic<uint32_t> cache_line{kUnknown};

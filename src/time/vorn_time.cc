@@ -1,3 +1,4 @@
+// Starts the time base and reads it.
 #include "vorn_time.h"
 
 #include <atomic>
@@ -21,8 +22,8 @@ constexpr double kNominalGHz = 2.6;
 
 constinit Once start{OncePolicy::kRetry};
 
-// Written by the start alone. Readers take it relaxed: 0 and the value are both right readings, and
-// nothing else is published with it.
+// Written only by the start. Relaxed: readers may see 0 or the value, and it publishes no other
+// data.
 constinit std::atomic<std::uint64_t> multiplier{0};
 
 std::uint64_t raw_monotonic() {
@@ -33,13 +34,14 @@ std::uint64_t raw_monotonic() {
 
 void set_cpu_ghz(double value) { atomic_word(currCpuGHz).store(value, std::memory_order_relaxed); }
 
-// The first line that the command prints; empty when it prints none. False when it cannot be run.
+// Reads the first line that the command prints, empty if it prints none. Returns false if the
+// command cannot run.
 template <int kSize>
 bool read_first_line(const char *command, const char *whitelist, char (&line)[kSize]) {
   return fileops::first_line(command, whitelist, line, kSize) != fileops::FirstLine::kNotRun;
 }
 
-// The number that text begins with, whatever the caller's locale calls a decimal point.
+// Returns the number that text begins with, for any locale of the caller.
 double leading_number(const char *text) {
   const locale_t c_locale = newlocale(LC_NUMERIC_MASK, "C", nullptr);
   const double value = strtod_l(text, nullptr, c_locale);

@@ -1,4 +1,4 @@
-// Private parts of the time module.
+// Declares the private parts of the time module.
 #ifndef VORN_TIME_HPP
 #define VORN_TIME_HPP
 
@@ -6,7 +6,7 @@
 
 namespace vorn::time {
 
-// A frequency in Hz to the nearest multiple of 10 MHz; a tie goes up.
+// Rounds a frequency in Hz to the nearest multiple of 10 MHz; a tie goes up.
 constexpr std::uint64_t round_frequency(std::uint64_t frequency) {
   constexpr std::uint64_t kStep = 10000000;
   const std::uint64_t lower = frequency - frequency % kStep;
@@ -14,7 +14,7 @@ constexpr std::uint64_t round_frequency(std::uint64_t frequency) {
   return upper - frequency > frequency - lower ? lower : upper;
 }
 
-// Whole nanoseconds of a counter tick; 0 for a frequency of 0.
+// Returns the whole nanoseconds of a counter tick; 0 for a frequency of 0.
 constexpr std::uint64_t tick_nanoseconds(std::uint64_t frequency) {
   return frequency == 0 ? 0 : 1000000000 / frequency;
 }

@@ -1,4 +1,5 @@
-// The time of day, local time and daylight-saving time: the kernel module's, or else the system's.
+// Returns the time of day, local time and daylight-saving time of the kernel module, or else of the
+// system.
 #include "time/vorn_time_local.hpp"
 
 #include <cerrno>
@@ -16,8 +17,8 @@ namespace {
 constinit Mutex zone_mutex;
 constinit char zone_name[VORN_TIME_ZONE_NAME_LENGTH + 1] = {};
 
-// True where there is a kernel module; *result is its answer, of 32 bits. One that is -1 in these
-// alone is a module's, and errno says nothing of it.
+// Returns true if there is a kernel module; *result is its 32-bit answer. An answer whose low 32
+// bits alone are -1 comes from a module, and errno does not apply to it.
 template <class... Arguments>
 bool ask_module(int *result, unsigned int operation, Arguments... arguments) {
   const long answer = kernel_call(operation, arguments...);
@@ -45,8 +46,8 @@ void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]) {
   std::memcpy(out, zone_name, sizeof out);
 }
 
-// The C library has a lock on the zone that a child of fork() does not find free: the library's own
-// keeps fork() off meanwhile.
+// The C library's lock of the zone may be held in a child of fork(). The library's own mutex around
+// it makes fork() wait.
 void reread_zone() {
   const MutexGuard hold{zone_mutex};
   tzset();

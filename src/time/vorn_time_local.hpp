@@ -1,4 +1,4 @@
-// The zone of the process.
+// Declares the zone of the process.
 #ifndef VORN_TIME_LOCAL_HPP
 #define VORN_TIME_LOCAL_HPP
 
@@ -8,13 +8,13 @@
 
 namespace vorn::time {
 
-// The name that vorn_time_zone_name_set keeps, with its NUL; empty at the start.
+// The name that vorn_time_zone_name_set stores, with its NUL; initially empty.
 void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]);
 
-// Has the C library look whether the system's zone was changed: tzset(3).
+// Calls tzset(3), which reads the system's zone again.
 void reread_zone();
 
-// The local time in the system's zone as it is by now. False, with errno, where it does not reach.
+// Converts to local time in the system's present zone. Returns false with errno on overflow.
 bool local_time(time_t time, tm *local);
 
 } // namespace vorn::time

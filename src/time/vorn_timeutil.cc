@@ -1,4 +1,4 @@
-// The zone's transitions, from what zdump prints to the table that the kernel module takes.
+// Turns the output of zdump into the table of transitions that the kernel module takes.
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -30,16 +30,16 @@ constexpr std::size_t kLineSize = 128;
 
 constexpr std::int64_t kLastInstant = 2145916799; // the end of the year 2037
 
-// What the kernel module takes, in the host's byte order.
+// The request to the kernel module, in host byte order.
 struct Transition {
   std::int64_t instant; // seconds since 1970 UTC
-  std::int32_t offset;  // from that instant on, from UTC in seconds
+  std::int32_t offset;  // seconds from UTC, from that instant on
   std::uint32_t reserved;
 };
 struct Table {
   std::uint32_t count;
   std::uint32_t no_transitions;
-  std::int64_t offset; // where there are none
+  std::int64_t offset; // if there is no transition
   Transition transitions[544];
 };
 static_assert(sizeof(Table) == 8720 && offsetof(Table, transitions) == 16);
@@ -55,7 +55,7 @@ bool set_date(tm *time, const char *month, int year) {
   return true;
 }
 
-// A line ends a second before a transition or begins one.
+// A line describes the second before a transition or its first second.
 bool add_second(tm *time) {
   const time_t later = timegm(time) + 1;
   return gmtime_r(&later, time) != nullptr;
@@ -63,7 +63,7 @@ bool add_second(tm *time) {
 
 // --- The dump ---
 
-// Where the dump of a zone is kept: beside the folder, each further "/" being "_".
+// Returns the path of the dump of a zone: beside the folder, with "_" for each further "/".
 bool dump_path(const char *name, char (&path)[kPathSize]) {
   const int length = snprintf_s(path, sizeof path, sizeof path - 1, "%s/%s", kDumpFolder, name);
   if (length < 0)
@@ -74,7 +74,7 @@ bool dump_path(const char *name, char (&path)[kPathSize]) {
   return true;
 }
 
-// The dump gets its name when it is complete: a tool that failed leaves nothing to be used again.
+// Renames the dump when it is complete: a failed tool leaves no file that is used again.
 void run_zdump(const char *function, const char *name, const char *path) {
   char part[kPathSize + 16];
   char command[2 * kPathSize];
@@ -92,7 +92,7 @@ void run_zdump(const char *function, const char *name, const char *path) {
   unlink(part);
 }
 
-// False where no dump can be had; otherwise its path, whether or not there is one.
+// Returns false if no dump can be made. Otherwise sets its path.
 bool zdump_timezone(const char *name, char (&path)[kPathSize]) {
   if (isDangerousCmd(name, nullptr) != 0)
     return VORN_FAIL(false, "Param error: timezone_name(%s) is dangerous.", name);
@@ -104,7 +104,8 @@ bool zdump_timezone(const char *name, char (&path)[kPathSize]) {
 
 // --- The table ---
 
-// Adds what a line tells, unless the offset stays. All before 1970 is one entry, the last of it.
+// Adds the entry of a line, unless the offset stays. The lines before 1970 become one entry, the
+// last.
 void add(Table &table, vorn_dst_line_s &line) {
   Transition *last = table.count == 0 ? nullptr : &table.transitions[table.count - 1];
   if (last != nullptr && last->offset == line.offset) return;
@@ -119,7 +120,7 @@ bool is_complete(const Table &table) {
          (table.count != 0 && table.transitions[table.count - 1].instant > kLastInstant);
 }
 
-// False when a line cannot be understood.
+// Returns false if a line cannot be parsed.
 bool read_timezone_file(const char *path, Table &table) {
   const UniqueFd file = sys::open(path, O_RDONLY);
   char text[kLineSize];
@@ -178,7 +179,7 @@ int sync_timezone_to_kernel() {
 int read_dst_line(const char *line, vorn_dst_line_s *out) {
   if (line == nullptr || out == nullptr) return VORN_FAIL(-1, "Parameter is null.");
   *out = {};
-  char word[6][64]; // zone, weekday, "UT" and weekday are not looked at
+  char word[6][64]; // zone, weekday, "UT" and weekday are ignored
   tm &utc = out->utc;
   tm &local = out->local;
   int utc_year = 0;

@@ -1,4 +1,4 @@
-// The node's time zone: set and read through the system's tools and files or the node's script.
+// Sets and reads the node's time zone by the system's tools and files or the node's script.
 #include "vorn_timezone.h"
 
 #include <cerrno>
@@ -38,7 +38,8 @@ bool is_file(const char *path) {
   return stat(path, &file) == 0 && S_ISREG(file.st_mode);
 }
 
-// Writes a command and runs it. False, without a run, when it does not fit: *length is negative.
+// Formats a command and runs it. If it does not fit, returns false, with a negative *length, and
+// does not run it.
 bool run(int *result, int *length, const char *whitelist, const char *format, ...)
     VORN_PRINTF(4, 5);
 
@@ -75,7 +76,7 @@ int set_link(const char *name) {
   return 0;
 }
 
-// Writes the text as a format without arguments does.
+// Copies the text as a format without arguments does.
 bool write_formatted(char *out, std::size_t size, std::string_view text) {
   std::size_t length = 0;
   for (std::size_t at = 0; at < text.size(); ++at) {
@@ -87,7 +88,8 @@ bool write_formatted(char *out, std::size_t size, std::string_view text) {
   return true;
 }
 
-// Reads up to size bytes of what the command prints; negative when it cannot be run.
+// Reads up to size bytes of the command's output. Returns a negative number if the command cannot
+// run.
 ssize_t read_output(const char *command, const char *whitelist, char *out, std::size_t size) {
   FILE *stream = vorn_popen_s(command, "r", whitelist);
   if (stream == nullptr) return -1;
@@ -106,7 +108,7 @@ bool is_refused(const char *function, const char *name, std::uint32_t size) {
   return VORN_FAIL_AS(function, true, "Parameter is null.");
 }
 
-// What stands between the first and the last quote; false where there are not two.
+// Returns the text between the first and the last quote; false if there are not two quotes.
 bool quoted(char *line, const char **text) {
   char *first = std::strchr(line, '"');
   char *last = std::strrchr(line, '"');
@@ -170,7 +172,7 @@ int vorn_zonename_get_by_timedatectl(char *name, uint32_t size) {
   const ssize_t length = read_output(kNameCommand, "$|", name, size);
   if (length < 0) return VORN_FAIL(-1, "Timedatectl may not be installed on this env.");
   if (length == 0) return VORN_FAIL(-1, "Result of Timedatectl is null.");
-  name[length - 1] = '\0'; // the line feed, or what a full buffer has no room for
+  name[length - 1] = '\0'; // removes the line feed, or the last byte of a full buffer
   if (name[0] == '\0') return VORN_FAIL(-1, "Timedatectl return null.");
   return 0;
 }

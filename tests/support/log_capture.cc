@@ -83,6 +83,13 @@ std::vector<std::string> take_lines() {
   return lines;
 }
 
+std::string outcome(int result) {
+  std::string text = std::to_string(result);
+  for (const std::string &line : take_lines())
+    text += "; " + line;
+  return text;
+}
+
 void set_level(int level) { wanted_level = level; }
 
 } // namespace capture

@@ -26,6 +26,9 @@ std::vector<Record> take();
 // Returns only the texts; those of errors begin with "E ", those of warnings with "W ".
 std::vector<std::string> take_lines();
 
+// Returns a result and what was logged before it: "-1; E Parameter is null.".
+std::string outcome(int result);
+
 // Sets the highest level that passes the level check; initially 7, all levels.
 void set_level(int level);
 

@@ -71,6 +71,11 @@ void write_file(const std::string &path, const std::string &content) {
   std::ofstream(path, std::ios::binary) << content;
 }
 
+void write_program(const std::string &path, const std::string &commands) {
+  write_file(path, "#!/bin/sh\n" + commands + "\n");
+  fs::permissions(path, fs::perms(0755));
+}
+
 std::string read_file(const std::string &path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};

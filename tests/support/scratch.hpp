@@ -21,8 +21,9 @@ private:
   std::string path_;
 };
 
-void write_file(const std::string &path,
-                const std::string &content); // also creates missing directories
+// Both also create missing directories. A program is a script of the shell.
+void write_file(const std::string &path, const std::string &content);
+void write_program(const std::string &path, const std::string &commands);
 std::string read_file(const std::string &path);
 
 // Returns the lowest free descriptor: a leak raises it.

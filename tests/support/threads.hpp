@@ -1,7 +1,8 @@
-// Runs the same function in several threads.
+// Runs the same function in several threads, and waits for what other threads and processes do.
 #ifndef VORN_TESTS_THREADS_HPP
 #define VORN_TESTS_THREADS_HPP
 
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -12,6 +13,14 @@ template <class Body> void run_threads(int count, Body body) {
     threads.emplace_back([&body, thread] { body(thread); });
   for (std::thread &thread : threads)
     thread.join();
+}
+
+// Waits for a condition, for some seconds. A unit of work that is lost shows after ten.
+template <class Condition> bool soon(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds{8};
+  while (!condition() && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::microseconds{200});
+  return condition();
 }
 
 #endif

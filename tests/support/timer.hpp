@@ -64,10 +64,4 @@ struct Timer : vorn_timer_s {
 
 using Timers = std::vector<std::unique_ptr<Timer>>;
 
-template <class Condition> bool soon(Condition condition) {
-  for (int i = 0; i < 10000 && !condition(); ++i)
-    std::this_thread::sleep_for(milliseconds{1});
-  return condition();
-}
-
 #endif

@@ -1,0 +1,81 @@
+// Declares what the tests of partitions and NUMA nodes share. Both wrap vorn_mallocsubproc; a
+// program includes this once.
+#ifndef VORN_TESTS_CPU_FILE_HPP
+#define VORN_TESTS_CPU_FILE_HPP
+
+#include <algorithm>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "evlog.h"
+#include "support/child.hpp"
+#include "support/log_capture.hpp"
+#include "support/scratch.hpp"
+#include "vorn_cfg.h"
+#include "vorn_jiffies.h"
+#include "vorn_mem.h"
+
+static int records_before_failure = -1; // negative if none fails
+static std::function<void()> beside_failure = [] {};
+
+extern "C" {
+decltype(vorn_mallocsubproc) __real_vorn_mallocsubproc;
+void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
+                                unsigned int pid, const char *function, unsigned int line) {
+  EXPECT_EQ(pid, 381u);
+  if (records_before_failure >= 0 && records_before_failure-- == 0)
+    return beside_failure(), nullptr;
+  return __real_vorn_mallocsubproc(size, type, flags, pid, function, line);
+}
+}
+
+using Lines = std::vector<std::string>;
+using Cpus = std::vector<unsigned int>;
+
+// Returns the log messages since the last call, errors as "E ...", without those of the INI engine
+// about missing items.
+inline Lines lines_of(const std::string &source) {
+  Lines lines;
+  for (const capture::Record &record : capture::take()) {
+    if (record.file == "vorn_cfg.c") continue;
+    EXPECT_EQ(record.file, source) << record.text;
+    EXPECT_TRUE(record.level == EVLOG_ERROR || record.level == EVLOG_INFO) << record.text;
+    lines.push_back((record.level == EVLOG_ERROR ? "E " : "") + record.text);
+  }
+  return lines;
+}
+
+inline Cpus cpus_of(const uint64_t *words, unsigned int count) {
+  Cpus cpus;
+  for (unsigned int cpu = 0; cpu < count; ++cpu)
+    if ((words[cpu / 64] >> cpu % 64 & 1) != 0) cpus.push_back(cpu);
+  return cpus;
+}
+
+// The first use of the rate limiter's clock logs a message: does that before the test.
+struct CpuFile : testing::Test {
+  CpuFile() {
+    vorn_get_jiffies();
+    capture::take();
+  }
+  int load(int (*init)(const char *path), const std::string &text) const {
+    scratch::write_file(file, text);
+    return init(file.c_str());
+  }
+  const scratch::Directory folder;
+  const std::string file = folder / "cpus.ini";
+  const std::string none = folder / "none";
+};
+
+// A process loads once, so a case runs in a child; its failures fail the case.
+template <class Work> void in_child(Work work) {
+  EXPECT_EQ(run_in_child([&work] {
+              work();
+              return static_cast<int>(testing::Test::HasFailure());
+            }),
+            0);
+}
+
+#endif
