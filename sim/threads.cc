@@ -12,7 +12,7 @@
 namespace vornsim {
 namespace {
 
-// Where the thread sleeps, if it does, and its kernel stack, for those who may read that.
+// Prints where the thread sleeps, if it does, and its kernel stack, if the process may read that.
 void print_stack(const ThreadState &thread) {
   print("vornsim: stack of thread %d (%s), state %c, CPU %d\n", thread.tid, thread.name,
         thread.state, thread.cpu);

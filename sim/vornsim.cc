@@ -1,4 +1,4 @@
-// The door: finds the operation, notes the request, and answers as a rule says or by itself.
+// Finds the operation of a request, records the request, and answers by a rule or by itself.
 #include "vornsim.h"
 
 #include <atomic>
