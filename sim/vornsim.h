@@ -88,7 +88,8 @@ VORN_API void vornsim_shift_clock(int64_t seconds);
  * are copied, in the layout of the node's own module. No thread may ask for the record meanwhile.
  *   record: bytes of the record
  *   size: number of bytes; 0 brings the stand-in's record back
- * Returns 0; -1 for more than VORNSIM_CPU_TASK_INFO_MAX bytes, and for a NULL record with a size. */
+ * Returns 0; -1 for more than VORNSIM_CPU_TASK_INFO_MAX bytes, and for a NULL record with a size.
+ */
 VORN_API int vornsim_set_cpu_task_info(const void *record, size_t size);
 
 VORN_END_DECLS
