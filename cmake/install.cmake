@@ -9,6 +9,7 @@ install(TARGETS evlog vorn EXPORT vorn
 install(TARGETS vornsim EXPORT vornsim
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${vorn_headers})
 install(TARGETS vorn-scrub-installed)
+install(PROGRAMS sim/vorn-node DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY include/ evlog/ sim/ DESTINATION ${vorn_headers} FILES_MATCHING PATTERN *.h)
 
 install(EXPORT vorn NAMESPACE vorn:: FILE vornTargets.cmake DESTINATION ${vorn_cmake})

@@ -58,10 +58,16 @@
  * is 0 where the values come as a va_list. */
 #define EVLOG_PRINTF(at, first) __attribute__((format(printf, at, first)))
 
-/* Levels, the more urgent the lower. */
+/* The level of errors. Levels are the more urgent the lower. */
 #define EVLOG_ERROR 3
+
+/* The level of warnings. */
 #define EVLOG_WARNING 4
+
+/* The level of information. */
 #define EVLOG_INFO 6
+
+/* The level of what helps to find a fault. */
 #define EVLOG_DEBUG 7
 
 #ifdef __cplusplus
@@ -71,55 +77,83 @@ extern "C" {
 /* Opens the log file program + ".log" in directory (made if missing, one level). Default: program
  * NULL is the process's own name, directory NULL the working directory; a directory that is given
  * relative stays the same when the process changes its working directory. A second call moves the
- * log to the new place. Returns 0, or -1 with errno when the file cannot be opened (EINVAL for a
- * program that is empty or holds a slash); log messages then go on as before the call. May block
- * on the file system. */
+ * log to the new place.
+ *   program: name of the log file without ".log", or NULL
+ *   directory: directory of the log file, or NULL
+ * Returns 0, or -1 with errno when the file cannot be opened (EINVAL for a program that is empty or
+ * holds a slash); log messages then go on as before the call. May block on the file system. */
 EVLOG_API int evlog_init(const char *program, const char *directory);
 
-/* Closes the log file; later messages go to the console alone. Returns 0. */
+/* Closes the log file; later messages go to the console alone.
+ * Returns 0. */
 EVLOG_API int evlog_destroy(void);
 
-/* 0 when a message of module at level is wanted, else non-zero. Default: one load. Signal-safe. */
+/* Tells whether a message of module at level is wanted. Default: one load. Signal-safe.
+ *   module: a module id
+ *   level: EVLOG_ERROR, EVLOG_WARNING, EVLOG_INFO or EVLOG_DEBUG
+ * Returns 0 when it is wanted, else non-zero. */
 EVLOG_API int evlog_level_check(unsigned int module, int level);
 
 /* Writes a log message without checking its level: callers ask evlog_level_check first. file is the
- * base name of the source, line and function the place in it, flags 0. Returns 0, or non-zero when
- * there is no such message. Default: place and text take at most 4095 bytes and are cut there, a
- * newline at their end is dropped, a NULL file, function or format is shown as such, and errno is
- * kept; the result is 1 when the group's rate limit dropped the message, -1 when it could not be
- * formatted. May block on the file system and the console. */
+ * base name of the source, line and function the place in it, flags 0.
+ *   module: a module id
+ *   level: EVLOG_ERROR, EVLOG_WARNING, EVLOG_INFO or EVLOG_DEBUG
+ *   file: base name of the source
+ *   line: line in the source
+ *   function: name of the function
+ *   flags: 0
+ *   format: printf format
+ *   ...: values of the format
+ * Returns 0, or non-zero when there is no such message. Default: place and text take at most 4095
+ * bytes and are cut there, a newline at their end is dropped, a NULL file, function or format is
+ * shown as such, and errno is kept; the result is 1 when the group's rate limit dropped the
+ * message, -1 when it could not be formatted. May block on the file system and the console. */
 EVLOG_API int evlog(unsigned int module, int level, const char *file, unsigned int line,
                     const char *function, unsigned int flags, const char *format, ...)
     EVLOG_PRINTF(7, 8);
 
 /* Writes a text that has neither module, level nor position. Default: at most 1023 bytes, cut
- * there, to the log file (the console where there is none or it fails) in one write; a newline
- * is added where the text does not end in one. Neither locks nor allocates, keeps errno:
- * signal-safe, as long as no width or precision in the format exceeds 500 and no conversion takes
- * wide characters, a numbered value (%1$d) or the errno's text (%m). Returns the number of bytes
- * written; -1 for a NULL format and when nothing could be written. */
+ * there, to the log file (the console where there is none or it fails) in one write; a newline is
+ * added where the text does not end in one. Neither locks nor allocates, keeps errno: signal-safe,
+ * as long as no width or precision in the format exceeds 500 and no conversion takes wide
+ * characters, a numbered value (%1$d) or the errno's text (%m).
+ *   format: printf format
+ *   ...: values of the format
+ * Returns the number of bytes written; -1 for a NULL format and when nothing could be written. */
 EVLOG_API int evlog_original(const char *format, ...) EVLOG_PRINTF(1, 2);
 
-/* The same with the values as a va_list, and nothing added to the text. */
+/* Writes a text as evlog_original does, with the values as a va_list, and nothing added to the
+ * text.
+ *   format: printf format
+ *   args: values of the format
+ * Returns what evlog_original returns. */
 EVLOG_API int evlog_vraw(const char *format, va_list args) EVLOG_PRINTF(1, 0);
 
-/* The group that a module's messages are rate-limited with. Default: module / 16, for modules up to
- * 1023; a module above that is in group 0. */
+/* Returns the group that a module's messages are rate-limited with. Default: module / 16, for
+ * modules up to 1023; a module above that is in group 0.
+ *   module: a module id */
 EVLOG_API int evlog_get_group_id(unsigned int module);
 
-/* The level of a module: it and the more urgent ones are wanted. Default: EVLOG_INFO at the start,
- * and always for a module above 1023. */
+/* Returns the level of a module: it and the more urgent ones are wanted. Default: EVLOG_INFO at the
+ * start, and always for a module above 1023.
+ *   module: a module id */
 EVLOG_API int evlog_loglevel_get(unsigned int module);
 
-/* Sets the level of a module. Returns 0; default: -1 for a module above 1023 or a level outside 0
- * to 7. */
+/* Sets the level of a module.
+ *   module: a module id
+ *   level: EVLOG_ERROR, EVLOG_WARNING, EVLOG_INFO or EVLOG_DEBUG
+ * Returns 0; default: -1 for a module above 1023 or a level outside 0 to 7. */
 EVLOG_API int evlog_loglevel_set(unsigned int module, int level);
 
 /* Limits the messages of a group. Default: at most burst messages in an interval of interval_ms
  * milliseconds, which begins with a message; either 0 lifts the limit, which is the state at the
  * start. The dropped ones are counted in one warning, "%lu log messages of group %d were dropped by
  * the rate limit.", before the message that begins the next interval, or at once when the limit is
- * set anew. Returns 0, or -1 for a group that does not exist. */
+ * set anew.
+ *   group: number of the group
+ *   burst: most messages in an interval
+ *   interval_ms: length of the interval in milliseconds
+ * Returns 0, or -1 for a group that does not exist. */
 EVLOG_API int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms);
 
 #ifdef __cplusplus

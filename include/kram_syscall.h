@@ -12,9 +12,10 @@
 
 VORN_BEGIN_DECLS
 
-/* Groups run from 0 to KRAM_SYSCALL_GROUP_COUNT - 1 and have at most KRAM_SYSCALL_ENTRY_COUNT
- * entries. */
+/* Groups run from 0 to KRAM_SYSCALL_GROUP_COUNT - 1. */
 #define KRAM_SYSCALL_GROUP_COUNT 32u
+
+/* The most entries of a group. */
 #define KRAM_SYSCALL_ENTRY_COUNT 255u
 
 /* Bytes that a request, and a reply, may carry to and from the server. */
@@ -58,32 +59,43 @@ typedef struct kram_request {
 /* --- The registry --- */
 
 /* Empties all groups and starts the server: KRAM_PrivateSysCallIntfInit. Once, before groups are
- * registered. */
+ * registered.
+ * Returns 0; logs an error and returns -1 when the server cannot be started. */
 VORN_API int KRAM_PrivateSysCallInit(void);
 
-/* Registers a group with count entries, which are copied. Neither a group that
- * KRAM_CheckGroupCalls refuses nor one that is there already, which an information message
- * reports, changes anything. Lock-free: a call finds the whole group or none. */
+/* Registers a group with count entries, which are copied. Neither a group that KRAM_CheckGroupCalls
+ * refuses nor one that is there already, which an information message reports, changes anything.
+ * Lock-free: a call finds the whole group or none.
+ *   group: number of the group, 0 to KRAM_SYSCALL_GROUP_COUNT - 1
+ *   entries: entries of the group, count of them
+ *   count: number of entries, at most KRAM_SYSCALL_ENTRY_COUNT
+ * Returns 0; -1 after a log message when nothing was changed. */
 VORN_API int KRAM_RegSysCall(unsigned int group, const kram_entry_s *entries, unsigned int count);
 
 /* Removes a group and frees its entries. No call of this group may be under way. A group that is
- * not registered is left alone, one above 31 reported. */
+ * not registered is left alone, one above 31 reported.
+ *   group: number of the group, 0 to KRAM_SYSCALL_GROUP_COUNT - 1 */
 VORN_API void KRAM_UnRegSysCall(unsigned int group);
 
-/* Whether the entries can be registered as that group: at most KRAM_SYSCALL_ENTRY_COUNT, 0 too,
- * each of a known type, with a command of this group and a handler. Neither pointer may be NULL. */
+/* Checks whether the entries can be registered as that group: at most KRAM_SYSCALL_ENTRY_COUNT, 0
+ * too, each of a known type, with a command of this group and a handler. Neither pointer may be
+ * NULL.
+ *   group: number of the group, 0 to KRAM_SYSCALL_GROUP_COUNT - 1
+ *   entries: entries of the group, count of them
+ *   count: number of entries, at most KRAM_SYSCALL_ENTRY_COUNT
+ * Returns 0 when they can; logs an error and returns -1 otherwise. */
 VORN_API int KRAM_CheckGroupCalls(unsigned int group, const kram_entry_s *entries,
                                   unsigned int count);
 
-/* The first entry of that command, valid until its group is removed; NULL, after an error message
- * when its group is not registered, without one when the group has no such command. */
+/* Returns the first entry of that command, valid until its group is removed; NULL, after an error
+ * message when its group is not registered, without one when the group has no such command.
+ *   command: operation code, its group in the bits from 8 on */
 VORN_API const kram_entry_s *KRAM_FindSysCall(uint32_t command);
 
 /* --- The server --- */
 
 /* Starts the server's listener, the thread "syscall_thr", which serves each connection in a thread
- * "syscall_do_thr". Returns when the thread is started, which may be before it listens: what keeps
- * it from doing so is in the log. It ends when the port is taken, when it cannot accept and when no
+ * "syscall_do_thr". The listener ends when the port is taken, when it cannot accept and when no
  * thread can be started for a connection, each after an error message; connections go on, and this
  * function starts another listener.
  *
@@ -92,13 +104,16 @@ VORN_API const kram_entry_s *KRAM_FindSysCall(uint32_t command);
  * dropped; between two messages it may wait for as long as it likes, as long as there is room: at
  * 512 connections the server resets the one that has been idle longest for a new one, and closes
  * the new one, after an error message, when all are in the middle of a request. A child of fork()
- * has no server: its copies of the sockets are closed. */
+ * has no server: its copies of the sockets are closed.
+ * Returns 0 when the thread is started, which may be before it listens: what keeps it from doing so
+ * is in the log; logs an error and returns -1 otherwise. */
 VORN_API int KRAM_PrivateSysCallIntfInit(void);
 
 /* Does nothing: the server runs until the process ends. */
 VORN_API void KRAM_PrivateSysCallIntfExit(void);
 
-/* Does nothing. Returns 0. */
+/* Does nothing.
+ * Returns 0. */
 VORN_API int KRAM_SyscallInit(void);
 
 /* --- The client --- */
@@ -107,9 +122,12 @@ VORN_API int KRAM_SyscallInit(void);
  * connection, which the first of them opens; a child of fork() opens its own, and fork() does not
  * wait for a call. Blocks for as long as the handler takes, whatever signals arrive; not for a
  * handler that a call of its own process may be waiting for. Not a cancellation point: a thread
- * that is cancelled meanwhile completes the call. Returns the handler's result with the reply in
- * *request; -1 when there is no such command; logs an error and returns -1, with output_length as
- * it was, when the reply does not fit or the server cannot be reached.
+ * that is cancelled meanwhile completes the call.
+ *   command: operation code, its group in the bits from 8 on
+ *   request: what is sent and where the reply goes, not NULL
+ * Returns the handler's result with the reply in *request; -1 when there is no such command; logs
+ * an error and returns -1, with output_length as it was, when the reply does not fit or the server
+ * cannot be reached.
  *
  * A connection that the server has closed since the last call, because of other clients or because
  * it was started again, is opened anew without an error. One that ends while the server may be
@@ -119,7 +137,9 @@ VORN_API int KRAM_SysCall(uint32_t command, kram_request_s *request);
 /* --- Random numbers --- */
 
 /* Fills length bytes at buffer with numbers that are seeded from the time of day. They can be
- * guessed: no use for keys. Nothing is done where buffer is NULL; it never fails. */
+ * guessed: no use for keys. Nothing is done where buffer is NULL; it never fails.
+ *   buffer: where the bytes go
+ *   length: number of bytes */
 VORN_API void get_random_bytes(void *buffer, size_t length);
 
 VORN_END_DECLS

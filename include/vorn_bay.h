@@ -8,9 +8,12 @@
 
 VORN_BEGIN_DECLS
 
-/* Whether these arguments can be asked for. Returns 0; -22 after an error message when one is NULL
- * or the key segment dangerous (isDangerousCmd without a whitelist); -1 after one when it is empty.
- * Any thread may call, not a signal handler; never blocks. */
+/* Whether these arguments can be asked for.
+ *   key_segment: key of the value, not empty
+ *   out: where the value goes
+ * Returns 0; -22 after an error message when one is NULL or the key segment dangerous
+ * (isDangerousCmd without a whitelist); -1 after one when it is empty. Any thread may call, not a
+ * signal handler; never blocks. */
 VORN_API int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out);
 
 /* Runs the script for key_segment and stores the value, without its line feed, and a NUL into the
@@ -24,7 +27,9 @@ VORN_API int get_bay_config_keyvalue_param_check(const char *key_segment, const 
  * The output passes through "/tmp/bay_cfg_segment_%d.conf" with the process id, which is removed
  * after the value was read or was found missing, and by the next call after other failures. So two
  * calls of one process must not overlap.
- *
+ *   key_segment: key of the value, not empty
+ *   out: where the value goes
+ *   size: bytes at out
  * Returns 0; what get_bay_config_keyvalue_param_check refuses with; -1 after an error message when
  * the command is too long, the temporary file cannot be made or opened, the script fails, or it
  * prints nothing (size below 2 included). Not safe in a signal handler; blocks until the script has

@@ -27,13 +27,16 @@
 
 VORN_BEGIN_DECLS
 
-/* CPUs that a set has room for, and its 64-bit words: CPU n is bit n mod 64 of word n / 64. It has
- * the size of the system's cpu_set_t. */
+/* CPUs that a set has room for: as many as the system's cpu_set_t. */
 #define VORN_CPUM_CPU_COUNT 1024u
+
+/* 64-bit words of a set: CPU n is bit n mod 64 of word n / 64. */
 #define VORN_CPUM_MASK_WORDS 16
 
-/* Bytes of a group's or a partition's name, and of a list of CPUs, each with its NUL. */
+/* Bytes of a group's or a partition's name with its NUL. */
 #define VORN_CPUM_NAME_SIZE 32
+
+/* Bytes of a list of CPUs with its NUL. */
 #define VORN_CPUM_LIST_SIZE 256
 
 /* A partition. */
@@ -46,14 +49,18 @@ typedef struct vorn_cpum_partition {
 } vorn_cpum_partition_s;
 
 /* Loads the product file at path; for NULL "/WRK/conf/app_data/kelp/product.ini", which
- * "/WRK/component/pyr/script/gen_product_ini.sh" makes where it is missing. Returns 0; -1 after an
- * information message when there is no such file or it has no positive "group_num". Only the first
- * call counts, whatever it returns: later ones return 0, with no partitions after a failure. */
+ * "/WRK/component/pyr/script/gen_product_ini.sh" makes where it is missing.
+ *   path: product file, or NULL for the node's
+ * Returns 0; -1 after an information message when there is no such file or it has no positive
+ * "group_num". Only the first call counts, whatever it returns: later ones return 0, with no
+ * partitions after a failure. */
 VORN_API int vorn_cpum_init(const char *path);
 
-/* The first partition called name in the group called group, such as "GROUP_0"; borrowed until the
- * process ends. NULL when there is none or this call was the first to load and failed, and after an
- * error message when a name is NULL. */
+/* Returns the first partition called name in the group called group, such as "GROUP_0"; borrowed
+ * until the process ends. NULL when there is none or this call was the first to load and failed,
+ * and after an error message when a name is NULL.
+ *   group: name of the group
+ *   name: name of the partition */
 VORN_API const vorn_cpum_partition_s *vorn_cpum_get_partition(const char *group, const char *name);
 
 /* Adds the CPUs of text to mask, a set of VORN_CPUM_MASK_WORDS words. Items are separated by
@@ -68,31 +75,46 @@ VORN_API const vorn_cpum_partition_s *vorn_cpum_get_partition(const char *group,
  *
  * An item of any other form, also an empty one and a negative number, and a range that ends before
  * it starts give an error message and add nothing; so does a reference in the item with which this
- * call is the first to load the partitions, and fails. Returns 0 when there was one good item at
- * least, else -1, also when a pointer is NULL (without a log message). */
+ * call is the first to load the partitions, and fails.
+ *   text: list of CPUs
+ *   mask: set of VORN_CPUM_MASK_WORDS words
+ * Returns 0 when there was one good item at least, else -1, also when a pointer is NULL (without a
+ * log message). */
 VORN_API int vorn_cpum_parse_cpumask(const char *text, uint64_t *mask);
 
 /* Takes the CPUs that poll for input and output out of mask: the first two of every partition
- * called "IOD_NORMAL" whose list begins with a range of three CPUs or more. CPU 1023 stays. Returns
- * 0; -1 when this call was the first to load and failed, and after an error message when mask is
- * NULL. */
+ * called "IOD_NORMAL" whose list begins with a range of three CPUs or more. CPU 1023 stays.
+ *   mask: set of VORN_CPUM_MASK_WORDS words
+ * Returns 0; -1 when this call was the first to load and failed, and after an error message when
+ * mask is NULL. */
 VORN_API int vorn_cpum_clear_cpumask_of_iod_poll(uint64_t *mask);
 
-/* Writes the partitions through print, a line each with group, name, type and CPUs. Returns 0; -1
- * when they are not loaded yet, which print is told, and after an error message when print is NULL.
- */
+/* Writes the partitions through print, a line each with group, name, type and CPUs.
+ *   print: function that each line goes through
+ * Returns 0; -1 when they are not loaded yet, which print is told, and after an error message when
+ * print is NULL. */
 VORN_API int vorn_cpum_dbg_show(vorn_print_f print);
 
-/* Whether the idle CPU cpu stays out of its sleep states, as the kernel module has it and means it:
- * reads the value, sets it. Return what the kernel module answers; -1 when it does not, with errno
- * (ENOSYS where there is no such module) and, from the setter, an error message; the getter returns
- * -1 after an error message when value is NULL. Block as the module does. */
+/* Reads whether the idle CPU cpu stays out of its sleep states, as the kernel module has it and
+ * means it. Blocks as the module does.
+ *   cpu: number of the CPU
+ *   value: where the value goes
+ * Returns what the kernel module answers; -1 when it does not, with errno (ENOSYS where there is no
+ * such module); logs an error and returns -1 when value is NULL. */
 VORN_API int vorn_get_idle_no_cstates(unsigned int cpu, uint32_t *value);
+
+/* Sets whether the idle CPU cpu stays out of its sleep states. Blocks as the module does.
+ *   cpu: number of the CPU
+ *   value: the new value
+ * Returns what the kernel module answers; logs an error and returns -1 when it does not, with errno
+ * (ENOSYS where there is no such module). */
 VORN_API int vorn_set_idle_no_cstates(unsigned int cpu, uint32_t value);
 
-/* What CPU cpu works at: fills *record, whose size and layout are the kernel module's. Returns 0;
- * -1 when the module refuses or is not there, with its errno, and after an error message when
- * record is NULL. Blocks as the module does. */
+/* What CPU cpu works at: fills *record, whose size and layout are the kernel module's.
+ *   cpu: number of the CPU
+ *   record: where the kernel module writes
+ * Returns 0; -1 when the module refuses or is not there, with its errno, and after an error message
+ * when record is NULL. Blocks as the module does. */
 VORN_API int vorn_get_cpu_task_info(unsigned int cpu, void *record);
 
 VORN_END_DECLS

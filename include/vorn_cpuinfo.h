@@ -19,7 +19,6 @@ VORN_BEGIN_DECLS
  *
  * Where there are fewer NUMA nodes than packages, half the nodes count as packages of two nodes
  * each; a machine of one node has one package.
- *
  * Returns 0, also when the record cannot be shared; -1 after error messages when the nodes, the
  * model or the counts cannot be found: the next call tries again. */
 VORN_API int cpuinfo_init(void);
@@ -29,15 +28,26 @@ VORN_API int cpuinfo_init(void);
  * locked. A step of cpuinfo_init; does nothing before that has succeeded. */
 VORN_API void save_cpuinfo_to_shm(void);
 
-/* The number of packages, that of logical CPUs, and the model (VORN_CPUMODEL_SIZE bytes), as `uname
- * -p` tells it. Return 0; -1 after an error message when out is NULL. */
+/* Stores the number of packages in *out.
+ *   out: where the number goes
+ * Returns 0; logs an error and returns -1 when out is NULL. */
 VORN_API int vorn_get_phycpu_num(uint32_t *out);
+
+/* Stores the number of logical CPUs in *out.
+ *   out: where the number goes
+ * Returns 0; logs an error and returns -1 when out is NULL. */
 VORN_API int vorn_get_logic_cpu_num(uint32_t *out);
+
+/* Stores the model, as `uname -p` tells it, in the VORN_CPUMODEL_SIZE bytes at out.
+ *   out: where the model goes, VORN_CPUMODEL_SIZE bytes
+ * Returns 0; logs an error and returns -1 when out is NULL. */
 VORN_API int vorn_get_cpumodel_info(char *out);
 
-/* Sets *mask to the CPUs of a package, those of its NUMA nodes. Returns 0; -1 after an error
- * message when mask is NULL, there is no such package, or the CPUs of a node cannot be read, with
- * those of the nodes before it in *mask then. Reads /sys. */
+/* Sets *mask to the CPUs of a package, those of its NUMA nodes.
+ *   mask: where the CPUs go
+ *   package: number of the package, from 0 on
+ * Returns 0; -1 after an error message when mask is NULL, there is no such package, or the CPUs of
+ * a node cannot be read, with those of the nodes before it in *mask then. Reads /sys. */
 VORN_API int vorn_get_cpumask_by_phycpu(cpumask *mask, uint32_t package);
 
 VORN_END_DECLS

@@ -9,53 +9,90 @@
 
 VORN_BEGIN_DECLS
 
-/* Makes vorn_crc32cContinueHard the routine behind vorn_crc32cContinue, as the first checksum does
- * where this call has not been made: the checksums work before it. vorn_Init makes it. */
+/* Makes vorn_crc32cContinueHard the routine that vorn_crc32cContinue calls, as the first checksum
+ * does where this call has not been made: the checksums work before it. vorn_Init makes it. */
 VORN_API void vorn_crc32_init(void);
 
-/* The register crc carried on over length bytes at data; crc itself when data is NULL or length is
- * 0. There is no inversion, neither before nor after. A length of 2 GiB and more returns crc
- * unchanged. */
+/* Carries the register crc on over length bytes at data. There is no inversion, neither before nor
+ * after.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register; crc itself when data is NULL, or length is 0 or 2 GiB and more. */
 VORN_API uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length);
 
-/* The routine that vorn_crc32cContinue calls, by instructions where the processor has them, else by
- * table (x86-64: SSE4.2 and PCLMULQDQ, and for long inputs AVX2 and VPCLMULQDQ, are looked for when
- * the library is loaded; AArch64: no test is made, every processor that the library runs on has
- * CRC32 and PMULL). data is not tested. The length is taken as signed: 2 GiB and more returns crc
- * unchanged, on every path and processor. */
+/* Carries the register crc on as vorn_crc32cContinue does, which calls this: by instructions where
+ * the processor has them, else by table. On x86-64 SSE4.2 and PCLMULQDQ, and for long inputs AVX2
+ * and VPCLMULQDQ, are looked for when the library is loaded; on AArch64 no test is made, since
+ * every processor that the library runs on has CRC32 and PMULL. data is not tested.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register; crc itself for a length of 2 GiB and more, on every path and processor. */
 VORN_API uint32_t vorn_crc32cContinueHard(uint32_t crc, const void *data, uint32_t length);
 
-/* The same by table, for any length; crc itself when length is 0. data is not tested. */
+/* Carries the register crc on by table, for any length. data is not tested.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register; crc itself when length is 0. */
 VORN_API uint32_t vorn_crc32cContinueSoft(uint32_t crc, const void *data, uint32_t length);
 
-/* vorn_crc32cContinueHard over src while copying it to dst; the two must not overlap, and neither
- * is tested. A length of 2 GiB and more copies nothing and returns crc unchanged. */
+/* Carries the register crc on over src, as vorn_crc32cContinueHard does, while it copies src to
+ * dst; the two must not overlap, and neither is tested.
+ *   crc: register before the data
+ *   dst: where the copy goes
+ *   length: bytes of the data
+ *   src: the data
+ * Returns the register; for a length of 2 GiB and more it copies nothing and returns crc. */
 VORN_API uint32_t vorn_crc32cContinue_with_cpy(uint32_t crc, void *dst, uint32_t length,
                                                const void *src);
 
-/* Begins a checksum over several buffers: the register after the first, no final inversion;
- * 0xFFFFFFFF when data is NULL or length is 0, or 2 GiB and more. */
+/* Begins a checksum over several buffers, without the final inversion.
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register after the first buffer; 0xFFFFFFFF when data is NULL or length is 0, or 2
+ * GiB and more. */
 VORN_API uint32_t vorn_crc32cStart(const void *data, uint32_t length);
 
-/* Ends one: the complement of crc. */
+/* Ends a checksum over several buffers.
+ *   crc: register after the last buffer
+ * Returns the complement of crc. */
 VORN_API uint32_t vorn_crc32cEnd(uint32_t crc);
 
-/* The CRC-32C of length bytes at data: 0xE3069283 for the nine bytes "123456789". NULL data or a
- * length of 0, or of 2 GiB and more, gives 0, the checksum of nothing. */
+/* Returns the CRC-32C of length bytes at data: 0xE3069283 for the nine bytes "123456789". NULL data
+ * or a length of 0, or of 2 GiB and more, gives 0, the checksum of nothing.
+ *   data: the data
+ *   length: bytes of the data */
 VORN_API uint32_t vorn_crc32c(const void *data, uint32_t length);
 
-/* The same by table, for any length; 0 for NULL data or a length of 0. */
+/* Returns the CRC-32C of length bytes at data by table, for any length; 0 for NULL data or a length
+ * of 0.
+ *   data: the data
+ *   length: bytes of the data */
 VORN_API uint32_t vorn_crc32c_soft(const void *data, uint32_t length);
 
-/* The CRC-16/T10-DIF register crc (its low 16 bits) carried on over length bytes at data; crc
- * itself when data is NULL or length is 0. 0xD0DB for crc 0 and the nine bytes "123456789". */
+/* Carries the CRC-16/T10-DIF register crc (its low 16 bits) on over length bytes at data.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register; crc itself when data is NULL or length is 0. 0xD0DB for crc 0 and the nine
+ * bytes "123456789". */
 VORN_API uint16_t vorn_crc16(uint16_t crc, const void *data, uint64_t length);
 
-/* The routine that vorn_crc16 calls: carry-less multiplication where the processor has it, else the
- * table. data is not tested. */
+/* Carries the register crc on as vorn_crc16 does, which calls this: by carry-less multiplication
+ * where the processor has it, else by table. data is not tested.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register. */
 VORN_API uint16_t crc16_t10dif(uint16_t crc, const void *data, uint64_t length);
 
-/* The same by table; crc itself when length is 0. data is not tested. */
+/* Carries the register crc on by table. data is not tested.
+ *   crc: register before the data
+ *   data: the data
+ *   length: bytes of the data
+ * Returns the register; crc itself when length is 0. */
 VORN_API uint16_t vorn_crc16_soft(uint16_t crc, const void *data, uint64_t length);
 
 VORN_END_DECLS

@@ -18,33 +18,47 @@ VORN_BEGIN_DECLS
 #define VORN_HR_TIMER_MAX 1000000u
 
 /* Starts the high-resolution timers, once per process, and logs that; the first vorn_hr_timer_add
- * makes this call. A further call logs that they have been started. A start that failed is not
- * tried again: from then on this function and vorn_hr_timer_add fail. */
+ * makes this call. A further call logs that they have been started.
+ * Returns 0; logs an error and returns -1 when the start failed. It is not tried again: from then
+ * on this function and vorn_hr_timer_add fail. */
 VORN_API int vorn_hr_timer_module_init(void);
 
-/* Arms a timer for its timeOut nanoseconds from now. Fails when the timers could not be started,
- * the timer is pending, timeOut is above VORN_HR_TIMER_MAX, or the clock cannot be read. */
+/* Arms a timer for its timeOut nanoseconds from now.
+ *   timer: the timer
+ * Returns 0; logs an error and returns -1 when the timers could not be started, the timer is
+ * pending, timeOut is above VORN_HR_TIMER_MAX, or the clock cannot be read. */
 VORN_API int vorn_hr_timer_add(vorn_timer_s *timer);
 
-/* Arms a timer, pending or not, for ns nanoseconds from now, which becomes its timeOut. Fails when
- * the timers have not been started, ns is above VORN_HR_TIMER_MAX, or the clock cannot be read: the
- * timer is not pending then. */
+/* Arms a timer, pending or not, for ns nanoseconds from now, which becomes its timeOut.
+ *   timer: the timer
+ *   ns: nanoseconds from now, at most VORN_HR_TIMER_MAX
+ * Returns 0; logs an error and returns -1 when the timers have not been started, ns is above
+ * VORN_HR_TIMER_MAX, or the clock cannot be read: the timer is not pending then. */
 VORN_API int vorn_hr_timer_modify(vorn_timer_s *timer, uint64_t ns);
 
-/* Disarms a timer; returns 0 also for one that was not pending, and for NULL. Fails when the timers
- * have not been started. */
+/* Disarms a timer.
+ *   timer: the timer
+ * Returns 0, also for a timer that was not pending, and for NULL; logs an error and returns -1 when
+ * the timers have not been started. */
 VORN_API int vorn_hr_timer_delete(vorn_timer_s *timer);
 
-/* The same, and waits until the timer's function is not running; what that call has armed is
- * disarmed with its end. Fails also when the timer's own function calls it. */
+/* Disarms a timer and waits until its function is not running; what that call of the function has
+ * armed is disarmed with its end.
+ *   timer: the timer
+ * Returns what vorn_hr_timer_delete returns; logs an error and returns -1 also when the timer's own
+ * function calls it. */
 VORN_API int vorn_hr_timer_delete_sync(vorn_timer_s *timer);
 
-/* 1 while the timer is armed, 0 otherwise. */
+/* Returns 1 while the timer is armed, 0 otherwise.
+ *   timer: the timer */
 VORN_API int vorn_hr_timer_is_pending(vorn_timer_s *timer);
 
 /* A diagnostic command: three arguments of which the third begins with "list" have all pending
  * timers written to the log at information level, in the order of their expiry. While it writes,
- * and sleeps for a second after every 50 lines, no high-resolution timer runs. Returns 0. */
+ * and sleeps for a second after every 50 lines, no high-resolution timer runs.
+ *   argc: number of arguments
+ *   argv: arguments, the third a command
+ * Returns 0. */
 VORN_API int vorn_hr_timer_diagnose_func(int argc, char **argv);
 
 VORN_END_DECLS

@@ -7,10 +7,11 @@
 VORN_BEGIN_DECLS
 
 /* Starts the library. Every process calls it once before anything else; more calls, and concurrent
- * ones, do nothing. Returns 0 when the library is started; -1 after a record of the step that
- * failed: what the steps before it did stays, and a later call runs all of them again. May block on
- * the file system, on tools that it runs, on another caller's start, and for a second on that of
- * another process (vorn_cpuinfo.h); not signal-safe. */
+ * ones, do nothing.
+ * Returns 0 when the library is started; -1 after a log message of the step that failed: what the
+ * steps before it did stays, and a later call runs all of them again. May block on the file system,
+ * on tools that it runs, on another caller's start, and for a second on that of another process
+ * (vorn_cpuinfo.h); not signal-safe. */
 VORN_API int vorn_Init(void);
 
 /* Undoes vorn_Init as far as a process needs: the module names and the symbol table go, the time
@@ -19,7 +20,8 @@ VORN_API int vorn_Init(void);
 VORN_API void vorn_destory(void);
 
 /* Takes a backtrace, so that the system library loads its unwinder now and not inside a fault
- * handler. Returns its depth, at most 3. vorn_Init makes this call. Not signal-safe. */
+ * handler.
+ * Returns the depth of the backtrace, at most 3. vorn_Init makes this call. Not signal-safe. */
 VORN_API int vorn_glibc_init(void);
 
 VORN_END_DECLS

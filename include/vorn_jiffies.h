@@ -18,9 +18,9 @@ typedef struct vorn_jiffies_uio {
   const volatile uint64_t *jiffies; /* the counter in the mapping; NULL: there is no mapping */
 } vorn_jiffies_uio_s;
 
-/* The tick count. The first call starts the module; after that it is one flag test and one load, or
- * a reading of the time base where there is no driver. Never fails. Any thread; signal-safe after
- * the first call. */
+/* Returns the tick count. The first call starts the module; after that it is one flag test and one
+ * load, or a reading of the time base where there is no driver. Never fails. Any thread;
+ * signal-safe after the first call. */
 VORN_API uint64_t vorn_get_jiffies(void);
 
 /* Starts the module: tries the driver, then starts the time base, and counts as done when either
@@ -29,20 +29,21 @@ VORN_API uint64_t vorn_get_jiffies(void);
  * start and on the file system. */
 VORN_API void jiffies_Init(void);
 
-/* Returns value: there is nothing to release. */
+/* Returns value: there is nothing to release.
+ *   value: value to return */
 VORN_API int jiffies_fini(int value);
 
-/* Maps the driver's counter, once per process. Returns 0, also when it is mapped already; -1 after
- * an error record when it cannot be mapped, and the next call tries again. Any thread; blocks as
- * jiffies_Init does. */
+/* Maps the driver's counter, once per process.
+ * Returns 0, also when it is mapped already; -1 after an error message when it cannot be mapped,
+ * and the next call tries again. Any thread; blocks as jiffies_Init does. */
 VORN_API int jiffies_usr_main(void);
 
-/* The mapping record, of the process; never NULL. */
+/* Returns the mapping record, of the process; never NULL. */
 VORN_API vorn_jiffies_uio_s *jiffies_uio_get(void);
 
 /* Closes nothing: an opening has closed its descriptors by the time it returns, and the numbers in
- * the record may be somebody else's by then. Returns what close(2) returns for no descriptor, -1
- * with errno EBADF. Any thread; signal-safe. */
+ * the record may be another file's by then.
+ * Returns what close(2) returns for no descriptor, -1 with errno EBADF. Any thread; signal-safe. */
 VORN_API int jiffies_uio_adp_close(void);
 
 VORN_END_DECLS

@@ -7,27 +7,46 @@
 
 VORN_BEGIN_DECLS
 
-/* The four functions below pass all their arguments, unchanged, to a function of the logging
+/* --- The log ---
+ *
+ * The four functions below pass all their arguments, unchanged, to a function of the logging
  * library and return its result: what they mean, their results and their errors are that library's,
  * and evlog.h describes the default one's. Any thread may call; they may block as the logging
  * library does and are not signal-safe. */
 
-/* evlog_init: vorn_log_init("scrub", "/var/log/scrub") opens the log of a service. */
+/* Opens the log of a service, as in vorn_log_init("scrub", "/var/log/scrub"): evlog_init.
+ *   first: first argument for the logging library
+ *   ...: further arguments for the logging library
+ * Returns what evlog_init returns. */
 VORN_API int vorn_log_init(const char *first, ...);
 
-/* evlog_destroy: vorn_log_destroy(0) closes it. */
+/* Closes the log, as in vorn_log_destroy(0): evlog_destroy.
+ *   first: first argument for the logging library
+ *   ...: further arguments for the logging library
+ * Returns what evlog_destroy returns. */
 VORN_API int vorn_log_destroy(uintptr_t first, ...);
 
-/* evlog_loglevel_set: vorn_log_level_set(381, 7) lets the library's own records of all levels pass.
- */
+/* Sets the level of a module: evlog_loglevel_set. vorn_log_level_set(381, 7) lets the library's own
+ * log messages of all levels pass.
+ *   first: first argument for the logging library
+ *   ...: further arguments for the logging library
+ * Returns what evlog_loglevel_set returns. */
 VORN_API int vorn_log_level_set(uintptr_t first, ...);
 
-/* evlog_loglevel_get: vorn_log_level_get(381) is the level of the library's own records. */
+/* Reads the level of a module: evlog_loglevel_get. vorn_log_level_get(381) is the level of the
+ * library's own log messages.
+ *   first: first argument for the logging library
+ *   ...: further arguments for the logging library
+ * Returns what evlog_loglevel_get returns. */
 VORN_API int vorn_log_level_get(uintptr_t first, ...);
 
-/* Limits the records of the logging group that module belongs to: evlog_ratelimit_set(group, a, b),
- * whose result it returns. The meaning of a and b is the logging library's (the default: at most a
- * records in b milliseconds). Any thread; not signal-safe. */
+/* Limits the log messages of the logging group that module belongs to: evlog_ratelimit_set(group,
+ * a, b). The meaning of a and b is the logging library's (the default: at most a messages in b
+ * milliseconds). Any thread; not signal-safe.
+ *   module: a module id
+ *   a: second argument of evlog_ratelimit_set
+ *   b: third argument of evlog_ratelimit_set
+ * Returns what evlog_ratelimit_set returns. */
 VORN_API int vorn_ratelimit_set(unsigned int module, unsigned int a, unsigned int b);
 
 VORN_END_DECLS

@@ -9,18 +9,27 @@
 
 VORN_BEGIN_DECLS
 
-/* The types of vorn_mtx_init. They are not the numbers of POSIX. */
+/* A type of vorn_mtx_init: a second lock by the holder never returns. The types are not the numbers
+ * of POSIX. */
 #define VORN_MTX_NORMAL 0
+
+/* A type of vorn_mtx_init: a second lock by the holder, and an unlock by another thread, fail. */
 #define VORN_MTX_ERRORCHECK 1
+
+/* A type of vorn_mtx_init: the holder may lock again, and unlocks as often. */
 #define VORN_MTX_RECURSIVE 2
 
-/* Initialises a mutex of that type (pthread_mutex_init(3)). Returns 0; -1 for another type, the
- * mutex is not touched then; the positive error of the system otherwise. Any thread; not
- * signal-safe. */
+/* Initialises a mutex of that type (pthread_mutex_init(3)).
+ *   mutex: the mutex
+ *   type: VORN_MTX_NORMAL, VORN_MTX_ERRORCHECK or VORN_MTX_RECURSIVE
+ * Returns 0; -1 for another type, the mutex is not touched then; the positive error of the system
+ * otherwise. Any thread; not signal-safe. */
 VORN_API int vorn_mtx_init(pthread_mutex_t *mutex, int type);
 
-/* Returns pthread_mutex_destroy(mutex): 0 or a positive error. Any thread, while nobody uses the
- * mutex; not signal-safe. */
+/* Destroys a mutex: pthread_mutex_destroy(mutex). Any thread, while no thread uses the mutex; not
+ * signal-safe.
+ *   mutex: the mutex
+ * Returns 0 or a positive error. */
 VORN_API int vorn_mtx_destroy(pthread_mutex_t *mutex);
 
 VORN_END_DECLS

@@ -1,7 +1,6 @@
 /* Notifier chains: callbacks in the order of their priorities, which a producer of events calls
  * with an action and data.
  *
- *   static int on_event(vorn_notifier_block_s *block, unsigned long action, void *data);
  *   static vorn_notifier_chain_s chain = VORN_NOTIFIER_CHAIN_INIT("events");
  *   static vorn_notifier_block_s block = {on_event, NULL, 10};
  *
@@ -52,33 +51,61 @@ typedef struct vorn_notifier_chain {
 #define VORN_NOTIFIER_CHAIN_INIT(name)                                                             \
   { (name), VORN_SPINLOCK_INIT, NULL }
 
-/* Register and unregister a block in the caller's name. */
+/* Registers a block in the caller's name.
+ *   chain: the chain
+ *   block: block to put on the chain
+ * Returns what vorn_atomic_notifier_chain_register__ returns. */
 #define vorn_atomic_notifier_chain_register(chain, block)                                          \
   vorn_atomic_notifier_chain_register__(chain, block, __FILE__, __LINE__)
+
+/* Takes a block off the chain in the caller's name.
+ *   chain: the chain
+ *   block: block to take off the chain
+ * Returns what vorn_atomic_notifier_chain_unregister__ returns. */
 #define vorn_atomic_notifier_chain_unregister(chain, block)                                        \
   vorn_atomic_notifier_chain_unregister__(chain, block, __FILE__, __LINE__)
 
 /* Registers a block, after those of its own priority. file and line name the caller. A block that
- * is on a chain must not be registered again: this is not checked. Returns 0; does nothing when
- * chain or block is NULL. */
+ * is on a chain must not be registered again: this is not checked.
+ *   chain: the chain
+ *   block: block to put on the chain or to take off it
+ *   file: source file of the caller
+ *   line: line of the caller
+ * Returns 0; does nothing when chain or block is NULL. */
 VORN_API int vorn_atomic_notifier_chain_register__(vorn_notifier_chain_s *chain,
                                                    vorn_notifier_block_s *block, const char *file,
                                                    int line);
 
-/* Takes a block off the chain; no callback of it runs after that. Returns 0, also when chain or
- * block is NULL; -2 when the block is not on the chain. */
+/* Takes a block off the chain; no callback of it runs after that.
+ *   chain: the chain
+ *   block: block to put on the chain or to take off it
+ *   file: source file of the caller
+ *   line: line of the caller
+ * Returns 0, also when chain or block is NULL; -2 when the block is not on the chain. */
 VORN_API int vorn_atomic_notifier_chain_unregister__(vorn_notifier_chain_s *chain,
                                                      vorn_notifier_block_s *block, const char *file,
                                                      int line);
 
 /* Calls at most nrToCall blocks of the chain, a negative number: all, under the chain's lock. Adds
- * the number of calls to *nrCalls unless it is NULL. Returns the last callback's result; 0 when
- * none ran or chain is NULL. */
+ * the number of calls to *nrCalls unless it is NULL.
+ *   chain: the chain
+ *   action: action for the callbacks
+ *   data: data for the callbacks
+ *   nrToCall: most blocks to call, negative for all
+ *   nrCalls: counter to add the number of calls to, or NULL
+ * Returns the last callback's result; 0 when none ran or chain is NULL. */
 VORN_API int vorn_atomic_notifier_call_chain__(vorn_notifier_chain_s *chain, unsigned long action,
                                                void *data, int nrToCall, int *nrCalls);
 
-/* The same without the lock and for any context: the caller sees to it that no other thread changes
- * the chain. A callback may unregister its own block. */
+/* Calls the blocks of a chain as vorn_atomic_notifier_call_chain__ does, without the lock and for
+ * any context: the caller sees to it that no other thread changes the chain. A callback may
+ * unregister its own block.
+ *   chain: the chain
+ *   action: action for the callbacks
+ *   data: data for the callbacks
+ *   nrToCall: most blocks to call, negative for all
+ *   nrCalls: counter to add the number of calls to, or NULL
+ * Returns what vorn_atomic_notifier_call_chain__ returns. */
 VORN_API int VornNotifierCallChain(vorn_notifier_chain_s *chain, unsigned long action, void *data,
                                    int nrToCall, int *nrCalls);
 

@@ -40,52 +40,88 @@ typedef struct vorn_numam_files {
 
 /* --- Loading --- */
 
-/* Load the settings, once: of the file at path (NULL: "/opt/tessera/MorrowNumaConfiguration.ini"),
- * or of the two files. Return 0, also when an earlier call of either has loaded them, and when path
- * is NULL and there is no such file: no nodes then. Return -1 after a log message when a file
- * cannot be read or a setting is missing or wrong. The next call tries again, and adds to the nodes
- * that the failed one has read. */
+/* Loads the settings, once, of the file at path (NULL: "/opt/tessera/MorrowNumaConfiguration.ini").
+ *   path: the file, or NULL for the node's
+ * Returns 0, also when an earlier call of this function or of vorn_numam_module_init has loaded
+ * them, and when path is NULL and there is no such file: no nodes then. -1 after a log message when
+ * the file cannot be read or a setting is missing or wrong. The next call tries again, and adds to
+ * the nodes that the failed one has read. */
 VORN_API int vorn_numam_init(const char *path);
+
+/* Loads the settings, once, of the two files.
+ *   files: names of the two files
+ * Returns as vorn_numam_init does. */
 VORN_API int vorn_numam_module_init(const vorn_numam_files_s *files);
 
 /* --- What was loaded --- */
 
-/* Whether the process is to be bound to its nodes: 1 or 0, which it is before the load. */
+/* Returns whether the process is to be bound to its nodes: 1 or 0, which it is before the load. */
 VORN_API uint32_t vorn_numam_status_get(void);
 
-/* Sets that. Returns 0; -1 after an error message when status is neither 0 nor 1. */
+/* Sets whether the process is to be bound to its nodes.
+ *   status: 1 or 0
+ * Returns 0; logs an error and returns -1 when status is neither 0 nor 1. */
 VORN_API int vorn_numam_status_set(uint32_t status);
 
-/* The number of nodes, 0 before the load. */
+/* Returns the number of nodes, 0 before the load. */
 VORN_API int vorn_numam_num_get(void);
 
-/* The nodes that the process uses: bit n mod 64 of *mask for node n. Returns 0; -1 after an error
- * message when mask is NULL. */
+/* Stores the nodes that the process uses: bit n mod 64 of *mask for node n.
+ *   mask: where the nodes go
+ * Returns 0; logs an error and returns -1 when mask is NULL. */
 VORN_API int vorn_numam_proc_numamask_get(uint64_t *mask);
 
-/* The CPUs of a node, as a set of VORN_NUMAM_CPUSET_WORDS words and as a mask, in place of what
- * that held; CPUs for which there is no room are left out. Return 0, with an empty set and an error
- * message also when there is no such node; -1 after an error message when the pointer is NULL or
- * the node's list is wrong, with the CPUs before the wrong item then. */
+/* Stores the CPUs of a node as a set of VORN_NUMAM_CPUSET_WORDS words, in place of what that held;
+ * CPUs for which there is no room are left out.
+ *   node: number of the node, from 0 on
+ *   cpuset: set of VORN_NUMAM_CPUSET_WORDS words
+ * Returns 0, with an empty set and an error message also when there is no such node; logs an error
+ * and returns -1 when the pointer is NULL or the node's list is wrong, with the CPUs before the
+ * wrong item then. */
 VORN_API int vorn_numam_cpuset_get(uint32_t node, uint64_t *cpuset);
+
+/* Stores the CPUs of a node as a mask, as vorn_numam_cpuset_get does as a set.
+ *   node: number of the node, from 0 on
+ *   mask: mask of CPUs
+ * Returns as vorn_numam_cpuset_get does. */
 VORN_API int vorn_numam_cpumask_get(uint32_t node, cpumask *mask);
 
 /* --- Lists of CPUs --- */
 
-/* Add the CPUs of list to a set or mask, as above. Items are separated by commas; each is a decimal
- * CPU number or a range "8-11", blanks may precede a number, and what follows is not looked at.
- * Return 0, for a NULL list too; -1 after an error message at the first item that has another form
- * (it is empty, a number is negative) or ends before it starts, with the items before it added, and
- * when the set or mask is NULL. */
+/* Adds the CPUs of list to a set. Items are separated by commas; each is a decimal CPU number or a
+ * range "8-11", blanks may precede a number, and what follows is not looked at. CPUs for which
+ * there is no room are left out.
+ *   list: list of CPUs
+ *   cpuset: set of VORN_NUMAM_CPUSET_WORDS words
+ * Returns 0, for a NULL list too; logs an error and returns -1 at the first item that has another
+ * form (it is empty, a number is negative) or ends before it starts, with the items before it
+ * added, and when the set is NULL. */
 VORN_API int vorn_numam_parse_cpuset(const char *list, uint64_t *cpuset);
+
+/* Adds the CPUs of list to a mask, as vorn_numam_parse_cpuset does to a set.
+ *   list: list of CPUs
+ *   mask: mask of CPUs
+ * Returns as vorn_numam_parse_cpuset does. */
 VORN_API int vorn_numam_parse_cpumask(const char *list, cpumask *mask);
 
-/* The same for a single item. */
+/* Adds the CPUs of a single item to a set, as vorn_numam_parse_cpuset does.
+ *   item: item of a list
+ *   cpuset: set of VORN_NUMAM_CPUSET_WORDS words
+ * Returns as vorn_numam_parse_cpuset does. */
 VORN_API int vorn_numam_parse_cpuset_as_list(const char *item, uint64_t *cpuset);
+
+/* Adds the CPUs of a single item to a mask, as vorn_numam_parse_cpuset does to a set.
+ *   item: item of a list
+ *   mask: mask of CPUs
+ * Returns as vorn_numam_parse_cpuset does. */
 VORN_API int vorn_numam_parse_cpumask_as_list(const char *item, cpumask *mask);
 
-/* The first and the last CPU of an item, the same where it is a number. Returns 0; -1 after an
- * error message, with both left alone, when the item is wrong or a pointer is NULL. */
+/* Stores the first and the last CPU of an item, the same where it is a number.
+ *   item: item of a list
+ *   start: where the first CPU goes
+ *   end: where the last CPU goes
+ * Returns 0; logs an error and returns -1, with both left alone, when the item is wrong or a
+ * pointer is NULL. */
 VORN_API int vorn_numam_parse_cpustr(const char *item, unsigned int *start, unsigned int *end);
 
 /* --- The steps of a load ---
@@ -94,36 +130,58 @@ VORN_API int vorn_numam_parse_cpustr(const char *item, unsigned int *start, unsi
  * sees to it that no other thread loads meanwhile. They return 0; -1 after a log message, unless
  * they say otherwise. */
 
-/* vorn_numam_init without the memory that it was done. */
+/* Does what vorn_numam_init does, each time that it is called.
+ *   path: the file, or NULL for the node's
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_init_inner(const char *path);
 
-/* Whether files is not NULL and each name has 1 to 255 characters. */
+/* Checks that files is not NULL and each name has 1 to 255 characters.
+ *   files: names of the two files
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_cfg_check(const vorn_numam_files_s *files);
 
-/* vorn_numam_module_init without the memory that it was done. */
+/* Does what vorn_numam_module_init does, each time that it is called.
+ *   files: names of the two files
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_cfg_init(const vorn_numam_files_s *files);
 
-/* The following read the INI files that are registered (vorn_cfg_init). */
+/* --- Steps that read the INI files that are registered --- */
 
-/* Both sections. */
+/* Reads both sections.
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_cfg_parse(void);
 
-/* Section "NUMA_PARTITION"; of it the list of one node, -1 without a message when that is missing.
- */
+/* Reads section "NUMA_PARTITION".
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_parse_numa_partition(void);
+
+/* Reads the list of one node.
+ *   node: number of the node, from 0 on
+ * Returns 0; -1 without a log message when the list is missing, after one otherwise. */
 VORN_API int vorn_numam_parse_per_numa(uint32_t node);
 
-/* Section "PROC_PARTITION"; of it "numa_enable", -1 without a message when that is missing; and
- * "proc_numa_info", which may be missing. */
+/* Reads section "PROC_PARTITION".
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_parse_proc_partition(void);
+
+/* Reads "numa_enable".
+ * Returns 0; -1 without a log message when it is missing, after one otherwise. */
 VORN_API int vorn_numam_parse_proc_numa_switch(void);
+
+/* Reads "proc_numa_info", which may be missing.
+ * Returns 0; -1 after a log message. */
 VORN_API int vorn_numam_parse_proc_numa_info(void);
 
 /* Marks the nodes of a list of numbers as used by the process, up to the first number that is
- * negative or not below the number of nodes: -1 without a message then, and for NULL. */
+ * negative or not below the number of nodes.
+ *   list: numbers between commas
+ * Returns 0; -1 without a log message at such a number, and for NULL. */
 VORN_API int vorn_numam_parse_proc_numa_set(const char *list);
 
-/* The decimal number that an item holds; -1 without a message when it is missing or no int. */
+/* Returns the decimal number that an item holds; -1 without a log message when it is missing or no
+ * int.
+ *   section: name of the section
+ *   item: name of the item */
 VORN_API int vorn_numam_parse_digit_item(const char *section, const char *item);
 
 VORN_END_DECLS

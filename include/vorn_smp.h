@@ -6,21 +6,23 @@
 
 VORN_BEGIN_DECLS
 
-/* The CPUs that are configured and those that are online; 0: not known yet. The library writes them
- * as whole words. */
+/* How many CPUs are configured; 0: not known yet. The library writes it as a whole word. */
 VORN_API extern uint32_t g_configCpuNum;
+
+/* How many CPUs are online; 0: not known yet. The library writes it as a whole word. */
 VORN_API extern uint32_t g_onlineCpuNum;
 
 /* Asks the system for both counts, and does nothing once it has got them; CPUs that are plugged
- * later are not seen. vorn_Init makes this call. Returns 0, also after an error record of a count
- * that it did not get. May block. */
+ * later are not seen. vorn_Init makes this call.
+ * Returns 0, also after an error message of a count that it did not get. May block. */
 VORN_API int globalCpuNum_init(void);
 
-/* vorn_sysinfo_cpu_num. */
+/* Returns what vorn_sysinfo_cpu_num returns. */
 VORN_API uint32_t num_online_cpus(void);
 
-/* The configured CPUs: g_configCpuNum where that is known, else what sysconf(3) says. A count of 1
- * to 256 is kept there; of any other there is an error record and the result is 0. May block. */
+/* Returns the configured CPUs: g_configCpuNum where that is known, else what sysconf(3) says. A
+ * count of 1 to 256 is kept there; of any other there is an error message and the result is 0. May
+ * block. */
 VORN_API uint32_t num_config_cpus(void);
 
 VORN_END_DECLS

@@ -1,7 +1,7 @@
 /* The spin lock: a word that the thread that comes first sets. A thread that does not get it spins
  * for 100 microseconds, then gives the processor away for a millisecond (vorn_schedule), and so on.
  *
- * Not fair: no order among those who wait, and one may wait forever while others go in and out.
+ * Not fair: no order among those that wait, and one may wait forever while others go in and out.
  * Not recursive: a holder that locks again never comes back. Any thread may unlock, the holder is
  * not recorded, and when a holder ends without unlocking the lock stays held. Taking a lock
  * acquires what the unlocker before it had written. Free and uncontended, no call enters the
@@ -38,38 +38,67 @@ typedef struct vorn_spinlock {
 #define VORN_SPINLOCK_INIT                                                                         \
   { 0, VORN_SPINLOCK_MAGIC, -1, -1 }
 
-/* Makes *lock a free lock, while nobody uses it. */
+/* Makes *lock a free lock, while no thread uses it.
+ *   lock: the lock */
 static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
   const vorn_spinlock_s free_lock = VORN_SPINLOCK_INIT;
   *lock = free_lock;
 }
 
-/* Lock, try and unlock a vorn_spinlock_s * in the caller's name. */
+/* Waits until the lock is free and takes it, in the caller's name.
+ *   spinlock: the lock, a vorn_spinlock_s * */
 #define vorn_spinlock_lock(spinlock) do_vorn_spinlock_lock(&(spinlock)->lock, __func__, __LINE__)
+
+/* Takes the lock if it is free now, in the caller's name. Never waits.
+ *   spinlock: the lock, a vorn_spinlock_s *
+ * Returns 1 when taken, else 0. */
 #define vorn_spinlock_trylock(spinlock)                                                            \
   do_vorn_spinlock_trylock(&(spinlock)->lock, __func__, __LINE__)
+
+/* Frees the lock, whichever thread took it, in the caller's name.
+ *   spinlock: the lock, a vorn_spinlock_s * */
 #define vorn_spinlock_unlock(spinlock)                                                             \
   do_vorn_spinlock_unlock(&(spinlock)->lock, __func__, __LINE__)
 
 /* Waits until the word *lock is free and takes it. function and line name the caller; they are not
- * used. */
+ * used.
+ *   lock: the lock
+ *   function: name of the calling function
+ *   line: line of the caller */
 VORN_API void do_vorn_spinlock_lock(uint64_t *lock, const char *function, unsigned int line);
 
-/* Takes the word if it is free now: returns 1 when taken, else 0. Never waits. */
+/* Takes the word if it is free now. Never waits.
+ *   lock: the lock
+ *   function: name of the calling function
+ *   line: line of the caller
+ * Returns 1 when taken, else 0. */
 VORN_API int do_vorn_spinlock_trylock(uint64_t *lock, const char *function, unsigned int line);
 
-/* Frees the word, whichever thread took it. One that is not held is left as it is. */
+/* Frees the word, whichever thread took it. One that is not held is left as it is.
+ *   lock: the lock
+ *   function: name of the calling function
+ *   line: line of the caller */
 VORN_API void do_vorn_spinlock_unlock(uint64_t *lock, const char *function, unsigned int line);
 
 /* The flag that makes a thread write its stack (debug_dump_stack) each time that it has spun for
  * 100 microseconds, before it gives the processor away. */
 #define VORN_SPINLOCK_DUMP_STACK 1ul
 
-/* Set bits of the process's spin-lock flags, clear bits of them, store the flags in *out. They
- * begin as 0; bits other than VORN_SPINLOCK_DUMP_STACK are kept and mean nothing. All return 0. Any
- * thread, signal-safe; a change is lost when another is made at the same moment. */
+/* Sets bits of the process's spin-lock flags. They begin as 0; bits other than
+ * VORN_SPINLOCK_DUMP_STACK are kept and mean nothing. Any thread, signal-safe; a change is lost
+ * when another is made at the same moment.
+ *   bits: flags to change
+ * Returns 0. */
 VORN_API int vorn_spinlock_set_flags(unsigned long bits);
+
+/* Clears bits of the process's spin-lock flags, as vorn_spinlock_set_flags sets them.
+ *   bits: flags to change
+ * Returns 0. */
 VORN_API int vorn_spinlock_clear_flags(unsigned long bits);
+
+/* Stores the process's spin-lock flags in *out. Any thread, signal-safe.
+ *   out: where the flags go
+ * Returns 0. */
 VORN_API int vorn_spinlock_get_flags(unsigned long *out);
 
 /* Writes "current tid:%d, stack:%p(%s) << %p(%s) << %p(%s)." through evlog_original: the kernel's
@@ -79,7 +108,8 @@ VORN_API int vorn_spinlock_get_flags(unsigned long *out);
  *
  * The addresses are found by frame pointers, within the stack as vorn_thrd_getcurrentstack knows
  * it: what lies farther out, or beyond a function built without a frame pointer, is shown as 0 (or,
- * in the latter case, may be left out). Any thread, signal-safe, keeps errno. */
+ * in the latter case, may be left out). Any thread, signal-safe, keeps errno.
+ *   skip: calls to leave out */
 VORN_API void debug_dump_stack(unsigned int skip);
 
 VORN_END_DECLS

@@ -6,7 +6,9 @@
 
 VORN_BEGIN_DECLS
 
-/* The command word of an operation: the library's module id above, the operation code below. */
+/* The command word of an operation: the library's module id above, the operation code below.
+ *   operation: operation code, VORN_SYSCALL_*
+ * Returns the command word. */
 #define VORN_SYSCALL_COMMAND(operation)                                                            \
   (((unsigned long)VORN_MODULE_ID << 32) | (unsigned long)(uint32_t)(operation))
 
@@ -48,11 +50,16 @@ enum {
 };
 
 /* Issues the private system call (number 259 on AArch64) with the command word and four arguments.
+ *   command: command word, VORN_SYSCALL_COMMAND(operation)
+ *   a1: first argument of the operation
+ *   a2: second argument of the operation
+ *   a3: third argument of the operation
+ *   a4: fourth argument of the operation
  * Returns what the kernel module answers; -1 with errno on failure, ENOSYS where the processor or
  * the kernel has no such call. The library makes every request through this symbol, so a process, a
- * simulator or a test can put its own function in front. Such a function must not allocate through
- * the library or start it: the library may hold a lock of its own around the request. Any thread;
- * signal-safe; blocks as the operation does. */
+ * simulator or a test can put its own function in its place. Such a function must not allocate
+ * through the library or start it: the library may hold a lock of its own around the request. Any
+ * thread; signal-safe; blocks as the operation does. */
 VORN_API long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long a2,
                                    unsigned long a3, unsigned long a4);
 

@@ -1,13 +1,13 @@
-/* Threads: the record that the library keeps of each, their creation, the pool, scheduling
+/* Threads: the thread record that the library keeps of each, their creation, the pool, scheduling
  * strategies and CPU binding.
  *
- * Every thread started here is detached and has a record, a vorn_thread_s, with its name, kernel
- * id, strategy, stacks and context. Records lie in a table of VORN_THRD_SLOT_COUNT slots with a
- * reference count each; a slot's record is never freed, so a thread that finds another by its id
- * and holds the reference may read the record also after the other has ended. Where the table is
- * full a thread still gets a record, which no lookup and no listing sees and which goes with the
- * thread. A child of fork() begins with the record of the thread that called it, and without a
- * pool; the other records, and references to them, are the parent's alone.
+ * Every thread started here is detached and has a thread record, a vorn_thread_s, with its name,
+ * kernel id, strategy, stacks and context. Records lie in a table of VORN_THRD_SLOT_COUNT slots
+ * with a reference count each; a slot's record is never freed, so a thread that finds another by
+ * its id and holds the reference may read the record also after the other has ended. Where the
+ * table is full a thread still gets a record, which no lookup and no listing sees and which goes
+ * with the thread. A child of fork() begins with the record of the thread that called it, and
+ * without a pool; the other records, and references to them, are the parent's alone.
  *
  * However a thread ends, by return, pthread_exit(3) or cancellation, it gives back its record, its
  * slot and the reference that it has to itself: a destructor of thread-specific data does that. A
@@ -38,10 +38,13 @@ VORN_BEGIN_DECLS
 /* Bytes of each thread's alternate signal stack. */
 #define VORN_THRD_SIGSTACK_SIZE 65536u
 
-/* CPUs that a set for binding has room for; 64-bit words and bytes of such a set, whose bit n is
- * CPU n. */
+/* CPUs that a set for binding has room for. */
 #define VORN_THRD_CPU_COUNT 1024u
+
+/* 64-bit words of a set for binding, whose bit n is CPU n. */
 #define VORN_THRD_CPUSET_WORDS 16
+
+/* Bytes of a set for binding. */
 #define VORN_THRD_CPUSET_SIZE 128u
 
 /* The scheduling strategies, and vorn_thread_s::strategy while none has been applied. */
@@ -66,8 +69,10 @@ enum {
 /* A thread function. What it returns goes nowhere: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
-/* How many changes a trace holds, and return addresses of each. */
+/* How many changes a trace holds. */
 #define VORN_THRD_SWITCH_COUNT 3
+
+/* How many return addresses a trace holds of each change. */
 #define VORN_THRD_SWITCH_DEPTH 9
 
 /* A thread's change from one light-weight instance to another. */
@@ -115,28 +120,31 @@ typedef struct vorn_thread {
 
 /* --- Records --- */
 
-/* The calling thread's record, NULL when it has none: the library neither created nor adopted it.
- * Signal-safe. */
+/* Returns the calling thread's record, NULL when it has none: the library neither created nor
+ * adopted it. Signal-safe. */
 VORN_API vorn_thread_s *vorn_thrd_currentthreadinfo(void);
 
-/* The record of the running thread whose kernel id is tid, with a reference that the caller gives
- * back by vorn_thrd_putthreadinfo; NULL, without a log message, when no thread in the table
- * has it. Signal-safe. */
+/* Returns the record of the running thread whose kernel id is tid, with a reference that the caller
+ * gives back by vorn_thrd_putthreadinfo; NULL, without a log message, when no thread in the table
+ * has it. Signal-safe.
+ *   tid: kernel id of the thread */
 VORN_API vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid);
 
-/* Gives a reference back; the record must not be used after that. Returns how many are left. One
- * that none was held of is reported as an error and left at 0. A record without a slot is freed.
- * Signal-safe for a record that vorn_thrd_getthreadinfobytid has found. */
+/* Gives a reference back; the record must not be used after that.
+ *   thread: thread record to give back
+ * Returns how many are left. One that none was held of is reported as an error and left at 0. A
+ * record without a slot is freed. Signal-safe for a record that vorn_thrd_getthreadinfobytid has
+ * found. */
 VORN_API int vorn_thrd_putthreadinfo(vorn_thread_s *thread);
 
 /* Adopts the calling thread, which the library did not create: gives it a record, its signal stack
  * and strategy 0. Nothing is done where it has one. The thread gives the record back when it ends,
- * or earlier by vorn_thrd_clearcurthreadinfo. Returns 0; -1 after an information message when
- * memory is short. */
+ * or earlier by vorn_thrd_clearcurthreadinfo.
+ * Returns 0; -1 after an information message when memory is short. */
 VORN_API int vorn_thrd_setcurthreadinfo(void);
 
-/* Takes the calling thread's record away from it, before the thread ends. Returns 0; -1 when it has
- * none. */
+/* Takes the calling thread's record away from it, before the thread ends.
+ * Returns 0; -1 when it has none. */
 VORN_API int vorn_thrd_clearcurthreadinfo(void);
 
 /* Prepares the registry, once per process. Every function that needs it calls it, vorn_Init too.
@@ -144,80 +152,133 @@ VORN_API int vorn_thrd_clearcurthreadinfo(void);
  * give their records back when they return from their entry, and the next call tries again. */
 VORN_API int vorn_thrd_module_init(void);
 
-/* Lists the threads of the table with their kernel id, name and strategy through print. Returns 0;
- * -1 when print is NULL. */
+/* Lists the threads of the table with their kernel id, name and strategy through print.
+ *   print: function that each line goes through
+ * Returns 0; -1 when print is NULL. */
 VORN_API int vorn_thrd_list(vorn_print_f print);
 
 /* Has the kernel module report the state of thread tid. Without the module: an information message,
- * nothing else. */
+ * nothing else.
+ *   tid: kernel id of the thread */
 VORN_API void vorn_thrd_getstatus(unsigned int tid);
 
 /* --- Ids and names --- */
 
-/* The calling thread's kernel id (gettid(2)). Signal-safe. */
+/* Returns the calling thread's kernel id (gettid(2)). Signal-safe. */
 VORN_API long vorn_thread_get_knl_tid(void);
 
-/* The process id (getpid(2)) and the id of a thread, kept in the process: a getter asks the system
- * only until there is a value. A pid of 0 and less, and a thread id of all ones, are no values. A
- * child of fork() begins without. The thread id is one for the whole process, that of the thread
- * that set it or asked first; for the calling thread's own use pthread_self(3). Signal-safe. */
+/* Stores the process id (getpid(2)) that vorn_thrd_getpid_accl gives. 0 and less are no values. A
+ * child of fork() begins without. Signal-safe.
+ *   pid: the process id */
 VORN_API void vorn_thrd_setpid_accl(pid_t pid);
+
+/* Returns the process id, kept in the process: the system is asked only until there is a value.
+ * Signal-safe. */
 VORN_API pid_t vorn_thrd_getpid_accl(void);
+
+/* Stores the thread id that vorn_thrd_gettid_accl gives. All ones are no value. A child of fork()
+ * begins without. Signal-safe.
+ *   thread: the thread */
 VORN_API void vorn_thrd_settid_accl(pthread_t thread);
+
+/* Returns a thread id, kept in the process. It is one for the whole process, that of the thread
+ * that set it or asked first; for the calling thread's own use pthread_self(3). Signal-safe. */
 VORN_API pthread_t vorn_thrd_gettid_accl(void);
 
 /* Names the calling thread, in its record and for the kernel (PR_SET_NAME of prctl(2)). A name is
  * cut to 15 characters. Nothing but an error message when format is NULL or the thread has no
- * record. */
+ * record.
+ *   format: printf format
+ *   ...: values of the format */
 VORN_API void vorn_thrd_setname(const char *format, ...) VORN_PRINTF(1, 2);
 
-/* The calling thread's name, valid for as long as its record; NULL without a record. Signal-safe.
- */
+/* Returns the calling thread's name, valid for as long as its record; NULL without a record.
+ * Signal-safe. */
 VORN_API const char *vorn_thrd_getname(void);
 
-/* The process's name as /proc/PID/status has it, and the file name of its executable, each read
- * once and copied with its NUL into the len bytes at buf; 32 are always enough. Return 0; -1 after
- * an error message when buf is NULL, the name cannot be read or does not fit. Block on /proc. */
+/* Copies the process's name as /proc/PID/status has it, read once, with its NUL into the len bytes
+ * at buf; 32 are always enough. Blocks on /proc.
+ *   buf: where the name goes
+ *   len: bytes at buf
+ * Returns 0; logs an error and returns -1 when buf is NULL, the name cannot be read or does not
+ * fit. */
 VORN_API int vorn_get_process_name(char *buf, unsigned int len);
+
+/* Copies the file name of the process's executable, as vorn_get_process_name copies the process's
+ * name.
+ *   buf: where the name goes
+ *   len: bytes at buf
+ * Returns as vorn_get_process_name does. */
 VORN_API int vorn_get_process_exe_name(char *buf, unsigned int len);
 
 /* --- The calling thread --- */
 
-/* sched_yield(2). */
+/* Lets the other threads of this CPU run first: sched_yield(2). */
 VORN_API void vorn_thrd_yield(void);
 
-/* The CPU that the calling thread was bound to by vorn_sched_setaffinity or vorn_thrd_core_set,
- * else the one that it runs on at the moment (sched_getcpu(3)). Signal-safe. */
+/* Returns the CPU that the calling thread was bound to by vorn_sched_setaffinity or
+ * vorn_thrd_core_set, else the one that it runs on at the moment (sched_getcpu(3)). Signal-safe. */
 VORN_API int smp_processor_id(void);
 
-/* The CPU and the NUMA node that the calling thread is said to be on; a negative one is none, and
- * -1 the value of a new thread. Signal-safe. */
+/* Stores the CPU that the calling thread is said to be on; a negative one is none, as for a new
+ * thread. Signal-safe.
+ *   core: number of the CPU, negative for none */
 VORN_API void vorn_thrd_core_set(int core);
+
+/* Stores the NUMA node that the calling thread is said to be on; a negative one is none, as for a
+ * new thread. Signal-safe.
+ *   node: number of the NUMA node, negative for none */
 VORN_API void vorn_thrd_numaId_set(int node);
+
+/* Returns the NUMA node that the calling thread is said to be on; -1 for a new thread. Signal-safe.
+ */
 VORN_API int vorn_thrd_numaId_get(void);
 
-/* The calling thread's context. Without a record the setters do nothing, the checks and the id are
- * 0. Signal-safe.
- *
- * It dispatches I/O from now on, under this id. */
+/* Makes the calling thread one that dispatches I/O, under this id. Does nothing where the thread
+ * has no record. Signal-safe.
+ *   id: id for the thread */
 VORN_API void vorn_thread_run_in_iod_context_init(unsigned int id);
-/* Whether it dispatches I/O, and under which id. */
+
+/* Returns whether the calling thread dispatches I/O; 0 without a record. Signal-safe. */
 VORN_API int vorn_thread_run_in_iod_context_check(void);
+
+/* Returns the id under which the calling thread dispatches I/O; 0 without a record. Signal-safe. */
 VORN_API unsigned int vorn_thread_iod_thread_id_get(void);
-/* It stands for an interrupt until the context that is saved in *saved is restored. */
+
+/* Lets the calling thread stand for an interrupt until the context that is saved in *saved is
+ * restored. Does nothing where the thread has no record. Signal-safe.
+ *   saved: where the context goes */
 VORN_API void vorn_thread_run_in_irq_context_save(unsigned int *saved);
+
+/* Restores the context that vorn_thread_run_in_irq_context_save saved. Does nothing where the
+ * thread has no record. Signal-safe.
+ *   saved: context to restore */
 VORN_API void vorn_thread_run_in_irq_context_restore(unsigned int saved);
+
+/* Returns whether the calling thread stands for an interrupt; 0 without a record. Signal-safe. */
 VORN_API int vorn_thread_run_in_irq_context_check(void);
 
 /* --- Stacks --- */
 
-/* The bounds of the calling thread's stack, and of its signal stack: the lowest address and the one
- * after the highest. -1 without a log message when they are unknown. Signal-safe. */
+/* Stores the bounds of the calling thread's stack: the lowest address and the one after the
+ * highest. Signal-safe.
+ *   low: where the lowest address goes
+ *   high: where the address after the highest goes
+ * Returns 0; -1 without a log message when they are unknown. */
 VORN_API int vorn_thrd_getosstack(unsigned long *low, unsigned long *high);
+
+/* Stores the bounds of the calling thread's signal stack, as vorn_thrd_getosstack those of its
+ * stack. Signal-safe.
+ *   low: where the lowest address goes
+ *   high: where the address after the highest goes
+ * Returns as vorn_thrd_getosstack does. */
 VORN_API int vorn_thrd_getsigstack(unsigned long *low, unsigned long *high);
 
-/* The bounds of the stack of the thread with kernel id tid; -1 without a log message when
- * they are unknown. Signal-safe. */
+/* Stores the bounds of the stack of the thread with kernel id tid. Signal-safe.
+ *   tid: kernel id of the thread
+ *   low: where the lowest address goes
+ *   high: where the address after the highest goes
+ * Returns 0; -1 without a log message when they are unknown. */
 VORN_API int vorn_thread_get_specific_stack(long tid, unsigned long *low, unsigned long *high);
 
 /* What knows the stacks of light-weight threads. Both are called in signal handlers. */
@@ -227,82 +288,148 @@ typedef struct vorn_lwt_stack_ops {
                        unsigned long *high); /* 0: the bounds are found */
 } vorn_lwt_stack_ops_s;
 
-/* Registers both functions of *ops, which is copied, or takes them away. The first returns 0; -1
- * without a log message when ops is NULL. */
+/* Registers both functions of *ops, which is copied.
+ *   ops: the two functions
+ * Returns 0; -1 without a log message when ops is NULL. */
 VORN_API int register_lwt_stack_ops(const vorn_lwt_stack_ops_s *ops);
+
+/* Takes both functions away. */
 VORN_API void unregister_lwt_stack_ops(void);
 
-/* Ask those functions; -1 when none is registered. Signal-safe. */
+/* Asks the registered function is_lwt_stack. Signal-safe.
+ *   address: address to look at
+ * Returns the result of is_lwt_stack; -1 when none is registered. */
 VORN_API int vorn_thrd_islwtstack(unsigned long address);
+
+/* Asks the registered function get_lwt_stack. Signal-safe.
+ *   address: address to look at
+ *   low: where the lowest address goes
+ *   high: where the address after the highest goes
+ * Returns the result of get_lwt_stack; -1 when none is registered. */
 VORN_API int vorn_thrd_getlwtstack(unsigned long address, unsigned long *low, unsigned long *high);
 
-/* On which of the calling thread's stacks address lies: its bounds, and in *kind "LWT_STACK",
- * "OS_STACK" (a page below the stack still counts), "SIG_STACK", or "UNKNOWN_STACK" for an address
- * close above the caller's frame on a stack that nobody knows; this one is taken to begin at the
- * address's page and to be vorn_thrd_getunknownstacksize bytes long. -1 without a log message
- * when kind is NULL, or the address lies on none, with *kind "INVALID_STACK" or "INVALID_LWT_STACK"
- * then. Signal-safe. */
+/* Tells on which of the calling thread's stacks address lies: stores its bounds, and in *kind
+ * "LWT_STACK", "OS_STACK" (a page below the stack still counts), "SIG_STACK", or "UNKNOWN_STACK"
+ * for an address close above the caller's frame on a stack that the library does not know; this one
+ * is taken to begin at the address's page and to be vorn_thrd_getunknownstacksize bytes long.
+ * Signal-safe.
+ *   address: address to look at
+ *   low: where the lowest address goes
+ *   high: where the address after the highest goes
+ *   kind: where the kind of the stack goes
+ * Returns 0; -1 without a log message when kind is NULL, or the address lies on none, with *kind
+ * "INVALID_STACK" or "INVALID_LWT_STACK" then. */
 VORN_API int vorn_thrd_getcurrentstack(unsigned long address, unsigned long *low,
                                        unsigned long *high, const char **kind);
 
-/* The size in bytes that a stack of unknown bounds is taken for; 8192 at the start. Signal-safe. */
+/* Sets the size in bytes that a stack of unknown bounds is taken for; 8192 at the start.
+ * Signal-safe.
+ *   size: size in bytes */
 VORN_API void vorn_thrd_setunknownstacksize(unsigned long size);
+
+/* Returns the size in bytes that a stack of unknown bounds is taken for. Signal-safe. */
 VORN_API unsigned long vorn_thrd_getunknownstacksize(void);
 
 /* Stores count return addresses of the calling thread, from the innermost out: skip 0 begins with
  * the address in the function that called this one, each more leaves out one call. Where the stack
- * has fewer, 0 follows them. Returns 0; -1 when addresses is NULL or the stack has none. The
- * addresses are found by frame pointers and end where a function was built without.
- * Signal-safe.
- */
+ * has fewer, 0 follows them.
+ *   addresses: where the return addresses go
+ *   count: room at addresses
+ *   skip: calls to leave out
+ * Returns 0; -1 when addresses is NULL or the stack has none. The addresses are found by frame
+ * pointers and end where a function was built without. Signal-safe. */
 VORN_API int vorn_thrd_backtrace(unsigned long *addresses, unsigned int count, unsigned int skip);
 
 /* --- Creation --- */
 
-/* Starts a thread that runs entry(argument), in the pool where that has an idle one, else a new
- * one under strategy 0. Its id goes to *out unless out is NULL; it may have ended by then. Returns
- * 0, and the entry is run once in any case; -1 after a log message. */
+/* Starts a thread that runs entry(argument), in the pool where that has an idle one, else a new one
+ * under strategy 0. Its id goes to *out unless out is NULL; it may have ended by then.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ * Returns 0, and the entry is run once in any case; -1 after a log message. */
 VORN_API int vorn_thrd_create(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
 
-/* The same, always a new thread. */
+/* Starts a new thread that runs entry(argument), as vorn_thrd_create does without the pool.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ * Returns what vorn_thrd_create returns. */
 VORN_API int create_thread_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
+
+/* Does what create_thread_raw does.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ * Returns what vorn_thrd_create returns. */
 VORN_API int vorn_thread_create_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
 
-/* The same as vorn_thrd_create; a new thread has a stack of 131072 bytes where the instant-map flag
- * is set. */
+/* Starts a thread as vorn_thrd_create does; a new thread has a stack of 131072 bytes where the
+ * instant-map flag is set.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ * Returns what vorn_thrd_create returns. */
 VORN_API int create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out);
 
-/* A new thread with these attributes (NULL: default ones), made detached, and without a strategy.
- */
+/* Starts a new thread with these attributes (NULL: default ones), made detached, and without a
+ * strategy.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
+ *   attr: attributes of the thread, or NULL
+ * Returns what vorn_thrd_create returns. */
 VORN_API int vorn_thrd_create_attr(vorn_thrd_entry_f entry, void *argument, pthread_t *out,
                                    pthread_attr_t *attr);
 
-/* What the others build on: a new thread that runs start_routine with its vorn_thread_s * as
- * argument, which holds entry and argument, and is start_routine's to put back. */
+/* Starts a new thread that runs start_routine with its vorn_thread_s * as argument, which holds
+ * entry and argument, and is start_routine's to put back. The other functions build on this one.
+ *   entry: function to run
+ *   argument: its argument
+ *   start_routine: function that gets the thread record
+ *   out: where the id goes, or NULL
+ *   attr: attributes of the thread, or NULL
+ * Returns 0; logs an error and returns -1 when the thread cannot be started. */
 VORN_API int create_thread_raw_base(vorn_thrd_entry_f entry, void *argument,
                                     vorn_thrd_entry_f start_routine, pthread_t *out,
                                     pthread_attr_t *attr);
 
-/* pthread_attr_init(3), pthread_attr_destroy(3) and pthread_attr_setstacksize(3); size in bytes.
- * Return 0; -1 without a log message when attr is NULL or the call fails. */
+/* Initialises attributes: pthread_attr_init(3).
+ *   attr: the attributes
+ * Returns 0; -1 without a log message when attr is NULL or the call fails. */
 VORN_API int vorn_thrd_attr_init(pthread_attr_t *attr);
+
+/* Destroys attributes: pthread_attr_destroy(3).
+ *   attr: the attributes
+ * Returns 0; -1 without a log message when attr is NULL or the call fails. */
 VORN_API int vorn_thrd_attr_destroy(pthread_attr_t *attr);
+
+/* Sets the size of a stack in bytes: pthread_attr_setstacksize(3).
+ *   attr: the attributes
+ *   size: size in bytes
+ * Returns 0; -1 without a log message when attr is NULL or the call fails. */
 VORN_API int vorn_thrd_setstacksize(pthread_attr_t *attr, size_t size);
 
-/* Threads started from now on get small stacks where their function says so: 1 once set. */
+/* Gives threads that are started from now on small stacks where their function says so. */
 VORN_API void vorn_set_instant_map_flag(void);
+
+/* Returns 1 once vorn_set_instant_map_flag has been called, else 0. */
 VORN_API int vorn_get_instant_map_flag(void);
 
 /* --- The pool --- */
 
 /* Creates the pool of count threads, at most 1024, which then wait for jobs. Once per process: a
  * second call is logged and returns 0. A quarter of them and one more, which starts the rest, have
- * been started when it returns; the result is their number, and every count but 1 therefore gives
- * less than count (8 asked, 3 returned). Where not one could be started the call may be made again.
- */
+ * been started when it returns. Where not one could be started the call may be made again.
+ *   count: number of threads
+ * Returns the number of threads that have been started, so that every count but 1 gives less than
+ * count (8 asked, 3 returned). */
 VORN_API unsigned int vorn_thread_pool_create(unsigned int count);
 
 /* Has an idle thread of the pool run entry(argument). Its id goes to *out unless out is NULL.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the id goes, or NULL
  * Returns 0; -1 without a log message when there is no pool or no thread of it is idle. Neither
  * locks nor allocates, unless a thread of the pool is missing.
  *
@@ -321,8 +448,8 @@ VORN_API int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argum
                                             pthread_t *out);
 
 /* Has all threads of the pool end, those with a job when it is done, and none take the place of
- * another; sleeps 10 ms. A job that was given is always run. Returns how many had not left by then,
- * 0 without a pool. There is no other pool afterwards. */
+ * another; sleeps 10 ms. A job that was given is always run.
+ * Returns how many had not left by then, 0 without a pool. There is no other pool afterwards. */
 VORN_API int vorn_thread_pool_destroy(void);
 
 /* --- Strategy, priority and CPU binding --- */
@@ -333,50 +460,78 @@ typedef struct vorn_thrd_strategy {
   const char *cpumask; /* as vorn_cpum_parse_cpumask reads it */
 } vorn_thrd_strategy_s;
 
-/* Sets up a strategy, before threads that use it start: the table has no lock. Returns 0; -1 after
- * an information message when there is no such strategy or its CPUs cannot be read, it is invalid
- * then. */
+/* Sets up a strategy, before threads that use it start: the table has no lock.
+ *   strategy: VORN_THRD_STRATEGY_*
+ *   settings: nice value and CPUs
+ * Returns 0; -1 after an information message when there is no such strategy or its CPUs cannot be
+ * read, it is invalid then. */
 VORN_API int vorn_initThreadStrategy(unsigned int strategy, const vorn_thrd_strategy_s *settings);
 
 /* Puts the calling thread under a strategy: its nice value and its CPUs. One that is not set up
- * takes those of strategy 0; where that is not either, nothing is done. Returns 0, also for a
- * number that is no strategy, after an information message; -1 after one when the system refuses.
- */
+ * takes those of strategy 0; where that is not either, nothing is done.
+ *   strategy: VORN_THRD_STRATEGY_*
+ * Returns 0, also for a number that is no strategy, after an information message; -1 after one when
+ * the system refuses. */
 VORN_API int vorn_setCurThreadStrategy(unsigned int strategy);
 
-/* The calling thread's nice value: setpriority(2). Returns 0; -1 after a warning. */
+/* Sets the calling thread's nice value: setpriority(2).
+ *   prio: nice value, -20 to 19
+ * Returns 0; -1 after a warning. */
 VORN_API int vorn_setCurThreadPrio(int prio);
 
-/* The same on a scale: levels 0 to 4 are the nice values -20, -15, 0, 10 and 15; others do nothing.
- */
+/* Sets the calling thread's nice value on a scale: levels 0 to 4 are the nice values -20, -15, 0,
+ * 10 and 15; others do nothing.
+ *   level: 0 to 4, the most urgent first */
 VORN_API void vorn_thrd_setprio(unsigned int level);
 
-/* Binds the calling thread to the CPUs of a text as vorn_cpum_parse_cpumask reads it. */
+/* Binds the calling thread to the CPUs of a text as vorn_cpum_parse_cpumask reads it.
+ *   cpumask: list of CPUs
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_setCurThreadBind(const char *cpumask);
 
-/* Shows the table of strategies through print. Returns 0; -1 when print is NULL. */
+/* Shows the table of strategies through print.
+ *   print: function that each line goes through
+ * Returns 0; -1 when print is NULL. */
 VORN_API int vorn_showThreadStrategyDbg(vorn_print_f print);
 
 /* Binds a thread to the CPUs of a set (pthread_setaffinity_np(3)). Only its first n / 8 bytes,
  * rounded up, are read, n the number of configured CPUs, at most VORN_THRD_CPUSET_SIZE; where they
- * are all 0 nothing is changed. */
+ * are all 0 nothing is changed.
+ *   thread: the thread
+ *   cpuset: set of CPUs
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_thrd_setbindcpu(pthread_t thread, const unsigned char *cpuset);
 
-/* Binds the calling thread to all configured CPUs. */
+/* Binds the calling thread to all configured CPUs.
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_thrd_bindAllCfgCpu(void);
 
-/* The CPUs that a thread is bound to (pthread_getaffinity_np(3)), and those of the main thread of
- * the process pid (sched_getaffinity(2); 0: the calling thread). */
+/* Stores the CPUs that a thread is bound to (pthread_getaffinity_np(3)).
+ *   thread: the thread
+ *   set: where the CPUs go
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_thrd_getbindcpu(pthread_t thread, cpu_set_t *set);
+
+/* Stores the CPUs that the main thread of the process pid is bound to (sched_getaffinity(2); 0: the
+ * calling thread).
+ *   pid: the process id
+ *   set: where the CPUs go
+ * Returns 0; logs an error and returns -1 otherwise. */
 VORN_API int vorn_thrd_getbindcpu_bypid(pid_t pid, cpu_set_t *set);
 
 /* --- The watched thread --- */
 
-/* One thread id that processes share, in the shared memory object "vornThreadWatch": set it, take
- * it back, read it. vorn_thread_watch_add returns -1 when the object cannot be made; the others
- * then return 0. The first call opens the object. */
+/* Sets the one thread id that processes share, in the shared memory object "vornThreadWatch". The
+ * first call opens the object.
+ *   tid: thread id to store
+ * Returns 0; -1 when the object cannot be made. */
 VORN_API int vorn_thread_watch_add(unsigned int tid);
+
+/* Takes the shared thread id back.
+ * Returns 0. */
 VORN_API int vorn_thread_watch_del(void);
+
+/* Returns the shared thread id; 0 when there is none or the object cannot be made. */
 VORN_API unsigned int vorn_thread_watch_get(void);
 
 VORN_END_DECLS

@@ -2,13 +2,12 @@
  * thread of the library, "vorn_run_timers", calls the function once when the time has come. Arming
  * and deleting take constant time, however many timers are pending.
  *
- *   static void expired(uint64_t request);
- *   static vorn_timer_s timer; (all zero, or vorn_timer_init)
+ *   static vorn_timer_s timer; // all zero, or vorn_timer_init
  *
  *   vorn_timer_set(&timer, 250, (uint64_t)request, expired);
- *   vorn_timer_add(&timer);            (expired(request) in 250 ms)
- *   vorn_timer_modify(&timer, 500);    (no: in 500 ms from now)
- *   vorn_timer_delete_sync(&timer);    (no longer, and it does not run now)
+ *   vorn_timer_add(&timer);         // expired(request) in 250 ms
+ *   vorn_timer_modify(&timer, 500); // no: in 500 ms from now
+ *   vorn_timer_delete_sync(&timer); // no longer, and it does not run now
  *
  * Time is vorn_time_getmillisec: a timer is never early by that clock. As the clock's current
  * millisecond counts as a whole one, a timer of n ms may run up to 1 ms before n ms have passed.
@@ -66,57 +65,86 @@ typedef struct vorn_timer {
 /* In isp: a high-resolution timer that is pending. */
 #define VORN_TIMER_HR_PENDING 17u
 
-/* Sets a timer in the caller's name: vorn_timer_set_raw. */
+/* Sets a timer in the caller's name: vorn_timer_set_raw.
+ *   timer: the timer
+ *   timeOut: milliseconds, or nanoseconds for vorn_timer_add_ns
+ *   data: argument of func
+ *   func: function to call
+ * Returns what vorn_timer_set_raw returns. */
 #define vorn_timer_set(timer, timeOut, data, func)                                                 \
   vorn_timer_set_raw(timer, timeOut, data, func, __func__, __FILE__, __LINE__)
 
 /* Starts the timers, once per process; vorn_Init makes this call. Starts the thread, with the CPUs
- * of the affinity level "affinity_level_1" where there is one. After a failure a further call tries
- * again. */
+ * of the affinity level "affinity_level_1" where there is one.
+ * Returns 0; logs an error and returns -1 on failure: a further call tries again. */
 VORN_API int vorn_timer_module_init(void);
 
-/* Makes *timer a record of zeros, whatever it held: never while it is pending. */
+/* Makes *timer a record of zeros, whatever it held: never while it is pending.
+ *   timer: the timer
+ * Returns 0; logs an error and returns -1 when timer is NULL. */
 VORN_API int vorn_timer_init(vorn_timer_s *timer);
 
 /* Makes *timer a timer of timeOut milliseconds (nanoseconds for vorn_timer_add_ns) that calls
  * func(data). funcName and file must last as long as the timer; they and line are shown in the log.
- * *timer holds zeros, or has been set before. Fails when timer or func is NULL, or the timer is
- * pending. */
+ * *timer holds zeros, or has been set before.
+ *   timer: the timer
+ *   timeOut: milliseconds, or nanoseconds for vorn_timer_add_ns
+ *   data: argument of func
+ *   func: function to call
+ *   funcName: name of the function that sets the timer
+ *   file: its source file
+ *   line: its line
+ * Returns 0; logs an error and returns -1 when timer or func is NULL, or the timer is pending. */
 VORN_API int vorn_timer_set_raw(vorn_timer_s *timer, uint64_t timeOut, uint64_t data,
                                 vorn_timer_f func, const char *funcName, const char *file,
                                 int line);
 
-/* Arms a timer for its timeOut milliseconds from now. Fails when the timers have not been started,
- * timer or its func is NULL, timeOut is 0, or the timer is pending. */
+/* Arms a timer for its timeOut milliseconds from now.
+ *   timer: the timer
+ * Returns 0; logs an error and returns -1 when the timers have not been started, timer or its func
+ * is NULL, timeOut is 0, or the timer is pending. */
 VORN_API int vorn_timer_add(vorn_timer_s *timer);
 
-/* Arms a timer for its timeOut nanoseconds from now, at most 1000000: vorn_hr_timer_add. Fails also
- * when timer or its func is NULL, or the timer is pending by vorn_timer_add. */
+/* Arms a timer for its timeOut nanoseconds from now, at most 1000000: vorn_hr_timer_add.
+ *   timer: the timer
+ * Returns what vorn_hr_timer_add returns; logs an error and returns -1 also when timer or its func
+ * is NULL, or the timer is pending by vorn_timer_add. */
 VORN_API int vorn_timer_add_ns(vorn_timer_s *timer);
 
 /* Arms a timer, pending or not, for ms milliseconds from now, which becomes its timeOut. ms counts
- * modulo 2^61 / 125. Fails when timer or its func is NULL, ms is 0, or the timers have not been
- * started. */
+ * modulo 2^61 / 125.
+ *   timer: the timer
+ *   ms: milliseconds from now
+ * Returns 0; logs an error and returns -1 when timer or its func is NULL, ms is 0, or the timers
+ * have not been started. */
 VORN_API int vorn_timer_modify(vorn_timer_s *timer, uint64_t ms);
 
-/* Disarms a timer. Its function may be running now; one that is may arm it anew. Returns 0 also
- * when it was not pending. Fails when timer is NULL or the timers have not been started. */
+/* Disarms a timer. Its function may be running now; one that is may arm it anew.
+ *   timer: the timer
+ * Returns 0, also when the timer was not pending; logs an error and returns -1 when timer is NULL
+ * or the timers have not been started. */
 VORN_API int vorn_timer_delete(vorn_timer_s *timer);
 
 /* Disarms a timer and waits until its function is not running; what that call of the function has
- * armed is disarmed with its end. Fails like vorn_timer_delete, and when the timer's own function
- * calls it, which would wait for itself. The caller holds nothing that the function waits for. */
+ * armed is disarmed with its end. The caller holds nothing that the function waits for.
+ *   timer: the timer
+ * Returns what vorn_timer_delete returns; logs an error and returns -1 also when the timer's own
+ * function calls it, which would wait for itself. */
 VORN_API int vorn_timer_delete_sync(vorn_timer_s *timer);
 
-/* The same as vorn_timer_delete_sync. */
+/* Does what vorn_timer_delete_sync does.
+ *   timer: the timer
+ * Returns what vorn_timer_delete_sync returns. */
 VORN_API int vorn_timer_destroy(vorn_timer_s *timer);
 
-/* 1 while the timer is armed, 0 otherwise: also in its own function. NULL gives 0 and an error in
- * the log. */
+/* Returns 1 while the timer is armed, 0 otherwise: also in its own function. NULL gives 0 and an
+ * error in the log.
+ *   timer: the timer */
 VORN_API int vorn_timer_is_pending(vorn_timer_s *timer);
 
 /* Writes the timer whose field list is *node to the log at information level. The caller sees to it
- * that nothing changes it meanwhile. */
+ * that nothing changes it meanwhile.
+ *   node: field list of a timer */
 VORN_API void vorn_timer_show(vorn_list_head_s *node);
 
 VORN_END_DECLS

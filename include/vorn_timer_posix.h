@@ -16,20 +16,39 @@ struct itimerspec; /* of <time.h> */
 /* What a refused argument gives. */
 #define VORN_TIMER_POSIX_REFUSED (-22)
 
-/* timer_create(2) on one of the clocks 0 to 3: CLOCK_REALTIME, CLOCK_MONOTONIC, and those of the
- * CPU time of the process and the thread. evp and timerid must not be NULL. */
+/* Creates a timer on one of the clocks 0 to 3: CLOCK_REALTIME, CLOCK_MONOTONIC, and those of the
+ * CPU time of the process and the thread: timer_create(2). evp and timerid must not be NULL.
+ *   clockid: clock of the timer, 0 to 3
+ *   evp: what the system does at the expiry
+ *   timerid: where the timer's id goes
+ * Returns what timer_create(2) returns; logs an error and returns -22 for a refused argument. */
 VORN_API int vorn_timer_create_posix(clockid_t clockid, struct sigevent *evp, timer_t *timerid);
 
-/* timer_settime(2). new_value must not be NULL; old_value may be. */
+/* Arms or disarms a timer: timer_settime(2). new_value must not be NULL; old_value may be.
+ *   timerid: the timer's id
+ *   flags: 0 or TIMER_ABSTIME
+ *   new_value: expiry and interval
+ *   old_value: where the former setting goes, or NULL
+ * Returns what timer_settime(2) returns; logs an error and returns -22 for a refused argument. */
 VORN_API int vorn_timer_settime_posix(timer_t timerid, int flags,
                                       const struct itimerspec *new_value,
                                       struct itimerspec *old_value);
 
-/* timer_gettime(2). curr_value must not be NULL. */
+/* Reads a timer's setting: timer_gettime(2). curr_value must not be NULL.
+ *   timerid: the timer's id
+ *   curr_value: where the setting goes
+ * Returns what timer_gettime(2) returns; logs an error and returns -22 for a refused argument. */
 VORN_API int vorn_timer_gettime_posix(timer_t timerid, struct itimerspec *curr_value);
 
-/* timer_delete(2) and timer_getoverrun(2). Signal-safe, the latter. */
+/* Deletes a timer: timer_delete(2).
+ *   timerid: the timer's id
+ * Returns what timer_delete(2) returns. */
 VORN_API int vorn_timer_delete_posix(timer_t timerid);
+
+/* Reads how often a timer expired beside the delivery of its signal: timer_getoverrun(2).
+ * Signal-safe.
+ *   timerid: the timer's id
+ * Returns what timer_getoverrun(2) returns. */
 VORN_API int vorn_timer_getoverrun_posix(timer_t timerid);
 
 VORN_END_DECLS

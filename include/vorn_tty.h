@@ -2,8 +2,8 @@
  * they are passed on as they are.
  *
  * Each function returns what the module answers; -1 with errno on failure, ENOSYS where there is no
- * module. None writes a record. Any thread; signal-safe; blocks as the module does. No function
- * here is a cancellation point. */
+ * module. None writes a log message. Any thread; signal-safe; blocks as the module does. No
+ * function here is a cancellation point. */
 #ifndef VORN_TTY_H
 #define VORN_TTY_H
 
@@ -11,12 +11,28 @@
 
 VORN_BEGIN_DECLS
 
-/* Starts, and stops, the login query on the console. */
+/* Starts the login query on the console.
+ *   argument1: first word for the kernel module
+ *   argument2: second word for the kernel module
+ * Returns what the module answers; -1 with errno on failure. */
 VORN_API int vorn_start_agettyquery(unsigned long argument1, unsigned long argument2);
+
+/* Stops the login query on the console.
+ *   argument1: first word for the kernel module
+ *   argument2: second word for the kernel module
+ * Returns what the module answers; -1 with errno on failure. */
 VORN_API int vorn_stop_agettyquery(unsigned long argument1, unsigned long argument2);
 
-/* Turns printing on the console on, and off. */
+/* Turns printing on the console on.
+ *   argument1: first word for the kernel module
+ *   argument2: second word for the kernel module
+ * Returns what the module answers; -1 with errno on failure. */
 VORN_API int vorn_tty_printon(unsigned long argument1, unsigned long argument2);
+
+/* Turns printing on the console off.
+ *   argument1: first word for the kernel module
+ *   argument2: second word for the kernel module
+ * Returns what the module answers; -1 with errno on failure. */
 VORN_API int vorn_tty_printoff(unsigned long argument1, unsigned long argument2);
 
 VORN_END_DECLS

@@ -1,16 +1,15 @@
 // test-runs: vorn-scrub
 // Tests vorn-scrub as an operator runs it.
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "support/scratch.hpp"
+#include "support/shell.hpp"
 #include "vorn_crc.h"
 
 namespace {
@@ -29,21 +28,6 @@ constexpr int kCouldNotRun = 2;
 const std::string kScrub = VORN_TEST_EMULATOR " '" VORN_TEST_PROGRAM "' ";
 const std::string kAsAnyone =
     geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
-
-struct Outcome {
-  int status;
-  std::string text; // standard output and standard error
-};
-
-Outcome shell(const std::string &line) {
-  Outcome outcome{-1, {}};
-  std::FILE *output = popen(("exec 2>&1; " + line).c_str(), "r");
-  for (int c; (c = std::getc(output)) != EOF;)
-    outcome.text += static_cast<char>(c);
-  const int status = pclose(output);
-  if (WIFEXITED(status)) outcome.status = WEXITSTATUS(status);
-  return outcome;
-}
 
 Outcome create(const std::string &before = {}) { return shell(before + kScrub + "create ."); }
 Outcome verify(const std::string &before = {}) { return shell(before + kScrub + "verify ."); }
