@@ -14,12 +14,14 @@ target_compile_options(vorn_library_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
 
 # How the shared libraries are linked. Not the tests that take the library's objects: a program with
-# an unwinder of its own beside the C library's cannot have its threads cancelled.
+# an unwinder of its own beside the C library's cannot have its threads cancelled. The linker's maps
+# tell tools/sbom what was linked.
 add_library(vorn_shared_options INTERFACE)
 target_link_libraries(vorn_shared_options INTERFACE vorn_library_options)
 target_link_options(vorn_shared_options INTERFACE
   -static-libgcc -static-libstdc++ LINKER:--exclude-libs,ALL LINKER:--as-needed
   LINKER:-z,relro LINKER:-z,now
+  LINKER:-Map=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/$<TARGET_PROPERTY:NAME>.map
   LINKER:-z,nodelete) # stays loaded: its signal handler, threads and keys have no way to be recalled
 
 if(VORN_SANITIZE STREQUAL "address")

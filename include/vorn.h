@@ -58,6 +58,7 @@
 #include "vorn_timezone.h"
 #include "vorn_trwlock.h"
 #include "vorn_tty.h"
+#include "vorn_version.h"
 #include "vorn_wait.h"
 
 #if __has_include(<mxml.h>) /* only services that read XML need to have that header */

@@ -14,6 +14,7 @@
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 #include "support/threads.hpp"
+#include "vorn_version.h"
 
 static bool clock_works = true;
 static std::string names_file = "/no/such"; // stands in for the node's
@@ -50,6 +51,18 @@ TEST(ProcessVersion, StaysZeroWhenTheClockFailsOnce) {
   clock_works = true;
   EXPECT_EQ(ps_get_version(), 0u);
   EXPECT_NO_RECORD();
+}
+
+TEST(LibraryVersion, IsThatOfItsHeaders) {
+  std::string parts = std::to_string(VORN_VERSION_MAJOR);
+  for (const int part : {VORN_VERSION_MINOR, VORN_VERSION_PATCH})
+    parts += "." + std::to_string(part);
+  EXPECT_STREQ(vorn_version(), parts.c_str());
+  EXPECT_TRUE(VORN_VERSION_AT_LEAST(VORN_VERSION_MAJOR, VORN_VERSION_MINOR, VORN_VERSION_PATCH));
+  EXPECT_FALSE(
+      VORN_VERSION_AT_LEAST(VORN_VERSION_MAJOR, VORN_VERSION_MINOR, VORN_VERSION_PATCH + 1));
+  EXPECT_FALSE(VORN_VERSION_AT_LEAST(VORN_VERSION_MAJOR + 1, 0, 0));
+  EXPECT_TRUE(VORN_VERSION_AT_LEAST(VORN_VERSION_MAJOR - 1, 99, 99));
 }
 
 TEST(ModuleNames, OutOfRangeNameIsTheThreadsOwn) {
