@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
-#define heap_in_use __sanitizer_get_current_allocated_bytes
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
+static std::size_t heap_in_use() { return __sanitizer_get_current_allocated_bytes(); }
 #else
 static std::size_t heap_in_use() {
   const struct mallinfo2 info = mallinfo2();
