@@ -64,10 +64,10 @@ int evlog(unsigned int module, int level, const char *file, unsigned int line, c
 
   va_list args;
   va_start(args, format);
-  const bool written = write_vmessage(module, level, {file, line, function}, format, args);
+  const Written written = write_vmessage(module, level, {file, line, function}, format, args);
   va_end(args);
-  report_console(Report::kScarce);
-  return written ? 0 : -1;
+  if (written == Written::kToFile) report_console(Report::kScarce);
+  return written == Written::kNot ? -1 : 0;
 }
 
 int evlog_original(const char *format, ...) {

@@ -2,9 +2,10 @@
  * library of this name; the one built here is the default that takes its place where there is none.
  * Whatever is marked "default" below is how this one behaves, and nothing in Vorn depends on it.
  *
- * Default. Log messages go to <directory>/<program>.log, and to the console when their level is
- * EVLOG_WARNING or more urgent. Until evlog_init there is no file, only the console. A message is
- * one line (a text may hold newlines of its own):
+ * Default. Log messages go to <directory>/<program>.log. While no log file is open, before
+ * evlog_init and after evlog_destroy, and where the file refuses one, those at level EVLOG_WARNING
+ * or more urgent go to the console instead, the others nowhere: a service that logs to a file
+ * leaves its standard error alone. A message is one line (a text may hold newlines of its own):
  *
  *   2024-05-06T07:08:09.123456+02:00 E 381 4711 vorn_init.c:120 vorn_Init: Vorn init failed.
  *
@@ -12,7 +13,7 @@
  * information, D debug), module, kernel thread id, file:line, function and text. Each line is one
  * write; the lines of a thread are in order, those of two threads can stand in the other order than
  * their times. A file of 8 MiB or more becomes <program>.log.1 before the next text, the older ones
- * .2 and .3, and a new one is begun. What a full disk refuses is lost. Where the directory does not
+ * .2 and .3, and a new one is begun. Where the directory does not
  * permit the renaming, the file grows to 32 MiB and is then emptied.
  *
  * The console is descriptor 2, if it was open when this library was loaded, and for as long as it
@@ -23,8 +24,8 @@
  * thread of it logs. A text that has no console, or that the console refuses, is dropped and
  * counted, raw texts as well. The count (a child of fork() goes on from its parent's) is told in
  * the file, at level EVLOG_INFO under module 0: "%lu texts for the console were dropped so far.",
- * after the first message that finds a text dropped, then each time that the count is ten times
- * that of the last report, and by evlog_destroy.
+ * after the first message in the file that finds a text dropped, then each time that the count is
+ * ten times that of the last report, and by evlog_destroy.
  *
  * Pipes and SIGPIPE: a console or log file that is a pipe or a socket without a reader refuses the
  * text; no SIGPIPE comes of it, and one that the process has pending stays pending. A console that
@@ -84,7 +85,7 @@ extern "C" {
  * holds a slash); log messages then go on as before the call. May block on the file system. */
 EVLOG_API int evlog_init(const char *program, const char *directory);
 
-/* Closes the log file; later messages go to the console alone.
+/* Closes the log file. Default: later warnings and errors go to the console.
  * Returns 0. */
 EVLOG_API int evlog_destroy(void);
 

@@ -117,27 +117,26 @@ char *form_head(char *text, unsigned int module, int level) {
 
 } // namespace
 
-bool write_vmessage(unsigned int module, int level, const Place &place, const char *format,
-                    std::va_list args) {
+Written write_vmessage(unsigned int module, int level, const Place &place, const char *format,
+                       std::va_list args) {
   char buffer[kHeadBytes + kTextBytes + 1]; // the NUL's place takes the newline
   char *const text = buffer + kHeadBytes;
   const std::size_t length = form_text(text, place, format, args);
-  if (length == 0) return false;
+  if (length == 0) return Written::kNot;
   text[length] = '\n';
   const char *const start = form_head(text, module, level);
 
   const std::string_view line{start, text + length + 1};
-  write_log_file(line);
+  if (write_log_file(line) >= 0) return Written::kToFile;
   if (level <= EVLOG_WARNING) write_console(line);
-  return true;
+  return Written::kElsewhere;
 }
 
-bool write_message(unsigned int module, int level, const Place &place, const char *format, ...) {
+void write_message(unsigned int module, int level, const Place &place, const char *format, ...) {
   std::va_list args;
   va_start(args, format);
-  const bool written = write_vmessage(module, level, place, format, args);
+  write_vmessage(module, level, place, format, args);
   va_end(args);
-  return written;
 }
 
 } // namespace logging

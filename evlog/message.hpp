@@ -14,10 +14,15 @@ struct Place {
   const char *function;
 };
 
-// False when the text cannot be formatted.
-bool write_vmessage(unsigned int module, int level, const Place &place, const char *format,
-                    std::va_list args) EVLOG_PRINTF(4, 0);
-bool write_message(unsigned int module, int level, const Place &place, const char *format, ...)
+enum class Written {
+  kNot,       // the text cannot be formatted
+  kToFile,    // the log file
+  kElsewhere, // the console, or nowhere
+};
+
+Written write_vmessage(unsigned int module, int level, const Place &place, const char *format,
+                       std::va_list args) EVLOG_PRINTF(4, 0);
+void write_message(unsigned int module, int level, const Place &place, const char *format, ...)
     EVLOG_PRINTF(4, 5);
 
 } // namespace logging

@@ -1,54 +1,19 @@
-// clang-format off
-// fuzz-sources: src/cfg/vorn_cfg.cc src/cfg/vorn_cfg_index.cc src/cfg/vorn_cfg_keep.cc src/cfg/vorn_cfg_lines.cc src/cfg/vorn_cfg_lock.cc src/cfg/vorn_cfg_node.cc src/cfg/vorn_cfg_parse.cc src/cfg/vorn_cfg_read.cc src/cfg/vorn_cfg_rewrite.cc src/cfg/vorn_cfg_text.cc src/cfg/vorn_cfg_write.cc src/list/vorn_list.cc src/base/fork_gate.cc src/base/ratelimit.cc src/base/system.cc
-// clang-format on
-//
 // Any file is parsed into what the plainest reading of the rules finds in it; written again and
 // parsed again, it holds the same; and the in-place writer sets its one item.
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 #include <string_view>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include "evlog.h"
+#include "fuzz/harness.hpp"
 #include "vorn_cfg.h"
-
-extern "C" int evlog_level_check(unsigned int, int) { return 1; }
 
 namespace {
 
+using namespace fuzz;
 using Items = std::vector<std::pair<std::string, std::string>>;
 using Sections = std::vector<std::pair<std::string, Items>>;
-
-void expect(bool holds) {
-  if (!holds) std::abort();
-}
-
-// A file in memory, by the path that leads to it.
-class File {
-public:
-  File() : fd_(memfd_create("ini", MFD_CLOEXEC)), path_("/proc/self/fd/" + std::to_string(fd_)) {}
-
-  const char *path() const { return path_.c_str(); }
-  int fd() const { return fd_; }
-
-  void write(std::string_view text) const {
-    expect(ftruncate(fd_, 0) == 0);
-    expect(pwrite(fd_, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
-  }
-
-private:
-  int fd_;
-  std::string path_;
-};
-
-const File &file() {
-  static const File the_file;
-  return the_file;
-}
 
 // Through an edit that is given up: what was parsed, written to the file itself on request.
 Sections parsed;
@@ -149,7 +114,7 @@ void check_write() {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
-  const std::string_view input(reinterpret_cast<const char *>(data), size);
+  const std::string_view input = text_of(data, size);
   if (size >= 1 << 16) return 0;
   file().write(input);
   const Sections sections = parse(true);

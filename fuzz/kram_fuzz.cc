@@ -1,34 +1,24 @@
-// clang-format off
-// fuzz-sources: src/syscall/kram_syscall_kernel.cc src/syscall/kram_syscall_main.cc src/syscall/kram_wire.cc src/base/ratelimit.cc src/base/system.cc src/base/fork_gate.cc
-// clang-format on
-//
 // Whatever a client sends, the server answers as the plainest reading of the messages does, and
 // reads and writes nothing beyond its buffers.
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 
 #include "base/unique_fd.hpp"
-#include "evlog.h"
+#include "fuzz/harness.hpp"
 #include "kram_syscall.h"
 #include "syscall/kram_server.hpp"
 #include "syscall/kram_wire.hpp"
 
-extern "C" int evlog_level_check(unsigned int, int) { return 1; }
-
 namespace {
 
+using namespace fuzz;
 using vorn::kram::WireHeader;
 
 constexpr std::size_t kBufferSize = KRAM_SYSCALL_BUFFER_SIZE;
 constexpr std::size_t kMaxInput = 2048; // its replies fit into the socket
-
-void expect(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Every byte of the request, turned round, as far as there is room.
 int32_t reverse(uint32_t, kram_call_s *call) {
@@ -114,7 +104,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
   if (size == 0 || size > kMaxInput) return 0;
-  const std::string_view sent(reinterpret_cast<const char *>(data), size);
+  const std::string_view sent = text_of(data, size);
   expect(served(sent) == expected(sent));
   return 0;
 }

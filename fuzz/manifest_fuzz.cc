@@ -1,20 +1,19 @@
-// fuzz-sources: examples/scrub/manifest.cc examples/scrub/manifest_reader.cc examples/scrub/text.cc
+// fuzz-links: scrub_objects
 //
 // The manifest reader takes any text and either refuses it or has read exactly what the writer
 // would write. The codes of the lines would stop almost every input at its first line: so each
 // input is read as it is, and once more with the right code put before each of its lines.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <string_view>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "examples/scrub/manifest_reader.hpp"
+#include "fuzz/harness.hpp"
 
 namespace {
 
+using namespace fuzz;
 using namespace scrub;
 
 void put_line(std::string &manifest, LineCode &code, std::string_view text) {
@@ -52,13 +51,9 @@ std::string read_and_write(int fd) {
 }
 
 void check(std::string_view manifest) {
-  static const int fd = memfd_create("manifest", MFD_CLOEXEC);
-  const bool placed =
-      ftruncate(fd, 0) == 0 && lseek(fd, 0, SEEK_SET) == 0 &&
-      pwrite(fd, manifest.data(), manifest.size(), 0) == static_cast<ssize_t>(manifest.size());
-  if (!placed) std::abort();
+  file().write(manifest);
   try {
-    if (read_and_write(fd) != manifest) std::abort();
+    expect(read_and_write(file().fd()) == manifest);
   } catch (const ManifestError &) {
     return; // refused
   }
@@ -67,7 +62,7 @@ void check(std::string_view manifest) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
-  const std::string_view input(reinterpret_cast<const char *>(data), size);
+  const std::string_view input = text_of(data, size);
   check(input);
   check(with_codes(input));
   return 0;

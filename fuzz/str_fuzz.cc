@@ -1,25 +1,17 @@
-// fuzz-sources: src/str/tokenizer.cc src/str/vorn_str.cc
-//
 // The string routines against plain models. The first line of an input is a set of delimiters, the
 // rest the text.
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "evlog.h"
+#include "fuzz/harness.hpp"
 #include "vorn_str.h"
-
-extern "C" int evlog_level_check(unsigned int, int) { return 1; }
 
 namespace {
 
+using namespace fuzz;
 using Words = std::vector<std::string>;
-
-void expect(bool holds) {
-  if (!holds) std::abort();
-}
 
 Words tokens(std::string text, const char *delimiters) {
   Words found;
@@ -95,10 +87,9 @@ void check_lower(const std::string &text) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
-  const std::string input(reinterpret_cast<const char *>(data), size);
-  const std::size_t line = input.find('\n');
-  const std::string delimiters = input.substr(0, line).c_str();
-  const std::string text = line == std::string::npos ? "" : input.substr(line + 1).c_str();
+  std::string_view input = text_of(data, size);
+  const std::string delimiters = c_string(take_until(input, '\n'));
+  const std::string text = c_string(input);
   expect(tokens(text, delimiters.c_str()) == expected_tokens(text, delimiters));
   check_numbers(text);
   check_cut(text);

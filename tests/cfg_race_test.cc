@@ -1,10 +1,8 @@
-// Tests concurrent editors and readers, in threads and processes, and editors that are killed.
+// Tests concurrent editors and readers, in threads and processes.
 #include "vorn_cfg.h"
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
-#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -161,63 +159,6 @@ TEST_F(CfgRace, ReadersLetWritersIn) {
   EXPECT_EQ(run_in_child(look_up_at_once), 0);
   EXPECT_EQ(look_up_at_once(), 0);
   vorn_cfg_destroy();
-}
-
-constexpr int kItems = 300;
-
-std::string generation_text(const std::string &value) {
-  std::string text = "[s]\n";
-  for (int i = 0; i < kItems; ++i)
-    text += "item_" + std::to_string(i) + "=" + value + "\n";
-  return text;
-}
-
-// Sets every item to the value.
-int set_all(vorn_cfg_file_node_s *node, const char *section, const char *, const char *value) {
-  for (int i = 0; i < kItems; ++i) {
-    const std::string item = "item_" + std::to_string(i);
-    if (vorn_cfg_set_item_func(node, section, item.c_str(), value) != 0) return -1;
-  }
-  return 0;
-}
-
-bool set_generation(const char *file, const std::string &value) {
-  vorn_cfg_oper_param_s param{file, "s", nullptr, value.c_str()};
-  const int fd = open(file, O_RDWR | O_CLOEXEC);
-  const int result = vorn_cfg_file_writeOperate(fd, &param, set_all);
-  close(fd);
-  return result == 0;
-}
-
-// At any death of an editor, the file is one whole generation, and the next editor succeeds.
-TEST_F(CfgRace, KilledEditorsLeaveAWholeFile) {
-  scratch::write_file(path, generation_text("0"));
-  for (int round = 0; round < 30; ++round) {
-    const std::string prefix = std::to_string(round) + "_";
-    int started[2];
-    ASSERT_EQ(pipe(started), 0);
-    const pid_t child = in_child([&]() -> bool {
-      for (int generation = 0;; ++generation) {
-        set_generation(file, prefix + std::to_string(generation));
-        if (generation == 0 && write(started[1], "", 1) != 1) return false;
-      }
-    });
-    ASSERT_GT(child, 0);
-    char byte;
-    ASSERT_EQ(read(started[0], &byte, 1), 1);
-    usleep(static_cast<useconds_t>(round * 97));
-    kill(child, SIGKILL);
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
-    close(started[0]);
-    close(started[1]);
-    const std::string text = scratch::read_file(path);
-    const std::size_t value = text.find('=') + 1;
-    ASSERT_EQ(text.substr(value, prefix.size()), prefix);
-    ASSERT_EQ(text, generation_text(text.substr(value, text.find('\n', value) - value)));
-  }
-  EXPECT_TRUE(set_generation(file, "end"));
-  EXPECT_EQ(scratch::read_file(path), generation_text("end"));
-  EXPECT_NE(access((path + ".temp").c_str(), F_OK), 0);
 }
 
 } // namespace

@@ -1,0 +1,18 @@
+// The uses of the library that the soak repeats.
+#ifndef VORN_SOAK_FAMILIES_HPP
+#define VORN_SOAK_FAMILIES_HPP
+
+#include <atomic>
+#include <span>
+#include <string>
+
+struct Family {
+  const char *name;
+  bool (*use)(); // once; false: the library did not do as it says
+  std::atomic<unsigned long> uses{0};
+};
+
+// One thread uses each. The library is up, with this INI file registered: [A] ITEM=1.
+std::span<Family> families(const std::string &ini_file);
+
+#endif
