@@ -2,6 +2,7 @@
 // each up by its key, then removes each, in three different orders. Every tree's records are 32
 // bytes of links and state and a key, and lie in one array, in the order of their insertion and in
 // the same memory: where the system happened to place an array is worth more than the tree.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_avl.h"
 
 #include <bsd/sys/tree.h>

@@ -2,6 +2,7 @@
 // Configuration files beside the peers' readers. GKeyFile and iniparser keep what they read, as the
 // registry does; inih hands it to a callback, which here either looks for one item, as the one-shot
 // read does, or keeps all in a hash table.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

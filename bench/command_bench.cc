@@ -1,4 +1,5 @@
 // Shells from a process with 2 GiB resident beside the system's own.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdio>
 #include <cstdlib>
 #include <sys/mman.h>

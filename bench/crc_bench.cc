@@ -1,4 +1,5 @@
 // bench-loads: isal
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 
 #include <dlfcn.h>

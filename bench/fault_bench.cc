@@ -1,6 +1,7 @@
 // A fault 50 frames deep: from the fault to the end of the process as its parent sees it, with the
 // report and without handlers; the size of the report; and the symbol table that start-up builds
 // for this process.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 
 #include <cstdint>

@@ -8,6 +8,7 @@
 // two of buckets, uthash with its default (Jenkins). std::unordered_map has no hash of pairs, and
 // gets the sum of the two; it keeps key and address of a record in nodes of its own, from malloc.
 // Boost.Intrusive's nodes can be told when they are removed, as ours can, which is its default.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_hash.h"
 
 #include <algorithm>

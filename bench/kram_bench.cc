@@ -1,6 +1,7 @@
 // A private call over loopback beside a plain exchange of the same bytes: blocking sockets with
 // TCP_NODELAY, one send and as few receives as there can be on either side. All threads share a
 // CPU: where they do not, the time that a CPU takes to wake up is most of what there is to measure.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdint>
 #include <cstdio>
 #include <cstring>

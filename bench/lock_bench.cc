@@ -1,6 +1,7 @@
 // The locks beside their peers: taken and released by one thread, and by several threads that meet
 // in a short critical section, the same for all. With several threads the time is that of the
 // whole, divided by what all of them did.
+// SPDX-License-Identifier: Apache-2.0
 #include <barrier>
 #include <ck_pflock.h>
 #include <ck_rwlock.h>

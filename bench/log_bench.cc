@@ -1,5 +1,6 @@
 // A record that nobody wants, and one that the rate limiter drops: what logging costs where it
 // stays silent.
+// SPDX-License-Identifier: Apache-2.0
 #define FMT_HEADER_ONLY
 #define SPDLOG_FMT_EXTERNAL
 #include <spdlog/sinks/null_sink.h>

@@ -1,6 +1,7 @@
 // LWP instances beside what a C++ program has for it: a reference taken and given back beside a
 // copy of a shared pointer, by one thread and by two on the same object, and a variable beside a
 // thread-local one.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_lwp.h"
 
 #include <barrier>

@@ -1,6 +1,7 @@
 // bench-links: vornsim
 // The accounting allocator beside the system's: with the counters that the simulator hands out, and
 // with one block's bytes touched as a user would.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdlib>
 #include <string>
 

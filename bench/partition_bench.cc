@@ -1,6 +1,7 @@
 // bench-links: vornsim inih
 // A product file of 64 groups of 32 partitions. It is loaded once in a process, so that each load
 // is that of a child; the peer only hands the same items to a callback, also in a child.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <chrono>
 #include <cstdint>

@@ -1,6 +1,7 @@
 // bench-links: bsd
 // The red-black tree beside its peers, with the search for a key's place that each has its callers
 // write or writes for them. Every tree has the same keys in records of the same layout.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_rbtree.h"
 
 #include <bsd/sys/tree.h>

@@ -1,6 +1,7 @@
 // Objects passed through a ring of 1024 slots from as many producers as consumers, beside queues of
 // the same capacity. Whoever finds the ring full or empty tries kPatience times and then yields the
 // processor before each further try: the same for all, since there may be more threads than CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_ring.h"
 
 #include <algorithm>

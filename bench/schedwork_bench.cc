@@ -5,6 +5,7 @@
 // A single item is given while the pool's threads are asleep, after a pause, and right after the
 // one before. The thread that gives it waits without sleeping, so that what is measured is the
 // pool.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched_work.h"
 
 #include <atomic>

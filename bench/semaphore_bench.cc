@@ -1,6 +1,7 @@
 // The enhanced semaphore beside the system's and the C++ library's: a unit given and taken by one
 // thread, and two threads that hand each other the turn, each sleeping while it is the other's. An
 // operation of the latter is a round, which is two hand-offs.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 
 #include <barrier>

@@ -1,4 +1,5 @@
 // The start of a process on a machine, first and later ones, and a sample of its CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #include <chrono>
 #include <cstdio>
 #include <fstream>

@@ -1,5 +1,6 @@
 // bench-links: glib-2.0
 // Giving a job to a thread, and finding a thread by its id.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <memory>
 #include <mutex>

@@ -1,4 +1,5 @@
 // The time base and the tick beside the system's clocks.
+// SPDX-License-Identifier: Apache-2.0
 #include <ctime>
 
 #include "support/bench.hpp"

@@ -2,6 +2,7 @@
 // The timers beside those of event loops and of the system. Every peer is used as its own callers
 // have to: the event loops' by the thread that owns the loop, without a lock; ours and
 // Boost.Asio's by any thread.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer.h"
 
 #include <algorithm>

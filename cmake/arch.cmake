@@ -1,4 +1,5 @@
 # VORN_ARCH names the folder under src/arch that this build takes its processor from.
+# SPDX-License-Identifier: Apache-2.0
 string(TOLOWER "${CMAKE_SYSTEM_PROCESSOR}" VORN_ARCH)
 if(VORN_ARCH STREQUAL "amd64")
   set(VORN_ARCH x86_64)

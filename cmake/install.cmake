@@ -1,4 +1,5 @@
 # What is installed; packaging/debian makes the packages of it.
+# SPDX-License-Identifier: Apache-2.0
 include(CMakePackageConfigHelpers)
 
 set(vorn_headers ${CMAKE_INSTALL_INCLUDEDIR}/vorn)

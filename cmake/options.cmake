@@ -1,4 +1,5 @@
 # What every target is compiled and linked with.
+# SPDX-License-Identifier: Apache-2.0
 add_library(vorn_options INTERFACE)
 target_compile_options(vorn_options INTERFACE
   -Wall -Wextra -Werror -Wshadow -Wcast-qual -Wformat=2 -Wundef -Wvla

@@ -1,5 +1,6 @@
 # Builds for AArch64: natively on an AArch64 machine, else with the cross compiler,
 # with user-mode emulation as the runner of what was built.
+# SPDX-License-Identifier: Apache-2.0
 if(CMAKE_HOST_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   return()
 endif()

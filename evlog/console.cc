@@ -3,6 +3,7 @@
 // message would become part of that file's content. Each write therefore compares the two files
 // first. A duplicate made at load would need no comparison, but would keep the reader of a pipe
 // waiting for an end of file after the process had closed its standard error.
+// SPDX-License-Identifier: Apache-2.0
 #include "console.hpp"
 
 #include <atomic>

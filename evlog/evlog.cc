@@ -1,4 +1,5 @@
 // The ten functions of the logging library.
+// SPDX-License-Identifier: Apache-2.0
 #include "evlog.h"
 
 #include "base/cancellation_off.hpp"

@@ -47,6 +47,7 @@
  * library's time zone conversion for a purpose of its own at the fork), and shares the file with
  * its parent. fork() waits for threads that are in these functions, but not for what they write;
  * therefore fork() is not to be called in a signal handler (_Fork() and vfork() are). */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef EVLOG_H
 #define EVLOG_H
 

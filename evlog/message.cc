@@ -6,6 +6,7 @@
 // that was opened to append, so lines never mix and those of one thread keep their order; the lines
 // of two threads can stand in the other order than their times, which are taken just before the
 // write.
+// SPDX-License-Identifier: Apache-2.0
 #include "message.hpp"
 
 #include <algorithm>

@@ -19,6 +19,7 @@
 // It cannot wait for one that rotates, which may be in a signal handler and must not wait for
 // fork() in turn. So a child takes `switching` to be free: what a rotation had not done yet when
 // the process was forked, the next writer of the child does.
+// SPDX-License-Identifier: Apache-2.0
 #include "output.hpp"
 
 #include <algorithm>

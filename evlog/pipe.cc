@@ -1,6 +1,7 @@
 // A write to a pipe without a reader raises SIGPIPE in the thread that writes, also when a part of
 // the text had a reader. The thread blocks the signal, writes, and takes the signal away again. One
 // that was pending before is the process's own: a second does not queue, so nothing is taken away.
+// SPDX-License-Identifier: Apache-2.0
 #include "pipe.hpp"
 
 #include <csignal>

@@ -1,4 +1,5 @@
 // Writing to a pipe that may have lost its reader.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_PIPE_HPP
 #define VORN_EVLOG_PIPE_HPP
 

@@ -1,4 +1,5 @@
 // Counts the messages of each group in its present interval, under one mutex.
+// SPDX-License-Identifier: Apache-2.0
 #include "rate_limit.hpp"
 
 #include <array>

@@ -1,4 +1,5 @@
 // The rate limit of each group of modules.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_RATE_LIMIT_HPP
 #define VORN_EVLOG_RATE_LIMIT_HPP
 

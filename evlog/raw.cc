@@ -1,4 +1,5 @@
 // Formats raw texts on the stack and hands them on.
+// SPDX-License-Identifier: Apache-2.0
 #include "raw.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Whether two descriptions by fstat(2) are of one file.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_SAME_FILE_HPP
 #define VORN_EVLOG_SAME_FILE_HPP
 

@@ -4,6 +4,7 @@
  *
  * Each client has a thread. In the end every thread is told, and waited for, before the library is
  * taken down. The log is echo.log. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #define _GNU_SOURCE /* accept4 */
 #include <errno.h>
 #include <poll.h>

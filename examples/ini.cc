@@ -5,6 +5,7 @@
 //
 // An edit replaces the file at once, and the registry with it: a reader gets the old value or the
 // new one, never a part of either, and never an older one after a newer one.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>

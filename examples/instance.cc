@@ -5,6 +5,7 @@
 //
 // The part of a service that moves blocks knows the variable alone: it counts for whatever instance
 // its thread belongs to, and needs no argument for that.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>

@@ -5,6 +5,7 @@
  * The ring itself never waits. Two semaphores do: one counts the places that are free, so that a
  * producer does not find the ring full, the other the requests that are there. A producer ends by
  * an ending marker, NULL, which takes the same way and so comes after all that it has made. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #include <stdio.h>
 
 #include <vorn_init.h>

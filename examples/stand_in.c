@@ -6,6 +6,7 @@
  *
  * The part keeps CPUs out of their sleep states while the service polls. When a CPU refuses, those
  * before it get back what they had: that is what the stand-in is told to provoke. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>

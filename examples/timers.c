@@ -6,6 +6,7 @@
  * The functions of timers share one thread, so they only pass work on. The work arms the timer
  * again when it is done: runs neither overlap nor pile up, and of timer and work one at most is
  * pending, which makes the end simple. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #include <stdatomic.h>
 #include <stdio.h>
 

@@ -2,6 +2,7 @@
 //
 // Whatever the node's script prints, the value is its first line as far as there is room. The first
 // line of an input is the key, the byte after it the room, the rest what the script prints.
+// SPDX-License-Identifier: Apache-2.0
 #include <string>
 #include <unistd.h>
 

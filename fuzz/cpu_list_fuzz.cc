@@ -1,4 +1,5 @@
 // Lists of CPUs, of NUMA nodes and of the system's files, against the plainest reading of them.
+// SPDX-License-Identifier: Apache-2.0
 #include <bitset>
 #include <climits>
 #include <cstring>

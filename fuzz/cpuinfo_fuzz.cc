@@ -3,6 +3,7 @@
 // What the machine's files and tools say of it, and what stands in the shared record, gives counts
 // that the getters can be asked for. The parts of an input are between NULs: the file of the online
 // nodes, the model, the packages, the CPUs, and the record.
+// SPDX-License-Identifier: Apache-2.0
 #include "sysinfo/vorn_cpuinfo.cc"
 
 #include "fuzz/redirect.hpp"

@@ -1,6 +1,7 @@
 // Whatever stands in the file of a loaded object, its functions become ranges that ascend and do
 // not overlap, or the file is refused. The object in memory has the segments that the file states,
 // and the input itself for its bytes.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstring>
 #include <vector>
 

@@ -3,6 +3,7 @@
 // The guard and the separator scan against the plainest reading of their rules. The first line of
 // an input is the whitelist, the rest the command. Nothing is run: there is no process to be had
 // here.
+// SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 #include <string>
 #include <string_view>

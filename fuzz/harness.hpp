@@ -1,5 +1,6 @@
 // What the fuzz targets share: checks, an input's first line and rest, a file in memory, and a
 // logging library that forms each message, so that the sanitizers see its arguments, and drops it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FUZZ_HARNESS_HPP
 #define VORN_FUZZ_HARNESS_HPP
 

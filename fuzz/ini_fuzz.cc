@@ -1,5 +1,6 @@
 // Any file is parsed into what the plainest reading of the rules finds in it; written again and
 // parsed again, it holds the same; and the in-place writer sets its one item.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <string>
 #include <string_view>

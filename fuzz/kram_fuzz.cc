@@ -1,5 +1,6 @@
 // Whatever a client sends, the server answers as the plainest reading of the messages does, and
 // reads and writes nothing beyond its buffers.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstring>
 #include <string>

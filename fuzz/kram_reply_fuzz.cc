@@ -1,6 +1,7 @@
 // Whatever a server answers, the client of private calls takes the one reply that it asked for or
 // gives the connection up, and writes nothing beyond the caller's buffer. The first byte of an
 // input is the size of that, the rest what the server sends.
+// SPDX-License-Identifier: Apache-2.0
 #include "syscall/kram_syscall_linux_user.cc"
 
 #include <cstring>

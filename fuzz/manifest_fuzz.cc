@@ -3,6 +3,7 @@
 // The manifest reader takes any text and either refuses it or has read exactly what the writer
 // would write. The codes of the lines would stop almost every input at its first line: so each
 // input is read as it is, and once more with the right code put before each of its lines.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstdio>
 #include <string>

@@ -1,4 +1,5 @@
 // Any table of module names gives names of the right characters, each where its line says.
+// SPDX-License-Identifier: Apache-2.0
 #include "process/node_names.cc"
 
 #include <string>

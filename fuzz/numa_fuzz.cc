@@ -1,5 +1,6 @@
 // Any file of NUMA nodes is loaded or refused. One that is loaded has each node that it counts, and
 // the process uses no others.
+// SPDX-License-Identifier: Apache-2.0
 #include "cpu/vorn_numa.cc"
 
 #include "fuzz/harness.hpp"

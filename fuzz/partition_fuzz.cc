@@ -1,5 +1,6 @@
 // Any product file is loaded, and a reference to one of its partitions gives the CPUs that the
 // plainest reading of all the lists that it leads to gives.
+// SPDX-License-Identifier: Apache-2.0
 #include "cpu/partition_table.cc"
 
 #include <set>

@@ -1,4 +1,5 @@
 // open(2) for a target that wraps it: redirected_path leads to fuzz::file().
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FUZZ_REDIRECT_HPP
 #define VORN_FUZZ_REDIRECT_HPP
 

@@ -2,6 +2,7 @@
 //
 // Any "/proc/stat" leaves the slots of the CPUs that are present as the plainest reading of its
 // lines does, and touches nothing around them.
+// SPDX-License-Identifier: Apache-2.0
 #include "sysinfo/sampler.cc"
 
 #include <sstream>

@@ -1,5 +1,6 @@
 // The string routines against plain models. The first line of an input is a set of delimiters, the
 // rest the text.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdint>
 #include <string>
 #include <string_view>

@@ -1,5 +1,6 @@
 // What zdump prints becomes a table within its bounds; a line that is understood is one whose
 // instants exist.
+// SPDX-License-Identifier: Apache-2.0
 #include "time/vorn_timeutil.cc"
 
 #include "fuzz/harness.hpp"

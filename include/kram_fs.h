@@ -1,5 +1,6 @@
 /* Events of file systems, which the node's kernel module sends over netlink protocol 28. Any thread
  * may call; none is for signal handlers. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef KRAM_FS_H
 #define KRAM_FS_H
 

@@ -5,6 +5,7 @@
  * A command is an operation code: its group in the bits from 8 on, the operation within the group
  * below. Unless a function says otherwise, any thread may call it, none is for signal handlers,
  * none is a cancellation point, and it returns 0, or logs an error and returns -1. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef KRAM_SYSCALL_H
 #define KRAM_SYSCALL_H
 

@@ -1,4 +1,5 @@
 /* All of Vorn's public headers. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_H
 #define VORN_H
 

@@ -3,6 +3,7 @@
  *
  * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
  * point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_AFFINITY_H
 #define VORN_AFFINITY_H
 

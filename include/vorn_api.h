@@ -1,5 +1,6 @@
 /* What every public header of Vorn starts from: visibility, C linkage, checked formats, integer
  * types. Valid C11 and C++. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_API_H
 #define VORN_API_H
 

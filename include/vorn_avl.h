@@ -15,6 +15,7 @@
  * is in no tree, one that is removed or walked from is in this tree. A record stays the caller's,
  * and in place, until it is removed or the tree is destroyed. No function here is a cancellation
  * point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_AVL_H
 #define VORN_AVL_H
 

@@ -1,6 +1,7 @@
 /* The bay configuration: one value per key segment, which the node's script
  * "/WRK/script/os_get_bay_config_segment.sh" reads from "/WRK/conf/bay_config.ini" and prints as
  * the first line of its output. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_BAY_H
 #define VORN_BAY_H
 

@@ -10,6 +10,7 @@
  * either as it was before an update or as it is after, and orders no other access. The searches and
  * updates have the semantics of the Linux kernel's functions of like names, but for what is said
  * here. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_BITOPS_H
 #define VORN_BITOPS_H
 

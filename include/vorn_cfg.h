@@ -24,6 +24,7 @@
  * all of these calls, whatever the library's threads in the parent were doing. Results are 0, or -1
  * after a message in the log, unless a function says otherwise. Text arguments end in a NUL and
  * stay the caller's. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CFG_H
 #define VORN_CFG_H
 

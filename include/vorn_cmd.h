@@ -19,6 +19,7 @@
  * a signal handler but the character checks. No function that starts or waits for a shell is a
  * cancellation point, except popen_s and system_s, which are what the system's functions are.
  * A function that starts a shell blocks until the shell is executed. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CMD_H
 #define VORN_CMD_H
 

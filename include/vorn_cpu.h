@@ -20,6 +20,7 @@
  * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
  * point. Those that may be the first to load block on the file system, and on the script that makes
  * a product file; a fork() meanwhile does not wait, and the child loads anew. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CPU_H
 #define VORN_CPU_H
 

@@ -1,4 +1,5 @@
 /* Frequency control of the CPUs. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CPUFREQ_H
 #define VORN_CPUFREQ_H
 

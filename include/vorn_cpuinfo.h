@@ -2,6 +2,7 @@
  * by running system tools, and shared between its processes in the object "cpuinfo_shm". Until
  * cpuinfo_init has succeeded all counts are 0 and the model is empty. Any thread may call; nothing
  * here is safe in a signal handler, nor a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CPUINFO_H
 #define VORN_CPUINFO_H
 

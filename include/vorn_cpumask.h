@@ -3,6 +3,7 @@
  * Any thread may call. The functions that only search are signal-safe and never block, fail or log;
  * they may run beside a setting of bits in the same mask. No function here is a cancellation point.
  * */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CPUMASK_H
 #define VORN_CPUMASK_H
 

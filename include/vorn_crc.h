@@ -2,6 +2,7 @@
  * the guard of a protected sector). Every function may be called from any thread and in a signal
  * handler, and none blocks or keeps anything of a checksum between two calls. No function here is a
  * cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CRC_H
 #define VORN_CRC_H
 

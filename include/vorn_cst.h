@@ -6,6 +6,7 @@
  * cancellation point. Any thread may call, not a signal handler. A failed request logs two errors,
  * what failed and the operation; where the module refuses the caller (EPERM) there is the second
  * alone. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CST_H
 #define VORN_CST_H
 

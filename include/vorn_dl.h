@@ -4,6 +4,7 @@
  *
  * The loader takes libvorn.so for the caller: RTLD_NEXT searches after it, and a name without a
  * slash is searched by its run path. What they run may hold cancellation points. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_DL_H
 #define VORN_DL_H
 

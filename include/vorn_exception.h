@@ -5,6 +5,7 @@
  * They neither allocate nor lock, and call nothing that does. Each is called with the action, and
  * its data is a vorn_exception_data_s. Otherwise vorn_notifier.h holds for the chain. No function
  * is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_EXCEPTION_H
 #define VORN_EXCEPTION_H
 

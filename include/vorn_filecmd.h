@@ -10,6 +10,7 @@
  * written; otherwise, after an error message with the command, what vorn_system_s returned: -29
  * when a path has one of the characters that its guard refuses (| ; & $ < > ! newline and
  * backquote), -1, or the command's wait status. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_FILECMD_H
 #define VORN_FILECMD_H
 

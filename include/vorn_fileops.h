@@ -11,6 +11,7 @@
  * vorn_close, vorn_readdir_new and vorn_lockfile are cancellation points as the system's are; a
  * cancelled vorn_readdir_new leaves the folder open. vorn_readline and vorn_copy are no
  * cancellation points: a cancellation stays pending until the thread's next one. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_FILEOPS_H
 #define VORN_FILEOPS_H
 

@@ -11,6 +11,7 @@
  * A node belongs to the caller, which fills in its key and key2 before insertion and leaves them
  * alone, and the record in place, while the node is in a table. No function here is a cancellation
  * point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_HASH_H
 #define VORN_HASH_H
 

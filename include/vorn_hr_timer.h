@@ -6,6 +6,7 @@
  * Callers use vorn_timer_add_ns, which makes a timer one of these, and then vorn_timer_modify,
  * vorn_timer_delete and the like, which come here. The functions below expect that of their timer;
  * a NULL one is refused. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_HR_TIMER_H
 #define VORN_HR_TIMER_H
 

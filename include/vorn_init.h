@@ -1,4 +1,5 @@
 /* Start-up and shutdown of the library. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_INIT_H
 #define VORN_INIT_H
 

@@ -1,5 +1,6 @@
 /* The library's tick: 250 a second, read from the kernel where its jiffies driver is there, else
  * derived from the time base. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_JIFFIES_H
 #define VORN_JIFFIES_H
 

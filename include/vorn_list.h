@@ -2,6 +2,7 @@
  * bare node; an empty one points at itself. The operations here check nothing and lock nothing:
  * the owner of a list serialises all access to it. All take constant time. No function here is a
  * cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_LIST_H
 #define VORN_LIST_H
 

@@ -1,5 +1,6 @@
 /* The process's logging set-up, passed on to the logging library libevlog.so. None is a
  * cancellation point with the default library. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_LOG_H
 #define VORN_LOG_H
 

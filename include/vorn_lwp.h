@@ -25,6 +25,7 @@
  * In a child of fork() an instance is a context without a thread; references that other threads of
  * the parent held remain. Instances that another thread was creating do not exist there, those that
  * one was deleting stay refused. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_LWP_H
 #define VORN_LWP_H
 

@@ -4,6 +4,7 @@
  * counters live in a table that the node's kernel module hands out; where there is no such module
  * the allocator works all the same and counts nothing. Any thread may call; nothing here is safe in
  * a signal handler unless it says so. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_MEM_H
 #define VORN_MEM_H
 

@@ -1,5 +1,6 @@
 /* Mutexes of the system's own types over POSIX threads. No function here is a cancellation point.
  * */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_MTX_H
 #define VORN_MTX_H
 

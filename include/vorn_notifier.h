@@ -15,6 +15,7 @@
  * Any thread may call. Only VornNotifierCallChain is for signal handlers. None is a cancellation
  * point; the callbacks run with cancellation disabled while the lock is held. Every registration
  * and every call is written to the log as information. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_NOTIFIER_H
 #define VORN_NOTIFIER_H
 

@@ -17,6 +17,7 @@
  * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
  * point. Only the loading functions block, on the file system and on each other. The getters take
  * no lock; beside a load they answer from what it has read so far. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_NUMA_H
 #define VORN_NUMA_H
 

@@ -1,5 +1,6 @@
 /* Once-only initialisation and thread-specific keys of POSIX threads, with a log message for every
  * failure. Any thread may call; not signal-safe. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_PERCPU_POSIX_H
 #define VORN_PERCPU_POSIX_H
 

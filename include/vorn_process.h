@@ -1,4 +1,5 @@
 /* Module names and the version stamp of the process. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_PROCESS_H
 #define VORN_PROCESS_H
 

@@ -25,6 +25,7 @@
  * The semantics are those of the Linux kernel's red-black tree (Documentation/core-api/rbtree.rst),
  * with the calls rb_augment_insert, rb_augment_erase_begin and rb_augment_erase_end for augmented
  * trees that the kernel had in versions 2.6.35 to 3.6. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_RBTREE_H
 #define VORN_RBTREE_H
 

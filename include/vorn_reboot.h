@@ -1,6 +1,7 @@
 /* Console print, panic and the reboot requests. The requests go to the node's kernel module; none
  * is tried again, and where the module is missing they fail with an error message. Any thread may
  * call; none but printk is signal-safe. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_REBOOT_H
 #define VORN_REBOOT_H
 

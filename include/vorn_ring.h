@@ -29,6 +29,7 @@
  * Cost: an operation of n objects takes time proportional to n, besides what it waits; a query
  * takes constant time. A ring is 512 + 8 * count bytes of this process, from the standard
  * allocator. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_RING_H
 #define VORN_RING_H
 

@@ -15,6 +15,7 @@
  * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
  * vorn_rwlock_try_read_lock and the releases are safe; the operations that wait are only where no
  * thread that the handler can interrupt holds the same lock. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_RWLOCK_H
 #define VORN_RWLOCK_H
 

@@ -16,6 +16,7 @@
  * here is: a cancellation that arrives during a wait stays pending until the wait is over. Sleeps
  * and yields are safe in a signal handler, errno apart; vorn_mdelay is once the time base has been
  * started. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SCHED_H
 #define VORN_SCHED_H
 

@@ -25,6 +25,7 @@
  *
  * A child of fork() begins with an empty pool: records that are queued in the parent are the
  * parent's to run, and those of the child can be added again. The first add starts workers. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SCHED_WORK_H
 #define VORN_SCHED_WORK_H
 

@@ -7,6 +7,7 @@
  * waits: a cancellation stays pending until the call is over, and a unit that the thread was
  * granted by then is its own to give back. None is for signal handlers. If no thread has to wait
  * the spin lock is taken and nothing else done. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SEM_ENHANCE_H
 #define VORN_SEM_ENHANCE_H
 

@@ -1,5 +1,6 @@
 /* Shared memory: POSIX objects by name, System V segments by key. Any thread may call; nothing here
  * is safe in a signal handler, nor a cancellation point. errno is that of the failed call. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SHM_H
 #define VORN_SHM_H
 

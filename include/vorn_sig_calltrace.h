@@ -21,6 +21,7 @@
  *
  * Unless a function says otherwise: any thread may call, it is not for signal handlers, it is no
  * cancellation point, it keeps errno, and it returns 0, or -1 after an error message. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SIG_CALLTRACE_H
 #define VORN_SIG_CALLTRACE_H
 

@@ -1,4 +1,5 @@
 /* How many CPUs the machine has. Any thread may call. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SMP_H
 #define VORN_SMP_H
 

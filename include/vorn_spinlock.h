@@ -15,6 +15,7 @@
  * Any thread may call, and the lock may lie in memory that processes share. In a signal handler,
  * trylock and unlock are safe; lock is only where no thread that the handler can interrupt holds
  * the same lock. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SPINLOCK_H
 #define VORN_SPINLOCK_H
 

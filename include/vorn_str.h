@@ -2,6 +2,7 @@
  * those of ASCII whatever the locale. Any thread may call all but the tokenizer; none blocks; those
  * that write no log message are safe in a signal handler. No function here is a cancellation point.
  */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_STR_H
 #define VORN_STR_H
 

@@ -1,6 +1,7 @@
 /* The symbol table: from an address to the function that contains it, by the ELF symbol tables of
  * every loaded object. It is built at start-up, so that a lookup neither locks nor allocates:
  * post-mortem code may look up in a signal handler. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SYMBOL_H
 #define VORN_SYMBOL_H
 

@@ -1,4 +1,5 @@
 /* The door to the node's kernel module. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SYSCALL_H
 #define VORN_SYSCALL_H
 

@@ -2,6 +2,7 @@
  * got the lock, samples the CPUs once a second, and all processes read its figures from shared
  * memory. Any thread may call; what is called signal-safe may be called in a signal handler. No
  * function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SYSINFO_H
 #define VORN_SYSINFO_H
 

@@ -17,6 +17,7 @@
  * Unless a function says otherwise: any thread may call, it does not block but for the allocator,
  * it is no cancellation point, it is not for signal handlers, and it returns 0, or -1 after an
  * error message. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_THRD_H
 #define VORN_THRD_H
 

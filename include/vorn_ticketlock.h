@@ -26,6 +26,7 @@
  *
  * Any thread may call. No operation is a cancellation point. In a signal handler, none is safe: the
  * reports are not. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TICKETLOCK_H
 #define VORN_TICKETLOCK_H
 

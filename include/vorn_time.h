@@ -1,5 +1,6 @@
 /* The time base: nanoseconds and milliseconds from the processor's counter, read in user space. The
  * time of day on the clock of the kernel module. No function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIME_H
 #define VORN_TIME_H
 

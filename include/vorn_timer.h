@@ -29,6 +29,7 @@
  *
  * With a record whose flags have VORN_TIMER_HR, which vorn_timer_add_ns sets and vorn_timer_add
  * clears, each function does what its namesake in vorn_hr_timer.h does. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIMER_H
 #define VORN_TIMER_H
 

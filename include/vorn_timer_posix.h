@@ -1,6 +1,7 @@
 /* The system's timers of a process (timer_create(2) and its family) with checked arguments. Each
  * returns the system's result, -1 with errno on failure; -22 after an error in the log for an
  * argument that is refused. Any thread; none blocks or is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIMER_POSIX_H
 #define VORN_TIMER_POSIX_H
 

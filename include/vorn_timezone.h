@@ -5,6 +5,7 @@
  * The functions run tools and scripts and wait for them, and change files of the node that other
  * callers change too: one thread of the node at a time. None is safe in a signal handler or a
  * cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIMEZONE_H
 #define VORN_TIMEZONE_H
 

@@ -13,6 +13,7 @@
  * cancellation point. In a signal handler, the trylock and unlock operations are safe; the
  * operations that wait are only where no thread that the handler can interrupt is using the same
  * lock. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TRWLOCK_H
 #define VORN_TRWLOCK_H
 

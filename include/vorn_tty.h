@@ -4,6 +4,7 @@
  * Each function returns what the module answers; -1 with errno on failure, ENOSYS where there is no
  * module. None writes a log message. Any thread; signal-safe; blocks as the module does. No
  * function here is a cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TTY_H
 #define VORN_TTY_H
 

@@ -1,6 +1,7 @@
 /* The version of Vorn: of these headers by macros, of the loaded library by a function. What may
  * change from one version to the next is promised in docs/compatibility.md. No function here is a
  * cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_VERSION_H
 #define VORN_VERSION_H
 

@@ -16,6 +16,7 @@
  * Unless a function says otherwise any thread may call it, and it blocks on the queue's spin lock
  * alone. None is a cancellation point: a thread that is cancelled while it waits finds the
  * cancellation pending after finish_wait. None is for signal handlers. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_WAIT_H
 #define VORN_WAIT_H
 

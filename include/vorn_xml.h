@@ -10,6 +10,7 @@
  * long as fd does, and it is no cancellation point, nor is anything in its callback. No message is
  * logged: Mini-XML reports what it cannot read through the calling thread's error callback, on
  * standard error where none was set. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_XML_H
 #define VORN_XML_H
 

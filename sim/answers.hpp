@@ -1,5 +1,6 @@
 // What the stand-in answers to each operation. An answer is what the request returns: -1 with errno
 // for a failure.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_ANSWERS_HPP
 #define VORNSIM_ANSWERS_HPP
 

@@ -1,4 +1,5 @@
 // Requests that end the node, which are printed and go no further, and the reboot count.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
 

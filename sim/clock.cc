@@ -1,5 +1,6 @@
 // The time of day by the system's clock, which may be shifted, and the zone that TZ or the system
 // names.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
 #include <ctime>

@@ -1,5 +1,6 @@
 // The console: standard error, and the requests that turn its printing and its login query on and
 // off.
+// SPDX-License-Identifier: Apache-2.0
 #include "console.hpp"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // Standard error, which is the stand-in's console.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_CONSOLE_HPP
 #define VORNSIM_CONSOLE_HPP
 

@@ -1,5 +1,6 @@
 // The CPUs: one frequency for all, whether each stays out of its sleep states, and what it works
 // at. There are always 1024, so that a service of a larger machine can be developed on a small one.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
 #include <cstring>

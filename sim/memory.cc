@@ -1,4 +1,5 @@
 // The machine's free memory, and the table of what each module uses, which is the process's own.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
 #include <sys/sysinfo.h>

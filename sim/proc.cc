@@ -1,4 +1,5 @@
 // Files of /proc are read with descriptors and buffers of the caller alone.
+// SPDX-License-Identifier: Apache-2.0
 #include "proc.hpp"
 
 #include <cstdint>

@@ -1,4 +1,5 @@
 // What /proc tells of threads. Nothing here allocates: a fault handler may ask.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_PROC_HPP
 #define VORNSIM_PROC_HPP
 

@@ -1,4 +1,5 @@
 // Reads VORNSIM_ANSWER.
+// SPDX-License-Identifier: Apache-2.0
 #include "rules.hpp"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Answers that a test dictates, in place of the stand-in's own.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_RULES_HPP
 #define VORNSIM_RULES_HPP
 

@@ -1,4 +1,5 @@
 // The state of threads and their stacks, as far as /proc shows them: printed on the console.
+// SPDX-License-Identifier: Apache-2.0
 #include <climits>
 #include <cstring>
 #include <sys/syscall.h>

@@ -1,4 +1,5 @@
 // Finds the operation of a request, records the request, and answers by a rule or by itself.
+// SPDX-License-Identifier: Apache-2.0
 #include "vornsim.h"
 
 #include <atomic>

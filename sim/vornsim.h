@@ -11,6 +11,7 @@
  * function, while others make requests too. All are signal-safe, and so is an answer as far as the
  * C library's vsnprintf is, which formats what is printed; the time of day takes a lock. None is a
  * cancellation point. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORNSIM_H
 #define VORNSIM_H
 

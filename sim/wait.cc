@@ -1,4 +1,5 @@
 // The wait on a word, by futex(2).
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
 #include <ctime>

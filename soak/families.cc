@@ -1,4 +1,5 @@
 // One function for each family, which leaves nothing behind when it returns.
+// SPDX-License-Identifier: Apache-2.0
 #include "families.hpp"
 
 #include <cstdarg>

@@ -1,4 +1,5 @@
 // The uses of the library that the soak repeats.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SOAK_FAMILIES_HPP
 #define VORN_SOAK_FAMILIES_HPP
 

@@ -1,4 +1,5 @@
 // Reads what the process holds from /proc and from the allocator.
+// SPDX-License-Identifier: Apache-2.0
 #include "footprint.hpp"
 
 #include <algorithm>

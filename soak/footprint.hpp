@@ -1,4 +1,5 @@
 // What a process holds of the system.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SOAK_FOOTPRINT_HPP
 #define VORN_SOAK_FOOTPRINT_HPP
 

@@ -2,6 +2,7 @@
 // own, and tells what the process holds more of at the end than after a first fifth of the time.
 // Ends with 0 where that is nothing, 1 where there is something or a family failed, 2 for a wrong
 // argument.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <chrono>
 #include <cstdio>

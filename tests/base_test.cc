@@ -1,4 +1,5 @@
 // test-objects: the fork gate, the system's calls and texts are private
+// SPDX-License-Identifier: Apache-2.0
 #include "base/fork_gate.hpp"
 
 #include <atomic>

@@ -1,5 +1,6 @@
 // test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write
 // Tests that edits leak nothing, and leave whole files, if memory runs out or the system fails.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
 #include <algorithm>

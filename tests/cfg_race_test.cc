@@ -1,4 +1,5 @@
 // Tests concurrent editors and readers, in threads and processes.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // test-runs: wrapped_commands
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cmd.h"
 
 #include <atomic>

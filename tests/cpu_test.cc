@@ -1,4 +1,5 @@
 // test-wraps: vorn_mallocsubproc
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpu.h"
 
 #include <numeric>

@@ -1,4 +1,5 @@
 // test-objects: what other processors run is behind a probe of this one
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 
 #include <cstring>

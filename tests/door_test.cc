@@ -1,5 +1,6 @@
 // A process's own function in front of the door: what passes through it, and answers that no
 // simulator gives.
+// SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <array>
 #include <cerrno>

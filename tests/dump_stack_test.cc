@@ -1,4 +1,5 @@
 // test-wraps: syscall
+// SPDX-License-Identifier: Apache-2.0
 #include "thread/vorn_dump_stack.hpp"
 
 #include <cstring>

@@ -1,5 +1,6 @@
 // test-without: log_capture
 // test-links: evlog
+// SPDX-License-Identifier: Apache-2.0
 #include "evlog.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // test-wraps: vorn_system_s
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_filecmd.h"
 
 #include <filesystem>

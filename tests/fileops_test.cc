@@ -1,4 +1,5 @@
 // test-wraps: read pread write malloc
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_fileops.h"
 
 #include <algorithm>

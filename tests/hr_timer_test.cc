@@ -1,5 +1,6 @@
 // test-wraps: clock_gettime pthread_mutex_init pthread_condattr_init pthread_create
 // Tests the high-resolution timers, by a clock that the test may stop and by the system's clock.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_hr_timer.h"
 
 #include <algorithm>

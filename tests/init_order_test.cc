@@ -1,4 +1,5 @@
 // Every step of the start-up, replaced by a note of its call: a process may put its own in front.
+// SPDX-License-Identifier: Apache-2.0
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>

@@ -2,6 +2,7 @@
 //
 // Tests that a process killed at any moment leaves no file torn, no shared record wrong and no lock
 // taken. VORN_TEST_KILLS=1000 kills so many of each kind.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,5 @@
 // test-wraps: eventfd socket
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_fs.h"
 
 #include <atomic>

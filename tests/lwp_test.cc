@@ -1,5 +1,6 @@
 // test-wraps: malloc pthread_create vorn_time_getmillisec
 // LWP instances: ids, references, deletion, variables, the trace and the statistics.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_lwp.h"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // test-links: vornsim
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_mem.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Notifier chains, and the one that a fatal signal calls.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_notifier.h"
 
 #include <functional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_percpu_posix.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // test-wraps: vorn_get_jiffies
+// SPDX-License-Identifier: Apache-2.0
 #include "base/ratelimit.hpp"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,6 @@
 // test-links: scrub_objects
 // Tests the pipeline of vorn-scrub: order, bounds, and failures in each of its threads.
+// SPDX-License-Identifier: Apache-2.0
 #include "instance.hpp"
 #include "pipeline.hpp"
 

@@ -1,5 +1,6 @@
 // test-links: scrub_objects
 // Tests the settings of vorn-scrub: what a file may say, and what a run does with it.
+// SPDX-License-Identifier: Apache-2.0
 #include "settings.hpp"
 
 #include <atomic>

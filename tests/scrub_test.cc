@@ -1,5 +1,6 @@
 // test-runs: vorn-scrub
 // Tests vorn-scrub as an operator runs it.
+// SPDX-License-Identifier: Apache-2.0
 #include <chrono>
 #include <filesystem>
 #include <gtest/gtest.h>

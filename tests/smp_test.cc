@@ -1,4 +1,5 @@
 // test-wraps: sysconf
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_smp.h"
 
 #include <cerrno>

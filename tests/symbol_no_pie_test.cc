@@ -1,4 +1,5 @@
 // test-without: pie
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_symbol.h"
 
 #include <dlfcn.h>

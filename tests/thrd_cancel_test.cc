@@ -1,5 +1,6 @@
 // test-objects: the table of threads is not exported
 // Tests the cancellation of threads that wait in the library, and the end of cancelled threads.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <functional>
 #include <gtest/gtest.h>

@@ -1,4 +1,5 @@
 // test-wraps: pthread_create
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // test-wraps: pthread_create malloc vorn_private_syscall
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 
 #include <atomic>

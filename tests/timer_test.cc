@@ -1,6 +1,7 @@
 // test-wraps: vorn_time_getmillisec vorn_time_getnanosec pthread_cond_init pthread_create
 // Tests the wheel against a naive model, its timers by a clock that the test may stop and move, and
 // what both kinds of timers have in common.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // test-wraps: open ioctl
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timezone.h"
 
 #include <cstdarg>

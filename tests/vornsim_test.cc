@@ -1,6 +1,7 @@
 // test-links: vornsim
 //
 // The stand-in for the kernel module: what it answers to each operation, and what it is told to.
+// SPDX-License-Identifier: Apache-2.0
 #include "vornsim.h"
 
 #include <array>

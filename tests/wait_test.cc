@@ -1,5 +1,6 @@
 // test-wraps: sigaction clock_gettime tgkill nanosleep vorn_private_syscall
 // Tests waits, wake-ups and wait queues, with a kernel module of the test or without one.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_wait.h"
 
 #include <atomic>

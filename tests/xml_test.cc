@@ -1,4 +1,5 @@
 // test-links: mxml
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_xml.h"
 
 #include <fcntl.h>

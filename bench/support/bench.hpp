@@ -10,6 +10,7 @@
 // All of a row are measured in turns of a fraction of a millisecond, so that whatever else the
 // machine does meets all of them alike; what is printed is the median turn of each. The ratio is
 // that of the fastest peer's time to ours: above 1, ours is the faster.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_BENCH_HPP
 #define VORN_BENCH_SUPPORT_BENCH_HPP
 

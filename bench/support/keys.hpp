@@ -1,4 +1,5 @@
 // The keys that the containers are measured with.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_KEYS_HPP
 #define VORN_BENCH_SUPPORT_KEYS_HPP
 

@@ -1,4 +1,5 @@
 // Computes the checksums of a block.
+// SPDX-License-Identifier: Apache-2.0
 #include "checksums.hpp"
 
 #include "vorn_crc.h"

@@ -1,4 +1,5 @@
 // Compares what was read with the manifest, and delays the verdict on a wrong block.
+// SPDX-License-Identifier: Apache-2.0
 #include "comparison.hpp"
 
 #include <utility>

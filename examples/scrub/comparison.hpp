@@ -1,5 +1,6 @@
 // Compares what was read with the manifest and reports the verdicts, in the caller's thread. A file
 // with wrong blocks waits for their second read while the run goes on.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_COMPARISON_HPP
 #define SCRUB_COMPARISON_HPP
 

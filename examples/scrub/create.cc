@@ -1,4 +1,5 @@
 // Records the checksums of a tree in a manifest.
+// SPDX-License-Identifier: Apache-2.0
 #include "scrub.hpp"
 
 #include <cstdio>

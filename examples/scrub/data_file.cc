@@ -1,4 +1,5 @@
 // Reads a regular file, and notices that it changed meanwhile.
+// SPDX-License-Identifier: Apache-2.0
 #include "data_file.hpp"
 
 #include <algorithm>

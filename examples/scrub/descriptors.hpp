@@ -1,4 +1,5 @@
 // Prepares the file descriptors of a run.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_DESCRIPTORS_HPP
 #define SCRUB_DESCRIPTORS_HPP
 

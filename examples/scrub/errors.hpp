@@ -1,5 +1,6 @@
 // Throws the errors that end a run with exit status 2. Other errors are reported, and the run goes
 // on.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_ERRORS_HPP
 #define SCRUB_ERRORS_HPP
 

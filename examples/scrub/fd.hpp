@@ -1,4 +1,5 @@
 // Owns a file descriptor.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_FD_HPP
 #define SCRUB_FD_HPP
 

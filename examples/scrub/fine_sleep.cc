@@ -1,4 +1,5 @@
 // Sleeps by a high-resolution timer.
+// SPDX-License-Identifier: Apache-2.0
 #include "fine_sleep.hpp"
 
 #include <algorithm>

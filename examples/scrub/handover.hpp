@@ -1,5 +1,6 @@
 // Hands pointers from one thread to another, in order, by a ring of the library. A semaphore counts
 // the pointers in the ring; the taking thread sleeps on it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_HANDOVER_HPP
 #define SCRUB_HANDOVER_HPP
 

@@ -1,4 +1,5 @@
 // Runs a directory in an instance of the library, and counts in its variables.
+// SPDX-License-Identifier: Apache-2.0
 #include "instance.hpp"
 
 #include <array>

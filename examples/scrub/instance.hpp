@@ -1,6 +1,7 @@
 // Runs a directory as a light-weight instance of the library: a thread with the directory's name,
 // and a value of each count per instance. A fault report of the library names the instances that
 // the thread worked for.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_INSTANCE_HPP
 #define SCRUB_INSTANCE_HPP
 

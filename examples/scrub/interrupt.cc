@@ -1,4 +1,5 @@
 // Catches the signals that end a run.
+// SPDX-License-Identifier: Apache-2.0
 #include "interrupt.hpp"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // Ends the run in an orderly way on SIGINT, SIGTERM and SIGHUP.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_INTERRUPT_HPP
 #define SCRUB_INTERRUPT_HPP
 

@@ -1,4 +1,5 @@
 // Writes the node's log under the service's module id.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_LOG_HPP
 #define SCRUB_LOG_HPP
 

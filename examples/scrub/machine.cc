@@ -1,4 +1,5 @@
 // Prints the machine's layout and keeps the mean usage of its CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #include "machine.hpp"
 
 #include <cstdio>

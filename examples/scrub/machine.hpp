@@ -1,4 +1,5 @@
 // Tells the layout of the machine and how busy its CPUs were during the run.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MACHINE_HPP
 #define SCRUB_MACHINE_HPP
 

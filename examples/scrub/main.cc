@@ -1,5 +1,6 @@
 // vorn-scrub finds damaged files. It is an example of a service on the library: it sets up logging,
 // starts the library, does its job and shuts both down.
+// SPDX-License-Identifier: Apache-2.0
 #include <cstdio>
 #include <deque>
 #include <exception>

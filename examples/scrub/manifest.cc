@@ -1,4 +1,5 @@
 // Forms the lines of a manifest and their codes.
+// SPDX-License-Identifier: Apache-2.0
 #include "manifest.hpp"
 
 #include <algorithm>

@@ -13,6 +13,7 @@
 // Each line begins with a code: the CRC-32C of the texts, newlines included, of this line and of
 // all before it, without their codes. So the first line that was changed, moved or lost is the
 // first whose code is wrong, and the code of the last line covers the whole manifest.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_HPP
 #define SCRUB_MANIFEST_HPP
 

@@ -1,4 +1,5 @@
 // Reads a manifest and refuses what the writer does not write.
+// SPDX-License-Identifier: Apache-2.0
 #include "manifest_reader.hpp"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // Reads a manifest line by line, in memory that does not depend on its length. Refuses anything
 // that is not exactly as the writer writes it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_READER_HPP
 #define SCRUB_MANIFEST_READER_HPP
 

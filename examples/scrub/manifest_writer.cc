@@ -1,4 +1,5 @@
 // Writes a manifest and puts it in its place.
+// SPDX-License-Identifier: Apache-2.0
 #include "manifest_writer.hpp"
 
 #include <cinttypes>

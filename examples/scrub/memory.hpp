@@ -1,5 +1,6 @@
 // Defines standard containers whose memory comes from the library's accounting allocator and is
 // charged to the service's module id.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MEMORY_HPP
 #define SCRUB_MEMORY_HPP
 

@@ -1,4 +1,5 @@
 // Reads the library's table of memory by module.
+// SPDX-License-Identifier: Apache-2.0
 #include "memory_table.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Lists the memory that each module of the process holds, as the library accounts for it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MEMORY_TABLE_HPP
 #define SCRUB_MEMORY_TABLE_HPP
 

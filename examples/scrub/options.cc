@@ -1,4 +1,5 @@
 // Reads the command line and prints the help.
+// SPDX-License-Identifier: Apache-2.0
 #include "options.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Reads the command line.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_OPTIONS_HPP
 #define SCRUB_OPTIONS_HPP
 

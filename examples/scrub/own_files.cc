@@ -1,4 +1,5 @@
 // Recognizes the service's own files in a tree.
+// SPDX-License-Identifier: Apache-2.0
 #include "own_files.hpp"
 
 namespace scrub {

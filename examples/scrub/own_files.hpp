@@ -1,4 +1,5 @@
 // Names the service's own files. They do not count as data, even inside the tree.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_OWN_FILES_HPP
 #define SCRUB_OWN_FILES_HPP
 

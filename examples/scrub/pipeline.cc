@@ -1,4 +1,5 @@
 // Moves batches of blocks between the reader, the checkers and the caller.
+// SPDX-License-Identifier: Apache-2.0
 #include "pipeline.hpp"
 
 #include <algorithm>

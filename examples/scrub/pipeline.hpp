@@ -14,6 +14,7 @@
 // Each end of a ring has one thread. There are as many batches as a ring holds: no ring overflows,
 // a thread that is faster than the others waits for a batch, and memory is bounded for files of any
 // size. A batch holds the blocks of several small files.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_PIPELINE_HPP
 #define SCRUB_PIPELINE_HPP
 

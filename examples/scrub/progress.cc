@@ -1,4 +1,5 @@
 // Draws the progress bar.
+// SPDX-License-Identifier: Apache-2.0
 #include "progress.hpp"
 
 #include <algorithm>

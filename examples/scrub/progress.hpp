@@ -1,5 +1,6 @@
 // Shows how far a run is: a bar on a terminal, or else a plain line every few seconds. A timer of
 // the wheel draws it, even while a read hangs. Any thread may call any function.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_PROGRESS_HPP
 #define SCRUB_PROGRESS_HPP
 

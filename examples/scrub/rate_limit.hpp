@@ -1,5 +1,6 @@
 // Limits the rate of reads: the caller tells it the time, in nanoseconds, and learns how long to
 // wait.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_RATE_LIMIT_HPP
 #define SCRUB_RATE_LIMIT_HPP
 

@@ -1,4 +1,5 @@
 // Prints and logs the findings, and prints the account at the end.
+// SPDX-License-Identifier: Apache-2.0
 #include "report.hpp"
 
 #include <algorithm>

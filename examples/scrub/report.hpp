@@ -1,5 +1,6 @@
 // Reports a run: prints and logs a line for each finding, and prints the account at the end. Used
 // by the thread of the run's instance, whose counts it keeps.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_REPORT_HPP
 #define SCRUB_REPORT_HPP
 

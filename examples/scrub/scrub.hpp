@@ -1,4 +1,5 @@
 // Declares the two jobs of the service.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SCRUB_HPP
 #define SCRUB_SCRUB_HPP
 

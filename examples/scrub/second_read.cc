@@ -1,4 +1,5 @@
 // Reads wrong blocks a second time.
+// SPDX-License-Identifier: Apache-2.0
 #include "second_read.hpp"
 
 #include <array>

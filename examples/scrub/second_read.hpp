@@ -1,5 +1,6 @@
 // Reads wrong blocks again, a second later. A block that is right then had a passing fault of the
 // device, the path to it or memory. A block that is wrong again is damaged.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SECOND_READ_HPP
 #define SCRUB_SECOND_READ_HPP
 

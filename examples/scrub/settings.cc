@@ -1,4 +1,5 @@
 // Reads the settings file, and refuses what is no setting.
+// SPDX-License-Identifier: Apache-2.0
 #include "settings.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Checks scheduled work by a timer, and runs the stall drill.
+// SPDX-License-Identifier: Apache-2.0
 #include "supervision.hpp"
 
 #include <stdexcept>

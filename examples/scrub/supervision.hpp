@@ -1,6 +1,7 @@
 // Checks every second whether scheduled work overruns its time limit or the pool stands still,
 // which a hanging device causes. The library logs what it finds; the run tells the operator to look
 // there.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SUPERVISION_HPP
 #define SCRUB_SUPERVISION_HPP
 

@@ -1,4 +1,5 @@
 // Formats names and numbers.
+// SPDX-License-Identifier: Apache-2.0
 #include "text.hpp"
 
 #include <algorithm>

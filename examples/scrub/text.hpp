@@ -1,4 +1,5 @@
 // Formats names and numbers.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_TEXT_HPP
 #define SCRUB_TEXT_HPP
 

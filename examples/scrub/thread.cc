@@ -1,4 +1,5 @@
 // Starts a run's threads under the strategy of its settings.
+// SPDX-License-Identifier: Apache-2.0
 #include "thread.hpp"
 
 #include <stdexcept>

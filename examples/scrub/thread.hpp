@@ -1,5 +1,6 @@
 // Runs a function in a thread of the library that has a name and the I/O strategy, and works for
 // the instance of the thread that started it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_THREAD_HPP
 #define SCRUB_THREAD_HPP
 

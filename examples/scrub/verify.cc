@@ -1,4 +1,5 @@
 // Compares a tree with its manifest.
+// SPDX-License-Identifier: Apache-2.0
 #include "scrub.hpp"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Walks a tree in path order.
+// SPDX-License-Identifier: Apache-2.0
 #include "walk.hpp"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // Walks a tree in path order, one file at a time. Its memory holds the names of the directories
 // that lead to the current file, not of the whole tree.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_WALK_HPP
 #define SCRUB_WALK_HPP
 

@@ -1,4 +1,5 @@
 // Queues a function as scheduled work.
+// SPDX-License-Identifier: Apache-2.0
 #include "work.hpp"
 
 #include <utility>

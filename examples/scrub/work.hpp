@@ -1,4 +1,5 @@
 // Runs a function once as an item of the library's scheduled work, under a time limit.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_WORK_HPP
 #define SCRUB_WORK_HPP
 

@@ -1,4 +1,5 @@
 // Reads the affinity levels and binds threads to their CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_affinity.h"
 
 #include <cstddef>

@@ -8,6 +8,7 @@
 //
 // The thread sanitizer does not model fences: the code also uses acquire loads and release stores
 // for the order that the sanitizer must see.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_BARRIER_HPP
 #define VORN_ARCH_BARRIER_HPP
 

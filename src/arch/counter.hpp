@@ -1,5 +1,6 @@
 // Declares the constant-rate counter that every timestamp is read from: counter() and
 // counter_frequency().
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_COUNTER_HPP
 #define VORN_ARCH_COUNTER_HPP
 

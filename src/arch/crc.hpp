@@ -6,6 +6,7 @@
 //   vorn::arch::crc32c_copy()  the same, and copies them; it stores each word before it uses the
 //   word vorn::arch::has_crc16()    whether the next one may be called: vorn::arch::crc16() returns
 //   the register after length more bytes, at least 16
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_CRC_HPP
 #define VORN_ARCH_CRC_HPP
 

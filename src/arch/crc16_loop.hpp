@@ -10,6 +10,7 @@
 // 2. Fold each of the eight onto the vector eight further on, while there is one.
 // 3. Fold each of the eight onto the last by the remaining distance, and the rest of the input too.
 // 4. Reduce the last vector to 16 bits.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_CRC16_LOOP_HPP
 #define VORN_ARCH_CRC16_LOOP_HPP
 

@@ -11,6 +11,7 @@
 // if it were data multiplies it by x^32 and reduces it. So with the constant x^(64 d - 33), one
 // multiplication and a step carry a register over d words. The carried registers are added to the
 // last word of the third lane, so that its step serves for them too.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_CRC32C_LOOP_HPP
 #define VORN_ARCH_CRC32C_LOOP_HPP
 

@@ -1,5 +1,6 @@
 // Defines the polynomials of the two checksums and the powers of x modulo them. The compiler
 // computes every constant of the checksum routines from these.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_CRC_POLYNOMIAL_HPP
 #define VORN_ARCH_CRC_POLYNOMIAL_HPP
 

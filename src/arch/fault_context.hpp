@@ -1,5 +1,6 @@
 // Describes the registers that a signal handler finds: their names, their order in the register
 // record (vorn_sig_calltrace.h), and their places in a ucontext_t.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_FAULT_CONTEXT_HPP
 #define VORN_ARCH_FAULT_CONTEXT_HPP
 

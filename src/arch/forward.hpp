@@ -1,5 +1,6 @@
 // Declares VORN_FORWARD(from, to), which defines the exported function from. It passes all its
 // arguments, of any number and types, to the function to, and returns the result of that.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_FORWARD_HPP
 #define VORN_ARCH_FORWARD_HPP
 

@@ -1,4 +1,5 @@
 // Declares pause(), which tells the processor that a loop waits for memory that another CPU writes.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_PAUSE_HPP
 #define VORN_ARCH_PAUSE_HPP
 

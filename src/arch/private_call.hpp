@@ -1,4 +1,5 @@
 // Declares private_call(), the system call that the node's kernel module claims.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_PRIVATE_CALL_HPP
 #define VORN_ARCH_PRIVATE_CALL_HPP
 

@@ -1,4 +1,5 @@
 // Implements the AVL tree.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_avl.h"
 
 #include <cstddef>

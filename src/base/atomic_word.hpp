@@ -1,4 +1,5 @@
 // Accesses words of C structures atomically: their headers cannot name std::atomic.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_ATOMIC_WORD_HPP
 #define VORN_BASE_ATOMIC_WORD_HPP
 

@@ -1,4 +1,5 @@
 // Wraps safeclib's functions and the C library's formatter in the forms of base/bounded.hpp.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/bounded.hpp"
 
 #include <algorithm>

@@ -4,6 +4,7 @@
 //
 // They return 0, or the number of characters that a format wrote. On failure, a copy returns
 // safeclib's positive error and empties the destination; a format returns -1.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_BOUNDED_HPP
 #define VORN_BASE_BOUNDED_HPP
 

@@ -1,5 +1,6 @@
 // Defines a view of a text that ends in a NUL, which may be passed to "%s" and to the system. It
 // can be made only from such a text, and cannot be shortened.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_C_STRING_VIEW_HPP
 #define VORN_BASE_C_STRING_VIEW_HPP
 

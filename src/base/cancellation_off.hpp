@@ -1,6 +1,7 @@
 // Disables cancellation of the calling thread for a scope, in which a cancelled thread would leave
 // a lock held, a child unreaped or a descriptor open. A cancellation that arrives meanwhile takes
 // effect at the thread's next cancellation point after the scope.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_CANCELLATION_OFF_HPP
 #define VORN_BASE_CANCELLATION_OFF_HPP
 

@@ -1,4 +1,5 @@
 // Owns a directory stream of the C library.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_DIRECTORY_HPP
 #define VORN_BASE_DIRECTORY_HPP
 

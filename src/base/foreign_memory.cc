@@ -10,6 +10,7 @@
 //
 // Writing to a pipe would test a page too, but the process may have closed the pipe's descriptors
 // and reused them for a file.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/foreign_memory.hpp"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Reads memory that may be unmapped, for code that follows pointers it cannot trust.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_FOREIGN_MEMORY_HPP
 #define VORN_BASE_FOREIGN_MEMORY_HPP
 

@@ -13,6 +13,7 @@
 //
 // The wait has a deadline, because a thread inside may be stopped, or wait for the forking thread.
 // The child then inherits that thread's locks as they are.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/fork_gate.hpp"
 
 #include <atomic>

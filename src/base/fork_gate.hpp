@@ -4,6 +4,7 @@
 // A thread enters the gate before it takes a lock of the library, and leaves it after it releases
 // the lock. No module needs to know other modules' locks or their order: a thread that is inside
 // may always enter again, and so can finish.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_FORK_GATE_HPP
 #define VORN_BASE_FORK_GATE_HPP
 

@@ -1,4 +1,5 @@
 // Walks up a stack by frame pointers, within given bounds.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_FRAME_WALK_HPP
 #define VORN_BASE_FRAME_WALK_HPP
 

@@ -1,5 +1,6 @@
 // Writes an information message that the node's own log wants too: first under module 0, with the
 // prefix "[Infra]" and without a level check, then under the library's module as usual.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_INFRA_LOG_HPP
 #define VORN_BASE_INFRA_LOG_HPP
 

@@ -1,4 +1,5 @@
 // Restores errno at the end of a scope.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_KEPT_ERRNO_HPP
 #define VORN_BASE_KEPT_ERRNO_HPP
 

@@ -1,5 +1,6 @@
 // Sends requests to the kernel module: the operation with the library's module id, and each
 // argument as a word. Arguments that are not given are marked unused.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_KERNEL_REQUEST_HPP
 #define VORN_BASE_KERNEL_REQUEST_HPP
 

@@ -1,5 +1,6 @@
 // Defines the library's logging macros: level test, log message and error result in one expression,
 // which keeps errno for the caller and for the arguments of the message.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_LOG_HPP
 #define VORN_BASE_LOG_HPP
 

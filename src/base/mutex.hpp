@@ -1,6 +1,7 @@
 // Defines the process-private mutex of the library's flags and tables. It is constant-initialised
 // and so usable before static constructors run and after destructors have run. It is free in a
 // child of fork().
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_MUTEX_HPP
 #define VORN_BASE_MUTEX_HPP
 

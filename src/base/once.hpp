@@ -1,4 +1,5 @@
 // Defines the once-initialiser: a flag that is tested before and after taking a mutex.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_ONCE_HPP
 #define VORN_BASE_ONCE_HPP
 

@@ -1,4 +1,5 @@
 // Counts the log messages of a call site and decides which are dropped.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/ratelimit.hpp"
 
 namespace vorn {

@@ -1,5 +1,6 @@
 // Defines the rate limiter: a call site writes at most 3 log messages in a burst, and reports the
 // suppressed ones at most once every 150000 jiffies.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_RATELIMIT_HPP
 #define VORN_BASE_RATELIMIT_HPP
 

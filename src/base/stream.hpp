@@ -1,4 +1,5 @@
 // Owns a stream of the C library.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_STREAM_HPP
 #define VORN_BASE_STREAM_HPP
 

@@ -1,4 +1,5 @@
 // Makes the system's calls in the forms that base/system.hpp declares.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/system.hpp"
 
 #include <algorithm>

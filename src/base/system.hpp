@@ -8,6 +8,7 @@
 //
 // Otherwise, results and errno are the system's. All but streams and directories are safe in a
 // signal handler.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_SYSTEM_HPP
 #define VORN_BASE_SYSTEM_HPP
 

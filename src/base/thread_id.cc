@@ -1,4 +1,5 @@
 // Caches the kernel's id of each thread.
+// SPDX-License-Identifier: Apache-2.0
 #include "base/thread_id.hpp"
 
 #include <unistd.h>

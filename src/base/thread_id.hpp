@@ -1,6 +1,7 @@
 // Returns the kernel's id of the calling thread (gettid(2)) from a thread-local word, so that a
 // lock can name its holder without a system call. A child of fork() reads it anew. Safe in a signal
 // handler.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_THREAD_ID_HPP
 #define VORN_BASE_THREAD_ID_HPP
 

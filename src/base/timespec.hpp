@@ -1,4 +1,5 @@
 // Converts the system's times to nanoseconds and back.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_TIMESPEC_HPP
 #define VORN_BASE_TIMESPEC_HPP
 

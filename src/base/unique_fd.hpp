@@ -1,4 +1,5 @@
 // Owns a file descriptor.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_UNIQUE_FD_HPP
 #define VORN_BASE_UNIQUE_FD_HPP
 

@@ -1,4 +1,5 @@
 // Searches and changes bits.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_bitops.h"
 
 #include <algorithm>

@@ -4,6 +4,7 @@
 // while it holds the registry's lock. A thread that removes a file from the registry takes the
 // file's lock before it frees the file. So a file that a thread has found under the registry's lock
 // exists until that thread has taken the file's lock, and as long as it holds that lock.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
 #include <cstring>

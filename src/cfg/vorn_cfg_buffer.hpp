@@ -1,4 +1,5 @@
 // Builds the text of a file that is being written, in a buffer of a fixed size.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_BUFFER_HPP
 #define VORN_CFG_BUFFER_HPP
 

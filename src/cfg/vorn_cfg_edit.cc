@@ -1,4 +1,5 @@
 // Edits a parsed file in memory.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 #include <utility>

@@ -1,4 +1,5 @@
 // Implements the editors that write a temporary file.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <fcntl.h>

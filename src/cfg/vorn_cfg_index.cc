@@ -1,4 +1,5 @@
 // Implements the hash index of a parsed file.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_index.hpp"
 

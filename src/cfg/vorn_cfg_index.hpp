@@ -2,6 +2,7 @@
 // with many items. The index gives the same answer as a walk: the first of several equal names. It
 // exists only while the library alone changes the lists: during a parse and in the registry. If
 // memory runs out there is no index, and the lists are walked.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_INDEX_HPP
 #define VORN_CFG_INDEX_HPP
 

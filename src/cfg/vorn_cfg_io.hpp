@@ -1,5 +1,6 @@
 // Declares the calls by which the configuration engine opens, reads and writes files. None is a
 // cancellation point, creates a standard descriptor, or fails because of a signal.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_IO_HPP
 #define VORN_CFG_IO_HPP
 

@@ -1,4 +1,5 @@
 // Stores the items of a parsed file in a node.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 

@@ -1,4 +1,5 @@
 // Reads a file in blocks and cuts it into lines.
+// SPDX-License-Identifier: Apache-2.0
 #include "cfg/vorn_cfg_lines.hpp"
 
 #include <algorithm>

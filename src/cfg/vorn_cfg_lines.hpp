@@ -1,5 +1,6 @@
 // Reads the lines of a file, cut as vorn_readline cuts them, in blocks: one system call per line
 // would dominate the time of a parse.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_LINES_HPP
 #define VORN_CFG_LINES_HPP
 

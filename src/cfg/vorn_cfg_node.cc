@@ -1,4 +1,5 @@
 // Creates, links, finds and destroys the nodes of a parsed file.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_node.hpp"
 

@@ -1,4 +1,5 @@
 // Declares the nodes of a parsed file. A thread that uses a registered file holds the file's lock.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_NODE_HPP
 #define VORN_CFG_NODE_HPP
 

@@ -1,4 +1,5 @@
 // Parses a file line by line.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_parse.hpp"
 

@@ -1,4 +1,5 @@
 // Declares the parser, which passes the items of a file to a callback one by one.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_PARSE_HPP
 #define VORN_CFG_PARSE_HPP
 

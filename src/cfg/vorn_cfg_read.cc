@@ -1,4 +1,5 @@
 // Finds one item of a file that is not registered.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cstring>
 

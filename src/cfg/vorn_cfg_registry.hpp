@@ -1,4 +1,5 @@
 // Declares the functions of the registry that the editors use beside the exported ones.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_REGISTRY_HPP
 #define VORN_CFG_REGISTRY_HPP
 

@@ -4,6 +4,7 @@
 // 1. Write the new text to a temporary file and sync it to the device.
 // 2. Rename the temporary file to the path.
 // 3. Sync the directory.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <cstdio>

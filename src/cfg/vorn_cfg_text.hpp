@@ -1,4 +1,5 @@
 // Declares limits, blanks, names and bounded copies of the texts of configuration files.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_TEXT_HPP
 #define VORN_CFG_TEXT_HPP
 

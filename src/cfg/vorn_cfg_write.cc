@@ -1,4 +1,5 @@
 // Writes a file in place: builds the whole new text, then overwrites the file with it.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 #include <cstring>

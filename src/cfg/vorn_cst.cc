@@ -1,4 +1,5 @@
 // The configuration store: one request of the kernel module for each call.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cst.h"
 
 #include <algorithm>

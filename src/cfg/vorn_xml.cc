@@ -1,4 +1,5 @@
 // Mini-XML's calls under names of this library.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_xml.h"
 
 #include "base/cancellation_off.hpp"

@@ -1,4 +1,5 @@
 // Parses the items of CPU lists.
+// SPDX-License-Identifier: Apache-2.0
 #include "cpu/cpu_list.hpp"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Declares the parser of CPU lists in settings: items between commas, each a number or a range.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CPU_CPU_LIST_HPP
 #define VORN_CPU_CPU_LIST_HPP
 

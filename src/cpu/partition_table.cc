@@ -2,6 +2,7 @@
 //
 // The load may wait for the script that makes that file. fork() does not wait for the load: a child
 // drops an incomplete table and loads anew.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cpu.c"
 #include "cpu/partition_table.hpp"
 

@@ -1,5 +1,6 @@
 // Holds the partitions of the product file, in their groups. Readers take no lock: the load is the
 // only writer.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CPU_PARTITION_TABLE_HPP
 #define VORN_CPU_PARTITION_TABLE_HPP
 

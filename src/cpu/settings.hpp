@@ -1,4 +1,5 @@
 // Reads values of the registered INI files.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CPU_SETTINGS_HPP
 #define VORN_CPU_SETTINGS_HPP
 

@@ -1,4 +1,5 @@
 // Resolves CPU lists and partitions, and asks the kernel module about single CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpu.h"
 
 #include <cstring>

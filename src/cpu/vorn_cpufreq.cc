@@ -1,4 +1,5 @@
 // Reads the frequencies that the system offers, and passes requests to the kernel module.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpufreq.h"
 
 #include <cstdio>

@@ -2,6 +2,7 @@
 //
 // The load appends nodes under its lock and never removes them. The getters follow the list without
 // the lock: a link is stored with release after its node is filled, and loaded with acquire.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_numa.h"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // Parses the CPU lists of NUMA nodes.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_numa.c"
 #include <string_view>
 

@@ -1,4 +1,5 @@
 // Loads and walks CPU masks.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpumask.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Computes the checksums by table, or by the instructions that the processor has.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CRC_ROUTINES_HPP
 #define VORN_CRC_ROUTINES_HPP
 

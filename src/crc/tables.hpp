@@ -1,4 +1,5 @@
 // Defines the byte-wise tables of both checksums: entry i is the register after the byte i, from 0.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CRC_TABLES_HPP
 #define VORN_CRC_TABLES_HPP
 

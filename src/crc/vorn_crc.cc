@@ -1,4 +1,5 @@
 // Selects the checksum routines of the processor and exports them.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 
 #include <atomic>

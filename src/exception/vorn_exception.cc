@@ -1,4 +1,5 @@
 // Holds the chain of callbacks that a fatal signal calls, and the watchdog's hook.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_exception.h"
 
 #include <atomic>

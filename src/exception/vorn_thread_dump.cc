@@ -1,4 +1,5 @@
 // Requests dumps of stacks from the kernel module.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_thread_dump.h"
 
 #include "base/kernel_request.hpp"

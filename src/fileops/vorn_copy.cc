@@ -1,4 +1,5 @@
 // Copies files.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_fileops.c"
 
 #include "vorn_fileops.h"

@@ -1,4 +1,5 @@
 // Opens shared libraries and looks their symbols up.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_dl.h"
 
 #include <dlfcn.h>

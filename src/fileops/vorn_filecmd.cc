@@ -1,4 +1,5 @@
 // Runs shell commands on files and directories.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_fileops.c"
 
 #include "vorn_filecmd.h"

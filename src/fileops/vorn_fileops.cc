@@ -1,4 +1,5 @@
 // Wraps the file calls of the system.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_fileops.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Reads a line from a descriptor.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_fileops.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Listens for events of file systems on netlink.
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_fs.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Implements the hash table.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_hash.h"
 
 #include <bit>

@@ -1,4 +1,5 @@
 // Maps the counter that the jiffies driver offers.
+// SPDX-License-Identifier: Apache-2.0
 #include "jiffies/jiffies_uio_adp.hpp"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Declares the mapping of the jiffies driver's counter.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_JIFFIES_UIO_ADP_HPP
 #define VORN_JIFFIES_UIO_ADP_HPP
 

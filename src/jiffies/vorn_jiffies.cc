@@ -1,4 +1,5 @@
 // Reads the tick counter of the kernel, or else derives it from the clock.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_jiffies.h"
 
 #include "base/once.hpp"

@@ -2,6 +2,7 @@
 //
 // The links are stored with release and allow one test without the lock: a thread that sees its own
 // node unlinked knows that the thread that unlinked it no longer uses the node.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LIST_LINKS_HPP
 #define VORN_LIST_LINKS_HPP
 

@@ -1,4 +1,5 @@
 // Implements the checked operations of the list.
+// SPDX-License-Identifier: Apache-2.0
 #include "list/vorn_list.hpp"
 
 #include "base/log.hpp"

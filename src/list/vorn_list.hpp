@@ -4,6 +4,7 @@
 //
 // The list has no lock: its owner holds one around each call. file is the owner's VORN_FILE;
 // function and line are those of the caller.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LIST_HPP
 #define VORN_LIST_HPP
 

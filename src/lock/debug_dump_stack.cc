@@ -1,4 +1,5 @@
 // Logs the calling thread's stack.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_spinlock.h"
 
 #include <cstdint>

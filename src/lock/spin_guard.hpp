@@ -1,5 +1,6 @@
 // Defines guards that hold a spin lock, or release it, for a scope. Both act in the name of the
 // enclosing function, or of the given site.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LOCK_SPIN_GUARD_HPP
 #define VORN_LOCK_SPIN_GUARD_HPP
 

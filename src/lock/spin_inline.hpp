@@ -1,6 +1,7 @@
 // Takes and frees a spin lock inline, for a module whose own work is as short as the calls. The
 // word and its order are those of the spin lock; only the holder frees it here, which needs no
 // exchange.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LOCK_SPIN_INLINE_HPP
 #define VORN_LOCK_SPIN_INLINE_HPP
 

@@ -1,4 +1,5 @@
 // Makes and uses mutexes of the C library by kind.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_mtx.h"
 
 namespace vorn::mtx {

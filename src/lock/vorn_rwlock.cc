@@ -20,6 +20,7 @@
 //
 // No ABA. The word is the whole state: a word that has changed and changed back allows what it
 // allowed before.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_rwlock.h"
 
 #include <cstdint>

@@ -15,6 +15,7 @@
 //
 // No ABA. A free lock is free, however often it was taken since the last look: no compare-and-swap
 // relies on an earlier read.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_spinlock.h"
 
 #include <cstdint>

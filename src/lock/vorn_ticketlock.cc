@@ -18,6 +18,7 @@
 // have the same number only if 2^32 threads wait. trylock reads serving equal to next before its
 // compare-and-swap. It would take a held lock if, between these two instructions, other threads
 // drew all numbers, which takes minutes, and one of the last still held the lock.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_ticketlock.h"
 
 #include <cstdint>

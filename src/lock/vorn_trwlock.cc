@@ -24,6 +24,7 @@
 // compared them with: no thread has arrived in between. They would be equal again after 2^32
 // acquisitions between two instructions. A waiting thread would take another's number for its own
 // if 2^32 threads waited.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_trwlock.h"
 
 #include <bit>

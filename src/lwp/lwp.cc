@@ -1,4 +1,5 @@
 // Starts the LWP module, and holds its configuration.
+// SPDX-License-Identifier: Apache-2.0
 #include "lwp/lwp.hpp"
 
 #include <atomic>

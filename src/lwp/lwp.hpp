@@ -1,4 +1,5 @@
 // Declares what the sources of the LWP module share.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LWP_LWP_HPP
 #define VORN_LWP_LWP_HPP
 

@@ -1,5 +1,6 @@
 // Traces a thread's switches between instances, and counts the places that take and give back
 // references.
+// SPDX-License-Identifier: Apache-2.0
 #include "lwp/lwp.hpp"
 
 #include "base/log.hpp"

@@ -29,6 +29,7 @@
 // number of registered variables. A registration increments that number and then reads the state.
 // Both orders are sequentially consistent, so either the creator sees the variable and constructs
 // it, or the registration sees state 2 and waits for 4.
+// SPDX-License-Identifier: Apache-2.0
 #include "lwp/lwp.hpp"
 
 #include <cstring>

@@ -11,6 +11,7 @@
 // and finds none missing sees all of them constructed. The holder reads the number of registered
 // variables again before it leaves: a constructor that registers a variable finds the flag held by
 // its own thread, cannot wait for it, and leaves the variable to the holder's next round.
+// SPDX-License-Identifier: Apache-2.0
 #include "lwp/lwp.hpp"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // Owns blocks of the accounting allocator that the library uses itself.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_MEM_OWNED_HPP
 #define VORN_MEM_OWNED_HPP
 

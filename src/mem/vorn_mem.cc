@@ -1,4 +1,5 @@
 // Allocates and frees accounted memory.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_mem.h"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // Reads memory figures of the system and runs the guarded memory commands.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cerrno>
 #include <cstdio>

@@ -1,4 +1,5 @@
 // Counts accounted memory by module.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_mem.h"
 
 #include <atomic>

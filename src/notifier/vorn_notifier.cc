@@ -2,6 +2,7 @@
 //
 // A call does not write to the chain. It reads a block's `next` before the callback runs, so the
 // callback may unregister and free its block.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_notifier.h"
 
 #include "base/log.hpp"

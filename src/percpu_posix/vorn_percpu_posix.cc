@@ -1,4 +1,5 @@
 // Allocates per-CPU memory.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_percpu_posix.h"
 
 #include "base/log.hpp"

@@ -1,4 +1,5 @@
 // Reads the module names that a node adds.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_process.c"
 
 #include "process/node_names.hpp"

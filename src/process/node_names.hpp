@@ -1,4 +1,5 @@
 // Declares the module names that a node adds at run time.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_NODE_NAMES_HPP
 #define VORN_NODE_NAMES_HPP
 

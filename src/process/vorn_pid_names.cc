@@ -1,4 +1,5 @@
 // Holds the table of module names.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <charconv>
 

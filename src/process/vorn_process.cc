@@ -1,4 +1,5 @@
 // Holds the version of a process: the time of the first request for it.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_process.h"
 
 #include <cerrno>

@@ -40,6 +40,7 @@
 // a thread's load and its swap. The counters are masked only for the access to a slot, so the
 // thread must sleep while exactly 2^32 slots pass, not just a multiple of the ring's size. Indices
 // that wrap with the ring would need a tag.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_ring.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Implements the red-black tree.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_rbtree.h"
 
 #include <cstddef>

@@ -1,4 +1,5 @@
 // Implements the kernel-style prints and the requests that end the node.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_reboot.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Implements sleeps, yields and the number of the calling thread's CPU.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched.h"
 
 #include <ctime>

@@ -22,6 +22,7 @@
 //
 // The sleep always has a deadline, of at most 292 years: the kernel restarts a sleep without a
 // deadline after a handler that was installed with SA_RESTART.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched.c"
 
 #include "vorn_sched.h"

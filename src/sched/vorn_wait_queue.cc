@@ -2,6 +2,7 @@
 // it; from then on, the queue's lock guards it. But the waiting thread tests without the lock
 // whether its node is unlinked, and then reuses the entry. So the waking thread unlinks the node
 // last, and does not access the entry after that.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched.c"
 
 #include "vorn_wait.h"

@@ -10,6 +10,7 @@
 //   4. Begins the next life in the population's word, then frees the slots. A worker tests its life
 //      under the slot's mutex before it writes the slot.
 //   5. Starts the pool again if items were queued since step 2.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <algorithm>

@@ -10,6 +10,7 @@
 // to be. Each change is a compare-and-swap that fails for a worker of an earlier life: such a
 // worker does not change the counts. All are sequentially consistent, since none is on a path where
 // the cost matters.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SCHEDWORK_POPULATION_HPP
 #define VORN_SCHEDWORK_POPULATION_HPP
 

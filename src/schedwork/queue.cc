@@ -1,4 +1,5 @@
 // Implements the queue of the pool.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 
 #include "schedwork/queue.hpp"

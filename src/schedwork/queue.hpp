@@ -1,4 +1,5 @@
 // Queues the items that wait to run, first in, first out, under a spin lock.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SCHEDWORK_QUEUE_HPP
 #define VORN_SCHEDWORK_QUEUE_HPP
 

@@ -1,4 +1,5 @@
 // Initialises, queues, deletes and shows items of work.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched_work.h"
 
 #include <unistd.h>

@@ -6,6 +6,7 @@
 //   sched_work_run_task        the handler
 //
 // Locks: the pool's mutex comes first, and then one of the queue's spin lock and a slot's mutex.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SCHEDWORK_HPP
 #define VORN_SCHEDWORK_HPP
 

@@ -4,6 +4,7 @@
 // life. The worker learns that from the population's word, and then leaves without touching the
 // counts, the slots and the queue of the next life. Units of the semaphore belong to no life: the
 // worker passes its unit on.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 
 #include <algorithm>

@@ -3,6 +3,7 @@
 // accesses it only under the lock. The waiting thread also tests its status under the lock, and so
 // does not return before that up is done with the waiter. After the lock, up uses only a number,
 // the thread's id.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 
 #include <cerrno>

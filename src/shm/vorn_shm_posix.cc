@@ -1,4 +1,5 @@
 // Creates and maps POSIX shared memory.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_shm.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Counts the CPUs of the machine.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_smp.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Reads the bay configuration: runs the node's script and parses the file that it prints to.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_bay.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Checks commands before a shell runs them.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cmd.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
 // Implements the table of children by descriptor.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_str.c"
 #include "str/pid_table.hpp"
 

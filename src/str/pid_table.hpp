@@ -1,5 +1,6 @@
 // Maps the descriptor of a stream to its child, for vorn_pclose. The table is created once, with
 // the limit of descriptors at that time as its size (up to 1048576), and stays.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_STR_PID_TABLE_HPP
 #define VORN_STR_PID_TABLE_HPP
 

@@ -1,4 +1,5 @@
 // Opens streams to and from a shell.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_str.c"
 #include "vorn_cmd.h"
 

@@ -1,4 +1,5 @@
 // Starts shells with vfork(2).
+// SPDX-License-Identifier: Apache-2.0
 #include "str/spawn.hpp"
 
 #include <unistd.h>

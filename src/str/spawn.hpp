@@ -1,4 +1,5 @@
 // Starts shells that run a command, without a copy of the caller's memory.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_STR_SPAWN_HPP
 #define VORN_STR_SPAWN_HPP
 

@@ -1,4 +1,5 @@
 // Converts texts to numbers.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_str.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Defines the functions for programs that are linked with --wrap=popen and similar options.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cmd.h"
 
 FILE *__wrap_popen(const char *command, const char *mode) { return vorn_popen(command, mode); }

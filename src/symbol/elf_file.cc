@@ -1,4 +1,5 @@
 // Reads the functions of an ELF file with libelf.
+// SPDX-License-Identifier: Apache-2.0
 #include "symbol/elf_file.hpp"
 
 #include <cstring>

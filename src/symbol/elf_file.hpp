@@ -1,5 +1,6 @@
 // Reads the file of a loaded object with libelf. A damaged file gives an error and never a fault:
 // it is read and not mapped, and all that it states is checked.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_ELF_FILE_HPP
 #define VORN_SYMBOL_ELF_FILE_HPP
 

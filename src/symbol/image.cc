@@ -1,4 +1,5 @@
 // Compares a loaded object with its file.
+// SPDX-License-Identifier: Apache-2.0
 #include "symbol/image.hpp"
 
 #include <algorithm>

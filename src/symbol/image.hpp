@@ -1,5 +1,6 @@
 // Describes a loaded object as the loader does, so that its file, and the object itself later, can
 // be distinguished from others of the same name.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_IMAGE_HPP
 #define VORN_SYMBOL_IMAGE_HPP
 

@@ -1,6 +1,7 @@
 // Defines a growing array in memory of the accounting allocator. It does not throw or log:
 // functions that need memory return whether they got it. vorn_symbol_init logs for them, after it
 // has released the loader's lock.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_MEMORY_HPP
 #define VORN_SYMBOL_MEMORY_HPP
 

@@ -1,4 +1,5 @@
 // Reads the functions of a loaded object and finds them by address.
+// SPDX-License-Identifier: Apache-2.0
 #include "symbol/object.hpp"
 
 #include <algorithm>

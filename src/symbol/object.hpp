@@ -1,5 +1,6 @@
 // Describes a loaded object and its functions. It does not change after it was read, so that
 // several tables may share it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_OBJECT_HPP
 #define VORN_SYMBOL_OBJECT_HPP
 

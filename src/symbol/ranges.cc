@@ -1,4 +1,5 @@
 // Turns functions into ranges of addresses.
+// SPDX-License-Identifier: Apache-2.0
 #include "symbol/ranges.hpp"
 
 #include <algorithm>

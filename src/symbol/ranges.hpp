@@ -1,5 +1,6 @@
 // Turns the functions of a symbol table, which may be nested, overlap and have several names, into
 // ranges of addresses that belong to one function each.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_RANGES_HPP
 #define VORN_SYMBOL_RANGES_HPP
 

@@ -1,4 +1,5 @@
 // Fills the table of symbols and searches it.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_symbol.c"
 
 #include "symbol/table.hpp"

@@ -1,5 +1,6 @@
 // Holds the symbols of the objects that are loaded at one moment. It does not change after it is
 // published.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_TABLE_HPP
 #define VORN_SYMBOL_TABLE_HPP
 

@@ -15,6 +15,7 @@
 // thread's own stack, or never finishes: a thread that ended in its handler or, in a child of
 // fork(), any thread that was reading in the parent. Such a reader only costs memory, and little:
 // tables share the objects that did not change between them.
+// SPDX-License-Identifier: Apache-2.0
 #include "symbol/vorn_symbol.hpp"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // Declares lookups in the symbol table for the library's own post-mortem code.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_HPP
 #define VORN_SYMBOL_HPP
 

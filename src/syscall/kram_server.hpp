@@ -1,4 +1,5 @@
 // Declares how the server serves a connection.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYSCALL_KRAM_SERVER_HPP
 #define VORN_SYSCALL_KRAM_SERVER_HPP
 

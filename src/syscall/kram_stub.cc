@@ -1,4 +1,5 @@
 // Generates random numbers that are predictable.
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 
 #include <algorithm>

@@ -8,6 +8,7 @@
 // If the table is full, the accepting thread evicts the connection that has been idle longest, and
 // stores the new socket as its successor. The thread of the evicted connection serves that next:
 // the table always has as many threads as connections.
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 
 #include <algorithm>

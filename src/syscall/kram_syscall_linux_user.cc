@@ -18,6 +18,7 @@
 //     acknowledged. The end of the connection acknowledges all that the server could read.
 //
 // Any other end of the connection is an error: the request may have been carried out.
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Holds the registry of private calls: groups of handlers.
+// SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 
 #include <algorithm>

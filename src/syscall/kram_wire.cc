@@ -1,4 +1,5 @@
 // Transfers the messages between a client of private calls and the server.
+// SPDX-License-Identifier: Apache-2.0
 #include "syscall/kram_wire.hpp"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 // Declares the messages between a client of private calls and the server: a header and a payload
 // for each request and each reply, in host byte order, since they do not leave the machine.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYSCALL_KRAM_WIRE_HPP
 #define VORN_SYSCALL_KRAM_WIRE_HPP
 

@@ -1,4 +1,5 @@
 // Makes private calls to the kernel module.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_syscall.h"
 
 #include "arch/private_call.hpp"

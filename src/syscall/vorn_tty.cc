@@ -1,4 +1,5 @@
 // Passes requests for the console to the kernel module.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_tty.h"
 
 #include "base/kernel_request.hpp"

@@ -4,6 +4,7 @@
 // The lock belongs to the process, which loses it when it closes any descriptor of the file. So the
 // figures are mapped once, before the lock is taken, and a process that has the lock does not open
 // the file again, even if sysinfo_init runs again.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sysinfo.c"
 #include <algorithm>
 #include <cerrno>

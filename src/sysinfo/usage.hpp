@@ -1,5 +1,6 @@
 // Declares the figures of the CPUs that the processes of the machine share: arrays with a slot for
 // the whole machine, then one for each present CPU.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYSINFO_USAGE_HPP
 #define VORN_SYSINFO_USAGE_HPP
 

@@ -1,5 +1,6 @@
 // Counts the machine's packages, CPUs and nodes, finds its model, and shares them with all
 // processes.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpuinfo.h"
 
 #include <cerrno>

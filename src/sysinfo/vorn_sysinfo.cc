@@ -1,4 +1,5 @@
 // Reads the shared figures, the counts of CPUs and the use of memory.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sysinfo.h"
 
 #include <algorithm>

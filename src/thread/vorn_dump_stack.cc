@@ -1,4 +1,5 @@
 // Writes the calling thread's stack: its kind, the table of its frames, its words.
+// SPDX-License-Identifier: Apache-2.0
 #include "thread/vorn_dump_stack.hpp"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 // Declares the dump of a stack: its frames as a table, and its words. Everything is safe in a
 // signal handler: no allocation, no lock, and no read through a pointer that the kernel has not
 // tested.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_DUMP_STACK_HPP
 #define VORN_DUMP_STACK_HPP
 

@@ -1,4 +1,5 @@
 // Installs the handler of the fault signals.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 
 #include <cerrno>

@@ -10,6 +10,7 @@
 //
 // So the fault signals are not blocked during a report. Another fatal signal that a process sends
 // to the thread meanwhile is dropped: the process is ending already.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 
 #include <cerrno>

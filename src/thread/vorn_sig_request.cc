@@ -1,4 +1,5 @@
 // Requests the stack of a thread, in the log or in a file, and writes the file.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sig_calltrace.c"
 #include "vorn_sig_calltrace.h"
 

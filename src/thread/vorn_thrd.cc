@@ -1,4 +1,5 @@
 // Holds the table of thread records and counts the references to them.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 
 #include <atomic>

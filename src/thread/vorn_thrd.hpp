@@ -11,6 +11,7 @@
 // A slot keeps its record forever, so a record is never freed. The owner writes the state, except
 // for the claim of an idle pool thread (4 to 8, by compare-and-swap). A thread that reads an alive
 // state with acquire sees the record as its owner filled it before the release store of that state.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_THRD_HPP
 #define VORN_THRD_HPP
 

@@ -1,4 +1,5 @@
 // Binds threads to CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
 #include <cerrno>

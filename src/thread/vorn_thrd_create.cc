@@ -1,4 +1,5 @@
 // Creates threads.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,5 @@
 // Returns the ids of the process and of the calling thread, and the context that it runs in.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <sched.h>
 #include <unistd.h>

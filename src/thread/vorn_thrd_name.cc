@@ -1,4 +1,5 @@
 // Sets and reads the names of threads, of the process and of its executable.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstdio>

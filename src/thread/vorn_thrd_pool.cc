@@ -15,6 +15,7 @@
 // of a job takes effect then, while the state is still 8. A later one finds the thread idle or with
 // its next job, and takes effect before that begins: the thread that replaces this one gets the
 // job. A thread is also replaced if a job calls pthread_exit or gives its record up.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Finds the stack that contains an address, and its bounds.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include "base/frame_walk.hpp"
 #include "thread/vorn_thrd.hpp"

@@ -1,4 +1,5 @@
 // Runs the steps of a thread before and after its entry.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <csignal>
 #include <cstring>

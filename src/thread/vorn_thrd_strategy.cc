@@ -1,4 +1,5 @@
 // Holds the strategies: each is a nice value and a set of CPUs.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>
 #include <cstring>

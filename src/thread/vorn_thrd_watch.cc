@@ -2,6 +2,7 @@
 //
 //   bits 63..32  kernel id of the watched thread; 0 if there is none
 //   bits 31..0   marker, once a process has written
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <atomic>
 

@@ -1,4 +1,5 @@
 // Starts the time base and reads it.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_time.h"
 
 #include <atomic>

@@ -1,4 +1,5 @@
 // Declares the private parts of the time module.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIME_HPP
 #define VORN_TIME_HPP
 

@@ -1,5 +1,6 @@
 // Returns the time of day, local time and daylight-saving time of the kernel module, or else of the
 // system.
+// SPDX-License-Identifier: Apache-2.0
 #include "time/vorn_time_local.hpp"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Turns the output of zdump into the table of transitions that the kernel module takes.
+// SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 #include <climits>
 #include <cstdint>

@@ -1,4 +1,5 @@
 // Sets and reads the node's time zone by the system's tools and files or the node's script.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timezone.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // Runs the thread of a timer service, and calls the functions of timers.
+// SPDX-License-Identifier: Apache-2.0
 #include "timer/service.hpp"
 
 #include <cstring>

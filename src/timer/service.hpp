@@ -1,5 +1,6 @@
 // Declares what the two timer services share: their thread, the call of a timer's function, and the
 // count of forks that tells which timers are pending.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIMER_SERVICE_HPP
 #define VORN_TIMER_SERVICE_HPP
 

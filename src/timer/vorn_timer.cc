@@ -8,6 +8,7 @@
 //
 // fork(). The root's lock does not enter the fork gate: a child drops the whole root, in whatever
 // state another thread has left it, and recognises the parent's timers by their owner.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Wraps the system's timers with checks of their arguments.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer_posix.h"
 
 #include <csignal>

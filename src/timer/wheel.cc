@@ -5,6 +5,7 @@
 // and not later than the expiry; the timer is then placed in a lower level. All slots of a level
 // together are as wide as one slot of the next level, so a timer is never placed in the slot that
 // is being opened, unless it expires in 60 days or later: such a timer stays for another round.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_timer.c"
 #include "timer/wheel.hpp"
 

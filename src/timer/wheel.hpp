@@ -11,6 +11,7 @@
 // bits, and so skips any time without timers at once.
 //
 // The wheel has no lock: its owner holds one around each call. Each call is short.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIMER_WHEEL_HPP
 #define VORN_TIMER_WHEEL_HPP
 

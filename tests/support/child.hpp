@@ -1,4 +1,5 @@
 // Runs a part of a test in a child of fork().
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_CHILD_HPP
 #define VORN_TESTS_CHILD_HPP
 

@@ -1,5 +1,6 @@
 // Declares what the tests of partitions and NUMA nodes share. Both wrap vorn_mallocsubproc; a
 // program includes this once.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_CPU_FILE_HPP
 #define VORN_TESTS_CPU_FILE_HPP
 

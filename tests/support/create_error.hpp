@@ -1,5 +1,6 @@
 // Defines pthread_create(3) for a test that wraps it: it fails with create_error unless that is 0.
 // A program includes this once.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_CREATE_ERROR_HPP
 #define VORN_TESTS_CREATE_ERROR_HPP
 

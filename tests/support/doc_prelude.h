@@ -1,4 +1,5 @@
 /* What the samples of the documents and of the headers' comments use and do not declare. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TESTS_DOC_PRELUDE_H
 #define VORN_TESTS_DOC_PRELUDE_H
 

@@ -1,4 +1,5 @@
 // Maps a page between two inaccessible ones: a read or a write beyond its ends faults.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_GUARDED_PAGE_HPP
 #define VORN_TESTS_GUARDED_PAGE_HPP
 

@@ -4,6 +4,7 @@
 //
 //   EXPECT_NO_DAMAGE(stress::run({{lock, unlock, stress::kChange}, {lock, unlock,
 //   stress::kChange}}));
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_LOCK_STRESS_HPP
 #define VORN_TESTS_LOCK_STRESS_HPP
 

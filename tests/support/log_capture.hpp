@@ -1,5 +1,6 @@
 // Replaces the logging library: stores every log message, so that a test reads as "do, then expect
 // this message at this level from this function".
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_LOG_CAPTURE_HPP
 #define VORN_TESTS_LOG_CAPTURE_HPP
 

@@ -1,4 +1,5 @@
 // Declares directories to build a stand-in system in.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_SCRATCH_HPP
 #define VORN_TESTS_SCRATCH_HPP
 

@@ -1,4 +1,5 @@
 // Commands of the shell, and what became of them.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_SHELL_HPP
 #define VORN_TESTS_SHELL_HPP
 

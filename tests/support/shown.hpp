@@ -1,4 +1,5 @@
 // Stores what a show routine prints.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_SHOWN_HPP
 #define VORN_TESTS_SHOWN_HPP
 

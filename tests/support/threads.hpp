@@ -1,4 +1,5 @@
 // Runs the same function in several threads, and waits for what other threads and processes do.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_THREADS_HPP
 #define VORN_TESTS_THREADS_HPP
 

@@ -1,4 +1,5 @@
 // Defines a timer that counts its calls, for the tests of both kinds; they wrap pthread_create.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_TIMER_HPP
 #define VORN_TESTS_TIMER_HPP
 

@@ -1,4 +1,5 @@
 // Reads the compiled zone files (RFC 8536), independently of zdump.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_ZONE_FILE_HPP
 #define VORN_TESTS_ZONE_FILE_HPP
 

@@ -1,4 +1,5 @@
 // Reads the generic timer's virtual counter.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_COUNTER_HPP
 #define VORN_ARCH_AARCH64_COUNTER_HPP
 

@@ -1,4 +1,5 @@
 // Compiles the CRC-16 loop for the PMULL instruction.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/aarch64/crc.hpp"
 
 #include <arm_neon.h>

@@ -1,4 +1,5 @@
 // Compiles the CRC-32C loop for the CRC32C instructions.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/aarch64/crc.hpp"
 
 #include <arm_acle.h>

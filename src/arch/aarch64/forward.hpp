@@ -1,4 +1,5 @@
 // Defines VORN_FORWARD for AArch64.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_FORWARD_HPP
 #define VORN_ARCH_AARCH64_FORWARD_HPP
 

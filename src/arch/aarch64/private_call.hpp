@@ -1,4 +1,5 @@
 // Makes the private call by its number on AArch64.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_PRIVATE_CALL_HPP
 #define VORN_ARCH_AARCH64_PRIVATE_CALL_HPP
 

@@ -2,6 +2,7 @@
 // not divide 10^9; this clock is the same counter scaled to nanoseconds, constant in rate and
 // monotonic across CPUs, and read without a system call if the kernel trusts the time-stamp
 // counter.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_COUNTER_HPP
 #define VORN_ARCH_X86_64_COUNTER_HPP
 

@@ -1,4 +1,5 @@
 // Declares the checksums by special instructions for x86-64.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_CRC_HPP
 #define VORN_ARCH_X86_64_CRC_HPP
 

@@ -1,4 +1,5 @@
 // Compiles the CRC-16 loop for SSE registers.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/x86_64/crc.hpp"
 
 #include "arch/x86_64/crc16_vector.hpp"

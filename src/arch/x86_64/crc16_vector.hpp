@@ -1,5 +1,6 @@
 // Defines the vector of the CRC-16 loop in an SSE register. Only kernels include it, and each has
 // its own type.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_CRC16_VECTOR_HPP
 #define VORN_ARCH_X86_64_CRC16_VECTOR_HPP
 

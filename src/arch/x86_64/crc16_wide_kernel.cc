@@ -1,4 +1,5 @@
 // Compiles the CRC-16 loop for AVX2 registers.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/x86_64/crc.hpp"
 
 #include <immintrin.h>

@@ -1,4 +1,5 @@
 // Compiles the CRC-32C loop for the SSE4.2 instruction.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/x86_64/crc.hpp"
 
 #include "arch/x86_64/crc32c_step.hpp"

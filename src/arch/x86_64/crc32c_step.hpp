@@ -1,4 +1,5 @@
 // Defines the step of the CRC-32C loop. Only kernels include it, and each has its own type.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_CRC32C_STEP_HPP
 #define VORN_ARCH_X86_64_CRC32C_STEP_HPP
 

@@ -1,6 +1,7 @@
 // Computes CRC-32C of long inputs in lanes and by folding at the same time. A stretch before the
 // three lanes of words is folded by carry-less multiplication, as in CRC-16, on units of the
 // processor that the CRC instruction leaves idle.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/x86_64/crc.hpp"
 
 #include <immintrin.h>

@@ -1,4 +1,5 @@
 // Detects the special instructions of this processor.
+// SPDX-License-Identifier: Apache-2.0
 #include "arch/x86_64/crc.hpp"
 
 namespace vorn::arch {

@@ -1,4 +1,5 @@
 // Names the general registers.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
 #define VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
 

@@ -1,4 +1,5 @@
 // Defines VORN_FORWARD for x86-64.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_FORWARD_HPP
 #define VORN_ARCH_X86_64_FORWARD_HPP
 

@@ -1,4 +1,5 @@
 # Special instructions are compiled into their kernel's file alone, which runs after a probe.
+# SPDX-License-Identifier: Apache-2.0
 set(crc_options -msse4.2 -mpclmul -falign-functions=64 -falign-loops=32)
 set_source_files_properties(arch/x86_64/crc32c_kernel.cc arch/x86_64/crc16_kernel.cc
   PROPERTIES COMPILE_OPTIONS "${crc_options}")

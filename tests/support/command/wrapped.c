@@ -1,5 +1,6 @@
 /* A service's program in C, linked so that its popen, pclose and system are the library's. Its exit
  * code tells the first step that did not go as it does there, 0 for none. */
+/* SPDX-License-Identifier: Apache-2.0 */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,5 +1,6 @@
 // An object for the symbol table's tests to load: functions of every kind that a symbol table may
 // list. None but fixture_static is ever called.
+// SPDX-License-Identifier: Apache-2.0
 namespace fixture {
 
 class Widget {
