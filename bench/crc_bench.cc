@@ -1,4 +1,5 @@
 // bench-loads: isal
+// Measures the checksums beside their peers.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 

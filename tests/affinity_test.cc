@@ -1,3 +1,4 @@
+// Tests affinity levels.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_affinity.h"
 

@@ -1,3 +1,4 @@
+// Tests the AVL tree.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_avl.h"
 

@@ -1,4 +1,5 @@
 // test-objects: the fork gate, the system's calls and texts are private
+// Tests the fork gate, the guards and the system calls of the base.
 // SPDX-License-Identifier: Apache-2.0
 #include "base/fork_gate.hpp"
 

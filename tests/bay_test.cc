@@ -1,3 +1,4 @@
+// Tests the bay configuration.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_bay.h"
 

@@ -1,3 +1,4 @@
+// Tests bit searches and changes.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_bitops.h"
 

@@ -1,3 +1,4 @@
+// Tests the edits of INI files.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 

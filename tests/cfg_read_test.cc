@@ -1,3 +1,4 @@
+// Tests the parser of INI files and lookups.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: vfork getdtablesize vorn_mallocsubstandard vorn_freesub
+// Tests guarded commands when the system fails.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cmd.h"
 

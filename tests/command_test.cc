@@ -1,4 +1,5 @@
 // test-runs: wrapped_commands
+// Tests guarded commands and streams.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cmd.h"
 

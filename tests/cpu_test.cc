@@ -1,4 +1,5 @@
 // test-wraps: vorn_mallocsubproc
+// Tests CPU partitions and CPU lists.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpu.h"
 

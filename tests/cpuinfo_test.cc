@@ -1,3 +1,4 @@
+// Tests the counts of CPUs and their shared record.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpuinfo.h"
 

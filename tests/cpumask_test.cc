@@ -1,3 +1,4 @@
+// Tests CPU masks and their lists.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpumask.h"
 

@@ -1,4 +1,5 @@
 // test-objects: what other processors run is behind a probe of this one
+// Tests the checksums of every processor.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: open ioctl
+// Tests the kernel module's configuration store.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cst.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: syscall
+// Tests dumps of stacks.
 // SPDX-License-Identifier: Apache-2.0
 #include "thread/vorn_dump_stack.hpp"
 

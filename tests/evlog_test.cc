@@ -1,5 +1,6 @@
 // test-without: log_capture
 // test-links: evlog
+// Tests the default logging library.
 // SPDX-License-Identifier: Apache-2.0
 #include "evlog.h"
 

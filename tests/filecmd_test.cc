@@ -1,4 +1,5 @@
 // test-wraps: vorn_system_s
+// Tests shell commands on files.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_filecmd.h"
 

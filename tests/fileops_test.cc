@@ -1,4 +1,5 @@
 // test-wraps: read pread write malloc
+// Tests file wrappers and line reading.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_fileops.h"
 

@@ -1,3 +1,4 @@
+// Tests the hash table.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_hash.h"
 

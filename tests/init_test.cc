@@ -1,4 +1,5 @@
 // test-runs: library_unloader
+// Tests start-up and shutdown.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_init.h"
 

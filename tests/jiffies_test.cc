@@ -1,3 +1,4 @@
+// Tests the tick counter.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_jiffies.h"
 

@@ -1,5 +1,4 @@
 // test-wraps: vorn_private_syscall
-//
 // Tests the functions that pass a request to the kernel module, and the time of day without one.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>

@@ -1,4 +1,5 @@
 // test-wraps: eventfd socket
+// Tests the listener for file-system events.
 // SPDX-License-Identifier: Apache-2.0
 #include "kram_fs.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: bind connect sendmsg create_thread_nopreempt_raw
+// Tests the server, the client and the registry of private calls.
 // SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 

@@ -1,4 +1,5 @@
 // test-objects: the checked list is not exported
+// Tests the checked list.
 // SPDX-License-Identifier: Apache-2.0
 #include "list/vorn_list.hpp"
 

@@ -1,3 +1,4 @@
+// Tests locks on ranges of files.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_fileops.h"
 

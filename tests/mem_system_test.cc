@@ -1,4 +1,5 @@
 // test-wraps: sysconf open mprotect
+// Tests memory figures and page settings.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_mem.h"
 

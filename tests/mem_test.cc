@@ -1,4 +1,5 @@
 // test-links: vornsim
+// Tests the accounting allocator.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_mem.h"
 

@@ -1,3 +1,4 @@
+// Tests mutexes by kind.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_mtx.h"
 

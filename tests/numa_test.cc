@@ -1,4 +1,5 @@
 // test-wraps: vorn_mallocsubproc vorn_cfg_destroy_ex
+// Tests the NUMA configuration.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_numa.h"
 

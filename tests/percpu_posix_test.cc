@@ -1,3 +1,4 @@
+// Tests per-CPU memory.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_percpu_posix.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: clock_gettime open
+// Tests module names and the version of a process.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_process.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: vorn_get_jiffies
+// Tests the rate limiter of log messages.
 // SPDX-License-Identifier: Apache-2.0
 #include "base/ratelimit.hpp"
 

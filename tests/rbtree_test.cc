@@ -1,3 +1,4 @@
+// Tests the red-black tree.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_rbtree.h"
 

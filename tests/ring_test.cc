@@ -1,4 +1,5 @@
 // test-wraps: posix_memalign
+// Tests the ring.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_ring.h"
 

@@ -1,3 +1,4 @@
+// Tests the reader-writer lock.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_rwlock.h"
 

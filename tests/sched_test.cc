@@ -1,4 +1,5 @@
 // test-wraps: select nanosleep sched_yield sysconf sched_setaffinity vorn_time_getnanosec
+// Tests sleeps and yields.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched.h"
 

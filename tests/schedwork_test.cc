@@ -1,4 +1,5 @@
 // test-wraps: vorn_get_jiffies create_thread_nopreempt_raw
+// Tests the pool of scheduled work.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <atomic>

@@ -1,3 +1,4 @@
+// Tests the enhanced semaphore.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 

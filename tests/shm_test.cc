@@ -1,4 +1,5 @@
 // test-wraps: fallocate
+// Tests shared memory.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_shm.h"
 

@@ -1,6 +1,7 @@
 // test-wraps: __cxa_demangle open syscall
 // test-without: log_capture
 // test-links: evlog
+// Tests fault signals and their reports.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 

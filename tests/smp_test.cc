@@ -1,4 +1,5 @@
 // test-wraps: sysconf
+// Tests the counts of CPUs.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_smp.h"
 

@@ -1,3 +1,4 @@
+// Tests the spin lock and the dump of its caller.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_spinlock.h"
 

@@ -1,10 +1,9 @@
 // test-wraps: bind connect
 // test-without: log_capture
 // test-links: evlog
-// SPDX-License-Identifier: Apache-2.0
-
 // Uses every family of the library in threads that are cancelled at random moments, and in children
 // that are forked at random moments. No lock, descriptor, thread record or waiter may be left.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstring>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Tests texts and numbers.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_str.h"
 

@@ -1,4 +1,5 @@
 // test-without: pie
+// Tests the symbol table in a program at a fixed address.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_symbol.h"
 

@@ -1,4 +1,5 @@
 // test-objects: what resolves the functions is private
+// Tests the ranges of addresses of functions.
 // SPDX-License-Identifier: Apache-2.0
 #include "symbol/ranges.hpp"
 

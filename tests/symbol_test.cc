@@ -1,4 +1,5 @@
 // test-wraps: vorn_mallocsubproc vorn_freesub __cxa_demangle
+// Tests the symbol table.
 // SPDX-License-Identifier: Apache-2.0
 #include "symbol/vorn_symbol.hpp"
 

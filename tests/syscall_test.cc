@@ -1,3 +1,4 @@
+// Tests private calls without a kernel module.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_syscall.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: open sysconf sysinfo pthread_create
+// Tests CPU usage and the sampler.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sysinfo.h"
 

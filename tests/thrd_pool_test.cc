@@ -1,4 +1,5 @@
 // test-wraps: pthread_create
+// Tests the thread pool.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: setpriority pthread_setaffinity_np sysconf
+// Tests thread strategies and CPU binding.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 

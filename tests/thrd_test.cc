@@ -1,4 +1,5 @@
 // test-wraps: pthread_create malloc vorn_private_syscall
+// Tests thread records, creation and lookups.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_thrd.h"
 

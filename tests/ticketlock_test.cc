@@ -1,3 +1,4 @@
+// Tests the ticket lock.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_ticketlock.h"
 

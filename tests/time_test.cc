@@ -1,3 +1,4 @@
+// Tests the time base.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_time.h"
 

@@ -1,4 +1,5 @@
 // test-wraps: open ioctl
+// Tests time zones.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_timezone.h"
 

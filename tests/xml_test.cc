@@ -1,4 +1,5 @@
 // test-links: mxml
+// Tests access to XML documents.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_xml.h"
 
