@@ -5,9 +5,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <unistd.h>
 
 #include "evlog.h"
+#include "support/child.hpp"
 #include "vorn.h"
 
 namespace {
@@ -241,18 +243,31 @@ bool use_time() {
 }
 
 Family all[] = {
-    {"threads", use_threads},   {"pool", use_pool},           {"registry", use_registry},
-    {"timers", use_timers},     {"hr timers", use_hr_timers}, {"work", use_work},
-    {"ring, put", put},         {"ring, take", take},         {"locks", use_locks},
-    {"waits", use_waits},       {"instances", use_instances}, {"dumps", use_dumps},
-    {"edits", use_edits},       {"settings", use_settings},   {"files", use_files},
-    {"commands", use_commands}, {"memory", use_memory},       {"log", use_log},
+    {"threads", use_threads},
+    {"pool", use_pool},
+    {"registry", use_registry},
+    {"timers", use_timers},
+    {"hr timers", use_hr_timers},
+    {"work", use_work},
+    {"ring, put", put},
+    {"ring, take", take},
+    {"locks", use_locks},
+    {"waits", use_waits},
+    {"instances", use_instances},
+    {"dumps", use_dumps},
+    {"edits", use_edits},
+    {"settings", use_settings},
+    {"files", use_files},
+    {"memory", use_memory},
+    {"log", use_log},
     {"time", use_time},
+    {"commands", use_commands},
 };
 
 } // namespace
 
 std::span<Family> families(const std::string &ini_file) {
   ini = ini_file;
+  if (!kMayForkBesideClosing) return std::span(all).first(std::size(all) - 1); // no commands
   return all;
 }
