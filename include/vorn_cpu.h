@@ -14,8 +14,8 @@
  * "partition_num", and a partition that is missing, has fewer than two ":" or more than 255
  * characters, are passed over; fields may be empty, and a longer name is cut to 31 characters. The
  * file is loaded by vorn_cpum_init, or else by the first function here that needs the partitions;
- * they never change after that. Of more than 4096 groups, or partitions of a group, the rest is
- * left out.
+ * they never change after that. The load looks for each group and partition up to the counts: a
+ * file with counts of many millions takes it minutes or hours.
  *
  * Any thread may call; nothing here is for signal handlers. No function here is a cancellation
  * point. Those that may be the first to load block on the file system, and on the script that makes

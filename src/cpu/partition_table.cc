@@ -6,7 +6,6 @@
 #define VORN_FILE "vorn_cpu.c"
 #include "cpu/partition_table.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -32,10 +31,6 @@ constexpr char kLoad[] = "vorn_cpum_init"; // the function that log messages nam
 constexpr char kProductFile[] = "/WRK/conf/app_data/kelp/product.ini";
 constexpr char kGenerator[] =
     "/WRK/component/pyr/script/gen_product_ini.sh \"/WRK/conf/app_data/kelp/\"";
-
-// A damaged count does not hold up the start for hours: of more groups, or partitions of a group,
-// the rest is left out.
-constexpr int kMostEntries = 4096;
 
 constinit UngatedOnce loaded{OncePolicy::kLatch};
 
@@ -95,7 +90,7 @@ void load_group(int index) {
   }
   std::memcpy(group->name, name, sizeof name);
   vorn_list_init_head(&group->partitions);
-  for (int i = 0; i < std::min(count, kMostEntries); ++i)
+  for (int i = 0; i < count; ++i)
     load_partition(*group, i);
   list::insert_tail(&partition_table.groups, &group.release()->link, show_node, VORN_FILE, kLoad);
 }
@@ -110,7 +105,7 @@ int parse_file(const char *path) {
     VORN_LOG_AS(kLoad, kInfo, "Get cpu num fail, ret:%d", count);
     return -1;
   }
-  for (int i = 0; i < std::min(count, kMostEntries); ++i)
+  for (int i = 0; i < count; ++i)
     load_group(i);
   return 0;
 }
