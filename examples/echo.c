@@ -2,8 +2,8 @@
  *
  *   ./echo                          and in another terminal: socat - UNIX-CONNECT:echo.socket
  *
- * Each client has a thread. In the end every thread is told, and waited for, before the library is
- * taken down. The log is echo.log. */
+ * Each client has a thread. The service waits for the end of every thread before it shuts the
+ * library down. The log is echo.log. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #define _GNU_SOURCE /* accept4 */
 #include <errno.h>
@@ -29,8 +29,8 @@
          evlog(MODULE, level, "echo.c", __LINE__, __func__, 0, __VA_ARGS__))
 
 static const struct sockaddr_un kAddress = {AF_UNIX, "echo.socket"};
-static int stopping = -1;        /* an eventfd: readable, and so it stays, once the service stops */
-static vorn_sem_enhance_s ended; /* a unit for each thread that is done */
+static int stopping = -1;        /* an eventfd, readable after the service has begun to stop */
+static vorn_sem_enhance_s ended; /* a unit for each thread that has ended */
 
 static int send_all(int client, const char *bytes, size_t length) {
   while (length > 0) {
@@ -57,7 +57,7 @@ static void echo(int client) {
 static void *serve(void *argument) {
   const int client = (int)(intptr_t)argument;
   vorn_thrd_setname("echo_%d", client);
-  LOG(EVLOG_INFO, "client %d came", client);
+  LOG(EVLOG_INFO, "client %d is served", client);
   echo(client);
   close(client);
   vorn_sem_enhance_up(&ended);
@@ -110,10 +110,8 @@ int main(void) {
   const int ready = stopping >= 0 && signals >= 0 && listener >= 0 &&
                     bind(listener, (const struct sockaddr *)&kAddress, sizeof kAddress) == 0 &&
                     listen(listener, 8) == 0;
-  if (ready)
-    run(listener, signals);
-  else
-    perror("echo: cannot listen at echo.socket");
+  if (!ready) perror("echo: cannot listen at echo.socket");
+  if (ready) run(listener, signals);
   vorn_destory();
   vorn_log_destroy((uintptr_t)0);
   return ready ? 0 : 1;

@@ -1,10 +1,10 @@
 // INI settings that are edited while they are read: one thread rewrites an item again and again,
-// others look it up meanwhile.
+// and others look it up meanwhile.
 //
 //   ./ini                            works in ini-example.ini and prints what was seen
 //
-// An edit replaces the file at once, and the registry with it: a reader gets the old value or the
-// new one, never a part of either, and never an older one after a newer one.
+// An edit replaces the file, and its content in the registry, as a whole: a reader gets the old
+// value or the new one, never a part of either, and never an older one after a newer one.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdio>
@@ -23,12 +23,12 @@ namespace {
 constexpr char kPath[] = "ini-example.ini";
 constexpr char kSection[] = "SERVICE";
 constexpr char kItem[] = "LIMIT";
-constexpr int kLast = 50; // what the item is edited to in the end, from 1
+constexpr int kLast = 50; // the last value of the item; the first is 1
 
 std::atomic<bool> failed = false;
-vorn_sem_enhance_s ended; // a unit for each reader that is done
+vorn_sem_enhance_s ended; // a unit for each reader that has ended
 
-// The file, which is in the library's registry as long as this lives.
+// Creates the file and registers it with the library; the destructor removes it.
 class Settings {
 public:
   Settings()
@@ -43,7 +43,7 @@ public:
 
   bool ready() const { return registered_; }
 
-  // 0 where there is no such item, or it is no number above 0.
+  // Returns 0 if there is no such item, or if it is not a positive number.
   int limit() const {
     char text[16];
     if (vorn_cfg_getItemValue_ex(kPath, kSection, kItem, text, sizeof text) != 0) return 0;
@@ -60,7 +60,7 @@ private:
   const bool registered_;
 };
 
-// Looks the item up until it has its last value. It never goes back.
+// Looks the item up until it has its last value. The value must never decrease.
 void *read_limits(void *argument) {
   const auto &settings = *static_cast<const Settings *>(argument);
   vorn_thrd_setname("reader");
@@ -73,7 +73,7 @@ void *read_limits(void *argument) {
   return nullptr;
 }
 
-// Threads that read the settings, and are waited for where this object ends.
+// Threads that read the settings. The destructor waits for their end.
 class Readers {
 public:
   Readers(Settings &settings, int count) {

@@ -1,11 +1,10 @@
-// Instances with variables: two movers run at once, and each counts what it has moved in its own
+// Instances with variables: two movers run at the same time, and each counts its blocks in its own
 // value of the variable "moved".
 //
 //   ./instance                       prints what each of them has moved
 //
-// The part of a service that moves blocks knows the variable alone: it counts for whatever instance
-// its thread belongs to, and needs no argument for that.
-// SPDX-License-Identifier: Apache-2.0
+// The function that moves blocks needs no argument: it counts for the instance that its thread
+// works for. SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
@@ -20,7 +19,7 @@ namespace {
 
 std::uint64_t moved = LWP_NONE; // the variable's id
 
-// The value in an instance, 0 being that of the calling thread. Another thread may read it.
+// The value of an instance; 0 is the instance of the calling thread. Another thread may read it.
 std::atomic_ref<std::uint64_t> value(std::uint64_t instance) {
   return std::atomic_ref(*static_cast<std::uint64_t *>(LwpVarRaw(instance, moved)));
 }
@@ -30,8 +29,8 @@ void move_block() {
   ++value(0);
 }
 
-// Its own reference keeps the instance while the thread works for it. None is given once the
-// instance is being deleted, and the thread ends.
+// The reference keeps the instance while the thread works for it. The library refuses a reference
+// to an instance that is being deleted, and the thread ends.
 void *move_blocks(void *) {
   const std::uint64_t own = LwpCtxCurrent();
   while (LwpInstGet(own) == 0) {
@@ -41,7 +40,7 @@ void *move_blocks(void *) {
   return nullptr;
 }
 
-// Runs when an instance is deleted, after its thread has ended: the last look at the value.
+// Called at the deletion of an instance, after its thread has ended.
 int report(std::uint64_t instance, void *) {
   std::printf("%s moved %" PRIu64 " blocks\n", LwpInstGetName(instance), value(instance).load());
   return 0;
@@ -53,7 +52,7 @@ bool register_variable() {
   return LwpVarRegister("moved", &kNone, sizeof kNone, &functions, &moved) != LWP_NONE;
 }
 
-// An instance with a thread, until this object ends.
+// An instance with a thread. The destructor deletes it.
 class Mover {
 public:
   explicit Mover(const char *name) : id_(LwpInstNew(name, nullptr, move_blocks, nullptr)) {}

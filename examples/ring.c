@@ -1,10 +1,10 @@
-/* A ring between threads: two producers make requests, one consumer works them off.
+/* A ring between threads: two producers make requests, one consumer handles them.
  *
  *   ./ring                           prints what the consumer got
  *
- * The ring itself never waits. Two semaphores do: one counts the places that are free, so that a
- * producer does not find the ring full, the other the requests that are there. A producer ends by
- * an ending marker, NULL, which takes the same way and so comes after all that it has made. */
+ * The ring itself never waits. The threads wait on two semaphores: one counts the free places, so
+ * that no producer finds the ring full, and one counts the requests in the ring. A producer ends
+ * with a NULL, the ending marker, which the consumer takes after all requests of that producer. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <stdio.h>
 
@@ -23,11 +23,11 @@ struct request {
 };
 
 static vorn_ring_s *ring;
-static vorn_sem_enhance_s places;   /* that are free in the ring */
-static vorn_sem_enhance_s requests; /* that are in the ring, ending markers among them */
-static vorn_sem_enhance_s ended;    /* producers */
+static vorn_sem_enhance_s places;   /* free places of the ring */
+static vorn_sem_enhance_s requests; /* entries of the ring, with the ending markers */
+static vorn_sem_enhance_s ended;    /* producers that have ended */
 
-/* The caller's unit of places keeps the ring from being full: the call refuses nothing. */
+/* The caller holds a unit of places, so the ring is not full and the enqueue succeeds. */
 static void pass_on(struct request *request) {
   vorn_sem_enhance_down(&places);
   vorn_ring_enqueue(ring, request);
@@ -41,7 +41,7 @@ static void *produce(void *argument) {
     struct request *request = vorn_malloc(kModule, sizeof *request);
     if (request == NULL) break;
     *request = (struct request){producer, number};
-    pass_on(request); /* which is the consumer's from now on */
+    pass_on(request); /* the consumer owns it from now on */
   }
   pass_on(NULL);
   vorn_sem_enhance_up(&ended);
