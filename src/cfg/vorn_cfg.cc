@@ -117,7 +117,7 @@ void read_again(const char *path) {
     FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr, &source);
     if (file == nullptr || vorn_cfg_updateFileNode(file.get()) != 0) return;
     file.release();
-  } while (!is_named(path, source.get()));
+  } while (is_replaced(path, source.get()));
 }
 
 } // namespace vorn::cfg
@@ -142,7 +142,7 @@ int vorn_cfg_init_ex(const char *path) {
   register_file(std::move(file));
   // An edit that was under way may have replaced the file, and what is registered, since it was
   // read; one that has yet to replace the file sees that another content was registered.
-  if (!is_named(path, source.get())) read_again(path);
+  if (is_replaced(path, source.get())) read_again(path);
   return 0;
 }
 

@@ -70,8 +70,8 @@ private:
   WriteGuard hold_;
 };
 
-// Whether path names the open file.
-bool is_named(const char *path, int fd);
+// Whether path names another file than the open one, or none.
+bool is_replaced(const char *path, int fd);
 
 // The lock on the file that path names: editors of a file hold its exclusive flock(2). A rename may
 // take the path from the file while they wait for it, and a lock on a file that has no name any
