@@ -1,8 +1,8 @@
 # directive(FILE KEYWORD OUT): the words behind "// KEYWORD: " in a source, which tell the build what that
 # program is made of.
 function(directive file keyword out)
-  file(STRINGS ${file} lines REGEX "^// ${keyword}: " LIMIT_COUNT 1)
-  string(REGEX REPLACE "^// ${keyword}: +" "" words "${lines}")
+  file(STRINGS ${file} lines REGEX "^// ${keyword}: ")
+  string(REGEX REPLACE "(^|;)// ${keyword}: +" " " words "${lines}")
   separate_arguments(words)
   set(${out} ${words} PARENT_SCOPE)
 endfunction()
