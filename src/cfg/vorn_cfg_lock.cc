@@ -101,6 +101,7 @@ UniqueFd open_locked(const char *path, int flags, mode_t mode) {
     vorn_cfg_file_lock(fd.get());
     const Named named = names(path, fd.get());
     if (named == Named::kYes) return fd;
+    vorn_cfg_file_unlock(fd.get()); // which a close does not where a child has inherited it
     if (named == Named::kUnknown) return UniqueFd();
   }
 }
