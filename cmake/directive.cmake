@@ -2,8 +2,8 @@
 # program is made of.
 # SPDX-License-Identifier: Apache-2.0
 function(directive file keyword out)
-  file(STRINGS ${file} lines REGEX "^// ${keyword}: " LIMIT_COUNT 1)
-  string(REGEX REPLACE "^// ${keyword}: +" "" words "${lines}")
+  file(STRINGS ${file} lines REGEX "^// ${keyword}: ")
+  string(REGEX REPLACE "(^|;)// ${keyword}: +" " " words "${lines}")
   separate_arguments(words)
   set(${out} ${words} PARENT_SCOPE)
 endfunction()

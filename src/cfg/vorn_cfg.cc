@@ -121,7 +121,7 @@ void read_again(const char *path) {
     FileNode file = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, nullptr, &source);
     if (file == nullptr || vorn_cfg_updateFileNode(file.get()) != 0) return;
     file.release();
-  } while (!is_named(path, source.get()));
+  } while (is_replaced(path, source.get()));
 }
 
 } // namespace vorn::cfg
@@ -146,7 +146,7 @@ int vorn_cfg_init_ex(const char *path) {
   register_file(std::move(file));
   // A concurrent edit may have replaced the file and its registered content since the file was
   // read. An edit that has not yet replaced the file will notice this registration.
-  if (!is_named(path, source.get())) read_again(path);
+  if (is_replaced(path, source.get())) read_again(path);
   return 0;
 }
 

@@ -83,13 +83,29 @@ bool lock_file(int fd, int operation) {
   return sys::uninterrupted([=] { return flock(fd, operation); }) == 0;
 }
 
-// Returns an invalid descriptor, with errno, if path cannot be opened.
+enum class Named { kYes, kNo, kUnknown };
+
+// Returns whether path names the file of fd; kUnknown with errno if the system does not tell.
+Named names(const char *path, int fd) {
+  struct stat named;
+  struct stat opened;
+  if (fstat(fd, &opened) != 0) return Named::kUnknown;
+  if (vorn_stat(path, &named) != 0) return errno == ENOENT ? Named::kNo : Named::kUnknown;
+  const bool same = named.st_dev == opened.st_dev && named.st_ino == opened.st_ino;
+  return same ? Named::kYes : Named::kNo;
+}
+
+// Returns an invalid descriptor, with errno, if path cannot be opened, or the system does not tell
+// what it names.
 UniqueFd open_locked(const char *path, int flags, mode_t mode) {
   for (;;) {
     UniqueFd fd = open_file(path, flags, mode);
     if (!fd) return fd;
     vorn_cfg_file_lock(fd.get());
-    if (is_named(path, fd.get())) return fd;
+    const Named named = names(path, fd.get());
+    if (named == Named::kYes) return fd;
+    vorn_cfg_file_unlock(fd.get()); // a close does not unlock a file that a child has inherited
+    if (named == Named::kUnknown) return UniqueFd();
   }
 }
 
@@ -121,12 +137,7 @@ RegistryWriteGuard::RegistryWriteGuard() : hold_(announced(g_stCfgRwlock)) {
   waiting_writers.fetch_sub(1, std::memory_order_relaxed);
 }
 
-bool is_named(const char *path, int fd) {
-  struct stat named;
-  struct stat opened;
-  return vorn_stat(path, &named) == 0 && fstat(fd, &opened) == 0 && named.st_dev == opened.st_dev &&
-         named.st_ino == opened.st_ino;
-}
+bool is_replaced(const char *path, int fd) { return names(path, fd) == Named::kNo; }
 
 PathLock::PathLock(const char *path, int flags, mode_t mode)
     : own_(open_locked(path, flags, mode)), fd_(own_.get()) {}
@@ -134,7 +145,7 @@ PathLock::PathLock(const char *path, int flags, mode_t mode)
 // Releases a lock that protects nothing before it waits for another.
 PathLock::PathLock(const char *path, int fd) : fd_(fd) {
   vorn_cfg_file_lock(fd);
-  if (is_named(path, fd)) return;
+  if (names(path, fd) == Named::kYes) return;
   vorn_cfg_file_unlock(fd);
   own_ = open_locked(path, O_RDWR | O_NONBLOCK, 0);
   fd_ = own_.get();

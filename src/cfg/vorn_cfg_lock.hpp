@@ -72,8 +72,8 @@ private:
   WriteGuard hold_;
 };
 
-// Returns whether path names the open file.
-bool is_named(const char *path, int fd);
+// Returns whether path names another file than the open one, or none.
+bool is_replaced(const char *path, int fd);
 
 // The lock on the file that path names. Editors of a file hold its exclusive flock(2). A rename may
 // replace the file while an editor waits, and a lock on a file without a name excludes no other
