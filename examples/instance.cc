@@ -5,6 +5,7 @@
 //
 // The function that moves blocks needs no argument: it counts for the instance that its thread
 // works for. SPDX-License-Identifier: Apache-2.0
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>

@@ -4,10 +4,10 @@
 // test-wraps: pthread_condattr_setclock pthread_create pthread_getattr_np pthread_key_create
 // test-wraps: pthread_mutex_init pthread_setaffinity_np read readdir readlink rename setpriority
 // test-wraps: shm_open sigaction sigaltstack syscall sysconf unlink vfork waitpid write
-
-// Each allocation and each call of the system fails in turn, that one alone or with all of its
-// function that follow. The result is an ordinary one, nothing is left behind, and the same
+// Tests that each allocation and each call of the system may fail: the n-th call of a function
+// fails, alone or with all later ones. The result is an ordinary error, nothing leaks, and the same
 // operation succeeds next.
+// SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -24,11 +24,13 @@
 #include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 #include "vorn.h"
 
 namespace {
 
-// Of the first so many calls of a function each is made to fail, of the others one in so many.
+// Each of the first calls of a function fails, up to this number; of the later ones, one in so
+// many.
 #ifdef __SANITIZE_THREAD__
 constexpr int kThorough = 1; // start takes minutes
 #elif defined(VORN_TEST_EMULATED) || defined(__SANITIZE_ADDRESS__)
@@ -53,9 +55,9 @@ struct Fault {
 };
 Fault fault;
 std::atomic<bool> armed{false};
-std::atomic<int> blocks{0}; // that the library holds
+std::atomic<int> blocks{0}; // that the library has allocated
 
-// What a process holds.
+// The resources of a process.
 struct Held {
   int descriptors, threads, mappings, blocks; // mappings of files
   bool within(const Held &most) const {
@@ -113,7 +115,7 @@ char *__wrap___cxa_demangle(const char *name, char *to, size_t *size, int *statu
   return text;
 }
 
-// Another process rather than a borrowed frame, which a wrapping function would return from.
+// Uses fork(2): a child of vfork(2) must not return from the wrapping function.
 pid_t __wrap_vfork() { return fails(a_vfork, EAGAIN) ? -1 : fork(); }
 
 // All others take at most seven words, and return one.
@@ -162,7 +164,7 @@ WRAP(pthread_condattr_setclock, EAGAIN, 0)
 WRAP(pthread_getattr_np, EAGAIN, 0)
 WRAP(pthread_setaffinity_np, EAGAIN, 0)
 WRAP(pthread_attr_setdetachstate, EAGAIN, 0)
-// As where the process ignores SIGCHLD: the child is gone, and its status with it.
+// As if the process ignored SIGCHLD: the child is gone, and its status is lost.
 WRAP(waitpid, (__real_waitpid(a, b, c, d, e, f, g), errno = ECHILD, -1), 0)
 }
 
@@ -182,19 +184,13 @@ Held held_now() {
   return {entries("/proc/self/fd"), entries("/proc/self/task"), mappings, blocks};
 }
 
-template <class Condition> bool soon(Condition condition) {
-  for (int i = 0; i < 10000 && !condition(); ++i)
-    usleep(1000);
-  return condition();
-}
-
 // An emulator has a thread of its own, a sanitizer from the first thread on.
 int least_tasks() {
   std::thread([] {}).join();
   return entries("/proc/self/task");
 }
 
-// --- The operations: each is whole, and true where it succeeds ---
+// --- The operations: each returns whether it succeeded ---
 
 bool read_symbols() {
   vorn_symbol_fini();
@@ -203,7 +199,7 @@ bool read_symbols() {
 
 std::string ini;
 
-// Each edit leaves the file as it was or as it is to be.
+// After each edit, the file is as before or as wanted.
 bool edit() {
   std::string before = "[s]\nk=1\n[t]\nl=2\n";
   scratch::write_file(ini, before);
@@ -257,7 +253,8 @@ bool create_threads() {
   return true;
 }
 
-// So many threads at once, before anything fails: the thread records of their slots stay.
+// Runs count threads at the same time, before anything fails: the records of their slots stay
+// allocated.
 bool use_slots(intptr_t count) {
   armed = false;
   const int before = least_tasks();
@@ -273,7 +270,7 @@ bool use_slots(intptr_t count) {
   return armed;
 }
 
-// Of as many threads as there can be.
+// Creates a pool with as many threads as can start.
 bool create_pool() {
   [[maybe_unused]] static const bool used = use_slots(16);
   static bool created = false;
@@ -311,9 +308,9 @@ bool make_instance() {
 
 struct Path {
   const char *name;
-  int (*prepare)(); // what is done before, once
+  int (*prepare)(); // called once before
   bool (*run)();
-  bool lasting; // whether faults that last are tried too
+  bool lasting; // whether lasting faults are tried too
 };
 
 constexpr Path kPaths[] = {
@@ -334,7 +331,7 @@ int fail(const char *why) {
   return 1;
 }
 
-// In a child: the operation with the fault, then without.
+// Called in a child: runs the operation with the fault, then without it.
 int try_once(const Path &path, const Held &most) {
   armed = true;
   const bool worked = path.run();
@@ -343,18 +340,19 @@ int try_once(const Path &path, const Held &most) {
   if (!worked && report.failures == 0) return fail("fails by itself");
   if (!worked && silent) return fail("fails without a log message");
   if (!path.run()) return fail("does not work afterwards");
-  if (fault.function == nullptr) sleep(2); // for what other threads do
+  if (fault.function == nullptr) sleep(2); // until other threads are done
   soon([&] { return held_now().within(most); });
   report.held = held_now();
-  // vorn_popen leaves its end of the pipe open where it can make no stream of it.
+  // If vorn_popen cannot make a stream, it leaves its end of the pipe open.
   if (fault.function == &a_fdopen) report.held.descriptors -= report.failures;
   return 0;
 }
 
-// The exit code of a child, 1 after a minute: SIGALRM would but dump its stack.
+// Returns the exit code of a child, or 1 after a minute. Does not use SIGALRM, whose handler only
+// dumps the stack.
 int run_child(const Path &path, const Held &most) {
   for (const auto &object : fs::directory_iterator("/dev/shm"))
-    fs::remove(object); // it is the first process of the machine
+    fs::remove(object); // the child is the first process of the machine
   new (&report) Report{};
   const pid_t child = fork();
   if (child == 0) _exit(try_once(path, most));
