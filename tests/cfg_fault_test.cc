@@ -1,6 +1,7 @@
 // test-wraps: vorn_mallocsubstandard vorn_freesub fsync rename read write
 // Tests that edits leak nothing, and leave whole files, if the system fails or a thread is
-// cancelled. SPDX-License-Identifier: Apache-2.0
+// cancelled.
+// SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
 #include <algorithm>
