@@ -9,7 +9,7 @@ namespace vornsim {
 
 // One word, so that a thread that asks meanwhile sees all of a rule or nothing of it. Zeros are no
 // rule.
-struct Rule {
+struct alignas(std::uint64_t) Rule {
   enum Kind : std::uint32_t { kNone, kError, kAnswer };
   static constexpr std::uint32_t kMaxCall = (1u << 30) - 1;
 

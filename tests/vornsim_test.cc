@@ -1,6 +1,5 @@
 // test-links: vornsim
-//
-// The stand-in for the kernel module: what it answers to each operation, and what it is told to.
+// Tests the stand-in for the kernel module: its answers, and those that a test dictates.
 // SPDX-License-Identifier: Apache-2.0
 #include "vornsim.h"
 
@@ -16,6 +15,7 @@
 #include <unistd.h>
 
 #include "support/log_capture.hpp"
+#include "support/scratch.hpp"
 #include "vorn_cpu.h"
 #include "vorn_cpufreq.h"
 #include "vorn_sched.h"
@@ -39,8 +39,8 @@ int64_t ticks = 9;
 unsigned int unknown_thread = 1u << 30;
 vornsim_cpu_task_info_s info;
 
-// An operation, arguments that it takes, its answer to them, and others with the errno that they
-// are refused with; 0 where it refuses nothing.
+// An operation, valid arguments and the answer to them, and invalid arguments and their errno,
+// which is 0 if it refuses nothing.
 struct Row {
   unsigned int operation;
   std::array<const void *, 3> good;
@@ -169,6 +169,8 @@ TEST(StandIn, KeepsWhatItIsGiven) {
   EXPECT_NEAR(seconds, time(nullptr) + 1000000, 100);
   EXPECT_EQ(vorn_time_getdsttime(&number, &number), 0);
   EXPECT_EQ(number, 19800);
+  EXPECT_EQ(ask(0x101, {value(0), &seconds}), 0);
+  EXPECT_EQ(seconds, 19800);
 }
 
 TEST(StandIn, ShowsThreadsAndTheirStacks) {
@@ -189,6 +191,7 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
     std::this_thread::yield();
   usleep(50000);
 
+  const int descriptor = scratch::next_descriptor();
   CaptureStderr();
   EXPECT_EQ(vorn_get_cpu_task_info(static_cast<unsigned int>(cpu), &info), 0);
   vorn_thrd_getstatus(sleeper);
@@ -196,23 +199,25 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
   EXPECT_EQ(vorn_thrd_dump_thread_stack_if_not_running(tid, 0), -1);
   EXPECT_EQ(errno, EBUSY);
   EXPECT_EQ(vorn_thrd_dump_cpu_stack(static_cast<unsigned int>(cpu), 0), 0);
-  std::thread([] { // no cancellation point, though /proc is read
+  std::thread([] { // reads /proc, but is not a cancellation point
     pthread_cancel(pthread_self());
-    EXPECT_EQ(vorn_thread_dump_thread_stack(0, 0), 0);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+    EXPECT_EQ(ask(0x500, {}), 0);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
   })
       .join();
   EXPECT_EQ(vorn_tty_printoff(0, 0), 0);
   EXPECT_EQ(vorn_thrd_dump_cpu_stack_knl(static_cast<unsigned int>(cpu), 0), 0);
   EXPECT_EQ(vorn_tty_printon(0, 0), 0);
   const std::string text = GetCapturedStderr();
+  EXPECT_EQ(scratch::next_descriptor(), descriptor);
   done = true;
   done.notify_all();
   thread.join();
 
   EXPECT_EQ(info.cpu, static_cast<unsigned int>(cpu));
   EXPECT_EQ(info.tid, static_cast<int>(tid));
-  const std::string shown = std::to_string(sleeper) + " (a) sleeper (): state S, CPU ";
+  const std::string shown =
+      std::to_string(sleeper) + " (a) sleeper (): state S, CPU " + std::to_string(cpu) + "\n";
   EXPECT_NE(text.find("vornsim: thread " + shown), text.npos) << text;
   const std::string own = "vornsim: stack of thread " + std::to_string(tid) + " (";
   EXPECT_NE(text.find(own), text.npos) << text;
@@ -237,6 +242,19 @@ TEST(StandIn, WaitsUntilItIsWokenOrTheTimeIsOver) {
   waits = 1;
   vornsim_fail_call(VORN_SYSCALL_WAIT, 1, EIO);
   EXPECT_EQ(vorn_wait_comm(&waits, 250000), 0u); // at once
+
+  const int64_t none = 0;
+  EXPECT_EQ(ask(0x800, {&nothing, &none, &size}), 1);
+  EXPECT_EQ(size, 1u);
+  EXPECT_EQ(ask(0x800, {reinterpret_cast<char *>(&waits) + 1, &none, &size}), -1);
+  EXPECT_EQ(errno, EINVAL);
+  std::thread signaller([&] {
+    usleep(20000);
+    EXPECT_EQ(vorn_wake_up_process(tid), 0);
+  });
+  const int64_t five_seconds = 5 * 250;
+  EXPECT_EQ(ask(0x800, {&waits, &five_seconds, &size}), 1); // a signal ends it
+  signaller.join();
 }
 
 } // namespace
