@@ -191,25 +191,27 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
     std::this_thread::yield();
   usleep(50000);
 
-  const int descriptor = scratch::next_descriptor();
+  bool survived = false;
   CaptureStderr();
+  const int descriptor = scratch::next_descriptor();
   EXPECT_EQ(vorn_get_cpu_task_info(static_cast<unsigned int>(cpu), &info), 0);
   vorn_thrd_getstatus(sleeper);
   EXPECT_EQ(vorn_thrd_dump_thread_stack_if_not_running(sleeper, 0), 0);
   EXPECT_EQ(vorn_thrd_dump_thread_stack_if_not_running(tid, 0), -1);
   EXPECT_EQ(errno, EBUSY);
   EXPECT_EQ(vorn_thrd_dump_cpu_stack(static_cast<unsigned int>(cpu), 0), 0);
-  std::thread([] { // reads /proc, but is not a cancellation point
+  std::thread([&] { // reads /proc, but is not a cancellation point
     pthread_cancel(pthread_self());
     EXPECT_EQ(ask(0x500, {}), 0);
+    survived = true;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
   })
       .join();
   EXPECT_EQ(vorn_tty_printoff(0, 0), 0);
   EXPECT_EQ(vorn_thrd_dump_cpu_stack_knl(static_cast<unsigned int>(cpu), 0), 0);
   EXPECT_EQ(vorn_tty_printon(0, 0), 0);
-  const std::string text = GetCapturedStderr();
   EXPECT_EQ(scratch::next_descriptor(), descriptor);
+  const std::string text = GetCapturedStderr();
   done = true;
   done.notify_all();
   thread.join();
@@ -221,6 +223,7 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
   EXPECT_NE(text.find("vornsim: thread " + shown), text.npos) << text;
   const std::string own = "vornsim: stack of thread " + std::to_string(tid) + " (";
   EXPECT_NE(text.find(own), text.npos) << text;
+  EXPECT_TRUE(survived);
   EXPECT_EQ(text.find(own), text.rfind(own)) << "printing was off";
   EXPECT_NO_RECORD();
 }
