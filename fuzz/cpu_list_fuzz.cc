@@ -18,11 +18,12 @@ using Set = std::bitset<kCpus>;
 
 const char *skip_blanks(const char *at) { return at + std::strspn(at, " \t\n\v\f\r"); }
 
-// Moves at beyond a number; false where there is none.
+// Moves at beyond a number, which may have a plus sign. Returns false if there is none.
 bool take(const char *&at, unsigned long &number) {
-  if (*at < '0' || *at > '9') return false;
+  const char *digits = *at == '+' ? at + 1 : at;
+  if (*digits < '0' || *digits > '9') return false;
   char *end = nullptr;
-  number = std::min<unsigned long>(std::strtoul(at, &end, 10), UINT_MAX);
+  number = std::min<unsigned long>(std::strtoul(digits, &end, 10), UINT_MAX);
   at = end;
   return true;
 }

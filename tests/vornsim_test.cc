@@ -200,7 +200,8 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
   EXPECT_EQ(vorn_thrd_dump_thread_stack_if_not_running(tid, 0), -1);
   EXPECT_EQ(errno, EBUSY);
   EXPECT_EQ(vorn_thrd_dump_cpu_stack(static_cast<unsigned int>(cpu), 0), 0);
-  std::thread([&] { // reads /proc, but is not a cancellation point
+  EXPECT_EQ(vorn_thrd_dump_cpu_stack(1023, 0), 0); // looks at every thread
+  std::thread([&] {                                // reads /proc, but is not a cancellation point
     pthread_cancel(pthread_self());
     EXPECT_EQ(ask(0x500, {}), 0);
     survived = true;
