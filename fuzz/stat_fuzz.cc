@@ -31,9 +31,10 @@ bool take_slot(std::istringstream &line, Slot &slot) {
 
 void sample(Slot &slot, const Slot &now) {
   const std::uint64_t elapsed = now.total - slot.total;
-  if (elapsed == 0) return;
   const std::uint64_t busy = elapsed - (now.idle - slot.idle);
-  slot = {now.idle, now.total, static_cast<std::uint32_t>(busy * 100 / elapsed)};
+  if (elapsed != 0) slot.percent = static_cast<std::uint32_t>(busy * 100 / elapsed);
+  slot.idle = now.idle;
+  slot.total = now.total;
 }
 
 } // namespace
@@ -73,6 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
     if (is_sound && cpu < present) sample(wanted[number == 0 ? 0 : cpu + 1], now);
   }
   for (std::uint32_t slot = 0; slot <= present; ++slot)
-    expect(percent[slot] == wanted[slot].percent && total[slot] == wanted[slot].total);
+    expect(percent[slot] == wanted[slot].percent && total[slot] == wanted[slot].total &&
+           idle[slot] == wanted[slot].idle);
   return 0;
 }
