@@ -11,10 +11,10 @@
 namespace scrub {
 
 // Not atomic: of a pipeline's threads, only the caller's writes log messages.
-inline std::uint64_t log_records_written = 0;
+inline std::uint64_t log_messages_written = 0;
 
-inline void count_log_record(int result) {
-  if (result == 0) ++log_records_written;
+inline void count_log_message(int result) {
+  if (result == 0) ++log_messages_written;
 }
 
 } // namespace scrub
@@ -23,7 +23,7 @@ inline void count_log_record(int result) {
 #define SCRUB_LOG(level, ...)                                                                      \
   (evlog_level_check(::scrub::kModule, (level)) != 0                                               \
        ? (void)0                                                                                   \
-       : ::scrub::count_log_record(                                                                \
+       : ::scrub::count_log_message(                                                               \
              evlog(::scrub::kModule, (level), __FILE_NAME__, __LINE__, __func__, 0, __VA_ARGS__)))
 
 #endif
