@@ -52,6 +52,9 @@ void print_nodes() {
   std::putchar('\n');
 }
 
+// Returns the quotient, rounded to the nearest whole number.
+std::uint64_t mean(std::uint64_t sum, std::uint64_t count) { return (sum + count / 2) / count; }
+
 } // namespace
 
 void CpuUsage::sample() {
@@ -68,9 +71,11 @@ void CpuUsage::print() {
   const std::lock_guard hold(mutex_);
   if (sums_.empty()) return;
   const std::uint64_t sum = std::accumulate(sums_.begin(), sums_.end(), std::uint64_t{0});
-  std::printf("  busy      %s %% of the CPUs:", grouped(sum / samples_ / sums_.size()).c_str());
+  std::printf("  busy      %s %% of the CPUs:",
+              grouped(mean(sum, samples_ * sums_.size())).c_str());
   for (std::size_t cpu = 0; cpu < sums_.size(); ++cpu)
-    std::printf("%s %zu: %s %%", cpu == 0 ? "" : ",", cpu, grouped(sums_[cpu] / samples_).c_str());
+    std::printf("%s %zu: %s %%", cpu == 0 ? "" : ",", cpu,
+                grouped(mean(sums_[cpu], samples_)).c_str());
   std::putchar('\n');
 }
 
