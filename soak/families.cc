@@ -1,4 +1,4 @@
-// One function for each family, which leaves nothing behind when it returns.
+// Defines one function for each family; it releases all its resources before it returns.
 // SPDX-License-Identifier: Apache-2.0
 #include "families.hpp"
 

@@ -1,4 +1,4 @@
-// The uses of the library that the soak repeats.
+// Declares the uses of the library that the soak repeats.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SOAK_FAMILIES_HPP
 #define VORN_SOAK_FAMILIES_HPP
@@ -9,7 +9,7 @@
 
 struct Family {
   const char *name;
-  bool (*use)(); // once; false: the library did not do as it says
+  bool (*use)(); // once; returns false if a result was wrong
   std::atomic<unsigned long> uses{0};
 };
 

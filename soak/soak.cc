@@ -125,7 +125,8 @@ bool start(const std::string &ini, const std::string &log) {
 }
 
 int run(seconds duration, const char *only) {
-  scratch::cover_directory("/dev/shm"); // its CPU figures are nobody else's, where that may be
+  scratch::cover_directory(
+      "/dev/shm"); // keeps the CPU figures private, if private mounts are permitted
   const scratch::Directory directory;
   if (!start(directory / "soak.ini", directory.path())) {
     std::puts("FAILED: the library does not start");
@@ -165,6 +166,6 @@ int main(int argc, char **argv) {
   }
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   const int result = run(seconds(duration), argc == 3 ? argv[2] : nullptr);
-  std::puts(result == 0 ? "Nothing stayed behind." : "The soak failed.");
+  std::puts(result == 0 ? "No resource has leaked." : "The soak failed.");
   return result;
 }
