@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "evlog.h"
 
-#include "base/cancellation_off.hpp"
-#include "base/kept_errno.hpp"
+#include "base/cancellation_guard.hpp"
+#include "base/errno_guard.hpp"
 #include "console.hpp"
 #include "message.hpp"
 #include "modules.hpp"
@@ -17,7 +17,7 @@ namespace {
 
 void report_rate_limit(unsigned int module, unsigned long dropped, const Place &place) {
   if (dropped == 0) return;
-  const vorn::KeptErrno errno_stays; // the message that follows may show it
+  const vorn::ErrnoGuard errno_stays; // the message that follows may show it
   write_message(module, EVLOG_WARNING, place,
                 "%lu log messages of group %d were dropped by the rate limit.", dropped,
                 group_of(module));
@@ -39,13 +39,13 @@ void report_console(Report report) {
 using namespace logging;
 
 int evlog_init(const char *program, const char *directory) {
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   return open_log_file(program, directory);
 }
 
 int evlog_destroy() {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   report_console(Report::kFinal);
   close_log_file();
   return 0;
@@ -57,8 +57,8 @@ int evlog_level_check(unsigned int module, int level) {
 
 int evlog(unsigned int module, int level, const char *file, unsigned int line, const char *function,
           unsigned int, const char *format, ...) {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   unsigned long dropped;
   if (!admit_message(group_of(module), &dropped)) return 1;
   report_rate_limit(module, dropped, {"evlog.c", __LINE__, __func__});
@@ -92,8 +92,8 @@ int evlog_loglevel_set(unsigned int module, int level) {
 }
 
 int evlog_ratelimit_set(int group, unsigned int burst, unsigned int interval_ms) {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   unsigned long dropped;
   if (!set_rate_limit(group, burst, interval_ms, &dropped)) return -1;
   report_rate_limit(first_module_of(group), dropped, {"evlog.c", __LINE__, __func__});

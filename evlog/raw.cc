@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "base/cancellation_off.hpp"
-#include "base/kept_errno.hpp"
+#include "base/cancellation_guard.hpp"
+#include "base/errno_guard.hpp"
 #include "console.hpp"
 #include "output.hpp"
 
@@ -24,8 +24,8 @@ constexpr std::size_t kRawBytes = 1023;
 // for %m: evlog.h excludes these. Were one to come nevertheless, the risk is an interrupted malloc
 // or setlocale, and only in a signal handler.
 int write_raw(LineEnd end, const char *format, std::va_list args) {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   if (format == nullptr) return -1;
   char buffer[kRawBytes + 1]; // the NUL's place takes the newline
   const int wanted = vsnprintf(buffer, sizeof buffer, format, args);

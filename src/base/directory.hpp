@@ -6,13 +6,13 @@
 #include <dirent.h>
 #include <memory>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 
 namespace vorn {
 
 struct CloseDirectory {
   void operator()(DIR *directory) const {
-    const CancellationOff off;
+    const CancellationGuard off;
     closedir(directory);
   }
 };

@@ -20,7 +20,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include "base/kept_errno.hpp"
+#include "base/errno_guard.hpp"
 
 namespace vorn {
 namespace {
@@ -52,7 +52,7 @@ bool can_read(std::uintptr_t from, std::size_t size) {
 } // namespace
 
 bool copy_foreign(std::uintptr_t from, void *to, std::size_t size) {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   if (size == 0) return true;
   if (from > UINTPTR_MAX - kPage - size)
     return false; // memory of the kernel; also, no sum below overflows

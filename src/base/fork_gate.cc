@@ -25,7 +25,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "base/kept_errno.hpp"
+#include "base/errno_guard.hpp"
 
 namespace vorn {
 namespace {
@@ -65,7 +65,7 @@ std::int64_t milliseconds_now() {
 }
 
 void close_gate() {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   ++t_forking; // from before the gate closes until after it opens
   closed.fetch_add(1, std::memory_order_seq_cst);
   const std::int64_t end = milliseconds_now() + kPatienceMilliseconds;
@@ -77,13 +77,13 @@ void close_gate() {
 }
 
 void open_in_parent() {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   if (closed.fetch_sub(1, std::memory_order_release) == 1) wake_all(closed);
   --t_forking;
 }
 
 void open_in_child() {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   inside.store(own_count(), std::memory_order_relaxed);
   closed.store(t_forking - 1, std::memory_order_relaxed);
   --t_forking;
@@ -100,7 +100,7 @@ void enter_fork_gate() {
   if (t_depth++ != 0) return;
   inside.fetch_add(1, std::memory_order_seq_cst);
   while (closed.load(std::memory_order_seq_cst) != 0 && t_forking == 0) {
-    const KeptErrno errno_stays;
+    const ErrnoGuard errno_stays;
     step_out();
     for (std::uint32_t seen = 0; (seen = closed.load(std::memory_order_acquire)) != 0;)
       wait_for_change(closed, seen);
@@ -110,7 +110,7 @@ void enter_fork_gate() {
 
 void leave_fork_gate() {
   if (--t_depth != 0) return;
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   step_out();
 }
 

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 
-#include "base/cancellation_off.hpp"
-#include "base/kept_errno.hpp"
+#include "base/cancellation_guard.hpp"
+#include "base/errno_guard.hpp"
 #include "evlog.h"
 #include "vorn_api.h"
 
@@ -45,15 +45,15 @@ consteval SourceName source_name(const char *path) {
 // cancellation inside the library, since the caller may hold a lock.
 class LogCall {
 public:
-  void after(int) const { errno_.put_back(); }
+  void after(int) const { errno_.restore(); }
 
 private:
-  CancellationOff off_;
-  KeptErrno errno_;
+  CancellationGuard off_;
+  ErrnoGuard errno_;
 };
 
 inline bool log_wanted(int level) {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   return ::evlog_level_check(kModuleId, level) == 0;
 }
 

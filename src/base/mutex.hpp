@@ -7,7 +7,7 @@
 
 #include <pthread.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 
 namespace vorn {
@@ -58,7 +58,7 @@ public:
   ~MutexGuard() { mutex_.unlock(); }
 
 private:
-  const CancellationOff off_; // from before the lock until after the unlock
+  const CancellationGuard off_; // from before the lock until after the unlock
   AnyMutex &mutex_;
 };
 

@@ -24,7 +24,7 @@ std::uint32_t take_report(RateLimit &site, std::uint64_t now) {
 } // namespace
 
 bool rate_limit_admit(RateLimit &site, std::uint32_t *report) {
-  const KeptErrno errno_stays; // reading jiffies may start their module
+  const ErrnoGuard errno_stays; // reading jiffies may start their module
   const std::uint64_t now = vorn_get_jiffies();
   const std::uint32_t printed = site.printed.load(kRelaxed);
   if (is_before(now, site.interval_start.load(kRelaxed) + kRateLimitInterval)) {

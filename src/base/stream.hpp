@@ -6,13 +6,13 @@
 #include <cstdio>
 #include <memory>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 
 namespace vorn {
 
 struct CloseStream {
   void operator()(std::FILE *stream) const {
-    const CancellationOff off;
+    const CancellationGuard off;
     std::fclose(stream);
   }
 };

@@ -12,14 +12,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/timespec.hpp"
 
 namespace vorn::sys {
 namespace {
 
 template <class Call> auto uncancelled(Call call) {
-  const CancellationOff off;
+  const CancellationGuard off;
   return call();
 }
 
@@ -173,7 +173,7 @@ pid_t wait_for_child(pid_t child, int *status) {
 }
 
 int join(pthread_t thread) {
-  const CancellationOff off;
+  const CancellationGuard off;
   return pthread_join(thread, nullptr);
 }
 

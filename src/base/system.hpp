@@ -21,7 +21,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/directory.hpp"
 #include "base/stream.hpp"
 #include "base/unique_fd.hpp"
@@ -30,7 +30,7 @@ namespace vorn::sys {
 
 // Makes any other call: not a cancellation point, and repeated after a signal.
 template <class Call> auto uninterrupted(Call call) {
-  const CancellationOff off;
+  const CancellationGuard off;
   auto result = call();
   while (result < 0 && errno == EINTR)
     result = call();

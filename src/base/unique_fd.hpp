@@ -6,7 +6,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 
 namespace vorn {
 
@@ -20,7 +20,7 @@ public:
   }
   ~UniqueFd() {
     if (fd_ < 0) return;
-    const CancellationOff off;
+    const CancellationGuard off;
     close(fd_);
   }
 

@@ -7,7 +7,7 @@
 #include <sys/types.h>
 #include <utility>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_rwlock.h"
 
@@ -57,7 +57,7 @@ public:
   void release() { hold_.release(); }
 
 private:
-  const CancellationOff off_;
+  const CancellationGuard off_;
   ReadGuard hold_;
 };
 
@@ -68,7 +68,7 @@ public:
   void release() { hold_.release(); }
 
 private:
-  const CancellationOff off_;
+  const CancellationGuard off_;
   WriteGuard hold_;
 };
 
@@ -94,7 +94,7 @@ public:
   int fd() const { return fd_; }
 
 private:
-  const CancellationOff off_;
+  const CancellationGuard off_;
   UniqueFd own_;
   int fd_;
 };

@@ -13,6 +13,7 @@
 #include "base/log.hpp"
 #include "base/unique_fd.hpp"
 #include "cfg/vorn_cfg_io.hpp"
+#include "cfg/vorn_cfg_limits.hpp"
 #include "cfg/vorn_cfg_lines.hpp"
 #include "cfg/vorn_cfg_text.hpp"
 #include "list/vorn_list.hpp"

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/log.hpp"
+#include "vorn_cfg.h"
 
 namespace vorn::cfg {
 namespace {

@@ -2,10 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_xml.h"
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 
 mxml_node_t *vorn_xml_loadfd(mxml_node_t *top, int fd, mxml_load_cb_t cb) {
-  const vorn::CancellationOff off; // the tree would be lost
+  const vorn::CancellationGuard off; // the tree would be lost
   return mxmlLoadFd(top, fd, cb);
 }
 

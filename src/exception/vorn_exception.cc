@@ -5,7 +5,7 @@
 #include <atomic>
 #include <mutex>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "lock/spin_guard.hpp"
@@ -62,7 +62,7 @@ int vorn_exception_call_chain(unsigned long action, void *siginfo, void *regs, u
   vorn_exception_data_s data{regs, siginfo, arg4, arg5, arg6};
   int result = 0;
   {
-    const vorn::CancellationOff off;
+    const vorn::CancellationGuard off;
     const vorn::lock::SpinGuard hold{chain.lock, std::try_to_lock};
     if (!hold) {
       VORN_LOG(kInfo, "Exception notifier %s call end: trylock fail, owner=%lu.", chain.name,

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "base/kept_errno.hpp"
+#include "base/errno_guard.hpp"
 #include "vorn_cmd.h"
 #include "vorn_fileops.h"
 
@@ -19,7 +19,7 @@ FirstLine first_line(const char *command, const char *whitelist, char *line, int
   errno = 0;
   // fgets would take an interruption for the end
   const char *read = vorn_readline(fileno(stream), line, size);
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   vorn_pclose(stream);
   return read == nullptr ? FirstLine::kNone : FirstLine::kRead;
 }

@@ -170,7 +170,7 @@ int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback) {
   if (socket < 0) return -2;
   if (id < 1) return -7;
   if (callback == nullptr) return -3;
-  const vorn::CancellationOff off; // in the callback too: the listener is on this stack
+  const vorn::CancellationGuard off; // in the callback too: the listener is on this stack
   Listener listener(socket, id);
   if (!listener.is_bound()) return -4;
   if (!listener.is_ready()) return -5;

@@ -1,3 +1,4 @@
+// Starts and stops the library: runs the start-up steps in the order of their dependencies.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_init.h"
 

@@ -1,11 +1,12 @@
+// Passes the calls that set up the log to the logging library.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_log.h"
 
-#include "arch/forward.hpp"
+#include "arch/forward_call.hpp"
 #include "evlog.h"
 
-// The signatures of these four belong to the logging library, which a node may replace: nothing
-// that is written in C++ would pass on arguments it does not know.
+// The logging library, which a node may replace, defines the parameters of these four functions. A
+// C++ function can pass on only the parameters that it knows.
 VORN_FORWARD(vorn_log_init, evlog_init);
 VORN_FORWARD(vorn_log_destroy, evlog_destroy);
 VORN_FORWARD(vorn_log_level_set, evlog_loglevel_set);

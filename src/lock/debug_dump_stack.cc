@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/frame_walk.hpp"
 #include "base/thread_id.hpp"
 #include "evlog.h"
@@ -53,7 +53,7 @@ void debug_dump_stack(unsigned int skip) {
   const Place first{walk.next()};
   const Place second{walk.next()};
   const Place third{walk.next()};
-  const vorn::CancellationOff off; // the caller may hold a lock
+  const vorn::CancellationGuard off; // the caller may hold a lock
   evlog_original("current tid:%d, stack:%p(%s) << %p(%s) << %p(%s).",
                  static_cast<int>(vorn::thread_id()), first.address(), first.name(),
                  second.address(), second.name(), third.address(), third.name());

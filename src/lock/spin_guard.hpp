@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "vorn_spinlock.h"
 
@@ -58,7 +58,7 @@ private:
     ~Gate() { leave_fork_gate(); }
   };
 
-  const CancellationOff off_;
+  const CancellationGuard off_;
   const Gate gate_;
   const SpinGuard lock_;
 };

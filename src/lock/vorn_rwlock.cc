@@ -27,7 +27,7 @@
 
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "vorn_sched.h"
 
 static_assert(offsetof(vorn_rwlock_s, word) == 0);
@@ -75,7 +75,7 @@ template <class Attempt> bool succeeds_in_a_round(Attempt attempt) {
 
 template <class Attempt> void sleep_until(Attempt attempt) {
   while (!succeeds_in_a_round(attempt)) {
-    const CancellationOff off; // the caller may hold other locks
+    const CancellationGuard off; // the caller may hold other locks
     vorn_usleep(kSleepMicroseconds);
   }
 }

@@ -23,7 +23,7 @@
 
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/timespec.hpp"
 #include "vorn_sched.h"
 #include "vorn_time.h"
@@ -83,7 +83,7 @@ bool spin(Word word) {
 // lock operation, and so begins with the caller that wants the lock.
 [[gnu::noinline]] bool spin_or_yield(Word word) {
   if (spin(word)) return true;
-  const CancellationOff off; // the caller may hold other locks, or have its stack in a list
+  const CancellationGuard off; // the caller may hold other locks, or have its stack in a list
   if ((flags.load(std::memory_order_relaxed) & VORN_SPINLOCK_DUMP_STACK) != 0) debug_dump_stack(2);
   vorn_schedule();
   return false;

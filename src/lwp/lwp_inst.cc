@@ -35,7 +35,7 @@
 #include <cstring>
 
 #include "base/bounded.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
@@ -396,7 +396,7 @@ int LwpInstModuleInit() {
 }
 
 uint64_t LwpInstNew(const char *name, void *, lwp_entry_f entry, void *arg) {
-  const vorn::CancellationOff off; // until the instance is complete
+  const vorn::CancellationGuard off; // until the instance is complete
   lwp_inst_s *inst = claim_slot();
   if (inst == nullptr) return LWP_NONE;
   const uint64_t id = id_of(*inst);
@@ -436,7 +436,7 @@ int LwpInstForEachNormal(int (*fn)(uint64_t id, void *arg), void *arg, uint32_t 
     VORN_LOG(kInfo, "Invalid param func is null");
     return -1;
   }
-  const vorn::CancellationOff off; // while this holds the references
+  const vorn::CancellationGuard off; // while this holds the references
   for (uint32_t at = 0; at < instance_count(); ++at) {
     lwp_inst_s &inst = instances.slots[at];
     while (must_wait(inst, waitMask))
@@ -466,7 +466,7 @@ int LwpInstDelete(uint64_t id, int32_t timeoutMs) {
              ShownName(*inst).c_str(), id);
     return -1;
   }
-  const vorn::CancellationOff off; // until the instance is deleted or a zombie
+  const vorn::CancellationGuard off; // until the instance is deleted or a zombie
   const uint64_t start = vorn_time_getmillisec();
   if (!claim(*inst, id)) return -1;
   const int result = wait_until_unused(*inst, id, start, timeoutMs);

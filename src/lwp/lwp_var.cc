@@ -18,7 +18,7 @@
 #include <cstring>
 #include <utility>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "lock/spin_guard.hpp"
 #include "vorn_sched.h"
@@ -124,7 +124,7 @@ int construct(std::uint64_t id, std::uint32_t from, std::uint32_t to) {
 }
 
 int construct_missing(lwp_inst_s &inst, std::uint64_t id) {
-  const CancellationOff off;
+  const CancellationGuard off;
   const Busy hold{inst};
   for (;;) {
     const std::uint32_t from = constructed(inst);

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "base/atomic_word.hpp"
-#include "base/kept_errno.hpp"
+#include "base/errno_guard.hpp"
 #include "base/kernel_request.hpp"
 #include "base/once.hpp"
 
@@ -21,7 +21,7 @@ constinit std::uint64_t *found_table = nullptr;
 
 // A successful allocation and a free keep errno, even if no kernel module answers.
 std::uint64_t *ask_for_table() {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   std::uint64_t address = 0;
   if (kernel_request(VORN_SYSCALL_MEM_STAT, &address) != 0) return nullptr;
   return reinterpret_cast<std::uint64_t *>(address);

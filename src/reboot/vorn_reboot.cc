@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "base/bounded.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
 
@@ -20,7 +20,7 @@ constexpr std::size_t kPanicTextSize = 256;
 using namespace vorn::reboot;
 
 int printk(const char *format, ...) {
-  const vorn::CancellationOff off; // the node's logging library may have cancellation points
+  const vorn::CancellationGuard off; // the node's logging library may have cancellation points
   va_list args;
   va_start(args, format);
   const int result = evlog_vraw(format, args);
@@ -29,7 +29,7 @@ int printk(const char *format, ...) {
 }
 
 void vorn_Reboot(unsigned long reason, int mid, const char *text) {
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   unsigned long first_byte = VORN_SYSCALL_UNUSED;
   if (text != nullptr) {
     evlog_original("Usrspace reboot: reason:%lu, mid:%d, %s.", reason, mid, text);

@@ -4,7 +4,7 @@
 
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "schedwork/vorn_sched_work.hpp"
 #include "vorn_symbol.h"
@@ -64,7 +64,7 @@ int vorn_sched_add_work(vorn_sched_work_s *work) {
   int32_t pid = 0;
   if (!pool.queue.append(work, &pid))
     return VORN_FAIL(-1, "Work in list is not initial, PID = (%d)", pid);
-  const vorn::CancellationOff off; // the item is queued and needs the wake-up of a worker
+  const vorn::CancellationGuard off; // the item is queued and needs the wake-up of a worker
   const int result = wake_worker();
   // A destroy that has ended since the first test either saw the item, or this test sees the
   // destroy: it clears the flag before it reads the queue under the queue's lock.

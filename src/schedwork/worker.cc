@@ -12,7 +12,7 @@
 #include <pthread.h>
 
 #include "arch/pause.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
 #include "base/ratelimit.hpp"
@@ -57,7 +57,7 @@ void release_slot() {
 
 // Cleans up after a worker that a handler has ended, or that was cancelled while it was idle.
 void on_thread_end(void *) {
-  const CancellationOff off;
+  const CancellationGuard off;
   if (!t_worker.active) return;
   const bool idle = !t_worker.running;
   if (!idle) pool.finished.fetch_add(1);
@@ -182,7 +182,7 @@ void watch_thread_ends() {
 using namespace vorn::schedwork;
 
 void *sched_work_thread(void *argument) {
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   VORN_LOG(vorn::kDebug, "Sched work thread running.");
   vorn_set_process_name("vorn_schedwork");
   vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_MANAGE);

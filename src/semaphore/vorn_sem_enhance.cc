@@ -8,7 +8,7 @@
 
 #include <cerrno>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/infra_log.hpp"
 #include "base/log.hpp"
 #include "base/thread_id.hpp"
@@ -49,7 +49,7 @@ bool take_unit(vorn_sem_enhance_s *sem) {
 // list. A wait without a limit does not end by a time-out either: a time-out means that the wait
 // failed, and a pause precedes the next attempt.
 int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
-  const CancellationOff off;
+  const CancellationGuard off;
   Waiter self{{}, thread_id(), kWaiting};
   list::insert_after(sem->wait_list.prev, &self.node);
   for (;;) {
@@ -88,7 +88,7 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
   constexpr const char *kUp = "vorn_sem_enhance_up";
   const auto address = reinterpret_cast<unsigned long>(sem);
   VORN_LOG_INFRA_AS(kUp, "Wake up sem(0x%lx) waiter tid(%u) fail ret(%d).", address, tid, result);
-  const CancellationOff off;
+  const CancellationGuard off;
   while (result == EAGAIN) {
     result = vorn_wake_up_process(tid);
     if (result == 0) {

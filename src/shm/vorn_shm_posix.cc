@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/system.hpp"
 
@@ -53,7 +53,7 @@ using namespace vorn::shm;
 
 void *vorn_shm_create_ext(const char *name, int oflag, mode_t mode, size_t size) {
   if (name == nullptr) return nullptr;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   const vorn::UniqueFd fd = vorn::sys::above_standard(shm_open(name, oflag, mode));
   if (!fd) {
     if (errno != EEXIST) VORN_LOG(vorn::kInfo, "Open shm fail, fd<%d> errno<%d>.", fd.get(), errno);

@@ -7,7 +7,7 @@
 #include <csignal>
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/system.hpp"
 #include "str/pid_table.hpp"
@@ -63,7 +63,7 @@ using namespace vorn::str;
 
 FILE *vorn_popen(const char *command, const char *mode) {
   if (command == nullptr || !is_mode(mode)) return nullptr;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   if (!pid_table_ready()) return nullptr;
   Pipe pipe;
   if (!pipe.open(mode)) return nullptr;
@@ -84,7 +84,7 @@ FILE *vorn_popen_s(const char *command, const char *mode, const char *whitelist)
 
 FILE *vorn_popen_with_pid(const char *command, const char *mode, int *pid) {
   if (command == nullptr || mode == nullptr || pid == nullptr) return nullptr;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   Pipe pipe;
   if (!pipe.open(mode)) return nullptr;
   return start(__func__, command, mode, pipe, pid);
@@ -101,7 +101,7 @@ int vorn_pclose(FILE *stream) {
   if (stream == nullptr) return -1;
   const int fd = fileno(stream);
   if (fd == -1) return -1;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   const pid_t child = pid_table_take(fd);
   if (child == 0) return -1;
   fclose(stream);

@@ -14,7 +14,7 @@ struct Redirection {
 };
 
 // Starts /bin/sh -c command, with a redirection unless that is NULL. Returns the process id, or -1
-// with errno. The caller holds a CancellationOff.
+// with errno. The caller holds a CancellationGuard.
 pid_t spawn_shell(const char *command, const Redirection *redirection);
 
 // Waits for a child to end. Returns its wait status, or -1 with errno.

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "str/spawn.hpp"
 
@@ -35,7 +35,7 @@ using namespace vorn::str;
 int vorn_system(const char *command) {
   if (command == nullptr) return -EINVAL;
   if (has_separator(command)) return -1;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   const pid_t child = spawn_shell(command, nullptr);
   return child < 0 ? -1 : wait_for(child);
 }

@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "base/mutex.hpp"
@@ -241,7 +241,7 @@ int sysinfo_update_all_cpu_usage() {
 }
 
 void *sysinfo_calc_cpu_usage_thrd(void *) {
-  const vorn::CancellationOff off; // a cancelled thread would leave the lock held
+  const vorn::CancellationGuard off; // a cancelled thread would leave the lock held
   vorn_set_process_name(kThreadName);
   int fd = -1;
   vorn_file_lock_s lock{};

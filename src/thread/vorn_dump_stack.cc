@@ -7,9 +7,9 @@
 
 #include "arch/fault_context.hpp"
 #include "base/bounded.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
+#include "base/errno_guard.hpp"
 #include "base/foreign_memory.hpp"
-#include "base/kept_errno.hpp"
 #include "base/log.hpp"
 #include "evlog.h"
 #include "symbol/vorn_symbol.hpp"
@@ -286,8 +286,8 @@ void vorn_thread_dump_sync_stack(const StackDump &dump) {
 using namespace vorn::thread;
 
 void vorn_thread_dump_stack() {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   ucontext_t context;
   getcontext(&context);
   const vorn::arch::RegisterRecord registers = vorn::arch::registers_of(context);

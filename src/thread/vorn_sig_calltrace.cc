@@ -97,7 +97,7 @@ void install_list(const unsigned int *list, unsigned int count) {
 
 // The steps before and after the signals of either kind.
 template <class Install> int install_all(Install install_signals) {
-  const KeptErrno errno_stays;
+  const ErrnoGuard errno_stays;
   vorn_symbol_init();
   std::atexit(vorn_thread_exit_callback);
   for (auto &name : signal_names)

@@ -23,10 +23,10 @@
 #include <unistd.h>
 
 #include "arch/fault_context.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
+#include "base/errno_guard.hpp"
 #include "base/foreign_memory.hpp"
 #include "base/fork_gate.hpp"
-#include "base/kept_errno.hpp"
 #include "evlog.h"
 #include "symbol/vorn_symbol.hpp"
 #include "thread/vorn_dump_stack.hpp"
@@ -287,8 +287,8 @@ void dump_and_go_on(int signal, const siginfo_t *info, const void *context) {
 } // namespace
 
 void fault_handler(int signal, siginfo_t *info, void *context) {
-  const KeptErrno errno_stays;
-  const CancellationOff off;
+  const ErrnoGuard errno_stays;
+  const CancellationGuard off;
   if (is_dump_only(signal))
     dump_and_go_on(signal, info, context);
   else

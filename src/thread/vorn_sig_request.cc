@@ -76,8 +76,8 @@ void note_time() {
 }
 
 Answer ask_for_log(pid_t pid, pid_t tid) {
-  const KeptErrno errno_stays; // the logging library may change it
-  const CancellationOff off;
+  const ErrnoGuard errno_stays; // the logging library may change it
+  const CancellationGuard off;
   evlog_original("<%d>Show task context by signal ...: pid=%d, tid=%d.", gettid(), pid, tid);
   const Answer answer = send(pid, tid, SIGTASKTRACK);
   evlog_original("<%d>SYS_tgkill Show task context by signal end ...: pid=%d, tid=%d, ret=%ld, "
@@ -90,8 +90,8 @@ bool request_is_logged() { return evlog_level_check(kRequestModule, kInfo) == 0;
 
 Answer ask_for_file(pid_t pid, pid_t tid) {
   constexpr char kFunction[] = "dump_thread_stack_sig_roc";
-  const KeptErrno errno_stays;
-  const CancellationOff off;
+  const ErrnoGuard errno_stays;
+  const CancellationGuard off;
   if (request_is_logged())
     evlog(kRequestModule, kInfo, VORN_FILE, __LINE__, kFunction, 0,
           "Show backtrace pid=%d, tid=%d, %s", pid, tid, Tag().text());
@@ -134,8 +134,8 @@ int dump_thread_stack_sig_roc(pid_t pid, pid_t tid) {
 }
 
 void dump_stack_by_sig(int) {
-  const vorn::KeptErrno errno_stays;
-  const vorn::CancellationOff off;
+  const vorn::ErrnoGuard errno_stays;
+  const vorn::CancellationGuard off;
   char text[128];
   vorn::snprintf_s(text, sizeof text, sizeof text - 1, "/var/log/dr/block-stack-%s-%d",
                    process_name, gettid());

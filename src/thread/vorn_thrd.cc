@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
@@ -279,7 +279,7 @@ int vorn_thrd_module_init() {
 
 int vorn_thrd_list(vorn_print_f print) {
   if (print == nullptr) return VORN_FAIL(-1, "Print function is null.");
-  const vorn::CancellationOff off; // print runs while this holds a reference
+  const vorn::CancellationGuard off; // print runs while this holds a reference
   print("list threads flag(0:preempt 1:nonpreempt) created by vorn:\n");
   print("%-5s %-18s %-11s %-8s\n", "tid", "name", "preemptflag", "strategy");
   for (Slot &slot : table) {

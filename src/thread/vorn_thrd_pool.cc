@@ -25,7 +25,7 @@
 
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/system.hpp"
 #include "thread/vorn_thrd.hpp"
@@ -345,7 +345,7 @@ int create_thread_from_thread_pool(vorn_thrd_entry_f entry, void *argument, pthr
 
 int vorn_thread_pool_destroy() {
   if (pool_size.load() == 0) return 0;
-  const vorn::CancellationOff off;
+  const vorn::CancellationGuard off;
   stopping.store(true);
   const int first = post_all();
   vorn_msleep(kStopMilliseconds);

@@ -6,7 +6,7 @@
 #include <sched.h>
 #include <sys/prctl.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "base/system.hpp"
@@ -31,7 +31,7 @@ void replace(void *argument) {
 
 void *serve(void *argument) {
   const auto &service = *static_cast<const Service *>(argument);
-  const CancellationOff off;
+  const CancellationGuard off;
   vorn_thrd_setname("%s", service.name);
   vorn_thrd_setprio(service.priority);
   vorn_setCurThreadStrategy(service.strategy);

@@ -10,7 +10,7 @@
 #include <ctime>
 
 #include "base/atomic_word.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
@@ -245,7 +245,7 @@ Armed arm(vorn_timer_s *timer, std::uint64_t timeout, Only which) {
 const char *text_of(const char *text) { return text != nullptr ? text : "(null)"; }
 
 void list_timers() {
-  const CancellationOff off; // for the sleep
+  const CancellationGuard off; // for the sleep
   VORN_LOG_AS("vorn_hr_timer_diagnose_func", kInfo, "list of timer\n%-5s %-24s %-12s %s:%-5s\n",
               "[NO.]", "[Timer Handler]", "[Expire(ms)]", "[file", "line]");
   const RootGuard hold;

@@ -1,5 +1,6 @@
 // Holds the registry of private calls: groups of handlers.
 // SPDX-License-Identifier: Apache-2.0
+#define VORN_FILE "kram_syscall_main.c"
 #include "kram_syscall.h"
 
 #include <algorithm>

@@ -9,6 +9,7 @@
 // stores the new socket as its successor. The thread of the evicted connection serves that next:
 // the table always has as many threads as connections.
 // SPDX-License-Identifier: Apache-2.0
+#define VORN_FILE "kram_syscall_kernel.c"
 #include "kram_syscall.h"
 
 #include <algorithm>
@@ -147,7 +148,7 @@ int go_to_successor(Connection &connection) {
 }
 
 void *syscall_do_thr(void *argument) {
-  const CancellationOff off; // in handlers too: a cancelled thread would keep its slot
+  const CancellationGuard off; // in handlers too: a cancelled thread would keep its slot
   vorn_thrd_setname("syscall_do_thr");
   auto &connection = *static_cast<Connection *>(argument);
   for (int socket = connection.socket; socket >= 0; socket = go_to_successor(connection))

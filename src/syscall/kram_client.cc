@@ -19,6 +19,7 @@
 //
 // Any other end of the connection is an error: the request may have been carried out.
 // SPDX-License-Identifier: Apache-2.0
+#define VORN_FILE "kram_syscall_linux_user.c"
 #include "kram_syscall.h"
 
 #include <algorithm>

@@ -20,6 +20,7 @@
 #include "cfg/vorn_cfg_buffer.hpp"
 #include "cfg/vorn_cfg_index.hpp"
 #include "cfg/vorn_cfg_io.hpp"
+#include "cfg/vorn_cfg_limits.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
 #include "cfg/vorn_cfg_registry.hpp"

@@ -1,5 +1,6 @@
 // Reads the bay configuration: runs the node's script and parses the file that it prints to.
 // SPDX-License-Identifier: Apache-2.0
+#define VORN_FILE "vorn_socket_add.c"
 #include "vorn_bay.h"
 
 #include <algorithm>
@@ -11,7 +12,7 @@
 #include <unistd.h>
 
 #include "base/bounded.hpp"
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/system.hpp"
 #include "base/unique_fd.hpp"
@@ -88,7 +89,7 @@ int get_bay_config_keyvalue_param_check(const char *key_segment, const char *out
 }
 
 int vorn_get_bay_config_keyvalue(const char *key_segment, char *out, uint32_t size) {
-  const vorn::CancellationOff off; // a cancelled thread would leave the temporary file
+  const vorn::CancellationGuard off; // a cancelled thread would leave the temporary file
   const int refusal = get_bay_config_keyvalue_param_check(key_segment, out);
   if (refusal != 0) return refusal;
   Plan plan;

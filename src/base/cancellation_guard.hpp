@@ -2,19 +2,19 @@
 // a lock held, a child unreaped or a descriptor open. A cancellation that arrives meanwhile takes
 // effect at the thread's next cancellation point after the scope.
 // SPDX-License-Identifier: Apache-2.0
-#ifndef VORN_BASE_CANCELLATION_OFF_HPP
-#define VORN_BASE_CANCELLATION_OFF_HPP
+#ifndef VORN_BASE_CANCELLATION_GUARD_HPP
+#define VORN_BASE_CANCELLATION_GUARD_HPP
 
 #include <pthread.h>
 
 namespace vorn {
 
-class CancellationOff {
+class CancellationGuard {
 public:
-  CancellationOff() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
-  CancellationOff(const CancellationOff &) = delete;
-  CancellationOff &operator=(const CancellationOff &) = delete;
-  ~CancellationOff() { pthread_setcancelstate(before_, nullptr); }
+  CancellationGuard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  CancellationGuard(const CancellationGuard &) = delete;
+  CancellationGuard &operator=(const CancellationGuard &) = delete;
+  ~CancellationGuard() { pthread_setcancelstate(before_, nullptr); }
 
 private:
   int before_ = PTHREAD_CANCEL_ENABLE;

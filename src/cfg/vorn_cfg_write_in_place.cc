@@ -6,10 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "base/cancellation_off.hpp"
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "cfg/vorn_cfg_buffer.hpp"
 #include "cfg/vorn_cfg_io.hpp"
+#include "cfg/vorn_cfg_limits.hpp"
 #include "cfg/vorn_cfg_lock.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
 #include "cfg/vorn_cfg_text.hpp"
@@ -147,7 +148,7 @@ int vorn_cfg_write_item_to_file(const char *path, const char *section, const cha
     VORN_LOG(vorn::kError,
              "Strcpy_s failed pSection<%s>, pItemName<%s>, pItemValue<%s>, iRet = %d.", section,
              item, value, error);
-    const vorn::CancellationOff off;
+    const vorn::CancellationGuard off;
     vorn_close(0); // no descriptor is open yet: kept on purpose, as its caller sees it
     return -1;
   }

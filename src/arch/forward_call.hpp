@@ -1,13 +1,13 @@
 // Declares VORN_FORWARD(from, to), which defines the exported function from. It passes all its
 // arguments, of any number and types, to the function to, and returns the result of that.
 // SPDX-License-Identifier: Apache-2.0
-#ifndef VORN_ARCH_FORWARD_HPP
-#define VORN_ARCH_FORWARD_HPP
+#ifndef VORN_ARCH_FORWARD_CALL_HPP
+#define VORN_ARCH_FORWARD_CALL_HPP
 
 #if defined(__aarch64__)
-#include "arch/aarch64/forward.hpp"
+#include "arch/aarch64/forward_call.hpp"
 #elif defined(__x86_64__)
-#include "arch/x86_64/forward.hpp"
+#include "arch/x86_64/forward_call.hpp"
 #else
 #error "no forwarding jump for this processor"
 #endif

@@ -5,8 +5,8 @@
 
 #include "base/log.hpp"
 #include "cfg/vorn_cfg_index.hpp"
+#include "cfg/vorn_cfg_limits.hpp"
 #include "cfg/vorn_cfg_parse.hpp"
-#include "cfg/vorn_cfg_text.hpp"
 
 namespace vorn::cfg {
 namespace {
