@@ -1,5 +1,5 @@
-// Declares the three kinds of locks: of the registry, of parsed files in memory, and of files on
-// disk.
+// Declares the three kinds of locks of the configuration engine: of the registry, of parsed files
+// in memory, and of files on disk.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_LOCK_HPP
 #define VORN_CFG_LOCK_HPP

@@ -1,4 +1,4 @@
-// The configuration store: one request of the kernel module for each call.
+// Reads and writes the configuration store: one request of the kernel module for each call.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cst.h"
 

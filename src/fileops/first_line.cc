@@ -1,4 +1,4 @@
-// The first line that a command prints.
+// Reads the first line that a command prints.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_fileops.c"
 #include "fileops/first_line.hpp"

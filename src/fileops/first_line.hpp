@@ -1,4 +1,4 @@
-// The first line that a command prints.
+// Declares the reader of the first line that a command prints.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FILEOPS_FIRST_LINE_HPP
 #define VORN_FILEOPS_FIRST_LINE_HPP

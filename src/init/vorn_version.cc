@@ -1,4 +1,4 @@
-// The version of the library.
+// Returns the version of the library.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_version.h"
 

@@ -1,4 +1,4 @@
-// Supervises the workers: time limits, the stall detector, the heal task.
+// Supervises the workers of the work pool: time limits, the stall detector, the heal task.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 

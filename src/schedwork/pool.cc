@@ -1,4 +1,4 @@
-// Starts, grows and destroys the pool.
+// Starts, grows and destroys the work pool.
 //
 // A destroy ends one life of the pool and begins the next:
 //   1. Marks the population: no worker is hired, and an idle worker that wakes leaves.

@@ -1,4 +1,4 @@
-// Implements the queue of the pool.
+// Implements the queue of the work pool.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 

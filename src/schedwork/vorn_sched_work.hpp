@@ -1,4 +1,4 @@
-// Declares what the sources of the pool share. The path of an item:
+// Declares what the sources of the work pool share. The path of an item:
 //
 //   vorn_sched_add_work        queue.append, then a unit to the lookout or to the semaphore
 //   a worker                   takes the unit, or finds the item while it is still awake

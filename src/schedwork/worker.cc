@@ -1,4 +1,4 @@
-// Implements the workers: how they wait, run items and end.
+// Implements the workers of the work pool: how they wait, run items and end.
 //
 // A worker belongs to one life of the pool. While it runs an item, a destroy may begin the next
 // life. The worker learns that from the population's word, and then leaves without touching the

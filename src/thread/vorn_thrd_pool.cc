@@ -1,4 +1,4 @@
-// Implements the pool: its threads wait for jobs, each on the semaphore in its record.
+// Implements the thread pool: its threads wait for jobs, each on the semaphore in its record.
 //
 //   dispatcher                                    pool thread
 //   state 4 -> 8 (compare-and-swap)               state 4 (idle)

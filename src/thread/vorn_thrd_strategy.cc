@@ -1,4 +1,4 @@
-// Holds the strategies: each is a nice value and a set of CPUs.
+// Holds the thread strategies: each is a nice value and a set of CPUs.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <cerrno>

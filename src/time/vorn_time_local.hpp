@@ -1,4 +1,4 @@
-// Declares the zone of the process.
+// Declares the time zone of the process.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIME_LOCAL_HPP
 #define VORN_TIME_LOCAL_HPP

@@ -1,4 +1,4 @@
-// Moves timers through the wheel.
+// Adds timers to the timer wheel, and moves them through it.
 //
 // A timer that expires d milliseconds after current_ is placed in the lowest level whose slots
 // reach that far. Its slot is opened at a multiple of the slot's width that is later than current_

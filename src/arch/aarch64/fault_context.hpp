@@ -1,4 +1,5 @@
-// Names x0 to x30 as R0 to R30. x29 is the frame pointer, x30 the return address.
+// Names the registers in a fault report of AArch64: x0 to x30 as R0 to R30. x29 is the frame
+// pointer, x30 the return address.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_FAULT_CONTEXT_HPP
 #define VORN_ARCH_AARCH64_FAULT_CONTEXT_HPP

@@ -1,4 +1,5 @@
-// Executes the hint for a spinning thread, which cores without hyperthreads ignore.
+// Defines pause() for AArch64: executes the hint for a spinning thread, which cores without
+// hyperthreads ignore.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_PAUSE_HPP
 #define VORN_ARCH_AARCH64_PAUSE_HPP

@@ -1,4 +1,4 @@
-// Names the general registers.
+// Names the general registers in a fault report of x86-64.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
 #define VORN_ARCH_X86_64_FAULT_CONTEXT_HPP
