@@ -7,8 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The allocator of the address sanitizer does not survive a fork while another thread allocates.
-#ifdef __SANITIZE_ADDRESS__
+// The allocators of the sanitizers do not survive a fork while another thread allocates: the
+// child finds their locks held.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr bool kMayForkBesideAllocation = false;
 #else
 inline constexpr bool kMayForkBesideAllocation = true;
