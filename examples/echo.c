@@ -1,4 +1,4 @@
-/* A first service: it sends back what its clients send, until SIGTERM or SIGINT.
+/* Serves clients: sends back what they send, until SIGTERM or SIGINT.
  *
  *   ./echo                          and in another terminal: socat - UNIX-CONNECT:echo.socket
  *
@@ -57,7 +57,7 @@ static void echo(int client) {
 static void *serve(void *argument) {
   const int client = (int)(intptr_t)argument;
   vorn_thrd_setname("echo_%d", client);
-  LOG(EVLOG_INFO, "client %d is served", client);
+  LOG(EVLOG_INFO, "serving client %d", client);
   echo(client);
   close(client);
   vorn_sem_enhance_up(&ended);
@@ -66,14 +66,14 @@ static void *serve(void *argument) {
 
 /* Returns the number of threads that it started: 1 or 0. */
 static unsigned int accept_client(int listener) {
-  const struct timeval patience = {5, 0}; /* with a client that sends and does not read */
+  const struct timeval patience = {5, 0}; /* for a client that sends and does not read */
   const int client = accept4(listener, NULL, NULL, SOCK_CLOEXEC);
   if (client >= 0 && setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0 &&
       vorn_thrd_create(serve, (void *)(intptr_t)client, NULL) == 0)
     return 1;
-  LOG(EVLOG_ERROR, "a client is turned away, errno %d", errno);
+  LOG(EVLOG_ERROR, "cannot serve a client, errno %d", errno);
   if (client >= 0) close(client);
-  vorn_msleep(100); /* for a descriptor or a thread to become free */
+  vorn_msleep(100); /* until a descriptor or a thread may be free */
   return 0;
 }
 

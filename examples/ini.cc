@@ -1,10 +1,10 @@
-// INI settings that are edited while they are read: one thread rewrites an item again and again,
-// and others look it up meanwhile.
+// Edits INI settings while threads read them: one thread rewrites an item again and again, and
+// others look it up meanwhile.
 //
-//   ./ini                            works in ini-example.ini and prints what was seen
+//   ./ini                            uses the file ini-example.ini and prints the result
 //
-// An edit replaces the file, and its content in the registry, as a whole: a reader gets the old
-// value or the new one, never a part of either, and never an older one after a newer one.
+// An edit replaces the file, and its content in the registry, as a whole. A reader gets the old
+// value or the new one, never a part of either, and never an older value after a newer one.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdio>
@@ -73,7 +73,7 @@ void *read_limits(void *argument) {
   return nullptr;
 }
 
-// Threads that read the settings. The destructor waits for their end.
+// Owns threads that read the settings. The destructor waits for their end.
 class Readers {
 public:
   Readers(Settings &settings, int count) {

@@ -1,10 +1,10 @@
-// Instances with variables: two movers run at the same time, and each counts its blocks in its own
-// value of the variable "moved".
+// Runs instances with variables: two movers run at the same time, and each counts its blocks in its
+// own value of the variable "moved".
 //
-//   ./instance                       prints what each of them has moved
+//   ./instance                       prints how many blocks each has moved
 //
 // The function that moves blocks needs no argument: it counts for the instance that its thread
-// works for. SPDX-License-Identifier: Apache-2.0
+// works for.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cinttypes>
@@ -30,8 +30,8 @@ void move_block() {
   ++value(0);
 }
 
-// The reference keeps the instance while the thread works for it. The library refuses a reference
-// to an instance that is being deleted, and the thread ends.
+// The reference keeps the instance alive while the thread works for it. The library refuses a
+// reference to an instance that is being deleted, and the thread ends.
 void *move_blocks(void *) {
   const std::uint64_t own = LwpCtxCurrent();
   while (LwpInstGet(own) == 0) {
@@ -41,7 +41,7 @@ void *move_blocks(void *) {
   return nullptr;
 }
 
-// Called at the deletion of an instance, after its thread has ended.
+// The library calls this at the deletion of an instance, after its thread has ended.
 int report(std::uint64_t instance, void *) {
   std::printf("%s moved %" PRIu64 " blocks\n", LwpInstGetName(instance), value(instance).load());
   return 0;
@@ -53,7 +53,7 @@ bool register_variable() {
   return LwpVarRegister("moved", &kNone, sizeof kNone, &functions, &moved) != LWP_NONE;
 }
 
-// An instance with a thread. The destructor deletes it.
+// Owns an instance with a thread. The destructor deletes it.
 class Mover {
 public:
   explicit Mover(const char *name) : id_(LwpInstNew(name, nullptr, move_blocks, nullptr)) {}

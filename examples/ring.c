@@ -1,10 +1,10 @@
-/* A ring between threads: two producers make requests, one consumer handles them.
+/* Passes requests through a ring: two producers make requests, one consumer handles them.
  *
  *   ./ring                           prints what the consumer got
  *
- * The ring itself never waits. The threads wait on two semaphores: one counts the free places, so
+ * The ring itself never waits. The threads wait on two semaphores: one counts the free slots, so
  * that no producer finds the ring full, and one counts the requests in the ring. A producer ends
- * with a NULL, the ending marker, which the consumer takes after all requests of that producer. */
+ * with a NULL, the end marker, which the consumer takes after all requests of that producer. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <stdio.h>
 
@@ -23,8 +23,8 @@ struct request {
 };
 
 static vorn_ring_s *ring;
-static vorn_sem_enhance_s places;   /* free places of the ring */
-static vorn_sem_enhance_s requests; /* entries of the ring, with the ending markers */
+static vorn_sem_enhance_s places;   /* free slots of the ring */
+static vorn_sem_enhance_s requests; /* entries of the ring, including end markers */
 static vorn_sem_enhance_s ended;    /* producers that have ended */
 
 /* The caller holds a unit of places, so the ring is not full and the enqueue succeeds. */
@@ -41,14 +41,14 @@ static void *produce(void *argument) {
     struct request *request = vorn_malloc(kModule, sizeof *request);
     if (request == NULL) break;
     *request = (struct request){producer, number};
-    pass_on(request); /* the consumer owns it from now on */
+    pass_on(request); /* the consumer now owns it */
   }
   pass_on(NULL);
   vorn_sem_enhance_up(&ended);
   return NULL;
 }
 
-/* Returns the number of requests that came in their producer's order. */
+/* Returns the number of requests that arrived in their producer's order. */
 static unsigned int consume(unsigned int producers) {
   unsigned int latest[kProducers] = {0};
   unsigned int ordered = 0;
@@ -68,7 +68,7 @@ static unsigned int consume(unsigned int producers) {
 }
 
 static int run(void) {
-  vorn_sem_enhance_init(&places, kSlots - 1); /* a ring holds one object less than it has slots */
+  vorn_sem_enhance_init(&places, kSlots - 1); /* a ring holds one pointer less than it has slots */
   vorn_sem_enhance_init(&requests, 0);
   vorn_sem_enhance_init(&ended, 0);
   ring = vorn_ring_create(kSlots, VORN_RING_SINGLE_CONSUMER);
@@ -79,7 +79,7 @@ static int run(void) {
     ++producers;
   const unsigned int ordered = consume(producers);
   for (unsigned int i = 0; i < producers; ++i)
-    vorn_sem_enhance_down(&ended); /* a producer may still be in the ring with its marker */
+    vorn_sem_enhance_down(&ended); /* a producer may still be enqueueing its marker */
   vorn_ring_delete(&ring);
   printf("%u requests of %u producers came in order\n", ordered, producers);
   return ordered == kProducers * kRequests ? 0 : -1;

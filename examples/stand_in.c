@@ -1,11 +1,10 @@
-/* A service against the stand-in for the kernel module: a part of it, and what a developer tries it
- * with where there is no node.
+/* Tests a part of a service on the stand-in for the kernel module, away from a node.
  *
- *   ./stand_in                               prints what was tried
- *   VORNSIM_ANSWER=0x306=EPERM ./stand_in    ... with a module that refuses the idle settings
+ *   ./stand_in                               prints the results
+ *   VORNSIM_ANSWER=0x306=EPERM ./stand_in    the module refuses the idle settings
  *
- * The part keeps CPUs out of their sleep states while the service polls. When a CPU refuses, those
- * before it get back what they had: that is what the stand-in is told to provoke. */
+ * The part keeps CPUs out of their sleep states while the service polls. If a CPU refuses, the part
+ * restores the settings of the CPUs before it. The tests make the stand-in refuse. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <errno.h>
 #include <stdio.h>
@@ -23,11 +22,11 @@ enum { kCpus = 4 };
 
 static void restore(const uint32_t *before, unsigned int cpus) {
   for (unsigned int cpu = 0; cpu < cpus; ++cpu)
-    vorn_set_idle_no_cstates(cpu, before[cpu]); /* a refusal is in the log */
+    vorn_set_idle_no_cstates(cpu, before[cpu]); /* the library logs a refusal */
 }
 
-/* Keeps the CPUs 0 to cpus - 1 awake; their settings so far go to before. Returns 0; -1 with errno
- * when one refuses, and all settings are as they were. */
+/* Keeps the CPUs 0 to cpus - 1 awake, and stores their old settings in before. If a CPU refuses,
+ * restores all settings and returns -1 with errno. Otherwise returns 0. */
 static int keep_awake(unsigned int cpus, uint32_t *before) {
   for (unsigned int cpu = 0; cpu < cpus; ++cpu) {
     if (vorn_get_idle_no_cstates(cpu, &before[cpu]) == 0 && vorn_set_idle_no_cstates(cpu, 1) == 0)
@@ -40,7 +39,7 @@ static int keep_awake(unsigned int cpus, uint32_t *before) {
   return 0;
 }
 
-/* --- What it is tried with --- */
+/* --- The tests --- */
 
 static unsigned int awake(void) {
   unsigned int count = 0;
@@ -51,7 +50,7 @@ static unsigned int awake(void) {
   return count;
 }
 
-/* Returns 0 when the part did what is expected of it. */
+/* Returns 0 if the result is as expected. */
 static int try_to_keep_awake(int expected_error) {
   uint32_t before[kCpus];
   const int error = keep_awake(kCpus, before) == 0 ? 0 : errno;

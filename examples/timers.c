@@ -1,10 +1,10 @@
-/* Timers and scheduled work: every 20 ms something is flushed, and a run that takes more than a
- * second is reported.
+/* Runs scheduled work with a timer: flushes something every 20 ms, and reports a run that takes
+ * more than a second.
  *
- *   ./timers                         prints how often it was flushed
+ *   ./timers                         prints the number of flushes
  *
  * The functions of timers share one thread, so they only pass work on. The work arms the timer
- * again when it is done: runs neither overlap nor pile up, and of timer and work one at most is
+ * again when it is done, so runs neither overlap nor pile up. At most one of timer and work is
  * pending, which makes the end simple. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <stdatomic.h>
@@ -25,14 +25,14 @@ struct flusher {
   vorn_sched_work_s work;
   atomic_int stopping;
   atomic_uint late;
-  unsigned int runs;        /* the work's own until ended has a unit */
-  vorn_sem_enhance_s ended; /* a unit once neither period nor work is pending any more */
+  unsigned int runs;        /* only the work uses it until ended has a unit */
+  vorn_sem_enhance_s ended; /* a unit when neither period nor work is pending any more */
 };
 
 static void on_period(uint64_t data) {
   struct flusher *flusher = (struct flusher *)(uintptr_t)data;
   const int result = vorn_sched_add_work(&flusher->work);
-  if (result < 0) vorn_sem_enhance_up(&flusher->ended); /* it is not queued, the log tells why */
+  if (result < 0) vorn_sem_enhance_up(&flusher->ended); /* it is not queued; the log says why */
 }
 
 static void on_deadline(uint64_t data) {
@@ -43,7 +43,7 @@ static void on_deadline(uint64_t data) {
 static void flush(vorn_sched_work_s *work) {
   struct flusher *flusher = work->pData;
   vorn_timer_add(&flusher->deadline);
-  vorn_msleep(5); /* what takes long */
+  vorn_msleep(5); /* something that takes long */
   vorn_timer_delete_sync(&flusher->deadline);
   ++flusher->runs;
   if (atomic_load(&flusher->stopping) || vorn_timer_add(&flusher->period) != 0)
@@ -67,7 +67,7 @@ static void stop(struct flusher *flusher) {
 }
 
 static int run(void) {
-  static struct flusher flusher; /* a timer begins as zeros */
+  static struct flusher flusher; /* a timer starts as zeros */
   if (start(&flusher) != 0) return -1;
   vorn_msleep(kLifeMs); /* the life of the service */
   stop(&flusher);

@@ -1,4 +1,4 @@
-// Compares what was read with the manifest, and delays the verdict on a wrong block.
+// Compares the data read with the manifest, and delays the verdict on a wrong block.
 // SPDX-License-Identifier: Apache-2.0
 #include "comparison.hpp"
 
@@ -37,7 +37,7 @@ void Comparison::compare(std::span<const Checksums> expected, const Blocks &foun
 }
 
 void Comparison::end(const Ending &found) {
-  // The rest of the file is not read any more.
+  // The reader skips the rest of the file.
   report_.progress().drop_bytes(recorded_.size - (read_.bytes - before_.bytes));
   if (found.problem.empty()) {
     ++read_.files;

@@ -1,5 +1,5 @@
-// Compares what was read with the manifest and reports the verdicts, in the caller's thread. A file
-// with wrong blocks waits for their second read while the run goes on.
+// Compares the data read with the manifest and reports the verdicts, in the caller's thread. A file
+// with wrong blocks waits for their second read while the run continues.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_COMPARISON_HPP
 #define SCRUB_COMPARISON_HPP
@@ -21,7 +21,7 @@ namespace scrub {
 struct Ending {
   std::uint64_t size = 0;
   timespec written{};
-  String problem{}; // why the read is no consistent copy; empty if it is
+  String problem{}; // why the data read are no consistent copy; empty if they are
   bool changed = false;
 };
 
@@ -30,12 +30,12 @@ public:
   Comparison(const std::string &root, Pipeline &pipeline, Report &report)
       : root_(root), pipeline_(pipeline), report_(report) {}
 
-  // For a file that is read: begin, the blocks, end, each in a task.
+  // For a file that the run reads: begin, the blocks, end, each in a task.
   void begin(const FileRecord &recorded);
   void compare(std::span<const Checksums> expected, const Blocks &found);
   void end(const Ending &found);
 
-  // For a file that is not read.
+  // For a file that the run does not read.
   void missing(const FileRecord &recorded);
   void unreadable(const FileRecord &recorded, const String &why);
   void added(const String &path) { report_.added(path); }
@@ -74,7 +74,7 @@ private:
   Report &report_;
   Totals read_;
 
-  // The state of the file that is compared:
+  // The state of the current file:
   FileRecord recorded_;
   Totals before_;
   std::uint64_t blocks_ = 0;

@@ -19,7 +19,7 @@ public:
   // block on a FIFO or a device.
   bool open(int directory, const char *name);
 
-  // The attributes of the file when it was opened.
+  // The attributes of the file at its opening.
   std::uint64_t size() const { return static_cast<std::uint64_t>(status_.st_size); }
   const timespec &written() const { return status_.st_mtim; }
 
@@ -27,12 +27,12 @@ public:
   // number, which is below the room only at the end of the file or after a problem.
   std::size_t read(std::span<std::byte> room);
 
-  // Reads the bytes at the offset, from the device unless the system has yet to write them. Returns
-  // false if it cannot read all of them.
+  // Reads the bytes at the offset, from the device unless the system has yet to write them back.
+  // Returns false if it cannot read all of them.
   bool read_again(std::uint64_t offset, std::span<std::byte> bytes) const;
 
-  // Returns why what was read is no consistent copy of the file, an error or a change during the
-  // read, or NULL. Called at the end.
+  // Returns why the bytes read are no consistent copy of the file: an error or a change during the
+  // read. Returns NULL if they are one. Called at the end.
   const char *problem() const;
   bool changed() const { return error_ == 0 && has_changed(); }
   bool vanished() const { return error_ == ENOENT; }
@@ -44,7 +44,7 @@ private:
   int error_ = 0;
   struct stat status_ {};
   std::uint64_t read_ = 0; // bytes
-  bool short_ = false;     // it ended before its size
+  bool short_ = false;     // the file ended before its size
 };
 
 } // namespace scrub

@@ -5,12 +5,12 @@
 
 namespace scrub {
 
-// Opens something harmless on each standard descriptor that is closed. Else the next file that is
-// opened would take its number, and prints would go into that file. Prints still fail.
+// Opens /dev/null for reading on each standard descriptor that is closed. Otherwise the next file
+// to be opened would get its number, and output would go into that file. Output still fails.
 void keep_standard_descriptors();
 
-// Raises the limit of open files, if allowed, to the directories of the longest path: a walk holds
-// them open.
+// Raises the limit of open files, if allowed, to the number of directories in the longest path,
+// because a walk holds them open.
 void raise_descriptor_limit();
 
 } // namespace scrub

@@ -1,5 +1,4 @@
-// Throws the errors that end a run with exit status 2. Other errors are reported, and the run goes
-// on.
+// Throws the errors that end a run with exit status 2. The run reports other errors and continues.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_ERRORS_HPP
 #define SCRUB_ERRORS_HPP
@@ -11,7 +10,7 @@
 
 namespace scrub {
 
-// Throws the error of a failed system call; what names the attempt.
+// Throws the error of a failed system call. what names the attempted action.
 [[noreturn]] inline void fail(const std::string &what, int error = errno) {
   throw std::system_error(error, std::generic_category(), what);
 }

@@ -1,5 +1,5 @@
-// Hands pointers from one thread to another, in order, by a ring of the library. A semaphore counts
-// the pointers in the ring; the taking thread sleeps on it.
+// Passes pointers from one thread to another, in order, through a ring of the library. A semaphore
+// counts the pointers in the ring; the thread that takes them sleeps on it.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_HANDOVER_HPP
 #define SCRUB_HANDOVER_HPP
@@ -30,7 +30,7 @@ public:
     vorn_sem_enhance_up(&held_);
   }
 
-  // Ends the putting. Any thread may call this, once.
+  // Closes the ring for more pointers. Any thread may call this, once.
   void close() { vorn_sem_enhance_up(&held_); }
 
   // Waits for the next pointer. Returns NULL, after the last one, if the ring is closed; must not

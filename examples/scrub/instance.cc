@@ -14,7 +14,7 @@ namespace {
 constexpr auto kCounts = static_cast<std::size_t>(Count::kCounts);
 constexpr std::uint64_t kNone = ~std::uint64_t{0};
 
-// The names in the library's tables, which an operator reads.
+// The names of the counts in the library's tables, for an operator.
 constexpr std::array<const char *, kCounts> kNames = {
     "files",   "bytes",      "damaged files", "damaged blocks", "passing files", "passing blocks",
     "missing", "unreadable", "new",           "skipped"};
@@ -36,7 +36,7 @@ void prepare_instances(std::size_t instances) {
   constexpr std::uint64_t kZero = 0;
   for (std::size_t i = 0; i < kCounts; ++i) {
     if (LwpVarRegister(kNames[i], &kZero, sizeof kZero, nullptr, &variables[i]) == kNone)
-      throw std::runtime_error("cannot register the counts, the log tells why");
+      throw std::runtime_error("cannot register the counts, the log says why");
   }
 }
 
@@ -45,7 +45,7 @@ std::uint64_t &count(Count which) { return value(0, which); }
 Instance::Instance(const std::string &name, std::function<void()> body) : body_(std::move(body)) {
   vorn_sem_enhance_init(&ended_, 0);
   id_ = LwpInstNew(name.c_str(), nullptr, run, this);
-  if (id_ == kNone) throw std::runtime_error("no instance can be started, the log tells why");
+  if (id_ == kNone) throw std::runtime_error("no instance can be started, the log says why");
 }
 
 Instance::~Instance() { LwpInstDelete(id_, -1); }

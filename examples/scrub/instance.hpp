@@ -1,6 +1,6 @@
-// Runs a directory as a light-weight instance of the library: a thread with the directory's name,
-// and a value of each count per instance. A fault report of the library names the instances that
-// the thread worked for.
+// Runs a directory as a light-weight instance of the library, in a thread with the directory's
+// name. Each instance has its own value of each count. A fault report of the library names the
+// instances for which a thread worked.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_INSTANCE_HPP
 #define SCRUB_INSTANCE_HPP
@@ -22,10 +22,10 @@ enum class Count : std::size_t {
   kDamagedBlocks,
   kPassingFiles,
   kPassingBlocks, // wrong at the first read, right at the second
-  kMissing,       // recorded, not there
-  kUnreadable,    // recorded, there, could not be read to the end
-  kNew,           // there, not recorded
-  kSkipped,       // not recorded, could not be read
+  kMissing,       // in the manifest, but not in the tree
+  kUnreadable,    // in both, but could not be read to the end
+  kNew,           // in the tree, but not in the manifest
+  kSkipped,       // not in the manifest, and could not be read
   kCounts
 };
 
@@ -60,8 +60,8 @@ private:
   std::uint64_t id_;
 };
 
-// Has the calling thread work for the instance during the lifetime of this object. The number of
-// all ones, which is no instance, is allowed.
+// Makes the calling thread work for the instance during the lifetime of this object. The id may be
+// all ones, which is no instance.
 class WorkingFor {
 public:
   explicit WorkingFor(std::uint64_t instance);

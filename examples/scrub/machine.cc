@@ -42,7 +42,7 @@ std::string cpus_of(std::uint32_t node) {
   return list;
 }
 
-// Prints the nodes of the file that the settings name, or else of the node's file if there is one.
+// Prints the NUMA nodes of the file in the settings, or else of the node's file if there is one.
 void print_nodes() {
   if (vorn_numam_init(nullptr) != 0 || vorn_numam_num_get() == 0) return;
   const auto nodes = static_cast<std::uint32_t>(vorn_numam_num_get());

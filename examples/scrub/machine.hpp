@@ -1,4 +1,4 @@
-// Tells the layout of the machine and how busy its CPUs were during the run.
+// Prints the layout of the machine and the usage of its CPUs during the run.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MACHINE_HPP
 #define SCRUB_MACHINE_HPP
@@ -10,7 +10,7 @@
 
 namespace scrub {
 
-// Keeps the mean of the library's figures, each of which is of the last second. Any thread may call
+// Keeps the mean of the library's figures; each figure covers the last second. Any thread may call
 // any function.
 class CpuUsage {
 public:
@@ -26,7 +26,7 @@ private:
   std::uint64_t samples_ = 0;
 };
 
-// Prints packages, CPUs and model, the memory in use, and the NUMA nodes if a NUMA file tells them.
+// Prints packages, CPUs and model, the memory in use, and the NUMA nodes if there is a NUMA file.
 void print_layout();
 
 } // namespace scrub

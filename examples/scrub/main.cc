@@ -179,7 +179,7 @@ int run(int argc, char **argv) {
   raise_descriptor_limit();
   const Session session(options.jobs[0].paths);
   catch_signals(); // replaces the library's handlers
-  if (!session.started()) return could_not_run("the library did not start; the log tells why");
+  if (!session.started()) return could_not_run("the library did not start; the log says why");
   for (Job &job : options.jobs)
     job.has_log = session.has_log();
   return attempt([&] { return do_jobs(options); });

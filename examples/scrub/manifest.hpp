@@ -11,8 +11,8 @@
 // CRC-32C, and the guard of each sector. The last line counts what came before.
 //
 // Each line begins with a code: the CRC-32C of the texts, newlines included, of this line and of
-// all before it, without their codes. So the first line that was changed, moved or lost is the
-// first whose code is wrong, and the code of the last line covers the whole manifest.
+// all lines before it, without their codes. If a line was changed, moved or lost, the code of the
+// first such line is the first wrong one. The code of the last line covers the whole manifest.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_HPP
 #define SCRUB_MANIFEST_HPP
@@ -48,8 +48,8 @@ struct Totals {
   bool operator==(const Totals &) const = default;
 };
 
-// Compares paths in the order of a manifest: by bytes, but '/' comes before every other byte. It is
-// the order of a walk that takes the names of each directory in byte order.
+// Compares paths in the order of a manifest: by bytes, but '/' comes before every other byte. A
+// walk that takes the names of each directory in byte order yields this order.
 bool path_before(std::string_view a, std::string_view b);
 
 // Return the text of a line, without code and newline.

@@ -1,4 +1,4 @@
-// Reads a manifest and refuses what the writer does not write.
+// Reads a manifest and refuses lines that the writer does not write.
 // SPDX-License-Identifier: Apache-2.0
 #include "manifest_reader.hpp"
 
@@ -90,7 +90,7 @@ bool parse_end(std::string_view text, Totals &totals) {
          fields.number(totals.bytes) && fields.at_end();
 }
 
-// Whether the path is relative, stays below the root, and has no superfluous component.
+// Returns whether the path is relative, stays below the root, and has no superfluous component.
 bool is_tree_path(std::string_view path) {
   while (true) {
     const std::size_t slash = path.find('/');

@@ -19,18 +19,18 @@ struct ManifestError : std::runtime_error {
 
 class ManifestReader {
 public:
-  // Reads from fd, which stays the caller's, at its position. name is for messages. Throws
+  // Reads from the position of fd, which the caller keeps and closes. name is for messages. Throws
   // ManifestError, as the functions below do, or std::system_error when the file cannot be read.
   ManifestReader(int fd, std::string name);
 
-  // Reads the next file, and skips the blocks of the previous one that were not read. Returns false
-  // at the end of the manifest, whose last line and totals are right then.
+  // Reads the line of the next file, and skips the unread blocks of the previous one. Returns false
+  // at the end of the manifest; then the last line and the totals are right.
   bool next_file(FileRecord &file);
 
-  // Reads the next block of that file. Returns false after the last one.
+  // Reads the line of the file's next block. Returns false after the last block.
   bool next_block(Checksums &block);
 
-  // The totals of what has been read so far.
+  // The totals of the lines read so far.
   const Totals &totals() const { return totals_; }
 
 private:

@@ -1,4 +1,4 @@
-// Writes a manifest and puts it in its place.
+// Writes a manifest, and replaces the old one when it is complete.
 // SPDX-License-Identifier: Apache-2.0
 #include "manifest_writer.hpp"
 
@@ -84,7 +84,7 @@ void ManifestWriter::open_unfinished(const std::string &directory) {
   if (!file) fail("cannot write into " + directory + ", choose another place with --manifest");
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) fail("another run is writing " + manifest_);
 
-  // Between the two calls, its owner may have renamed it to the manifest.
+  // Between the two calls, another run may have renamed the file to the manifest.
   struct stat opened {};
   struct stat named {};
   if (fstat(file.get(), &opened) != 0 ||

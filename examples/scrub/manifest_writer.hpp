@@ -35,7 +35,7 @@ public:
   const Totals &totals() const { return now_.totals; }
 
 private:
-  // Everything that a line changes, so that a file can be removed.
+  // Everything that a line changes. A copy of it lets the writer remove a file.
   struct State {
     std::uint64_t length = 0; // of the manifest, in bytes
     LineCode code;

@@ -1,4 +1,4 @@
-// Lists the memory that each module of the process holds, as the library accounts for it.
+// Lists the memory that each module of the process holds, according to the library's accounting.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MEMORY_TABLE_HPP
 #define SCRUB_MEMORY_TABLE_HPP
@@ -14,7 +14,7 @@ struct ModuleMemory {
   std::int64_t bytes;
 };
 
-// Empty if the node has no kernel module, which keeps the account.
+// Empty if the node has no kernel module, which accounts the memory.
 Vector<ModuleMemory> memory_by_module();
 
 } // namespace scrub

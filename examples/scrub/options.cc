@@ -14,8 +14,8 @@ constexpr char kUsage[] = "vorn-scrub create|verify [--manifest FILE] [--log DIR
                           " [--settings FILE] [--stall] [--crash] DIR...";
 
 Options wrong(const std::string &what) {
-  std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\n'vorn-scrub --help' tells more.\n", what.c_str(),
-               kUsage);
+  std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\nTry 'vorn-scrub --help' for more.\n",
+               what.c_str(), kUsage);
   return {};
 }
 
@@ -47,7 +47,7 @@ Options parse_options(int argc, char **argv) {
   const char *manifest = nullptr;
   const char *log = nullptr;
   const char *settings = nullptr;
-  Job drills; // the drills that every job is given
+  Job drills; // the drills of every job
   opterr = 0;
   for (int letter; (letter = getopt_long(argc, argv, ":h", known, nullptr)) != -1;) {
     switch (letter) {
@@ -104,7 +104,7 @@ Options parse_options(int argc, char **argv) {
 void print_help() {
   std::printf("Usage: %s\n", kUsage);
   std::fputs(R"(
-Tells which files below a directory have been damaged.
+Finds the files below a directory that have been damaged.
 
   create   reads every regular file below DIR and records the checksums of its
            blocks in a manifest
@@ -114,27 +114,28 @@ Tells which files below a directory have been damaged.
 Several directories are read one after the other, each against its own manifest.
 
   --manifest FILE  the manifest of the one directory; DIR/.vorn-scrub by default
-  --log DIR        where the log goes; beside the first manifest by default
-  --settings FILE  how much is read at once, how many threads compute checksums
-                   and the rate of reading; scrub.ini is a sample that tells
+  --log DIR        the directory of the log; that of the first manifest by
+                   default
+  --settings FILE  how much to read at once, how many threads compute checksums,
+                   the rate of reading and more; scrub.ini is a sample
   --stall          a drill: an item of scheduled work overruns its time limit of
-                   15 seconds; the run tells when the library has noticed that,
-                   and ends no sooner
+                   15 seconds; the run reports when the library has noticed
+                   this, and does not end before
   --crash          a drill: a thread that computes checksums faults; the process
-                   dies by SIGSEGV, and the log holds the report of it
-  --help           this text
-  --version        the version
+                   dies of SIGSEGV, and the log holds the fault report
+  --help           print this text
+  --version        print the version
 
 Links are not followed. Files that cannot be read, or change while they are
-read, are reported and skipped. An existing manifest is replaced only once the
-new one is complete. In a name, each byte of a blank, a control
-character, '%' or invalid UTF-8 is written as %XX.
+read, are reported and skipped. A manifest is replaced only after the new one is
+complete. In a name, each byte of a blank, a control character, '%' or invalid
+UTF-8 is written as %XX.
 
-A block that differs from its record is read again a second later. If it is
+A block that differs from the manifest is read again a second later. If it is
 wrong again, it is damaged. If it is right, the device, the path to it or memory
 had a passing fault: the data are good, but something that read them is not.
 
-Exit status: 0 clean (also where files are new or were skipped),
+Exit status: 0 clean (files may be new or skipped),
 1 damage found (a block, a size, a missing or unreadable file), 2 could not run,
 3 passing faults, and no damage.
 )",

@@ -1,11 +1,11 @@
-// Recognizes the service's own files in a tree.
+// Recognizes the files of the service in a tree.
 // SPDX-License-Identifier: Apache-2.0
 #include "own_files.hpp"
 
 namespace scrub {
 namespace {
 
-// A directory that does not exist keeps its zeros, which match no directory of a walk.
+// If a directory does not exist, its fields stay 0 and match no directory of a walk.
 struct stat status_of(const std::string &directory) {
   struct stat status {};
   stat(directory.c_str(), &status);

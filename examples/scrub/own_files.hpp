@@ -1,4 +1,4 @@
-// Names the service's own files. They do not count as data, even inside the tree.
+// Names the files of the service. They do not count as data, even inside the tree.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_OWN_FILES_HPP
 #define SCRUB_OWN_FILES_HPP
@@ -22,7 +22,7 @@ struct OwnPaths {
   std::string log() const { return log_directory + "/" + log_name() + ".log"; }
 };
 
-// Recognizes the service's own files, by whatever path a walk reaches them.
+// Recognizes the files of the service, whichever path leads a walk to them.
 class OwnFiles {
 public:
   explicit OwnFiles(const OwnPaths &paths);

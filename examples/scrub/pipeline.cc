@@ -13,13 +13,13 @@
 namespace scrub {
 namespace {
 
-// The most tasks of a batch: a long run of tasks without blocks is passed on in batches too.
+// The most tasks of a batch. A long run of tasks without blocks also needs several batches.
 constexpr std::size_t kMostTasks = 128;
 
 // A thread that waits for the rate limit checks this often whether the run is over.
 constexpr std::uint64_t kLongestSleep = 10'000'000; // nanoseconds
 
-// Ends the reading when no thread takes its batches any more.
+// Ends the reading when no thread takes batches any more.
 struct Stopped {};
 
 [[gnu::noinline]] void fault_on_purpose() {

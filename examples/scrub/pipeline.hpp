@@ -58,19 +58,18 @@ public:
 
   // Only read may call the following.
 
-  // Returns room for one or more whole blocks, up to the read size limit. Waits until there is
-  // some.
+  // Waits for room, and returns room for one or more whole blocks, up to the read size limit.
   std::span<std::byte> room();
 
-  // Takes the first bytes of that room as blocks whose checksums are to be computed, and waits as
-  // the rate limit demands. The result is for tasks that are added before any other call.
+  // Takes the first bytes of that room as blocks, and waits as the rate limit demands. A checker
+  // computes their checksums. Only tasks that are added before any other call may use the result.
   Blocks add_blocks(std::size_t bytes);
 
   // Adds a task, which runs when the checksums of all earlier blocks are computed.
   void then(Task task);
 
 private:
-  // Blocks, each at its place in the buffer, and the tasks that follow them.
+  // Blocks, each at its position in the buffer, and the tasks that follow them.
   struct Batch {
     explicit Batch(std::size_t blocks)
         : buffer(blocks * kBlockSize), lengths(blocks), checksums(blocks) {}
@@ -95,7 +94,7 @@ private:
     Handover<Batch> checked{kBatches};
   };
 
-  // Yields the checkers in turn. The reader and the caller have one each.
+  // Returns the checkers in turn. The reader and the caller have one each.
   class Turn {
   public:
     explicit Turn(Vector<Lane> &lanes) : lanes_(lanes) {}
@@ -133,10 +132,10 @@ private:
   Turn turn_{lanes_};
   RateLimit rate_;
   FineSleep sleep_;
-  Batch *batch_ = nullptr; // that it fills
+  Batch *batch_ = nullptr; // the batch that it fills
 
   const bool crash_;
-  std::exception_ptr failure_; // the reader's, set before the last batch is passed on
+  std::exception_ptr failure_; // of the reader, which sets it before it passes the last batch on
 };
 
 } // namespace scrub

@@ -1,5 +1,5 @@
-// Shows how far a run is: a bar on a terminal, or else a plain line every few seconds. A timer of
-// the wheel draws it, even while a read hangs. Any thread may call any function.
+// Shows the progress of a run: a bar on a terminal, or else a plain line every few seconds. A timer
+// of the library draws it, even while a read hangs. Any thread may call any function.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_PROGRESS_HPP
 #define SCRUB_PROGRESS_HPP
@@ -13,7 +13,7 @@ namespace scrub {
 
 class Progress {
 public:
-  // total is the bytes to read.
+  // total is the number of bytes to read.
   explicit Progress(std::uint64_t total);
   Progress(const Progress &) = delete;
   Progress &operator=(const Progress &) = delete;
@@ -28,7 +28,7 @@ public:
     ++files_;
   }
 
-  // Takes bytes that will not be read off the total.
+  // Subtracts bytes that the run will not read from the total.
   void drop_bytes(std::uint64_t bytes) {
     const std::lock_guard hold(mutex_);
     total_ -= bytes;

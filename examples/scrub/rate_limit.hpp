@@ -12,7 +12,7 @@ namespace scrub {
 class RateLimit {
 public:
   // The time that a delayed reader may make up for. In any span, it reads at most what the rate
-  // allows for the span and this window, and one read more.
+  // allows for the span plus this window, plus one read.
   static constexpr std::uint64_t kWindow = 100'000'000;
 
   // The limit begins now. 0 bytes a second is no limit.

@@ -179,7 +179,7 @@ void Report::account(const Job &job, const Totals &read, const Walk &walk) {
   print_memory();
   std::printf("  manifest  %s\n", job.paths.manifest().c_str());
   if (job.has_log) {
-    std::printf("  log       %s of its own in %s\n",
+    std::printf("  log       %s of vorn-scrub in %s\n",
                 counted(log_messages_written, "message").c_str(), job.paths.log().c_str());
   } else {
     std::printf("  log       none, cannot write %s: warnings and errors alone, on the console\n",

@@ -30,7 +30,7 @@ public:
   void passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
                      const Checksums &found);
   void size_change(const FileRecord &file, std::uint64_t found);
-  // Follows the lines above: tells whether the time of the file says that it was written since.
+  // Follows the lines above: prints whether the file was written since, according to its time.
   void damaged_file(bool written_since);
   void passing_file() { ++count(Count::kPassingFiles); }
   void missing(const FileRecord &file);

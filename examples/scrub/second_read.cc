@@ -21,7 +21,7 @@ SecondRead::SecondRead(std::string path, Vector<Suspect> suspects)
     : path_(std::move(path)), suspects_(std::move(suspects)), work_([this] { read(); }) {
   vorn_timer_set(&timer_, kDelay, reinterpret_cast<std::uint64_t>(this), expired);
   if (vorn_timer_add(&timer_) != 0)
-    throw std::runtime_error("no timer can be armed, the log tells why");
+    throw std::runtime_error("no timer can be armed, the log says why");
 }
 
 SecondRead::~SecondRead() { vorn_timer_delete_sync(&timer_); }

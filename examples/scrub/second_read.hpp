@@ -22,8 +22,7 @@ struct Suspect {
   bool passing = false; // right at the second read
 };
 
-// A timer of the wheel adds the read as scheduled work: a timer's function must not wait for a
-// device.
+// A timer adds the read as scheduled work, because a timer's function must not wait for a device.
 class SecondRead {
 public:
   // The suspects are blocks of the file at path. Throws std::runtime_error if no timer can be
@@ -41,7 +40,7 @@ private:
   void read();
 
   const std::string path_;
-  Vector<Suspect> suspects_; // owned by the work until it is done
+  Vector<Suspect> suspects_; // the work owns them until it is done
   Work work_;
   vorn_timer_s timer_{};
 };

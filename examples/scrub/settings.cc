@@ -1,4 +1,4 @@
-// Reads the settings file, and refuses what is no setting.
+// Reads the settings file, and refuses unknown names and invalid values.
 // SPDX-License-Identifier: Apache-2.0
 #include "settings.hpp"
 
@@ -52,7 +52,7 @@ std::string wanted(const Item &item) {
 class File {
 public:
   explicit File(const std::string &path) : path_(path) {
-    if (vorn_cfg_init_ex(path.c_str()) != 0) refuse("cannot be read, the log tells why");
+    if (vorn_cfg_init_ex(path.c_str()) != 0) refuse("cannot be read, the log says why");
   }
   File(const File &) = delete;
   File &operator=(const File &) = delete;
@@ -96,8 +96,8 @@ std::string_view section_of(std::string_view line) {
   return is_name(name) ? name : std::string_view();
 }
 
-// Finds misspelt items, which no lookup would meet, and lines that the parser drops. Ignores other
-// sections.
+// Finds misspelt items, which no lookup would ask for, and lines that the parser drops. Ignores
+// other sections.
 void File::check_lines() const {
   std::ifstream file(path_);
   std::string text;
@@ -148,7 +148,7 @@ void File::read(const Item &item, Settings &settings) const {
   settings.*item.value = value;
 }
 
-// The library loads one such file in a process: the first.
+// The library loads only one such file in a process: the first.
 void File::load(const char *name, int (*loader)(const char *), const char *what,
                 std::string &loaded) const {
   char text[256];

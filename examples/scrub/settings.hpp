@@ -1,4 +1,4 @@
-// Holds the settings of a run, which an operator may set in an INI file; scrub.ini is a sample.
+// Holds the settings of a run. An operator may change them in an INI file; scrub.ini is a sample.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SETTINGS_HPP
 #define SCRUB_SETTINGS_HPP

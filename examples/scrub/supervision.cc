@@ -23,11 +23,11 @@ Supervision::Supervision(Progress &progress, CpuUsage &cpus, bool stall)
       }) {
   vorn_timer_set(&timer_, kInterval, reinterpret_cast<std::uint64_t>(this), expired);
   if (vorn_timer_add(&timer_) != 0)
-    throw std::runtime_error("no timer can be armed, the log tells why");
+    throw std::runtime_error("no timer can be armed, the log says why");
   if (stall_) stalled_.start();
 }
 
-// After an interrupt, this releases the stalled item at once.
+// After an interrupt, this ends the stalled item at once.
 Supervision::~Supervision() {
   vorn_timer_delete_sync(&timer_);
   noticed_ = true;
@@ -53,10 +53,10 @@ std::uint64_t Supervision::check() {
   const bool overran = vorn_sched_work_timeout_theck() != 0;
   if (overran)
     progress_.print(
-        "OVERRUN     scheduled work is beyond its time limit: the log tells the thread");
+        "OVERRUN     scheduled work is beyond its time limit: the log names the thread");
   const bool stands_still = vorn_is_all_work_timeout() != 0;
   if (stands_still)
-    progress_.print("STANDSTILL  all threads of scheduled work hang: the log tells some of them");
+    progress_.print("STANDSTILL  all threads of scheduled work hang: the log names some of them");
   if (overran) noticed_ = true;
   return overran || stands_still ? kIntervalOfOverrun : kInterval;
 }

@@ -1,6 +1,5 @@
-// Checks every second whether scheduled work overruns its time limit or the pool stands still,
-// which a hanging device causes. The library logs what it finds; the run tells the operator to look
-// there.
+// Checks every second whether scheduled work exceeds its time limit or the pool stands still, as it
+// does when a device hangs. The library logs what it finds; the run refers the operator to the log.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SUPERVISION_HPP
 #define SCRUB_SUPERVISION_HPP
@@ -34,7 +33,7 @@ private:
   Progress &progress_;
   CpuUsage &cpus_;
   const bool stall_;
-  std::atomic<bool> noticed_ = false; // or no longer awaited
+  std::atomic<bool> noticed_ = false; // or no thread waits for it any more
   vorn_timer_s timer_{};
   Work stalled_;
 };

@@ -11,9 +11,9 @@
 namespace scrub {
 namespace {
 
-// Returns the length of the first character of text if it needs no escape, or else 0: the caller
-// escapes the first byte. Terminals obey the control characters U+0080 to U+009F as they do those
-// of ASCII.
+// Returns the length of the first character of text if it needs no escape. Otherwise returns 0, and
+// the caller escapes the first byte. Terminals obey the control characters U+0080 to U+009F as they
+// do those of ASCII.
 std::size_t plain_length(std::string_view text) {
   constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000}; // by length
   const auto first = static_cast<unsigned char>(text[0]);

@@ -42,7 +42,7 @@ Thread::Thread(const std::string &name, std::function<void()> body)
     : state_(std::make_shared<State>(name, std::move(body))) {
   auto own = std::make_unique<std::shared_ptr<State>>(state_);
   if (vorn_thrd_create(State::run, own.get(), nullptr) != 0)
-    throw std::runtime_error("no thread can be started, the log tells why");
+    throw std::runtime_error("no thread can be started, the log says why");
   [[maybe_unused]] auto *passed_on = own.release();
 }
 

@@ -26,8 +26,8 @@ public:
 private:
   struct State;
 
-  // Shared with the thread, which may still be raising the semaphore when the waiting thread goes
-  // on.
+  // Shared with the thread, which may still be raising the semaphore when the waiting thread
+  // continues.
   std::shared_ptr<State> state_;
 };
 

@@ -96,7 +96,7 @@ private:
     next_found();
   }
 
-  // The records that follow are of files below it, which cannot be reached.
+  // The manifest's next files are below this directory and cannot be reached.
   void skip_directory() {
     const char *why = std::strerror(found_.error);
     pipeline_.then(
@@ -128,7 +128,7 @@ private:
     pipeline_.then([this, ending] { comparison_.end(ending); });
   }
 
-  // Reads each recorded block that the file still holds as a whole.
+  // Reads each recorded block that the file still holds completely.
   void read_blocks(DataFile &file) {
     std::uint64_t left = recorded_.size;
     while (left != 0) {
@@ -155,8 +155,8 @@ private:
   Walk &walk_;
   Comparison &comparison_;
 
-  FileRecord recorded_; // while more_recorded_
-  Found found_;         // while more_found_
+  FileRecord recorded_; // valid while more_recorded_
+  Found found_;         // valid while more_found_
   bool more_recorded_ = false;
   bool more_found_ = false;
 };

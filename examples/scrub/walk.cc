@@ -15,11 +15,11 @@ namespace {
 
 bool is_dot(std::string_view name) { return name == "." || name == ".."; }
 
-// Some file systems do not tell the type with the name.
+// Some file systems do not return the type with the name.
 unsigned char type_of(int directory, const dirent &entry) {
   if (entry.d_type != DT_UNKNOWN) return entry.d_type;
   struct stat status {};
-  // A name that has vanished is reported when it is opened.
+  // The run reports a name that has vanished when it opens it.
   if (fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_REG;
   return IFTODT(status.st_mode);
 }

@@ -18,8 +18,8 @@ namespace scrub {
 // Valid until the next step of the walk.
 struct Found {
   String path;
-  int directory = -1;         // to open it in, and
-  const char *name = nullptr; // the name there
+  int directory = -1;         // open it in this directory
+  const char *name = nullptr; // under this name
   int error = 0;              // if not 0, why it cannot be read
 };
 
@@ -31,7 +31,7 @@ public:
   // Returns false at the end.
   bool next(Found &found);
 
-  // The links and special files that the walk has met and left out.
+  // The number of links and of special files that the walk has skipped.
   std::uint64_t links() const { return links_; }
   std::uint64_t specials() const { return specials_; }
 
