@@ -1,8 +1,10 @@
-// Descriptor 2 is the console only if it was open when the library was loaded: any later one may be
-// a file that the process opened for itself after it had closed the standard descriptors, and a log
-// message would become part of that file's content. Each write therefore compares the two files
-// first. A duplicate made at load would need no comparison, but would keep the reader of a pipe
-// waiting for an end of file after the process had closed its standard error.
+// Writes to the console and counts the texts that it drops.
+//
+// Descriptor 2 is the console only if it is still the file that it was when the library was loaded.
+// A process that has closed its standard descriptors may open a file there, and log messages must
+// not go into that file. So each write compares the two files first. A duplicate made at load would
+// need no comparison, but the reader of a pipe would get no end of file when the process closes its
+// standard error.
 // SPDX-License-Identifier: Apache-2.0
 #include "console.hpp"
 
@@ -20,12 +22,12 @@ namespace logging {
 
 namespace {
 
-// Left zero, which is no file's, where descriptor 2 is closed.
+// Stays zero, which matches no file, if descriptor 2 is closed.
 constinit struct stat file_at_load = {};
 
-// Counters only: they order nothing else.
+// Relaxed: the counters order no other access.
 constinit std::atomic<unsigned long> dropped{0};
-constinit std::atomic<unsigned long> reported{0}; // dropped, as of the last report
+constinit std::atomic<unsigned long> reported{0}; // the value of dropped at the last report
 
 [[gnu::constructor]] void remember_console() { fstat(STDERR_FILENO, &file_at_load); }
 

@@ -1,4 +1,4 @@
-// The ten functions of the logging library.
+// Defines the ten functions of the logging library.
 // SPDX-License-Identifier: Apache-2.0
 #include "evlog.h"
 
@@ -17,13 +17,13 @@ namespace {
 
 void report_rate_limit(unsigned int module, unsigned long dropped, const Place &place) {
   if (dropped == 0) return;
-  const vorn::ErrnoGuard errno_stays; // the message that follows may show it
+  const vorn::ErrnoGuard errno_stays; // the next message may show errno
   write_message(module, EVLOG_WARNING, place,
                 "%lu log messages of group %d were dropped by the rate limit.", dropped,
                 group_of(module));
 }
 
-// For the file alone: at this level no message goes to the console.
+// Writes only to the file: at this level no message goes to the console.
 void report_console(Report report) {
   if (!has_log_file()) return;
   const unsigned long dropped = take_console_report(report);

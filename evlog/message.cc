@@ -1,11 +1,11 @@
 // Forms the line of a log message on the stack and writes it without a lock.
 //
-// A write may block for as long as the console's reader likes, so no thread may wait for one:
-// neither fork(), which waits for the holders of locks, nor a thread whose message is for the file.
-// The mutex is held only while spdlog forms the head of the line. Each line is one write to a file
-// that was opened to append, so lines never mix and those of one thread keep their order; the lines
-// of two threads can stand in the other order than their times, which are taken just before the
-// write.
+// A write to the console blocks until the reader reads, so no other thread may wait for it: neither
+// fork(), which waits for the holders of locks, nor a thread whose message goes to the file. A
+// thread holds the mutex only while spdlog forms the head of the line. Each line is a single write
+// to a file that is opened for appending, so lines never mix and the lines of one thread keep their
+// order. The lines of two threads can be in a different order than their times, which the threads
+// read just before the write.
 // SPDX-License-Identifier: Apache-2.0
 #include "message.hpp"
 
@@ -27,24 +27,25 @@ namespace logging {
 
 namespace {
 
-constexpr std::size_t kHeadBytes = 128; // 71 are the most
+constexpr std::size_t kHeadBytes = 128; // at most 71 are used
 constexpr std::size_t kTextBytes = 4095;
 
-// Of spdlog only the formatter is used: its file sinks throw where the disk is full, buffer what a
-// crash then loses, write under a lock, and share no descriptor with a signal handler.
+// Only the formatter of spdlog is used. Its file sinks throw if the disk is full, buffer data that
+// a crash loses, write under a lock, and share no descriptor with a signal handler.
 struct Heads {
-  vorn::Mutex mutex; // the formatter keeps the broken-down time of the present second
+  vorn::Mutex mutex; // the formatter caches the broken-down time of the current second
   spdlog::pattern_formatter formatter{"%Y-%m-%dT%H:%M:%S.%f%z %L %n %t ",
                                       spdlog::pattern_time_type::local, ""};
 };
 
-// Never destroyed, as destructors of other objects log.
+// Never destroyed, because destructors of other objects log.
 Heads &heads() {
   static Heads &made = *new Heads;
   return made;
 }
 
-// Made when the library is loaded, so that no message meets a failing allocation.
+// Makes the formatter when the library is loaded, so that no message needs an allocation that may
+// fail.
 [[gnu::constructor]] void make_heads() { heads(); }
 
 spdlog::level::level_enum spdlog_level(int level) {
@@ -57,8 +58,8 @@ spdlog::level::level_enum spdlog_level(int level) {
 
 const char *shown(const char *text) { return text == nullptr ? "(null)" : text; }
 
-// Writes place and text to out, which has room for kTextBytes and a NUL. The length; 0 when the
-// text cannot be formatted.
+// Writes place and text to out, which has room for kTextBytes and a NUL. Returns the length, or 0
+// if the text cannot be formatted.
 std::size_t form_text(char *out, const Place &place, const char *format, std::va_list args)
     EVLOG_PRINTF(3, 0);
 
@@ -80,7 +81,7 @@ char level_letter(int level) {
   return level < 0 ? 'C' : level > EVLOG_INFO ? 'D' : kLetters[level];
 }
 
-// The head as the formatter forms it, but without a lock and in universal time. The length.
+// Writes the head as the formatter does, but without a lock and in UTC. Returns the length.
 std::size_t form_plain_head(char *out, unsigned int module, int level) {
   using namespace std::chrono;
   const auto now = floor<microseconds>(system_clock::now());
@@ -96,7 +97,7 @@ std::size_t form_plain_head(char *out, unsigned int module, int level) {
   return length < 0 ? 0 : std::min(static_cast<std::size_t>(length), kHeadBytes - 1);
 }
 
-// Writes time, level, module and thread to the bytes before text. Where they begin.
+// Writes time, level, module and thread to the bytes before text. Returns where they begin.
 char *form_head(char *text, unsigned int module, int level) {
   if (on_signal_stack()) {
     char plain[kHeadBytes];
@@ -107,7 +108,7 @@ char *form_head(char *text, unsigned int module, int level) {
   const auto end = std::to_chars(digits, digits + sizeof digits, module).ptr;
   const spdlog::details::log_msg message{
       {digits, static_cast<std::size_t>(end - digits)}, spdlog_level(level), {}};
-  spdlog::memory_buf_t head; // has room for a head without an allocation
+  spdlog::memory_buf_t head; // holds a head without an allocation
   {
     const vorn::MutexGuard hold{heads().mutex};
     heads().formatter.format(message, head);
@@ -120,7 +121,7 @@ char *form_head(char *text, unsigned int module, int level) {
 
 Written write_vmessage(unsigned int module, int level, const Place &place, const char *format,
                        std::va_list args) {
-  char buffer[kHeadBytes + kTextBytes + 1]; // the NUL's place takes the newline
+  char buffer[kHeadBytes + kTextBytes + 1]; // the newline replaces the NUL
   char *const text = buffer + kHeadBytes;
   const std::size_t length = form_text(text, place, format, args);
   if (length == 0) return Written::kNot;

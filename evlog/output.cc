@@ -1,24 +1,26 @@
-// The log file is one descriptor number, the slot, that the first opening sets aside and that is
-// never closed again. Writers load the number and write: no lock, in a signal handler or out of it.
-// Moving, rotating and closing the log put another file into the slot with dup3, which the kernel
-// does in one step: a write goes to the file before or to the one after, never to a number that is
-// free or that another file got meanwhile. Files are opened to append, so texts written at once do
-// not overlay.
+// Opens, writes, rotates and closes the log file.
 //
-// A closed log keeps its slot with a descriptor that refuses writes: a writer that loaded the
-// number just before gets -1 and takes the console.
+// The log file has one descriptor number, the slot. The first opening reserves the slot, and
+// nothing closes it again. Writers load the number and write, without a lock, also in signal
+// handlers. To move, rotate or close the log, a thread puts another file into the slot with dup3.
+// The kernel does this in one step: a write goes to the old file or to the new one, never to a
+// number that is free or that another file got meanwhile. Files are opened for appending, so
+// simultaneous texts do not overwrite each other.
 //
-// A thread that changes the slot holds `switching`. Opening and closing wait for it. A writer that
-// finds the file full only tries, and when another thread holds it, or the very code that this
-// signal handler interrupted, the text stays in the file of before. Rotation consists of system
-// calls that signal handlers may make. How full the file is, every writer asks the kernel: other
-// processes may write to it, or have put the next one in its place, and a text must not go to a
-// file that is about to be deleted.
+// The slot of a closed log holds a descriptor that refuses writes. A writer that loaded the number
+// just before the closing gets -1 and writes to the console.
 //
-// fork() waits for a thread that opens or closes, since a child would find half of what it changes.
-// It cannot wait for one that rotates, which may be in a signal handler and must not wait for
-// fork() in turn. So a child takes `switching` to be free: what a rotation had not done yet when
-// the process was forked, the next writer of the child does.
+// A thread that changes the slot holds `switching`. Threads that open or close the log wait for it.
+// A writer that finds the file full only tries to take it. If another thread holds it, or the code
+// that this signal handler interrupted, the text goes to the full file. Rotation only makes system
+// calls that are safe in signal handlers. Every writer asks the kernel how full the file is,
+// because other processes may write to the file or may have replaced it, and a text must not go to
+// a file that is about to be deleted.
+//
+// fork() waits for a thread that opens or closes the log, because a child would find a half-done
+// change. It cannot wait for a thread that rotates: that thread may be in a signal handler and must
+// not wait for fork() in turn. So a child assumes that `switching` is free, and its next writer
+// completes a rotation that was in progress at the fork.
 // SPDX-License-Identifier: Apache-2.0
 #include "output.hpp"
 
@@ -49,7 +51,7 @@ namespace {
 using vorn::UniqueFd;
 
 constexpr off_t kFileBytes = 8 << 20;
-constexpr int kFiles = 4; // the present one and three old ones
+constexpr int kFiles = 4; // the current file and three old ones
 constexpr off_t kAllBytes = kFiles * kFileBytes;
 
 class SwitchLock {
@@ -59,7 +61,7 @@ public:
   void lock() {
     constexpr timespec kPause{0, 1'000'000};
     while (!try_lock())
-      vorn::sys::sleep(kPause); // not yield: the holder may have the lower priority
+      vorn::sys::sleep(kPause); // not yield: the holder may have a lower priority
   }
 
   void unlock() { taken_.clear(std::memory_order_release); }
@@ -69,18 +71,18 @@ private:
 };
 
 struct Paths {
-  char of[kFiles][PATH_MAX]; // the present file first, then from the youngest to the oldest
+  char of[kFiles][PATH_MAX]; // the current file first, then from the youngest to the oldest
 };
 
 constinit SwitchLock switching;
 Paths paths;                            // under switching
 constinit int slot = -1;                // under switching
-constinit std::atomic<int> log_fd = -1; // the slot while there is a log file
+constinit std::atomic<int> log_fd = -1; // the slot while a log file is open
 constinit std::atomic<off_t> full_size = kFileBytes;
 
 const vorn::ForkChild frees_switching{[] { switching.unlock(); }};
 
-// For opening and closing, which no signal handler does.
+// Guards opening and closing. Signal handlers do neither.
 class SwitchGuard {
 public:
   SwitchGuard() {
@@ -100,7 +102,7 @@ int fail(int error) {
   return -1;
 }
 
-// Absolute, as the process may change its working directory.
+// Makes absolute paths, because the process may change its working directory.
 int compose_paths(const char *program, const char *directory, Paths &out) {
   if (program == nullptr) program = program_invocation_short_name;
   if (directory == nullptr) directory = ".";
@@ -124,7 +126,7 @@ UniqueFd open_to_append(const char *path) {
   return vorn::sys::open(path, O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY, 0640);
 }
 
-// The first file makes the slot.
+// The first file creates the slot.
 bool put_into_slot(const UniqueFd &file) {
   if (slot < 0) {
     slot = vorn::sys::duplicate(file.get()).release();
@@ -136,9 +138,10 @@ bool put_into_slot(const UniqueFd &file) {
   return true;
 }
 
-// Several processes may share the file, a parent and its children first of all. Of those the one
-// that gets the lock on the full file ages it; the others try again with their next text. The lock
-// is one of the process, as children share the open file, and goes with the file out of the slot.
+// Several processes may share the file, such as a parent and its children. The process that gets
+// the lock on the full file ages it; the others try again with their next text. The lock belongs to
+// the process, because children share the open file description. It ends when the file leaves the
+// slot.
 bool lock_full_file(short type) {
   struct flock whole = {};
   whole.l_type = type;
@@ -146,7 +149,7 @@ bool lock_full_file(short type) {
   return fcntl(slot, F_SETLK, &whole) == 0 || (errno != EAGAIN && errno != EACCES);
 }
 
-// Leaves alone what another process has put in the place of the file, having aged it before us.
+// Keeps the file that another process has put in place after it aged the old one.
 void age_files(const struct stat &full) {
   struct stat present;
   if (stat(paths.of[0], &present) != 0 || !same_file(present, full)) return;
@@ -169,7 +172,7 @@ void rotate() {
   age_files(full);
   if (begin_next_file(full)) return;
   lock_full_file(F_UNLCK);
-  // Try again a file's size later, within what all the files may take together.
+  // The rotation failed. Tries again after kFileBytes more, and truncates a file of kAllBytes.
   if (full.st_size >= kAllBytes) std::ignore = ftruncate(slot, 0);
   full_size =
       full.st_size < kAllBytes ? std::min(full.st_size + kFileBytes, kAllBytes) : kFileBytes;
@@ -183,7 +186,7 @@ int open_log_file(const char *program, const char *directory) {
   const UniqueFd file = open_to_append(wanted.of[0]);
   if (!file) return -1;
 
-  const SwitchGuard hold; // after the file system, for which fork() is not to wait
+  const SwitchGuard hold; // after the calls to the file system, for which fork() must not wait
   if (!put_into_slot(file)) return -1;
   paths = wanted;
   log_fd = slot;
@@ -193,7 +196,7 @@ int open_log_file(const char *program, const char *directory) {
 void close_log_file() {
   const SwitchGuard hold;
   if (log_fd.exchange(-1) < 0) return;
-  // An epoll instance cannot be written to, and keeps no file system busy. Without one the file
+  // An epoll instance refuses writes and keeps no file system busy. If there is none, the file
   // stays in the slot.
   const UniqueFd refusing = vorn::sys::above_standard(epoll_create1(EPOLL_CLOEXEC));
   if (refusing) dup3(refusing.get(), slot, O_CLOEXEC);
@@ -204,7 +207,7 @@ bool has_log_file() { return log_fd >= 0; }
 ssize_t write_log_file(std::string_view text) {
   const int fd = log_fd;
   if (fd < 0) return -1;
-  const off_t size = lseek(fd, 0, SEEK_END); // every write appends, wherever that leads
+  const off_t size = lseek(fd, 0, SEEK_END); // every write appends, whatever the offset
   if (size < 0) return write_pipe(fd, text); // or another file without a size
   if (size >= full_size) rotate();
   return vorn::sys::write(fd, text.data(), text.size());

@@ -1,6 +1,9 @@
-// A write to a pipe without a reader raises SIGPIPE in the thread that writes, also when a part of
-// the text had a reader. The thread blocks the signal, writes, and takes the signal away again. One
-// that was pending before is the process's own: a second does not queue, so nothing is taken away.
+// Writes to a pipe without raising SIGPIPE.
+//
+// A write to a pipe without a reader raises SIGPIPE in the thread that writes, even if the reader
+// got a part of the text. The thread blocks the signal, writes, and consumes the signal. If a
+// SIGPIPE was pending before, it belongs to the process: a second one does not queue, so the thread
+// consumes none.
 // SPDX-License-Identifier: Apache-2.0
 #include "pipe.hpp"
 

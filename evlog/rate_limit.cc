@@ -1,4 +1,4 @@
-// Counts the messages of each group in its present interval, under one mutex.
+// Counts the messages of each group in its current interval, under one mutex.
 // SPDX-License-Identifier: Apache-2.0
 #include "rate_limit.hpp"
 
@@ -17,12 +17,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The flag spares the groups without a limit the mutex; everything else is under it.
+// Because of the flag, groups without a limit skip the mutex. The mutex guards everything else.
 struct Limit {
   std::atomic<bool> on{false};
   unsigned int burst = 0;
   std::chrono::milliseconds interval{0};
-  Clock::time_point end{}; // of the present interval
+  Clock::time_point end{}; // of the current interval
   unsigned int written = 0;
   unsigned long dropped = 0;
 };

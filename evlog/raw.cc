@@ -1,4 +1,4 @@
-// Formats raw texts on the stack and hands them on.
+// Formats raw texts on the stack and writes them.
 // SPDX-License-Identifier: Apache-2.0
 #include "raw.hpp"
 
@@ -18,11 +18,11 @@ constexpr std::size_t kRawBytes = 1023;
 
 } // namespace
 
-// The C library's formatter works on the stack for texts, characters, integers and pointers, and
-// for floating point of ordinary width. It takes memory for a width or precision beyond about a
-// thousand, for wide characters and for long lists of numbered values, and takes the locale's locks
-// for %m: evlog.h excludes these. Were one to come nevertheless, the risk is an interrupted malloc
-// or setlocale, and only in a signal handler.
+// The C library's formatter works on the stack for strings, characters, integers and pointers, and
+// for floating point of ordinary width. It allocates memory for a width or precision beyond about a
+// thousand, for wide characters and for long lists of numbered arguments, and takes the locale's
+// locks for %m. evlog.h excludes these. If a caller uses one nevertheless, the risk is an
+// interrupted malloc or setlocale, and only in a signal handler.
 int write_raw(LineEnd end, const char *format, std::va_list args) {
   const vorn::ErrnoGuard errno_stays;
   const vorn::CancellationGuard off;

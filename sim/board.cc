@@ -1,4 +1,4 @@
-// Requests that end the node, which are printed and go no further, and the reboot count.
+// Answers requests that end the node, which it only prints, and the request for the reboot count.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>

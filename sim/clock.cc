@@ -1,5 +1,5 @@
-// The time of day by the system's clock, which may be shifted, and the zone that TZ or the system
-// names.
+// Answers requests for the time of day, from the system's clock plus a shift and the zone that TZ
+// or the system sets.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
@@ -13,8 +13,8 @@ namespace {
 
 constinit std::atomic<long> shift{0};
 
-// The C library has a lock on the zone that a child of fork() would not find free: no thread is in
-// it during a fork().
+// The C library has a lock on the zone, which a child of fork() could find held. This lock keeps
+// threads out of it during a fork().
 pthread_mutex_t zone_lock = PTHREAD_MUTEX_INITIALIZER;
 
 void lock_zone() { pthread_mutex_lock(&zone_lock); }
@@ -31,7 +31,7 @@ timespec now() {
   return time;
 }
 
-// False, with errno, for a time of which the zone does not reach the year.
+// Returns false with errno if the zone does not cover the year of the time.
 bool local(time_t utc, tm *fields) {
   lock_zone();
   tzset();

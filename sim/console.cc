@@ -1,5 +1,5 @@
-// The console: standard error, and the requests that turn its printing and its login query on and
-// off.
+// Prints to the console, which is standard error, and answers the requests that turn its printing
+// and its login query on and off.
 // SPDX-License-Identifier: Apache-2.0
 #include "console.hpp"
 
@@ -18,7 +18,7 @@ constinit std::atomic<bool> printing{true};
 
 } // namespace
 
-// One write: a fault handler may ask for a panic, and the lines of threads do not mix.
+// Makes a single write: a fault handler may request a panic, and the lines of threads must not mix.
 void print(const char *format, ...) {
   if (!printing.load(std::memory_order_relaxed)) return;
   char text[512];

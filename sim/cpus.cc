@@ -1,5 +1,6 @@
-// The CPUs: one frequency for all, whether each stays out of its sleep states, and what it works
-// at. There are always 1024, so that a service of a larger machine can be developed on a small one.
+// Answers requests about CPUs: their common frequency, the idle setting of each, and the thread
+// that each runs. There are always 1024, so that a service for a larger machine can be developed on
+// a small one.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
@@ -20,7 +21,7 @@ constexpr unsigned int kStep = 200000;
 constinit std::atomic<unsigned int> frequency{kHighest};
 constinit std::atomic<std::uint32_t> idle_no_cstates[VORNSIM_CPU_COUNT] = {};
 
-// The record to be answered in place of the stand-in's own; none while the size is 0.
+// The data that replace the stand-in's own answer; there are none while the size is 0.
 constinit unsigned char given_record[VORNSIM_CPU_TASK_INFO_MAX] = {};
 constinit std::atomic<unsigned long> given_size{0};
 

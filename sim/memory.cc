@@ -1,4 +1,4 @@
-// The machine's free memory, and the table of what each module uses, which is the process's own.
+// Answers requests for the machine's free memory and for the process's table of memory by module.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Files of /proc are read with descriptors and buffers of the caller alone.
+// Reads files of /proc, only with descriptors and buffers of the calling thread.
 // SPDX-License-Identifier: Apache-2.0
 #include "proc.hpp"
 
@@ -26,8 +26,8 @@ bool read_file(const char *path, char *text, std::size_t size) {
   return length != 0;
 }
 
-// "TID (NAME) STATE ..."; a name may hold parentheses. The CPU is the 39th field, the 37th from the
-// state on.
+// Parses "TID (NAME) STATE ...". A name may hold parentheses. The CPU is field 39; counted from the
+// state, it is field 37.
 bool parse_stat(const char *text, ThreadState *out) {
   const char *name = std::strchr(text, '(');
   const char *end = std::strrchr(text, ')');
@@ -69,7 +69,7 @@ template <class Visit> bool any_thread(Visit visit) {
 
 } // namespace
 
-// The process's own first: another's need not be readable.
+// Tries the process's own threads first, because those of others may be unreadable.
 bool read_thread_file(int tid, const char *file, char *text, std::size_t size) {
   char path[64];
   std::snprintf(path, sizeof path, "/proc/self/task/%d/%s", tid, file);

@@ -15,7 +15,7 @@ namespace {
 constexpr char kSeparators[] = ", \t\n";
 constexpr int kLastErrno = 133; // EHWPOISON
 
-// A number that ends where *text is advanced to.
+// Parses a number and advances *text to its end.
 bool parse_number(const char **text, long least, long most, long *out) {
   char *end = nullptr;
   errno = 0;
@@ -25,7 +25,7 @@ bool parse_number(const char **text, long least, long most, long *out) {
   return true;
 }
 
-// The errno whose name the text begins with; 0 when there is none.
+// Returns the errno whose name begins the text, or 0 if there is none.
 int parse_errno(const char **text) {
   const std::size_t length = std::strcspn(*text, "@");
   for (int error = 1; error <= kLastErrno; ++error) {
@@ -38,7 +38,7 @@ int parse_errno(const char **text) {
   return 0;
 }
 
-// OPERATION=ANSWER[@CALL]
+// Parses OPERATION=ANSWER[@CALL].
 bool parse_entry(const char *text, unsigned int *operation, Rule *rule) {
   long number = 0;
   if (!parse_number(&text, 0, INT_MAX, &number) || *text++ != '=') return false;

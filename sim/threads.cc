@@ -1,4 +1,4 @@
-// The state of threads and their stacks, as far as /proc shows them: printed on the console.
+// Prints the state and the stacks of threads on the console, as far as /proc shows them.
 // SPDX-License-Identifier: Apache-2.0
 #include <climits>
 #include <cstring>
@@ -29,7 +29,7 @@ void print_stack(const ThreadState &thread) {
     print("vornsim:   %s\n", line);
 }
 
-// The thread that argument 1 of a request names; 0 names the caller.
+// Returns the thread that argument 1 of a request names; 0 names the caller.
 bool asked_thread(const Arguments &arguments, ThreadState *out) {
   if (arguments[0] == 0) return find_thread(static_cast<int>(syscall(SYS_gettid)), out);
   return arguments[0] <= INT_MAX && find_thread(static_cast<int>(arguments[0]), out);

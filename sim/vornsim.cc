@@ -1,4 +1,4 @@
-// Finds the operation of a request, records the request, and answers by a rule or by itself.
+// Finds the operation of a request, saves its arguments, and answers with a rule or by itself.
 // SPDX-License-Identifier: Apache-2.0
 #include "vornsim.h"
 
@@ -15,8 +15,8 @@
 namespace vornsim {
 namespace {
 
-// What is known of an operation. The arguments are written one by one: a reader that meets a call
-// may see those of two.
+// The state of an operation. A call writes the arguments one by one, so a reader may see arguments
+// of two calls.
 struct Operation {
   unsigned int code;
   Answer *answer;
@@ -70,7 +70,7 @@ Operation *find_command(unsigned long command) {
   return command >> 32 == VORN_MODULE_ID ? find(command & 0xFFFFFFFF) : nullptr;
 }
 
-// Returns which call of the operation this is, counted from 1.
+// Returns the number of this call of the operation, counted from 1.
 unsigned long note(Operation &operation, const Arguments &arguments) {
   for (std::size_t i = 0; i < std::size(arguments); ++i)
     operation.arguments[i] = arguments[i];
@@ -91,7 +91,7 @@ bool set_rule(unsigned int code, const Rule &rule) {
   return true;
 }
 
-// A rule for the nth call from now on, or for every one.
+// Sets a rule for the nth call from now on, or for every call.
 int set_rule_from_now(unsigned int code, unsigned int nth, Rule rule) {
   const Operation *operation = find(code);
   if (operation == nullptr) return -1;
@@ -108,8 +108,7 @@ int set_rule_from_now(unsigned int code, unsigned int nth, Rule rule) {
 } // namespace
 } // namespace vornsim
 
-// What is asked for through the door may open files and print; the library promises that none of it
-// is a cancellation point.
+// An answer may open files and print. The library promises that a request is no cancellation point.
 VORN_API long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long a2,
                                    unsigned long a3, unsigned long a4) {
   vornsim::Operation *operation = vornsim::find_command(command);

@@ -1,4 +1,4 @@
-// The wait on a word, by futex(2).
+// Answers the request to wait on a word, with futex(2).
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <cstdint>
@@ -32,12 +32,12 @@ timespec after(std::int64_t ticks) {
   return time;
 }
 
-// Rounded up, and at least 1, which tells a wait that was ended from one whose time ran out.
+// Rounds up to at least 1, which means that the wait was ended before its time ran out.
 unsigned long ticks_until(const timespec &deadline) {
   const timespec time = now();
   std::int64_t seconds = deadline.tv_sec - time.tv_sec;
   std::int64_t nanoseconds = deadline.tv_nsec - time.tv_nsec;
-  if (nanoseconds < 0) { // first, as a wait without end leaves no room for another second of ticks
+  if (nanoseconds < 0) { // first, because adding to the ticks of an endless wait would overflow
     nanoseconds += kNanosecondsPerSecond;
     --seconds;
   }
