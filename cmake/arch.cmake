@@ -1,4 +1,4 @@
-# VORN_ARCH names the folder under src/arch that this build takes its processor from.
+# Sets VORN_ARCH to the folder under src/arch that has the sources for the processor of this build.
 # SPDX-License-Identifier: Apache-2.0
 string(TOLOWER "${CMAKE_SYSTEM_PROCESSOR}" VORN_ARCH)
 if(VORN_ARCH STREQUAL "amd64")

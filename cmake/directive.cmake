@@ -1,5 +1,5 @@
-# directive(FILE KEYWORD OUT): the words behind "// KEYWORD: " in a source, which tell the build what that
-# program is made of.
+# directive(FILE KEYWORD OUT): sets OUT to the words after "// KEYWORD: " in a source. They tell the build
+# how to link that program.
 # SPDX-License-Identifier: Apache-2.0
 function(directive file keyword out)
   file(STRINGS ${file} lines REGEX "^// ${keyword}: ")

@@ -1,4 +1,4 @@
-# What is installed; packaging/debian makes the packages of it.
+# Installs the project; packaging/debian makes packages of the installed files.
 # SPDX-License-Identifier: Apache-2.0
 include(CMakePackageConfigHelpers)
 

@@ -1,4 +1,4 @@
-# What every target is compiled and linked with.
+# Sets the compile and link options of every target.
 # SPDX-License-Identifier: Apache-2.0
 add_library(vorn_options INTERFACE)
 target_compile_options(vorn_options INTERFACE
@@ -6,24 +6,24 @@ target_compile_options(vorn_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>
   -g -fno-omit-frame-pointer -fstack-protector-strong)
 
-# The library's own rules. Interposition stays open, in calls within one source file too:
-# a process may put its own function in front of any of ours.
+# The options of the library. Interposition stays possible, also for calls within a source file: a
+# process may replace any of our functions with its own.
 add_library(vorn_library_options INTERFACE)
 target_link_libraries(vorn_library_options INTERFACE vorn_options)
 target_compile_options(vorn_library_options INTERFACE
   -fPIC -fvisibility=hidden -ftls-model=initial-exec -fsemantic-interposition
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fvisibility-inlines-hidden>)
 
-# How the shared libraries are linked. Not the tests that take the library's objects: a program with
-# an unwinder of its own beside the C library's cannot have its threads cancelled. The linker's maps
-# tell tools/sbom what was linked.
+# The options of the shared libraries. Tests that link the library's objects do not use them: the threads
+# of a program that has its own unwinder next to the C library's cannot be cancelled. tools/sbom reads
+# the linker's maps.
 add_library(vorn_shared_options INTERFACE)
 target_link_libraries(vorn_shared_options INTERFACE vorn_library_options)
 target_link_options(vorn_shared_options INTERFACE
   -static-libgcc -static-libstdc++ LINKER:--exclude-libs,ALL LINKER:--as-needed
   LINKER:-z,relro LINKER:-z,now
   LINKER:-Map=${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/$<TARGET_PROPERTY:NAME>.map
-  LINKER:-z,nodelete) # stays loaded: its signal handler, threads and keys have no way to be recalled
+  LINKER:-z,nodelete) # stays loaded: the library cannot withdraw its signal handler, threads and keys
 
 if(VORN_SANITIZE STREQUAL "address")
   set(sanitize -fsanitize=address,undefined -fno-sanitize-recover=all)

@@ -1,5 +1,5 @@
-# Builds for AArch64: natively on an AArch64 machine, else with the cross compiler,
-# with user-mode emulation as the runner of what was built.
+# Builds for AArch64: natively on an AArch64 machine, elsewhere with the cross compiler. User-mode
+# emulation then runs the programs.
 # SPDX-License-Identifier: Apache-2.0
 if(CMAKE_HOST_SYSTEM_PROCESSOR MATCHES "^(aarch64|arm64)$")
   return()

@@ -1,12 +1,12 @@
-"""Reads a public header: what it declares, and what its plain comments say of that.
+"""Reads a public header: what it declares, and what its comments say about that.
 
-The comments have a fixed layout. The first one of a file is the module's. One that stands alone and
-begins with "--- Title ---" opens a section. Any other, at the start of a line, documents the
-declarations up to the next blank line; a comment after a declaration documents that. Within a
-comment a blank line separates paragraphs. Lines that are indented further are an example or a
-table; "  name: text", where name is a parameter of the declaration, is that parameter's. A
-paragraph that begins with "Returns" tells the result, and sentences such as "Any thread." or
-"Signal-safe." tell where a function may be called."""
+The comments have a fixed layout. The first comment of a file belongs to the module. A comment that
+stands alone and begins with "--- Title ---" opens a section. Any other comment at the start of a line
+documents the declarations up to the next blank line; a comment after a declaration documents that
+declaration. A blank line separates paragraphs. Lines with a deeper indent are an example or a table;
+"  name: text", where name is a parameter of the declaration, describes that parameter. A paragraph
+that begins with "Returns" describes the result, and sentences such as "Any thread." or "Signal-safe."
+say where a function may be called."""
 
 import pathlib
 import re
@@ -81,12 +81,12 @@ def sentences(text):
 
 
 def titles():
-    """The module titles of the landing page: module to title."""
+    """The module titles of the landing page, by module."""
     return dict(re.findall(r"^- `(\w+)\.h`: (.*)$", LANDING_PAGE.read_text(encoding="utf-8"), re.M))
 
 
 def parse_block(lines):
-    """Lines that are indented further: an example in C, a table of terms, or a plain text."""
+    """Lines with a deeper indent: an example in C, a table of terms, or plain text."""
     indent = min(len(line) - len(line.lstrip()) for line in lines if line)
     lines = [line[indent:] for line in lines]
     text = "\n".join(lines)
@@ -161,7 +161,7 @@ def parse_comment(text, parameters=(), of_function=False):
 
 
 def sort(comment, blocks):
-    """What of the blocks is description, what the result, what the context."""
+    """Splits the blocks into description, result and context."""
     target = comment.blocks
     context = []
     for block in blocks:
@@ -204,7 +204,7 @@ NESTED = r"((?:[^()]|\((?:[^()]|\([^()]*\))*\))*)"
 
 
 def declare(source):
-    """The declaration that source holds."""
+    """The declaration in source."""
     text = plain(source).strip()
     one = Declaration(text, Comment(), "type", "", source)
     macro = re.match(r"#define (\w+)(?:\(([^)]*)\))?", text)
@@ -224,7 +224,7 @@ def declare(source):
 
 
 def describe(declarations, text):
-    """Gives each of the declarations what the comment above them says."""
+    """Assigns the comment above the declarations to each of them."""
     names = {name for one in declarations for name in one.parameters}
     for one in declarations:
         one.comment = parse_comment(text, names, one.kind == "function" or bool(one.parameters))
