@@ -1,4 +1,4 @@
-// Reads a regular file, and notices that it changed meanwhile.
+// Reads a regular file, and notices changes during the read.
 // SPDX-License-Identifier: Apache-2.0
 #include "data_file.hpp"
 

@@ -17,7 +17,7 @@ public:
   // Called once a second.
   void sample();
 
-  // Prints the mean of each CPU; the last second alone if there is no sample.
+  // Prints the mean of each CPU, or only the last second if there is no sample.
   void print();
 
 private:

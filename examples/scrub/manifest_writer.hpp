@@ -1,4 +1,4 @@
-// Writes a manifest into an unfinished file beside it, and renames that file to the manifest when
+// Writes a manifest into an unfinished file next to it, and renames that file to the manifest when
 // it is complete. Until then, and after any failure, the old manifest stays as it is.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_WRITER_HPP

@@ -128,7 +128,7 @@ private:
   std::atomic<bool> stopped_ = false;
   std::atomic<std::uint64_t> charged_ = 0;
 
-  // Used by the reader's thread alone:
+  // Only the reader's thread uses the following:
   Turn turn_{lanes_};
   RateLimit rate_;
   FineSleep sleep_;

@@ -33,7 +33,7 @@ std::string speed_text(std::uint64_t bytes, std::uint64_t nanoseconds) {
 
 } // namespace
 
-// If no timer can be armed, the log says why and the run goes on without the bar.
+// If no timer can be armed, the log says why and the run continues without the bar.
 Progress::Progress(std::uint64_t total)
     : terminal_(isatty(STDOUT_FILENO) == 1), started_(vorn_time_getnanosec()), total_(total) {
   vorn_timer_set(&timer_, terminal_ ? kBarInterval : kLineInterval,
