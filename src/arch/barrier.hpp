@@ -1,9 +1,7 @@
-// Defines full barriers: every CPU sees the reads and writes before a barrier before those after
-// it.
+// Defines full barriers: every CPU sees the accesses before a barrier before those after it.
 //
 //   full_barrier()               between any two accesses
-//   full_barrier_after_atomic()  right after an atomic read-modify-write, without a write in
-//   between;
+//   full_barrier_after_atomic()  right after an atomic read-modify-write, with no write in between;
 //                                free if the read-modify-write is itself a full barrier
 //
 // The thread sanitizer does not model fences: the code also uses acquire loads and release stores

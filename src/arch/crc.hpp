@@ -1,11 +1,12 @@
-// Declares the checksums by special instructions:
+// Declares the checksum functions that use the processor's special instructions:
+//
 //   vorn::arch::CrcProbe       the instructions that a processor has
 //   vorn::arch::crc_probe      the instructions that this processor has
 //   vorn::arch::has_crc32c()   whether the next two may be called:
 //   vorn::arch::crc32c()       returns the register after length more bytes
-//   vorn::arch::crc32c_copy()  the same, and copies them; it stores each word before it uses the
-//   word vorn::arch::has_crc16()    whether the next one may be called: vorn::arch::crc16() returns
-//   the register after length more bytes, at least 16
+//   vorn::arch::crc32c_copy()  the same, and copies them; stores each word before it uses the word
+//   vorn::arch::has_crc16()    whether the next one may be called:
+//   vorn::arch::crc16()        returns the register after length more bytes, at least 16
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_CRC_HPP
 #define VORN_ARCH_CRC_HPP

@@ -1,5 +1,5 @@
 // Computes CRC-32C by the processor's instruction. A step waits two or three cycles for the
-// previous step, but the processor can begin a step in each cycle. Hence:
+// previous step, but the processor can begin a step in each cycle. So:
 //
 // 1. Cut a long input into three lanes of whole words.
 // 2. Run the steps of the three lanes side by side.
@@ -102,7 +102,7 @@ public:
   // The same in a single chain, for short inputs. Inlined.
   template <class Source> [[gnu::always_inline]] static std::uint32_t
   run_chain(Register crc, Source source, std::size_t length) {
-    if (length >= 8 * kWord) { // the rest of this is not needed for multiples, the usual lengths
+    if (length >= 8 * kWord) { // the usual lengths are multiples, and need only this
       for (; length >= 8 * kWord; length -= 8 * kWord)
         crc = words<8>(crc, source);
       if (length == 0) [[likely]]
@@ -155,8 +155,8 @@ public:
       --left_;
     }
 
-    // Makes the last step of each lane, and returns the joined register, with the other register
-    // that is carried there. Leaves source after the third lane.
+    // Makes the last step of each lane, and returns the joined register, to which it adds carried.
+    // Leaves source after the third lane.
     template <class Source>
     [[gnu::always_inline]] Register join(Source &source, std::uint64_t carried) {
       step_first_two(source);

@@ -1,4 +1,11 @@
 // Implements the AVL tree.
+//
+// 1. An insertion links the node where the search ended, and goes up while a subtree has grown.
+// 2. A removal replaces a node that has two children by its neighbour on the heavier side, and goes
+//    up while a subtree has become lower.
+// 3. On the way up, a node of balance 0 leans to one side. A node that leaned the other way is
+//    balanced. A node that would lean by two levels is rotated, once or twice.
+// 4. The way ends at the first node whose subtree has kept its height.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_avl.h"
 

@@ -2,11 +2,10 @@
 // middle of the report of another fault.
 //
 // 1. process_vm_readv(2) on the calling process checks and copies in one step. It needs no
-// descriptor
-//    and no ptrace permission.
+//    descriptor and no ptrace permission.
 // 2. If a system call filter or an emulator refuses that call, a futex(2) call, which reads one
-// word,
-//    tests each page before the copy. The copy faults if another thread unmaps the page in between.
+//    word, tests each page before the copy. The copy faults if another thread unmaps the page in
+//    between.
 //
 // Writing to a pipe would test a page too, but the process may have closed the pipe's descriptors
 // and reused them for a file.

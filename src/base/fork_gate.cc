@@ -9,7 +9,7 @@
 // A nested entry does not count and does not read `closed`: a thread inside may need another lock
 // to get out. A thread that forks from inside subtracts itself and waits for the others only. Until
 // the gate is open again, signal handlers and functions of pthread_atfork(3) in the forking thread
-// also enter without reading `closed`: they would wait for their own thread.
+// also enter without reading `closed`: otherwise they would wait for their own thread.
 //
 // The wait has a deadline, because a thread inside may be stopped, or wait for the forking thread.
 // The child then inherits that thread's locks as they are.

@@ -1,4 +1,4 @@
-// Counts the log messages of a call site and decides which are dropped.
+// Counts the log messages of a call site and decides which ones to drop.
 // SPDX-License-Identifier: Apache-2.0
 #include "base/ratelimit.hpp"
 

@@ -12,8 +12,8 @@
 
 namespace vorn {
 
-// The state of one call site, initially all zero. It has no lock: each field is read and written as
-// a whole. If two threads meet in one site, a count may be lost.
+// The state of one call site, initially all zero. It has no lock: a thread reads and writes each
+// field as a whole. If two threads meet in one site, a count may be lost.
 struct RateLimit {
   std::atomic<std::uint64_t> interval_start;
   std::atomic<std::uint32_t> printed;
@@ -25,14 +25,14 @@ inline constexpr std::uint64_t kRateLimitInterval = 15000;
 inline constexpr std::uint64_t kRateLimitReportInterval = 150000;
 inline constexpr std::uint32_t kRateLimitBurst = 3;
 
-// Counts a log message of the site. Returns false if it is to be dropped. Sets *report to the
+// Counts a log message of the site. Returns false if the caller must drop it. Sets *report to the
 // number of suppressed messages to report first.
 bool rate_limit_admit(RateLimit &site, std::uint32_t *report);
 
 } // namespace vorn
 
 // Logs a rate-limited message in the name of func. report_level is the level of the report of the
-// suppressed ones, which is written without a second level test.
+// suppressed ones, which the macro writes without a second level test.
 #define VORN_LOG_RATELIMITED_AS(func, level, report_level, ...)                                    \
   do {                                                                                             \
     if (!::vorn::log_wanted(level)) break;                                                         \

@@ -1,13 +1,12 @@
 // Declares the system's calls as the library makes them.
 //
 //   - None is a cancellation point, so the library may hold anything while it makes them.
-//   - None creates descriptor 0, 1 or 2: a process that has closed these would read and write a
-//   file
-//     of the library as its standard streams.
-//   - Calls that transfer data or wait continue after a signal.
+//   - None creates descriptor 0, 1 or 2: a process that has closed these would use a file of the
+//     library as its standard streams.
+//   - Calls that transfer data or wait continue after a signal, except sleep().
 //
-// Otherwise, results and errno are the system's. All but streams and directories are safe in a
-// signal handler.
+// Otherwise, results and errno are the system's. The calls on descriptors, poll() and sleep() are
+// safe in a signal handler.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BASE_SYSTEM_HPP
 #define VORN_BASE_SYSTEM_HPP

@@ -1,4 +1,4 @@
-// Searches and changes bits.
+// Searches, changes and counts bits, and converts byte orders.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_bitops.h"
 

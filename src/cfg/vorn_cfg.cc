@@ -1,9 +1,10 @@
 // Implements the registry of parsed files.
 //
-// Order of locks: the registry's lock, then a file's lock. A thread waits for a file's lock only
-// while it holds the registry's lock. A thread that removes a file from the registry takes the
-// file's lock before it frees the file. So a file that a thread has found under the registry's lock
-// exists until that thread has taken the file's lock, and as long as it holds that lock.
+// Order of locks: the registry's lock, then a file's lock. A thread that looks a file up waits for
+// the file's lock while it holds the registry's lock. A thread that removes a file from the
+// registry takes the file's lock before it frees the file. So a file that a thread has found under
+// the registry's lock exists until that thread has taken the file's lock, and as long as it holds
+// that lock.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
@@ -34,7 +35,7 @@ vorn_cfg_file_node_s *file_of(vorn_list_head_s *link) {
   return vorn_list_entry(link, vorn_cfg_file_node_s, link);
 }
 
-// The callers of the following hold the registry's lock.
+// The callers of the functions from here to unlink_file hold the registry's lock.
 
 vorn_cfg_file_node_s *next_file(const vorn_cfg_file_node_s *file) {
   vorn_list_head_s *link = file == nullptr ? vorn_list_first(&vorn_cfg_file_list)
@@ -62,7 +63,7 @@ FileNode unlink_file(vorn_cfg_file_node_s *file) {
 
 // Registers file, and replaces a registered file of the same path.
 void register_file(FileNode file) {
-  FileNode old; // goes after the registry's lock
+  FileNode old; // freed after the registry's lock is released
   RegistryWriteGuard registry;
   vorn_cfg_file_node_s *registered = find_file(file->path);
   file->reference_count = 1;
@@ -73,8 +74,8 @@ void register_file(FileNode file) {
   link_file(file.release());
 }
 
-// Copies a value for a setter, and stores the result of copying. Returns null after an error
-// message if memory runs out.
+// Copies a value for a setter, and stores the result of the copy in *error. Returns null after an
+// error message if memory runs out.
 mem::Block copy_value(const char *function, const char *value, int *error) {
   const std::size_t size = std::strlen(value) + 1;
   mem::Block copy = mem::allocate_block(size, function);
@@ -97,7 +98,7 @@ int give_too_small(const char *function, unsigned int size, std::size_t actual) 
 
 unsigned long update_file(vorn_cfg_file_node_s *file) {
   index_build(file);
-  FileNode old; // goes after the registry's lock
+  FileNode old; // freed after the registry's lock is released
   const RegistryWriteGuard registry;
   vorn_cfg_file_node_s *registered = find_file(file->path);
   if (registered == nullptr) {
@@ -159,7 +160,7 @@ int vorn_cfg_destroy() {
 
 int vorn_cfg_destroy_ex(const char *path) {
   if (path == nullptr) return 0;
-  FileNode old; // goes after the registry's lock
+  FileNode old; // freed after the registry's lock is released
   RegistryWriteGuard registry;
   vorn_cfg_file_node_s *file = find_file(path);
   if (file != nullptr && --file->reference_count == 0) old = unlink_file(file);

@@ -1,4 +1,4 @@
-// Implements the editors that write a temporary file.
+// Implements the functions that edit a file on disk through a temporary file.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
@@ -14,8 +14,8 @@ namespace {
 constexpr int kNotOpened = -1;
 constexpr int kNotEdited = 1;
 
-// Returns 0; kNotOpened after an error message in the name of function, whose text begins with
-// verb; or kNotEdited.
+// Returns 0, or kNotEdited if the edit failed. If the file cannot be opened, logs an error in the
+// name of function, with verb at its beginning, and returns kNotOpened.
 int edit(const char *function, const char *verb, vorn_cfg_oper_param_s param,
          vorn_cfg_edit_f procedure) {
   const UniqueFd fd = open_file(param.path, O_RDWR);

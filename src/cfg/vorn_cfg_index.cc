@@ -1,4 +1,10 @@
 // Implements the hash index of a parsed file.
+//
+// 1. The table has open addressing. A name is in the first slot, from that of its hash on, that is
+//    free or has the name already.
+// 2. If three quarters of the slots are used, the next name first moves all entries to a table of
+//    four times the size.
+// 3. If memory for that runs out, the library drops the index, and lookups walk the lists.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_index.hpp"

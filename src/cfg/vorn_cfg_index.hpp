@@ -1,4 +1,4 @@
-// Finds sections and items by name without walking the lists, for parses of, and lookups in, files
+// Declares the index that finds sections and items by name without a walk of the lists, for files
 // with many items. The index gives the same answer as a walk: the first of several equal names. It
 // exists only while the library alone changes the lists: during a parse and in the registry. If
 // memory runs out there is no index, and the lists are walked.

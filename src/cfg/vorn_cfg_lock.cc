@@ -1,4 +1,4 @@
-// Waits for the locks of the configuration engine.
+// Takes and releases the locks of the configuration engine.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_lock.hpp"

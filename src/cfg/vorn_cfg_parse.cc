@@ -1,4 +1,4 @@
-// Parses a file line by line.
+// Parses an INI file line by line.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_parse.hpp"
@@ -29,8 +29,8 @@ CStringView c_string(const Line &line, std::string_view part) {
   return {begin, part.size()};
 }
 
-// Removes the blanks at the end. Those at the start stay, but do not count. Returns false if the
-// line is to be dropped.
+// Removes the blanks at the end. Those at the start stay, but do not count towards the limit.
+// Returns false if the caller must drop the line.
 bool vorn_cfg_trim_string(Line *line) {
   line->length = trim_end({line->text, line->length}).size();
   line->text[line->length] = '\0';
@@ -54,7 +54,7 @@ std::optional<CStringView> vorn_cfg_is_section(const Line &line) {
   return std::nullopt;
 }
 
-// Returns false if the line is to be dropped.
+// Returns false after an error message if the name does not fit.
 bool vorn_cfg_copy_section(char (&section)[kNameSize], CStringView name) {
   if (copy_text(section, sizeof section, name) == 0) return true;
   return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.c_str());
@@ -64,7 +64,7 @@ bool is_comment(const Line &line) {
   return line.length == 0 || line.text[0] == ';' || line.text[0] == '=';
 }
 
-// Splits the line at its first "=". Returns nothing if the line is to be dropped.
+// Splits the line at its first "=". Returns nothing if the caller must drop the line.
 std::optional<Item> vorn_cfg_parse_item(const Line &line) {
   const std::string_view text(line.text, line.length);
   const std::size_t equals = text.find('=');

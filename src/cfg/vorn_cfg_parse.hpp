@@ -1,4 +1,4 @@
-// Declares the parser, which passes the items of a file to a callback one by one.
+// Declares the parser of INI files, which passes the items of a file to a callback one by one.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_PARSE_HPP
 #define VORN_CFG_PARSE_HPP
@@ -20,17 +20,17 @@ using ItemFunction = int (*)(vorn_cfg_file_node_s *node, const char *section, co
                              void *context);
 inline constexpr int kContinue = 1;
 
-// Parses from the position of fd to its end. Returns 0; the value that stopped it; or -1 after an
-// error message if memory runs out or the file cannot be read.
+// Parses from the position of fd to its end. Returns 0, or the value that stopped the parse. Logs
+// an error and returns -1 if memory runs out or the file cannot be read.
 int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function, void *context);
 
-// Parses a file into a new node. Returns null unless the result of the parse is 0. Unless source is
-// null, it then takes the descriptor of the file.
+// Parses a file into a new node. Returns null unless the result of the parse is 0. On success,
+// *source gets the descriptor of the file, unless source is null.
 FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context,
                                  UniqueFd *source = nullptr);
 
-// The callback that stores each item in the node. It logs an item that it cannot store, and sets
-// the bool that context points to, unless that is null, to false; the parse goes on.
+// The callback that stores each item in the node. If it cannot store an item, it logs an error,
+// sets the bool that context points to (unless context is null) to false, and lets the parse go on.
 int vorn_cfg_file_proc(vorn_cfg_file_node_s *node, const char *section, const Item &item,
                        void *context);
 

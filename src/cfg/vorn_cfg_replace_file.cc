@@ -100,12 +100,12 @@ void sync_folder(const char *function, const char *path) {
   VORN_LOG_AS(function, kWarning, "Sync folder of file(%s) failed, errno<%d>.", path, errno);
 }
 
-// Replaces the locked file by the content of node. The registry takes the content first. It reads
-// the file again if the file then cannot be replaced, or if the old content was registered in
-// between.
+// Replaces the locked file by the content of node. The registry takes the content first. If the
+// file then cannot be replaced, or another thread has registered a file in between, the registry
+// reads the file again.
 int replace_file(const char *function, const char *path, int fd, FileNode node) {
   TemporaryFile file(path, fd);
-  if (!file) return -1; // node is freed too: only its memory would tell that it was kept
+  if (!file) return -1; // frees node too: no caller can tell
   if (vorn_cfg_writeFnodeTofile(file.fd(), node.get()) != 0)
     return VORN_FAIL_AS(function, -1, "Write node file(%s) failed.", path);
   const unsigned long registration = update_file(node.get());
@@ -132,10 +132,10 @@ int vorn_cfg_file_writeOperate(int fd, vorn_cfg_oper_param_s *param, vorn_cfg_ed
   const char *path = param->path;
   const PathLock lock(path, fd);
   if (!lock) return VORN_FAIL(-1, "Open file<%s> failed, errno<%d>", path, errno);
-  bool is_whole = true; // an item without memory would be lost from the file
+  bool is_whole = true; // the edit would remove an item that there was no memory for
   FileNode node = vorn_cfg_ini_file_parse(path, vorn_cfg_file_proc, &is_whole);
-  if (node == nullptr ||
-      !is_whole) { // the message has the item instead of the path, as it has always had
+  // The message has the item instead of the path, as it has always had.
+  if (node == nullptr || !is_whole) {
     return VORN_FAIL(-1, "Parse config file %s failed.",
                      param->item == nullptr ? "(null)" : param->item);
   }

@@ -1,4 +1,4 @@
-// Handles texts of configuration files.
+// Trims, checks and copies texts of configuration files.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_text.hpp"

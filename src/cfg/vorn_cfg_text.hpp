@@ -1,4 +1,4 @@
-// Declares blanks, names and bounded copies of the texts of configuration files.
+// Declares the functions on texts of configuration files: blanks, names and bounded copies.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_CFG_TEXT_HPP
 #define VORN_CFG_TEXT_HPP
@@ -21,7 +21,7 @@ bool vorn_cfg_check_name(std::string_view name);
 // Returns whether text would add a line to a file that it is written to.
 bool holds_line_end(const char *text);
 
-// The form in log messages.
+// The types that log messages print.
 inline int int_of(std::size_t size) { return static_cast<int>(size); }
 inline const void *pointer(const void *address) { return address; }
 

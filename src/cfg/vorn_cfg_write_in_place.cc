@@ -1,4 +1,4 @@
-// Writes a file in place: builds the whole new text, then overwrites the file with it.
+// Writes an item to a file in place: builds the whole new text, then overwrites the file with it.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
@@ -77,7 +77,7 @@ int vorn_write_item_func(vorn_cfg_file_node_s *, const char *section, const Item
                    int_of(sizeof writing->last_section));
 }
 
-// The target where the file does not have it yet.
+// Appends the target, which the file does not have yet.
 int put_missing(const char *function, Writing *writing) {
   TextBuffer &text = writing->text;
   if (text.size() <= text.length()) {
@@ -91,7 +91,7 @@ int put_missing(const char *function, Writing *writing) {
   return format_failed(function, room);
 }
 
-// The truncation comes last: a file that is not cut yet holds all of the old text or of the new.
+// Truncates last: until then, the file is at least as long as it was.
 void overwrite(const char *function, int fd, const TextBuffer &text) {
   vorn_lseek(fd, 0, SEEK_SET);
   const bool is_whole = write_file(fd, text.view());
@@ -149,7 +149,7 @@ int vorn_cfg_write_item_to_file(const char *path, const char *section, const cha
              "Strcpy_s failed pSection<%s>, pItemName<%s>, pItemValue<%s>, iRet = %d.", section,
              item, value, error);
     const vorn::CancellationGuard off;
-    vorn_close(0); // no descriptor is open yet: kept on purpose, as its caller sees it
+    vorn_close(0); // no file is open yet, but callers see this effect, so it stays
     return -1;
   }
   writing.value = copy.get();

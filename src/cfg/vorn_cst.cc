@@ -1,4 +1,4 @@
-// Reads and writes the configuration store: one request of the kernel module for each call.
+// Reads and writes the configuration store, by one request to the kernel module for each call.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cst.h"
 
@@ -71,7 +71,7 @@ bool set_names(const char *function, Item &item, const char *section, const char
   return true;
 }
 
-// The module may have filled the field without a NUL. A size above the field's is no obstacle.
+// The kernel module may have filled the field without a NUL. size may exceed the field's size.
 int copy_value(Reply &reply, char *out, std::size_t size) {
   reply.value[sizeof reply.value - 1] = '\0';
   return strcpy_s(out, std::min(size, sizeof reply.value), reply.value) == 0 ? 0 : -1;

@@ -1,11 +1,11 @@
-// Mini-XML's calls under names of this library.
+// Exports Mini-XML's calls under this library's own names.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_xml.h"
 
 #include "base/cancellation_guard.hpp"
 
 mxml_node_t *vorn_xml_loadfd(mxml_node_t *top, int fd, mxml_load_cb_t cb) {
-  const vorn::CancellationGuard off; // the tree would be lost
+  const vorn::CancellationGuard off; // a cancelled thread would lose the tree
   return mxmlLoadFd(top, fd, cb);
 }
 

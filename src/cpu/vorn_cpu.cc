@@ -100,7 +100,7 @@ private:
     progress = kRead;
   }
 
-  // Logged once per call: lists that refer to each other would repeat it.
+  // Logs once per call: lists that refer to each other would repeat the message.
   void report(const Group &group, const Partition &partition, const char *why) {
     if (reported_) return;
     reported_ = true;
@@ -123,7 +123,7 @@ private:
   bool reported_ = false;
 };
 
-// The first two CPUs of a list that begins with a range of three or more.
+// Clears the first two CPUs of a list that begins with a range of three or more.
 void clear_head(const char *cpubind, uint64_t *mask) {
   const CpuRange range = scan_cpu_range(cpubind);
   if (range.reversed() || range.end - range.start < 2) return;

@@ -55,7 +55,7 @@ struct Range {
   long last = 0;
 };
 
-// Whether the item is a complete range.
+// Returns whether the item is a complete range.
 bool scan(const char *item, Range &range) {
   const bool two = std::strchr(item, '-') != nullptr;
   const int count = std::sscanf(item, two ? "%ld-%ld" : "%ld", &range.first, &range.last);

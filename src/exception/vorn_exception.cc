@@ -21,8 +21,8 @@ namespace {
 
 constinit vorn_notifier_chain_s chain = VORN_NOTIFIER_CHAIN_INIT("vorn_exception_chain");
 
-// A fault calls the chain outside the fork gate, which a signal handler must not wait for. So a
-// child may begin with a lock that a thread of the parent holds.
+// A fault calls the chain outside the fork gate, because a signal handler must not wait for the
+// gate. So a child may begin with a lock that a thread of the parent holds, and frees it here.
 const ForkChild frees_chain{[] { vorn_spinlock_init(&chain.lock); }};
 
 constinit std::atomic<vorn_watchdog_reset_f> watchdog_reset{nullptr};

@@ -7,11 +7,12 @@ namespace vorn::fileops {
 
 enum class FirstLine {
   kNotRun, // the command cannot be run, or whitelist does not permit it
-  kNone,   // it printed nothing; errno tells why where a read failed, and is 0 otherwise
+  kNone,   // it printed nothing; errno is that of a failed read, or else 0
   kRead,
 };
 
-// Cut to the size bytes at line, with its line feed where that fits; empty unless it is kRead.
+// Stores the line with its line feed, cut to size bytes with a NUL. Empties it unless the result is
+// kRead.
 FirstLine first_line(const char *command, const char *whitelist, char *line, int size);
 
 } // namespace vorn::fileops

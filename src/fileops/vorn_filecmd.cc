@@ -138,7 +138,7 @@ int vorn_cmd_mkdir(const char *path) {
   if (result != 0) return result;
   // A plain POSIX shell reads "&>" as the end of a background command and exits with 0 at once.
   // Wait for its mkdir, so that it does not run after a later removal of the directory. If the
-  // directory does not appear, an own attempt tells whether it can be created.
+  // directory does not appear, make_folder tells whether it can be created.
   if (folder_appears(path) || make_folder(path)) return 0;
   return VORN_FAIL(-1, "Execute cmd(mkdir -p %s &>/dev/null) Fail(%d)", path, -1);
 }

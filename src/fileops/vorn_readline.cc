@@ -12,8 +12,8 @@
 namespace vorn::fileops {
 namespace {
 
-// A line is read in pieces. The first piece is small, since most lines are short; the pieces double
-// up to a size that suits the stack.
+// The function reads a line in pieces. The first piece is small, since most lines are short; the
+// pieces double up to a size that suits the stack.
 constexpr std::size_t kFirstPiece = 512;
 constexpr std::size_t kLargestPiece = 4096;
 
@@ -28,7 +28,7 @@ struct Line {
   bool done() const { return complete || room == 0; }
 };
 
-// Stores the bytes of the line from the length bytes at piece. Returns how many it took.
+// Appends those of the length bytes at piece that belong to the line. Returns how many it used.
 std::size_t append(Line &line, const char *piece, std::size_t length) {
   const void *feed = std::memchr(piece, '\n', length);
   const char *stop = feed == nullptr ? piece + length : static_cast<const char *>(feed) + 1;

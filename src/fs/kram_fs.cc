@@ -24,9 +24,9 @@ constexpr std::size_t kHeaderSize = NLMSG_HDRLEN;
 constexpr std::size_t kMessageSize = kHeaderSize + KRAM_EXT3_EVENT_SIZE;
 static_assert(kMessageSize == 72);
 
-// The listeners, which are on the stacks of their threads. Closing a socket does not wake a thread
-// that is blocked in it, and netlink has no shutdown(2). So a listener receives from its own
-// duplicate of the socket, whose number no other thread uses, and polls a wake-up descriptor too.
+// A listener, on the stack of its thread. Closing a socket does not wake a thread that is blocked
+// in it, and netlink has no shutdown(2). So a listener receives from its own duplicate of the
+// socket, whose number no other thread uses, and polls a wake-up descriptor too.
 class Listener {
 public:
   // Also binds the socket. On failure, errno tells why.
@@ -59,8 +59,8 @@ private:
   Listener *next_ = nullptr;
 };
 
-// A listener binds and joins the list under the mutex, and a release wakes and closes under it: the
-// second one sees what the first one has done.
+// A listener binds and joins the list under the mutex. A release wakes and closes under it too. So
+// the later of the two sees what the earlier one has done.
 constinit Mutex mutex;
 constinit Listener *listeners = nullptr;
 

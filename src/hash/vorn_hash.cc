@@ -1,4 +1,4 @@
-// Implements the hash table.
+// Implements the hash table: lists of nodes in a fixed number of buckets, a power of two.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_hash.h"
 

@@ -36,11 +36,11 @@ enum class Need { kRequired, kOptional };
 
 struct Step {
   int (*run)();
-  const char *failure; // nullptr: the step has said it itself
+  const char *failure; // nullptr if the step logs its own message
   Need need;
 };
 
-// In the order that they depend on each other; the first required one that fails ends the start-up.
+// In the order of their dependencies. The first required step that fails ends the start-up.
 constexpr Step kSteps[] = {
     {sysinfo_init, "Vorn sysinfo initialize failed.", Need::kRequired},
     {cpuinfo_init, "Vorn cpuinfo initialize failed.", Need::kRequired},
@@ -56,7 +56,7 @@ constexpr Step kSteps[] = {
 
 int vorn_init_inner() {
   vorn_glibc_init();
-  // A machine without the jiffies driver starts all the same, on ticks from the time base.
+  // A machine without the jiffies driver starts too, with ticks from the time base.
   if (jiffies_usr_main() != 0) VORN_LOG(kError, "Get jiffies usr addr failed.");
   jiffies_Init();
   pid_init_names();

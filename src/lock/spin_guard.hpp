@@ -1,4 +1,4 @@
-// Defines guards that hold a spin lock, or release it, for a scope. Both act in the name of the
+// Defines guards that hold a spin lock, or release it, for a scope. Each acts in the name of the
 // enclosing function, or of the given site.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LOCK_SPIN_GUARD_HPP

@@ -1,6 +1,6 @@
 // Takes and frees a spin lock inline, for a module whose own work is as short as the calls. The
-// word and its order are those of the spin lock; only the holder frees it here, which needs no
-// exchange.
+// values of the word are those of the spin lock. Only the holder calls free_held, so a release
+// store frees the lock, without a compare-and-swap.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LOCK_SPIN_INLINE_HPP
 #define VORN_LOCK_SPIN_INLINE_HPP

@@ -1,4 +1,4 @@
-// Makes and uses mutexes of the C library by kind.
+// Creates and destroys mutexes of the C library by kind.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_mtx.h"
 

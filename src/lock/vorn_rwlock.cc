@@ -5,14 +5,14 @@
 //   | W |                   n                   |
 //   +---+---------------------------------------+
 //
-//   W 0: n readers hold the lock, 0 of them: it is free
-//   W 1: a writer holds it; n is all ones from vorn_rwlock_write_lock, 0 from its _mayblock form,
-//        and means nothing
+//   W 0: n readers hold the lock; it is free if n is 0
+//   W 1: a writer holds it; n means nothing (all ones from vorn_rwlock_write_lock, 0 from its
+//        _mayblock form)
 //
 // Writers. A reader enters by a compare-and-swap that adds 1 to a word with W clear; a writer
 // enters by a compare-and-swap from 0. Both fail if the word has changed since it was read, so no
-// thread enters beside a writer. A reader leaves by an atomic subtraction, which loses no other
-// reader's. A writer leaves by storing 0: no other thread writes while W is set.
+// thread enters beside a writer. A reader leaves by an atomic subtraction, so no subtraction of
+// another reader is lost. A writer leaves by storing 0: no other thread writes while W is set.
 //
 // Order. Entering acquires and leaving releases. A writer that enters after readers reads the value
 // that the last reader left. The subtractions, and the additions of readers between them, form one

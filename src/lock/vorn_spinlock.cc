@@ -6,8 +6,8 @@
 //   +---------------------------------------+---+
 //
 // Writers. A thread takes the lock by a compare-and-swap of 0 to 1 and frees it by one of 1 to 0.
-// Of several threads that try at the same time, one gets the lock. Freeing a free lock, or memory
-// that is no lock, changes nothing. No other value is written.
+// Of several threads that try at the same time, one gets the lock. Freeing a free lock, or a word
+// that is not 1, changes nothing. No thread writes another value.
 //
 // Order. Both compare-and-swaps acquire and release: a holder sees the writes of the previous one.
 // The loads of waiting threads order nothing; they only tell when an attempt is worth the cache
@@ -44,7 +44,7 @@ constexpr std::uint64_t kHeld = 1;
 constexpr int kAttempts = 10; // between two looks at the clock
 constexpr std::uint64_t kSpinNanoseconds = 99999;
 
-// Read and written as a whole, without order.
+// Each thread reads and writes them as a whole, without order.
 constinit std::atomic<std::uint64_t> flags{0};
 
 bool swap(Word word, std::uint64_t from, std::uint64_t to) {
@@ -54,7 +54,7 @@ bool swap(Word word, std::uint64_t from, std::uint64_t to) {
 
 bool try_take(Word word) { return swap(word, kFree, kHeld); }
 
-// An attempt on a held lock would fail, so it is not made.
+// Makes no attempt on a held lock: it would fail.
 bool attempt(Word word) { return word.load(std::memory_order_relaxed) == kFree && try_take(word); }
 
 // The time base reads 0 until it is started. This does not start it: that takes a mutex, which the

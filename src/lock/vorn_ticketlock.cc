@@ -5,11 +5,14 @@
 //   |    serving    |     next      |    serving == next: free
 //   +---------------+---------------+    next - serving: the holder and the waiting threads
 //
-// Writers. next: each arriving thread adds 1 atomically, and the old value is its number; trylock
-// uses a compare-and-swap. serving: the holder adds 1 when it leaves, by an atomic addition of 32
-// bits, which does not carry into next. The addition is atomic because a misused lock is released
-// by several threads, and each release must advance it. magic, other and owner report misuse and
-// decide nothing; they are read and written as a whole, without order.
+// 1. An arriving thread adds 1 to next atomically; the old value is its number.
+// 2. It enters when serving equals its number.
+// 3. It adds 1 to serving when it leaves.
+//
+// Writers. trylock changes next by a compare-and-swap. The addition to serving has 32 bits, so it
+// does not carry into next. It is atomic because several threads may release a misused lock, and
+// each release must advance it. magic, other and owner report misuse and decide nothing; threads
+// read and write them as a whole, without order.
 //
 // Order. The addition to serving releases, and the load that finds the thread's own number
 // acquires: a holder sees the writes of the previous one.

@@ -1,4 +1,5 @@
-// Declares what the sources of the LWP module share.
+// Declares what the sources of the LWP module share: its configuration, the table of instances, and
+// the release of the variables.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_LWP_LWP_HPP
 #define VORN_LWP_LWP_HPP
@@ -20,7 +21,7 @@ bool tracing();
 // Allocates zeroed memory by the standard allocator; NULL if memory runs out.
 void *allocate_zeroed(std::size_t size);
 
-// Return bytes 0 and 1 of an id.
+// Bytes 0 and 1 of an id are a tag: kAlive, or kDead in a slot whose instance was deleted.
 constexpr std::uint64_t kTagMask = 0xffff;
 constexpr std::uint64_t kAlive = 0x4c70;
 constexpr std::uint64_t kDead = 0x446c;
@@ -48,7 +49,8 @@ inline std::uint64_t id_of(const lwp_inst_s &inst) {
 // Logs why no instance has this id. Returns NULL.
 lwp_inst_s *refuse(std::uint64_t id);
 
-// Return the instance with this id, or the current instance.
+// Returns the instance with this id. For id 0, returns the current instance, or NULL if there is
+// none.
 inline lwp_inst_s *find(std::uint64_t id) {
   if (id == 0) return g_lwpInstCurrent;
   const std::uint64_t index = id >> 16 & 0xffff;

@@ -9,7 +9,7 @@
 //
 // Changes of the state. The creator changes 0 to 1, 1 to 2 and 2 to 4. Any thread may change 1, 2,
 // 4 or 16 to 8. Exactly one thread succeeds; only that thread deletes the instance, and changes 8
-// to 0, or to 16 if it gives up.
+// to 0, or to 16 if it gives up. The state stays 8 if a destructor fails.
 //
 // References and reused slots. After a thread has found an id and before it changes the state word,
 // the instance may be deleted and its slot reused. A count above 0 keeps a slot from becoming free.
@@ -20,10 +20,10 @@
 //
 // Deletion during creation. A delete may begin as soon as a constructor knows the id: before the
 // state is normal, or after that but before the creator has stored the thread's handle. The creator
-// keeps its own id in `creator` until it no longer uses the record. The deletion waits for that as
-// for a reference; then it finds the handle, and joins the thread. A creator that loses the state
-// to another thread leaves the record to the deletion. A creator that fails deletes the instance
-// itself, unless another thread was first.
+// keeps its own handle in `creator` until it no longer uses the instance. The deletion waits for
+// that as for a reference; then it finds the thread's handle, and joins the thread. A creator that
+// loses the state to another thread leaves the instance to the deletion. A creator that fails
+// deletes the instance itself, unless another thread was first.
 //
 // Registration of variables during creation. The creator sets the state to 2 and then reads the
 // number of registered variables. A registration increments that number and then reads the state.
@@ -276,7 +276,7 @@ int end_instance(lwp_inst_s &inst, std::uint64_t id) {
     return result;
   }
   LwpVarFree(&inst.area);
-  // The old id is refused from here on. The record is not accessed after the state is 0.
+  // From here on, lookups refuse the old id. No access to the instance follows the change to 0.
   atomic_word(inst.id).store((id & ~kTagMask) | kDead, std::memory_order_release);
   advance(inst, LWP_STATE_DELETING, LWP_STATE_FREE);
   return 0;

@@ -1,8 +1,8 @@
 // Holds the table of registered variables, and the values of each instance.
 //
-// Variables are only added. A record and its default value are written before the number of
-// variables is incremented, and not changed after that. So a thread that has read the number reads
-// the records below it without the lock.
+// The library only adds variables. A registration writes a variable and its default value before it
+// increments the number of variables, and the library does not change them after that. So a thread
+// that has read the number reads the variables below it without the lock.
 //
 // Construction. An instance's busy flag lets one thread construct at a time. A thread that finds
 // variables missing waits for the flag, and then constructs those that are still missing; it does
@@ -155,7 +155,7 @@ std::uint64_t add(const char *name, const void *value, std::size_t size, const l
   std::memcpy(&variables.defaults[index], value, size);
   variables.records[index] = {name, id, ops != nullptr ? *ops : lwp_var_ops_s{}};
   if (out != nullptr) *out = id;
-  atomic_word(variables.count).store(index + 1); // a full barrier: see the creation of instances
+  atomic_word(variables.count).store(index + 1); // sequentially consistent: see lwp_inst.cc
   return id;
 }
 
@@ -299,8 +299,8 @@ int LwpVarMalloc(lwp_var_area_s *area) {
 
 void LwpVarFree(lwp_var_area_s *area) {
   area->capacity = 0;
-  std::free(
-      std::exchange(area->values, nullptr)); // so that a child of fork() does not find freed memory
+  // Cleared before the memory is freed, so that a child of fork() does not find freed memory.
+  std::free(std::exchange(area->values, nullptr));
 }
 
 void *LwpVarDef(uint64_t varId) {

@@ -1,4 +1,4 @@
-// Owns blocks of the accounting allocator that the library uses itself.
+// Owns the blocks that the library itself takes from the accounting allocator.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_MEM_OWNED_HPP
 #define VORN_MEM_OWNED_HPP

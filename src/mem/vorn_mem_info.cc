@@ -21,8 +21,8 @@ constexpr std::size_t kNameSize = 128;
 // Two threads that find it 0 both read the same figure.
 constinit std::atomic<unsigned long> total_kb{0};
 
-// Reads the value in kB of the line that key, with its colon, names. Returns -1 with 0 if there is
-// none.
+// Reads the value in kB of the line that begins with key, which includes the colon. If there is no
+// such line, stores 0 and returns -1.
 int vorn_get_meminfo(const char *key, unsigned long *value) {
   const Stream file = sys::open_stream(kMeminfo);
   if (file == nullptr) {
@@ -74,7 +74,7 @@ unsigned long vorn_get_available_usage() {
   return (total - available) * 100 / total;
 }
 
-// Always refused: two commands are not run as one, even if each is permitted.
+// vorn_system_s always refuses this text, because a ";" joins two commands in it.
 int vorn_release_mem() {
   return vorn_system_s("sync;echo 3 > /proc/sys/vm/drop_caches;", ";>") == 0 ? 0 : -1;
 }

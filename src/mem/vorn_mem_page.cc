@@ -1,4 +1,4 @@
-// Gives the size of a memory page, and sets the protection of pages.
+// Reads the size of a memory page, and sets the protection of pages.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_mem_manager.c"
 #include <cerrno>

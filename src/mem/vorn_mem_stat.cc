@@ -15,7 +15,7 @@ namespace {
 
 constexpr unsigned int kColumns = 5;
 
-// Only this step writes the table, when the counters are cleared.
+// Only this step sets the table, after it has cleared the counters.
 constinit Once table_found{OncePolicy::kRetry};
 constinit std::uint64_t *found_table = nullptr;
 

@@ -1,7 +1,7 @@
 // Implements chains of callbacks by priority, each with its own spin lock.
 //
-// A call does not write to the chain. It reads a block's `next` before the callback runs, so the
-// callback may unregister and free its block.
+// A call does not write to the chain. It reads a block's `next` before the callback runs, so a
+// callback that runs without the chain's lock may unregister and free its block.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_notifier.h"
 

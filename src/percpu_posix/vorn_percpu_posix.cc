@@ -1,4 +1,4 @@
-// Allocates per-CPU memory.
+// Wraps the C library's once-only initialisation and thread-specific data, and logs failures.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_percpu_posix.h"
 

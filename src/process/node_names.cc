@@ -72,7 +72,7 @@ bool take_row(char *line, std::size_t length) {
   return true;
 }
 
-// Returns false if no name is kept; the text is then freed.
+// Returns false if no name is in use, so that the caller can free the text.
 bool take_rows(char *text, std::size_t size) {
   unsigned int number = 0;
   for (std::size_t start = 0; start < size;) {

@@ -1,4 +1,13 @@
 // Implements the red-black tree.
+//
+// An insertion links a red node. While its parent is red too:
+//   1. If the uncle is red, both become black and the grandparent red; go on with the grandparent.
+//   2. Otherwise one or two rotations put a black node above two red ones, and end the repair.
+// An erasure takes a node with at most one child out of the tree. If the node was black:
+//   3. If a red node is in its place now, it becomes black, which ends the repair.
+//   4. Otherwise a rotation replaces a red sibling by a black one. If both children of the sibling
+//      are black, it becomes red, and the repair goes on with the parent.
+//   5. If not, one or two rotations restore the black node, and end the repair.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_rbtree.h"
 

@@ -1,4 +1,4 @@
-// Implements sleeps, yields and the number of the calling thread's CPU.
+// Implements sleeps, yields, and the calls that name the calling thread and bind it to a CPU.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched.h"
 
@@ -17,7 +17,7 @@ namespace {
 
 static_assert(sizeof(cpu_set_t) == VORN_THRD_CPUSET_SIZE);
 
-// Sleeps units, of which a second has per_second.
+// Sleeps for count units; a second has per_second units.
 void sleep_for(unsigned int count, unsigned int per_second) {
   timeval timeout{count / per_second, count % per_second * (1000000 / per_second)};
   select(0, nullptr, nullptr, nullptr, &timeout);

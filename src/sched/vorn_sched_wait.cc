@@ -1,24 +1,22 @@
 // Puts a thread to sleep on a word, and wakes it by a signal. No wake-up is lost. The waker stores
 // 0 in the word and then sends the signal, which finds the waiting thread in one of these places:
 //
-//   - Before its test of the word. It sees 0 and does not sleep: the word was written before the
-//   signal
-//     was sent, so a thread that has handled the signal sees the new value.
+//   - Before its test of the word. The thread sees 0 and does not sleep: the waker wrote the word
+//     before it sent the signal, so a thread that has handled the signal sees the new value.
 //   - Between the test and the sleep. The handler runs and returns, and leaves no trace in the
-//   thread.
-//     The kernel prevents the sleep: it compares the word with the tested value and returns at once
-//     if they differ.
+//     thread. The kernel prevents the sleep: it compares the word with the tested value and returns
+//     at once if they differ.
 //   - In the kernel, after the comparison and before the sleep. A thread with a pending signal does
-//   not
-//     sleep. If the signal were sent before the store of 0, it could have been handled already.
+//     not sleep. If the waker sent the signal before it stored 0, the thread could have handled the
+//     signal already.
 //   - Asleep. The handler runs, and the sleep ends with EINTR.
 //   - Gone: it has seen the 0 by itself. The signal is late and may interrupt another call of the
 //     thread. If the thread has ended and its id is in use again, the signal does that thread no
 //     harm.
 //
-// The waker does not also wake the futex. That would reach a thread that blocks the signal, but
-// cost a system call, and hide the fault of that thread until it runs with a kernel module, which
-// uses only signals.
+// The waker does not also wake the futex. That would reach a thread that blocks the signal, but it
+// costs a system call. It would also hide the fault of that thread until the thread runs with a
+// kernel module, which uses only signals.
 //
 // The sleep always has a deadline, of at most 292 years: the kernel restarts a sleep without a
 // deadline after a handler that was installed with SA_RESTART.

@@ -57,8 +57,8 @@ void release(Slot &slot) {
   slot.in_use.store(false);
 }
 
-// The start is read before the clock. The clock of another CPU may still be a tick later, so the
-// age is signed.
+// Reads the start before the clock. The worker's CPU may still have been a tick later, so the age
+// is signed.
 bool overran(const Slot &slot) {
   if (!slot.in_use.load()) return false;
   const std::uint64_t start = slot.start.load();

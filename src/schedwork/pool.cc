@@ -1,15 +1,14 @@
 // Starts, grows and destroys the work pool.
 //
 // A destroy ends one life of the pool and begins the next:
-//   1. Marks the population: no worker is hired, and an idle worker that wakes leaves.
+//   1. Marks the population: no thread hires a worker, and an idle worker that wakes leaves.
 //   2. Drops the queue and hands it to the next life: workers of the old life take nothing any
-//   more.
+//      more.
 //   3. Wakes the idle workers until none is counted. A worker that is too late will find that its
-//   life
-//      has ended.
+//      life has ended.
 //   4. Begins the next life in the population's word, then frees the slots. A worker tests its life
 //      under the slot's mutex before it writes the slot.
-//   5. Starts the pool again if items were queued since step 2.
+//   5. Starts the pool again if other threads have queued work items since step 2.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 
@@ -39,7 +38,7 @@ constinit bool inited = false; // under the pool's mutex
 constexpr char kSection[] = "VORN";
 constexpr char kMinimumKey[] = "SCHED_THREAD_FREE_NUM_MIN";
 
-// Whether the key exists.
+// Returns whether the key exists.
 bool read_bound(const char *key, std::uint64_t &bound) {
   char text[256];
   if (vorn_cfg_getItemValue(kSection, key, text, sizeof text) != 0) return false;
@@ -52,8 +51,8 @@ void set_bounds(std::uint64_t minimum, std::uint64_t maximum) {
   pool.free_maximum.store(static_cast<std::uint32_t>(std::min(maximum, kFreeMaximum)));
 }
 
-// Called with the mutex held. Raises units for the queued items: the units that their adding raised
-// may have ended workers.
+// Called with the mutex held. Raises a unit for each queued item: workers that have ended may have
+// taken the units that the adding threads raised.
 int start() {
   sched_work_thread_num_set();
   if (sched_work_create_thread() != 0) return -1;

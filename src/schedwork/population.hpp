@@ -46,7 +46,7 @@ public:
     });
   }
 
-  // A worker begins a run, and ends one. The second returns false if the worker is to leave because
+  // A worker begins a run, and ends one. The second returns false if the worker must leave because
   // enough others are idle.
   bool begin_run(std::uint32_t life) {
     return change(life, [](Counts &now) { return --now.free, true; });
@@ -81,7 +81,7 @@ public:
   }
 
 private:
-  // false if that life has ended, or if change() refuses.
+  // Returns false if that life has ended, or if make refuses the change.
   template <class Change> bool change(std::uint32_t life, Change make) {
     Counts before = word_.load();
     for (;;) {

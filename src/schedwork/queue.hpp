@@ -1,4 +1,4 @@
-// Queues the items that wait to run, first in, first out, under a spin lock.
+// Queues the work items that wait to run, first in, first out, under a spin lock.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SCHEDWORK_QUEUE_HPP
 #define VORN_SCHEDWORK_QUEUE_HPP
@@ -29,8 +29,8 @@ public:
   // Drops all items. Later items belong to the next life.
   void drop_all();
 
-  // Takes the lock, so that an append that this does not see is later, and sees the caller's
-  // earlier writes.
+  // Takes the lock: an append that this call does not see comes later, and its thread sees the
+  // caller's earlier writes.
   bool empty();
 
   // Returns the number of items. It may have changed before the call returns.

@@ -1,4 +1,4 @@
-// Initialises, queues, deletes and shows items of work.
+// Initialises, queues, deletes and shows work items.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched_work.h"
 
@@ -66,8 +66,8 @@ int vorn_sched_add_work(vorn_sched_work_s *work) {
     return VORN_FAIL(-1, "Work in list is not initial, PID = (%d)", pid);
   const vorn::CancellationGuard off; // the item is queued and needs the wake-up of a worker
   const int result = wake_worker();
-  // A destroy that has ended since the first test either saw the item, or this test sees the
-  // destroy: it clears the flag before it reads the queue under the queue's lock.
+  // If a destroy has ended since the first test, either it saw the item, or this test sees its
+  // effect: a destroy clears the flag before it reads the queue under the queue's lock.
   if (!pool.created.load()) sched_work_init();
   return result;
 }

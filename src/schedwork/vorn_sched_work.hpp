@@ -1,11 +1,13 @@
-// Declares what the sources of the work pool share. The path of an item:
+// Declares what the sources of the work pool share: the pool, the slots of the workers with a time
+// limit, and the state of a worker. The path of a work item:
 //
 //   vorn_sched_add_work        queue.append, then a unit to the lookout or to the semaphore
 //   a worker                   takes the unit, or finds the item while it is still awake
 //   sched_work_select_task     queue.take
 //   sched_work_run_task        the handler
 //
-// Locks: the pool's mutex comes first, and then one of the queue's spin lock and a slot's mutex.
+// Locks: a thread takes the pool's mutex first, then either the queue's spin lock or a slot's
+// mutex.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SCHEDWORK_HPP
 #define VORN_SCHEDWORK_HPP
@@ -20,8 +22,8 @@
 
 namespace vorn::schedwork {
 
-// A run of a worker with a time limit. Written under the mutex. The words are atomic for threads
-// that read them before they take it.
+// A run of a worker with a time limit. A thread writes it under the mutex. The words are atomic for
+// threads that read them before they take the mutex.
 struct Slot {
   std::atomic<std::uint64_t> start; // tick; 0 if there is no such run
   Mutex mutex;
@@ -39,7 +41,7 @@ inline constexpr std::uint32_t kNoSlot = UINT32_MAX;
 // sooner, and the adding thread makes no system call.
 class Lookout {
 public:
-  // Whether a worker has got the unit.
+  // Returns whether a worker has got the unit.
   bool hand_over() {
     State state = kWatching;
     return state_.load(std::memory_order_relaxed) == kWatching &&

@@ -36,7 +36,7 @@ constexpr const char *kThread = "sched_work_thread"; // the function that log me
 // The time that a worker watches for the next item before it sleeps.
 constexpr std::chrono::microseconds kLookout{20};
 
-// Disables cancellation of the worker outside its handlers, so that its counts stay right.
+// Enables cancellation for a scope. Elsewhere a worker is not cancelled, so its counts stay right.
 class CancellationOn {
 public:
   CancellationOn() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
@@ -81,9 +81,9 @@ void unregister_worker() {
   if (key_made.done()) pthread_setspecific(key, nullptr);
 }
 
-// Returns whether the worker is to take an item before it sleeps. An item that was added before the
-// watch began has raised the semaphore: this worker takes that unit, or it wakes another worker in
-// vain.
+// Returns whether the worker must take an item before it sleeps. A thread that added an item before
+// the watch began has raised the semaphore: this worker takes that unit, unless the unit has woken
+// another worker already, in vain.
 bool finds_item_soon(bool watching) {
   if (watching && pool.queue.size() == 0) {
     const auto end = std::chrono::steady_clock::now() + kLookout;
@@ -147,7 +147,7 @@ After run_item(vorn_sched_work_s *work) {
     sched_work_run_task(work, t_worker.slot);
     pthread_testcancel(); // a cancellation during the handler must not end the next handler
   }
-  // Begin the watch before the run counts as finished: the thread that waits for that may add the
+  // Begin the watch before the run counts as finished: a thread that waits for its end may add the
   // next item.
   const bool watching = pool.queue.size() == 0 && pool.lookout.begin();
   pool.finished.fetch_add(1);

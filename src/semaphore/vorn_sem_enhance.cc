@@ -1,8 +1,16 @@
-// Implements the enhanced semaphore. A waiter is on the stack of the thread in down, and the
-// semaphore's lock guards it from the moment when it is linked. An up that grants it a unit
-// accesses it only under the lock. The waiting thread also tests its status under the lock, and so
-// does not return before that up is done with the waiter. After the lock, up uses only a number,
-// the thread's id.
+// Implements the enhanced semaphore.
+//
+// 1. down takes a unit if there is one. Otherwise it links a waiter, releases the lock, and sleeps
+//    on the waiter's status.
+// 2. up gives its unit to the first waiter: it unlinks the waiter, sets the status to 0, and wakes
+//    the thread. Without a waiter, it adds the unit to the count.
+// 3. The thread in down takes the lock again and tests the status. If it has no unit, a plain down
+//    sleeps again; the others unlink the waiter and return.
+//
+// A waiter is on the stack of the thread in down, and the semaphore's lock guards it from the
+// moment when it is linked. An up that grants it a unit accesses it only under the lock. The
+// waiting thread also tests its status under the lock, and so does not return before that up is
+// done with the waiter. After the lock, up uses only a number, the thread's id.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 
@@ -46,8 +54,8 @@ bool take_unit(vorn_sem_enhance_s *sem) {
 }
 
 // Called and returns with the lock held. The thread is not cancelled while its waiter is in the
-// list. A wait without a limit does not end by a time-out either: a time-out means that the wait
-// failed, and a pause precedes the next attempt.
+// list. A plain down does not end by a time-out: there, a time-out means that the wait failed, and
+// the thread pauses before the next attempt.
 int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
   const CancellationGuard off;
   Waiter self{{}, thread_id(), kWaiting};

@@ -1,4 +1,4 @@
-// Creates and maps POSIX shared memory.
+// Creates and maps shared memory, of POSIX and of System V.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_shm.h"
 
@@ -17,7 +17,7 @@
 namespace vorn::shm {
 namespace {
 
-// Strict C has no such type for the header to name.
+// The header cannot name key_t: strict C does not declare it.
 static_assert(std::is_same_v<key_t, int>);
 
 constexpr char kCreate[] = "vorn_shm_create_ext";

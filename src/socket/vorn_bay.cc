@@ -55,9 +55,9 @@ bool make_plan(Plan &plan, const char *key_segment) {
 }
 
 // Any user can guess the file's name and create a link or a file there first. So this removes what
-// is there and creates the file without following a link; it fails if another user's file cannot be
-// removed. The shell's ">" then opens this file: /tmp is sticky, so only this user and root can
-// replace it, and fs.protected_regular permits a user to open an own file.
+// is there and creates the file without following a link; it fails if it cannot remove another
+// user's file. The shell's ">" then opens this file: /tmp is sticky, so only this user and root can
+// replace it, and fs.protected_regular lets users open their own files.
 bool create_file(const char *path) {
   unlink(path);
   return static_cast<bool>(sys::open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0600));

@@ -22,8 +22,8 @@ constexpr int kMaxEntries = 1 << 20;
 
 static_assert(sizeof(pid_t) == sizeof(std::int32_t));
 
-// Two threads that create the table at the same time may have read different limits. The first
-// number stored is the size of both tables, so that the installed one has it.
+// Two threads that create the table at the same time may have read different limits. Both use the
+// number that one of them stored first as the size, so the installed table has this size.
 constinit std::atomic<int> entries{0};
 constinit std::atomic<std::int32_t *> table{nullptr};
 

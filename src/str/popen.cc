@@ -16,7 +16,7 @@
 namespace vorn::str {
 namespace {
 
-// Exactly "r" or "w".
+// Returns whether mode is exactly "r" or "w".
 bool is_mode(const char *mode) {
   return mode != nullptr && (mode[0] == 'r' || mode[0] == 'w') && mode[1] == '\0';
 }
@@ -44,8 +44,8 @@ FILE *start(const char *function, const char *command, const char *mode, Pipe &p
   const Redirection redirection{pipe.theirs().get(), pipe.reads ? STDOUT_FILENO : STDIN_FILENO};
   const pid_t started = spawn_shell(command, &redirection);
   if (started < 0) return nullptr;
-  // Without a stream, this end still stays open and the child unreaped: the command may finish. It
-  // is not ended by a broken pipe, and the caller does not wait for it.
+  // Without a stream, this end still stays open, so that no broken pipe ends the command; and no
+  // thread reaps the child, so that the caller does not wait for it.
   FILE *stream = fdopen(pipe.ours().release(), mode);
   if (stream == nullptr) {
     VORN_LOG_AS(function, kInfo, "Iop is NULL, modes:(%s), pdes[0]=(%d), pdes[1]=(%d), errno:(%d).",

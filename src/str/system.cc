@@ -1,4 +1,4 @@
-// Runs guarded commands.
+// Runs commands in a shell, and programs by execv(2), with checks against dangerous ones.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_str.c"
 #include "vorn_cmd.h"

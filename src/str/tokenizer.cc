@@ -1,4 +1,4 @@
-// Cuts texts at delimiters.
+// Cuts a text into tokens at delimiters.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_str.c"
 #include "vorn_str.h"

@@ -1,4 +1,4 @@
-// Converts texts to numbers.
+// Converts texts to numbers and to lower case, and finds characters in them.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_str.h"
 

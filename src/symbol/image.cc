@@ -1,4 +1,4 @@
-// Compares a loaded object with its file.
+// Takes the description of a loaded object from the loader, and compares two descriptions.
 // SPDX-License-Identifier: Apache-2.0
 #include "symbol/image.hpp"
 
@@ -67,7 +67,7 @@ bool Image::same_as(const Image &other) const {
 
 const char *Image::path() const { return is_program_ ? kProgram : name(); }
 
-// Compares only read-only data, which cannot have changed since it was loaded.
+// Accepts only notes in read-only data, which cannot have changed since the object was loaded.
 bool Image::has_note(const Elf64_Phdr &header) const {
   if (header.p_type != PT_NOTE) return false;
   for (const Elf64_Phdr &segment : headers_) {

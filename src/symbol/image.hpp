@@ -1,5 +1,5 @@
-// Describes a loaded object as the loader does, so that its file, and the object itself later, can
-// be distinguished from others of the same name.
+// Describes a loaded object as the loader does, so that the library can tell its file, and later
+// the object itself, from others of the same name.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_IMAGE_HPP
 #define VORN_SYMBOL_IMAGE_HPP

@@ -26,10 +26,9 @@ struct Range {
 
 // Appends the ranges in ascending order, without overlap. An address belongs to the function of
 // known size that contains it and starts last. Of several that start there, a global one precedes a
-// weak one and that the others; then the longest one; then the one whose name is last in byte order
-// (a plain name precedes one with leading underscores). An address that no such function contains
-// belongs to the function of unknown size before it, unless another function starts or ends in
-// between.
+// weak one, and a weak one all others; then the longest one precedes; then the one whose name is
+// last in byte order. An address that no such function contains belongs to the function of unknown
+// size before it, unless another function starts or ends in between.
 //
 // Sorts the functions; the ranges point to them. Returns false if memory runs out.
 bool resolve(Buffer<Function> &functions, Buffer<Range> *ranges);

@@ -50,7 +50,7 @@ bool Table::find_object(std::uintptr_t address, Symbol *out) const {
   return true;
 }
 
-// Called with the loader's lock held: files are read, and messages logged, after that.
+// The loader holds its lock during the walk, so the table reads files and logs messages later.
 bool Table::take_loaded() {
   struct Walk {
     Table *table;

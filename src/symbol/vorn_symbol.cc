@@ -1,20 +1,18 @@
 // Publishes the symbol table, and frees old tables while signal handlers may be reading.
 //
 // 1. A reader increments the count of readers, then loads the published table. It decrements the
-// count
-//    when it no longer uses what it found.
+//    count when it no longer uses what it found.
 // 2. A thread that changes the table replaces the published pointer, then reads the count.
-// 3. If the count is 0, the thread frees the old table. Otherwise the table is kept, and the next
-// change
-//    that finds the count at 0 frees it.
+// 3. If the count is 0, the thread frees the old table. Otherwise it keeps the table, and the next
+//    change that finds the count at 0 frees it.
 //
 // All four accesses are sequentially consistent. So if the count is read as 0, every earlier reader
 // has finished its accesses, and every later one finds the new table: no thread uses the old one.
 //
-// No thread waits for a reader. Waiting would deadlock if the reader is below on the waiting
-// thread's own stack, or never finishes: a thread that ended in its handler or, in a child of
-// fork(), any thread that was reading in the parent. Such a reader only costs memory, and little:
-// tables share the objects that did not change between them.
+// No thread waits for a reader. Waiting would deadlock if the waiting thread has interrupted the
+// reader by a signal, or if the reader never finishes: a thread that ended in its handler or, in a
+// child of fork(), any thread that was reading in the parent. Such a reader only costs memory, and
+// little: tables share the objects that did not change between them.
 // SPDX-License-Identifier: Apache-2.0
 #include "symbol/vorn_symbol.hpp"
 

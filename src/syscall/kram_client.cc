@@ -1,23 +1,22 @@
-// Implements the client of private calls: one connection to the server, which is kept between
+// Implements the client of private calls: one connection to the server, which it keeps between
 // calls.
 //
 // The server may have closed a kept connection since the last call, by an eviction or a restart.
 // The call then opens another connection and sends its request again, but only if the server cannot
-// have carried it out, so that no request is carried out twice:
+// have carried it out, so that it carries out no request twice:
 //
-//   - The connection was closed before anything was sent.
+//   - The connection was closed before the client sent anything.
 //   - The send failed: the server does not have the whole request, and carries out only whole
-//   requests.
+//     requests.
 //   - The connection was reset before the first byte of the reply. The system resets a connection
-//   that is
-//     closed with unread bytes, and the server resets a connection that it evicts. Neither happens
-//     while the server carries a request out: it has read the whole request by then, and the client
-//     sends no other before the reply. If the server is killed meanwhile, the connection ends
-//     without a reset.
+//     that is closed with unread bytes, and the server resets a connection that it evicts. Neither
+//     happens while the server carries a request out: it has read the whole request by then, and
+//     the client sends no other before the reply. If the server is killed meanwhile, the connection
+//     ends without a reset.
 //   - The connection ended before the first byte of the reply, and part of the request is not
 //     acknowledged. The end of the connection acknowledges all that the server could read.
 //
-// Any other end of the connection is an error: the request may have been carried out.
+// Any other end of the connection is an error: the server may have carried out the request.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "kram_syscall_linux_user.c"
 #include "kram_syscall.h"
@@ -43,11 +42,11 @@ static_assert(sizeof(kram_request_s) == 24);
 
 constexpr char kFunction[] = "KRAM_SysCall";
 
-// Allows one call at a time: held while the server carries it out.
+// Allows one call at a time: the caller holds it while the server carries the call out.
 constinit UngatedMutex call_mutex;
 
-// The socket of the connection, or -1. Opened and closed also under the gated mutex, which fork()
-// waits for: a child finds each socket here or closed.
+// The socket of the connection, or -1. A thread opens and closes it under the gated mutex too,
+// which fork() waits for: a child finds each socket here or closed.
 constinit int connection = -1;
 constinit Mutex connection_mutex;
 
@@ -116,8 +115,8 @@ bool recv_all(void *buffer, std::size_t length) {
   return true;
 }
 
-// Called if the first receive for a reply returns 0 or less. The beginning of this source tells
-// why.
+// Called if the first receive for a reply returns 0 or less. The opening comment of this source
+// argues why.
 bool cannot_be_carried_out(ssize_t first) {
   return first < 0 ? errno == ECONNRESET : sys::unacknowledged(connection) > 0;
 }

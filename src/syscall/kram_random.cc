@@ -1,4 +1,4 @@
-// Generates random numbers that are predictable.
+// Fills buffers with pseudo-random bytes, whose seed is the time: they are predictable.
 // SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
 

@@ -127,9 +127,10 @@ bool send_reply(int socket, const WireHeader &header, const char *output, millis
   return false;
 }
 
-// A request that arrives meanwhile is never carried out. A reset of the connection tells its client
-// so; an orderly end would mean that the request may have been carried out. A reset before the
-// client's system has received the whole last reply would be wrong, so this waits for that.
+// The server never carries out a request that arrives meanwhile. A reset of the connection tells
+// its client so; an orderly end would mean that the server may have carried out the request. While
+// the client's system has not received the whole last reply, a reset would lose the rest of it, so
+// the connection then gets an orderly end.
 void reset_when_closed(int socket) {
   if (sys::unacknowledged(socket) != 0) return;
   constexpr linger kDiscard{1, 0};

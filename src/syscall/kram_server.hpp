@@ -1,4 +1,4 @@
-// Declares how the server serves a connection.
+// Declares how the server of private calls serves a connection.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYSCALL_KRAM_SERVER_HPP
 #define VORN_SYSCALL_KRAM_SERVER_HPP
@@ -13,8 +13,8 @@ namespace vorn::kram {
 // makes it busy and idle. The thread that accepts connections evicts it, but only while it is idle:
 // a request is carried out, or its connection is evicted, never both.
 //
-// It is one word, which both threads change by compare-and-swap. It publishes no other data, so
-// relaxed order is enough.
+// It is one word. Both threads change it from idle by a compare-and-swap. A plain store makes it
+// idle: no other thread changes it then. It publishes no other data, so relaxed order is enough.
 class Activity {
 public:
   void become_idle(); // at the beginning, and after a reply

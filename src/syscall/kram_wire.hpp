@@ -31,7 +31,7 @@ inline constexpr std::uint64_t kMaxReply = 0x100000;
 
 sockaddr_in server_address();
 
-// Has small messages sent at once.
+// Makes the system send small messages at once.
 void set_no_delay(int socket);
 
 // Receives the next piece of a message, at most length bytes. Returns its length, or 0 at the end

@@ -1,9 +1,10 @@
 // Samples the CPUs: the shared figures, the election of the sampling process, its thread, and the
 // samples.
 //
-// The lock belongs to the process, which loses it when it closes any descriptor of the file. So the
-// figures are mapped once, before the lock is taken, and a process that has the lock does not open
-// the file again, even if sysinfo_init runs again.
+// A lock on the file of the figures elects the process. It belongs to the process, which loses it
+// when it closes any descriptor of the file. So a process maps the figures once, before it takes
+// the lock; and a process that has the lock does not open the file again, even if sysinfo_init runs
+// again.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sysinfo.c"
 #include <algorithm>

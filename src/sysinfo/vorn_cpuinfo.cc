@@ -1,5 +1,5 @@
-// Counts the machine's packages, CPUs and nodes, finds its model, and shares them with all
-// processes.
+// Finds the machine's packages, CPUs, nodes and model, and shares the numbers of packages and CPUs
+// with all processes.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpuinfo.h"
 
@@ -66,7 +66,7 @@ constinit Record own_record{};
 
 // The shared record, mapped once; NULL if that failed.
 constinit Record *shared_record = nullptr;
-bool may_store = false; // this process created the object, or was the first that could have
+bool may_store = false; // this process could open the object for writing
 
 const Machine &known_machine() { return found.done() ? machine : unknown; }
 

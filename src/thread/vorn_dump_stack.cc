@@ -102,13 +102,13 @@ public:
   FrameTable &operator=(const FrameTable &) = delete;
   ~FrameTable() { evlog_original("<%d>dump_stack info Success", tid_); }
 
-  // No frame can be read.
+  // Writes a row that says that no frame can be read.
   void write_lost(const FrameChain &chain) const {
     const Link link = chain.link();
     write({chain.at(), 0}, 0, 0, {}, {true, link == Link::kGood ? Link::kOutside : link});
   }
 
-  // The caller of a jump that has made no frame.
+  // Writes the caller of a jump that has made no frame.
   void write_called_from(const StackDump &dump) const {
     Place place;
     const bool known = find_caller(symbols_, dump.called_from, &place);
@@ -179,7 +179,7 @@ bool is_readable(std::uintptr_t address) {
   return copy_foreign(address, &byte, 1);
 }
 
-// Returns the end of the readable pages from the address up, at most so many bytes.
+// Returns the end of the readable pages from the address up, at most `most` bytes from it.
 std::uintptr_t readable_end(std::uintptr_t address, std::uintptr_t most) {
   const std::uintptr_t end = sum(address, most);
   std::uintptr_t at = address;

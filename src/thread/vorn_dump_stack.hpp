@@ -12,13 +12,14 @@
 
 namespace vorn::thread {
 
-// Dumps the calling thread.
+// What to dump of the calling thread.
 struct StackDump {
   pid_t tid;
   std::uintptr_t stack_pointer;
   std::uintptr_t frame_pointer;
-  std::uintptr_t
-      called_from; // the return address of a jump to a bad address, which is in no frame; else 0
+  // The return address of a jump to a bad address, which is in no frame; 0 if there was no such
+  // jump.
+  std::uintptr_t called_from;
   bool with_words; // for a fatal signal
 };
 

@@ -1,4 +1,5 @@
-// Declares what the installation of the signals and their handler share.
+// Declares what the installation of the fault signals and their handler share: the names of the
+// signals, and the handler.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SIG_CALLTRACE_HPP
 #define VORN_SIG_CALLTRACE_HPP

@@ -1,15 +1,15 @@
 // Handles the fault signals: dumps a thread that goes on, and reports a thread that a fatal signal
 // ends.
 //
-// 1. The report is a list of parts. Each part is removed from the list before it runs.
+// 1. The report is a list of parts. The handler removes each part from the list before it runs it.
 // 2. A second fault in the same thread enters the same handler, which goes on with the next part.
 // 3. A timer sends the thread the first signal if a part does not end: a callback of the exception
-// chain
-//    may wait forever, and so may a write to a console. The handler goes on with the next part.
+//    chain may wait forever, and so may a write to a console. The handler goes on with the next
+//    part.
 // 4. The last part ends the process by the first signal.
 //
-// So the fault signals are not blocked during a report. Another fatal signal that a process sends
-// to the thread meanwhile is dropped: the process is ending already.
+// So the handler unblocks the fault signals during a report. It drops another fatal signal that a
+// process sends to the thread meanwhile: the process is ending already.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 

@@ -31,7 +31,7 @@ constinit char process_name[32] = ""; // written before the handler is installed
 
 constinit Mutex tag_mutex; // held to append; the handler reads character by character without it
 
-// The errno for a log message: 0 if the call succeeded.
+// The result of a call, and its errno for a log message: 0 if the call succeeded.
 struct Answer {
   long result;
   int error;
@@ -59,7 +59,8 @@ private:
   char text_[sizeof g_tag_buf] = "";
 };
 
-// Writes from the end backwards: a handler finds the old tag or the complete new one.
+// Writes from the end backwards: a handler in this thread finds the old tag or the complete new
+// one. A handler in another thread may find the new one cut.
 void append_to_tag(const char *text) {
   const MutexGuard hold{tag_mutex};
   const std::size_t length = std::strlen(g_tag_buf);

@@ -43,15 +43,16 @@ static_assert(sizeof(vorn_thread_s) == 544);
 
 constinit Slot table[VORN_THRD_SLOT_COUNT];
 
-// Hints for lookups: for each hash of a kernel id, the slot that was entered last; and the ids of
-// all slots side by side, which are searched if another thread has replaced that entry. A lookup
-// relies only on the id of a record whose reference it holds and whose state is alive.
+// Hints for lookups: for each hash of a kernel id, the slot that a thread entered last; and the ids
+// of all slots side by side, which a lookup searches if another thread has replaced that entry. A
+// lookup relies only on the id of a thread record that it holds a reference to and whose state is
+// alive.
 constexpr std::size_t kHints = 4096;
 constinit std::atomic<Slot *> hints[kHints];
 constinit std::atomic<std::int64_t> tids[VORN_THRD_SLOT_COUNT];
 
-// The key whose destructor ends the record of a thread that did not return from its entry. Written
-// once, under the flag.
+// The key whose destructor gives back the thread record of a thread that did not return from its
+// entry. Written once, under the flag.
 constinit Once prepared{OncePolicy::kRetry};
 pthread_key_t end_of_thread;
 
@@ -93,7 +94,8 @@ Slot *take_slot() {
   return nullptr;
 }
 
-// Returns the slot's record, which the first use allocates; NULL after an error message.
+// Returns the slot's thread record, which the first use allocates. Logs an error and returns NULL
+// if memory runs out.
 vorn_thread_s *record_of(Slot &slot) {
   vorn_thread_s *record = slot.record.load(std::memory_order_relaxed);
   if (record != nullptr) return record;
@@ -131,8 +133,8 @@ bool drop(Slot &slot, std::uint32_t *left) {
   return true;
 }
 
-// Takes a reference and returns the slot's record if it is that of a running thread with this id.
-// Else returns NULL.
+// Takes a reference and returns the slot's thread record if it is that of a running thread with
+// this id. Else returns NULL.
 vorn_thread_s *hold(Slot &slot, std::int64_t tid) {
   Reference reference(slot);
   if (!reference || !reference.alive()) return nullptr;
@@ -159,8 +161,8 @@ void keep_own_thread() {
 
 const ForkChild forget_others{keep_own_thread};
 
-// Called if the thread was cancelled, called pthread_exit, or returned without giving its record
-// back. t_record is still valid: the C library destroys thread-local words after the keys.
+// Called if the thread was cancelled, called pthread_exit, or returned without giving its thread
+// record back. t_record is still valid: the C library destroys thread-local words after the keys.
 void end_thread(void *) {
   if (end_in_pool()) return;
   if (t_record != nullptr) leave(t_record);

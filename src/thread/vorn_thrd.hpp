@@ -1,16 +1,19 @@
-// Declares what the sources of this module share: the table of threads, and the steps of a thread's
-// life.
+// Declares what the sources of the thread module share: the table of threads, and the steps of a
+// thread's life.
 //
 // A slot's count of references decides which thread may access it:
 //
-//   0  free         a thread that changes it from 0 to 1 owns the slot and its record
-//   1  used         the thread's own reference; it, or the thread that starts it, writes the record
-//   n  referenced   n - 1 other threads refer to it: the record stays, even after the thread's end
+//   0  free         a thread that changes it from 0 to 1 owns the slot and its thread record
+//   1  used         the thread's own reference; it, or the thread that starts it, writes the thread
+//                   record
+//   n  referenced   n - 1 other threads refer to it: the thread record stays, even after the
+//                   thread's end
 //
-// A reference is taken by a compare-and-swap that refuses 0, so no thread can refer to a free slot.
-// A slot keeps its record forever, so a record is never freed. The owner writes the state, except
-// for the claim of an idle pool thread (4 to 8, by compare-and-swap). A thread that reads an alive
-// state with acquire sees the record as its owner filled it before the release store of that state.
+// A thread takes a reference by a compare-and-swap that refuses 0, so none refers to a free slot. A
+// slot keeps its thread record forever: only thread records without a slot are freed. The owner
+// writes the state, except for the claim of an idle pool thread (4 to 8, by compare-and-swap). A
+// thread that reads an alive state with acquire sees the thread record as its owner filled it
+// before the release store of that state.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_THRD_HPP
 #define VORN_THRD_HPP
@@ -64,32 +67,33 @@ private:
   Slot *slot_;
 };
 
-// Returns a record for a new thread, in a slot if one is free. NULL after an error message.
+// Returns a thread record for a new thread, in a slot if one is free. Logs an error and returns
+// NULL if memory runs out.
 vorn_thread_s *take_record(vorn_thrd_entry_f entry, void *argument);
 
-// Does nothing for a record without a slot.
+// Does nothing for a thread record without a slot.
 void set_state(const vorn_thread_s &record, State state);
 
 void set_tid(vorn_thread_s &record, std::int64_t tid);
 
-// Bind the calling thread to the record, before its first state, and unbind it, after its last. A
-// thread that ends without leaving is unbound by the key's destructor.
+// Bind the calling thread to the thread record, before its first state, and unbind it, after its
+// last. If a thread ends without leaving, the key's destructor unbinds it.
 void enter(vorn_thread_s *record);
 void leave(vorn_thread_s *record);
 
-// Arranges that call of the destructor. Part of entering.
+// Makes the end of the thread call the destructor. Part of entering.
 void watch_end(vorn_thread_s *record);
 
-// Start routines, whose argument is the record: without a strategy, and under strategy 0.
+// Start routines, whose argument is the thread record: without a strategy, and under strategy 0.
 void *start_plain(void *record);
 void *start_raw(void *record);
 
 // The stack size of a thread if the instant-map flag is set.
 inline constexpr std::size_t kSmallStack = 131072;
 
-// Starts a detached thread with this record, and with default attributes if none are given. Returns
-// 0. On failure, gives the record back and returns -1 after an error message in the name of
-// function; log_failed writes the message about pthread_create.
+// Starts a detached thread with this thread record, and with default attributes if none are given.
+// Returns 0. On failure, gives the thread record back, logs an error in the name of function, and
+// returns -1; log_failed writes the message about pthread_create.
 int start_thread(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
                  pthread_attr_t *given, const char *function, void (*log_failed)(int error));
 

@@ -13,7 +13,7 @@ namespace {
 
 constexpr pthread_t kNoThread = static_cast<pthread_t>(-1);
 
-// Each is written as a whole, and every thread would write the same value.
+// Threads read and write each as a whole. All threads get the one handle in cached_thread.
 constinit std::atomic<pid_t> cached_pid{0};
 constinit std::atomic<pthread_t> cached_thread{kNoThread};
 

@@ -18,7 +18,7 @@
 namespace vorn::thread {
 namespace {
 
-using Word = std::uint64_t; // the other functions read single characters
+using Word = std::uint64_t; // that store_name and load_name access
 constexpr std::size_t kNameWords = VORN_THRD_NAME_SIZE / sizeof(Word);
 static_assert(offsetof(vorn_thread_s, name) % alignof(Word) == 0);
 

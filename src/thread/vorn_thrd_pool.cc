@@ -1,4 +1,5 @@
-// Implements the thread pool: its threads wait for jobs, each on the semaphore in its record.
+// Implements the thread pool: its threads wait for jobs, each on the semaphore in its thread
+// record.
 //
 //   dispatcher                                    pool thread
 //   state 4 -> 8 (compare-and-swap)               state 4 (idle)
@@ -14,7 +15,7 @@
 // A thread of the pool can be cancelled only in its jobs. A cancellation that is pending at the end
 // of a job takes effect then, while the state is still 8. A later one finds the thread idle or with
 // its next job, and takes effect before that begins: the thread that replaces this one gets the
-// job. A thread is also replaced if a job calls pthread_exit or gives its record up.
+// job. A thread is also replaced if a job calls pthread_exit or gives the thread record up.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <algorithm>
@@ -65,8 +66,8 @@ vorn_thrd_entry_f job_of(const vorn_thread_s &record) {
   return atomic_word(record.entry).load(std::memory_order_acquire);
 }
 
-// False if a job has given the record up, which another thread may use by now, or if the job
-// forked.
+// Returns false if a job has given the thread record up, which another thread may use by now, or if
+// the job has forked and this is the child.
 bool is_member(const vorn_thread_s &record) { return t_record == &record && record.pooled == 1; }
 
 // Enables deferred cancellation for a job. A pending cancellation ends the thread here.
@@ -169,7 +170,7 @@ void *start_pooled(void *argument) {
   return nullptr;
 }
 
-// A replacement is started by any thread that notices the loss.
+// Any thread that notices the loss starts the replacement, which therefore resets its settings.
 void *start_replacement(void *argument) {
   auto &record = *static_cast<vorn_thread_s *>(argument);
   begin(record);

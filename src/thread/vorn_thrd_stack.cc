@@ -26,7 +26,7 @@ bool holds(const StackBounds &stack, unsigned long address) {
   return stack.low <= address && address < stack.high;
 }
 
-// A frame that has just overrun the guard still counts.
+// A frame that has just overrun the stack, into the guard, still counts.
 bool holds_or_nearly(const StackBounds &stack, unsigned long address) {
   return stack.low <= address + kPage && address < stack.high;
 }

@@ -57,14 +57,14 @@ void vorn_thrd_unsetsigstack(const vorn_thread_s &record) {
 void run(vorn_thread_s *record) {
   set_state(*record, kRunning);
   record->entry(record->argument);
-  // If the entry has cleared the record itself, the thread has left already.
+  // If the entry has cleared the thread record itself, the thread has left already.
   if (t_record == record) leave(record);
 }
 
 } // namespace
 
 void enter(vorn_thread_s *record) {
-  // The id is set first, so that a signal handler that sees the record finds it.
+  // Set the id first, so that a signal handler that sees the thread record finds the id in it.
   set_tid(*record, thread_id());
   t_record = record;
   watch_end(record);

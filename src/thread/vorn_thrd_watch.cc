@@ -1,6 +1,7 @@
-// Implements the record of the one thread that is watched: one word of shared memory, whose halves
-// are written together.  bits 63..32  kernel id of the watched thread; 0 if there is none bits
-// 31..0   marker, once a process has written
+// Names the one thread that is watched in a word of shared memory, and writes both halves together.
+//
+//   bits 63..32  kernel id of the watched thread; 0 if there is none
+//   bits 31..0   marker, once a process has written
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <atomic>

@@ -1,4 +1,4 @@
-// Starts the time base and reads it.
+// Starts and reads the time base, and finds the frequency of the CPU.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_time.h"
 

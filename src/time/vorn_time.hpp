@@ -1,4 +1,4 @@
-// Declares the private parts of the time module.
+// Declares the arithmetic of the time base: rounded frequencies, and nanoseconds per count.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIME_HPP
 #define VORN_TIME_HPP
@@ -15,7 +15,7 @@ constexpr std::uint64_t round_frequency(std::uint64_t frequency) {
   return upper - frequency > frequency - lower ? lower : upper;
 }
 
-// Returns the whole nanoseconds of a counter tick; 0 for a frequency of 0.
+// Returns the whole nanoseconds of one count of the counter; 0 for a frequency of 0.
 constexpr std::uint64_t tick_nanoseconds(std::uint64_t frequency) {
   return frequency == 0 ? 0 : 1000000000 / frequency;
 }

@@ -47,8 +47,8 @@ void copy_zone_name(char (&out)[VORN_TIME_ZONE_NAME_LENGTH + 1]) {
   std::memcpy(out, zone_name, sizeof out);
 }
 
-// The C library's lock of the zone may be held in a child of fork(). The library's own mutex around
-// it makes fork() wait.
+// A thread may hold the C library's lock of the zone while another thread forks, and the child
+// would inherit it as held. The library's own mutex around it makes fork() wait.
 void reread_zone() {
   const MutexGuard hold{zone_mutex};
   tzset();

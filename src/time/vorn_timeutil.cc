@@ -64,7 +64,7 @@ bool add_second(tm *time) {
 
 // --- The dump ---
 
-// Returns the path of the dump of a zone: beside the folder, with "_" for each further "/".
+// Sets the path of the dump of a zone: beside the folder, since "_" replaces the "/" after it too.
 bool dump_path(const char *name, char (&path)[kPathSize]) {
   const int length = snprintf_s(path, sizeof path, sizeof path - 1, "%s/%s", kDumpFolder, name);
   if (length < 0)
@@ -75,7 +75,7 @@ bool dump_path(const char *name, char (&path)[kPathSize]) {
   return true;
 }
 
-// Renames the dump when it is complete: a failed tool leaves no file that is used again.
+// Renames the dump when it is complete, so that no later call uses the file of a failed tool.
 void run_zdump(const char *function, const char *name, const char *path) {
   char part[kPathSize + 16];
   char command[2 * kPathSize];

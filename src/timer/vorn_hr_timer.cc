@@ -1,8 +1,8 @@
 // Implements the high-resolution timers and the thread that runs them.
 //
-// The mutex guards the tree, the running timer and the pending timers; isp is also read without it.
-// A child of fork() drops all of it, in whatever state another thread has left it, so the mutex
-// does not enter the fork gate.
+// The mutex guards the tree, the running timer and the pending timers; threads also read a timer's
+// isp and owner without it. A child of fork() drops all of it, in whatever state another thread has
+// left it, so a thread that takes the mutex does not enter the fork gate.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_hr_timer.h"
 

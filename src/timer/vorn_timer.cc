@@ -1,13 +1,14 @@
 // Implements the timers of the wheel and the thread that runs them.
 //
 // Locks. The spin lock of the root guards the wheel, the running timer and the pending timers. The
-// mutex and the condition only let the thread sleep and wake. next_wake is written under the spin
-// lock; a thread that arms a timer writes it under the mutex too, because the timer thread reads it
+// mutex and the condition only let the timer thread sleep and wake. Threads write next_wake under
+// the spin lock; a thread that arms a timer also holds the mutex, because the timer thread reads it
 // with only the mutex held. A thread may take the mutex while it holds the spin lock, never the
 // reverse.
 //
-// fork(). The root's lock does not enter the fork gate: a child drops the whole root, in whatever
-// state another thread has left it, and recognises the parent's timers by their owner.
+// fork(). A thread that takes the root's lock does not enter the fork gate: a child drops the whole
+// root, in whatever state another thread has left it, and recognises the parent's timers by their
+// owner.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer.h"
 
@@ -51,10 +52,8 @@ enum State : int {
   kReady = 0,
   kNoThread = 1,
   kInitial = 2,
-  kForked =
-      3, // started in the parent; the first timer that is armed starts the service in this process
-  kStopped =
-      4, // the thread has ended and could not be replaced; the next timer that is armed tries again
+  kForked = 3,  // started in the parent; the first arming of a timer starts it in this process
+  kStopped = 4, // the thread has ended, and no other could start; the next arming tries again
 };
 
 struct Root {
@@ -265,9 +264,9 @@ enum class Only { kIdle, kAny };
 // Arms the timer, unless it is pending and only idle timers are allowed. Returns whether it was
 // armed.
 //
-// Reading the clock takes as long as the rest, so the lock is not held meanwhile. A thread that
-// then waits for the lock has an older time. A wheel without timers may go back to that time: it
-// has no slot that would be opened twice.
+// Reading the clock takes as long as the rest, so the thread reads it before it takes the lock. A
+// thread that then waits for the lock has an older time. A wheel without timers may go back to that
+// time: it has no slot that would be opened twice.
 bool arm(vorn_timer_s *timer, std::uint64_t milliseconds, Only which) {
   const std::uint64_t now = vorn_time_getmillisec();
   const std::uint64_t expiry = now + ((milliseconds * 125) & kMask) / 125;

@@ -1,4 +1,8 @@
-// Adds timers to the timer wheel, and moves them through it.
+// Adds timers to the timer wheel, and moves them through it. One step of the wheel:
+//
+// 1. Find the next slot with timers by the bits of the slots, and set current_ to its time.
+// 2. Place the timers of the slots of higher levels that open at current_ anew, in batches.
+// 3. Move the timers of the slot of level 0 to the due ones, and add 1 to current_.
 //
 // A timer that expires d milliseconds after current_ is placed in the lowest level whose slots
 // reach that far. Its slot is opened at a multiple of the slot's width that is later than current_

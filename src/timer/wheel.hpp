@@ -1,11 +1,17 @@
 // Declares the timer wheel: pending timers by the millisecond of their expiry, in five levels of
-// slots.  level   slots     slot width                  opened 0        1000           1 ms
-// its timers run 1          60           1 s   every 1000 ms   its timers are placed again, at
-// lower levels 2          60           1 min every minute    the same 3          60           1 h
-// every hour      the same 4          24          60 h   every 60 hours  the same  A bit for each
-// slot tells whether it holds timers. The wheel finds the next slot to open by these bits, and so
-// skips any time without timers at once.  The wheel has no lock: its owner holds one around each
-// call. Each call is short.
+// slots.
+//
+//   level   slots   slot width   opened
+//   0        1000         1 ms   at its millisecond: its timers run
+//   1          60          1 s   every 1000 ms: its timers are placed again, at lower levels
+//   2          60        1 min   every minute: the same
+//   3          60          1 h   every hour: the same
+//   4          24         60 h   every 60 hours: the same
+//
+// A bit for each slot tells whether it holds timers. The wheel finds the next slot to open by these
+// bits, and so skips any time without timers at once.
+//
+// The wheel has no lock: its owner holds one around each call. Each call is short.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TIMER_WHEEL_HPP
 #define VORN_TIMER_WHEEL_HPP

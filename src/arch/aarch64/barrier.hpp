@@ -1,5 +1,6 @@
-// Defines the barriers of AArch64. Acquire and release on a read-modify-write order neither earlier
-// accesses with its write nor later accesses with its read, so both barriers are real instructions.
+// Defines the barriers of AArch64. Acquire and release leave an atomic read-modify-write half open:
+// its read may move before earlier accesses, and later accesses may move before its write. So both
+// barriers are real instructions.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_BARRIER_HPP
 #define VORN_ARCH_AARCH64_BARRIER_HPP

@@ -13,7 +13,7 @@ inline std::uint64_t counter() {
   return value;
 }
 
-// In ticks per second.
+// In Hz.
 inline std::uint64_t counter_frequency() {
   std::uint64_t value;
   asm volatile("mrs %0, cntfrq_el0" : "=r"(value));

@@ -1,4 +1,4 @@
-// Declares the checksums by special instructions for AArch64.
+// Declares the checksum functions that use the special instructions of AArch64.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_CRC_HPP
 #define VORN_ARCH_AARCH64_CRC_HPP
@@ -8,7 +8,7 @@
 
 namespace vorn::arch {
 
-// Every supported processor has the CRC32 and PMULL instructions: nothing is probed.
+// Every supported processor has the CRC32 and PMULL instructions, so no probe is needed.
 struct CrcProbe {};
 inline constexpr CrcProbe crc_probe{};
 

@@ -1,5 +1,5 @@
-// Defines pause() for AArch64: executes the hint for a spinning thread, which cores without
-// hyperthreads ignore.
+// Defines pause() for AArch64. It executes the hint for a spinning thread; cores without
+// hyperthreads ignore the hint.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_AARCH64_PAUSE_HPP
 #define VORN_ARCH_AARCH64_PAUSE_HPP

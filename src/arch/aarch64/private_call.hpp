@@ -8,7 +8,7 @@
 namespace vorn::arch {
 
 // AArch64 reserves the numbers 244 to 259 and uses none of them; a kernel without the module
-// answers ENOSYS.
+// fails with ENOSYS.
 inline constexpr long kPrivateCallNumber = 259;
 
 inline long private_call(unsigned long command, unsigned long a1, unsigned long a2,

@@ -13,7 +13,7 @@
 
 namespace vorn::arch {
 
-// In ticks per second.
+// In Hz.
 inline std::uint64_t counter_frequency() { return 1000000000; }
 
 inline std::uint64_t counter() {

@@ -1,4 +1,4 @@
-// Declares the checksums by special instructions for x86-64.
+// Declares the checksum functions that use the special instructions of x86-64.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_CRC_HPP
 #define VORN_ARCH_X86_64_CRC_HPP

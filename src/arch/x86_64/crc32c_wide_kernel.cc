@@ -30,9 +30,9 @@ constexpr std::size_t kSector = 512;
 constexpr std::size_t kMaxRounds = (kMaxLane - kMaxRest / (3 * Loop::kWord)) / kSteps;
 constexpr std::size_t kMaxBlock = kMaxRounds * kRound + kMinRest;
 
-// Folds a vector onto the one that is bytes further on: x^(8 bytes + 64) for the first word of each
-// half, x^(8 bytes) for the second. The product of two reflected values has one x too many, and
-// these stand in the low 32 bits of 64, which is x^32 more.
+// Returns the factors that fold a vector onto the one kBytes further on: x^(8 kBytes + 64) for the
+// first word of each half, x^(8 kBytes) for the second. The product of two reflected values has one
+// x too many, and a factor in the low 32 bits of 64 has x^32 more.
 template <unsigned int kBytes> __m256i factors() {
   constexpr std::uint32_t first = crc32c_power(8 * kBytes + 64 - 33);
   constexpr std::uint32_t second = crc32c_power(8 * kBytes - 33);

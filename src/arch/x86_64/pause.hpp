@@ -1,5 +1,5 @@
-// Defines pause() for x86-64, which avoids the mis-speculation at the end of the loop, and leaves
-// the core to its other hyperthread.
+// Defines pause() for x86-64. The instruction avoids the mis-speculation at the end of the loop,
+// and leaves the core to its other hyperthread.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_PAUSE_HPP
 #define VORN_ARCH_X86_64_PAUSE_HPP

@@ -1,4 +1,4 @@
-// Answers the private call, which x86-64 does not have.
+// Makes the private call fail on x86-64, which has none.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_ARCH_X86_64_PRIVATE_CALL_HPP
 #define VORN_ARCH_X86_64_PRIVATE_CALL_HPP
