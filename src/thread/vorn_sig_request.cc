@@ -47,11 +47,12 @@ int finish(const Answer &answer) {
   return static_cast<int>(answer.result);
 }
 
+// Acquire: after a character of a new tag, it finds those that append_to_tag stored before.
 class Tag {
 public:
   Tag() {
     for (std::size_t i = 0; i + 1 < sizeof text_; ++i)
-      text_[i] = atomic_word(g_tag_buf[i]).load(std::memory_order_relaxed);
+      text_[i] = atomic_word(g_tag_buf[i]).load(std::memory_order_acquire);
   }
   const char *text() const { return text_; }
 
@@ -59,8 +60,7 @@ private:
   char text_[sizeof g_tag_buf] = "";
 };
 
-// Writes from the end backwards: a handler in this thread finds the old tag or the complete new
-// one. A handler in another thread may find the new one cut.
+// Writes from the end backwards: a handler finds the old tag or the complete new one.
 void append_to_tag(const char *text) {
   const MutexGuard hold{tag_mutex};
   const std::size_t length = std::strlen(g_tag_buf);
