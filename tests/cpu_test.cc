@@ -56,8 +56,8 @@ TEST_F(Cpu, ListsOfCpus) {
        "IOD_NORMAL:0:80", "IOD_NORMAL:0:90-80", "IOD_NORMAL:0:1022-1030",
        "IOD_NORMAL:0:4294967294-4294967295"}};
   // If every partition refers to all, the paths of references are too many to walk.
-  groups.resize(64, {"P:0:5,*/P", "Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q",
-                     "E:0:7", "E:0:7", "E:0:7"});
+  groups.resize(64, {"Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q", "E:0:7", "E:0:7",
+                     "E:0:7"});
   ASSERT_EQ(load(vorn_cpum_init, product(groups)), 0);
   EXPECT_EQ(lines(), Lines{});
   Cpus to_128(128);
@@ -70,28 +70,19 @@ TEST_F(Cpu, ListsOfCpus) {
   } rows[] = {
       {"0,2- 4, 70,+8-+9", 0, {0, 2, 3, 4, 8, 9, 70}, {}},
       {"1022-2000", 0, {1022, 1023}, {}},
-      {"1023-4294967295", 0, {1023}, {}},
-      {"2000-3000,99999999999,1024-4294967295,1024", 0, {}, {}},
+      {"1023-4294967295,2000-3000,99999999999,1024", 0, {1023}, {}},
       {"8-4", -1, {}, {"E Parse cpu mask 8-4 fail, end:4 is less than start:8"}},
-      {"1025-1024,7-7",
-       0,
-       {7},
-       {"E Parse cpu mask 1025-1024 fail, end:1024 is less than start:1025"}},
       {"A,,5,-6,", 0, {5}, {kFormat + "A", kFormat, kFormat + "-6", kFormat}},
       {"3--5,3- -5", -1, {}, {kFormat + "3--5", kFormat + "3- -5"}},
       {"3-x,6-,8 9", 0, {3, 6, 8}, {}},
-      {"", -1, {}, {kFormat}},
       {"*/A", 0, {4, 5, 6, 20, 21}, {}},
       {"GROUP_1/A/B,*/Z,GROUP_10/A,GROUP_0/A,1", 0, {1, 4, 5, 6, 30}, {}},
       {"*/" + name + ",*/" + name + "cut", 0, {7}, {}},
-      {"*/Z", 0, {}, {}},
       {"GROUP_0/,/A", -1, {}, {kFormat + "GROUP_0/", kFormat + "/A"}},
       {name + "n/A", 0, {}, {}},
       {name + "nn/A", -1, {}, {kFormat + name + "nn/A"}},
-      {"GROUP_0/B,*/B", 0, {9}, {kFormat + "x"}},
       {"*/N", 0, {3, 9, 20, 21}, {kFormat + "x"}},
       {"*/M", 0, {40, 41, 42, 43}, {kFail + "GROUP_2/M refers to itself."}},
-      {"*/P", 0, {5}, {kFail + "GROUP_5/P refers to itself."}},
       {"*/Q", 0, {6}, {kFail + "GROUP_5/Q refers to itself."}},
       {"*/C1", 0, to_128, {kFail + "GROUP_3/C129 is referred to too deeply."}},
       {"*/E", 0, {7}, {}}, // many, and none in another
@@ -168,7 +159,6 @@ TEST_F(Cpu, AFailedLoadCounts) {
       {"/", "", {"Load cpu cgroup cfg fail /", parse + "/"}, {}},
       {file, "", {"Get cpu num fail, ret:-1", parse + file}, {}},
       {file, number + "0\n", {"Get cpu num fail, ret:0", parse + file}, {}},
-      {file, number + "-7\n", {"Get cpu num fail, ret:-7", parse + file}, {}},
       {file, number + "4294967297\n", {"Get cpu num fail, ret:-1", parse + file}, {}},
       {file, good, {}, {1, 2, 3}},
       {file, good, {"Malloc for group fail"}, {3}, 0},
