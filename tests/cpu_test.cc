@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubproc
+// test-wraps: vorn_mallocsubproc vorn_freesub
 // Tests CPU partitions and CPU lists.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpu.h"
@@ -105,12 +105,12 @@ TEST_F(Cpu, ListsOfCpus) {
   EXPECT_EQ(cpus_of(mask, 1024), (Cpus{4, 5, 30, 31, 1022}));
   EXPECT_EQ(vorn_cpum_clear_cpumask_of_iod_poll(nullptr), -1);
   EXPECT_EQ(lines(), Lines{"E Cpu mask is null."});
-  records_before_failure = 0;
+  until_failure = 0;
   EXPECT_EQ(parsed("*/A", -1), Cpus{});
   EXPECT_EQ(lines(), Lines{"E Malloc for partitions fail"});
 }
 
-TEST_F(Cpu, TableHoldsWhatIsWhole) {
+TEST_F(Cpu, TableHoldsCompletePartitions) {
   const auto show = [](int result) {
     return shown::by([result](auto print) { EXPECT_EQ(vorn_cpum_dbg_show(print), result); });
   };
@@ -143,7 +143,7 @@ TEST_F(Cpu, TableHoldsWhatIsWhole) {
               vorn_cpum_dbg_show(nullptr) == -1);
 }
 
-TEST_F(Cpu, AFailedLoadCounts) {
+TEST_F(Cpu, AFailedLoadIsNotRepeated) {
   const std::string parse = "Parse cpu group cfg fail ";
   const std::string good = product({{"A:0:1", "A:0:2"}, {"A:0:3"}});
   const std::string number = "[CPU_PARTITION]\ngroup_num=";
@@ -153,7 +153,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
     std::string content;
     Lines records;
     Cpus cpus;
-    int fails = -1; // the allocation that fails
+    long fails = LONG_MAX; // the allocation that fails
   } rows[] = {
       {none, "", {missing, "Invalid cpu group cfg " + none}, {}},
       {"/", "", {"Load cpu cgroup cfg fail /", parse + "/"}, {}},
@@ -167,7 +167,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
   };
   for (const auto &row : rows) {
     in_child([&] {
-      records_before_failure = row.fails;
+      until_failure = row.fails;
       if (row.path == file) scratch::write_file(file, row.content);
       EXPECT_EQ(vorn_cpum_init(row.path.c_str()), row.content == good ? 0 : -1) << row.content;
       EXPECT_EQ(lines(), row.records);
@@ -176,7 +176,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
       EXPECT_NO_RECORD();
     });
   }
-  records_before_failure = 3;
+  until_failure = 3;
   beside_failure = [this] {
     in_child([this] { // during the parent's load
       EXPECT_EQ(vorn_cpum_init(file.c_str()), 0);
@@ -199,7 +199,7 @@ struct ProductFile : CpuFile {
   }
 };
 
-TEST_F(ProductFile, ThatCannotBeMadeMeansNoPartitions) {
+TEST_F(ProductFile, WithoutItThereAreNoPartitions) {
   make_script("exit 3");
   const Lines failed = {"Generate default cpu group cfg ret:768", "Invalid cpu group cfg (null)"};
   static uint64_t mask[VORN_CPUM_MASK_WORDS];
@@ -218,7 +218,7 @@ TEST_F(ProductFile, ThatCannotBeMadeMeansNoPartitions) {
   EXPECT_EQ(lines(), (Lines{failed[0], failed[1], kFormat + "*/A"})) << "only the first";
 }
 
-TEST_F(ProductFile, IsMadeOnceAndHoldsUpNoFork) {
+TEST_F(ProductFile, IsMadeOnceAndDelaysNoFork) {
   make_script("echo \"$1\" >> /WRK/runs\nuntil test -e /WRK/go; do sleep 0.01; done\n"
               "cp \"$1\"/template \"$1\"/product.ini\nexit 3\n");
   run_threads(5, [](int thread) {

@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubproc vorn_cfg_destroy_ex
+// test-wraps: vorn_mallocsubproc vorn_freesub vorn_cfg_destroy_ex
 // Tests the NUMA configuration.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_numa.h"
@@ -64,7 +64,7 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
        1},
   };
   for (const auto &row : rows) {
-    records_before_failure = row.count == 1 ? 0 : -1;
+    until_failure = row.count == 1 ? 0 : LONG_MAX;
     EXPECT_EQ(load(vorn_numam_init, row.content), -1) << row.content;
     const Lines records = lines();
     ASSERT_GE(records.size(), 2u) << row.content;
