@@ -11,7 +11,7 @@
 #include "support/log_capture.hpp"
 #include "vorn_cst.h"
 
-// In front of the library's own: the process's name, the configuration store and the binding.
+// Replace the library's process name, configuration store and binding.
 static const char *process = "app_data";
 static const char *item = "1,3,1024,,-1,4294967298,1023,x";
 static int bind_result = 0;

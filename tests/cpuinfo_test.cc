@@ -174,7 +174,7 @@ TEST_F(Cpuinfo, SharedCountsAreCheckedAndRepaired) {
   cpumask cpus;
   machine("0-1\n", "Socket(s): 2\n", 0);
   EXPECT_EQ(cpuinfo_init(), -1);
-  save_cpuinfo_to_shm(); // an incomplete record
+  save_cpuinfo_to_shm(); // incomplete counts
   EXPECT_EQ(scratch::read_file(kShared), std::string(80, '\0'));
   capture::take();
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(&cpus, 0)),
@@ -185,7 +185,7 @@ TEST_F(Cpuinfo, SharedCountsAreCheckedAndRepaired) {
   EXPECT_EQ(capture::outcome(vorn_get_logic_cpu_num(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumodel_info(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(nullptr, 0)), null);
-  std::string other = record; // stored by another process meanwhile
+  std::string other = record; // which another process has stored
   other[8] = 3;
   scratch::write_file(kShared, summed(other));
   save_cpuinfo_to_shm();
@@ -205,7 +205,7 @@ TEST_F(Cpuinfo, OneOfManyProcessesRunsTheTools) {
   }
   EXPECT_EQ(runs(), 1u);
 
-  // A process waits a second for one that has stopped meanwhile.
+  // A process waits one second for another one that has stopped.
   scratch::write_file(kShared, "");
   const int fd = open(kShared.c_str(), O_RDWR | O_CLOEXEC);
   struct flock lock = {};

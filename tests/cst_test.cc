@@ -93,7 +93,7 @@ TEST(ConfigurationStore, AsksTheKernelModule) {
   EXPECT_NO_RECORD();
 }
 
-TEST(ConfigurationStore, StoresNoMoreThanThereIsRoomFor) {
+TEST(ConfigurationStore, WritesNoMoreThanTheBufferHolds) {
   const std::string unterminated(257, 'v');
   const struct {
     std::string reply;

@@ -148,7 +148,7 @@ TEST(KernelCalls, PanicPrintsAndSendsTheFirst255Characters) {
   EXPECT_EQ(lines[5], "E Syscall for vorn_Reboot failed.errno 5");
 }
 
-TEST(KernelCalls, MemoryTableIsTakenOnlyFromASuccessAndClearedAndErrnoKept) {
+TEST(KernelCalls, MemoryTableIsTakenOnlyAfterASuccess) {
   static uint64_t table[VORN_MODULE_ID_COUNT];
   std::fill_n(table, VORN_MODULE_ID_COUNT, ~0ul);
   uint64_t address = word(table);

@@ -29,7 +29,7 @@ std::string shown_as(const std::string &modules, const std::string &total) {
   return text + "\n" + modules + "\nTotal used memory: " + total + "\n";
 }
 
-// Not inlined: the compiler knows the block's size and objects to what lies in front of it.
+// Not inlined: the compiler knows the block's size and objects to a read before it.
 __attribute__((noinline)) const vorn_mem_head_s *head_of(const void *ptr) {
   return static_cast<const vorn_mem_head_s *>(ptr) - 1;
 }
@@ -89,7 +89,7 @@ TEST(Mem, TableIsRequestedUntilItIsThereAndShownFiveToALine) {
                      "11"));
 }
 
-TEST(Mem, CountsFromManyThreadsLoseNothing) {
+TEST(Mem, CountsFromManyThreadsAreExact) {
   std::latch start{4};
   run_threads(4, [&](int) {
     start.arrive_and_wait();

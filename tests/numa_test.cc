@@ -58,6 +58,7 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
       {kNodes, "PROC", "Get cpu_num(16), numa_num(2) success.", 2},
       {kNodes + kProcess + "TRUE\n", "PROC", "E Get proc_numa_info fail, itemValue:TRUE", 2},
       {listed + "2\n", "PROC", "E Get proc_numa_info(2) failed.", 2},
+      {listed + "-1\n", "PROC", "E Get proc_numa_info(-1) failed.", 2},
       {listed + "4294967296\n", "PROC", "E Get proc_numa_info(4294967296) failed.", 2},
       {listed + "1,7,0\n", "PROC", "E Get proc_numa_info(1,7,0) failed.", 2},
       {"[NUMA_PARTITION]\ncpu_num=1\nnuma_num=1\nnuma_0=1\n", "CPU", "E Malloc for numaInfo fail",
@@ -185,6 +186,7 @@ TEST_F(Numa, TwoFiles) {
       {"", process, "E Numa cfg numa_info error."},
       {full, process, "E Numa cfg numa_info error."},
       {nodes, full, "E Numa cfg node_numa error."},
+      {none, process, "Load cfg(" + none + ") fail"},
       {nodes, none, "Load cfg(" + none + ") fail"},
       {process, process, "E Parse numa cfg CPU_PARTITION fail."},
   };
