@@ -65,12 +65,14 @@ TEST_F(Driver, AnUnusableDriverIsReportedAndClosedAndTriedAgain) {
     std::string missing, size, offset, text;
   } rows[] = {
       {kUio, "0x1000", "0", no_child},
+      {kUio + "uio0", "0x1000", "0", no_child},
       {"/dev/uio0", "0x1000", "0", "open dev failed, errno=2."},
       {kUio + "uio0/maps/map0/addr", "0x1000", "0", "open addr_fd map failed, errno=2."},
       {kUio + "uio0/maps/map0/size", "0x1000", "0", "open size_fd map failed, errno=2."},
       {kUio + "uio0/maps/map0/offset", "0x1000", "0", "open map failed, errno=2."},
       {"", "0", "0", no_map},
       {"", "0x1000", "0x1000", no_map},
+      {"", "0x1000", "-8", no_map},
       {"", "0x1000", "4", no_map},
       {"", "", "", no_map},
   };

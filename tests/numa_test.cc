@@ -97,7 +97,8 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
 TEST_F(Numa, AnswersAfterTheLoad) {
   std::string nodes = kHead + "66\n";
   for (int id = 0; id < 66; ++id)
-    nodes += "numa_" + std::to_string(id) + "=" + std::to_string(id) + ",300\n";
+    nodes +=
+        "numa_" + std::to_string(id) + "=" + (id == 5 ? "8,x" : std::to_string(id) + ",300") + "\n";
   destroy_result = -1;
   EXPECT_EQ(load(vorn_numam_init, nodes + kProcess + "falsy\nproc_numa_info=,junk,,63,65,\n"), 0);
   EXPECT_EQ(lines().back(), "E Destroy numa cfg fail " + file);
@@ -118,6 +119,9 @@ TEST_F(Numa, AnswersAfterTheLoad) {
   EXPECT_EQ(cpus_of(set, 1024), (Cpus{65, 300}));
   EXPECT_EQ(cpus_of(mask.words, 256), Cpus{65});
   EXPECT_NO_RECORD();
+  EXPECT_TRUE(vorn_numam_cpuset_get(5, set) == -1 && vorn_numam_cpumask_get(5, &mask) == -1);
+  EXPECT_EQ(cpus_of(set, 1024), Cpus{8});
+  capture::take();
   EXPECT_TRUE(vorn_numam_cpuset_get(0, nullptr) == -1 && vorn_numam_cpumask_get(0, nullptr) == -1 &&
               vorn_numam_proc_numamask_get(nullptr) == -1);
   const std::string null = "E Param error, munaMask is NULL.";

@@ -102,6 +102,7 @@ TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLast) {
       {"cpu 21 1 2 137 3 6 0\nintr 1 2 3\ncpu1 9 0 1 9\n", "0 0 75 100"},
       {"cpu 21 1 2 138 2 6 0\n", "0 0 75 100"}, // ticks of another kind
       {"cpu 21 1 2 138 12 6 0\n", "0 100 75 100"},
+      {"cpu 21 1 2\ncpu1 9 0 1 9\n", "-1 100 75 100"},
       {wide + "99 0 0 0\n", "-1 100 75 100"},
       {"", "-1; E Get CPU stat (/proc/stat) file failed. 100 75 100"},
   };
