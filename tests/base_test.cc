@@ -40,7 +40,7 @@ struct Pair {
   volatile long second = 0;
 };
 
-TEST(ForkGate, ChildFindsLocksFreeAndWhatTheyGuardWhole) {
+TEST(ForkGate, ChildFindsFreeLocksAndConsistentData) {
   Pair outer;
   Pair inner;
   std::atomic<bool> done{false};
@@ -157,7 +157,7 @@ TEST(Mutex, HolderIsNotCancelled) {
   EXPECT_TRUE(work.once.done());
 }
 
-// Whichever of 0 to 2 are closed, new descriptors are above them, and these stay closed.
+// If some of the descriptors 0 to 2 are closed, new ones are above 2, and these stay closed.
 TEST(System, MakesNoStandardDescriptor) {
   for (int closed = 1; closed < 8; ++closed) {
     const int result = run_in_child([closed] {
@@ -187,7 +187,7 @@ TEST(System, MakesNoStandardDescriptor) {
   }
 }
 
-TEST(System, KeepsFlagsAndLosesNoDescriptorWhereNoneIsLeft) {
+TEST(System, KeepsFlagsAndLeaksNoDescriptorIfNoneIsFree) {
   const int result = run_in_child([] {
     close(STDIN_FILENO);
     const vorn::UniqueFd kept = vorn::sys::above_standard(::open("/dev/null", O_RDONLY));

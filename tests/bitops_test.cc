@@ -36,7 +36,7 @@ void expect_searches(const unsigned char *at, const Bytes &model, std::uint64_t 
   const auto size32 = static_cast<std::uint32_t>(size);
   // Adapts the searches that return whether there is a bit to those that return the size if there
   // is none.
-  const auto told = [size32](auto search, auto... arguments) {
+  const auto found_by = [size32](auto search, auto... arguments) {
     std::uint32_t found = size32;
     const int result = search(arguments..., &found);
     EXPECT_EQ(result, found < size32);
@@ -44,12 +44,12 @@ void expect_searches(const unsigned char *at, const Bytes &model, std::uint64_t 
   };
   EXPECT_EQ(find_next_bit(at, size, offset), set);
   EXPECT_EQ(vorn_find_next_zero_bit(at, size, offset), clear);
-  EXPECT_EQ(told(vorn_bitop_findnextsetbit, at, size32, offset), set);
+  EXPECT_EQ(found_by(vorn_bitop_findnextsetbit, at, size32, offset), set);
   if (offset != 0) return;
   EXPECT_EQ(find_first_bit(at, size), set);
   EXPECT_EQ(find_first_zero_bit(at, size), clear);
-  EXPECT_EQ(told(vorn_bitop_findfirstsetbit, at, size32), set);
-  EXPECT_EQ(told(vorn_bitop_findfirstclrbit, at, size32), clear);
+  EXPECT_EQ(found_by(vorn_bitop_findfirstsetbit, at, size32), set);
+  EXPECT_EQ(found_by(vorn_bitop_findfirstclrbit, at, size32), clear);
 }
 
 // At both ends of the page: at the end, an odd number of bytes has an unaligned start.
@@ -85,7 +85,7 @@ TEST(Bitops, SearchesAgreeWithALookAtEveryBit) {
 }
 
 // The bitmap does not exist: an offset that is not below the size reads nothing.
-TEST(Bitops, NothingIsFoundInNothing) {
+TEST(Bitops, SearchesOfAnEmptyRangeReadNoMemory) {
   const GuardedPage page;
   std::uint32_t found = 9;
   EXPECT_EQ(find_next_bit(page.end(), 70, 70), 70u);
@@ -98,7 +98,7 @@ TEST(Bitops, NothingIsFoundInNothing) {
 }
 
 // Each thread owns a bit of a byte and always finds it as it left it, even during a search.
-TEST(Bitops, UpdatesOfOneByteLoseNothing) {
+TEST(Bitops, ConcurrentUpdatesOfOneByteAreAllKept) {
   alignas(8) unsigned char bitmap[9] = {};
   std::atomic<int> lost{0};
   std::barrier start(8);

@@ -1,4 +1,4 @@
-// test-wraps: vorn_mallocsubproc
+// test-wraps: vorn_mallocsubproc vorn_freesub
 // Tests CPU partitions and CPU lists.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpu.h"
@@ -56,8 +56,8 @@ TEST_F(Cpu, ListsOfCpus) {
        "IOD_NORMAL:0:80", "IOD_NORMAL:0:90-80", "IOD_NORMAL:0:1022-1030",
        "IOD_NORMAL:0:4294967294-4294967295"}};
   // If every partition refers to all, the paths of references are too many to walk.
-  groups.resize(64, {"P:0:5,*/P", "Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q",
-                     "E:0:7", "E:0:7", "E:0:7"});
+  groups.resize(64, {"Q:0:*/R,*/R,*/R", "R:0:*/S,*/S,*/S", "S:0:6,*/T", "T:0:*/Q", "E:0:7", "E:0:7",
+                     "E:0:7"});
   ASSERT_EQ(load(vorn_cpum_init, product(groups)), 0);
   EXPECT_EQ(lines(), Lines{});
   Cpus to_128(128);
@@ -70,8 +70,7 @@ TEST_F(Cpu, ListsOfCpus) {
   } rows[] = {
       {"0,2- 4, 70,+8-+9", 0, {0, 2, 3, 4, 8, 9, 70}, {}},
       {"1022-2000", 0, {1022, 1023}, {}},
-      {"1023-4294967295", 0, {1023}, {}},
-      {"2000-3000,99999999999,1024-4294967295,1024", 0, {}, {}},
+      {"1023-4294967295,2000-3000,99999999999,1024", 0, {1023}, {}},
       {"8-4", -1, {}, {"E Parse cpu mask 8-4 fail, end:4 is less than start:8"}},
       {"1025-1024,7-7",
        0,
@@ -84,14 +83,11 @@ TEST_F(Cpu, ListsOfCpus) {
       {"*/A", 0, {4, 5, 6, 20, 21}, {}},
       {"GROUP_1/A/B,*/Z,GROUP_10/A,GROUP_0/A,1", 0, {1, 4, 5, 6, 30}, {}},
       {"*/" + name + ",*/" + name + "cut", 0, {7}, {}},
-      {"*/Z", 0, {}, {}},
       {"GROUP_0/,/A", -1, {}, {kFormat + "GROUP_0/", kFormat + "/A"}},
       {name + "n/A", 0, {}, {}},
       {name + "nn/A", -1, {}, {kFormat + name + "nn/A"}},
-      {"GROUP_0/B,*/B", 0, {9}, {kFormat + "x"}},
       {"*/N", 0, {3, 9, 20, 21}, {kFormat + "x"}},
       {"*/M", 0, {40, 41, 42, 43}, {kFail + "GROUP_2/M refers to itself."}},
-      {"*/P", 0, {5}, {kFail + "GROUP_5/P refers to itself."}},
       {"*/Q", 0, {6}, {kFail + "GROUP_5/Q refers to itself."}},
       {"*/C1", 0, to_128, {kFail + "GROUP_3/C129 is referred to too deeply."}},
       {"*/E", 0, {7}, {}}, // many, and none in another
@@ -114,12 +110,12 @@ TEST_F(Cpu, ListsOfCpus) {
   EXPECT_EQ(cpus_of(mask, 1024), (Cpus{4, 5, 30, 31, 1022}));
   EXPECT_EQ(vorn_cpum_clear_cpumask_of_iod_poll(nullptr), -1);
   EXPECT_EQ(lines(), Lines{"E Cpu mask is null."});
-  records_before_failure = 0;
+  until_failure = 0;
   EXPECT_EQ(parsed("*/A", -1), Cpus{});
   EXPECT_EQ(lines(), Lines{"E Malloc for partitions fail"});
 }
 
-TEST_F(Cpu, TableHoldsWhatIsWhole) {
+TEST_F(Cpu, TableHoldsCompletePartitions) {
   const auto show = [](int result) {
     return shown::by([result](auto print) { EXPECT_EQ(vorn_cpum_dbg_show(print), result); });
   };
@@ -152,7 +148,7 @@ TEST_F(Cpu, TableHoldsWhatIsWhole) {
               vorn_cpum_dbg_show(nullptr) == -1);
 }
 
-TEST_F(Cpu, AFailedLoadCounts) {
+TEST_F(Cpu, AFailedLoadIsNotRepeated) {
   const std::string parse = "Parse cpu group cfg fail ";
   const std::string good = product({{"A:0:1", "A:0:2"}, {"A:0:3"}});
   const std::string number = "[CPU_PARTITION]\ngroup_num=";
@@ -162,13 +158,12 @@ TEST_F(Cpu, AFailedLoadCounts) {
     std::string content;
     Lines records;
     Cpus cpus;
-    int fails = -1; // the allocation that fails
+    long fails = LONG_MAX; // the allocation that fails
   } rows[] = {
       {none, "", {missing, "Invalid cpu group cfg " + none}, {}},
       {"/", "", {"Load cpu cgroup cfg fail /", parse + "/"}, {}},
       {file, "", {"Get cpu num fail, ret:-1", parse + file}, {}},
       {file, number + "0\n", {"Get cpu num fail, ret:0", parse + file}, {}},
-      {file, number + "-7\n", {"Get cpu num fail, ret:-7", parse + file}, {}},
       {file, number + "4294967297\n", {"Get cpu num fail, ret:-1", parse + file}, {}},
       {file, good, {}, {1, 2, 3}},
       {file, good, {"Malloc for group fail"}, {3}, 0},
@@ -177,7 +172,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
   };
   for (const auto &row : rows) {
     in_child([&] {
-      records_before_failure = row.fails;
+      until_failure = row.fails;
       if (row.path == file) scratch::write_file(file, row.content);
       EXPECT_EQ(vorn_cpum_init(row.path.c_str()), row.content == good ? 0 : -1) << row.content;
       EXPECT_EQ(lines(), row.records);
@@ -186,7 +181,7 @@ TEST_F(Cpu, AFailedLoadCounts) {
       EXPECT_NO_RECORD();
     });
   }
-  records_before_failure = 3;
+  until_failure = 3;
   beside_failure = [this] {
     in_child([this] { // during the parent's load
       EXPECT_EQ(vorn_cpum_init(file.c_str()), 0);
@@ -209,7 +204,7 @@ struct ProductFile : CpuFile {
   }
 };
 
-TEST_F(ProductFile, ThatCannotBeMadeMeansNoPartitions) {
+TEST_F(ProductFile, WithoutItThereAreNoPartitions) {
   make_script("exit 3");
   const Lines failed = {"Generate default cpu group cfg ret:768", "Invalid cpu group cfg (null)"};
   static uint64_t mask[VORN_CPUM_MASK_WORDS];
@@ -228,7 +223,7 @@ TEST_F(ProductFile, ThatCannotBeMadeMeansNoPartitions) {
   EXPECT_EQ(lines(), (Lines{failed[0], failed[1], kFormat + "*/A"})) << "only the first";
 }
 
-TEST_F(ProductFile, IsMadeOnceAndHoldsUpNoFork) {
+TEST_F(ProductFile, IsMadeOnceAndDelaysNoFork) {
   make_script("echo \"$1\" >> /WRK/runs\nuntil test -e /WRK/go; do sleep 0.01; done\n"
               "cp \"$1\"/template \"$1\"/product.ini\nexit 3\n");
   run_threads(5, [](int thread) {

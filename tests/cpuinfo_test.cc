@@ -1,4 +1,4 @@
-// Tests the counts of CPUs and their shared record.
+// Tests the counts of CPUs, which processes share.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpuinfo.h"
 
@@ -86,7 +86,7 @@ struct Cpuinfo : testing::Test {
   scratch::Directory folder;
 };
 
-TEST_F(Cpuinfo, CountsAreCorrectedByTheNodesAndFailuresAreNamed) {
+TEST_F(Cpuinfo, CountsAreCorrectedByTheNodes) {
   const std::string online = kNodes + "online";
   const std::string ok = "0" + kFirst + " | ";
   const std::string failed = "-1" + kFirst + "; E ";
@@ -101,7 +101,6 @@ TEST_F(Cpuinfo, CountsAreCorrectedByTheNodesAndFailuresAreNamed) {
     std::string uname = "echo risc v";
   } rows[] = {
       {"0\n", "Socket(s): 4", 8, ok + "1 8 risc v [0]"},
-      {"0-1\n", "Socket(s): 4", 8, ok + "1 8 risc v [01]"},
       {"0-2\n", "Socket(s): 4", 8, ok + "1 8 risc v [01]"},
       {"0-3\n", "Socket(s): 2", 8, ok + "2 8 risc v [01] [23]"},
       {"0-2\n", "Socket(s): 3", 3, ok + "3 3 risc v [0] [1] [2]"},
@@ -127,14 +126,14 @@ TEST_F(Cpuinfo, CountsAreCorrectedByTheNodesAndFailuresAreNamed) {
   }
 }
 
-// Stores a record with a right CRC.
+// Returns the shared counts with a correct CRC.
 std::string summed(std::string record) {
   record.replace(4, 4, 4, '\0');
   const uint32_t crc = vorn_crc32c_soft(record.data(), 80);
   return record.replace(4, 4, reinterpret_cast<const char *>(&crc), 4);
 }
 
-TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
+TEST_F(Cpuinfo, SharedCountsAreCheckedAndRepaired) {
   const mode_t mask = umask(077);
   EXPECT_EQ(found_by_process(), "0" + kFirst + kFound);
   const std::string record = scratch::read_file(kShared);
@@ -175,7 +174,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   cpumask cpus;
   machine("0-1\n", "Socket(s): 2\n", 0);
   EXPECT_EQ(cpuinfo_init(), -1);
-  save_cpuinfo_to_shm(); // an incomplete record
+  save_cpuinfo_to_shm(); // incomplete counts
   EXPECT_EQ(scratch::read_file(kShared), std::string(80, '\0'));
   capture::take();
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(&cpus, 0)),
@@ -186,7 +185,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   EXPECT_EQ(capture::outcome(vorn_get_logic_cpu_num(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumodel_info(nullptr)), null);
   EXPECT_EQ(capture::outcome(vorn_get_cpumask_by_phycpu(nullptr, 0)), null);
-  std::string other = record; // stored by another process meanwhile
+  std::string other = record; // which another process has stored
   other[8] = 3;
   scratch::write_file(kShared, summed(other));
   save_cpuinfo_to_shm();
@@ -194,7 +193,7 @@ TEST_F(Cpuinfo, TheRecordIsSharedAndADamagedOneHealed) {
   EXPECT_EQ(umask(mask), 077u);
 }
 
-TEST_F(Cpuinfo, OneOfManyProcessesRunsTheToolsAndAllEndAlike) {
+TEST_F(Cpuinfo, OneOfManyProcessesRunsTheTools) {
   const auto start = [] { return describe(cpuinfo_init()).ends_with(kFound) ? 0 : 1; };
   pid_t processes[24];
   for (pid_t &process : processes)
@@ -206,7 +205,7 @@ TEST_F(Cpuinfo, OneOfManyProcessesRunsTheToolsAndAllEndAlike) {
   }
   EXPECT_EQ(runs(), 1u);
 
-  // A process waits a second for one that has stopped meanwhile.
+  // A process waits one second for another one that has stopped.
   scratch::write_file(kShared, "");
   const int fd = open(kShared.c_str(), O_RDWR | O_CLOEXEC);
   struct flock lock = {};

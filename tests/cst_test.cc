@@ -72,7 +72,7 @@ const std::string kValue(256, 'v');
 
 // The kernel module gets the first 325 bytes of the section, the item and the value.
 TEST(ConfigurationStore, AsksTheKernelModule) {
-  reply_value = std::string("on\0behind", 9);
+  reply_value = std::string("on\0after", 8);
   char out[VORN_CST_VALUE_SIZE];
   ASSERT_EQ(vorn_cst_getItem(kSection.c_str(), kItem.c_str(), out, sizeof out), 0);
   EXPECT_STREQ(out, "on");
@@ -93,7 +93,7 @@ TEST(ConfigurationStore, AsksTheKernelModule) {
   EXPECT_NO_RECORD();
 }
 
-TEST(ConfigurationStore, StoresNoMoreThanThereIsRoomFor) {
+TEST(ConfigurationStore, WritesNoMoreThanTheBufferHolds) {
   const std::string unterminated(257, 'v');
   const struct {
     std::string reply;

@@ -97,13 +97,10 @@ TEST_F(Stack, RowsAreMarked) {
       {{{67, kCode}, {0, kCode}}, 0, {"ours misaligned"}},
       {{{64, kCode}, {64, kCode}}, 0, {"ours", "ours down"}}, // to itself
       {{{128, kCode}, {0, kCode}, {64, kCode}}, 0, {"ours", "ours down"}},
-      {{{64, kCode}, {4096, kCode}}, 0, {"ours", "ours outside"}},
       {{{4080, kCode}}, 0, {"ours", "NULL code"}}, // the last that is inside
       {{{4088, kCode}}, 0, {"ours outside"}},
       {{{UINTPTR_MAX - 7, kCode}}, 0, {"ours outside"}},
       {{{64, 0x1234}, {0, g_low}}, 0, {"NULL code", "NULL code"}},
-      {{{3, 0}}, 0, {"NULL code misaligned"}},
-      {{}, 5, {"NULL misaligned"}},
       {{}, UINTPTR_MAX - 15, {"NULL outside"}},
   };
   for (const auto &walk : walks) {
@@ -143,7 +140,7 @@ TEST_F(Stack, RowsHaveTheirColumnsAndAnEnd) {
   EXPECT_EQ(rows_in(dump({7, at(0), at(0), 0, false})).size(), 128u);
 }
 
-TEST_F(Stack, ForeignMemoryIsReadWhereItIs) {
+TEST_F(Stack, ForeignMemoryIsCopiedOnlyIfItIsMapped) {
   page.data[0] = 'a';
   page.data[page.size - 1] = 'z';
   for (const bool filtered : {false, true}) {
@@ -171,7 +168,6 @@ TEST_F(Stack, WordsOfTheLiveStack) {
   } all[] = {
       {2045, {1024, 1048}, {"1024 1001", "1056 ..."}},
       {500, {0, 32, 96}, {"0 1000", "32 1000", "64 ...", "96 1000", "128 ..."}},
-      {0, {8, 4088}, {"0 0100", "32 ...", "4064 0001"}},
       {0, {}, {}, 5, 5},
       {0, {8}, {"8 10"}, 3, 24},
       {4096 + 1024, {4072}, {}},
@@ -216,13 +212,9 @@ TEST_F(Stack, BrokenStacks) {
     std::uintptr_t start; // 0: none
     const char *row;
   } all[] = {
-      {at(16), at(64), at(0), "ours"},
-      {at(2048), at(64), at(1024), "NULL outside"},
-      {0x10, at(64), at(0), "ours"},
-      {UINTPTR_MAX - 15, at(64), at(0), "ours"},
-      {g_low - 64, at(64), at(0), "ours"},
+      {at(16), at(64), at(0), "ours"},           {at(2048), at(64), at(1024), "NULL outside"},
+      {UINTPTR_MAX - 15, at(64), at(0), "ours"}, {g_low - 64, at(64), at(0), "ours"},
       {0x10, 0x18, 0, "NULL outside"},
-      {UINTPTR_MAX, UINTPTR_MAX, 0, "NULL outside"},
   };
   for (const auto &row : all) {
     const Lines lines = dump({7, row.sp, row.fp, 0, true});

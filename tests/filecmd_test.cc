@@ -51,7 +51,7 @@ struct Filecmd : testing::Test {
   const std::string two = directory / "two";
 };
 
-TEST_F(Filecmd, CommandsAndWhatTheGuardLetsPassAreExact) {
+TEST_F(Filecmd, CommandsAndWhiteListsAreExact) {
   const struct {
     const char *name;
     std::function<int(const char *first, const char *second)> call;
@@ -83,7 +83,7 @@ TEST_F(Filecmd, CommandsAndWhatTheGuardLetsPassAreExact) {
   }
 }
 
-TEST_F(Filecmd, RunsTheShellButNotWhatItWouldSplit) {
+TEST_F(Filecmd, RunsNoCommandThatTheShellWouldSplit) {
   EXPECT_EQ(vorn_cmd_mkdir(two.c_str()), 0);
   EXPECT_EQ(vorn_cmd_touch(one.c_str()), 0);
   EXPECT_EQ(vorn_cmd_mv(one.c_str(), two.c_str()), 0);
@@ -97,7 +97,7 @@ TEST_F(Filecmd, RunsTheShellButNotWhatItWouldSplit) {
 }
 
 // Delays the shell's background mkdir without a limit.
-TEST_F(Filecmd, AFolderIsMadeWhereTheShellLeavesItsCommandBehind) {
+TEST_F(Filecmd, MkdirDoesNotDependOnTheShellsBackgroundCommand) {
   dry = true;
   fs::current_path(directory.path());
   for (const std::string &path : {one + "/a//b/", std::string("c/d")}) {

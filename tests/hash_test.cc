@@ -158,7 +158,7 @@ TEST_F(Hash, AgreesWithAMapUnderRandomOperations) {
   EXPECT_EQ(vorn_hash_destory(nullptr, nullptr), -22);
 }
 
-TEST_F(Hash, WalksGoByBucketFromTheLatestInsertionAndMayFreeWhatTheyVisit) {
+TEST_F(Hash, WalksVisitBucketsFromTheLatestInsertionAndMayFreeNodes) {
   for (uint64_t key = 0; key < 60; ++key)
     ASSERT_EQ(vorn_hash_insert(table_, new auto(node_with(0, key))), 0);
   const std::vector<Pair> all = pairs_in(*table_);

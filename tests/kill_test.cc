@@ -1,6 +1,6 @@
 // test-wraps: open vorn_popen_s vorn_pclose
 //
-// Tests that a process killed at any moment leaves no file torn, no shared record wrong and no lock
+// Tests that a process killed at any moment leaves no file torn, no shared counts wrong and no lock
 // taken. VORN_TEST_KILLS=1000 kills so many of each kind.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdarg>
@@ -57,8 +57,8 @@ struct SharedKill : Kill {
   }
 };
 
-// Has a process call work with 0, 1, ... until it is killed, every other one not before the second
-// call, then calls check, and so on.
+// Starts a process that calls work(0), work(1), ..., kills it, and calls check, many times. Kills
+// every other process only after its second call.
 template <class Work, class Check> void kill_often(Work work, Check check) {
   const char *wanted = std::getenv("VORN_TEST_KILLS");
   const int kills = wanted == nullptr ? 40 : std::atoi(wanted);
@@ -94,8 +94,8 @@ template <class Work, class Check> void kill_often(Work work, Check check) {
 
 using Edit = std::function<int()>;
 
-// The edits go round, and each leaves another text: a killed editor leaves one of these, and the
-// next goes on from there.
+// Repeats the edits, each of which leaves another text: a killed editor leaves one of these texts,
+// and the next editor continues there.
 void kill_editors(const std::string &path, const std::vector<Edit> &edits) {
   std::map<std::string, std::size_t> next;
   for (std::size_t i = 0; i < 2 * edits.size(); ++i) {
@@ -148,7 +148,7 @@ TEST_F(Kill, EditorsByATemporaryFileLeaveAnOldOrANewOne) {
                       [&] { return vorn_cfg_file_delSection(file, "t"); }});
 }
 
-// That it is not torn holds where one write(2) takes the whole text, and no shorter one follows.
+// The text is whole if one write(2) takes all of it, and no shorter text follows.
 TEST_F(Kill, EditorsInPlaceLeaveAnOldOrANewText) {
   const auto set = [this](const char *value) {
     return [=, this] { return vorn_cfg_write_item_to_file(file, "s", "k", value); };
@@ -169,7 +169,7 @@ TEST_F(Kill, LocksOfFilesGoWithTheirHolder) {
              [&] { EXPECT_EQ(run_in_child([&] { return take(); }), 0); });
 }
 
-// Of every other process the objects are made anew.
+// Removes the objects after every other process.
 void remove_sometimes(std::initializer_list<const char *> objects) {
   static int round = 0;
   if (++round % 2 == 0) return;
@@ -177,7 +177,7 @@ void remove_sometimes(std::initializer_list<const char *> objects) {
     EXPECT_EQ(vorn_shm_destroy(object), 0);
 }
 
-TEST_F(SharedKill, TheRecordOfTheCpusIsHealed) {
+TEST_F(SharedKill, TheSharedCountsOfCpusAreRepaired) {
   const std::string shared = "/dev/shm/cpuinfo_shm";
   scratch::write_file("/dev/shm/nodes", "0-3\n");
   ASSERT_EQ(run_in_child(cpuinfo_init), 0);

@@ -39,7 +39,7 @@ struct Lockfile : testing::Test {
   int fd = -1;
 };
 
-TEST_F(Lockfile, ALockIsOfItsKindAndRange) {
+TEST_F(Lockfile, ALockHasAKindAndARange) {
   lseek(fd, 5, SEEK_SET); // ranges still count from the start of the file
   const vorn_file_lock_s write{kWrite, 2, 4}, half{0, 2, 2}, read{VORN_FILE_LOCK_READ, 9, 1};
   ASSERT_EQ(vorn_lockfile(fd, &write), 0);
@@ -62,7 +62,7 @@ TEST_F(Lockfile, ALockIsOfItsKindAndRange) {
 }
 
 // A handler without SA_RESTART interrupts the waiting thread again and again.
-TEST_F(Lockfile, AWaitGoesOnOverSignalsUntilTheHolderReleases) {
+TEST_F(Lockfile, AWaitContinuesAfterSignalsUntilTheRelease) {
   const vorn_file_lock_s lock{kWrite, 0, 0};
   ASSERT_EQ(vorn_lockfile(fd, &lock), 0);
   const pid_t waiter = fork();

@@ -43,7 +43,7 @@ namespace {
 
 // With pages of 64 KiB a unit of 4096 bytes fits only sixteen at a time, and success is reported on
 // purpose.
-TEST(MemSystem, ProtectionGoesByUnitsAndLargePagesWantWholeOnes) {
+TEST(MemSystem, ProtectionCountsIn4096BytesAndNeedsWholePages) {
   const std::string refused = "E Param is invalied, page_addr(0x1";
   const struct {
     long page;

@@ -29,12 +29,12 @@ std::string shown_as(const std::string &modules, const std::string &total) {
   return text + "\n" + modules + "\nTotal used memory: " + total + "\n";
 }
 
-// Not inlined: the compiler knows the block's size and objects to what lies in front of it.
+// Not inlined: the compiler knows the block's size and objects to a read before it.
 __attribute__((noinline)) const vorn_mem_head_s *head_of(const void *ptr) {
   return static_cast<const vorn_mem_head_s *>(ptr) - 1;
 }
 
-TEST(Mem, BlocksCarryTheirHeaderAndAreCharged) {
+TEST(Mem, BlocksHaveAHeaderAndAreCounted) {
   const struct {
     unsigned int pid;
     const char *charge;
@@ -62,7 +62,7 @@ TEST(Mem, BlocksCarryTheirHeaderAndAreCharged) {
                     "Malloc memory fails. PID: (1), size: (-16), type: (1).");
 }
 
-TEST(Mem, FreesForeignBlocksWithAReport) {
+TEST(Mem, ReportsTheFreeOfAForeignBlock) {
   // volatile: the compiler may otherwise see through to malloc and complain for us
   void *volatile foreign = std::malloc(64);
   vorn_freesub(foreign, "caller", 12);
@@ -73,7 +73,7 @@ TEST(Mem, FreesForeignBlocksWithAReport) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "E ptr  is null, function(caller) line(12)"), 3);
 }
 
-TEST(Mem, TableIsAskedForUntilItIsThereAndShownFiveToALine) {
+TEST(Mem, TableIsRequestedUntilItIsThereAndShownFiveToALine) {
   vornsim_fail(VORN_SYSCALL_MEM_STAT, EPERM);
   void *uncounted = vorn_malloc(3, 10);
   EXPECT_EQ(shown::by(vorn_mem_show), shown_as("", "0"));
@@ -89,7 +89,7 @@ TEST(Mem, TableIsAskedForUntilItIsThereAndShownFiveToALine) {
                      "11"));
 }
 
-TEST(Mem, CountsFromManyThreadsLoseNothing) {
+TEST(Mem, CountsFromManyThreadsAreExact) {
   std::latch start{4};
   run_threads(4, [&](int) {
     start.arrive_and_wait();

@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 #include <utility>
 
-// What the owner gets that locks once more tells the types apart.
-TEST(Mtx, TypesAreTheSystemsOwn) {
+// The types differ in the result of a second lock by the owner.
+TEST(Mtx, TypesAreThoseOfTheSystem) {
   for (const auto &[type, again] : {std::pair{0, EBUSY}, {1, EBUSY}, {2, 0}}) {
     pthread_mutex_t mutex;
     ASSERT_EQ(vorn_mtx_init(&mutex, type), 0);
@@ -22,7 +22,7 @@ TEST(Mtx, TypesAreTheSystemsOwn) {
   }
 }
 
-TEST(Mtx, OtherTypesLeaveTheMutexAlone) {
+TEST(Mtx, OtherTypesLeaveTheMutexUnchanged) {
   pthread_mutex_t mutex;
   std::memset(&mutex, 0x5A, sizeof mutex);
   const pthread_mutex_t before = mutex;

@@ -1,4 +1,4 @@
-// Notifier chains, and the one that a fatal signal calls.
+// Tests notifier chains, and the chain that a fatal signal calls.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_notifier.h"
 
@@ -64,7 +64,7 @@ TEST_F(Chain, CallsTheBlocksInTheOrderOfTheirPriorities) {
     EXPECT_EQ(calls, 40 + static_cast<int>(row.called.size()));
     blocks[row.stops].result = kept;
   }
-  // A block is taken off wherever it stands.
+  // A block can be removed at any position.
   Block stranger{5, 5};
   Numbers left{3, 1, 0, 2, 4};
   for (const int number : {1, 3, 4, 0, 2}) {
@@ -86,7 +86,7 @@ TEST_F(Chain, CallsTheBlocksInTheOrderOfTheirPriorities) {
   EXPECT_NO_RECORD();
 }
 
-TEST_F(Chain, TellsItsWork) {
+TEST_F(Chain, LogsItsCalls) {
   Block block{0, 9, 0xab};
   const std::string run = pointer(reinterpret_cast<void *>(Block::run));
   const std::string at = pointer(&block);
@@ -164,7 +164,7 @@ TEST(ExceptionChain, PassesItsArgumentsOnAndNeverWaits) {
   EXPECT_EQ(lines, (Lines{name + "start: action=5, siginfo=(nil) regs=(nil).",
                           name + "end: trylock fail, owner=18446744073709551615."}));
   EXPECT_EQ(capture::take_lines().back(), name + "end: ret 77.");
-  // A child has it free, though a thread of the parent holds it.
+  // The chain is free in a child, although a thread of the parent holds it.
   std::latch held{1}, done{1};
   block.what = [&, parent = getpid()](void *) {
     if (getpid() != parent) return;

@@ -15,7 +15,7 @@ namespace {
 
 void site() { VORN_LOG_RATELIMITED(vorn::kWarning, "hit"); }
 
-// What that many hits print, a letter each: h for the record, or the number that a report gives.
+// Returns what that many hits log: "h" for each message, and the number in a report.
 std::string hit(int times) {
   for (int i = 0; i < times; ++i)
     site();
@@ -61,11 +61,11 @@ TEST_P(RateLimit, PrintsThreeInABurstAndReportsWhenDue) {
 // The last start value passes 2^32 in the middle of the test.
 INSTANTIATE_TEST_SUITE_P(Starts, RateLimit, testing::Values(150000, 1u << 31, UINT32_MAX - 7000));
 
-TEST(RateLimitLevel, CountsWantedRecordsAndSkipsTheCheckOfTheReport) {
+TEST(RateLimitLevel, CountsOnlyMessagesThatPassTheLevelCheck) {
   jiffies = 1000000;
   capture::set_level(vorn::kError);
   EXPECT_EQ(hit(10), "");
-  capture::set_level(vorn::kWarning); // wants the record, not the report's level
+  capture::set_level(vorn::kWarning); // passes the message, not the level of the report
   EXPECT_EQ(hit(4), "hhh");
   jiffies += 15000;
   EXPECT_EQ(hit(1), "1h");

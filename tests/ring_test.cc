@@ -51,7 +51,7 @@ void *object(std::uintptr_t number) { return reinterpret_cast<void *>(number); }
 std::uint32_t load(const volatile std::uint32_t &word) { return vorn::atomic_word(word).load(); }
 
 // What other programs read in the header, and where they read the slots.
-TEST(Ring, ShowsItsFlagsAndSizesAheadOfTheSlots) {
+TEST(Ring, HeaderHasFlagsAndSizesBeforeTheSlots) {
   const std::pair<std::uint32_t, std::uint32_t> rows[] = {{0, 0}, {1, 1}, {2, 2}, {4, 3}, {6, 6}};
   for (const auto &[given, kept] : rows) {
     const Ring ring = make_ring(16, given);
@@ -68,7 +68,7 @@ TEST(Ring, ShowsItsFlagsAndSizesAheadOfTheSlots) {
   }
 }
 
-TEST(Ring, IsMadeOfAPowerOfTwoAndBeginsAtALineOfItsOwn) {
+TEST(Ring, CountIsAPowerOfTwoAndTheRingIsAligned) {
   for (std::uint32_t count = 1; count <= 0x8000; count *= 2) {
     const Ring ring = make_ring(count, 0);
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(ring.get()) % 128, 0u);
@@ -145,7 +145,7 @@ void expect_a_queue(std::uint32_t size, std::uint32_t flags, std::uint32_t count
   }
 }
 
-TEST(Ring, DoesAsAQueueDoes) {
+TEST(Ring, AgreesWithAQueue) {
   for (const std::uint32_t flags : {0u, 1u, 2u, 3u}) {
     for (const std::uint32_t size : {1u, 2u, 8u, 16u}) {
       for (const std::uint32_t counters : {0u, 0x7FFFFFF0u, 0xFFFFFFF3u})
@@ -168,16 +168,15 @@ class EachMode : public testing::TestWithParam<std::uint32_t> {
 protected:
   static constexpr std::uint32_t kMost = 7, kPerProducer = 3000;
 
-  // Moves up to so many objects by any of the three calls; tells how many went.
+  // Moves at most that many objects by any of the three calls. Returns how many it moved.
   template <class Move, class Objects>
   std::uint32_t move(Move by, Objects objects, std::uint32_t most, std::mt19937 &random) {
     const Call call = any_call(random());
     const std::uint32_t n = call == kOne ? 1 : 1 + random() % most;
     const int result = by(ring_.get(), call, objects, n);
     const auto moved = call == kBurst ? static_cast<std::uint32_t>(result) : result == 0 ? n : 0;
-    // A thread that is descheduled with a slot reserved makes the next one spin for the rest of its
-    // turn, with a slot reserved too: so that they do not go on like that, each yields now and
-    // then.
+    // A thread that is descheduled with a slot reserved makes the next one spin with a slot
+    // reserved too: each yields now and then, to end that.
     if (moved == 0 || random() % 8 == 0) std::this_thread::yield();
     return moved;
   }
@@ -246,7 +245,7 @@ TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
 }
 
 // A thread has reserved a slot and not published it: it was descheduled, say.
-TEST(Ring, AStalledThreadIsWaitedForByThoseBehind) {
+TEST(Ring, LaterThreadsWaitForAStalledOne) {
   for (const bool producing : {false, true}) {
     const Ring ring = make_ring(8, 0, 0xFFFFFFFD);
     EXPECT_EQ(vorn_ring_enqueue(ring.get(), object(1)), 0);
@@ -260,7 +259,7 @@ TEST(Ring, AStalledThreadIsWaitedForByThoseBehind) {
     void *objects[6] = {}; // and what it has not published is not the other end's
     EXPECT_LT(producing ? take(ring.get(), kBulk, objects, 3) : put(ring.get(), kBulk, objects, 6),
               0);
-    std::thread behind{[&] {
+    std::thread later{[&] {
       void *one[] = {object(4)};
       EXPECT_EQ(producing ? put(ring.get(), kOne, one, 1) : take(ring.get(), kOne, one, 1), 0);
     }};
@@ -269,7 +268,7 @@ TEST(Ring, AStalledThreadIsWaitedForByThoseBehind) {
     std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
     EXPECT_EQ(load(end.tail), tail);
     vorn::atomic_word(end.tail).store(tail + 1);
-    behind.join();
+    later.join();
     EXPECT_EQ(load(end.tail), tail + 2);
   }
 }

@@ -24,14 +24,14 @@ namespace {
 constexpr int64_t kWriter = -1;
 constexpr int64_t kMayblockWriter = INT64_MIN;
 
-// Who holds the lock, who waits for it, and what the word is to be after that one has it.
+// The word of a held lock, the call that waits for it, and the word after that call.
 struct Wait {
   int64_t held;
   void (*acquire)(vorn_rwlock_s *);
   int64_t taken;
 };
 
-// Those that may block sleep a microsecond at a time until the lock is free.
+// Calls that may block sleep for a microsecond at a time until the lock is free.
 TEST(Rwlock, WaitsUntilTheLockIsFree) {
   const Wait sleeping[] = {
       {kWriter, vorn_rwlock_read_lock_mayblock, 1},

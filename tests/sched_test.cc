@@ -67,7 +67,7 @@ TEST(Sched, SleepsAndYieldsAreOneCallOfTheSystem) {
   EXPECT_EQ(vorn_mdelay(2), 2400000u);
 }
 
-TEST(Sched, NameIsNoFormat) {
+TEST(Sched, NameIsNotAFormat) {
   ASSERT_EQ(vorn_thrd_setcurthreadinfo(), 0);
   EXPECT_EQ(vorn_set_process_name("100%s"), 0);
   EXPECT_STREQ(vorn_thrd_getname(), "100%s");

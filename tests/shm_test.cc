@@ -74,14 +74,14 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Open shm fail, fd<-1> errno<2>.");
 }
 
-TEST_F(Shm, IsNotCancelledAndKeepsOffTheStandardDescriptors) {
+TEST_F(Shm, IsNotCancelledAndUsesNoStandardDescriptor) {
   const int input = dup(STDIN_FILENO);
   close(STDIN_FILENO);
   void *address = nullptr;
   std::thread([&] {
     pthread_cancel(pthread_self());
     address = vorn_shm_create(name.c_str(), kSize);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread is not made for it
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); // a std::thread cannot be cancelled
   }).join();
   EXPECT_NE(address, nullptr);
   EXPECT_GT(allocated_fd, STDERR_FILENO);
@@ -89,7 +89,7 @@ TEST_F(Shm, IsNotCancelledAndKeepsOffTheStandardDescriptors) {
   close(input);
 }
 
-TEST_F(Shm, WhatCannotBeHadIsReportedAndClosed) {
+TEST_F(Shm, ReportsFailuresAndClosesTheObject) {
   fallocate_error = ENOSPC; // the machine lacks the memory: not mapped
   EXPECT_EQ(vorn_shm_create(name.c_str(), kSize), nullptr);
   EXPECT_EQ(errno, ENOSPC);

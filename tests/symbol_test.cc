@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <climits>
 #include <csignal>
 #include <cstring>
 #include <dlfcn.h>
@@ -21,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "evlog.h"
+#include "support/allocation.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 #include "vorn_symbol.h"
@@ -31,32 +31,7 @@ using namespace std::string_literals;
 // The thread sanitizer does not know the loader's lock, which is held during a walk of the objects.
 extern "C" const char *__tsan_default_suppressions() { return "race:vorn::symbol::Image::take\n"; }
 
-namespace {
-
-std::atomic<long> live_blocks{0};
-std::atomic<long> until_failure{LONG_MAX};
-
-bool fails_now() { return until_failure.fetch_sub(1) <= 0; }
-
-} // namespace
-
 extern "C" {
-
-void *__real_vorn_mallocsubproc(unsigned int, unsigned int *, unsigned long, unsigned int,
-                                const char *, unsigned int);
-void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
-                                unsigned int pid, const char *function, unsigned int line) {
-  EXPECT_EQ(pid, 381u);
-  if (fails_now()) return nullptr;
-  ++live_blocks;
-  return __real_vorn_mallocsubproc(size, type, flags, pid, function, line);
-}
-
-void __real_vorn_freesub(void *, const char *, unsigned int);
-void __wrap_vorn_freesub(void *ptr, const char *function, unsigned int line) {
-  --live_blocks;
-  __real_vorn_freesub(ptr, function, line);
-}
 
 char *__real___cxa_demangle(const char *, char *, std::size_t *, int *);
 char *__wrap___cxa_demangle(const char *name, char *buffer, std::size_t *length, int *status) {

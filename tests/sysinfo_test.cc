@@ -79,7 +79,7 @@ std::string sampled() {
   return text;
 }
 
-TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLastOne) {
+TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLast) {
   uint32_t one = 7;
   EXPECT_EQ(vorn_sysinfo_cpu_usage() + vorn_sysinfo_core_usage(&one), 0u);
   EXPECT_EQ(vorn_get_cpu_usage_array(&one, 1), 0);
@@ -123,7 +123,7 @@ TEST_F(Sysinfo, SamplesAreTheBusyShareSinceTheLastOne) {
   EXPECT_EQ(fs::file_size(kObjects + "PULLCPULASTIDLE_NOROOT"), 24u);
 }
 
-TEST_F(Sysinfo, ALockIsHadOnceAndKeptUntilItIsGivenBack) {
+TEST_F(Sysinfo, ALockIsHeldOnceUntilItIsReleased) {
   int fd = -1;
   int other = -1;
   vorn_file_lock_s lock{};
@@ -194,7 +194,7 @@ bool starts_and_loses() {
   return lines == Lines{kDenied + "11.", "E sysinfo lock failed."};
 }
 
-TEST_F(Sysinfo, OneProcessSamplesUntilItIsKilledAndALaterOneTakesOver) {
+TEST_F(Sysinfo, OneProcessSamplesAndALaterOneReplacesAKilledOne) {
   const pid_t first = start_process([] { // a start-up after its first changes nothing
     for (int i = 0; i < 50; ++i) {
       sysinfo_init();
@@ -232,7 +232,7 @@ TEST_F(Sysinfo, OneProcessSamplesUntilItIsKilledAndALaterOneTakesOver) {
   end(second);
 }
 
-TEST_F(Sysinfo, WhatCannotBeSharedOrStartedFailsAndIsTriedAgain) {
+TEST_F(Sysinfo, AFailedStartIsTriedAgain) {
   const auto start = [] { return outcome(sysinfo_init()); };
   present = 0;
   EXPECT_EQ(start(), "-1");

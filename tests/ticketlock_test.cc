@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr uint64_t kNobody = UINT64_MAX;
+constexpr uint64_t kNoOwner = UINT64_MAX;
 
-// A report names the caller, and the operation goes on.
-TEST(Ticketlock, ReportsMisuseAndGoesOn) {
+// A log message names the caller, and the operation continues.
+TEST(Ticketlock, ReportsMisuseAndContinues) {
   const auto self = static_cast<uint64_t>(gettid());
   const auto lock = [](uint32_t serving, uint32_t next, uint64_t owner) {
     return vorn_tspinlock_s{serving, next, VORN_TSPINLOCK_MAGIC, 9, owner};
@@ -42,7 +42,7 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
   } rows[] = {
       {init, zero, start, ""},
       {init, lock(2, 5, 77), start, report("ReInited lock in caller", "0x500000002", 77)},
-      {destroy, start, {0, 0, VORN_TSPINLOCK_DESTROYED, UINT32_MAX, kNobody}, ""},
+      {destroy, start, {0, 0, VORN_TSPINLOCK_DESTROYED, UINT32_MAX, kNoOwner}, ""},
       {destroy, zero, {0, 0, VORN_TSPINLOCK_DESTROYED, 0, 0}, was_zero},
       {acquire, zero, {0, 1, 0, 0, self}, was_zero},
       // Only the owner tells.
@@ -50,11 +50,11 @@ TEST(Ticketlock, ReportsMisuseAndGoesOn) {
        report("AA lock in caller", "0x400000004", self)},
       {tries, lock(4, 5, self), lock(4, 5, self), report("AA lock in caller", "0x500000004", self)},
       {tries, lock(5, 4, self + 1), lock(5, 4, self + 1), ""},
-      {release, lock(4, 5, self + (1ul << 32)), lock(5, 5, kNobody), // the same in 32 bits
+      {release, lock(4, 5, self + (1ul << 32)), lock(5, 5, kNoOwner), // the same in 32 bits
        report("AB lock in caller", "0x500000004", self + (1ul << 32))},
-      {release, lock(5, 5, kNobody), lock(6, 5, kNobody),
-       report("AB lock in caller", "0x500000005", kNobody) +
-           report("ReUnlock in ticket_unlock", "0x500000005", kNobody)},
+      {release, lock(5, 5, kNoOwner), lock(6, 5, kNoOwner),
+       report("AB lock in caller", "0x500000005", kNoOwner) +
+           report("ReUnlock in ticket_unlock", "0x500000005", kNoOwner)},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(&row - rows);

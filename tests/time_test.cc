@@ -69,7 +69,7 @@ private:
   scratch::Directory scratch_;
 };
 
-TEST(Time, FrequencyIsTheModelNamesElseMeasured) {
+TEST(Time, FrequencyIsThatOfTheModelNameOrMeasured) {
   const std::string flags = "flags : fpu constant_tsc\nflags : fpu constant_tsc\n";
   const double measured = static_cast<double>(vorn::arch::counter_frequency()) / 1e9;
   const struct {

@@ -27,7 +27,7 @@ using Lock = vorn_trwlock_s;
 
 constexpr uint32_t kMax = UINT32_MAX;
 
-TEST(Trwlock, TrylocksYieldToWhoIsInOrWaits) {
+TEST(Trwlock, TrylocksFailIfAnotherHoldsOrWaits) {
   const struct {
     const char *state;
     Lock lock;

@@ -1,36 +1,20 @@
-// Declares what the tests of partitions and NUMA nodes share. Both wrap vorn_mallocsubproc; a
-// program includes this once.
+// Declares what the tests of partitions and NUMA nodes share. A program includes this once.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_CPU_FILE_HPP
 #define VORN_TESTS_CPU_FILE_HPP
 
 #include <algorithm>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
 #include "evlog.h"
+#include "support/allocation.hpp"
 #include "support/child.hpp"
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 #include "vorn_cfg.h"
 #include "vorn_jiffies.h"
-#include "vorn_mem.h"
-
-static int records_before_failure = -1; // negative if none fails
-static std::function<void()> beside_failure = [] {};
-
-extern "C" {
-decltype(vorn_mallocsubproc) __real_vorn_mallocsubproc;
-void *__wrap_vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
-                                unsigned int pid, const char *function, unsigned int line) {
-  EXPECT_EQ(pid, 381u);
-  if (records_before_failure >= 0 && records_before_failure-- == 0)
-    return beside_failure(), nullptr;
-  return __real_vorn_mallocsubproc(size, type, flags, pid, function, line);
-}
-}
 
 using Lines = std::vector<std::string>;
 using Cpus = std::vector<unsigned int>;
@@ -58,6 +42,7 @@ inline Cpus cpus_of(const uint64_t *words, unsigned int count) {
 // The first use of the rate limiter's clock logs a message: does that before the test.
 struct CpuFile : testing::Test {
   CpuFile() {
+    failing = 1;
     vorn_get_jiffies();
     capture::take();
   }

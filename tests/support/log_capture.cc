@@ -1,3 +1,4 @@
+// Replaces the functions of the logging library by ones that store the messages.
 // SPDX-License-Identifier: Apache-2.0
 #include "support/log_capture.hpp"
 
@@ -58,6 +59,10 @@ void keep_original(const char *format, va_list args) {
   originals[at].complete.store(true, std::memory_order_release);
 }
 
+std::string mark(const Record &record) {
+  return record.level == EVLOG_ERROR ? "E " : record.level == EVLOG_WARNING ? "W " : "";
+}
+
 } // namespace
 
 // Does not allocate unless evlog_original was called.
@@ -75,12 +80,8 @@ std::vector<Record> take() {
 
 std::vector<std::string> take_lines() {
   std::vector<std::string> lines;
-  for (const Record &record : take()) {
-    const char *mark = record.level == EVLOG_ERROR     ? "E "
-                       : record.level == EVLOG_WARNING ? "W "
-                                                       : "";
-    lines.push_back(mark + record.text);
-  }
+  for (const Record &record : take())
+    lines.push_back(mark(record) + record.text);
   return lines;
 }
 
@@ -88,6 +89,13 @@ std::string outcome(int result) {
   std::string text = std::to_string(result);
   for (const std::string &line : take_lines())
     text += "; " + line;
+  return text;
+}
+
+std::string traced(int result) {
+  std::string text = std::to_string(result);
+  for (const Record &record : take())
+    text += "; " + mark(record) + record.function + ": " + record.text;
   return text;
 }
 

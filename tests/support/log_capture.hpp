@@ -30,6 +30,9 @@ std::vector<std::string> take_lines();
 // Returns a result and what was logged before it: "-1; E Parameter is null.".
 std::string outcome(int result);
 
+// Does as well, with the function of each message: "-1; E vorn_function: Parameter is null.".
+std::string traced(int result);
+
 // Sets the highest level that passes the level check; initially 7, all levels.
 void set_level(int level);
 

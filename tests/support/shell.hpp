@@ -1,4 +1,4 @@
-// Commands of the shell, and what became of them.
+// Runs a command of the shell, and returns its status and output.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_TESTS_SHELL_HPP
 #define VORN_TESTS_SHELL_HPP
@@ -8,7 +8,7 @@
 #include <sys/wait.h>
 
 struct Outcome {
-  int status;       // -1 where a signal ended it
+  int status;       // -1 if a signal ended it
   std::string text; // standard output and standard error
 };
 
