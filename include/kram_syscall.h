@@ -52,11 +52,11 @@ typedef struct kram_entry {
   kram_handler_f handler; /* not NULL */
 } kram_entry_s;
 
-/* What a caller sends and where the reply goes, both in the caller's memory. */
+/* The input and the place of the reply of a call, both in the caller's memory. */
 typedef struct kram_request {
   uint32_t input_length;  /* bytes at input; 0: there is no input */
   uint32_t output_length; /* bytes that fit at output; KRAM_SysCall stores what it received */
-  const void *input;      /* what is sent */
+  const void *input;      /* the bytes to send */
   void *output;           /* where the reply goes */
 } kram_request_s;
 
@@ -128,7 +128,7 @@ VORN_API int KRAM_SyscallInit(void);
  * must not call it if a call of its own process may be waiting for that handler. Not a cancellation
  * point: a thread that is cancelled during the call completes it.
  *   command: operation code, its group in the bits from 8 on
- *   request: what is sent and where the reply goes, not NULL
+ *   request: input to send, and where the reply goes; not NULL
  * Returns the handler's result, with the reply in *request; -1 if there is no such command. Logs an
  * error and returns -1, with output_length unchanged, if the reply does not fit or the server
  * cannot be reached.
