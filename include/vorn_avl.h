@@ -74,7 +74,7 @@ VORN_API int vorn_create_avl_new(vorn_avl_tree_s *tree, vorn_avl_compare_f add_c
 
 /* Empties the tree without touching its records.
  *   tree: the tree
- * Returns 0; -1 for a NULL tree. Constant time. */
+ * Returns 0; -1 if tree is NULL. Constant time. */
 VORN_API int vorn_destroy_avl(vorn_avl_tree_s *tree);
 
 /* Returns the record for which the find comparison returns 0. If there is none, returns NULL and,

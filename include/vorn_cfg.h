@@ -14,9 +14,9 @@
  * section, it replaces the earlier one; only vorn_cfg_getItemFromFile returns the first. A section
  * header without items creates no section.
  *
- * The path, as the caller passes it, identifies a file: two paths to one file are two files. Only
- * regular files and devices are read; for a directory, a FIFO or a file that cannot be read the
- * functions return -1.
+ * The path, as the caller passes it, identifies a file: two paths to one file count as two files.
+ * Only regular files and devices are read; for a directory, a FIFO or a file that cannot be read
+ * the functions return -1.
  *
  * Any thread may call these functions. None is safe in a signal handler. Calls block on the file
  * system and on the locks below while another thread holds them; edits also wait for other edits of

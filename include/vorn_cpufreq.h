@@ -26,26 +26,26 @@ VORN_API int vorn_cpufreq_set_low_all(unsigned long argument1, unsigned long arg
 /* Asks the kernel module to set all CPUs to their highest frequency.
  *   argument1: first word for the kernel module
  *   argument2: second word for the kernel module
- * Returns as vorn_cpufreq_set_low_all does. */
+ * Returns what vorn_cpufreq_set_low_all returns. */
 VORN_API int vorn_cpufreq_set_high_all(unsigned long argument1, unsigned long argument2);
 
 /* Asks the kernel module to raise the frequency of all CPUs by one step.
  *   argument1: first word for the kernel module
  *   argument2: second word for the kernel module
- * Returns as vorn_cpufreq_set_low_all does. */
+ * Returns what vorn_cpufreq_set_low_all returns. */
 VORN_API int vorn_cpufreq_up_allcpu_freq_by_step(unsigned long argument1, unsigned long argument2);
 
 /* Asks the kernel module to lower the frequency of all CPUs by one step.
  *   argument1: first word for the kernel module
  *   argument2: second word for the kernel module
- * Returns as vorn_cpufreq_set_low_all does. */
+ * Returns what vorn_cpufreq_set_low_all returns. */
 VORN_API int vorn_cpufreq_down_allcpu_freq_by_step(unsigned long argument1,
                                                    unsigned long argument2);
 
 /* Asks the kernel module to read the frequency.
  *   argument1: first word for the kernel module
  *   argument2: second word for the kernel module
- * Returns as vorn_cpufreq_set_low_all does. */
+ * Returns what vorn_cpufreq_set_low_all returns. */
 VORN_API int vorn_get_local_cpufreq(unsigned long argument1, unsigned long argument2);
 
 VORN_END_DECLS

@@ -11,9 +11,9 @@
  * An id is not reused within 2^32 creations. Unless a function says otherwise, the id 0 means the
  * calling thread's current instance. LWP_NONE is neither an instance nor a variable.
  *
- * An instance exists while references to it are held: LwpInstDelete first refuses new references
- * and then waits until all held ones are released. Pointers to an instance, its name and its values
- * are valid while a reference is held or no thread deletes the instance.
+ * An instance stays valid while references to it are held: LwpInstDelete first refuses new
+ * references and then waits until all held ones are released. Pointers to an instance, its name and
+ * its values are valid while a reference is held or no thread deletes the instance.
  *
  * Any thread may call any function after LwpModuleInit; before that there are no instances and no
  * variables. Only LwpCtxCurrent, LwpCtxSwitchShow and LwpExceptNotifyFn are safe in a signal

@@ -3,7 +3,7 @@
  *
  * The handler runs on the thread's alternate signal stack. Every thread of the library has one, and
  * the thread that installs the handlers gets one if it has none. If a thread that another library
- * created overflows its stack, the kernel ends it without a report.
+ * created overflows its stack, the kernel kills the process without a report.
  *
  * SIGUSR2, SIGTASKTRACK, SIGPIPE, SIGALRM, SIGTTIN, SIGTTOU, SIGVTALRM, SIGPROF and SIGIO are
  * dump-only: the thread writes its stack and continues, or writes nothing if three such dumps are

@@ -11,7 +11,7 @@
  *   finish_wait(&queue, &entry);
  *
  * The waker makes the condition true and calls __wake_up. The waiters and the waker must
- * synchronise their accesses to the condition, with atomics or with a lock.
+ * synchronise their accesses to the condition, with atomics or a lock.
  *
  * Unless a function says otherwise, any thread may call it, and it blocks only on the queue's spin
  * lock. None is a cancellation point: if a thread is cancelled while it waits, the cancellation is

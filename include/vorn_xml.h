@@ -47,10 +47,10 @@ VORN_API mxml_node_t *vorn_xml_getnextsibling(mxml_node_t *node);
  * Returns the value; NULL if there is none, node is not an element, or an argument is NULL. */
 VORN_API const char *vorn_xml_element_getattr(mxml_node_t *node, const char *name);
 
-/* Finds the next element after node in the tree below top that has this name, this attribute and
- * this value of it; NULL takes any: mxmlFindElement. descend says how far: MXML_DESCEND into all
- * children, MXML_NO_DESCEND into none, MXML_DESCEND_FIRST into those of node alone. The element
- * belongs to its document.
+/* Finds the next element after node in the tree below top that has this name and an attribute with
+ * this name and value: mxmlFindElement. NULL matches any. descend selects the children to search:
+ * MXML_DESCEND all, MXML_NO_DESCEND none, MXML_DESCEND_FIRST only those of node. The document owns
+ * the element.
  *   node: node to begin after
  *   top: element to search below
  *   element: name of the element, or NULL for any
