@@ -1,7 +1,8 @@
-// The AVL tree beside other balanced trees of records. An operation inserts all records, then looks
-// each up by its key, then removes each, in three different orders. Every tree's records are 32
-// bytes of links and state and a key, and lie in one array, in the order of their insertion and in
-// the same memory: where the system happened to place an array is worth more than the tree.
+// Compares the AVL tree with other balanced trees of records. An operation inserts all records,
+// then looks up each by its key, then removes each, in three different orders. A record of every
+// tree has 32 bytes of links and state, and a key. The records are in one array, in the order of
+// insertion, and all trees use the same memory, because the place of an array affects the times
+// more than the tree does.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_avl.h"
 
@@ -26,15 +27,15 @@ namespace {
 namespace intrusive = boost::intrusive;
 using Key = std::uint64_t;
 
-// What one round takes through a tree.
+// The input of one round.
 struct Batch {
-  std::vector<Key> keys;            // of the records, in order of insertion
-  std::vector<Key> sought;          // the same in another order
-  std::vector<std::size_t> removed; // the numbers of the records in a third one
+  std::vector<Key> keys;            // keys of the records, in the order of insertion
+  std::vector<Key> sought;          // the same keys in another order
+  std::vector<std::size_t> removed; // indexes of the records in a third order
 };
 
-// Rounds of count keys each. So many that no processor learns by heart how the searches turn, as it
-// does within a few rounds over the same 1 Ki keys.
+// Returns rounds of count keys each. There are so many rounds that the branch predictor cannot
+// learn the paths of the searches, as it does within a few rounds over the same 1 Ki keys.
 std::vector<Batch> batches(std::size_t count) {
   constexpr std::size_t kKeys = 1 << 18;
   std::mt19937_64 random{2};
@@ -53,15 +54,15 @@ std::vector<Batch> batches(std::size_t count) {
   return made;
 }
 
-// Time of this thread alone: a round may be longer than the system lets a thread run at a stretch.
+// Returns the CPU time of this thread: a round may be longer than a time slice.
 bench::Nanoseconds now() {
   timespec time;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
   return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
 
-// A tree is made on memory for its records, takes their keys by set, and has insert and find, which
-// say whether they did, and erase. It is left empty.
+// Runs one round. The tree's records are in memory; insert and find return whether they succeeded.
+// Leaves the tree empty.
 template <class Tree> bench::Nanoseconds round(const Batch &batch, std::vector<std::byte> &memory) {
   const std::size_t count = batch.keys.size();
   auto *records = reinterpret_cast<typename Tree::Record *>(memory.data());

@@ -1,7 +1,7 @@
 // bench-links: vornsim inih iniparser glib-2.0
-// Configuration files beside the peers' readers. GKeyFile and iniparser keep what they read, as the
-// registry does; inih hands it to a callback, which here either looks for one item, as the one-shot
-// read does, or keeps all in a hash table.
+// Compares the reading of configuration files with other libraries. GKeyFile and iniparser keep
+// what they read, as the registry does. inih passes it to a callback, which here either looks for
+// one item, as the one-shot read does, or keeps all items in a hash table.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +20,7 @@
 #include "support/bench.hpp"
 #include "vorn_cfg.h"
 
-// GLib's headers are outside the compiler's folders.
+// GLib's headers are not in the compiler's include path.
 extern "C" {
 struct GKeyFile;
 GKeyFile *g_key_file_new(void);
@@ -116,7 +116,7 @@ struct Turn {
   std::size_t next() { return at = at + 1 == count ? 0 : at + 1; }
 };
 
-// All items in turn, in no order.
+// Looks up all items in turn, in a random order.
 void measure_lookups(const bench::Table &table, const char *what, std::size_t sections,
                      std::size_t items) {
   const File file(sections, items);

@@ -1,4 +1,4 @@
-// Shells from a process with 2 GiB resident beside the system's own.
+// Compares starting a shell from a process with 2 GiB resident memory with the system's functions.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kResident = std::size_t{2} << 30;
 
-// Small pages, as an allocator's are for the most part.
+// Uses small pages, as most memory of an allocator does.
 bool become_large() {
   void *memory =
       mmap(nullptr, kResident, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

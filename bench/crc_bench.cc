@@ -1,5 +1,5 @@
 // bench-loads: isal
-// Measures the checksums beside their peers.
+// Compares the checksums with their peers.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_crc.h"
 
@@ -27,7 +27,7 @@ constexpr Size kSizes[] = {{16, "16 bytes"},
                            {4096, "4096 bytes"},
                            {1 << 20, "1 MiB"}};
 
-// ISA-L's routines, of which one has the name of one of ours.
+// ISA-L's functions, one of which has the same name as one of ours.
 struct Isal {
   std::uint32_t (*crc32c)(const void *data, int length, std::uint32_t crc);
   std::uint16_t (*crc16)(std::uint16_t crc, const void *data, std::uint64_t length);
@@ -48,15 +48,15 @@ Isal load_isal() {
   return isal;
 }
 
-// What is measured must be the same sum.
+// Checks that both functions compute the same sum.
 void check(std::uint32_t ours, std::uint32_t theirs, const Size &size) {
   if (ours == theirs) return;
   std::fprintf(stderr, "over %s: %x is not %x\n", size.name, ours, theirs);
   std::exit(EXIT_FAILURE);
 }
 
-// kChained: each call continues the sum of the call before, as over a chain of buffers, and what is
-// measured is the time from register to register. Else each begins anew, and calls overlap.
+// If kChained, each call continues the sum of the previous call, as over a chain of buffers, which
+// measures the latency. Otherwise each call starts a new sum, and calls overlap.
 template <bool kChained> void measure_crc32c(const bench::Table &table, const Isal &isal,
                                              const void *data, const Size &size) {
   const std::uint32_t n = size.bytes;

@@ -1,6 +1,6 @@
-// A fault 50 frames deep: from the fault to the end of the process as its parent sees it, with the
-// report and without handlers; the size of the report; and the symbol table that start-up builds
-// for this process.
+// Measures a fault in a stack of 50 frames: the time from the fault until the parent sees the end
+// of the process, with the report and without handlers; the size of the report; and the symbol
+// table that start-up builds for this process.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sig_calltrace.h"
 
@@ -38,7 +38,7 @@ Shared *shared;
   return *reinterpret_cast<volatile std::uintptr_t *>(*at);
 }
 
-// From the fault in a child to its end.
+// Returns the time from the fault in a child to the end of the child.
 bench::Nanoseconds die() {
   static volatile std::uintptr_t nowhere = 0x10;
   const pid_t child = fork();

@@ -1,13 +1,14 @@
-// The hash table beside others of the same records, with as many buckets as there are records. An
-// operation inserts all records, each unless its key is there, then looks each up by its key, then
-// removes each by its key, in three different orders. Records, and buckets where the table lets its
-// user place them, lie in the same memory, each record 40 bytes (uthash's own links alone take 56):
-// where the system happened to place an array is worth more than the table.
+// Compares the hash table with others, with as many buckets as records. An operation inserts all
+// records, each unless its key is present, then looks up each by its key, then removes each by its
+// key, in three different orders. A record has 40 bytes (the links of uthash take 56). All tables
+// use the same memory for the records, and for the buckets if the user of the table can place them,
+// because the place of an array affects the times more than the table does.
 //
-// The peers hash as they usually do: Boost.Intrusive with boost::hash of the pair, into a power of
-// two of buckets, uthash with its default (Jenkins). std::unordered_map has no hash of pairs, and
-// gets the sum of the two; it keeps key and address of a record in nodes of its own, from malloc.
-// Boost.Intrusive's nodes can be told when they are removed, as ours can, which is its default.
+// The peers use their usual hash functions: Boost.Intrusive uses boost::hash of the pair and a
+// power of two of buckets, uthash its default (Jenkins). std::unordered_map has no hash of pairs,
+// and gets the sum of the two; it keeps the key and the address of a record in its own nodes from
+// malloc(3). As in our table, a node of Boost.Intrusive knows whether it is in a table, which is
+// its default.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_hash.h"
 
@@ -26,7 +27,7 @@
 #include "support/bench.hpp"
 #include "support/keys.hpp"
 
-// uthash grows from these by itself.
+// The initial number of buckets of uthash, which grows from there.
 namespace {
 unsigned int uthash_buckets;
 }
@@ -57,14 +58,15 @@ struct KeySum {
   }
 };
 
-// What one round takes through a table.
+// The input of one round.
 struct Batch {
-  std::vector<Key> keys; // of the records, in order of insertion
+  std::vector<Key> keys; // keys of the records, in the order of insertion
   std::vector<Key> sought;
   std::vector<Key> removed;
 };
 
-// Rounds of count keys each. So many that no processor learns by heart how long the chains are.
+// Returns rounds of count keys each. There are so many rounds that the branch predictor cannot
+// learn the lengths of the chains.
 std::vector<Batch> batches(std::size_t count) {
   constexpr std::size_t kKeys = 1 << 18;
   constexpr std::uint32_t kVolumes = 16;
@@ -81,22 +83,22 @@ std::vector<Batch> batches(std::size_t count) {
   return made;
 }
 
-// Memory that all tables are made on in turn.
+// The memory that the tables use in turn.
 struct Memory {
   explicit Memory(std::size_t count) : records(count * 80), buckets(count * 16) {}
   std::vector<std::byte> records;
   std::vector<std::byte> buckets;
 };
 
-// Time of this thread alone: a round may be longer than the system lets a thread run at a stretch.
+// Returns the CPU time of this thread: a round may be longer than a time slice.
 bench::Nanoseconds now() {
   timespec time;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
   return std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec};
 }
 
-// A table is made for count records, gives a record its key by set, and has insert, find and erase,
-// which say whether they did. It is left empty.
+// Runs one round. set stores the key of a record; insert, find and erase return whether they
+// succeeded. Leaves the table empty.
 template <class Hash> bench::Nanoseconds round(const Batch &batch, Memory &memory) {
   const std::size_t count = batch.keys.size();
   auto *records = reinterpret_cast<typename Hash::Record *>(memory.records.data());
@@ -127,7 +129,7 @@ template <class Hash> auto rounds(const std::vector<Batch> &batches, Memory &mem
   };
 }
 
-// The buckets are the larger of the two blocks that a table takes.
+// A table allocates two blocks, its header and its buckets.
 void *next_buckets;
 
 void *alloc(std::size_t size) {
@@ -193,8 +195,8 @@ struct BoostSet {
   Set records;
 };
 
-// One record is always there, as uthash makes its buckets with the first and frees them with the
-// last.
+// Always holds one more record, because uthash allocates its buckets with the first record and
+// frees them with the last one.
 struct Uthash {
   struct Record {
     UT_hash_handle hh;

@@ -1,6 +1,6 @@
-// A private call over loopback beside a plain exchange of the same bytes: blocking sockets with
-// TCP_NODELAY, one send and as few receives as there can be on either side. All threads share a
-// CPU: where they do not, the time that a CPU takes to wake up is most of what there is to measure.
+// Compares a private call over loopback with a plain exchange of the same bytes: blocking sockets
+// with TCP_NODELAY, one send and as few receives as possible on each side. All threads share a CPU;
+// otherwise, most of the measured time would be the wake-up time of a CPU.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdint>
 #include <cstdio>
@@ -34,7 +34,7 @@ void receive(int socket, char *buffer, std::size_t length) {
   }
 }
 
-// The peer's two ends, and a thread that sends back what it receives.
+// The two ends of the peer's connection, and a thread that sends back all bytes that it receives.
 class PingPong {
 public:
   explicit PingPong(std::size_t length) : length_(length) {
@@ -98,7 +98,7 @@ int call(std::uint32_t length) {
 
 int main(int argc, char **argv) {
   stay_on_this_cpu();
-  vorn_log_init("kram_bench", "/tmp"); // the first attempts' records
+  vorn_log_init("kram_bench", "/tmp"); // receives the log messages of the first attempts
   const kram_entry_s entry{0x400, KRAM_SYSCALL_DIRECT, echo};
   KRAM_PrivateSysCallInit();
   KRAM_RegSysCall(4, &entry, 1);

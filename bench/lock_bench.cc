@@ -1,6 +1,6 @@
-// The locks beside their peers: taken and released by one thread, and by several threads that meet
-// in a short critical section, the same for all. With several threads the time is that of the
-// whole, divided by what all of them did.
+// Compares the locks with their peers. One thread, or several threads at once, take and release the
+// lock around a short critical section, which is the same for all locks. With several threads the
+// time of an operation is the total time divided by the number of operations of all threads.
 // SPDX-License-Identifier: Apache-2.0
 #include <barrier>
 #include <ck_pflock.h>
@@ -25,8 +25,8 @@
 
 namespace {
 
-// A thread's part in a turn has to be long beside a time slice: an operation of a turn is so many
-// for each of the threads.
+// The number of times that each thread takes the lock in one operation. The share of a thread in a
+// turn must be long compared with a time slice.
 constexpr std::uint64_t kBatch = 100;
 
 struct alignas(64) Data {
@@ -58,7 +58,7 @@ template <class Lock> void read_once(Lock &lock, Data &data) {
   lock.read_unlock();
 }
 
-// All threads do their share, and only that is timed.
+// Runs the shares of all threads, and times only these.
 template <class Work> bench::Nanoseconds in_threads(int count, std::uint64_t share, Work work) {
   bench::Clock::time_point start;
   bench::Clock::time_point end;
@@ -79,9 +79,9 @@ template <class Work> bench::Nanoseconds in_threads(int count, std::uint64_t sha
 
 enum class Use { kWrite, kRead };
 
-// A contender that takes its own Lock count times, in that many threads together.
+// Returns a contender that takes its own Lock in that many threads at the same time.
 template <class Lock, Use kUse> bench::Contender takes(const std::string &name, int threads) {
-  auto *lock = new Lock; // for as long as the program runs, as is its data
+  auto *lock = new Lock; // lives until the program ends, as does its data
   auto *data = new Data;
   const auto once = [=] {
     if constexpr (kUse == Use::kWrite) {
@@ -206,7 +206,8 @@ void ticket_row(const bench::Table &table, int threads) {
              takes<CkTicket, Use::kWrite>("ck ticket", threads)});
 }
 
-// The plain lock's peers keep no order, or prefer someone; the ticket lock's serve in order.
+// The peers of the plain lock keep no order or prefer one kind of thread; those of the ticket lock
+// serve threads in order.
 template <Use kUse> void reader_writer_rows(const bench::Table &table, int threads) {
   const std::string use = kUse == Use::kRead ? ", read" : ", write";
   table.row({"reader-writer lock" + use + place(threads), 0},
@@ -227,7 +228,7 @@ int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "Locks"};
   for (const int threads : {1, 2, 8})
     spin_row(table, threads);
-  // These spin without end: more threads than CPUs would measure the scheduler.
+  // These locks spin without limit: with more threads than CPUs, this would measure the scheduler.
   for (const int threads : {1, 2}) {
     ticket_row(table, threads);
     reader_writer_rows<Use::kRead>(table, threads);

@@ -1,5 +1,5 @@
-// A record that nobody wants, and one that the rate limiter drops: what logging costs where it
-// stays silent.
+// Measures the cost of silent logging: a log message below the level, and one that the rate limiter
+// drops.
 // SPDX-License-Identifier: Apache-2.0
 #define FMT_HEADER_ONLY
 #define SPDLOG_FMT_EXTERNAL
@@ -13,7 +13,7 @@
 #include "vorn_mem.h"
 
 int main(int argc, char **argv) {
-  vorn_log_init("log_bench", "/tmp"); // the start's records
+  vorn_log_init("log_bench", "/tmp"); // receives the log messages of the start
   vorn_Init();
   const auto logger = spdlog::null_logger_mt("bench");
   logger->set_level(spdlog::level::info);
@@ -26,7 +26,7 @@ int main(int argc, char **argv) {
              }),
              bench::peer("spdlog", [&logger] { logger->debug("value {}", 1); })});
   for (int i = 0; i < 3; ++i)
-    vorn_free(nullptr); // the burst of the site that is measured
+    vorn_free(nullptr); // uses up the burst of the log statement
   table.row("record that the rate limiter drops", {bench::ours([] { vorn_free(nullptr); })});
   vorn_destory();
   vorn_log_destroy(0);

@@ -1,6 +1,6 @@
-// LWP instances beside what a C++ program has for it: a reference taken and given back beside a
-// copy of a shared pointer, by one thread and by two on the same object, and a variable beside a
-// thread-local one.
+// Compares LWP instances with their C++ counterparts: taking and releasing a reference with copying
+// a shared pointer, by one thread and by two threads on the same object; and a variable with a
+// thread-local variable.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_lwp.h"
 
@@ -18,7 +18,8 @@ struct Object {
   std::uint64_t value = 0;
 };
 
-// Two threads: with one alone in the process the shared pointer would count without atomics.
+// Uses two threads: in a process with a single thread, the shared pointer would count without
+// atomics.
 template <class Work> bench::Nanoseconds in_two_threads(std::uint64_t count, Work work) {
   bench::Clock::time_point start;
   bench::Clock::time_point end;
@@ -35,7 +36,7 @@ template <class Work> bench::Nanoseconds in_two_threads(std::uint64_t count, Wor
   return (end - start) / 2.0 / kBatch;
 }
 
-// A reference to the value through a function of another library, as that of the variable is.
+// Returns a reference to the value through a function call, as LwpVarRaw does.
 [[gnu::noinline]] std::uint64_t &local_value() {
   static thread_local std::uint64_t value = 0;
   asm volatile("");
@@ -45,7 +46,7 @@ template <class Work> bench::Nanoseconds in_two_threads(std::uint64_t count, Wor
 } // namespace
 
 int main(int argc, char **argv) {
-  // Keeps the process one of several threads for as long as it runs.
+  // Keeps the process multi-threaded until it ends.
   std::jthread second{[](const std::stop_token &stop) {
     while (!stop.stop_requested())
       std::this_thread::sleep_for(std::chrono::milliseconds(10));

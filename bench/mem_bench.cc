@@ -1,6 +1,6 @@
 // bench-links: vornsim
-// The accounting allocator beside the system's: with the counters that the simulator hands out, and
-// with one block's bytes touched as a user would.
+// Compares the accounting allocator, with the counters of the stand-in, with the system's
+// allocator. Both write one byte of each block, as a user of the block would.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdlib>
 #include <string>

@@ -1,6 +1,7 @@
 // bench-links: vornsim inih
-// A product file of 64 groups of 32 partitions. It is loaded once in a process, so that each load
-// is that of a child; the peer only hands the same items to a callback, also in a child.
+// Measures the load of a product file with 64 groups of 32 partitions. A process loads the file
+// only once, so each load runs in a child. The peer, also in a child, only passes the same items to
+// a callback.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <chrono>
@@ -23,7 +24,7 @@ namespace {
 constexpr int kGroups = 64;
 constexpr int kPartitions = 32;
 
-// IOD_NORMAL is in the middle of each group.
+// Puts IOD_NORMAL in the middle of each group.
 std::string product_text() {
   std::string text = "[CPU_PARTITION]\ngroup_num=" + std::to_string(kGroups) + "\n";
   for (int group = 0; group < kGroups; ++group) {
@@ -39,14 +40,14 @@ std::string product_text() {
   return text;
 }
 
-// A file in memory.
+// Writes a file in memory and returns its path.
 std::string make_file(const std::string &text) {
   const int fd = memfd_create("bench", 0);
   if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) std::abort();
   return "/proc/self/fd/" + std::to_string(fd);
 }
 
-// How long work takes in a child of fork().
+// Returns the time that work takes in a child of fork().
 template <class Work> bench::Nanoseconds time_in_child(Work work) {
   int ends[2];
   if (pipe(ends) != 0) std::abort();

@@ -1,6 +1,7 @@
 // bench-links: bsd
-// The red-black tree beside its peers, with the search for a key's place that each has its callers
-// write or writes for them. Every tree has the same keys in records of the same layout.
+// Compares the red-black tree with its peers, including the search for the place of a key, which
+// either the caller or the library implements. All trees have the same keys in records of the same
+// size.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_rbtree.h"
 
@@ -16,7 +17,7 @@
 
 namespace {
 
-// A key, and room for the largest node of all: libbsd's, with a word for the colour.
+// Size of a key and the largest node, that of libbsd, which has a word for the colour.
 constexpr std::size_t kRecordSize = 40;
 
 struct OurRecord {
@@ -50,7 +51,7 @@ private:
 
 struct BoostRecord {
   std::uint64_t key;
-  // Compact: the colour in the parent's word, as ours.
+  // Compact: keeps the colour in the parent's word, as our tree does.
   boost::intrusive::set_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>,
                                     boost::intrusive::optimize_size<true>>
       node;
@@ -97,8 +98,8 @@ private:
 
 constexpr std::size_t kKeys = 65536;
 
-// So many keys go in, and then all out, in the order of their arrival. They are others in each
-// round, so that a processor cannot learn by heart how the comparisons end.
+// Inserts size keys, and then erases all of them in the order of insertion. Each round uses other
+// keys, so that the branch predictor cannot learn the results of the comparisons.
 template <class Tree> auto fill_and_empty(std::size_t size) {
   std::vector<typename Tree::Record> records(size);
   return [records = std::move(records), keys = bench::random_keys(kKeys), at = kKeys]() mutable {

@@ -1,6 +1,7 @@
-// Objects passed through a ring of 1024 slots from as many producers as consumers, beside queues of
-// the same capacity. Whoever finds the ring full or empty tries kPatience times and then yields the
-// processor before each further try: the same for all, since there may be more threads than CPUs.
+// Compares the ring with queues of the same capacity. Equal numbers of producers and consumers pass
+// objects through a ring of 1024 slots. A thread that finds the queue full or empty tries kPatience
+// times, and then yields the processor before each further try. This is the same for all queues,
+// because there may be more threads than CPUs.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_ring.h"
 
@@ -18,7 +19,7 @@
 #include <boost/lockfree/spsc_queue.hpp>
 #include <concurrentqueue/concurrentqueue.h>
 
-#define false 0 // which its functions return as a pointer, too
+#define false 0 // its functions also return false as a pointer
 #include <ck_ring.h>
 #undef false
 
@@ -30,11 +31,13 @@ constexpr std::size_t kCapacity = 1023;
 constexpr int kPatience = 64;
 constexpr unsigned int kCalls = 1024;
 
-// So many objects pass at least, that all threads run at the same time and are descheduled too.
+// The minimum number of objects, large enough that all threads run concurrently and are
+// descheduled.
 constexpr std::uint64_t kMinObjects = 1 << 13;
 
-// What follows are the queues. Of each, a Producer is made for every producing thread, and put()
-// takes as many of the n objects as fit and returns their number; a Consumer likewise, with take().
+// The queues follow. Each has a Producer for every producing thread: its put() enqueues as many of
+// the n objects as fit and returns their number. It has a Consumer with take() for every consuming
+// thread.
 
 template <std::uint32_t kFlags> struct Vorn {
   explicit Vorn(unsigned int) : ring(vorn_ring_create(kCapacity + 1, kFlags)) {}
@@ -58,7 +61,7 @@ template <std::uint32_t kFlags> struct Vorn {
   vorn_ring_s *ring;
 };
 
-// Calls what for one object after the other until it refuses one.
+// Calls what for each object in turn, until it refuses one.
 template <class What> std::size_t each(void **objects, std::size_t n, What what) {
   std::size_t done = 0;
   while (done < n && what(objects[done]))
@@ -66,7 +69,7 @@ template <class What> std::size_t each(void **objects, std::size_t n, What what)
   return done;
 }
 
-// Without bursts of its own.
+// Has no burst operations.
 template <bool kSingle> struct Ck {
   explicit Ck(unsigned int) { ck_ring_init(&ring, kCapacity + 1); }
 
@@ -108,7 +111,7 @@ struct BoostSpsc {
   boost::lockfree::spsc_queue<void *, boost::lockfree::capacity<kCapacity>> queue;
 };
 
-// Without bursts of its own.
+// Has no burst operations.
 struct BoostQueue {
   explicit BoostQueue(unsigned int) {}
 
@@ -128,8 +131,8 @@ struct BoostQueue {
   boost::lockfree::queue<void *, boost::lockfree::capacity<kCapacity>> queue;
 };
 
-// With a token for each thread. A producer never gives a block back: each gets two beforehand, lest
-// the others take all of them.
+// Uses a token for each thread. A producer never releases a block, so each gets two blocks in
+// advance; otherwise, the other producers could take all blocks.
 struct Moodycamel {
   using Queue = moodycamel::ConcurrentQueue<void *>;
 
@@ -168,9 +171,9 @@ struct Moodycamel {
   std::atomic<std::size_t> next_token{0};
 };
 
-// Whoever is descheduled in the middle of an operation can make the others spin for their turns, in
-// the middle of one too, and with some queues they then go on in turns for seconds. In a service
-// they would not, as it does something else with its objects: so everybody yields now and then.
+// A thread that is descheduled in the middle of an operation can make the other threads spin in the
+// middle of theirs, and with some queues the threads then run in turns for seconds. This does not
+// happen in a service, which also works on its objects; so every thread yields from time to time.
 class Patience {
 public:
   void spend(std::size_t moved) {
@@ -183,7 +186,7 @@ private:
   unsigned int calls_ = 0;
 };
 
-// One thread's work. The sum of the objects tells whether all came through.
+// The share of one thread. The sum of the objects shows whether the queue lost any.
 struct Share {
   std::uint64_t count;
   std::uint64_t sum = 0;
@@ -194,7 +197,7 @@ struct Share {
 template <std::size_t kBurst, class Producer> void produce(Producer producer, Share &share) {
   void *objects[kBurst];
   Patience patience;
-  std::size_t first = kBurst; // of objects that are still to be put
+  std::size_t first = kBurst; // index of the first object to put
   std::uint64_t next = 1;
   for (std::uint64_t left = share.count; left > 0;) {
     if (first == kBurst) {
@@ -224,7 +227,7 @@ template <std::size_t kBurst, class Consumer> void consume(Consumer consumer, Sh
   }
 }
 
-// From the first thread's start to the last one's end.
+// Returns the time from the start of the first thread to the end of the last one.
 bench::Nanoseconds spent(const std::vector<Share> &shares) {
   const auto first = [](auto &a, auto &b) { return a.start < b.start; };
   const auto last = [](auto &a, auto &b) { return a.end < b.end; };
@@ -232,7 +235,7 @@ bench::Nanoseconds spent(const std::vector<Share> &shares) {
          std::min_element(shares.begin(), shares.end(), first)->start;
 }
 
-// The producers' shares come first.
+// The first half of shares belongs to the producers.
 void check(const std::vector<Share> &shares) {
   std::uint64_t balance = 0;
   for (std::size_t i = 0; i < shares.size(); ++i)
@@ -242,7 +245,8 @@ void check(const std::vector<Share> &shares) {
   std::exit(EXIT_FAILURE);
 }
 
-// What count objects took through a new queue, from pairs producers to pairs consumers.
+// Passes objects through a new queue, from pairs producers to pairs consumers. Returns the time for
+// count objects.
 template <class Queue, std::size_t kBurst>
 bench::Nanoseconds pass(std::uint64_t count, unsigned int pairs) {
   const std::uint64_t batches = std::max(count, kMinObjects) / kBurst / pairs;

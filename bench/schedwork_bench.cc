@@ -1,10 +1,10 @@
 // bench-links: glib-2.0 tbb uv
-// An item that is given to a pool of threads and runs there: how long one takes from its adding to
-// its handler, and how many a thread gets rid of.
+// Compares scheduled work with other thread pools: the time from adding an item until its handler
+// runs, and the time to add and run many items.
 //
-// A single item is given while the pool's threads are asleep, after a pause, and right after the
-// one before. The thread that gives it waits without sleeping, so that what is measured is the
-// pool.
+// A thread adds a single item after a pause, while the threads of the pool sleep, and directly
+// after the previous item. It waits for the item without sleeping, so that only the pool is
+// measured.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sched_work.h"
 
@@ -25,9 +25,10 @@
 namespace {
 
 constexpr int kThreads = 4;
-constexpr std::size_t kItems = 1024; // that are given at a time
+constexpr std::size_t kItems = 1024; // items that a thread adds at a time
 
-// One after the other for so long that the system moves the threads to CPUs of their own.
+// The number of items to add one after the other, until the system has moved the threads to
+// different CPUs.
 constexpr std::uint64_t kRepeats = 200;
 
 std::atomic<std::size_t> g_ran{0};
@@ -65,7 +66,7 @@ struct GLib {
   GThreadPool *pool = g_thread_pool_new(handle, nullptr, kThreads, 1, nullptr);
 };
 
-// Items are queued by the thread of the loop alone, which also hears of their ends.
+// Only the thread of the loop may queue items; the loop also notifies it when they end.
 struct Uv {
   static void handle(uv_work_t *) { ran(); }
   static void done(uv_work_t *, int) {}
@@ -77,7 +78,7 @@ struct Uv {
 };
 
 template <class Pool> Pool &the() {
-  static auto *const pool = new Pool; // for as long as the program runs
+  static auto *const pool = new Pool; // lives until the program ends
   return *pool;
 }
 

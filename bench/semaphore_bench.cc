@@ -1,6 +1,6 @@
-// The enhanced semaphore beside the system's and the C++ library's: a unit given and taken by one
-// thread, and two threads that hand each other the turn, each sleeping while it is the other's. An
-// operation of the latter is a round, which is two hand-offs.
+// Compares the enhanced semaphore with those of the system and of the C++ library. One thread
+// releases and takes a unit; or two threads wake each other in turn, and each sleeps while the
+// other runs. One operation of the latter is a round of two wake-ups.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 
@@ -26,7 +26,7 @@ struct Posix {
   Posix() { sem_init(&sem, 0, 0); }
   void up() { sem_post(&sem); }
   void down() {
-    while (sem_wait(&sem) != 0) // a signal
+    while (sem_wait(&sem) != 0) // interrupted by a signal
       continue;
   }
   sem_t sem;
@@ -39,7 +39,7 @@ struct Standard {
 };
 
 template <class Semaphore> bench::Contender up_and_down(const std::string &name) {
-  auto *sem = new Semaphore; // for as long as the program runs
+  auto *sem = new Semaphore; // lives until the program ends
   return bench::contender(name, [=] {
     sem->up();
     sem->down();
@@ -76,7 +76,7 @@ template <class Semaphore> bench::Nanoseconds play(std::uint64_t rounds) {
   return bench::Clock::now() - start;
 }
 
-// The pair of threads has to be at it for long beside the time that it takes to start them.
+// Rounds in one operation, enough that the time to start the threads does not matter.
 constexpr std::uint64_t kBatch = 200;
 
 template <class Semaphore> bench::Contender ping_pong(const std::string &name) {
@@ -93,7 +93,8 @@ int main(int argc, char **argv) {
             {up_alone<Enhanced>("ours"), up_alone<Posix>("sem_t"), up_alone<Standard>("std")});
   table.row("up and down, no waiter", {up_and_down<Enhanced>("ours"), up_and_down<Posix>("sem_t"),
                                        up_and_down<Standard>("std")});
-  // The peers apart: the one sleeps at once, as ours has to, the other tries and yields first.
+  // Shows the peers in separate rows: sem_t sleeps immediately, as ours must, std tries and yields
+  // first.
   table.row("two threads in turn, a round",
             {ping_pong<Enhanced>("ours"), ping_pong<Posix>("sem_t")});
   table.row("two threads in turn, a round",

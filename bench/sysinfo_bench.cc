@@ -1,4 +1,4 @@
-// The start of a process on a machine, first and later ones, and a sample of its CPUs.
+// Measures the start of the first process on a machine and of later ones, and a sample of the CPUs.
 // SPDX-License-Identifier: Apache-2.0
 #include <chrono>
 #include <cstdio>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr char kRecord[] = "/dev/shm/cpuinfo_shm";
 
-// What work takes in a process of its own, after what prepare does there.
+// Returns the time of work in a new process, after prepare has run there.
 template <class Work> bench::Nanoseconds in_process(
     Work work, void (*prepare)() = [] {}) {
   auto *taken = static_cast<bench::Nanoseconds *>(mmap(nullptr, sizeof(bench::Nanoseconds),
@@ -51,7 +51,7 @@ template <bool kCold> bench::Nanoseconds starts(
   return sum;
 }
 
-// In a process that counts the CPUs itself.
+// Takes the samples in a process that counts the CPUs itself.
 bench::Nanoseconds samples(std::uint64_t count) {
   return in_process([=] {
     sysinfo_alloc_mem();
@@ -60,7 +60,7 @@ bench::Nanoseconds samples(std::uint64_t count) {
   });
 }
 
-// As a machine of 256 CPUs shows them after some days.
+// Writes the files of a machine with 256 CPUs after some days.
 void record_machine_of_256() {
   std::ofstream stat("/dev/shm/stat");
   stat << "cpu  363733248 43715328 64499712 222022912 1413376 0 1380352 0 0 0\n";
@@ -78,9 +78,10 @@ bool show(const char *stand_in, const char *file) {
 
 int main(int argc, char **argv) {
   vorn_log_init("sysinfo_bench", "/tmp");
-  vorn_log_level_set(VORN_MODULE_ID, 2); // each start would tell of the missing driver
+  vorn_log_level_set(VORN_MODULE_ID, 2); // each start would log the missing driver
   const bench::Table table{argc, argv, "The machine"};
-  // A private /dev/shm: the machine's own record stays, and no other process samples.
+  // A private /dev/shm keeps the machine's shared figures unchanged, and no other process takes
+  // samples.
   const bool own = unshare(CLONE_NEWNS) == 0 &&
                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                    mount("none", "/dev/shm", "tmpfs", 0, nullptr) == 0;

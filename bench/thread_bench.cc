@@ -1,5 +1,5 @@
 // bench-links: glib-2.0
-// Giving a job to a thread, and finding a thread by its id.
+// Measures passing a job to a thread, and finding a thread by its id.
 // SPDX-License-Identifier: Apache-2.0
 #include <atomic>
 #include <memory>
@@ -51,7 +51,7 @@ GThreadPool *glib_pool() {
 
 void give_to_glib() { g_thread_pool_push(glib_pool(), &ran, nullptr); }
 
-// The time of giving alone, or that until the job has run.
+// Whether to measure only the time to pass the job, or the time until the job has run.
 enum class Until { kGiven, kRun };
 
 template <void (*give)(), Until until> bench::Nanoseconds measure(std::uint64_t count) {
@@ -93,7 +93,7 @@ void start_parked_threads() {
     usleep(1000);
 }
 
-// What one would write instead: a map behind a lock, and a counted reference.
+// An implementation without the library: a map guarded by a lock, and counted references.
 class Map {
 public:
   Map() {

@@ -1,4 +1,4 @@
-// The time base and the tick beside the system's clocks.
+// Compares the time base and the tick counter with the system's clocks.
 // SPDX-License-Identifier: Apache-2.0
 #include <ctime>
 
@@ -18,7 +18,7 @@ template <clockid_t kClock> long read_clock() {
 } // namespace
 
 int main(int argc, char **argv) {
-  vorn_log_init("time_bench", "/tmp"); // the missing driver's record
+  vorn_log_init("time_bench", "/tmp"); // receives the log message of the missing driver
   jiffies_Init();
   const bench::Table table{argc, argv, "Clocks"};
   table.row("vorn_time_getnanosec",

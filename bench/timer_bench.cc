@@ -1,7 +1,7 @@
 // bench-links: uv event
-// The timers beside those of event loops and of the system. Every peer is used as its own callers
-// have to: the event loops' by the thread that owns the loop, without a lock; ours and
-// Boost.Asio's by any thread.
+// Compares the timers with those of event loops and of the system. Each peer is used as its rules
+// require: the timers of an event loop only by the thread that owns the loop, without a lock; ours
+// and those of Boost.Asio by any thread.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_timer.h"
 
@@ -32,12 +32,12 @@
 
 namespace {
 
-// --- Arm and cancel, beside so many pending timers ---
+// --- Arm and cancel, with a number of pending timers ---
 
 constexpr std::size_t kAtHand = 4096; // timers that are armed and cancelled in turn
 
-// Delays in no order, none of which ends while it is measured: ten minutes to an hour, or ten
-// seconds to a minute.
+// Random delays, none of which expires during a measurement: ten minutes to an hour, or ten seconds
+// to a minute.
 class Delays {
 public:
   std::uint64_t next() { return 600000 + random_() % 3000000; }
@@ -105,13 +105,13 @@ struct Asio {
   }
   void cancel(std::size_t at) {
     timers[at].cancel();
-    if (at % 64 == 0) context.poll(); // the handlers of what was cancelled
+    if (at % 64 == 0) context.poll(); // runs the handlers of cancelled timers
   }
   boost::asio::io_context context;
   std::vector<boost::asio::steady_timer> timers;
 };
 
-// The timers live as long as the program: what it takes to end a million is not of interest.
+// The timers live until the program ends: the time to destroy a million timers is not of interest.
 template <class Timers>
 bench::Contender arm_and_cancel(const char *name, std::size_t pending, Length length) {
   auto *timers = new Timers;
@@ -126,7 +126,7 @@ bench::Contender arm_and_cancel(const char *name, std::size_t pending, Length le
   });
 }
 
-// The same with what is pending: any one of the timers is armed anew.
+// Cancels a random pending timer and arms it again.
 template <class Timers> bench::Contender rearm(const char *name, std::size_t pending) {
   auto *timers = new Timers;
   timers->make(pending);
@@ -168,7 +168,7 @@ void wait_until_fired() {
     usleep(200);
 }
 
-// Against the millisecond that the timer was set to, on the timer's own clock.
+// Measures the lateness with respect to the expiry of the timer, on the timer's own clock.
 Samples wheel_lateness(const std::vector<std::uint64_t> &delays) {
   Samples samples;
   vorn_timer_s timer{};
@@ -217,7 +217,8 @@ Samples timerfd_lateness(const std::vector<std::uint64_t> &nanoseconds) {
   return samples;
 }
 
-// Against the loop's own clock, whose millisecond is a whole one too.
+// Measures the lateness on the loop's own clock, whose current millisecond also counts as a whole
+// one.
 Samples libuv_lateness(const std::vector<std::uint64_t> &delays) {
   Samples samples;
   uv_loop_t loop;

@@ -1,7 +1,8 @@
 // fuzz-wraps: vorn_system_s
 //
-// Whatever the node's script prints, the value is its first line as far as there is room. The first
-// line of an input is the key, the byte after it the room, the rest what the script prints.
+// Checks that the value is the first line that the node's script prints, cut to the buffer. The
+// first line of an input is the key, the byte after it the size of the buffer, and the rest the
+// output of the script.
 // SPDX-License-Identifier: Apache-2.0
 #include <string>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// Lists of CPUs, of NUMA nodes and of the system's files, against the plainest reading of them.
+// Checks the parsers of CPU lists, of NUMA nodes and of the system's files, against a simple model.
 // SPDX-License-Identifier: Apache-2.0
 #include <bitset>
 #include <climits>
@@ -43,7 +43,7 @@ bool add(const char *item, Set &set) {
   return last >= first;
 }
 
-// As far as its first wrong item.
+// Adds the items before the first wrong one.
 bool add_list(std::string_view list, Set &set) {
   bool is_list = true;
   do
@@ -71,7 +71,7 @@ void check_numa(const std::string &list) {
          (wanted & Set().set() >> (kCpus - VORN_CPUMASK_CPU_COUNT)));
 }
 
-// A file of one line is what its items are, each by itself.
+// Checks that a file of one line gives the same CPUs as its items one by one.
 void check_system(std::string_view line) {
   file().write(line);
   cpumask loaded = {};

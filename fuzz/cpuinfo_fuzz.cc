@@ -1,8 +1,8 @@
 // fuzz-wraps: open vorn_popen_s vorn_pclose
 //
-// What the machine's files and tools say of it, and what stands in the shared record, gives counts
-// that the getters can be asked for. The parts of an input are between NULs: the file of the online
-// nodes, the model, the packages, the CPUs, and the record.
+// Checks that the getters work with any content of the machine's files, tools and shared figures.
+// NULs separate the parts of an input: the file of the online nodes, the model, the packages, the
+// CPUs, and the shared figures.
 // SPDX-License-Identifier: Apache-2.0
 #include "sysinfo/vorn_cpuinfo.cc"
 
@@ -13,7 +13,7 @@ using namespace fuzz;
 static std::string_view rest;
 
 extern "C" {
-// The next part in a pipe, as a tool prints it.
+// Returns the next part of the input in a pipe, as the output of a tool.
 FILE *__wrap_vorn_popen_s(const char *, const char *, const char *) {
   const std::string output = take_until(rest, '\0').substr(0, 4096);
   int ends[2];
@@ -32,7 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
   file().write(take_until(rest, '\0'));
   Record record = {};
   if (size >= sizeof record) std::memcpy(&record, data + size - sizeof record, sizeof record);
-  if (record.crc == 1) record.crc = crc_of(record); // no input would have the right one by chance
+  if (record.crc == 1) record.crc = crc_of(record); // an input is unlikely to have the right one
   shared_record = &record;
   own_record = {};
   machine = {};

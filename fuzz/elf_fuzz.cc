@@ -1,6 +1,6 @@
-// Whatever stands in the file of a loaded object, its functions become ranges that ascend and do
-// not overlap, or the file is refused. The object in memory has the segments that the file states,
-// and the input itself for its bytes.
+// Checks that for any file of a loaded object the reader either refuses the file or returns the
+// functions as ascending ranges that do not overlap. The object in memory has the segments of the
+// file's program headers, and the input as its content.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstring>
 #include <vector>
@@ -14,7 +14,7 @@ namespace {
 using namespace fuzz;
 using namespace vorn::symbol;
 
-// The segments, but for notes that do not lie in the input: the loader has mapped them all.
+// Returns the segments, without notes that are not in the input: the loader would have mapped them.
 std::vector<Elf64_Phdr> segments_of(std::string_view input) {
   Elf64_Ehdr header;
   if (input.size() < sizeof header) return {};

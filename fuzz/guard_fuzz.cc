@@ -1,8 +1,7 @@
 // fuzz-wraps: vfork
 //
-// The guard and the separator scan against the plainest reading of their rules. The first line of
-// an input is the whitelist, the rest the command. Nothing is run: there is no process to be had
-// here.
+// Checks the command guard and the scan for separators against simple models. The first line of an
+// input is the whitelist, the rest is the command. Runs no command: vfork() always fails here.
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 #include <string>

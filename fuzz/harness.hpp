@@ -1,5 +1,5 @@
-// What the fuzz targets share: checks, an input's first line and rest, a file in memory, and a
-// logging library that forms each message, so that the sanitizers see its arguments, and drops it.
+// Helpers for the fuzz targets: checks, parts of an input, a file in memory, and a logging library
+// that formats each log message, so that the sanitizers check its arguments, and drops it.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FUZZ_HARNESS_HPP
 #define VORN_FUZZ_HARNESS_HPP
@@ -40,7 +40,8 @@ inline std::string_view text_of(const unsigned char *data, std::size_t size) {
   return {reinterpret_cast<const char *>(data), size};
 }
 
-// Cuts the text up to the next mark, and that, off the input; without a mark it is all of it.
+// Removes the text up to the next mark, and the mark, from input. Takes all of it if there is no
+// mark. Returns the text.
 inline std::string take_until(std::string_view &input, char mark) {
   const std::size_t end = std::min(input.find(mark), input.size());
   const std::string taken(input.substr(0, end));
@@ -48,12 +49,12 @@ inline std::string take_until(std::string_view &input, char mark) {
   return taken;
 }
 
-// The text up to its first NUL, as C takes it.
+// Returns the text up to its first NUL, as a C function reads it.
 inline std::string c_string(std::string_view text) {
   return std::string(text.substr(0, text.find('\0')));
 }
 
-// A file in memory, by the path that leads to it.
+// A file in memory that has a path.
 class File {
 public:
   const char *path() const { return path_.c_str(); }
@@ -74,7 +75,7 @@ inline const File &file() {
   return the_file;
 }
 
-// Calls free with each node of a list, which is then no list any more.
+// Calls free with each node of a list. The head is not usable after that.
 template <class Free> void free_nodes(const vorn_list_head_s &head, Free free) {
   for (vorn_list_head_s *at = vorn_list_first(&head); at != nullptr;) {
     vorn_list_head_s *node = at;

@@ -1,5 +1,5 @@
-// Any file is parsed into what the plainest reading of the rules finds in it; written again and
-// parsed again, it holds the same; and the in-place writer sets its one item.
+// Checks the parser of INI files against a simple model, that a file that is written and parsed
+// again has the same content, and that the in-place writer sets only its item.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <string>
@@ -16,7 +16,8 @@ using namespace fuzz;
 using Items = std::vector<std::pair<std::string, std::string>>;
 using Sections = std::vector<std::pair<std::string, Items>>;
 
-// Through an edit that is given up: what was parsed, written to the file itself on request.
+// The parsed file, from an edit that take() cancels. take() also writes it back if writes_again is
+// set.
 Sections parsed;
 bool writes_again;
 
@@ -41,7 +42,7 @@ Sections parse(bool and_write) {
   return parsed;
 }
 
-// The same by the plainest code. No input here is as long as the limit of a line.
+// The model. No input here reaches the maximum length of a line.
 
 std::string trimmed(std::string text) {
   text.erase(text.find_last_not_of(" \t\n\r") + 1);
@@ -89,7 +90,7 @@ Sections expected(std::string_view text) {
   return sections;
 }
 
-// An item that is registered is found, with its last value.
+// Checks that a lookup finds every item with its last value.
 void check_lookups(const Sections &sections) {
   expect(vorn_cfg_init(file().path()) == 0);
   std::string value(1 << 16, ' ');
@@ -103,7 +104,7 @@ void check_lookups(const Sections &sections) {
   vorn_cfg_destroy();
 }
 
-// No other item of this name can be there, so the in-place writer only adds it.
+// No other item can have this name, so the in-place writer only adds it.
 void check_write() {
   const std::string item(63, 'z');
   expect(vorn_cfg_write_item_to_file(file().path(), "section", item.c_str(), "v") == 0);

@@ -1,5 +1,5 @@
-// Whatever a client sends, the server answers as the plainest reading of the messages does, and
-// reads and writes nothing beyond its buffers.
+// Checks that for any bytes from a client the server answers as a simple model does, and stays
+// within its buffers.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstring>
@@ -21,7 +21,7 @@ using vorn::kram::WireHeader;
 constexpr std::size_t kBufferSize = KRAM_SYSCALL_BUFFER_SIZE;
 constexpr std::size_t kMaxInput = 2048; // its replies fit into the socket
 
-// Every byte of the request, turned round, as far as there is room.
+// Replies with the bytes of the request in reverse order, cut to the capacity.
 int32_t reverse(uint32_t, kram_call_s *call) {
   const auto *input = static_cast<const unsigned char *>(call->input);
   call->output_length = std::min(call->input_length, call->output_capacity);
@@ -29,7 +29,7 @@ int32_t reverse(uint32_t, kram_call_s *call) {
   return -static_cast<int32_t>(call->output_length);
 }
 
-// All that the capacity allows, and a length that the request tells.
+// Fills the capacity, and sets the length of the reply from the request.
 int32_t tell_length(uint32_t, kram_call_s *call) {
   std::memset(call->output, 'x', call->output_capacity);
   std::memset(static_cast<char *>(call->output) + call->output_capacity, 'y',
@@ -39,7 +39,7 @@ int32_t tell_length(uint32_t, kram_call_s *call) {
   return static_cast<int32_t>(call->output_capacity);
 }
 
-// The reply to a request; false where the connection ends.
+// Appends the reply to a request. Returns false if the connection ends.
 bool answer(WireHeader header, std::string_view input, std::string &replies) {
   const std::size_t capacity = std::min<std::uint64_t>(header.capacity, kBufferSize);
   std::string output;

@@ -1,6 +1,6 @@
-// Whatever a server answers, the client of private calls takes the one reply that it asked for or
-// gives the connection up, and writes nothing beyond the caller's buffer. The first byte of an
-// input is the size of that, the rest what the server sends.
+// Checks that for any bytes from a server the client of private calls takes only its own reply or
+// closes the connection, and stays within the caller's buffer. The first byte of an input is the
+// size of the buffer, the rest is what the server sends.
 // SPDX-License-Identifier: Apache-2.0
 #include "syscall/kram_syscall_linux_user.cc"
 
@@ -13,7 +13,7 @@
 using namespace fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t size) {
-  if (size == 0 || size > 4096) return 0; // what fits into the socket
+  if (size == 0 || size > 4096) return 0; // fits into the socket buffer
   const std::string_view sent = text_of(data + 1, size - 1);
   std::string output(data[0], '?');
   int ends[2];

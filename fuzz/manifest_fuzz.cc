@@ -1,8 +1,8 @@
 // fuzz-links: scrub_objects
 //
-// The manifest reader takes any text and either refuses it or has read exactly what the writer
-// would write. The codes of the lines would stop almost every input at its first line: so each
-// input is read as it is, and once more with the right code put before each of its lines.
+// Checks that the manifest reader either refuses a text or has read exactly what the writer would
+// write. Almost every input has a wrong code in its first line, so the target reads each input
+// twice: unchanged, and with the right code before each line.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cstdio>
@@ -34,7 +34,7 @@ std::string with_codes(std::string_view texts) {
   return manifest;
 }
 
-// What the reader got, written again.
+// Writes again what the reader has read.
 std::string read_and_write(int fd) {
   std::string again;
   LineCode code;

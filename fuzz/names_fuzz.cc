@@ -1,4 +1,4 @@
-// Any table of module names gives names of the right characters, each where its line says.
+// Checks that any table of module names gives only valid names, each within its text.
 // SPDX-License-Identifier: Apache-2.0
 #include "process/node_names.cc"
 

@@ -1,5 +1,5 @@
-// Any file of NUMA nodes is loaded or refused. One that is loaded has each node that it counts, and
-// the process uses no others.
+// Checks that any file of NUMA nodes is either loaded or refused. A loaded file has every node that
+// it counts, and the process uses no others.
 // SPDX-License-Identifier: Apache-2.0
 #include "cpu/vorn_numa.cc"
 

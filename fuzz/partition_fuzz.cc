@@ -1,5 +1,5 @@
-// Any product file is loaded, and a reference to one of its partitions gives the CPUs that the
-// plainest reading of all the lists that it leads to gives.
+// Checks that any product file can be loaded, and that a reference to a partition gives the same
+// CPUs as a simple model that follows all lists.
 // SPDX-License-Identifier: Apache-2.0
 #include "cpu/partition_table.cc"
 
@@ -29,7 +29,7 @@ void free_table() {
   vorn_cfg_destroy();
 }
 
-// Adds the CPUs of list to mask, and of the lists that it leads to, each once.
+// Adds to mask the CPUs of list and of the partitions to which it refers, each once.
 void follow(std::string_view list, Mask &mask, std::set<const Partition *> &seen) {
   each_item(list, [&](std::string_view item) {
     const std::size_t slash = item.find('/');
@@ -50,7 +50,7 @@ void follow(std::string_view list, Mask &mask, std::set<const Partition *> &seen
 
 int drop(const char *, ...) { return 0; }
 
-// Whether a count of the text makes the load look for more entries than there is time for.
+// Returns true if a count in the text would make the load take too long.
 bool has_large_count(const std::string &text) {
   constexpr char kCount[] = "_num";
   for (std::size_t at = text.find(kCount); at != text.npos; at = text.find(kCount, at + 1)) {

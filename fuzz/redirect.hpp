@@ -1,4 +1,4 @@
-// open(2) for a target that wraps it: redirected_path leads to fuzz::file().
+// Defines open(2) for a target that wraps it: redirected_path opens fuzz::file().
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FUZZ_REDIRECT_HPP
 #define VORN_FUZZ_REDIRECT_HPP

@@ -1,7 +1,7 @@
 // fuzz-wraps: open
 //
-// Any "/proc/stat" leaves the slots of the CPUs that are present as the plainest reading of its
-// lines does, and touches nothing around them.
+// Checks that for any "/proc/stat" the slots of the present CPUs are as a simple model computes
+// them, and that nothing around them changes.
 // SPDX-License-Identifier: Apache-2.0
 #include "sysinfo/sampler.cc"
 
@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
   file().write(text);
   const int result = sysinfo_update_all_cpu_usage();
 
-  // Streams take signs and numbers that are too large otherwise, and lines end at a NUL.
+  // The model's streams read signs and too large numbers differently, and do not end a line at a
+  // NUL.
   if (text.find_first_of(std::string_view("+-\0", 3)) != text.npos) return 0;
   std::vector<Slot> wanted(present + 1);
   bool is_sound = !text.empty();

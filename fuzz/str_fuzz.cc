@@ -1,5 +1,5 @@
-// The string routines against plain models. The first line of an input is a set of delimiters, the
-// rest the text.
+// Checks the string functions against simple models. The first line of an input is a set of
+// delimiters, the rest is the text.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdint>
 #include <string>
@@ -34,7 +34,7 @@ Words expected_tokens(std::string_view text, std::string_view delimiters) {
   return found.empty() ? Words{""} : found;
 }
 
-// The value of digits, as large as it gets; false when text has anything else.
+// Reads a number, at most UINT64_MAX. Returns false if text has other characters.
 bool read_number(std::string_view text, std::uint64_t &value) {
   const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
   const std::uint64_t base = hexadecimal ? 16 : 10;

@@ -1,5 +1,5 @@
-// What zdump prints becomes a table within its bounds; a line that is understood is one whose
-// instants exist.
+// Checks that any output of zdump gives a table within its bounds, and that a parsed line has valid
+// dates.
 // SPDX-License-Identifier: Apache-2.0
 #include "time/vorn_timeutil.cc"
 

@@ -1,5 +1,5 @@
-/* Events of file systems, which the node's kernel module sends over netlink protocol 28. Any thread
- * may call; none is for signal handlers. */
+/* File system events, which the node's kernel module sends over netlink protocol 28. Any thread may
+ * call these functions. None is safe in a signal handler. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef KRAM_FS_H
 #define KRAM_FS_H
@@ -8,30 +8,31 @@
 
 VORN_BEGIN_DECLS
 
-/* Bytes of an event. */
+/* Size of an event in bytes. */
 #define KRAM_EXT3_EVENT_SIZE 56u
 
 /* The value of the first four bytes of an event, in host byte order. */
 #define KRAM_EXT3_EVENT_TAG 0x0AE32014u
 
-/* Takes an event: KRAM_EXT3_EVENT_SIZE bytes, aligned to 8, that begin with KRAM_EXT3_EVENT_TAG.
- * What follows the tag is the kernel module's; what it did not send is 0. The event is valid until
- * the function returns. The function is not cancelled, and returns: it does not end its thread. */
+/* Handles one event. The event is KRAM_EXT3_EVENT_SIZE bytes long, is aligned to 8 bytes and begins
+ * with KRAM_EXT3_EVENT_TAG. The kernel module defines the bytes after the tag; the library sets
+ * bytes that the module did not send to 0. The event is valid until the function returns. The
+ * function runs with cancellation disabled. It must return: it must not end its thread. */
 typedef void (*kram_ext3_event_f)(const void *event);
 
-/* Opens a socket for events, close-on-exec and never descriptor 0, 1 or 2.
- * Returns the descriptor, to be given back by KRAM_Netlink_ext3_release; logs an error and returns
- * -1 otherwise. */
+/* Opens a socket for events. The socket is close-on-exec and never descriptor 0, 1 or 2.
+ * Returns the descriptor, which the caller closes with KRAM_Netlink_ext3_release; on failure, logs
+ * an error and returns -1. */
 VORN_API int KRAM_Netlink_ext3_create(void);
 
 /* Binds the socket to the netlink port id and group 1, and calls callback for each event, in the
- * calling thread, until the socket is released. Messages that are no events are dropped. Receives
- * that a signal interrupts go on. Not a cancellation point: a thread that is cancelled listens on
- * until the socket is released. Logs nothing but a lack of memory.
+ * calling thread, until another call releases the socket. Drops messages that are not events.
+ * Continues after a signal interrupts a receive. Not a cancellation point: a cancelled thread keeps
+ * listening until the socket is released. Logs nothing except a lack of memory.
  *   socket: descriptor that KRAM_Netlink_ext3_create returned
  *   id: netlink port id, 1 or more
  *   callback: function that takes each event, not NULL
- * Returns one of these; errno tells why for -4 to -6:
+ * Returns one of these; for -4 to -6, errno holds the cause:
  *
  *    0   the socket was released
  *   -2   the socket is negative
@@ -42,10 +43,11 @@ VORN_API int KRAM_Netlink_ext3_create(void);
  *   -7   id is below 1 */
 VORN_API int KRAM_Netlink_ext3_listen(int socket, int id, kram_ext3_event_f callback);
 
-/* Closes a socket and ends a listener on it, which leaves when its callback has returned; its port
- * is free from then on. A callback may call it. A negative socket is left alone. In a child of
- * fork() there are no listeners: one that a callback has forked ends as on a release, and a release
- * of the child's copy ends none of the parent's.
+/* Closes a socket and ends its listener. The listener returns after its callback returns, and its
+ * port is free from then on. A callback may call this function. Does nothing for a negative socket.
+ * A child of fork() has no listeners. If a callback calls fork(), the listener in the child ends as
+ * if the socket had been released. If a child releases its copy of a socket, the parent's listener
+ * continues.
  *   socket: descriptor that KRAM_Netlink_ext3_create returned */
 VORN_API void KRAM_Netlink_ext3_release(int socket);
 

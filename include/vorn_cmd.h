@@ -1,24 +1,25 @@
-/* Guarded execution of shell commands: a check for characters that let one command become several,
- * streams to and from a shell, and commands that are waited for.
+/* Guarded execution of shell commands: a check for characters that turn one command into several,
+ * streams to and from a shell, and functions that run a command and wait for it.
  *
- * The shell is /bin/sh with the option -c; a command that begins with "-" is taken by it for an
- * option. What the shell itself starts is its own. It inherits the caller's environment, working
- * directory, signal mask and ignored signals; of descriptors all that are not close-on-exec, which
- * no pipe of this library is: a child never holds an end of another's stream. Descriptors 0, 1 and
- * 2 may be closed in the caller; no stream of this library's own shells is one of them. A shell or
- * a program that cannot be executed shows as exit code 127 alone.
+ * The shell is /bin/sh with the option -c; it takes a command that begins with "-" for an option.
+ * The library does not track the processes that the shell starts. The shell inherits the caller's
+ * environment, working directory, signal mask and ignored signals, and every descriptor that is not
+ * close-on-exec. All pipes of this library are close-on-exec: a child never holds an end of another
+ * child's stream. The caller may have closed descriptors 0, 1 and 2; the library never uses them
+ * for a stream of its shells. If a shell or a program cannot be executed, the only sign is the exit
+ * code 127.
  *
- * A shell is started with vfork(2), without a copy of the caller's memory. Until it is executed,
- * the child lives in the caller's memory and has the caller's signal handlers: a handler that a
- * signal to the whole process group may start there must return.
+ * The library starts a shell with vfork(2), which does not copy the caller's memory. Until the
+ * child executes the shell, it runs in the caller's memory with the caller's signal handlers: a
+ * handler that a signal to the whole process group may start there must return.
  *
- * A wait status is the raw one of waitpid(2), for WIFEXITED and the like. Where the process ignores
- * SIGCHLD there is none, and the result is -1 after the command has ended.
+ * A wait status is the status of waitpid(2), for WIFEXITED and the other macros. If the process
+ * ignores SIGCHLD there is no status, and the functions return -1 after the command has ended.
  *
- * Any thread may call anything here at any time, except where it says otherwise. Nothing is safe in
- * a signal handler but the character checks. No function that starts or waits for a shell is a
- * cancellation point, except popen_s and system_s, which are what the system's functions are.
- * A function that starts a shell blocks until the shell is executed. */
+ * Unless a function says otherwise, any thread may call it at any time. Only the character checks
+ * are safe in a signal handler. No function that starts or waits for a shell is a cancellation
+ * point, except popen_s and system_s, which behave as the system's functions. A function that
+ * starts a shell blocks until the child executes the shell. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_CMD_H
 #define VORN_CMD_H
@@ -29,48 +30,50 @@
 
 VORN_BEGIN_DECLS
 
-/* Returns 1 when *character is one of | ; & $ < > ! newline and backquote, 0 otherwise and for
- * NULL. The terminating NUL is none of them. Signal-safe.
+/* Returns 1 if *character is one of | ; & $ < > ! newline and backquote; otherwise, or if character
+ * is NULL, 0. The terminating NUL is none of them. Signal-safe.
  *   character: address of one character */
 VORN_API int isBlackChar(const char *character);
 
-/* Returns 1 when whitelist, a string that may be NULL, contains *character, 0 otherwise and for
- * NULL. The terminating NUL is in no whitelist. Signal-safe.
+/* Returns 1 if whitelist, a string that may be NULL, contains *character; otherwise, or if
+ * character is NULL, 0. No whitelist contains the terminating NUL. Signal-safe.
  *   character: address of one character
  *   whitelist: characters that the caller permits, or NULL */
 VORN_API int isWhiteChar(const char *character, const char *whitelist);
 
-/* Returns 1 when command has a character for which isBlackChar gives 1 and isWhiteChar 0, that is,
- * when it is dangerous; 0 otherwise, also for NULL. It logs nothing. Signal-safe.
+/* Returns 1 if command is dangerous: if it has a character for which isBlackChar returns 1 and
+ * isWhiteChar returns 0. Otherwise, or if command is NULL, the result is 0. Logs nothing.
+ * Signal-safe.
  *   command: command for the shell
  *   whitelist: characters that the caller permits, or NULL */
 VORN_API int isDangerousCmd(const char *command, const char *whitelist);
 
-/* Starts command in a shell and returns a stream that reads its standard output (mode "r") or
- * writes its standard input (mode "w"), fully buffered and close-on-exec, as popen() of POSIX does.
- * The caller closes it with vorn_pclose and nothing else. The command is not checked.
+/* Starts command in a shell and returns a stream that reads the command's standard output (mode
+ * "r") or writes its standard input (mode "w"), fully buffered and close-on-exec, as popen() of
+ * POSIX does. The caller must close the stream with vorn_pclose. Does not check the command.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
- * Returns the stream; NULL for another mode, a NULL argument, where memory, descriptors or
- * processes run out, and with EMFILE for a descriptor above those that the limit allowed at the
- * first call (at most 1048575). NULL too, after an information message, when no stream can be made
- * of the pipe: the command runs on then, with its pipe open. */
+ * Returns the stream. Returns NULL for another mode or a NULL argument, if memory, descriptors or
+ * processes run out, or, with EMFILE, for a descriptor above the limit at the first call (at most
+ * 1048575). If no stream can be made from the pipe, logs information and returns NULL; the command
+ * then continues to run, with its pipe open. */
 VORN_API FILE *vorn_popen(const char *command, const char *mode);
 
 /* Checks command, and then does what vorn_popen does.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
  *   whitelist: characters that the caller permits, or NULL
- * Returns what vorn_popen returns; NULL without a log message when command is NULL or dangerous. */
+ * Returns what vorn_popen returns; NULL without a log message if command is NULL or dangerous. */
 VORN_API FILE *vorn_popen_s(const char *command, const char *mode, const char *whitelist);
 
-/* Starts command as vorn_popen does, but stores the shell's process id in *pid, and the caller ends
- * the stream by fclose() and waits for the process itself: vorn_pclose does not know it. The mode
- * goes to fdopen() as it is; one that begins with "r" reads, any other writes.
+/* Starts command as vorn_popen does, and stores the shell's process id in *pid. The caller closes
+ * the stream with fclose(3) and waits for the process itself: vorn_pclose does not know this
+ * stream. The mode is passed to fdopen(3) unchanged; a mode that begins with "r" reads, any other
+ * mode writes.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
  *   pid: where the process id of the shell goes
- * Returns the stream; NULL on failure, which leaves *pid alone. */
+ * Returns the stream; NULL on failure, which leaves *pid unchanged. */
 VORN_API FILE *vorn_popen_with_pid(const char *command, const char *mode, int *pid);
 
 /* Checks command, and then does what vorn_popen_with_pid does.
@@ -78,35 +81,35 @@ VORN_API FILE *vorn_popen_with_pid(const char *command, const char *mode, int *p
  *   mode: "r" to read its output, "w" to write its input
  *   whitelist: characters that the caller permits, or NULL
  *   pid: where the process id of the shell goes
- * Returns what vorn_popen_with_pid returns; NULL without a log message when command is dangerous,
- * an argument but whitelist is NULL, or mode is neither "r" nor "w". */
+ * Returns what vorn_popen_with_pid returns; NULL without a log message if command is dangerous, an
+ * argument other than whitelist is NULL, or mode is neither "r" nor "w". */
 VORN_API FILE *vorn_popen_s_with_pid(const char *command, const char *mode, const char *whitelist,
                                      int *pid);
 
-/* Closes a stream of vorn_popen and waits for its shell to end, with SIGHUP, SIGINT and SIGQUIT
- * blocked in the calling thread meanwhile.
+/* Closes a stream from vorn_popen and waits for its shell to end. Blocks SIGHUP, SIGINT and SIGQUIT
+ * in the calling thread during the wait.
  *   stream: stream that vorn_popen returned
- * Returns the wait status; -1 when the stream is not of vorn_popen (it stays open then) or the
- * status cannot be had. One thread closes a stream, once. */
+ * Returns the wait status; -1 if the stream is not from vorn_popen (it then stays open) or no
+ * status is available. Only one thread may close a stream, and only once. */
 VORN_API int vorn_pclose(FILE *stream);
 
 /* Checks command, and then calls the system's popen() for mode "r" or "w". The stream is
- * close-on-exec. Close it with the system's pclose(), which is not the one of a program linked to
- * wrap it.
+ * close-on-exec. Close it with the system's pclose(), not with the pclose() of a program that is
+ * linked to wrap it.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
  *   whitelist: characters that the caller permits, or NULL
- * Returns the stream; NULL without a log message for another mode, for a NULL argument but
- * whitelist, and when command is dangerous. */
+ * Returns the stream; NULL without a log message for another mode, if an argument other than
+ * whitelist is NULL, or if command is dangerous. */
 VORN_API FILE *popen_s(const char *command, const char *mode, const char *whitelist);
 
-/* Runs command in a shell and waits for it to end. Unlike system() of POSIX it ignores and blocks
- * no signal meanwhile.
+/* Runs command in a shell and waits for it to end. Unlike system() of POSIX, it neither ignores nor
+ * blocks signals during the wait.
  *   command: command for the shell
- * Returns the wait status; -22 for NULL; -1 when no shell can be started or waited for.
+ * Returns the wait status; -22 if command is NULL; -1 if no shell can be started or waited for.
  *
- * A command of two and more characters that has ";" anywhere but at its end, or "||" anywhere, is
- * not run and gives -1. */
+ * If a command of two or more characters has ";" anywhere except at its end, or "||" anywhere, the
+ * function returns -1 without running it. */
 VORN_API int vorn_system(const char *command);
 
 /* Does what vorn_system does.
@@ -114,53 +117,54 @@ VORN_API int vorn_system(const char *command);
  * Returns what vorn_system returns. */
 VORN_API int vorn_cmd_exec(const char *command);
 
-/* Checks command, and then does what vorn_system does. A whitelist with ";" or "|" does not make
- * vorn_system take what it refuses.
+/* Checks command, and then does what vorn_system does. vorn_system refuses the same commands even
+ * if whitelist has ";" or "|".
  *   command: command for the shell
  *   whitelist: characters that the caller permits, or NULL
- * Returns what vorn_system returns; -29 without a log message when command is dangerous. */
+ * Returns what vorn_system returns; -29 without a log message if command is dangerous. */
 VORN_API int vorn_system_s(const char *command, const char *whitelist);
 
 /* Checks command, and then calls the system's system().
  *   command: command for the shell
  *   whitelist: characters that the caller permits, or NULL
- * Returns what system() returns; -22 for NULL and -29 when command is dangerous, both without a log
- * message. */
+ * Returns what system() returns; without a log message, -22 if command is NULL and -29 if it is
+ * dangerous. */
 VORN_API int system_s(const char *command, const char *whitelist);
 
-/* Looks at a command line before it is executed. The low byte of the result counts: 0 refuses. */
+/* Checks a command line before execv_s executes it. Only the low byte of the result counts: 0
+ * refuses the command line. */
 typedef int (*vorn_execv_checker_f)(const char *path, int count, char *const argv[]);
 
-/* execv(2) of path with argv, unless one of the first count arguments is dangerous or checker, when
- * there is one, refuses. argv has count entries at least and ends in a NULL; a NULL among the first
- * count is passed over. path is not checked, nor is an argument after the first count.
+/* Executes path with argv (execv(3)), unless one of the first count arguments is dangerous or
+ * checker is not NULL and refuses. argv has at least count entries and ends in a NULL; a NULL among
+ * the first count entries is ignored. Does not check path or the arguments after the first count.
  *   path: program to execute
  *   count: number of arguments to check
  *   argv: arguments, the last followed by NULL
  *   whitelist: characters that the caller permits, or NULL
  *   checker: further check of the command line, or NULL
- * Returns on failure alone: what execv returned, with its errno; -22 when path or argv is NULL or
- * count negative; -29 after an error message that quotes the first dangerous argument; -29 without
- * a log message when checker refuses. */
+ * Returns only on failure: the result of execv(3), with its errno; -22 if path or argv is NULL or
+ * count is negative; -29 without a log message if checker refuses. If an argument is dangerous,
+ * logs an error that quotes the first such argument and returns -29. */
 VORN_API int execv_s(const char *path, int count, char *const argv[], const char *whitelist,
                      vorn_execv_checker_f checker);
 
-/* Does what vorn_popen does, without a check of the command. A program that is linked with
+/* Does what vorn_popen does, without checking the command. A program that is linked with
  * -Wl,--wrap=popen,--wrap=pclose,--wrap=system calls this function as popen.
  *   command: command for the shell
  *   mode: "r" to read its output, "w" to write its input
  * Returns what vorn_popen returns. */
 VORN_API FILE *__wrap_popen(const char *command, const char *mode);
 
-/* Does what vorn_pclose does, for a program that is linked so.
+/* Does what vorn_pclose does, for a program that is linked as __wrap_popen describes.
  *   stream: stream that __wrap_popen returned
  * Returns what vorn_pclose returns. */
 VORN_API int __wrap_pclose(FILE *stream);
 
-/* Does what vorn_system does, without a check of the command, for a program that is linked so.
+/* Does what vorn_system does, for a program that is linked as __wrap_popen describes.
  *   command: command for the shell
- * Returns what vorn_system returns. Therefore system(NULL) gives -22 in such a program, not whether
- * there is a shell. */
+ * Returns what vorn_system returns. In such a program, system(NULL) therefore returns -22 instead
+ * of telling whether there is a shell. */
 VORN_API int __wrap_system(const char *command);
 
 VORN_END_DECLS

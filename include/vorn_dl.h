@@ -1,9 +1,10 @@
-/* The dynamic loader's functions, passed through: dlopen(3), dlsym(3), dlerror(3), dlclose(3). Any
- * thread may call; they take the loader's lock, run the constructors and destructors of the objects
- * and are not safe in a signal handler.
+/* Wrappers of the dynamic loader's functions: dlopen(3), dlsym(3), dlerror(3) and dlclose(3). Any
+ * thread may call them. They take the loader's lock, run the constructors and destructors of the
+ * objects, and are not safe in a signal handler.
  *
- * The loader takes libvorn.so for the caller: RTLD_NEXT searches after it, and a name without a
- * slash is searched by its run path. What they run may hold cancellation points. */
+ * The loader treats libvorn.so as the caller: RTLD_NEXT searches the objects after it, and the
+ * loader searches for a name without a slash with its run path. Constructors and destructors may
+ * contain cancellation points. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_DL_H
 #define VORN_DL_H
@@ -12,27 +13,27 @@
 
 VORN_BEGIN_DECLS
 
-/* Loads the object called path, or gives the program itself when path is NULL. flags are RTLD_LAZY
- * or RTLD_NOW, with others.
+/* Loads the object called path; if path is NULL, opens the program itself. flags is RTLD_LAZY or
+ * RTLD_NOW, combined with other flags.
  *   path: path of the object, or NULL for the program
- *   flags: RTLD_LAZY or RTLD_NOW, with others
- * Returns the object's handle, which the caller closes; or NULL. */
+ *   flags: RTLD_LAZY or RTLD_NOW, combined with other flags
+ * Returns the object's handle, which the caller closes; NULL on failure. */
 VORN_API void *vorn_dlopen(const char *path, int flags);
 
-/* Returns the address of symbol in the object of handle (or RTLD_DEFAULT, RTLD_NEXT); NULL when
- * there is none, or it is NULL: vorn_dlerror tells the two apart.
+/* Returns the address of symbol in the object of handle (or RTLD_DEFAULT, RTLD_NEXT); NULL if there
+ * is none or its address is NULL: vorn_dlerror tells which.
  *   handle: handle that vorn_dlopen returned
  *   symbol: name to look up */
 VORN_API void *vorn_dlsym(void *handle, const char *symbol);
 
-/* Returns a text about what failed last in the calling thread; NULL when nothing has since the last
- * call. The text is the loader's and holds until the thread's next call of one of these functions.
- */
+/* Returns a text that describes the last failure in the calling thread; NULL if nothing has failed
+ * since the last call. The loader owns the text, which is valid until the thread's next call of one
+ * of these functions. */
 VORN_API char *vorn_dlerror(void);
 
-/* Gives a handle back; the object goes with its last handle.
+/* Closes a handle. The loader unloads the object with its last handle.
  *   handle: handle that vorn_dlopen returned
- * Returns 0, or another value. */
+ * Returns 0; another value on failure. */
 VORN_API int vorn_dlclose(void *handle);
 
 VORN_END_DECLS

@@ -1,4 +1,4 @@
-/* The process's logging set-up, passed on to the logging library libevlog.so. None is a
+/* The log set-up of the process: functions that call the logging library libevlog.so. None is a
  * cancellation point with the default library. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_LOG_H
@@ -11,8 +11,8 @@ VORN_BEGIN_DECLS
 /* --- The log ---
  *
  * The four functions below pass all their arguments, unchanged, to a function of the logging
- * library and return its result: what they mean, their results and their errors are that library's,
- * and evlog.h describes the default one's. Any thread may call; they may block as the logging
+ * library and return its result. That library defines the arguments, results and errors; evlog.h
+ * describes the default library. Any thread may call these functions. They may block as the logging
  * library does and are not signal-safe. */
 
 /* Opens the log of a service, as in vorn_log_init("scrub", "/var/log/scrub"): evlog_init.
@@ -41,9 +41,9 @@ VORN_API int vorn_log_level_set(uintptr_t first, ...);
  * Returns what evlog_loglevel_get returns. */
 VORN_API int vorn_log_level_get(uintptr_t first, ...);
 
-/* Limits the log messages of the logging group that module belongs to: evlog_ratelimit_set(group,
- * a, b). The meaning of a and b is the logging library's (the default: at most a messages in b
- * milliseconds). Any thread; not signal-safe.
+/* Limits the rate of log messages of the group of module: evlog_ratelimit_set(group, a, b). The
+ * logging library defines a and b (the default library: at most a messages in b milliseconds). Any
+ * thread; not signal-safe.
  *   module: a module id
  *   a: second argument of evlog_ratelimit_set
  *   b: third argument of evlog_ratelimit_set

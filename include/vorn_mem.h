@@ -1,9 +1,9 @@
 /* The accounting allocator and the system's memory figures.
  *
- * Every block from the allocator is charged to the module id of the code that asked for it. The
- * counters live in a table that the node's kernel module hands out; where there is no such module
- * the allocator works all the same and counts nothing. Any thread may call; nothing here is safe in
- * a signal handler unless it says so. No function here is a cancellation point. */
+ * The allocator charges every block to the module id of its caller. The counters are in a table of
+ * the node's kernel module; without that module the allocator works but counts nothing. Any thread
+ * may call these functions; none is safe in a signal handler unless it says so. No function here is
+ * a cancellation point. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_MEM_H
 #define VORN_MEM_H
@@ -12,56 +12,56 @@
 
 VORN_BEGIN_DECLS
 
-/* Stands before each block: the caller's address is 16 bytes after it. */
+/* The header of a block. The block itself starts 16 bytes after the start of its header. */
 typedef struct vorn_mem_head {
   uint32_t magic;    /* VORN_MEM_MAGIC while the allocator owns the block */
-  uint32_t size;     /* bytes that the caller asked for */
-  uint32_t pid;      /* module id as the caller gave it, out of range or not */
+  uint32_t size;     /* requested size in bytes */
+  uint32_t pid;      /* module id as the caller passed it, also if out of range */
   uint32_t reserved; /* 0 */
 } vorn_mem_head_s;
 
-/* What vorn_mem_head_s::magic holds. */
+/* The value of vorn_mem_head_s::magic. */
 #define VORN_MEM_MAGIC 0xF5F5F5F5u
 
-/* The type of memory that vorn_mallocsubproc reports: the system's heap. */
+/* The type of memory that vorn_mallocsubproc stores: the system's heap. */
 #define VORN_MEM_TYPE_HEAP 1u
 
 /* The system's page size in bytes, 0 until vorn_get_current_page_size has read it. */
 VORN_API extern uint64_t g_CurSysPageSize;
 
-/* Allocates a block in the caller's name: vorn_mallocsubstandard.
+/* Allocates a block with vorn_mallocsubstandard, with the function and source line of the caller.
  *   pid: module id that the block is charged to
  *   size: number of bytes
- * Returns the block, which vorn_free frees; NULL when size is 0, and after an error message when
- * memory runs out. */
+ * Returns the block, which the caller frees with vorn_free; NULL if size is 0; logs an error and
+ * returns NULL if memory runs out. */
 #define vorn_malloc(pid, size) vorn_mallocsubstandard((pid), (size), 0, __func__, __LINE__)
 
-/* Frees a block in the caller's name: vorn_freesub.
+/* Frees a block with vorn_freesub, with the function and source line of the caller.
  *   ptr: block that vorn_malloc returned */
 #define vorn_free(ptr) vorn_freesub((ptr), __func__, __LINE__)
 
-/* Returns a block of size bytes that belongs to the caller, aligned to 16 bytes and charged to
- * module pid (above 1023: to 0). NULL without a log message when size is 0; NULL after an error
- * message when memory runs out, or size is so large that its header does not fit beside it in 32
- * bits. flags is 0 and not used; function and line name the caller. Free it with vorn_freesub.
+/* Returns a block of size bytes, aligned to 16 bytes and charged to module pid (to module 0 if pid
+ * is above 1023). The caller frees it with vorn_freesub. If size is 0, the result is NULL without a
+ * log message. Logs an error and returns NULL if memory runs out, or if size plus the size of the
+ * header exceeds 32 bits. flags is 0 and not used; function and line name the caller.
  *   pid: a module id
  *   size: number of bytes
  *   flags: 0
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void *vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
                                       const char *function, unsigned int line)
     __attribute__((malloc, alloc_size(2)));
 
-/* Allocates as vorn_mallocsubstandard does, without a log message and without the test of size 0.
- * Stores VORN_MEM_TYPE_HEAP in *type on success and leaves it alone otherwise.
+/* Allocates as vorn_mallocsubstandard does, but never logs, and does not refuse a size of 0. Stores
+ * VORN_MEM_TYPE_HEAP in *type on success; otherwise, leaves *type unchanged.
  *   size: number of bytes
  *   type: where the type of memory goes
  *   flags: 0
  *   pid: a module id
  *   function: name of the calling function
- *   line: line of the caller
- * Returns the block, or NULL. */
+ *   line: source line of the caller
+ * Returns the block; NULL on failure. */
 VORN_API void *vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigned long flags,
                                   unsigned int pid, const char *function, unsigned int line)
     __attribute__((malloc, alloc_size(1)));
@@ -72,96 +72,97 @@ VORN_API void *vorn_mallocsubproc(unsigned int size, unsigned int *type, unsigne
  *   pid: a module id */
 VORN_API void vorn_mem_init_head(vorn_mem_head_s *header, unsigned int size, unsigned int pid);
 
-/* Frees a block and takes it off its module's account. NULL is reported, at a limited rate, and
- * nothing is freed. A pointer without the allocator's header in front is reported and freed as the
- * system allocator's own; the 16 bytes in front of it are read. function and line name the caller.
+/* Frees a block and subtracts its size from the counter of its module. Logs a rate-limited message
+ * if ptr is NULL. If ptr does not follow a header of this allocator, logs that and frees ptr with
+ * free(3); it reads the 16 bytes before ptr. function and line name the caller.
  *   ptr: block to free
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void vorn_freesub(void *ptr, const char *function, unsigned int line);
 
-/* Gives ptr back to the system allocator, as free() does. type is not used.
+/* Frees ptr with free(3). type is not used.
  *   ptr: block to free
  *   type: not used */
 VORN_API void vorn_freesubproc(void *ptr, int type);
 
-/* Charges size bytes to module pid (above 1023: to 0). Nothing happens while there is no table.
- * Signal-safe once the table is known.
+/* Adds size bytes to the counter of module pid (of module 0 if pid is above 1023). Does nothing
+ * while there is no table. Signal-safe once the table is known.
  *   pid: a module id
  *   size: number of bytes */
 VORN_API void vorn_mem_stat_add(unsigned int pid, unsigned int size);
 
-/* Takes size bytes off the account of module pid (above 1023: of 0). Nothing happens while there is
- * no table. Blocks that are older than the table may drive a counter below zero. Signal-safe once
- * the table is known.
+/* Subtracts size bytes from the counter of module pid (of module 0 if pid is above 1023). Does
+ * nothing while there is no table. Frees of memory that was allocated before the table was known
+ * may make a counter negative. Signal-safe once the table is known.
  *   pid: a module id
  *   size: number of bytes */
 VORN_API void vorn_mem_stat_sub(unsigned int pid, unsigned int size);
 
-/* Shows every module whose counter is not zero, and the total, through print; NULL shows nothing.
+/* Shows every module whose counter is not zero, and the total, through print. Does nothing if print
+ * is NULL.
  *   print: function that each line goes through */
 VORN_API void vorn_mem_show(vorn_print_f print);
 
-/* Has the kernel module print its table.
- * Returns what it answers; -1 with errno when it does not. */
+/* Asks the kernel module to print its table.
+ * Returns the answer of the module; if the call fails, -1 with errno. */
 VORN_API int vorn_mem_stat_dump(void);
 
 /* Fills size bytes at dest with value. Signal-safe.
  *   dest: first byte to fill
  *   value: value of each byte
  *   size: number of bytes
- * Returns dest; a NULL dest is returned as it is. */
+ * Returns dest. If dest is NULL, does nothing and returns NULL. */
 VORN_API void *vorn_memset(void *dest, int value, unsigned int size);
 
-/* The free memory as the kernel module reports it, in its unit.
+/* Stores the amount of free memory in *out as the kernel module reports it, in the module's unit.
  *   out: where the figure goes
- * Returns 0; -1 after an error message when out is NULL or the request fails. */
+ * Returns 0; logs an error and returns -1 if out is NULL or the request fails. */
 VORN_API int vorn_get_free_mem(unsigned long *out);
 
-/* The machine's memory in kB (MemTotal of /proc/meminfo), read once.
+/* Stores the size of the machine's memory in kB in *out (MemTotal of /proc/meminfo). Reads it once.
  *   out: where the figure goes
- * Returns 0; -1 when out is NULL, after an error message, or the figure cannot be read. */
+ * Returns 0; -1 if the figure cannot be read; logs an error and returns -1 if out is NULL. */
 VORN_API int vorn_get_total_mem(unsigned long *out);
 
-/* Returns the used share of the machine's memory in percent, rounded down, from MemTotal and
- * MemAvailable read afresh; 0 when they cannot be read. */
+/* Returns the used share of the machine's memory in percent, rounded down. Reads MemTotal and
+ * MemAvailable at each call. The result is 0 if they cannot be read. */
 VORN_API unsigned long vorn_get_available_usage(void);
 
-/* Asks for the page cache to be dropped, by a shell command that the library's guard against
- * command separators refuses: it runs nothing, and stays for the programs that link it.
+/* Tries to drop the page cache with a shell command that the library's guard against command
+ * separators refuses. It therefore runs nothing; it exists for programs that link it.
  * Returns -1. */
 VORN_API int vorn_release_mem(void);
 
 /* Reads the page size into g_CurSysPageSize.
- * Returns 0; -1 after a log message when it cannot be read. */
+ * Returns 0; logs a message and returns -1 if it cannot be read. */
 VORN_API int vorn_get_current_page_size_inner(void);
 
-/* Reads the page size into g_CurSysPageSize, once per process; a failed read is tried again by the
- * next call.
- * Returns 0 or -1. */
+/* Reads the page size into g_CurSysPageSize, once per process. After a failure the next call tries
+ * again.
+ * Returns 0; logs a message and returns -1 if it cannot be read. */
 VORN_API int vorn_get_current_page_size(void);
 
-/* The page size in bytes in *out.
+/* Stores the page size in bytes in *out.
  *   out: where the figure goes
- * Returns 0; -1 when out is NULL, after an error message, or when it cannot be read (*out is 0
- * then). */
+ * Returns 0; -1 with *out set to 0 if the page size cannot be read; logs an error and returns -1 if
+ * out is NULL. */
 VORN_API int vorn_get_sys_page_size(unsigned long *out);
 
-/* Makes numpages units of 4096 bytes at addr read-only: mprotect(2). The unit is 4096 bytes
- * whatever the page size.
+/* Makes numpages units of 4096 bytes at addr read-only: mprotect(2). The unit is 4096 bytes for
+ * every page size.
  *   addr: first byte, at the start of a page
  *   numpages: number of units of 4096 bytes
- * Returns 0; logs an error and returns -1 when addr is NULL or numpages 0 or the page size is
- * unknown; logs an error and returns the positive errno of a failed mprotect. Where pages are not
- * 4096 bytes, an addr or a length that is not a multiple of a page is reported, nothing is changed,
- * and the result is 0. */
+ * Returns 0. Logs an error and returns -1 if addr is NULL, numpages is 0 or the page size is
+ * unknown; logs an error and returns the positive errno if mprotect(2) fails. If pages are not 4096
+ * bytes and addr or the length is not a multiple of the page size, logs that, changes nothing and
+ * returns 0. */
 VORN_API int vorn_setmemory_ro(void *addr, unsigned int numpages);
 
 /* Makes numpages units of 4096 bytes at addr writable (PROT_WRITE alone), as vorn_setmemory_ro
  * makes them read-only.
  *   addr: first byte, at the start of a page
  *   numpages: number of units of 4096 bytes
- * Returns as vorn_setmemory_ro does. */
+ * Returns what vorn_setmemory_ro returns. */
 VORN_API int vorn_setmemory_rw(void *addr, unsigned int numpages);
 
 VORN_END_DECLS

@@ -7,34 +7,36 @@
 
 VORN_BEGIN_DECLS
 
-/* Builds the table of module names: rows of the node's table, compiled in, and of the file
- * "/WRK/conf/vorn_module_names" where there is one, read once per process (lines of an id and an
- * upper-case name, as in the compiled-in table). A row replaces what its id was called before; an
- * id without a row keeps the name it was given, else it is "NONE". Nothing happens when the table
- * is built. The name functions below call it when they need it. Any thread; blocks on another
- * builder and on the file; not signal-safe. */
+/* Builds the table of module names from the compiled-in table of the node and from the file
+ * "/WRK/conf/vorn_module_names" if it exists. The file is read once per process; each line has an
+ * id and an upper-case name, as in the compiled-in table. A row replaces the previous name of its
+ * id. An id without a row keeps its name, or is called "NONE" if it has none. Does nothing if the
+ * table is already built. The functions below call this function if needed. Any thread; blocks on
+ * another caller and on the file; not signal-safe. */
 VORN_API void pid_init_names(void);
 
-/* Clears the table, names given by vorn_pid_set_name included, until something builds it again. Any
+/* Clears the table, including names from vorn_pid_set_name, until a call builds it again. Any
  * thread; not signal-safe. */
 VORN_API void pid_destroy_names(void);
 
-/* Returns the name of module id, to be read but not freed: the table's for ids below 1024, for
- * others the number's low 16 bits in angle brackets, in a buffer of the calling thread that its
- * next such call overwrites. Any thread; signal-safe as long as the table stands.
+/* Returns the name of module id, which the caller must not free. The name of an id below 1024 is in
+ * the table. The name of another id is the low 16 bits of its number in angle brackets, in a buffer
+ * of the calling thread that the next such call overwrites. Any thread; signal-safe while the table
+ * is built.
  *   id: a module id */
 VORN_API const char *vorn_pid_get_name(unsigned int id);
 
-/* Names module id. The pointer is kept, not a copy: name stays the caller's and must outlive the
- * table. An id above 1023 and a NULL name are ignored. It takes no lock: two callers for one id
- * leave one of the two names. Any thread; signal-safe as long as the table stands.
+/* Sets the name of module id. Keeps the pointer and makes no copy: the caller owns name, which must
+ * outlive the table. Does nothing if id is above 1023 or name is NULL. Takes no lock: if two
+ * threads name one id, one of the two names stays. Any thread; signal-safe while the table is
+ * built.
  *   id: a module id
  *   name: name of the module */
 VORN_API void vorn_pid_set_name(unsigned int id, const char *name);
 
-/* Returns a stamp that tells this run of the process from others: CLOCK_MONOTONIC_RAW in
- * nanoseconds at the first call, 0 forever when the clock could not be read then. Any thread; the
- * first call is not signal-safe. */
+/* Returns a version stamp that distinguishes this run of the process from others:
+ * CLOCK_MONOTONIC_RAW in nanoseconds at the first call. If the clock could not be read at the first
+ * call, the stamp is always 0. Any thread; the first call is not signal-safe. */
 VORN_API uint64_t ps_get_version(void);
 
 VORN_END_DECLS

@@ -1,6 +1,7 @@
-/* The intrusive red-black tree in the kernel's style. A record embeds a node; its owner searches
- * for the place of a new node, links it there, and calls the library to rebalance, to erase and to
- * walk. The library never compares: the order is the owner's, records of equal keys included.
+/* An intrusive red-black tree in the style of the Linux kernel. A record embeds a node. The owner
+ * of the tree searches for the place of a new node, links the node there, and calls the library to
+ * rebalance, to erase and to walk. The library never compares records: the owner defines their
+ * order, also for equal keys.
  *
  *   int insert(vorn_rb_root_s *root, struct record *record) {
  *     vorn_rb_node_s **link = &root->node;
@@ -16,15 +17,16 @@
  *     return 0;
  *   }
  *
- * Nothing here locks, allocates, logs, or tests an argument for NULL unless it says so. The owner
- * of a tree serialises all access to it: changes against each other and against walks; walks alone
- * may run side by side. No call blocks, and each may be made in a signal handler if the tree's
- * owner keeps other threads away from it meanwhile. Calls take O(log n) time in a tree of n nodes
- * at most, and the helpers written out below constant time.
+ * Unless a function says otherwise, nothing here locks, allocates, logs, or checks an argument for
+ * NULL. The owner of a tree must serialise changes with each other and with walks; walks may run
+ * concurrently with each other. No call blocks. A signal handler may make any call if the owner
+ * keeps other threads away from the tree during it. A call takes at most O(log n) time in a tree of
+ * n nodes; the inline functions below take constant time.
  *
- * The semantics are those of the Linux kernel's red-black tree (Documentation/core-api/rbtree.rst),
- * with the calls rb_augment_insert, rb_augment_erase_begin and rb_augment_erase_end for augmented
- * trees that the kernel had in versions 2.6.35 to 3.6. No function here is a cancellation point. */
+ * The functions behave as those of the Linux kernel's red-black tree
+ * (Documentation/core-api/rbtree.rst); those for augmented trees, as rb_augment_insert,
+ * rb_augment_erase_begin and rb_augment_erase_end of Linux 2.6.35 to 3.6. No function here is a
+ * cancellation point. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_RBTREE_H
 #define VORN_RBTREE_H
@@ -33,43 +35,43 @@
 
 VORN_BEGIN_DECLS
 
-/* Bit 0 of parent_color where the node is black; a red one has 0 there. */
+/* Bit 0 of parent_color: set in a black node, clear in a red node. */
 #define VORN_RB_BLACK 1ul
 
-/* The bits of parent_color that are no part of the parent's address. Bit 1 is kept 0. */
+/* The bits of parent_color that are not part of the parent's address. Bit 1 is always 0. */
 #define VORN_RB_COLOR_MASK 3ul
 
-/* A node: at an address divisible by 4, which its natural alignment sees to. Read by the owner's
- * search; written by the library and by the helpers below alone. */
+/* A node. Its address is divisible by 4, which its natural alignment ensures. The owner's search
+ * reads it; only the library and the inline functions below write it. */
 typedef struct vorn_rb_node_s {
-  unsigned long parent_color;   /* address of the parent, 0 in the top node, with the colour */
-  struct vorn_rb_node_s *right; /* child after, NULL for none */
-  struct vorn_rb_node_s *left;  /* child before, NULL for none */
+  unsigned long parent_color;   /* address of the parent (0 in the top node) and colour */
+  struct vorn_rb_node_s *right; /* the child after this node, or NULL */
+  struct vorn_rb_node_s *left;  /* the child before this node, or NULL */
 } vorn_rb_node_s;
 
 /* A tree. */
 typedef struct vorn_rb_root_s {
-  vorn_rb_node_s *node; /* the top node, NULL in an empty tree */
+  vorn_rb_node_s *node; /* the top node; NULL in an empty tree */
 } vorn_rb_root_s;
 
-/* Initial value of an empty tree; so is one of zero bytes. */
+/* Initialiser of an empty tree. A tree of zero bytes is also empty. */
 #define VORN_RB_ROOT_INIT                                                                          \
   { NULL }
 
-/* The record of the given type whose member is node.
+/* Gets the record of the given type whose member is node.
  *   node: the node
  *   type: type of the record
  *   member: name of the node in the record
  * Returns the address of the record. */
 #define vorn_rb_entry(node, type, member) ((type *)((char *)(node)-offsetof(type, member)))
 
-/* Computes the augmented value of node's record (a maximum below it, say) anew from the record
- * itself and the values of its two children, which are right already. data is what the caller gave.
- * May change that value alone: neither links nor keys, and it calls nothing that changes the tree.
- * Must do with being called for a node more than once. */
+/* Recomputes the augmented value of node's record (for example, the maximum of its subtree) from
+ * the record itself and the values of its two children, which are already correct. data is the
+ * pointer that the caller passed. The function may change only that value: no links and no keys. It
+ * must not call a function that changes the tree. It may be called more than once for a node. */
 typedef void (*vorn_rb_augment_f)(vorn_rb_node_s *node, void *data);
 
-/* Returns the parent of a node in a tree, NULL for the top node.
+/* Returns the parent of a node in a tree; NULL for the top node.
  *   node: the node */
 static inline vorn_rb_node_s *vorn_rb_parent(const vorn_rb_node_s *node) {
   return (vorn_rb_node_s *)(node->parent_color & ~VORN_RB_COLOR_MASK);
@@ -79,24 +81,24 @@ static inline vorn_rb_node_s *vorn_rb_parent(const vorn_rb_node_s *node) {
  *   root: the tree */
 static inline int vorn_rb_is_empty(const vorn_rb_root_s *root) { return root->node == NULL; }
 
-/* Makes node one that is outside any tree, without looking at what it held. Erasing a node does not
- * do this: a caller that wants to ask later calls it after the erase.
+/* Marks node as being in no tree, whatever it held. An erase does not mark the node: a caller that
+ * uses vorn_rb_is_clear later must call this function after the erase.
  *   node: the node */
 static inline void vorn_rb_clear_node(vorn_rb_node_s *node) {
   node->parent_color = (unsigned long)node;
 }
 
-/* Returns whether node was marked as outside any tree.
+/* Returns whether node is marked as being in no tree.
  *   node: the node */
 static inline int vorn_rb_is_clear(const vorn_rb_node_s *node) {
   return vorn_rb_parent(node) == node;
 }
 
-/* Links node into the empty place that link points to, as a red leaf: parent's left or right, or
- * the root's node where parent is NULL. vorn_rb_insert_color comes next.
+/* Links node as a red leaf into the empty place that link points to: parent's left or right, or the
+ * root's node if parent is NULL. Call vorn_rb_insert_color next.
  *   node: the node
  *   parent: parent of the new node, or NULL in an empty tree
- *   link: empty place that the node goes to */
+ *   link: empty place for the node */
 static inline void vorn_rb_link_node(vorn_rb_node_s *node, vorn_rb_node_s *parent,
                                      vorn_rb_node_s **link) {
   node->parent_color = (unsigned long)parent;
@@ -110,55 +112,55 @@ static inline void vorn_rb_link_node(vorn_rb_node_s *node, vorn_rb_node_s *paren
  *   root: the tree */
 VORN_API void vorn_rb_insert_color(vorn_rb_node_s *node, vorn_rb_root_s *root);
 
-/* Takes node, which must be in the tree, out of it and rebalances. The node's own fields stay as
- * they are; its record is the caller's again.
+/* Removes node, which must be in the tree, and rebalances the tree. Leaves the fields of node
+ * unchanged. The caller may then reuse its record.
  *   node: the node
  *   root: the tree */
 VORN_API void vorn_rb_erase(vorn_rb_node_s *node, vorn_rb_root_s *root);
 
-/* Returns the first node in order, NULL in an empty tree.
+/* Returns the first node in order; NULL in an empty tree.
  *   root: the tree */
 VORN_API vorn_rb_node_s *vorn_rb_first(const vorn_rb_root_s *root);
 
-/* Returns the last node in order, NULL in an empty tree.
+/* Returns the last node in order; NULL in an empty tree.
  *   root: the tree */
 VORN_API vorn_rb_node_s *vorn_rb_last(const vorn_rb_root_s *root);
 
-/* Returns the node after node, NULL for the last and for one marked as outside any tree. A walk
- * over the whole tree takes O(n) time.
+/* Returns the node after node; NULL for the last node and for a node marked as being in no tree. A
+ * walk over the whole tree takes O(n) time.
  *   node: the node */
 VORN_API vorn_rb_node_s *vorn_rb_next(const vorn_rb_node_s *node);
 
-/* Returns the node before node, NULL for the first and for one marked as outside any tree.
+/* Returns the node before node; NULL for the first node and for a node marked as being in no tree.
  *   node: the node */
 VORN_API vorn_rb_node_s *vorn_rb_prev(const vorn_rb_node_s *node);
 
-/* Puts fresh, which is in no tree, in victim's place, with victim's colour and children and without
- * rebalancing: the caller sees to it that it belongs there in order. victim's own fields stay as
- * they are. Constant time.
+/* Replaces victim with fresh, which is in no tree. fresh takes the colour and the children of
+ * victim, and the tree is not rebalanced: the caller must ensure that fresh belongs there in the
+ * order. Leaves the fields of victim unchanged. Constant time.
  *   victim: node that leaves the tree
  *   fresh: node that takes its place
  *   root: the tree */
 VORN_API void vorn_rb_replace_node(vorn_rb_node_s *victim, vorn_rb_node_s *fresh,
                                    vorn_rb_root_s *root);
 
-/* In an augmented tree, after vorn_rb_insert_color: brings the values up to date. Calls fn from
- * below node up to the top node, the other child of each parent on the way included.
+/* Updates the values of an augmented tree after vorn_rb_insert_color. Calls fn from below node up
+ * to the top node, and for the other child of each parent on the way.
  *   node: the node
- *   fn: function that computes a value anew
+ *   fn: function that recomputes a value
  *   data: second argument of fn */
 VORN_API void vorn_rb_augment_insert(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data);
 
 /* Prepares an erase in an augmented tree, before vorn_rb_erase of node.
  *   node: the node
- * Returns the deepest node whose value the erase will touch, for vorn_rb_augment_erase_end; NULL
- * where node is the only one. */
+ * Returns the deepest node whose value the erase changes, for vorn_rb_augment_erase_end; NULL if
+ * node is the only node. */
 VORN_API vorn_rb_node_s *vorn_rb_augment_erase_begin(vorn_rb_node_s *node);
 
-/* After the erase: brings the values from node up to date, as vorn_rb_augment_insert does. node is
- * what vorn_rb_augment_erase_begin returned; with NULL nothing is done.
+/* Updates the values of an augmented tree after vorn_rb_erase, as vorn_rb_augment_insert does. node
+ * is the result of vorn_rb_augment_erase_begin. Does nothing if node is NULL.
  *   node: the node
- *   fn: function that computes a value anew
+ *   fn: function that recomputes a value
  *   data: second argument of fn */
 VORN_API void vorn_rb_augment_erase_end(vorn_rb_node_s *node, vorn_rb_augment_f fn, void *data);
 

@@ -1,4 +1,5 @@
-/* The door to the node's kernel module. No function here is a cancellation point. */
+/* The private system call, which makes requests to the node's kernel module. No function here is a
+ * cancellation point. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_SYSCALL_H
 #define VORN_SYSCALL_H
@@ -7,16 +8,17 @@
 
 VORN_BEGIN_DECLS
 
-/* The command word of an operation: the library's module id above, the operation code below.
+/* The command word of an operation: the library's module id in the upper half, the operation code
+ * in the lower half.
  *   operation: operation code, VORN_SYSCALL_*
  * Returns the command word. */
 #define VORN_SYSCALL_COMMAND(operation)                                                            \
   (((unsigned long)VORN_MODULE_ID << 32) | (unsigned long)(uint32_t)(operation))
 
-/* What an argument that an operation does not take is passed as. */
+/* The value to pass for an argument that an operation does not take. */
 #define VORN_SYSCALL_UNUSED (~0ul)
 
-/* The operations that the library asks for. */
+/* The operations that the library requests. */
 enum {
   VORN_SYSCALL_RESET_LOCAL_BOARD = 0x000,
   VORN_SYSCALL_REBOOT = 0x001,       /* reason, mid, first byte of the text */
@@ -56,11 +58,11 @@ enum {
  *   a2: second argument of the operation
  *   a3: third argument of the operation
  *   a4: fourth argument of the operation
- * Returns what the kernel module answers; -1 with errno on failure, ENOSYS where the processor or
- * the kernel has no such call. The library makes every request through this symbol, so a process, a
- * simulator or a test can put its own function in its place. Such a function must not allocate
- * through the library or start it: the library may hold a lock of its own around the request. Any
- * thread; signal-safe; blocks as the operation does. */
+ * Returns the answer of the kernel module; -1 with errno on failure (ENOSYS if the processor or the
+ * kernel has no such call). The library makes every request through this symbol, so a process, the
+ * stand-in (vornsim.h) or a test can replace it with its own function. Such a function must not
+ * allocate through the library or start it, because the library may hold one of its locks during
+ * the request. Any thread; signal-safe; blocks as the operation does. */
 VORN_API long vorn_private_syscall(unsigned long command, unsigned long a1, unsigned long a2,
                                    unsigned long a3, unsigned long a4);
 

@@ -1,31 +1,31 @@
-/* The ticket spin lock: a thread that comes draws the next number and waits until it is served, so
- * the lock is handed on in the order of arrival and no thread starves.
+/* The ticket spin lock: each thread takes the next number and waits until that number is served.
+ * Threads get the lock in the order of arrival, so no thread starves.
  *
- * Waits spin without limit, without a pause and without giving the processor away: for critical
- * sections of a few instructions, and no more threads than CPUs, because the lock waits for the
- * next in the order even where that thread is not running.
+ * A wait spins without limit and without a pause, and does not yield the processor. Use the lock
+ * for critical sections of a few instructions and for no more threads than CPUs, because the lock
+ * waits for the next thread in the order even if that thread is not running.
  *
- * The lock checks its own use. A misuse is logged at information level, with the position of the
- * caller, as "%s in %s:%u lock:0x%lx magic:0x%x owner:%lu other:%u": the case, function and line,
- * serving and next as one word (serving in the lower half), and the other fields. The operation
- * goes on all the same; the checks repair nothing. The cases:
+ * The lock detects misuse. It logs information with the position of the caller, as "%s in %s:%u
+ * lock:0x%lx magic:0x%x owner:%lu other:%u": the case, function and line, serving and next as one
+ * word (serving in the lower half), and the other fields. The operation then continues; the checks
+ * repair nothing. The cases:
  *
  *   "UnInited lock"  the lock was not initialised, or has been destroyed
- *   "ReInited lock"  it is initialised already
- *   "AA lock"        the holder takes it again; lock then never comes back
- *   "AB lock"        it is released by a thread that does not hold it
- *   "ReUnlock"       it is released while no thread holds it (function is "ticket_unlock"):
- *                    serving is then past the next number, and the lock useless until it is
- *                    initialised anew
+ *   "ReInited lock"  the lock is already initialised
+ *   "AA lock"        the holder takes the lock again; the call then never returns
+ *   "AB lock"        a thread that does not hold the lock releases it
+ *   "ReUnlock"       a thread releases the lock while no thread holds it (function is
+ *                    "ticket_unlock"): serving is then above next, and the lock is unusable
+ *                    until it is initialised again
  *
- * When a holder ends without unlocking, the lock stays held. The holder is told by its kernel
- * thread id, cut to 32 bits: a child of fork() is another thread, and in memory that processes
- * share ids of different pid namespaces may collide. Taking a lock acquires what those that held it
- * before had written. Free and uncontended, no call enters the kernel, but for a thread's first,
- * which asks for its id.
+ * If a holder ends without unlocking, the lock stays held. The lock identifies its holder by the
+ * kernel thread id, cut to 32 bits: a child of fork() is another thread, and in memory that
+ * processes share, ids from different pid namespaces may collide. A thread that takes the lock sees
+ * all writes that earlier holders made before they unlocked it. No call on a free and uncontended
+ * lock enters the kernel, except the first call of a thread, which reads its id.
  *
- * Any thread may call. No operation is a cancellation point. In a signal handler, none is safe: the
- * reports are not. */
+ * Any thread may call these functions. No operation is a cancellation point. None is safe in a
+ * signal handler, because the log messages are not. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TICKETLOCK_H
 #define VORN_TICKETLOCK_H
@@ -34,79 +34,82 @@
 
 VORN_BEGIN_DECLS
 
-/* A ticket spin lock. The numbers wrap. */
+/* A ticket spin lock. Its numbers wrap at 2^32. */
 typedef struct vorn_tspinlock {
-  uint32_t serving; /* the number that is served now */
-  uint32_t next;    /* the number that is handed out next; equal to serving: the lock is free */
+  uint32_t serving; /* the number that holds the lock now */
+  uint32_t next;    /* the next number to take; the lock is free if it equals serving */
   uint32_t magic;   /* VORN_TSPINLOCK_MAGIC while initialised */
-  uint32_t other;   /* all ones; only printed */
-  uint64_t owner;   /* the holder's kernel thread id; all ones when no thread holds it */
+  uint32_t other;   /* all bits set; only printed */
+  uint64_t owner;   /* the holder's kernel thread id; all bits set if no thread holds it */
 } vorn_tspinlock_s;
 
-/* What vorn_tspinlock_s::magic holds from init to destroy. */
+/* The value of vorn_tspinlock_s::magic between init and destroy. */
 #define VORN_TSPINLOCK_MAGIC 0xDEAD5EADu
 
-/* What vorn_tspinlock_s::magic holds from destroy on. */
+/* The value of vorn_tspinlock_s::magic after destroy. */
 #define VORN_TSPINLOCK_DESTROYED 0x5EADDEADu
 
-/* A free lock, to initialise a variable with. */
+/* Initialiser of a free lock. */
 #define VORN_TSPINLOCK_INIT                                                                        \
   { 0, 0, VORN_TSPINLOCK_MAGIC, UINT32_MAX, UINT64_MAX }
 
-/* Makes *lock a free lock, in the caller's name.
+/* Makes *lock a free lock. Passes the function and source line of the caller.
  *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_init(lock) do_vorn_tspinlock_init((lock), __func__, __LINE__)
 
-/* Marks *lock as no lock any more, in the caller's name.
+/* Marks *lock as destroyed. Passes the function and source line of the caller.
  *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_destroy(lock) do_vorn_tspinlock_destroy((lock), __func__, __LINE__)
 
-/* Draws a number, waits until it is served and takes the lock, in the caller's name.
+/* Takes a number, waits until it is served and takes the lock. Passes the function and source line
+ * of the caller.
  *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_lock(lock) do_vorn_tspinlock_lock((lock), __func__, __LINE__)
 
-/* Takes the lock if it is free now, in the caller's name. Never waits.
+/* Takes the lock if it is free now. Passes the function and source line of the caller. Never waits.
  *   lock: the lock, a vorn_tspinlock_s *
- * Returns 1 when taken, else 0. */
+ * Returns 1 if the lock was taken; otherwise, 0. */
 #define vorn_tspinlock_trylock(lock) do_vorn_tspinlock_trylock((lock), __func__, __LINE__)
 
-/* Serves the next number, in the caller's name.
+/* Releases the lock: serves the next number. Passes the function and source line of the caller.
  *   lock: the lock, a vorn_tspinlock_s * */
 #define vorn_tspinlock_unlock(lock) do_vorn_tspinlock_unlock((lock), __func__, __LINE__)
 
-/* Makes *lock a free lock, while no thread uses it. function and line name the caller, here and
- * below. Reads the memory as it is: what happens to be VORN_TSPINLOCK_MAGIC there is reported as
+/* Makes *lock a free lock. No thread may be using it. function and line name the caller, here and
+ * below. Checks the memory before it writes it: if it already holds VORN_TSPINLOCK_MAGIC, logs
  * "ReInited lock".
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_tspinlock_init(vorn_tspinlock_s *lock, const char *function, uint32_t line);
 
-/* Marks *lock as no lock any more. Reports "UnInited lock".
+/* Marks *lock as destroyed. May log "UnInited lock".
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_tspinlock_destroy(vorn_tspinlock_s *lock, const char *function,
                                         uint32_t line);
 
-/* Draws a number, waits until it is served and takes the lock. Reports "UnInited lock" and "AA
+/* Takes a number, waits until it is served and takes the lock. May log "UnInited lock" and "AA
  * lock".
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_tspinlock_lock(vorn_tspinlock_s *lock, const char *function, uint32_t line);
 
-/* Takes the lock if it is free now. Never waits. Reports as lock does.
+/* Takes the lock if it is free now. Never waits. May log the same messages as
+ * do_vorn_tspinlock_lock.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller
- * Returns 1 when taken, else 0. */
+ *   line: source line of the caller
+ * Returns 1 if the lock was taken; otherwise, 0. */
 VORN_API int do_vorn_tspinlock_trylock(vorn_tspinlock_s *lock, const char *function, uint32_t line);
 
-/* Serves the next number, in every case. Reports "UnInited lock", "AB lock" and "ReUnlock".
+/* Releases the lock: always serves the next number. May log "UnInited lock", "AB lock" and
+ * "ReUnlock".
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_tspinlock_unlock(vorn_tspinlock_s *lock, const char *function, uint32_t line);
 
 VORN_END_DECLS

@@ -1,6 +1,6 @@
-/* One-shot timers in milliseconds. A timer is a record of the caller's that names a function; one
- * thread of the library, "vorn_run_timers", calls the function once when the time has come. Arming
- * and deleting take constant time, however many timers are pending.
+/* One-shot timers in milliseconds. The caller owns a timer, which names a function. When the timer
+ * expires, a thread of the library, "vorn_run_timers", calls the function once. Arming and
+ * disarming take constant time, however many timers are pending.
  *
  *   static vorn_timer_s timer; // all zero, or vorn_timer_init
  *
@@ -9,26 +9,27 @@
  *   vorn_timer_modify(&timer, 500); // no: in 500 ms from now
  *   vorn_timer_delete_sync(&timer); // no longer, and it does not run now
  *
- * Time is vorn_time_getmillisec: a timer is never early by that clock. As the clock's current
- * millisecond counts as a whole one, a timer of n ms may run up to 1 ms before n ms have passed.
+ * The clock is vorn_time_getmillisec, and by that clock a timer never runs early. Because the
+ * clock's current millisecond counts as a whole one, a timer of n ms may run up to 1 ms before n ms
+ * have passed.
  *
- * A function runs without any lock of the library, one at a time: one that blocks delays the
- * others, and one of more than 300 ms is reported in the log. It may arm, delete and free any
- * timer, its own included, whose record is no longer looked at once its function has been called;
- * it must not wait for itself (vorn_timer_delete_sync). One that ends its thread by pthread_exit(3)
- * is given up, and the timers go on in another thread.
+ * The functions run one at a time, without any lock of the library: a function that blocks delays
+ * the others, and the library logs one that takes more than 300 ms. A function may arm, delete and
+ * free any timer, including its own, because the library does not use a timer after it has called
+ * the function. It must not wait for itself (vorn_timer_delete_sync). If a function calls
+ * pthread_exit(3), the timers continue in another thread.
  *
- * A record belongs to the caller and must stay in place, and its func, data and texts as they are,
- * while it is pending. All functions but vorn_timer_init and vorn_timer_set_raw may be called for
- * one timer by several threads at once. None is for signal handlers, and none is a cancellation
- * point. They return 0; they log an error and return -1 otherwise.
+ * While a timer is pending, the caller must keep it in place and must not change its func, data and
+ * texts. Several threads may use one timer at the same time, except with vorn_timer_init and
+ * vorn_timer_set_raw. No function is safe in a signal handler, and none is a cancellation point.
+ * Functions return 0, or log an error and return -1.
  *
- * In a child of fork() no timer is pending: those of the parent run in the parent alone, and their
- * records may be armed in the child at once. The first timer that is armed there starts the child's
+ * In a child of fork() no timer is pending: the timers of the parent run only in the parent, and
+ * the child may arm its copies immediately. The first timer that the child arms starts the child's
  * own thread. A function that calls fork() must not return in the child.
  *
- * With a record whose flags have VORN_TIMER_HR, which vorn_timer_add_ns sets and vorn_timer_add
- * clears, each function does what its namesake in vorn_hr_timer.h does. */
+ * For a timer whose flags have VORN_TIMER_HR, which vorn_timer_add_ns sets and vorn_timer_add
+ * clears, each function does what the corresponding function of vorn_hr_timer.h does. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIMER_H
 #define VORN_TIMER_H
@@ -39,34 +40,34 @@
 
 VORN_BEGIN_DECLS
 
-/* What a timer calls with its data. */
+/* The function of a timer, called with its data. */
 typedef void (*vorn_timer_f)(uint64_t data);
 
-/* A timer. Its caller sets it by vorn_timer_set and reads it at most. */
+/* A timer. The caller sets it with vorn_timer_set, and must not write its fields otherwise. */
 typedef struct vorn_timer {
-  vorn_rb_node_s node;   /* of a pending high-resolution timer, which runs at */
-  int64_t seconds;       /* this time of CLOCK_MONOTONIC */
-  int64_t nanoseconds;   /* 10^9 may stand here for another second */
-  vorn_list_head_s list; /* next is NULL when no timer of the wheel */
-  uint64_t expirTime;    /* when it runs, in milliseconds of vorn_time_getmillisec */
-  uint64_t timeOut;      /* from its arming to then: milliseconds, or nanoseconds */
-  uint64_t data;         /* what func is called with */
-  vorn_timer_f func;     /* NULL: not set yet */
+  vorn_rb_node_s node;   /* in the tree of pending high-resolution timers */
+  int64_t seconds;       /* expiry of a high-resolution timer, CLOCK_MONOTONIC */
+  int64_t nanoseconds;   /* of that expiry; may be 10^9 */
+  vorn_list_head_s list; /* in the timer wheel; next is NULL if not in it */
+  uint64_t expirTime;    /* expiry in milliseconds of vorn_time_getmillisec */
+  uint64_t timeOut;      /* time-out in milliseconds or nanoseconds */
+  uint64_t data;         /* the argument of func */
+  vorn_timer_f func;     /* NULL if not set yet */
   uint8_t isp;           /* VORN_TIMER_HR_PENDING or 0 */
   uint8_t flags;         /* VORN_TIMER_HR or 0 */
-  uint32_t owner;        /* the process that armed it, by the library's count of forks */
-  const char *funcName;  /* the function that set it */
+  uint32_t owner;        /* identifies the process that armed it, by a count of forks */
+  const char *funcName;  /* name of the function that set it */
   const char *file;      /* its source */
   int line;              /* and line */
 } vorn_timer_s;
 
-/* In flags: a high-resolution timer. */
+/* A bit of vorn_timer_s::flags: a high-resolution timer. */
 #define VORN_TIMER_HR 1u
 
-/* In isp: a high-resolution timer that is pending. */
+/* The value of vorn_timer_s::isp in a pending high-resolution timer. */
 #define VORN_TIMER_HR_PENDING 17u
 
-/* Sets a timer in the caller's name: vorn_timer_set_raw.
+/* Sets a timer with vorn_timer_set_raw, with the function, file and line of the caller.
  *   timer: the timer
  *   timeOut: milliseconds, or nanoseconds for vorn_timer_add_ns
  *   data: argument of func
@@ -75,19 +76,19 @@ typedef struct vorn_timer {
 #define vorn_timer_set(timer, timeOut, data, func)                                                 \
   vorn_timer_set_raw(timer, timeOut, data, func, __func__, __FILE__, __LINE__)
 
-/* Starts the timers, once per process; vorn_Init makes this call. Starts the thread, with the CPUs
- * of the affinity level "affinity_level_1" where there is one.
- * Returns 0; logs an error and returns -1 on failure: a further call tries again. */
+/* Starts the timers, once per process. vorn_Init calls this function. Starts the thread and binds
+ * it to the CPUs of the affinity level "affinity_level_1" if there is one.
+ * Returns 0; on failure, logs an error and returns -1, and a further call tries again. */
 VORN_API int vorn_timer_module_init(void);
 
-/* Makes *timer a record of zeros, whatever it held: never while it is pending.
+/* Sets all of *timer to zero. The timer must not be pending.
  *   timer: the timer
- * Returns 0; logs an error and returns -1 when timer is NULL. */
+ * Returns 0; logs an error and returns -1 if timer is NULL. */
 VORN_API int vorn_timer_init(vorn_timer_s *timer);
 
 /* Makes *timer a timer of timeOut milliseconds (nanoseconds for vorn_timer_add_ns) that calls
- * func(data). funcName and file must last as long as the timer; they and line are shown in the log.
- * *timer holds zeros, or has been set before.
+ * func(data). funcName and file must stay valid as long as the timer; log messages show them and
+ * line. *timer must hold zeros, or must have been set before.
  *   timer: the timer
  *   timeOut: milliseconds, or nanoseconds for vorn_timer_add_ns
  *   data: argument of func
@@ -95,42 +96,43 @@ VORN_API int vorn_timer_init(vorn_timer_s *timer);
  *   funcName: name of the function that sets the timer
  *   file: its source file
  *   line: its line
- * Returns 0; logs an error and returns -1 when timer or func is NULL, or the timer is pending. */
+ * Returns 0; logs an error and returns -1 if timer or func is NULL, or the timer is pending. */
 VORN_API int vorn_timer_set_raw(vorn_timer_s *timer, uint64_t timeOut, uint64_t data,
                                 vorn_timer_f func, const char *funcName, const char *file,
                                 int line);
 
-/* Arms a timer for its timeOut milliseconds from now.
+/* Arms a timer to expire timeOut milliseconds from now.
  *   timer: the timer
- * Returns 0; logs an error and returns -1 when the timers have not been started, timer or its func
- * is NULL, timeOut is 0, or the timer is pending. */
+ * Returns 0; logs an error and returns -1 if the timers have not been started, timer or its func is
+ * NULL, timeOut is 0, or the timer is pending. */
 VORN_API int vorn_timer_add(vorn_timer_s *timer);
 
-/* Arms a timer for its timeOut nanoseconds from now, at most 1000000: vorn_hr_timer_add.
+/* Arms a timer to expire timeOut nanoseconds from now, at most 1000000, with vorn_hr_timer_add.
  *   timer: the timer
- * Returns what vorn_hr_timer_add returns; logs an error and returns -1 also when timer or its func
- * is NULL, or the timer is pending by vorn_timer_add. */
+ * Returns what vorn_hr_timer_add returns; logs an error and returns -1 if timer or its func is
+ * NULL, or vorn_timer_add has armed the timer and it is pending. */
 VORN_API int vorn_timer_add_ns(vorn_timer_s *timer);
 
-/* Arms a timer, pending or not, for ms milliseconds from now, which becomes its timeOut. ms counts
- * modulo 2^61 / 125.
+/* Arms a timer, pending or not, to expire ms milliseconds from now, and sets its timeOut to ms. ms
+ * is taken modulo 2^61 / 125.
  *   timer: the timer
  *   ms: milliseconds from now
- * Returns 0; logs an error and returns -1 when timer or its func is NULL, ms is 0, or the timers
- * have not been started. */
+ * Returns 0; logs an error and returns -1 if timer or its func is NULL, ms is 0, or the timers have
+ * not been started. */
 VORN_API int vorn_timer_modify(vorn_timer_s *timer, uint64_t ms);
 
-/* Disarms a timer. Its function may be running now; one that is may arm it anew.
+/* Disarms a timer. Its function may be running, and may then arm the timer again.
  *   timer: the timer
- * Returns 0, also when the timer was not pending; logs an error and returns -1 when timer is NULL
- * or the timers have not been started. */
+ * Returns 0, also if the timer was not pending; logs an error and returns -1 if timer is NULL or
+ * the timers have not been started. */
 VORN_API int vorn_timer_delete(vorn_timer_s *timer);
 
-/* Disarms a timer and waits until its function is not running; what that call of the function has
- * armed is disarmed with its end. The caller holds nothing that the function waits for.
+/* Disarms a timer and waits until its function is not running. If that call of the function arms
+ * the timer again, disarms it when the function returns. The caller must not hold a lock for which
+ * the function waits.
  *   timer: the timer
- * Returns what vorn_timer_delete returns; logs an error and returns -1 also when the timer's own
- * function calls it, which would wait for itself. */
+ * Returns what vorn_timer_delete returns; logs an error and returns -1 if the timer's own function
+ * calls it, which would wait for itself. */
 VORN_API int vorn_timer_delete_sync(vorn_timer_s *timer);
 
 /* Does what vorn_timer_delete_sync does.
@@ -138,13 +140,13 @@ VORN_API int vorn_timer_delete_sync(vorn_timer_s *timer);
  * Returns what vorn_timer_delete_sync returns. */
 VORN_API int vorn_timer_destroy(vorn_timer_s *timer);
 
-/* Returns 1 while the timer is armed, 0 otherwise: also in its own function. NULL gives 0 and an
- * error in the log.
+/* Returns 1 while the timer is armed; otherwise, and in its own function, 0. If timer is NULL, logs
+ * an error and returns 0.
  *   timer: the timer */
 VORN_API int vorn_timer_is_pending(vorn_timer_s *timer);
 
-/* Writes the timer whose field list is *node to the log at information level. The caller sees to it
- * that nothing changes it meanwhile.
+/* Logs the timer whose field list is *node as information. The caller must ensure that no thread
+ * changes the timer during the call.
  *   node: field list of a timer */
 VORN_API void vorn_timer_show(vorn_list_head_s *node);
 

@@ -1,6 +1,7 @@
-/* The system's timers of a process (timer_create(2) and its family) with checked arguments. Each
- * returns the system's result, -1 with errno on failure; -22 after an error in the log for an
- * argument that is refused. Any thread; none blocks or is a cancellation point. */
+/* Wrappers for the POSIX timers of a process (timer_create(2) and related calls) that check their
+ * arguments. Each function returns the system's result, -1 with errno on failure; if it refuses an
+ * argument, it logs an error and returns -22. Any thread may call these functions. None blocks, and
+ * none is a cancellation point. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TIMER_POSIX_H
 #define VORN_TIMER_POSIX_H
@@ -14,13 +15,13 @@ VORN_BEGIN_DECLS
 struct sigevent;   /* of <signal.h> */
 struct itimerspec; /* of <time.h> */
 
-/* What a refused argument gives. */
+/* The result for a refused argument. */
 #define VORN_TIMER_POSIX_REFUSED (-22)
 
-/* Creates a timer on one of the clocks 0 to 3: CLOCK_REALTIME, CLOCK_MONOTONIC, and those of the
- * CPU time of the process and the thread: timer_create(2). evp and timerid must not be NULL.
+/* Creates a timer (timer_create(2)) on one of the clocks 0 to 3: CLOCK_REALTIME, CLOCK_MONOTONIC,
+ * CLOCK_PROCESS_CPUTIME_ID or CLOCK_THREAD_CPUTIME_ID. evp and timerid must not be NULL.
  *   clockid: clock of the timer, 0 to 3
- *   evp: what the system does at the expiry
+ *   evp: notification at the expiry
  *   timerid: where the timer's id goes
  * Returns what timer_create(2) returns; logs an error and returns -22 for a refused argument. */
 VORN_API int vorn_timer_create_posix(clockid_t clockid, struct sigevent *evp, timer_t *timerid);
@@ -29,7 +30,7 @@ VORN_API int vorn_timer_create_posix(clockid_t clockid, struct sigevent *evp, ti
  *   timerid: the timer's id
  *   flags: 0 or TIMER_ABSTIME
  *   new_value: expiry and interval
- *   old_value: where the former setting goes, or NULL
+ *   old_value: where the previous setting goes, or NULL
  * Returns what timer_settime(2) returns; logs an error and returns -22 for a refused argument. */
 VORN_API int vorn_timer_settime_posix(timer_t timerid, int flags,
                                       const struct itimerspec *new_value,
@@ -46,8 +47,8 @@ VORN_API int vorn_timer_gettime_posix(timer_t timerid, struct itimerspec *curr_v
  * Returns what timer_delete(2) returns. */
 VORN_API int vorn_timer_delete_posix(timer_t timerid);
 
-/* Reads how often a timer expired beside the delivery of its signal: timer_getoverrun(2).
- * Signal-safe.
+/* Reads the number of additional expiries between a signal of the timer and its delivery:
+ * timer_getoverrun(2). Signal-safe.
  *   timerid: the timer's id
  * Returns what timer_getoverrun(2) returns. */
 VORN_API int vorn_timer_getoverrun_posix(timer_t timerid);

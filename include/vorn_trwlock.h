@@ -1,18 +1,19 @@
 /* The ticket reader-writer lock: many readers or one writer, served in the order of arrival. A
- * reader waits for the writers that came before it, a writer for every thread that came before it,
- * so no thread starves. Readers that follow each other hold the lock together.
+ * reader waits for the writers that arrived before it, a writer for all threads that arrived before
+ * it, so no thread starves. Consecutive readers hold the lock together.
  *
- * Waits spin without limit and do not give the processor away: for short critical sections, and no
- * more threads than CPUs. Not recursive, not even for readers: a reader that takes the lock again
- * while a writer waits never comes back. Holders are not recorded: any thread may release, and a
- * release without a hold damages the lock. When a holder ends without releasing, later writers
- * never get in, nor, if it was a writer, later readers. Taking the lock acquires what those that
- * released it before had written. No call enters the kernel.
+ * A wait spins without limit and does not yield the processor: use the lock for short critical
+ * sections and for no more threads than CPUs. The lock is not recursive, not even for readers: if a
+ * reader takes the lock again while a writer waits, the call never returns. The lock does not know
+ * its holders: any thread may release it, and a release without a hold damages the lock. If a
+ * reader ends without releasing, later writers never get the lock; if a writer does, no later
+ * thread gets it. A thread that takes the lock sees all writes that earlier holders made before
+ * they released it. No call enters the kernel.
  *
- * Any thread may call, and the lock may lie in memory that processes share. No operation is a
- * cancellation point. In a signal handler, the trylock and unlock operations are safe; the
- * operations that wait are only where no thread that the handler can interrupt is using the same
- * lock. */
+ * Any thread may call these functions, and the lock may be in memory that processes share. No
+ * operation is a cancellation point. The trylock and unlock operations are safe in a signal
+ * handler. The operations that wait are safe only if no thread that the handler can interrupt is
+ * using the same lock. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_TRWLOCK_H
 #define VORN_TRWLOCK_H
@@ -21,19 +22,19 @@
 
 VORN_BEGIN_DECLS
 
-/* A ticket reader-writer lock; all zero is a free one. Each counter wraps by itself. */
+/* A ticket reader-writer lock. A lock of zero bytes is free. Each counter wraps on its own. */
 typedef struct vorn_trwlock {
   uint32_t completions;       /* releases by readers and writers */
   uint32_t write_completions; /* releases by writers */
-  uint32_t requests;          /* acquisitions asked for by readers and writers */
-  uint32_t write_requests;    /* acquisitions asked for by writers */
+  uint32_t requests;          /* acquisitions requested by readers and writers */
+  uint32_t write_requests;    /* acquisitions requested by writers */
 } __attribute__((aligned(8))) vorn_trwlock_s;
 
-/* A free lock, to initialise a variable with. */
+/* Initialiser of a free lock. */
 #define VORN_TRWLOCK_INIT                                                                          \
   { 0, 0, 0, 0 }
 
-/* Makes *lock a free lock, in the caller's name.
+/* Makes *lock a free lock. Passes the function and line of the caller.
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_init(lock) do_vorn_trwlock_init((lock), __func__, __LINE__)
 
@@ -41,89 +42,93 @@ typedef struct vorn_trwlock {
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_destroy(lock) do_vorn_trwlock_destroy((lock), __func__, __LINE__)
 
-/* Waits for the writers that asked before and takes the lock for reading, in the caller's name.
+/* Waits for the writers that asked before and takes the lock for reading. Passes the function and
+ * line of the caller.
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_read_lock(lock) do_vorn_trwlock_read_lock((lock), __func__, __LINE__)
 
-/* Releases what was taken for reading, in the caller's name.
+/* Releases a lock that was taken for reading. Passes the function and line of the caller.
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_read_unlock(lock) do_vorn_trwlock_read_unlock((lock), __func__, __LINE__)
 
-/* Takes the lock for reading unless a writer holds it or waits for it, in the caller's name.
+/* Takes the lock for reading unless a writer holds it or waits for it. Passes the function and line
+ * of the caller.
  *   lock: the lock, a vorn_trwlock_s *
- * Returns 1 when taken, else 0. */
+ * Returns 1 if the lock was taken; otherwise, 0. */
 #define vorn_trwlock_read_trylock(lock) do_vorn_trwlock_read_trylock((lock), __func__, __LINE__)
 
-/* Waits for every thread that asked before and takes the lock for writing, in the caller's name.
+/* Waits for every thread that asked before and takes the lock for writing. Passes the function and
+ * line of the caller.
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_write_lock(lock) do_vorn_trwlock_write_lock((lock), __func__, __LINE__)
 
-/* Releases what was taken for writing, in the caller's name.
+/* Releases a lock that was taken for writing. Passes the function and line of the caller.
  *   lock: the lock, a vorn_trwlock_s * */
 #define vorn_trwlock_write_unlock(lock) do_vorn_trwlock_write_unlock((lock), __func__, __LINE__)
 
-/* Takes the lock for writing unless another thread holds it or waits for it, in the caller's name.
+/* Takes the lock for writing unless another thread holds it or waits for it. Passes the function
+ * and line of the caller.
  *   lock: the lock, a vorn_trwlock_s *
- * Returns 1 when taken, else 0. */
+ * Returns 1 if the lock was taken; otherwise, 0. */
 #define vorn_trwlock_write_trylock(lock) do_vorn_trwlock_write_trylock((lock), __func__, __LINE__)
 
-/* Makes *lock a free lock, while no thread uses it. function and line name the caller, here and
+/* Makes *lock a free lock. No thread may be using it. function and line name the caller, here and
  * below; they are not used.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_init(vorn_trwlock_s *lock, const char *function, unsigned int line);
 
 /* Does nothing: a lock holds no resources.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_destroy(vorn_trwlock_s *lock, const char *function,
                                       unsigned int line);
 
 /* Waits for the writers that asked before and takes the lock for reading.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *function,
                                         unsigned int line);
 
-/* Releases what was taken for reading.
+/* Releases a lock that was taken for reading.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_read_unlock(vorn_trwlock_s *lock, const char *function,
                                           unsigned int line);
 
 /* Takes the lock for reading unless a writer holds it or waits for it. Does not wait for holders;
- * tries again while others ask for the lock at the same moment.
+ * tries again if another thread asks for the lock at the same moment.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller
- * Returns 1 when taken, else 0. */
+ *   line: source line of the caller
+ * Returns 1 if the lock was taken; otherwise, 0. */
 VORN_API int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *function,
                                           unsigned int line);
 
 /* Waits for every thread that asked before and takes the lock for writing.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *function,
                                          unsigned int line);
 
-/* Releases what was taken for writing.
+/* Releases a lock that was taken for writing.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller */
+ *   line: source line of the caller */
 VORN_API void do_vorn_trwlock_write_unlock(vorn_trwlock_s *lock, const char *function,
                                            unsigned int line);
 
 /* Takes the lock for writing unless another thread holds it or waits for it. Does not wait for
- * holders; tries again while others ask for the lock at the same moment.
+ * holders; tries again if another thread asks for the lock at the same moment.
  *   lock: the lock
  *   function: name of the calling function
- *   line: line of the caller
- * Returns 1 when taken, else 0. */
+ *   line: source line of the caller
+ * Returns 1 if the lock was taken; otherwise, 0. */
 VORN_API int do_vorn_trwlock_write_trylock(vorn_trwlock_s *lock, const char *function,
                                            unsigned int line);
 

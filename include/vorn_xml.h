@@ -1,15 +1,15 @@
-/* XML documents: Mini-XML's calls under names of this library, for reading a document and walking
- * it. Each passes its arguments on as they are and returns what Mini-XML returns; its documentation
- * (www.msweet.org/mxml) is what defines them.
+/* XML documents: wrappers for the functions of Mini-XML that read a document and walk it. Each
+ * passes its arguments on unchanged and returns what Mini-XML returns. The documentation of
+ * Mini-XML (www.msweet.org/mxml) defines them.
  *
- * A service that uses these needs the header <mxml.h>, and links libmxml where it calls Mini-XML
- * itself, for the text of a node or a load callback.
+ * A service that uses these functions needs the header <mxml.h>. It must link libmxml if it calls
+ * Mini-XML itself, for the text of a node or for a load callback.
  *
- * Any thread may call, two threads not on the same document while one of them loads into it or
- * deletes from it. Nothing here is safe in a signal handler; vorn_xml_loadfd alone blocks, for as
- * long as fd does, and it is no cancellation point, nor is anything in its callback. No message is
- * logged: Mini-XML reports what it cannot read through the calling thread's error callback, on
- * standard error where none was set. */
+ * Any thread may call these functions, but while a thread loads into a document or deletes from it,
+ * no other thread may use that document. None is safe in a signal handler. Only vorn_xml_loadfd
+ * blocks, as long as fd blocks; it is not a cancellation point, and neither is a function that its
+ * callback calls. The functions log nothing: Mini-XML reports what it cannot read through the
+ * calling thread's error callback, or on standard error if none is set. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #ifndef VORN_XML_H
 #define VORN_XML_H
@@ -20,59 +20,59 @@
 
 VORN_BEGIN_DECLS
 
-/* mxmlLoadFd: reads the document from fd, which stays open, and adds it below top (NULL: a tree of
- * its own). cb tells the type of the data below an element; NULL, which is MXML_NO_CALLBACK, makes
- * them text.
+/* Reads a document from fd, which stays open, and adds it below top, or makes a new tree if top is
+ * NULL: mxmlLoadFd. cb returns the type of the data below an element; if it is NULL
+ * (MXML_NO_CALLBACK), the data is text.
  *   top: node to add the document below, or NULL
  *   fd: descriptor to read from
- *   cb: function that tells the type of data, or NULL
+ *   cb: function that returns the type of data, or NULL
  * Returns top, or the first node of the new tree, which the caller deletes with vorn_xml_del; NULL
- * when there is no document or it is damaged. */
+ * if there is no document or it is damaged. */
 VORN_API mxml_node_t *vorn_xml_loadfd(mxml_node_t *top, int fd, mxml_load_cb_t cb);
 
-/* Finds the first child of an element: mxmlGetFirstChild. It belongs to its document.
+/* Finds the first child of an element: mxmlGetFirstChild. The document owns it.
  *   node: the node
- * Returns the node; NULL without one, for a node of another type, and for NULL. */
+ * Returns the child; NULL if there is none, node is not an element, or node is NULL. */
 VORN_API mxml_node_t *vorn_xml_getfirstchild(mxml_node_t *node);
 
-/* Finds the node after this one below the same parent: mxmlGetNextSibling. It belongs to its
- * document.
+/* Finds the next node below the same parent: mxmlGetNextSibling. The document owns it.
  *   node: the node
- * Returns the node; NULL without one and for NULL. */
+ * Returns the next node; NULL if there is none or node is NULL. */
 VORN_API mxml_node_t *vorn_xml_getnextsibling(mxml_node_t *node);
 
-/* Finds the value of an element's attribute: mxmlElementGetAttr. It belongs to the element and
- * lasts until that or the attribute changes.
+/* Finds the value of an element's attribute: mxmlElementGetAttr. The element owns it; it is valid
+ * until the element or the attribute changes.
  *   node: the node
  *   name: name of the attribute
- * Returns the value; NULL without one, for a node of another type, and when an argument is NULL. */
+ * Returns the value; NULL if there is none, node is not an element, or an argument is NULL. */
 VORN_API const char *vorn_xml_element_getattr(mxml_node_t *node, const char *name);
 
-/* Finds the next element after node in the tree below top that has this name, this attribute and
- * this value of it; NULL takes any: mxmlFindElement. descend says how far: MXML_DESCEND into all
- * children, MXML_NO_DESCEND into none, MXML_DESCEND_FIRST into those of node alone. The element
- * belongs to its document.
+/* Finds the next element after node in the tree below top that has this name and an attribute with
+ * this name and value: mxmlFindElement. NULL matches any. descend selects the children to search:
+ * MXML_DESCEND all, MXML_NO_DESCEND none, MXML_DESCEND_FIRST only those of node. The document owns
+ * the element.
  *   node: node to begin after
  *   top: element to search below
  *   element: name of the element, or NULL for any
  *   attr: name of the attribute, or NULL for any
  *   value: value of the attribute, or NULL for any
  *   descend: MXML_DESCEND, MXML_NO_DESCEND or MXML_DESCEND_FIRST
- * Returns the element; NULL when there is none, when node or top is NULL, and for a value without
- * an attribute. */
+ * Returns the element; NULL if there is none, if node or top is NULL, or if value is set without
+ * attr. */
 VORN_API mxml_node_t *vorn_xml_findelement(mxml_node_t *node, mxml_node_t *top, const char *element,
                                            const char *attr, const char *value, int descend);
 
-/* Finds the node at a path of element names below node, such as "a/b"; "*" stands for elements of
- * any name: mxmlFindPath. It is the first child of the last element where that is a value,
- * otherwise the element. It belongs to its document.
+/* Finds the node at a path of element names below node, such as "a/b"; "*" matches elements of any
+ * name: mxmlFindPath. The result is the first child of the last element if that child is a value;
+ * otherwise, the last element. The document owns it.
  *   node: node to begin below
- *   path: element names between slashes
- * Returns the node; NULL when there is none, when an argument is NULL, and for an empty path. */
+ *   path: element names separated by slashes
+ * Returns the node; NULL if there is none, an argument is NULL, or path is empty. */
 VORN_API mxml_node_t *vorn_xml_findpath(mxml_node_t *node, const char *path);
 
-/* mxmlDelete: takes a node out of its document and releases it and all below. NULL is passed over.
- *   node: node to release */
+/* Removes a node from its document, and frees it and all nodes below it: mxmlDelete. Does nothing
+ * if node is NULL.
+ *   node: node to delete */
 VORN_API void vorn_xml_del(mxml_node_t *node);
 
 VORN_END_DECLS

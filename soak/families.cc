@@ -19,7 +19,7 @@ constexpr unsigned int kModule = 900;
 
 int ignore(const char *, ...) { return 0; }
 
-// Makes way for what the caller waits for. False after half a minute.
+// Waits for the condition. Returns false after half a minute.
 template <class Condition> bool soon(Condition condition) {
   for (int i = 0; i < 30000 && !condition(); ++i)
     usleep(1000);
@@ -108,14 +108,14 @@ bool use_work() {
   return soon([=] { return run == 8 - taken_back; });
 }
 
-// --- What threads share ---
+// --- Objects that threads share ---
 
 vorn_ring_s *ring() {
   static vorn_ring_s *const the_ring = vorn_ring_create(256, 0);
   return the_ring;
 }
 
-// The numbers pass from one family's thread to the other's, in order.
+// put() and take() pass increasing numbers from one thread to the other, in order.
 bool put() {
   static uintptr_t next = 1;
   while (vorn_ring_enqueue(ring(), reinterpret_cast<void *>(next)) == 0)

@@ -9,11 +9,12 @@
 
 struct Family {
   const char *name;
-  bool (*use)(); // once; returns false if a result was wrong
+  bool (*use)(); // uses it once; returns false if a result was wrong
   std::atomic<unsigned long> uses{0};
 };
 
-// One thread uses each. The library is up, with this INI file registered: [A] ITEM=1.
+// Returns the families; use each in one thread. The library must be started, with ini_file
+// registered, which contains [A] ITEM=1.
 std::span<Family> families(const std::string &ini_file);
 
 #endif

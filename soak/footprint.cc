@@ -1,4 +1,4 @@
-// Reads what the process holds from /proc and from the allocator.
+// Reads the resources of the process from /proc and from the allocator.
 // SPDX-License-Identifier: Apache-2.0
 #include "footprint.hpp"
 

@@ -1,4 +1,4 @@
-// What a process holds of the system.
+// Declares the resources of a process.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SOAK_FOOTPRINT_HPP
 #define VORN_SOAK_FOOTPRINT_HPP

@@ -1,7 +1,7 @@
-// soak SECONDS [FAMILY]: uses every family of the library at once, or that one, in threads of their
-// own, and tells what the process holds more of at the end than after a first fifth of the time.
-// Ends with 0 where that is nothing, 1 where there is something or a family failed, 2 for a wrong
-// argument.
+// soak SECONDS [FAMILY]: uses every family of the library at once, or only FAMILY, each in its own
+// thread. Reports the resources of which the process holds more at the end than after the first
+// fifth of the time. Exits with 0 if there are none, 1 if there are some or a family failed, and 2
+// for a wrong argument.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <chrono>
@@ -23,7 +23,7 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::steady_clock;
 
-// A sanitizer keeps freed memory for a while, an emulator what it has translated.
+// A sanitizer keeps freed memory for a while; an emulator keeps translated code.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(VORN_TEST_EMULATED)
 constexpr bool kRunsInTool = true;
 #else
@@ -44,7 +44,7 @@ void use(Family &family) {
   }
 }
 
-// A family that hangs is named before the process ends.
+// Joins the threads. If a family hangs, prints the uses of each family and ends the process.
 void end_in_time(std::vector<std::thread> &threads, std::span<Family> all) {
   std::atomic<bool> done{false};
   std::thread watch([&] {
@@ -64,7 +64,8 @@ void end_in_time(std::vector<std::thread> &threads, std::span<Family> all) {
   watch.join();
 }
 
-// What ends by itself, such as a thread whose work is done, has ended.
+// Returns the footprint after everything that ends on its own, such as a finished thread, has
+// ended.
 Footprint settled() {
   Footprint now = take_footprint();
   for (int same = 0, waited = 0; same < 20 && waited < 300; ++waited) {
@@ -76,8 +77,9 @@ Footprint settled() {
   return now;
 }
 
-// The library keeps the record of a thread for the next one. So that the moment at which most
-// threads existed does not tell, there are more here than there ever are later.
+// Starts more threads than ever run later. The library keeps a thread record for the next thread,
+// so the number of thread records would otherwise depend on the largest number of threads at any
+// moment.
 bool make_records() {
   static vorn_sem_enhance_s begun;
   static vorn_sem_enhance_s over;

@@ -1,3 +1,4 @@
+// Runs the contenders of a benchmark in turns and prints the table of their times.
 // SPDX-License-Identifier: Apache-2.0
 #include "support/bench.hpp"
 
@@ -10,7 +11,7 @@ namespace {
 constexpr Nanoseconds kTurn = std::chrono::microseconds{200};
 constexpr int kTurns = 101;
 
-// Operations in a turn: as many as take kTurn, one at least. Warms up along the way.
+// Returns the number of operations in a turn: as many as take kTurn, at least one. Also warms up.
 std::uint64_t turn_length(const Contender &contender) {
   std::uint64_t count = 1;
   for (;;) {
@@ -29,7 +30,8 @@ double median(std::vector<double> &times) {
   return *middle;
 }
 
-// Nanoseconds that an operation of each took. Who was first in one turn is last in the next.
+// Returns the median time of an operation of each contender in nanoseconds. The first contender of
+// a turn is the last one of the next turn.
 std::vector<double> measure(const std::vector<Contender> &contenders) {
   std::vector<std::uint64_t> lengths;
   for (const Contender &contender : contenders)

@@ -1,4 +1,4 @@
-// Measures one operation of ours beside the same operation of its peers, and prints the table:
+// Compares one operation of the library with the same operation of its peers, and prints a table:
 //
 //   int main(int argc, char **argv) {
 //     bench::Table table{argc, argv, "Allocator"};
@@ -7,9 +7,9 @@
 //                bench::peer("malloc", [] { free(malloc(64)); })});
 //   }
 //
-// All of a row are measured in turns of a fraction of a millisecond, so that whatever else the
-// machine does meets all of them alike; what is printed is the median turn of each. The ratio is
-// that of the fastest peer's time to ours: above 1, ours is the faster.
+// The contenders of a row run in turns of a fraction of a millisecond, so that other load on the
+// machine affects all of them equally. The table shows the median turn of each. The ratio is the
+// time of the fastest peer divided by ours: above 1, ours is faster.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_BENCH_HPP
 #define VORN_BENCH_SUPPORT_BENCH_HPP
@@ -29,27 +29,28 @@ namespace bench {
 using Clock = std::chrono::steady_clock;
 using Nanoseconds = std::chrono::duration<double, std::nano>;
 
-// Makes the compiler compute value, and forget what it knows of memory.
+// Makes the compiler compute value, and discard what it knows about memory.
 template <class Value> void keep(const Value &value) { asm volatile("" : : "g"(value) : "memory"); }
 
 struct Operation {
-  Operation(const char *text) : name(text) {} // NOLINT: a row's name alone is an operation
+  Operation(const char *text) : name(text) {} // NOLINT: converts the name of a row
   Operation(std::string text, std::size_t processed) : name(std::move(text)), bytes(processed) {}
 
   std::string name;
-  std::size_t bytes = 0; // that one operation processes: the table gives the rate too
+  std::size_t bytes = 0; // that one operation processes; if not 0, the table shows the rate
 };
 
 struct Contender {
   std::string name;
-  std::function<Nanoseconds(std::uint64_t count)> run; // what count operations took
+  std::function<Nanoseconds(std::uint64_t count)> run; // returns the time of count operations
 };
 
-// what is one of
-//   [] { ... }                                one operation; a result is kept from the optimiser
+// The argument what is one of:
+//   [] { ... }                                one operation; its result is not optimised away
 //   [](std::uint64_t count) { ... }           count operations
-//   [](std::uint64_t count) { return time; }  the same, timed by itself: a std::chrono duration.
-//                                             For operations that need threads or a set-up.
+//   [](std::uint64_t count) { return time; }  the same; it returns its own time, a std::chrono
+//   duration.
+//                                             For operations that need threads or preparation.
 template <class What> Contender contender(std::string name, What what) {
   const auto run = [what = std::move(what)](std::uint64_t count) mutable -> Nanoseconds {
     if constexpr (!std::invocable<What &, std::uint64_t>) {
@@ -81,11 +82,11 @@ template <class What> Contender peer(std::string name, What what) {
 
 class Table {
 public:
-  // Prints the head. The program's arguments are words: only rows are measured whose operation
-  // has one of them in its name.
+  // Prints the head of the table. The program's arguments select rows: if there are any, the table
+  // measures only rows whose name contains one of them.
   Table(int argc, char **argv, const char *title);
 
-  // Measures and prints a row: ours first, then any number of peers, also none.
+  // Measures and prints a row: ours first, then any number of peers (or none).
   void row(const Operation &operation, const std::vector<Contender> &contenders) const;
 
 private:

@@ -1,4 +1,5 @@
-// What the benchmarks call of GLib's thread pool, whose headers are outside the compiler's folders.
+// Declares the functions of GLib's thread pool, whose headers are not in the compiler's include
+// path.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_GLIB_POOL_HPP
 #define VORN_BENCH_GLIB_POOL_HPP

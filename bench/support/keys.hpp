@@ -1,4 +1,4 @@
-// The keys that the containers are measured with.
+// Generates keys for the benchmarks of containers.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_KEYS_HPP
 #define VORN_BENCH_SUPPORT_KEYS_HPP
@@ -11,7 +11,7 @@
 
 namespace bench {
 
-// count different keys in no order, the same ones in every run.
+// Returns count different keys in a random order, the same ones in every run.
 inline std::vector<std::uint64_t> random_keys(std::size_t count) {
   std::mt19937_64 random{1};
   std::vector<std::uint64_t> keys;
