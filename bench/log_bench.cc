@@ -19,7 +19,7 @@ int main(int argc, char **argv) {
   logger->set_level(spdlog::level::info);
 
   const bench::Table table{argc, argv, "Silent logging"};
-  table.row("record below the level",
+  table.row("log message below the level",
             {bench::ours([] {
                if (evlog_level_check(381, EVLOG_DEBUG) != 0) return;
                evlog(381, EVLOG_DEBUG, "log_bench.c", __LINE__, __func__, 0, "value %d", 1);
@@ -27,7 +27,7 @@ int main(int argc, char **argv) {
              bench::peer("spdlog", [&logger] { logger->debug("value {}", 1); })});
   for (int i = 0; i < 3; ++i)
     vorn_free(nullptr); // uses up the burst of the log statement
-  table.row("record that the rate limiter drops", {bench::ours([] { vorn_free(nullptr); })});
+  table.row("log message that the rate limiter drops", {bench::ours([] { vorn_free(nullptr); })});
   vorn_destory();
   vorn_log_destroy(0);
 }

@@ -86,7 +86,7 @@ int main(int argc, char **argv) {
                    mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                    mount("none", "/dev/shm", "tmpfs", 0, nullptr) == 0;
   if (!own) {
-    std::puts("needs mounts of its own, as root has them");
+    std::puts("needs private mounts, which root may make");
     return 0;
   }
   const auto init = [] { vorn_Init(); };
