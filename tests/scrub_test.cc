@@ -85,15 +85,15 @@ const struct Row {
      kClean,
      R"(
 24 read, 3 links and special files left out
-  machine   
-  busy      
+  machine
+  busy
 %01%7F %20 %2541 -x ... a/b/c a-b a.txt a0 new%0Aline size/0 size/1 size/1048577)"
      " size/4095 size/4096 size/4097 size/511 size/512 size/513 %C2%9B \xC3\xBC %E2%82"
      R"( %ED%A0%80 %FF 15$
 CLEAN
 24 read, 3 links and special files left out
-  machine   
-  busy      
+  machine
+  busy
 !.vorn-scrub.unfinished)"},
 
     // There are more blocks and files than the batches hold at a time.
