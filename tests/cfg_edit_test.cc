@@ -92,7 +92,7 @@ TEST_F(CfgEdit, ChangesTheFile) {
   EXPECT_NO_RECORD();
 }
 
-TEST_F(CfgEdit, LeavesTheFileAloneWhereItRefuses) {
+TEST_F(CfgEdit, RefusesWithoutAChangeOfTheFile) {
   const std::string before = "[s]\nk=1\n";
   const std::string name64(64, 'n');
   const struct {
@@ -145,7 +145,7 @@ TEST_F(CfgEdit, KeepsModeAndOwner) {
   }
 }
 
-TEST_F(CfgEdit, RemovesWhatIsLeftOver) {
+TEST_F(CfgEdit, ReplacesAStaleTemporaryFile) {
   scratch::write_file(path, "[s]\nk=1\n");
   scratch::write_file(other, "mine");
   scratch::write_file(temporary, std::string(10000, 'x'));
@@ -197,7 +197,7 @@ TEST_F(CfgEdit, EditsTheFileThatThePathNames) {
 
 using CfgWrite = CfgEdit; // in place
 
-TEST_F(CfgWrite, KeepsLinksAndLeavesTheRegistryAlone) {
+TEST_F(CfgWrite, KeepsLinksAndDoesNotChangeTheRegistry) {
   scratch::write_file(path, "[s]\nk=1\n");
   ASSERT_EQ(link(path.c_str(), other.c_str()), 0);
   ASSERT_EQ(vorn_cfg_init(path.c_str()), 0);

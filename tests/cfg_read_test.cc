@@ -71,7 +71,7 @@ TEST(CfgParse, ReadsSectionsAndItems) {
     EXPECT_EQ(parsed(row.text), row.wanted) << row.text;
 }
 
-TEST(CfgParse, KeepsToItsLimits) {
+TEST(CfgParse, KeepsItsLimits) {
   constexpr std::size_t kLine = 0x400041;
   const std::string value(0x3FFFFF, 'v');
   const struct {
@@ -91,7 +91,7 @@ TEST(CfgParse, KeepsToItsLimits) {
     EXPECT_TRUE(parsed(row.text) == row.wanted) << &row - rows;
 }
 
-TEST(CfgParse, RefusesWhatIsNoFile) {
+TEST(CfgParse, RefusesPathsThatAreNoFile) {
   const scratch::Directory directory;
   const std::string fifo = directory / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
@@ -103,7 +103,7 @@ TEST(CfgParse, RefusesWhatIsNoFile) {
   EXPECT_EQ(capture::take_lines().front(), "E File name length too long.");
 }
 
-TEST(CfgText, KeepsWhatCanBePrinted) {
+TEST(CfgText, KeepsPrintableCharacters) {
   char text[16] = "?";
   EXPECT_EQ(vorn_remove_noneprint_characters("abc", 3, text, 3), -1);
   EXPECT_STREQ(text, "?");
@@ -118,17 +118,15 @@ struct CfgRegistry : testing::Test {
   const std::string a = directory / "a.ini";
   const std::string b = directory / "b.ini";
 
-  // An item of section s: of the newest file that has it, or of this file.
-  std::string get(const char *item) {
-    char value[256] = "?";
-    const int result = vorn_cfg_getItemValue("s", item, value, sizeof value);
-    return result == 0 ? value : std::to_string(result);
-  }
+  // An item of section s: of this file, or of the newest file that has it.
   std::string get(const std::string &path, const char *item) {
     char value[256] = "?";
-    const int result = vorn_cfg_getItemValue_ex(path.c_str(), "s", item, value, sizeof value);
+    const int result = path.empty()
+                           ? vorn_cfg_getItemValue("s", item, value, sizeof value)
+                           : vorn_cfg_getItemValue_ex(path.c_str(), "s", item, value, sizeof value);
     return result == 0 ? value : std::to_string(result);
   }
+  std::string get(const char *item) { return get("", item); }
   int init(const std::string &path, const std::string &text) {
     scratch::write_file(path, text);
     return vorn_cfg_init(path.c_str());
@@ -164,7 +162,7 @@ TEST_F(CfgRegistry, AsksTheNewestFileFirst) {
   EXPECT_EQ(get("k"), "-1");
 }
 
-TEST_F(CfgRegistry, SetsValuesInMemoryAlone) {
+TEST_F(CfgRegistry, SetsValuesOnlyInMemory) {
   ASSERT_EQ(init(a, "[s]\nk=a\nl=a\n"), 0);
   ASSERT_EQ(init(b, "[s]\nk=b\n"), 0);
   EXPECT_EQ(vorn_cfg_setItemValue("s", "k", "newest"), 0);
@@ -192,7 +190,7 @@ TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
                              "\nlonger=" + std::string(256, 'v') + "\n[t]\nk=3\n");
   const struct {
     const char *section, *item;
-    std::string value; // "?" where there is none
+    std::string value; // "?" if there is none
   } rows[] = {
       {"s", "k", "1"}, // the first of several
       {"t", "k", "3"},      {"s", "long", std::string(255, 'v')},

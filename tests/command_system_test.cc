@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -17,21 +18,12 @@
 static int limit = 100;
 static bool out_of_memory = false;
 static void (*meanwhile)() = nullptr; // what another thread does during an allocation
-struct Block {
-  unsigned int module;
-  unsigned int size;
-  std::string tag;
-  bool operator==(const Block &) const = default;
-};
+using Block = std::tuple<unsigned int, unsigned int, std::string>; // module, size, tag
 static std::vector<Block> allocated;
 static std::vector<std::string> freed;
 
 extern "C" {
-pid_t __wrap_vfork() {
-  errno = EAGAIN;
-  return -1;
-}
-
+pid_t __wrap_vfork() { return errno = EAGAIN, -1; }
 int __wrap_getdtablesize() { return limit; }
 
 void *__real_vorn_mallocsubstandard(unsigned int pid, unsigned int size, unsigned long flags,
@@ -55,7 +47,7 @@ namespace {
 
 const Block kTableOf100{381, 400, "vorn_popen_init"};
 
-TEST(CommandSystem, WithoutATableOrAProcessThereIsNoStream) {
+TEST(CommandSystem, StreamNeedsATableAndAProcess) {
   for (const int bad : {0, -1}) {
     limit = bad;
     EXPECT_EQ(vorn_popen("true", "r"), nullptr);
@@ -79,11 +71,11 @@ TEST(CommandSystem, WithoutATableOrAProcessThereIsNoStream) {
   EXPECT_EQ(allocated, std::vector{kTableOf100});
 }
 
-TEST(CommandSystem, AStreamNeedsAPlaceInTheTable) {
+TEST(CommandSystem, StreamNeedsAnEntryOfTheTable) {
   const int first = scratch::next_descriptor();
   limit = first + 1;
   EXPECT_EQ(vorn_popen("true", "r"), nullptr);
-  EXPECT_EQ(errno, EAGAIN); // it had one
+  EXPECT_EQ(errno, EAGAIN); // it had an entry
   EXPECT_EQ(vorn_popen("true", "w"), nullptr);
   EXPECT_EQ(errno, EMFILE); // the end to write to is the second
   EXPECT_EQ(scratch::next_descriptor(), first);
@@ -94,7 +86,7 @@ TEST(CommandSystem, AStreamNeedsAPlaceInTheTable) {
   close(place);
 }
 
-TEST(CommandSystem, OfTwoTablesOneStays) {
+TEST(CommandSystem, SecondTableIsFreed) {
   meanwhile = [] {
     limit = 200;
     vorn_popen("true", "r");

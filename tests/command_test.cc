@@ -53,9 +53,8 @@ protected:
 
   static std::vector<int> descriptors() {
     std::vector<int> open;
-    for (int fd = 0; fd < 256; ++fd) {
+    for (int fd = 0; fd < 256; ++fd)
       if (fcntl(fd, F_GETFD) >= 0) open.push_back(fd);
-    }
     return open;
   }
 
@@ -93,7 +92,7 @@ const std::vector<Opener> kOpeners = {
     [](const char *command, const char *mode) { return popen_s(command, mode, nullptr); },
 };
 
-TEST_F(Command, FrontEndsRefuseInSilence) {
+TEST_F(Command, RefusalsAreNotLogged) {
   const std::string touch = "touch " + file;
   for (const char black : std::string(kBlack)) {
     const std::string command = touch + black;
@@ -130,7 +129,7 @@ TEST_F(CommandStream, ClosesWithTheRawStatus) {
   }
 }
 
-TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
+TEST_F(CommandStream, DoesNotCloseForeignStreams) {
   EXPECT_EQ(vorn_pclose(stdin), -1); // there is no table yet
   EXPECT_EQ(output_of("echo x"), "x\n");
   EXPECT_EQ(vorn_pclose(stdin), -1);
@@ -145,7 +144,7 @@ TEST_F(CommandStream, LeavesStreamsOfOthersOpen) {
 }
 
 // On purpose, the library's end of the pipe stays open, and the call does not wait for the command.
-TEST_F(CommandStream, ACommandWithoutAStreamRunsOn) {
+TEST_F(CommandStream, CommandWithoutAStreamContinues) {
   const int first = scratch::next_descriptor();
   int pid = 5;
   EXPECT_EQ(vorn_popen_with_pid("cat >/dev/null", "x", &pid), nullptr);
@@ -189,7 +188,7 @@ TEST_F(Command, RefusesASeparator) {
   }
 }
 
-TEST_F(Command, IsThatOfAProgramLinkedForIt) {
+TEST_F(Command, ReplacesTheSystemsInALinkedProgram) {
   const std::string emulator = VORN_TEST_EMULATOR;
   EXPECT_EQ(exit_code(std::system((emulator + " " + VORN_TEST_PROGRAM).c_str())), 0);
 }
@@ -197,7 +196,7 @@ TEST_F(Command, IsThatOfAProgramLinkedForIt) {
 const char *sign = nullptr; // a file
 std::atomic<int> handled_after_sign{-1};
 
-TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
+TEST_F(CommandStream, BlocksSignalsWhileItCloses) {
   sign = file.c_str();
   struct sigaction action {};
   action.sa_handler = [](int) {
@@ -215,7 +214,7 @@ TEST_F(CommandStream, HoldsSignalsBackWhileItCloses) {
     unlink(file.c_str());
   }
   EXPECT_EQ(vorn_system(("kill -1 $PPID && sleep 0.3 && touch " + file).c_str()), 0);
-  EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command holds none back";
+  EXPECT_EQ(handled_after_sign.load(), 0) << "a plain command blocks none";
 }
 
 TEST_F(Command, IsNotCancelled) {
@@ -232,7 +231,7 @@ TEST_F(Command, IsNotCancelled) {
   EXPECT_EQ(exit_code(stream_status), 2);
 }
 
-TEST_F(Command, HasNoStatusWhereChildrenAreIgnored) {
+TEST_F(Command, HasNoStatusIfChildrenAreIgnored) {
   std::signal(SIGCHLD, SIG_IGN);
   EXPECT_EQ(vorn_system("true"), -1);
   EXPECT_EQ(errno, ECHILD);
@@ -244,9 +243,8 @@ TEST_F(Command, HasNoStatusWhereChildrenAreIgnored) {
 
 // Returns the number of the first wrong thing, or 0.
 int try_with_closed(unsigned int closed, const std::string &path) {
-  for (int fd = 0; fd < 3; ++fd) {
+  for (int fd = 0; fd < 3; ++fd)
     if ((closed >> fd & 1) != 0) close(fd);
-  }
   FILE *read = vorn_popen("echo text", "r");
   FILE *write = vorn_popen(("cat > " + path).c_str(), "w");
   if (read == nullptr || write == nullptr || fileno(read) < 3 || fileno(write) < 3) return 1;
@@ -265,7 +263,7 @@ TEST_F(CommandStream, AnyStandardDescriptorMayBeClosed) {
     EXPECT_EQ(run_in_child([&] { return try_with_closed(closed, file); }), 0) << closed;
 }
 
-TEST_F(Command, LooksAtTheArgumentsOnly) {
+TEST_F(Command, ChecksTheArgumentsOnly) {
   const auto argument = [](const char *text) { return const_cast<char *>(text); };
   char *const safe[] = {argument("sh"), argument("-c"), argument("exit 7"), nullptr};
   char *const unsafe[] = {argument("sh"), nullptr, argument("a|b"), argument("c;d"), nullptr};

@@ -137,8 +137,9 @@ std::size_t count_of(const std::string &text, const std::string &log) {
 }
 
 // The numbers before text, in the order of the log.
-std::vector<unsigned long> reports(const std::string &text, const std::string &log) {
-  std::vector<unsigned long> numbers;
+using Counts = std::vector<unsigned long>;
+Counts reports(const std::string &text, const std::string &log) {
+  Counts numbers;
   for (const std::string &line : lines_of(log)) {
     const std::size_t at = line.find(text);
     if (at != line.npos) numbers.push_back(std::stoul(line.substr(line.rfind(' ', at - 1))));
@@ -147,9 +148,10 @@ std::vector<unsigned long> reports(const std::string &text, const std::string &l
 }
 
 constexpr char kByConsole[] = " texts for the console were dropped so far.";
+constexpr char kByLimit[] = " log messages of group 23 were dropped by the rate limit.";
 
 unsigned long dropped_by_reports(const std::string &log) {
-  const auto numbers = reports(" log messages of group 23 were dropped by the rate limit.", log);
+  const Counts numbers = reports(kByLimit, log);
   return std::accumulate(numbers.begin(), numbers.end(), 0ul);
 }
 
@@ -163,7 +165,7 @@ void run(void (*&hook)()) {
 
 } // namespace
 
-// In front of the system's, to reach the moments between two of the library's steps.
+// Replace the system's, to act between two steps of the library.
 ssize_t write(int fd, const void *text, size_t size) {
   pthread_testcancel();
   run(before_write);
@@ -175,7 +177,7 @@ int rename(const char *from, const char *to) {
   return static_cast<int>(syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0));
 }
 
-TEST_F(Evlog, AMessageIsALineWithItsTimeLevelModuleThreadAndPlace) {
+TEST_F(Evlog, MessageIsALineWithTimeLevelModuleThreadAndPlace) {
   setenv("TZ", "LOG-02:30", 1);
   open_log();
   const std::time_t before = time(nullptr);
@@ -215,7 +217,7 @@ TEST_F(Evlog, LevelsAreKeptByModule) {
   }
 }
 
-TEST_F(Evlog, RawTextsAreWrittenAsTheyAreUpToTheirBound) {
+TEST_F(Evlog, RawTextsAreWrittenUnchangedUpToTheirLimit) {
   open_log();
   errno = ERANGE;
   EXPECT_EQ(library->original("a %d", 1), 4);
@@ -231,7 +233,7 @@ TEST_F(Evlog, RawTextsAreWrittenAsTheyAreUpToTheirBound) {
   EXPECT_EQ(errno, ERANGE);
 }
 
-TEST_F(Evlog, ASecondInitMovesTheLogUnlessItFails) {
+TEST_F(Evlog, SecondInitMovesTheLogUnlessItFails) {
   open_log();
   for (const auto &[program, directory, error] :
        {std::tuple{"a/b", dir.path(), EINVAL}, {"app", dir / "no/such", ENOENT}}) {
@@ -261,8 +263,8 @@ TEST_F(Evlog, FilesRotateAndThreeOldOnesAreKept) {
   EXPECT_FALSE(fs::exists(dir / "app.log.4"));
 }
 
-// The child finds the file full while its parent rotates it, and an old one later. What filled it
-// was not the child's.
+// The child finds the file full while its parent rotates it, and later finds that the file was
+// rotated. The child did not fill it.
 TEST_F(Evlog, OneOfTheProcessesThatShareAFileRotatesIt) {
   static pid_t child;
   static constexpr auto await_stop = [] { waitpid(child, nullptr, WUNTRACED); };
@@ -295,7 +297,7 @@ TEST_F(Evlog, OneOfTheProcessesThatShareAFileRotatesIt) {
   EXPECT_FALSE(fs::exists(dir / "app.log.2"));
 }
 
-TEST_F(Evlog, AFileThatCannotBeRotatedStaysBounded) {
+TEST_F(Evlog, FileThatCannotBeRotatedStaysBounded) {
   for (const char *old : {"app.log.1/", "app.log.2/", "app.log.3/"})
     scratch::write_file(dir / old + "in the way", "");
   open_log();
@@ -319,7 +321,7 @@ TEST_F(Evlog, AFileThatCannotBeRotatedStaysBounded) {
   EXPECT_EQ(std::stoi(lines_of(log()).back()), 5 * kNumberedPerFile - 1);
 }
 
-TEST_F(Evlog, AFullOrClosedLogSendsRawTextsAndWarningsToTheConsole) {
+TEST_F(Evlog, FullOrClosedLogSendsRawTextsAndWarningsToTheConsole) {
   fs::create_symlink("/dev/full", dir / "app.log");
   open_log();
   for (const std::size_t seen : {2u, 4u}) {
@@ -354,8 +356,8 @@ TEST_F(Evlog, EveryMessageOfAGroupIsWrittenOrCounted) {
   EXPECT_EQ(count_of("limited", log()) + dropped_by_reports(log()), 400000u);
 }
 
-// What a writer takes for the log file is never somebody else's file, and its text is not lost.
-TEST_F(Evlog, ALogMayMoveAndCloseUnderItsWriter) {
+// A writer never writes to a file that takes over the descriptor of the log, and loses no text.
+TEST_F(Evlog, LogMayMoveOrCloseDuringAWrite) {
   static std::string other;
   static std::vector<int> victims;
   static constexpr auto take_descriptors = [] {
@@ -380,8 +382,8 @@ TEST_F(Evlog, ALogMayMoveAndCloseUnderItsWriter) {
     EXPECT_EQ(lseek(victim, 0, SEEK_END), 0);
 }
 
-// A handler that waited for anything the interrupted thread holds would never return.
-TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfAMessage) {
+// A handler that waits for a lock of the interrupted thread never returns.
+TEST_F(Evlog, SignalHandlerWritesDuringAMessage) {
   open_log();
   static std::atomic<int> handled = 0;
   signal(SIGALRM, [](int) {
@@ -405,10 +407,8 @@ TEST_F(Evlog, ASignalHandlerWritesInTheMidstOfAMessage) {
   EXPECT_EQ(count_of("work: message", all_text()), messages);
 }
 
-using Counts = std::vector<unsigned long>;
-
 // A process that opens a file gets the lowest free descriptor: the library holds none of 0 to 2.
-TEST_F(Evlog, ClosedStandardDescriptorsStayTheProcesssOwn) {
+TEST_F(Evlog, ClosedStandardDescriptorsAreNotUsed) {
   const std::vector<int> rows[] = {{}, {0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}};
   for (const std::vector<int> &closed : rows) {
     const auto log_and_open = [&] {
@@ -433,7 +433,7 @@ TEST_F(Evlog, ClosedStandardDescriptorsStayTheProcesssOwn) {
   EXPECT_EQ(reports(kByConsole, log()), (Counts{1, 1, 1, 1}));
 }
 
-TEST_F(Evlog, AnotherFileInTheConsolesPlaceGetsNothing) {
+TEST_F(Evlog, FileThatReplacesTheConsoleGetsNothing) {
   const vorn::UniqueFd other{memfd_create("other", 0)};
   dup2(other.get(), STDERR_FILENO);
   signal(SIGXFSZ, SIG_IGN);
@@ -462,7 +462,7 @@ TEST_F(Evlog, AnotherFileInTheConsolesPlaceGetsNothing) {
 }
 
 // The process gets the one signal that it raises itself, before the log message or after it.
-TEST_F(Evlog, AConsoleOrFileWithoutAReaderRaisesNoSigpipe) {
+TEST_F(Evlog, ConsoleOrFileWithoutAReaderRaisesNoSigpipe) {
   static int signals = 0;
   fs::create_symlink("/proc/self/fd/2", dir / "piped.log");
   for (int row = 0; row < 8; ++row) {
@@ -494,8 +494,8 @@ TEST_F(Evlog, AConsoleOrFileWithoutAReaderRaisesNoSigpipe) {
   EXPECT_EQ(reports(kByConsole, log()), Counts(8, 2));
 }
 
-// The text is larger than the pipe, whose reader goes when it has a part of it.
-TEST_F(Evlog, AFullConsoleHoldsUpItsWriterAlone) {
+// The text is larger than the pipe, and the pipe is closed after a part of it.
+TEST_F(Evlog, FullConsoleDelaysItsWriterAlone) {
   static std::atomic<bool> returned = false;
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -531,7 +531,7 @@ TEST_F(Evlog, AFullConsoleHoldsUpItsWriterAlone) {
   EXPECT_EQ(lines_of(log()).size(), 4u);
 }
 
-TEST_F(Evlog, AChildOfABusyProcessLogsOn) {
+TEST_F(Evlog, ChildOfABusyProcessLogs) {
   if (!kMayForkBesideClosing) GTEST_SKIP() << "the emulator's child would hang";
   open_log();
   std::atomic<bool> stop = false;

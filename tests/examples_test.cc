@@ -24,7 +24,7 @@ bool contains(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
 
-// Runs in a directory of its own.
+// Runs in its own directory.
 class Examples : public testing::Test {
 protected:
   Examples() { EXPECT_EQ(chdir(directory_.path().c_str()), 0); }
@@ -57,7 +57,7 @@ TEST_F(Examples, PrintWhatTheyDid) {
   EXPECT_NE(access("ini-example.ini", F_OK), 0);
 }
 
-TEST_F(Examples, SayWhatKeepsThemFromIt) {
+TEST_F(Examples, ReportThatTheLibraryDoesNotStart) {
   for (const std::string name : {"echo", "ring", "timers", "ini", "instance", "stand_in"}) {
     scratch::write_file("./" + name + ".log/file", ""); // a directory where the log is to be
     const Outcome outcome = shell(command(name));
@@ -66,7 +66,7 @@ TEST_F(Examples, SayWhatKeepsThemFromIt) {
   }
 }
 
-TEST_F(Examples, TheStandInTakesItsAnswersFromTheEnvironment) {
+TEST_F(Examples, StandInTakesItsAnswersFromTheEnvironment) {
   const std::string answers = "VORNSIM_ANSWER='0x305=1@2147483648, 0x305=EIOX 0x9=1,"
                               "0x306=EIO@,0x306=EPERM,0x305=0@9' ";
   const Outcome outcome = shell(answers + command("stand_in"));
@@ -100,7 +100,7 @@ TEST_F(Examples, RunWithANodesFiles) {
   EXPECT_NE(access("/VORN", F_OK), 0);
 }
 
-// A client of the echo; -1 when it does not listen within ten seconds.
+// A client of the echo; -1 if the echo does not listen within ten seconds.
 int connect_to_echo() {
   const sockaddr_un address = {AF_UNIX, "echo.socket"};
   for (int attempt = 0; attempt < 1000; ++attempt) {
@@ -119,7 +119,7 @@ TEST_F(Examples, EchoEndsCleanlyWhileClientsAreConnected) {
   if (service == 0) _exit(execl("/bin/sh", "sh", "-c", line.c_str(), nullptr));
   ASSERT_GT(service, 0);
 
-  const int silent = connect_to_echo(); // first: it is accepted once the other has its answer
+  const int silent = connect_to_echo(); // it is accepted before the other
   const int talking = connect_to_echo();
   char answer[6] = {};
   EXPECT_EQ(send(talking, "hello", 5, MSG_NOSIGNAL), 5);

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -19,10 +20,8 @@
 #include "support/log_capture.hpp"
 #include "support/scratch.hpp"
 
-static size_t most_read = SIZE_MAX; // the most bytes of a call
-static size_t most_written = SIZE_MAX;
-static std::deque<int> read_errors; // 0: none
-static std::deque<int> write_errors;
+static size_t most_read = SIZE_MAX, most_written = SIZE_MAX; // of a call
+static std::deque<int> read_errors, write_errors;            // of the next calls; 0: none
 static bool fail_next_malloc = false;
 static const char *rename_after_read = nullptr;
 
@@ -33,23 +32,17 @@ static bool fails_next(std::deque<int> &errors) {
   return errno != 0;
 }
 
-static ssize_t then_rename(ssize_t length) {
-  if (rename_after_read != nullptr) prctl(PR_SET_NAME, rename_after_read);
-  return length;
-}
-
 extern "C" {
-ssize_t __real_read(int fd, void *buf, size_t count);
-ssize_t __wrap_read(int fd, void *buf, size_t count) {
-  if (fails_next(read_errors)) return -1;
-  return then_rename(__real_read(fd, buf, std::min(count, most_read)));
-}
-
 ssize_t __real_pread(int fd, void *buf, size_t count, off_t offset);
 ssize_t __wrap_pread(int fd, void *buf, size_t count, off_t offset) {
   if (fails_next(read_errors)) return -1;
-  return then_rename(__real_pread(fd, buf, std::min(count, most_read), offset));
+  count = std::min(count, most_read);
+  const ssize_t length =
+      offset < 0 ? ::syscall(SYS_read, fd, buf, count) : __real_pread(fd, buf, count, offset);
+  if (rename_after_read != nullptr) prctl(PR_SET_NAME, rename_after_read);
+  return length;
 }
+ssize_t __wrap_read(int fd, void *buf, size_t count) { return __wrap_pread(fd, buf, count, -1); }
 
 ssize_t __real_write(int fd, const void *buf, size_t count);
 ssize_t __wrap_write(int fd, const void *buf, size_t count) {
@@ -81,14 +74,14 @@ private:
   const int next_fd_ = scratch::next_descriptor();
 };
 
-TEST_F(Fileops, CopiesEveryByteHoweverTheSystemMovesThem) {
+TEST_F(Fileops, CopiesEveryByteInPiecesOfAnySize) {
   for (const size_t size : {0u, 131072u, 400001u}) {
     std::string content(size, '\0');
     for (size_t i = 0; i < size; ++i)
       content[i] = static_cast<char>(i * 31 + i / 251);
     scratch::write_file(file, content);
     for (const size_t most : {SIZE_MAX, size_t{4999}}) {
-      scratch::write_file(other, "what was there before, and longer than some");
+      scratch::write_file(other, "an old text that is longer than some");
       most_read = most;
       most_written = most / 3;
       read_errors = {EINTR, 0, EINTR};
@@ -101,7 +94,7 @@ TEST_F(Fileops, CopiesEveryByteHoweverTheSystemMovesThem) {
   }
 }
 
-TEST_F(Fileops, ACopyIsItsOwnersAloneAndAFileCopiedToItselfStaysWhole) {
+TEST_F(Fileops, CopyIsPrivateAndAFileCopiedToItselfStaysWhole) {
   scratch::write_file(file, "text");
   umask(0);
   ASSERT_EQ(vorn_copy(file.c_str(), other.c_str()), 0);
@@ -115,7 +108,7 @@ TEST_F(Fileops, ACopyIsItsOwnersAloneAndAFileCopiedToItselfStaysWhole) {
   EXPECT_EQ(scratch::read_file(file), "text");
 }
 
-TEST_F(Fileops, AFailedCopyTellsWhere) {
+TEST_F(Fileops, FailedCopyIsLogged) {
   scratch::write_file(file, "text");
   const std::string missing = directory / "missing/file", folder = directory.path();
   const struct {
@@ -198,7 +191,7 @@ protected:
   }
 };
 
-TEST_F(Readline, AgreesWithTheModelWhateverTheBufferAndTheSource) {
+TEST_F(Readline, AgreesWithTheModelForAnyBufferAndSource) {
   using namespace std::string_literals;
   const std::vector<std::string> contents = {
       "one\ntwo\nthree",
@@ -226,7 +219,7 @@ TEST_F(Readline, AgreesWithTheModelWhateverTheBufferAndTheSource) {
   EXPECT_EQ(byte, kUntouched);
 }
 
-TEST_F(Readline, AFailedReadEndsTheLineAndTheNextCallTellsWhy) {
+TEST_F(Readline, FailedReadEndsTheLineAndTheNextCallSetsErrno) {
   most_read = 4;
   for (const int fd : {opened("abcdefgh\n"), piped("abcdefgh\n")}) {
     read_errors = {0, 0, 0, 0, EIO, EIO};
@@ -243,7 +236,7 @@ TEST_F(Readline, AFailedReadEndsTheLineAndTheNextCallTellsWhy) {
 }
 
 // The kernel generates the text of such a file anew after a seek.
-TEST_F(Readline, ATextThatTheKernelMakesUpIsNotTorn) {
+TEST_F(Readline, GeneratedTextIsNotTorn) {
   ASSERT_EQ(prctl(PR_SET_NAME, "lower-case"), 0);
   const int fd = open("/proc/thread-self/comm", O_RDONLY | O_CLOEXEC);
   ASSERT_GE(fd, 0);

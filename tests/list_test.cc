@@ -21,7 +21,7 @@ using vorn::list::insert_tail;
 using vorn::list::remove;
 using vorn::list::take_first;
 
-struct Record {
+struct Numbered {
   int value;
   vorn_list_head_s node;
 };
@@ -39,32 +39,32 @@ std::string shown(const vorn_list_head_s *node) {
 
 class List : public testing::Test {
 protected:
-  List() : records_(40) {
+  List() : items_(40) {
     vorn_list_init_head(&head_);
     for (int i = 0; i < 40; ++i) {
-      records_[static_cast<std::size_t>(i)].value = i;
+      items_[static_cast<std::size_t>(i)].value = i;
       vorn_list_poison(node(i));
     }
   }
 
-  vorn_list_head_s *node(int i) { return &records_[static_cast<std::size_t>(i)].node; }
+  vorn_list_head_s *node(int i) { return &items_[static_cast<std::size_t>(i)].node; }
 
   std::vector<int> values() const {
     std::vector<int> found;
     for (auto *at = vorn_list_first(&head_); at != nullptr; at = vorn_list_next(&head_, at))
-      found.push_back(vorn_list_entry(at, Record, node)->value);
+      found.push_back(vorn_list_entry(at, Numbered, node)->value);
     return found;
   }
 
   vorn_list_head_s head_;
-  std::vector<Record> records_;
+  std::vector<Numbered> items_;
 };
 
 TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
   std::mt19937 random(1);
   std::deque<int> model;
   for (int step = 0; step < 5000; ++step) {
-    const int pick = static_cast<int>(random() % records_.size());
+    const int pick = static_cast<int>(random() % items_.size());
     const auto at = std::find(model.begin(), model.end(), pick);
     if (random() % 8 == 0) {
       auto *first = take_first(&head_, dump, VORN_FILE);
@@ -84,7 +84,7 @@ TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
   EXPECT_TRUE(dumped.empty());
 }
 
-// Three nodes are in the list; the neighbours of one are made to point to a fourth.
+// Three nodes are in the list; a neighbour of one is made to point to a fourth.
 class DamagedList : public List {
 protected:
   DamagedList() {
@@ -93,10 +93,8 @@ protected:
     vorn_list_init_head(stranger_);
   }
 
-  // Runs the operation and expects exactly this report.
-  template <class Operation> void expect_report(const std::string &text, Operation operation,
-                                                const std::vector<vorn_list_head_s *> &shown) {
-    operation();
+  // Expects exactly this report of an operation, and that it shows these nodes.
+  static void expect(const std::string &text, const std::vector<vorn_list_head_s *> &shown) {
     EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "Owner", "Abnormal list node " + text);
     EXPECT_EQ(std::exchange(dumped, {}), shown);
   }
@@ -106,32 +104,31 @@ protected:
 
 TEST_F(DamagedList, InsertionReportsTheTailAndStillLinks) {
   head_.prev = stranger_;
-  expect_report("prev:" + shown(stranger_) + " is not point to cur:" + shown(&head_),
-                [&] { insert_tail(&head_, node(4), dump, VORN_FILE, "Owner"); },
-                {&head_, stranger_});
-  EXPECT_EQ(head_.prev, node(4));
-  EXPECT_EQ(stranger_->next, node(4));
-  EXPECT_EQ(node(4)->prev, stranger_);
+  const std::string text = "prev:" + shown(stranger_) + " is not point to cur:" + shown(&head_);
+  insert_tail(&head_, node(4), dump, VORN_FILE, "Owner");
+  expect(text, {&head_, stranger_});
+  EXPECT_TRUE(head_.prev == node(4) && stranger_->next == node(4) && node(4)->prev == stranger_);
 }
 
 TEST_F(DamagedList, RemovalReportsEachNeighbourAndRelinksThem) {
   node(0)->next = stranger_;
-  expect_report("prev:" + shown(node(0)) + " is not point to cur:" + shown(node(1)),
-                [&] { remove(node(1), dump, VORN_FILE, "Owner"); }, {node(1), node(0)});
+  std::string text = "prev:" + shown(node(0)) + " is not point to cur:" + shown(node(1));
+  remove(node(1), dump, VORN_FILE, "Owner");
+  expect(text, {node(1), node(0)});
   EXPECT_EQ(values(), (std::vector{0, 2}));
   node(0)->prev = stranger_;
-  expect_report("next:" + shown(node(0)) + " is not point to cur:" + shown(&head_),
-                [&] { remove(&head_, dump, VORN_FILE, "Owner"); }, {&head_, node(0)});
+  text = "next:" + shown(node(0)) + " is not point to cur:" + shown(&head_);
+  remove(&head_, dump, VORN_FILE, "Owner");
+  expect(text, {&head_, node(0)});
   EXPECT_TRUE(vorn_list_is_poisoned(&head_));
 }
 
-TEST_F(DamagedList, TakingTheFirstReportsThatItDoesNotLeadBack) {
+TEST_F(DamagedList, TakingTheFirstReportsThatItDoesNotPointBack) {
   node(0)->prev = stranger_;
   stranger_->next = node(0);
-  const std::string head = shown(&head_);
-  expect_report("cur:" + shown(node(0)) +
-                    ", is not point to last:" + head.substr(0, head.find('(')),
-                [&] { take_first(&head_, dump, VORN_FILE, "Owner"); }, {node(0)});
+  const std::string head = shown(&head_), text = "cur:" + shown(node(0));
+  take_first(&head_, dump, VORN_FILE, "Owner");
+  expect(text + ", is not point to last:" + head.substr(0, head.find('(')), {node(0)});
 }
 
 // From now on, a fault writes the log messages to standard error and ends the process.
@@ -145,7 +142,7 @@ vorn::list::Show shown_at_fault() {
   return dump;
 }
 
-TEST_F(List, ALinkThatIsNoneIsNotedInTheCallersPlaceAndFaults) {
+TEST_F(List, BadLinkIsLoggedWithTheCallersPlaceAndFaults) {
   for (vorn_list_head_s *tail : {static_cast<vorn_list_head_s *>(nullptr), VORN_LIST_POISON_PREV}) {
     head_.prev = tail;
     const unsigned int line = __LINE__ + 1;

@@ -130,7 +130,7 @@ TEST(LwpModule, StartsOnceAndTriesAgainAfterAFailure) {
                                           "Register lwp var c fail, which has been used up 2/2"}));
 }
 
-TEST_F(Lwp, IdsAreRefusedOnceTheirInstanceIsGone) {
+TEST_F(Lwp, IdOfADeletedInstanceIsRefused) {
   const std::string name(63, 'n');
   for (uint64_t slot = 0; slot < 16; ++slot)
     EXPECT_EQ(make((name + "longer").c_str()), id_of(slot, slot));
@@ -167,7 +167,7 @@ TEST_F(Lwp, IdsAreRefusedOnceTheirInstanceIsGone) {
   EXPECT_EQ(capture::take_lines().back(), "E Invalid instId:" + hex(id_of(0, 16)));
 }
 
-TEST_F(Lwp, ReferencesHoldADeletionUp) {
+TEST_F(Lwp, DeletionWaitsForReferences) {
   const uint64_t id = make();
   uint64_t &word = LwpInstInfoFind(id)->state;
   EXPECT_EQ(LwpInstPut(id), -1);
@@ -232,7 +232,7 @@ struct Task {
   }
 };
 
-TEST_F(Lwp, ADeletionJoinsTheThreadButNotItself) {
+TEST_F(Lwp, DeletionJoinsTheThreadButNotItself) {
   capture::set_level(3); // the thread's references are refused again and again
   Task task;
   g_before_thread = [] { return EAGAIN; };
@@ -251,7 +251,7 @@ TEST_F(Lwp, ADeletionJoinsTheThreadButNotItself) {
 }
 
 // A deletion may come as soon as a constructor knows the id.
-TEST_F(Lwp, ADeletionWaitsForTheCreation) {
+TEST_F(Lwp, DeletionWaitsForTheCreation) {
   Noted variable{"a"};
   variable.add();
   Task task;
@@ -328,7 +328,7 @@ TEST_F(Lwp, VariablesAreConstructedInOrderAndEndInReverse) {
   EXPECT_EQ(make(), id_of(2, 1));
 }
 
-TEST_F(Lwp, ARegistrationFailsWithItsConstructors) {
+TEST_F(Lwp, RegistrationFailsWithItsConstructors) {
   const uint64_t id = make();
   capture::take();
   uint64_t nine[2] = {};
@@ -361,7 +361,7 @@ TEST_F(Lwp, ARegistrationFailsWithItsConstructors) {
   EXPECT_EQ(Noted::take(), "-l-i-o-x"); // once
 }
 
-TEST_F(Lwp, ARegistrationWaitsForThreadsThatConstruct) {
+TEST_F(Lwp, RegistrationWaitsForThreadsThatConstruct) {
   const uint64_t old = make();
   Noted slow{"s"}, late{"l"};
   std::atomic<int> constructing{0};
@@ -397,7 +397,7 @@ TEST_F(Lwp, ARegistrationWaitsForThreadsThatConstruct) {
   asm volatile("" ::: "memory"); // no tail call
 }
 
-TEST_F(Lwp, TheTraceTellsTheLastSwitches) {
+TEST_F(Lwp, TraceShowsTheLastSwitches) {
   const uint64_t id = make();
   uint64_t old = 0, from = LWP_NONE;
   for (const uint64_t to : {id, id + 1, id + 1, id, LWP_NONE}) { // id + 1 is no instance
@@ -432,7 +432,7 @@ TEST_F(Lwp, TheTraceTellsTheLastSwitches) {
   EXPECT_NE(lines[11].find(") <<" + hex(entry.addresses[8]) + "("), std::string::npos);
 }
 
-TEST_F(Lwp, EachPlaceHasItsStatistics) {
+TEST_F(Lwp, EachCallSiteHasItsStatistics) {
   std::vector<lwp_auto_stat_s *> slots(1030, nullptr);
   const auto show = [](vorn_print_f print) { LwpShowAutoStatAll(print, ".\n"); };
   EXPECT_EQ(shown::by(show), "");
@@ -456,9 +456,9 @@ constexpr int kPairs = 50000;
 constexpr int kPairs = 1000000;
 #endif
 
-// A value tells whose it is: a reference that was given to another instance, or that outlived its
-// own, shows in it.
-TEST_F(Lwp, AReferenceIsToTheInstanceOfItsId) {
+// The value of a variable is the id of its instance: a reference to another instance, or one that
+// outlived its own, reads another value.
+TEST_F(Lwp, ReferenceIsToTheInstanceOfItsId) {
   static uint64_t var;
   static std::atomic<int> alive{0};
   const lwp_var_ops_s ops{

@@ -6,12 +6,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "support/log_capture.hpp"
@@ -24,9 +25,11 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 std::vector<int> g_wake_ups; // results of the next, the first last: they send nothing
-std::function<uint64_t(int64_t timeout)> g_sleep; // in the place of the wait
-uint32_t *g_word = nullptr;                       // that this would be on
-std::function<void()> g_yield; // in the place of what a lock does that is not free
+std::function<uint64_t(int64_t timeout)> g_sleep; // replaces the wait
+uint32_t *g_word = nullptr;                       // the word that the wait is on
+std::function<void()> g_yield;                    // replaces the yield of a lock that is taken
+
+std::string shown(const void *address) { return testing::PrintToString(address); }
 
 template <class Function> Function *library(const char *name) {
   return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -48,7 +51,7 @@ void vorn_schedule() {
 
 int vorn_wake_up_process(uint32_t tid) {
   static const auto real = library<int(uint32_t)>("vorn_wake_up_process");
-  EXPECT_TRUE(g_word == nullptr || *g_word == 0) << "woken ahead of its word";
+  EXPECT_TRUE(g_word == nullptr || *g_word == 0) << "woken before its word is 0";
   if (g_wake_ups.empty()) return real(tid);
   const int result = g_wake_ups.back();
   g_wake_ups.pop_back();
@@ -91,8 +94,9 @@ TEST_F(Semaphore, CountsUnits) {
   EXPECT_EQ(vorn_sem_enhance_destroy(&sem), 0);
 }
 
-// Whatever ended the wait, a unit that was granted counts; and a plain down has no other end.
-TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
+// A unit that was granted counts, even if a time-out or a signal ended the wait. A plain down ends
+// by a unit alone.
+TEST_F(Semaphore, GrantCountsBeforeTimeOutAndSignal) {
   const auto plain = [](auto *of) { return vorn_sem_enhance_down(of), 0; };
   const auto timed = [](auto *of) { return vorn_sem_enhance_down_timeout(of, 11); };
   const auto late = [](auto *of) { return vorn_sem_enhance_down_timeout(of, -7); };
@@ -130,7 +134,7 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
     g_word = nullptr;
     EXPECT_EQ(waits, std::max(row.granted_in, 1));
     EXPECT_EQ(pauses, row.pauses);
-    EXPECT_EQ(vorn_sem_enhance_up(&sem), 0); // nobody is left to be granted it
+    EXPECT_EQ(vorn_sem_enhance_up(&sem), 0); // no waiter is left for it
     EXPECT_EQ(sem.cnt, 1);
     vorn_sem_enhance_down(&sem);
   }
@@ -141,7 +145,7 @@ TEST_F(Semaphore, GrantComesBeforeTimeOutAndSignal) {
 TEST_F(Semaphore, EveryOperationTakesTheLock) {
   vorn_gettime_init(); // by which the lock tells when to yield
   g_sleep = [&](int64_t) {
-    vorn_spinlock_lock(&sem.lock); // which is free meanwhile, and not when the waiter is back
+    vorn_spinlock_lock(&sem.lock); // free during the wait, and taken after it
     return uint64_t{7};
   };
   int yields = 0;
@@ -149,25 +153,23 @@ TEST_F(Semaphore, EveryOperationTakesTheLock) {
     ++yields;
     vorn_spinlock_unlock(&sem.lock);
   };
-  struct Row {
-    std::function<void()> operation;
-    int yields;
+  const std::pair<std::function<void()>, int> rows[] = {
+      {[&] { vorn_sem_enhance_up(&sem); }, 1},
+      {[&] { vorn_sem_enhance_down(&sem); }, 1},
+      {[&] { vorn_sem_enhance_down_timeout(&sem, 1); }, 2},
+      {[&] { vorn_sem_enhance_down_interruptible(&sem); }, 2},
+      {[&] { vorn_sem_enhance_show(&sem); }, 1},
   };
-  for (const Row &row :
-       {Row{[&] { vorn_sem_enhance_up(&sem); }, 1}, Row{[&] { vorn_sem_enhance_down(&sem); }, 1},
-        Row{[&] { vorn_sem_enhance_down_timeout(&sem, 1); }, 2},
-        Row{[&] { vorn_sem_enhance_down_interruptible(&sem); }, 2},
-        Row{[&] { vorn_sem_enhance_show(&sem); }, 1}}) {
+  for (const auto &[operation, wanted] : rows) {
     yields = 0;
     vorn_spinlock_lock(&sem.lock);
-    row.operation();
-    EXPECT_EQ(yields, row.yields);
+    operation();
+    EXPECT_EQ(yields, wanted);
     EXPECT_EQ(sem.lock.lock, 0u);
   }
 }
 
-// The first is granted a unit first; the signals between are nothing that a plain down gives up
-// for.
+// The first is granted a unit first. A signal does not end a plain down.
 TEST_F(Semaphore, ShowsItsWaitersAndGrantsInTheirOrder) {
   std::atomic<uint32_t> tids[2];
   std::atomic<int> granted{0};
@@ -182,18 +184,14 @@ TEST_F(Semaphore, ShowsItsWaitersAndGrantsInTheirOrder) {
         std::this_thread::sleep_for(milliseconds{1});
     });
   }
-  const void *address = &sem;
-  const void *nodes[] = {sem.wait_list.next, sem.wait_list.prev};
+  const std::string head = "TBOSAX:sem " + shown(&sem) + " cnt 0";
   vorn_sem_enhance_show(&sem);
   const auto texts = capture::take_lines();
   ASSERT_EQ(texts.size(), 3u);
-  char text[256];
-  std::snprintf(text, sizeof text, "TBOSAX:sem %p cnt 0", address);
-  EXPECT_EQ(texts[0], text);
-  std::snprintf(text, sizeof text,
-                "TBOSAX:sem %p cnt 0 waiterTid %u status 1 cur %p next %p pre %p", address,
-                tids[0].load(), nodes[0], nodes[1], static_cast<const void *>(&sem.wait_list));
-  EXPECT_EQ(texts[1], text);
+  EXPECT_EQ(texts[0], head);
+  EXPECT_EQ(texts[1], head + " waiterTid " + std::to_string(tids[0]) + " status 1 cur " +
+                          shown(sem.wait_list.next) + " next " + shown(sem.wait_list.prev) +
+                          " pre " + shown(&sem.wait_list));
   for (const int i : {0, 1}) {
     vorn_wake_up_process(tids[1]);
     EXPECT_EQ(vorn_sem_enhance_up(&sem), 0);
@@ -204,19 +202,18 @@ TEST_F(Semaphore, ShowsItsWaitersAndGrantsInTheirOrder) {
   EXPECT_EQ(sem.cnt, 0);
 }
 
-// The signal fails, the unit is the waiter's all the same.
+// The waiter has the unit even if the signal fails.
 TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
-  struct Row {
+  const struct {
     std::vector<int> wake_ups;
     int result;
-    std::vector<const char *> endings;
-  };
-  const Row rows[] = {
+    std::vector<std::string> endings;
+  } rows[] = {
       {{0, EAGAIN, EAGAIN}, 0, {"fail ret(11).", "sucess."}},
       {{ESRCH, EAGAIN}, ESRCH, {"fail ret(11).", "fail ret(3)."}},
       {{ESRCH}, ESRCH, {"fail ret(3).", "fail ret(3)."}},
   };
-  for (const Row &row : rows) {
+  for (const auto &row : rows) {
     std::atomic<int> result{1};
     uint32_t waiter = 0;
     std::jthread thread = start([&](uint32_t tid) {
@@ -232,37 +229,35 @@ TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
     const auto records = capture::take();
     ASSERT_EQ(records.size(), 4u);
     for (std::size_t i = 0; i < 4; ++i) {
-      char text[128];
-      std::snprintf(text, sizeof text, "%s%s sem(%p) waiter tid(%u) %s",
-                    i % 2 == 0 ? "[Infra]" : "", i < 2 ? "Wake up" : "Retry wake up",
-                    static_cast<void *>(&sem), waiter, row.endings[i / 2]);
-      EXPECT_EQ(records[i].text, text);
+      EXPECT_EQ(records[i].text, (i % 2 == 0 ? "[Infra]" : "") +
+                                     std::string(i < 2 ? "Wake up sem(" : "Retry wake up sem(") +
+                                     shown(&sem) + ") waiter tid(" + std::to_string(waiter) + ") " +
+                                     row.endings[i / 2]);
       EXPECT_EQ(records[i].module, i % 2 == 0 ? 0u : 381u);
       EXPECT_EQ(records[i].function, "vorn_sem_enhance_up");
     }
   }
 }
 
-// Two threads hand each other the turn to change plain data, a million times where the machine is
-// fast. A hand-off that is lost leaves both asleep, and the test without an end.
+// Two threads hand each other the turn to change plain data, a million times if the machine is
+// fast. After a hand-off that is lost, both sleep forever.
 TEST_F(Semaphore, MillionHandOffs) {
-  constexpr unsigned long kHandOffs = 1000000;
-  constexpr unsigned long kWindow = 256;
+  constexpr unsigned long kHandOffs = 1000000, kWindow = 256;
   const auto end = Clock::now() + milliseconds{1000};
   vorn_sem_enhance_s room;
   vorn_sem_enhance_init(&room, kWindow);
   unsigned long cells[kWindow] = {};
+  const auto give = [&](unsigned long number, unsigned long what) {
+    vorn_sem_enhance_down(&room);
+    cells[number % kWindow] = what;
+    vorn_sem_enhance_up(&sem);
+  };
   std::jthread giver{[&] {
     unsigned long i = 0;
-    do {
-      vorn_sem_enhance_down(&room);
-      cells[i % kWindow] = i;
-      vorn_sem_enhance_up(&sem);
-      ++i;
-    } while (i < kHandOffs && (i % 64 != 0 || Clock::now() < end));
-    vorn_sem_enhance_down(&room);
-    cells[i % kWindow] = kHandOffs; // that was all
-    vorn_sem_enhance_up(&sem);
+    do
+      give(i, i), ++i;
+    while (i < kHandOffs && (i % 64 != 0 || Clock::now() < end));
+    give(i, kHandOffs); // that was all
   }};
   for (unsigned long i = 0;; ++i) {
     vorn_sem_enhance_down(&sem);

@@ -99,7 +99,7 @@ pthread_key_t adopting_key;
 
 // Starts more threads than there are slots, which end in all ways, while others look them up and
 // list them. A lookup finds the right thread, and every slot is free at the end.
-TEST(Cancellation, ThreadThatEndsGivesItsRecordBack) {
+TEST(Cancellation, ThreadThatEndsFreesItsSlot) {
   static const vorn_thrd_entry_f ends[] = {
       [](void *of) { return of; },
       [](void *) -> void * {

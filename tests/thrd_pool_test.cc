@@ -37,7 +37,7 @@ void wait_for_idle(int count) {
     usleep(1000);
 }
 
-// Jobs that stay until they are released, and record the threads that ran them.
+// Jobs that run until they are released, and note the threads that ran them.
 struct Jobs {
   explicit Jobs(int count) : begun(count) {}
 
@@ -107,7 +107,7 @@ TEST(Pool, OfOneThreadIsTheSpawner) {
   EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_destroy", "TBA:res1 0, res2 0.");
 }
 
-TEST(Pool, NothingOfAJobStaysWithTheThread) {
+TEST(Pool, NextJobFindsTheThreadUnchanged) {
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGUSR2);
@@ -160,10 +160,10 @@ TEST(Pool, NothingOfAJobStaysWithTheThread) {
   EXPECT_EQ(worker->jobs, kLooks + 1);
   int posts = -1;
   sem_getvalue(&worker->job, &posts);
-  EXPECT_EQ(posts, 0) << "an idle thread would go round for each";
+  EXPECT_EQ(posts, 0) << "each would wake the idle thread";
 }
 
-TEST(Pool, FailedStartsLeaveNothingBehindAndAChildBeginsWithoutAPool) {
+TEST(Pool, FailedStartsLeakNothingAndAChildHasNoPool) {
   create_error = EAGAIN;
   EXPECT_EQ(vorn_thread_pool_create(4), 0u);
   const auto lines = capture::take_lines();
@@ -228,7 +228,7 @@ TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
     pthread_cancel(idle_thread);
     create_error = error;
     give();
-    EXPECT_EQ(runner == cancelled, error != 0) << "itself where no other can be started";
+    EXPECT_EQ(runner == cancelled, error != 0) << "itself if no other can be started";
     wait_for_idle(error == 0 ? 1 : 0);
     create_error = 0;
     if (error == 0) continue;
@@ -242,9 +242,9 @@ TEST(Pool, JobOfACancelledThreadIsRunByAnother) {
   EXPECT_NE(vorn::thread::slots()[0].record.load()->cpuset[0], 0u) << "bound to all CPUs";
 }
 
-// Each accepted job runs once, however earlier jobs ended, even if it was given during the end of
-// the pool; and the pool keeps its size.
-TEST(Pool, EveryJobTakenRunsOnce) {
+// Each accepted job runs once, even if earlier jobs ended their threads or the pool is being
+// destroyed; and the pool keeps its size.
+TEST(Pool, AcceptedJobRunsOnce) {
   constexpr int kDispatchers = 3;
   struct Given {
     int way = 0;
@@ -262,8 +262,8 @@ TEST(Pool, EveryJobTakenRunsOnce) {
       [](void *of) { return pthread_cancel(pthread_self()), pthread_testcancel(), of; },
       [](void *of) { return vorn_thrd_clearcurthreadinfo(), vorn_thrd_setcurthreadinfo(), of; },
       [](void *of) {
-        pthread_t nobody{};
-        if (victim.compare_exchange_strong(nobody, pthread_self()))
+        pthread_t none{};
+        if (victim.compare_exchange_strong(none, pthread_self()))
           while (victim != 0) {
           }
         return of;
@@ -273,32 +273,27 @@ TEST(Pool, EveryJobTakenRunsOnce) {
   std::deque<Given> given[kDispatchers];
   vorn_thread_pool_create(4);
   wait_for_idle(4);
-  std::thread canceller([] {
-    while (!ending) {
+  std::jthread canceller([] {
+    for (; !ending; usleep(100)) {
       if (victim != 0) pthread_cancel(victim);
       victim = 0;
-      usleep(100);
     }
     victim = 0;
   });
-  std::vector<std::thread> dispatchers;
+  std::vector<std::jthread> dispatchers;
   for (std::deque<Given> &own : given) {
     dispatchers.emplace_back([&] {
       const auto job = [](void *argument) -> void * {
         auto &self = *static_cast<Given *>(argument);
-        ++self.ran;
-        ++ran;
+        ++self.ran, ++ran;
         return ways[self.way](nullptr);
       };
       own.emplace_back();
       while (!ending) {
-        if (pausing) {
-          usleep(1000);
-          continue;
-        }
         Given &next = own.back();
         next.way = static_cast<int>(own.size() % std::size(ways));
-        next.taken = create_thread_from_thread_pool(job, &next, nullptr) == 0;
+        next.taken = !pausing && create_thread_from_thread_pool(job, &next, nullptr) == 0;
+        if (pausing) usleep(1000);
         if (!next.taken) continue;
         ++taken;
         own.emplace_back();
@@ -315,8 +310,7 @@ TEST(Pool, EveryJobTakenRunsOnce) {
   vorn_thread_pool_destroy();
   usleep(20'000);
   ending = true;
-  for (std::thread &dispatcher : dispatchers)
-    dispatcher.join();
+  dispatchers.clear();
   canceller.join();
   for (int i = 0; ran != taken && i < 5000; ++i)
     usleep(1000);

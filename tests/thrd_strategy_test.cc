@@ -96,7 +96,7 @@ TEST_F(Strategy, BadSettingsMakeItInvalid) {
   EXPECT_EQ(vorn_initThreadStrategy(4, nullptr), -1);
 }
 
-TEST_F(Strategy, RefusalOfTheSystemIsReported) {
+TEST_F(Strategy, ErrorOfTheSystemIsReported) {
   const vorn_thrd_strategy_s usual = {0, "0"};
   vorn_initThreadStrategy(0, &usual);
   prio_error = EACCES;

@@ -106,13 +106,10 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
     char kernel[16];
     pthread_getname_np(pthread_self(), kernel, sizeof kernel);
     EXPECT_STREQ(kernel, "a-long-thread-n");
-    EXPECT_EQ(own->tid, gettid());
-    EXPECT_EQ(own->pid, getpid());
-    EXPECT_EQ(own->iod_thread_id, ~0u);
+    EXPECT_TRUE(own->tid == gettid() && own->pid == getpid() && own->iod_thread_id == ~0u);
     stack_t stack{};
     sigaltstack(nullptr, &stack);
-    EXPECT_EQ(stack.ss_sp, own->sig_stack);
-    EXPECT_EQ(stack.ss_size, VORN_THRD_SIGSTACK_SIZE);
+    EXPECT_TRUE(stack.ss_sp == own->sig_stack && stack.ss_size == VORN_THRD_SIGSTACK_SIZE);
   });
   char line[64];
   snprintf(line, sizeof line, "%5lu %-18s %-11d %-8d\n", thread.tid, "a-long-thread-n", 0, -1);
@@ -140,7 +137,7 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
                     "Put of thread slot 0, which no thread holds.");
 }
 
-TEST(Registry, ThreadBeyondTheTableIsServedUnseen) {
+TEST(Registry, ThreadBeyondTheTableRunsUnlisted) {
   std::vector<vorn_thread_s *> all;
   for (unsigned int i = 0; i < VORN_THRD_SLOT_COUNT; ++i)
     all.push_back(vorn::thread::take_record(nullptr, nullptr));
@@ -154,7 +151,7 @@ TEST(Registry, ThreadBeyondTheTableIsServedUnseen) {
     vorn_thrd_putthreadinfo(record);
 }
 
-TEST(Registry, FailedStartsLeaveNothingBehind) {
+TEST(Registry, FailedStartsLeakNothing) {
   const auto entry = [](void *) -> void * { return nullptr; };
   create_error = EAGAIN;
   EXPECT_EQ(vorn_thrd_create(entry, nullptr, nullptr), -1);
@@ -168,7 +165,7 @@ TEST(Registry, FailedStartsLeaveNothingBehind) {
     refused_size = size;
     EXPECT_EQ(vorn_thrd_create(entry, nullptr, nullptr), -1);
     refused_size = 0;
-    EXPECT_EQ(vorn::thread::slots()[1].count, 1u) << "what the looker holds is his";
+    EXPECT_EQ(vorn::thread::slots()[1].count, 1u) << "the looker holds it";
     looker.reset();
     EXPECT_EQ(vorn::thread::slots()[1].count, 0u);
     EXPECT_EQ(capture::take_lines().back(), "Create thread info fail.");
@@ -201,17 +198,18 @@ TEST(Registry, ChildOfForkSeesItselfAlone) {
   vorn_thrd_getpid_accl();
   vorn_thrd_settid_accl(0);
   const auto is_alone = [&] {
-    const bool alone = vorn_thrd_getpid_accl() == getpid() && vorn_thrd_gettid_accl() != 0 &&
-                       vorn_thread_get_knl_tid() == gettid() &&
-                       vorn_thrd_currentthreadinfo()->pid == getpid() &&
-                       vorn_thrd_getthreadinfobytid(gettid()) == vorn_thrd_currentthreadinfo() &&
-                       vorn_thrd_getthreadinfobytid(other.tid) == nullptr;
-    return alone ? 0 : 1;
+    return vorn_thrd_getpid_accl() == getpid() && vorn_thrd_gettid_accl() != 0 &&
+                   vorn_thread_get_knl_tid() == gettid() &&
+                   vorn_thrd_currentthreadinfo()->pid == getpid() &&
+                   vorn_thrd_getthreadinfobytid(gettid()) == vorn_thrd_currentthreadinfo() &&
+                   vorn_thrd_getthreadinfobytid(other.tid) == nullptr
+               ? 0
+               : 1;
   };
   EXPECT_EQ(run_in_child(is_alone), 0);
 }
 
-TEST(Registry, StatusIsTheKernelModulesToReport) {
+TEST(Registry, KernelModuleReportsTheStatus) {
   vorn_thrd_getstatus(42);
   EXPECT_NO_RECORD();
   vorn_thrd_getstatus(43);
@@ -245,14 +243,13 @@ TEST(Registry, ContextsBelongToTheThread) {
 }
 
 std::string kind_of(unsigned long address) {
-  unsigned long low = 0;
-  unsigned long high = 0;
+  unsigned long low = 0, high = 0;
   const char *kind = nullptr;
   const int result = vorn_thrd_getcurrentstack(address, &low, &high, &kind);
   return std::string(kind) + (result == 0 ? "" : " refused");
 }
 
-TEST(Stacks, AddressesAreToldApart) {
+TEST(Stacks, AddressHasItsKind) {
   static int global;
   const auto elsewhere = reinterpret_cast<unsigned long>(&global);
   const auto frame = [] { return reinterpret_cast<unsigned long>(__builtin_frame_address(0)); };
@@ -267,12 +264,9 @@ TEST(Stacks, AddressesAreToldApart) {
     EXPECT_EQ(kind_of(own.os_stack_low - 4097), "INVALID_STACK refused");
     EXPECT_EQ(kind_of(own.os_stack_high + 16384), "INVALID_STACK refused");
     EXPECT_EQ(kind_of(signals + 65535), "SIG_STACK");
-    unsigned long low = 0;
-    unsigned long high = 0;
+    unsigned long low = 0, high = 0;
     EXPECT_EQ(vorn_thread_get_specific_stack(gettid(), &low, &high), 0);
-    EXPECT_EQ(low, own.os_stack_low);
-    EXPECT_EQ(high, own.os_stack_high);
-
+    EXPECT_TRUE(low == own.os_stack_low && high == own.os_stack_high);
     static bool bounds_known;
     const vorn_lwt_stack_ops_s ops = {[](unsigned long address) { return address == 64 ? 0 : 1; },
                                       [](unsigned long, unsigned long *from, unsigned long *to) {
@@ -335,7 +329,7 @@ TEST(Names, OfProcessAndExecutable) {
                     "programName is NULL.");
 }
 
-TEST(Watch, IsSharedAndTakenBack) {
+TEST(Watch, IsSharedWithAChild) {
   EXPECT_EQ(vorn_thread_watch_add(77), 0);
   EXPECT_EQ(vorn_thread_watch_get(), 77u);
   EXPECT_EQ(run_in_child(vorn_thread_watch_del), 0);

@@ -40,32 +40,25 @@ template <class T> T *pointer(unsigned long word) { return reinterpret_cast<T *>
 } // namespace
 
 extern "C" {
-
 int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
-
 int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
   EXPECT_TRUE(signal != SIGWAKEUP || action->sa_flags == SA_RESTART);
   if (!g_refuse_handlers) return __real_sigaction(signal, action, old);
-  errno = EPERM;
-  return -1;
+  return errno = EPERM, -1;
 }
 
 int __real_clock_gettime(clockid_t clock, timespec *time);
-
 int __wrap_clock_gettime(clockid_t clock, timespec *time) {
-  if (!g_clock) return __real_clock_gettime(clock, time);
-  return g_clock(time), 0;
+  return g_clock ? (g_clock(time), 0) : __real_clock_gettime(clock, time);
 }
 
 int __real_tgkill(pid_t process, pid_t thread, int signal);
-
 int __wrap_tgkill(pid_t process, pid_t thread, int signal) {
   if (g_signal) g_signal();
   return __real_tgkill(process, thread, signal);
 }
 
 int __real_nanosleep(const timespec *time, timespec *left);
-
 int __wrap_nanosleep(const timespec *time, timespec *left) {
   if (!g_back_off) return __real_nanosleep(time, left);
   EXPECT_EQ(time->tv_sec * 1000000000 + time->tv_nsec, 10000);
@@ -77,25 +70,21 @@ long __wrap_vorn_private_syscall(unsigned long command, unsigned long, unsigned 
   ++g_requests;
   EXPECT_EQ(command, 0x17D00000800u);
   EXPECT_EQ(unused, ~0ul);
-  if (g_module) {
-    EXPECT_EQ(*pointer<int64_t>(ticks), 250);
-    EXPECT_EQ(*pointer<unsigned long>(left), 0u);
-    return g_module(pointer<unsigned long>(left));
-  }
-  errno = ENOSYS;
-  return -1;
+  if (!g_module) return errno = ENOSYS, -1;
+  EXPECT_EQ(*pointer<int64_t>(ticks), 250);
+  EXPECT_EQ(*pointer<unsigned long>(left), 0u);
+  return g_module(pointer<unsigned long>(left));
 }
 }
 
 namespace {
 
 TEST(Wait, ModuleAnswersWithWhatItLeft) {
-  struct Row {
+  const struct {
     long result;
-    unsigned long left;
-    unsigned long returned;
-  };
-  for (const Row &row : {Row{0, 7, 0}, Row{-1, 9, 9}, Row{5, 1, 1}, Row{-1, 0, 0}}) {
+    unsigned long left, returned;
+  } rows[] = {{0, 7, 0}, {-1, 9, 9}, {5, 1, 1}, {-1, 0, 0}};
+  for (const auto &row : rows) {
     g_module = [&](unsigned long *left) {
       *left = row.left;
       errno = EINTR;
@@ -112,7 +101,7 @@ TEST(Wait, ModuleAnswersWithWhatItLeft) {
   EXPECT_EQ(g_requests, 0);
 }
 
-TEST(Wait, WithoutModuleTheWordEndsItOrTheTime) {
+TEST(Wait, WithoutModuleTheWordOrTheTimeEndsIt) {
   uint32_t word = 0;
   for (const int64_t timeout : {int64_t{1}, INT64_MAX})
     EXPECT_EQ(vorn_wait_comm(&word, timeout), static_cast<uint64_t>(timeout));
@@ -129,14 +118,14 @@ TEST(Wait, WithoutModuleTheWordEndsItOrTheTime) {
 }
 
 // The word is tested, then the clock is read: a wake-up there comes between test and sleep.
-TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
-  struct Row {
+TEST(Wait, WakeUpBeforeTheSleepLeavesTheRestOfTheTime) {
+  const struct {
     int64_t timeout;
     long nanoseconds; // that pass
     uint64_t left;
-  };
-  for (const Row &row : {Row{250, 0, 250}, Row{250, 10000000, 248}, Row{250, 999999999, 1},
-                         Row{4, 16000000, 1}, Row{4, 90000000, 1}, Row{INT64_MAX, 1, INT64_MAX}}) {
+  } rows[] = {{250, 0, 250},    {250, 10000000, 248}, {250, 999999999, 1},
+              {4, 16000000, 1}, {4, 90000000, 1},     {INT64_MAX, 1, INT64_MAX}};
+  for (const auto &row : rows) {
     uint32_t word = 1;
     timespec time{1l << 33, 900000000};
     g_clock = [&](timespec *now) {
@@ -150,7 +139,7 @@ TEST(Wait, WakeUpAheadOfTheSleepLeavesTheRestOfTheTime) {
   }
 }
 
-// With a handler that restarts, and without a limit; the thread has blocked every signal before.
+// The handler restarts calls, the wait has no time limit, and the thread has blocked all signals.
 TEST(Wait, SignalsEndTheSleep) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
@@ -178,7 +167,7 @@ TEST(Wait, SignalsEndTheSleep) {
 }
 
 // A signal without its handler would end the process.
-TEST(Wait, SendsNothingWhileItsHandlerIsRefused) {
+TEST(Wait, SendsNoSignalWithoutItsHandler) {
   const std::string text = "signal SIGWAKEUP(" + std::to_string(SIGRTMAX - 4) + ") fail errno(1)";
   g_refuse_handlers = true;
   EXPECT_EQ(vorn_wake_up_process(tid()), EPERM);
@@ -211,7 +200,7 @@ protected:
   vorn_wait_entry_s entries[3];
 };
 
-TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
+TEST_F(Queue, HoldsTheLatestFirstAndWakesAll) {
   EXPECT_EQ(head.lock.magic, 0xDEAD4EADu);
   for (const int i : {0, 1, 2, 0})
     EXPECT_EQ(prepare_to_wait(&head, &entries[i]), 0);
@@ -239,7 +228,7 @@ TEST_F(Queue, LatestIsFirstAndAllAreWoken) {
   EXPECT_EQ(entries[0].flag, 1u); // and does not read it
 }
 
-TEST_F(Queue, LeavesOnlyUnderTheLock) {
+TEST_F(Queue, IsLeftUnderTheLock) {
   prepare_to_wait(&head, &entries[0]);
   vorn_spinlock_lock(&head.lock);
   int back_offs = 0;
@@ -252,14 +241,13 @@ TEST_F(Queue, LeavesOnlyUnderTheLock) {
   EXPECT_TRUE(queued().empty());
 }
 
-// A waker opens turns one by one, each for all waiting threads, which leave their stack frames
-// between turns. After a lost wake-up, a thread would sleep forever.
+// One thread opens turns one by one, each for all waiting threads, which leave their stack frames
+// between turns. After a lost wake-up, a thread sleeps forever.
 TEST_F(Queue, Stress) {
   constexpr int kWaiters = 3;
   const auto end = Clock::now() + milliseconds{600};
   std::atomic<int> turns{3000}; // the number of turns; lowered only to one that has not begun
-  std::atomic<int> turn{0};
-  std::atomic<int> taken{0};
+  std::atomic<int> turn{0}, taken{0};
   std::vector<std::jthread> waiters;
   for (int i = 0; i < kWaiters; ++i) {
     waiters.emplace_back([&] {
