@@ -60,12 +60,12 @@ TEST(Affinity, ThreadsAreBoundToTheLevel) {
   expected[0] = 0x0B; // 0, 1 and 3
   expected[127] = '\x80';
   EXPECT_EQ(bound, expected);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   bind_result = -1;
   EXPECT_EQ(vorn_set_thread_affinity(pthread_self(), kLevel), -1);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_affinity.c", "vorn_set_thread_affinity",
-                    "vorn_thrd_setbindcpu for tid(" + std::to_string(pthread_self()) +
-                        ") with(affinity_level_1) failed.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_affinity.c", "vorn_set_thread_affinity",
+                     "vorn_thrd_setbindcpu for tid(" + std::to_string(pthread_self()) +
+                         ") with(affinity_level_1) failed.");
 }
 
 TEST(Affinity, AnotherProcessHasNoLevel) {

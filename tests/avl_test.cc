@@ -136,12 +136,12 @@ TEST_F(Avl, AgreesWithAMapUnderRandomOperations) {
     }
     compare(static_cast<int>(random() % (kRecords / 2)));
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST_F(Avl, BadArgumentsAreReportedByTheFunctionThatGotThem) {
   EXPECT_EQ(vorn_insert_avl_node_specified(&tree_, &records_[2], &records_[2], 2), -1);
-  EXPECT_ONE_RECORD(vorn::kError, "vorn_avl.c", "vorn_insert_avl_node_specified", "Invalid Param");
+  EXPECT_ONE_MESSAGE(vorn::kError, "vorn_avl.c", "vorn_insert_avl_node_specified", "Invalid Param");
   EXPECT_EQ(vorn_get_avl_node_num(nullptr), -1);
   EXPECT_TRUE(checked_keys().empty());
 }

@@ -89,7 +89,7 @@ TEST_F(CfgEdit, ChangesTheFile) {
     EXPECT_EQ(scratch::read_file(path), row.after) << row.before;
   }
   EXPECT_FALSE(is_there(temporary));
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST_F(CfgEdit, RefusesWithoutAChangeOfTheFile) {
@@ -188,7 +188,7 @@ TEST_F(CfgEdit, EditsTheFileThatThePathNames) {
   EXPECT_EQ(scratch::read_file(path), "[s]\nk=new\nl=1\n");
   EXPECT_EQ(scratch::read_file(other), "[s]\nk=old\n");
   EXPECT_FALSE(is_locked(path) || is_locked(other));
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   ASSERT_EQ(remove(path.c_str()), 0);
   EXPECT_EQ(vorn_cfg_file_writeOperate(fd, &param, vorn_cfg_add_item_func), -1);
   EXPECT_EQ(capture::take_lines().at(0), "E Open file<" + path + "> failed, errno<2>");
@@ -217,8 +217,8 @@ TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
   const std::string big(1 << 20, 'v');
   EXPECT_EQ(run(kWrite, "s", "k", big), 22);
   const std::string room = std::to_string(before.size() + kSlack - 8 - 4 * (big.size() + 3));
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_write_item_func",
-                    "sprintf_s secure function failed, destMax<" + room + ">.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_cfg.c", "vorn_write_item_func",
+                     "sprintf_s secure function failed, destMax<" + room + ">.");
   EXPECT_EQ(scratch::read_file(path), before);
 
   // A new item: the text and a NUL fill the buffer exactly.
@@ -229,7 +229,7 @@ TEST_F(CfgWrite, WritesNothingWhenTheTextDoesNotFit) {
   EXPECT_EQ(scratch::read_file(path), "");
   EXPECT_EQ(run(kWrite, "s", "k", fits), 0);
   EXPECT_EQ(scratch::read_file(path), "[s]\nk=" + fits + "\n");
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST_F(CfgWrite, ClosesDescriptorZeroForANameThatIsTooLong) {
@@ -238,9 +238,9 @@ TEST_F(CfgWrite, ClosesDescriptorZeroForANameThatIsTooLong) {
   EXPECT_NE(fcntl(0, F_GETFD), -1);
   const std::string before = scratch::read_file(path);
   EXPECT_EQ(run(kWrite, "s", name63 + "n", "v"), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_write_item_to_file",
-                    "Strcpy_s failed pSection<s>, pItemName<" + name63 +
-                        "n>, pItemValue<v>, iRet = 34.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_write_item_to_file",
+                     "Strcpy_s failed pSection<s>, pItemName<" + name63 +
+                         "n>, pItemValue<v>, iRet = 34.");
   EXPECT_EQ(fcntl(0, F_GETFD), -1);
   EXPECT_EQ(scratch::read_file(path), before);
 }

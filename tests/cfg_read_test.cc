@@ -140,7 +140,7 @@ TEST_F(CfgRegistry, CountsReferences) {
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
   EXPECT_EQ(get(a, "k"), "2");
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(get(a, "k"), "-1");
   EXPECT_EQ(capture::take_lines().at(0), "E Can not find file " + a + ".");
   EXPECT_EQ(vorn_cfg_destroy_ex(a.c_str()), 0);
@@ -171,18 +171,18 @@ TEST_F(CfgRegistry, SetsValuesOnlyInMemory) {
   EXPECT_EQ(vorn_cfg_setItemValue_ex(a.c_str(), "s", "k", std::string(256, 'x').c_str()), 0);
   EXPECT_EQ(get(b, "k"), "newest");
   EXPECT_EQ(scratch::read_file(a), "[s]\nk=a\nl=a\n");
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(get(a, "k"), std::to_string(VORN_CFG_TOO_SMALL));
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_getItemValue_ex",
-                    "Invalid Buffer size, inputSize(256), actualSize(257).");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_cfg.c", "vorn_cfg_getItemValue_ex",
+                     "Invalid Buffer size, inputSize(256), actualSize(257).");
   vorn_cfg_destroy();
 }
 
 TEST_F(CfgRegistry, WarnsOfMissingItemsAtALimitedRate) {
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(get("k"), "-1");
-  const auto records = capture::take();
-  EXPECT_EQ(std::ranges::count(records, EVLOG_WARNING, &capture::Record::level), 3);
+  const auto messages = capture::take();
+  EXPECT_EQ(std::ranges::count(messages, EVLOG_WARNING, &capture::Message::level), 3);
 }
 
 TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {

@@ -110,7 +110,7 @@ TEST_F(Command, RefusalsAreNotLogged) {
   EXPECT_EQ(vorn_popen_with_pid("true", "r", nullptr), nullptr);
   EXPECT_EQ(vorn_cmd_exec(nullptr), -22);
   EXPECT_EQ(unused_pid, 5);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 
   EXPECT_EQ(output_of("echo a | cat", "|"), "a\n");
   EXPECT_EQ(exit_code(system_s("true; exit 7", ";")), 7);
@@ -152,8 +152,8 @@ TEST_F(CommandStream, CommandWithoutAStreamContinues) {
   EXPECT_EQ(pid, 5);
   const std::string ends = "pdes[0]=(" + std::to_string(first) + "), pdes[1]=(" +
                            std::to_string(first + 1) + "), errno:(22).";
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_str.c", "vorn_popen_with_pid",
-                    "Iop is NULL, modes:(x), " + ends);
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_str.c", "vorn_popen_with_pid",
+                     "Iop is NULL, modes:(x), " + ends);
   EXPECT_EQ(write(first + 1, "x", 1), 1);
   close(first + 1);
   EXPECT_GT(wait(nullptr), 0);
@@ -277,10 +277,10 @@ TEST_F(Command, ChecksTheArgumentsOnly) {
   EXPECT_EQ(execv_s(missing, 4, unsafe, ";|", nullptr), -1);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(execv_s(missing, 2, unsafe, nullptr, nullptr), -1);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(execv_s(missing, 4, unsafe, "|", nullptr), kDangerous);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_str.c", "execv_s",
-                    "execv cmd is dangerous, argv[3] is: c;d.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_str.c", "execv_s",
+                     "execv cmd is dangerous, argv[3] is: c;d.");
   EXPECT_EQ(run_in_child([&] { return execv_s("/bin/sh", 3, safe, nullptr, accept); }), 7);
 }
 

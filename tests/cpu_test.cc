@@ -66,7 +66,7 @@ TEST_F(Cpu, ListsOfCpus) {
     std::string text;
     int result;
     Cpus cpus;
-    Lines records;
+    Lines messages;
   } rows[] = {
       {"0,2- 4, 70,+8-+9", 0, {0, 2, 3, 4, 8, 9, 70}, {}},
       {"1022-2000", 0, {1022, 1023}, {}},
@@ -95,15 +95,15 @@ TEST_F(Cpu, ListsOfCpus) {
   };
   for (const auto &row : rows) {
     EXPECT_EQ(parsed(row.text, row.result), row.cpus) << row.text;
-    EXPECT_EQ(lines(), row.records) << row.text;
+    EXPECT_EQ(lines(), row.messages) << row.text;
   }
   uint64_t mask[VORN_CPUM_MASK_WORDS];
   EXPECT_TRUE(vorn_cpum_parse_cpumask(nullptr, mask) == -1 &&
               vorn_cpum_parse_cpumask("1", nullptr) == -1);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   parsed("x", -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list",
-                    "Parse cpu mask fail, invalid format:x");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_cpu.c", "vorn_cpum_parse_cpumask_as_list",
+                     "Parse cpu mask fail, invalid format:x");
   std::fill_n(mask, VORN_CPUM_MASK_WORDS, ~0ul);
   EXPECT_EQ(vorn_cpum_clear_cpumask_of_iod_poll(mask), 0);
   std::transform(mask, std::end(mask), mask, std::bit_not<uint64_t>());
@@ -142,7 +142,7 @@ TEST_F(Cpu, TableHoldsCompletePartitions) {
   ASSERT_NE(partition, nullptr);
   EXPECT_TRUE(partition->state == 0 && partition->cpubind == std::string(" 5-6"));
   EXPECT_EQ(vorn_cpum_get_partition("GROUP_2", "C"), nullptr);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_TRUE(vorn_cpum_get_partition(nullptr, "A") == nullptr &&
               vorn_cpum_get_partition("GROUP_4", nullptr) == nullptr &&
               vorn_cpum_dbg_show(nullptr) == -1);
@@ -156,7 +156,7 @@ TEST_F(Cpu, AFailedLoadIsNotRepeated) {
   const struct {
     std::string path;
     std::string content;
-    Lines records;
+    Lines messages;
     Cpus cpus;
     long fails = LONG_MAX; // the allocation that fails
   } rows[] = {
@@ -175,10 +175,10 @@ TEST_F(Cpu, AFailedLoadIsNotRepeated) {
       until_failure = row.fails;
       if (row.path == file) scratch::write_file(file, row.content);
       EXPECT_EQ(vorn_cpum_init(row.path.c_str()), row.content == good ? 0 : -1) << row.content;
-      EXPECT_EQ(lines(), row.records);
+      EXPECT_EQ(lines(), row.messages);
       EXPECT_EQ(vorn_cpum_init("/no/such/file"), 0);
       EXPECT_EQ(parsed("*/A"), row.cpus);
-      EXPECT_NO_RECORD();
+      EXPECT_NO_MESSAGE();
     });
   }
   until_failure = 3;
@@ -216,7 +216,7 @@ TEST_F(ProductFile, WithoutItThereAreNoPartitions) {
       EXPECT_EQ(lines(), failed);
       EXPECT_EQ(vorn_cpum_init(nullptr), 0);
       EXPECT_EQ(vorn_cpum_get_partition("GROUP_0", "A"), nullptr);
-      EXPECT_NO_RECORD();
+      EXPECT_NO_MESSAGE();
     });
   }
   EXPECT_EQ(parsed("*/A,2,*/A"), Cpus{2});

@@ -29,7 +29,7 @@ TEST(Cpumask, ListFiles) {
     std::string text;
     int result;
     Cpus cpus;
-    std::vector<std::string> records;
+    std::vector<std::string> messages;
   } rows[] = {
       {"0-3,8-11\n", 11, {0, 1, 2, 3, 8, 9, 10, 11}, {}},
       {"63-64,255,5\n7", 255, {5, 63, 64, 255}, {}},
@@ -49,7 +49,7 @@ TEST(Cpumask, ListFiles) {
     EXPECT_EQ(load_cpumask(masks, (folder / "list").c_str(), 0), row.result) << row.text;
     EXPECT_EQ(cpus_of(&masks[0]), row.cpus) << row.text;
     EXPECT_EQ(cpus_of(&masks[1]), Cpus{}) << row.text;
-    EXPECT_EQ(capture::take_lines(), row.records);
+    EXPECT_EQ(capture::take_lines(), row.messages);
   }
 }
 
@@ -70,8 +70,8 @@ TEST(Cpumask, AFailedLoadIsTriedAgainAndASuccessIsKept) {
   scratch::write_file(root + "possible", "0-5\n");
   scratch::write_file(root + "present", "0-3\n");
   EXPECT_EQ(cpumask_init(), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_cpumask.c", "cpumask_init",
-                    "Load_cpumask failed. possible_cpu = 5, online_cpu = -1, max_cpu=3\n");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_cpumask.c", "cpumask_init",
+                     "Load_cpumask failed. possible_cpu = 5, online_cpu = -1, max_cpu=3\n");
   scratch::write_file(root + "present", "2\n");
   for (const char *online : {"1\n", "3\n"}) {
     scratch::write_file(root + "online", online);

@@ -90,7 +90,7 @@ TEST(ConfigurationStore, AsksTheKernelModule) {
   EXPECT_EQ(calls[1].block.output, nullptr); // there is no reply
   EXPECT_EQ(calls[2].request, 258u);
   EXPECT_EQ(calls[2].block.input, nullptr);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST(ConfigurationStore, WritesNoMoreThanTheBufferHolds) {
@@ -111,7 +111,7 @@ TEST(ConfigurationStore, WritesNoMoreThanTheBufferHolds) {
     char out[300] = "before";
     EXPECT_EQ(vorn_cst_getItem("s", "i", out, row.size), row.result);
     EXPECT_EQ(out, row.out);
-    EXPECT_NO_RECORD();
+    EXPECT_NO_MESSAGE();
   }
 }
 

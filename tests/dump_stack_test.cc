@@ -199,7 +199,7 @@ TEST_F(Stack, WordsOfTheLiveStack) {
   vorn::thread::vorn_thread_dump_full_stack(7, start, {start, UINTPTR_MAX});
   EXPECT_EQ(capture::take_lines().size(), 3u);
   vorn::thread::vorn_thread_dump_full_stack(7, UINTPTR_MAX, {UINTPTR_MAX - 100, UINTPTR_MAX});
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 // No stack of the thread contains the stack pointer: the readable memory there is dumped.

@@ -39,12 +39,12 @@ namespace fs = std::filesystem;
 // The text of a wait status other than 0.
 void expect_failed(const std::string &function, const std::string &command, int result) {
   EXPECT_NE(result, 0);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_fileops.c", function,
-                    "Execute cmd(" + command + ") Fail(" + std::to_string(result) + ")");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_fileops.c", function,
+                     "Execute cmd(" + command + ") Fail(" + std::to_string(result) + ")");
 }
 
 struct Filecmd : testing::Test {
-  ~Filecmd() override { EXPECT_NO_RECORD(); }
+  ~Filecmd() override { EXPECT_NO_MESSAGE(); }
 
   scratch::Directory directory;
   const std::string one = directory / "one";
@@ -78,8 +78,8 @@ TEST_F(Filecmd, CommandsAndWhiteListsAreExact) {
     EXPECT_EQ(started, (std::vector<Started>{{row.command, row.whitelist}}));
     EXPECT_EQ(row.call(fits.c_str(), fits.c_str()), -29);
     started.clear();
-    for (const auto &record : capture::take())
-      EXPECT_EQ(record.function, row.name);
+    for (const auto &message : capture::take())
+      EXPECT_EQ(message.function, row.name);
   }
 }
 

@@ -63,7 +63,7 @@ class Fileops : public testing::Test {
 protected:
   ~Fileops() override {
     EXPECT_EQ(scratch::next_descriptor(), next_fd_);
-    EXPECT_NO_RECORD();
+    EXPECT_NO_MESSAGE();
   }
 
   scratch::Directory directory;
@@ -127,7 +127,7 @@ TEST_F(Fileops, FailedCopyIsLogged) {
     write_errors = {ENOSPC};
     EXPECT_EQ(vorn_copy(row.from.c_str(), row.to.c_str()), row.result);
     EXPECT_EQ(errno, row.error);
-    EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_fileops.c", "vorn_copy", row.text);
+    EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_fileops.c", "vorn_copy", row.text);
   }
   scratch::write_file(other, "kept");
   fail_next_malloc = true;

@@ -99,7 +99,7 @@ TEST(HashCreation, BucketsAreThePowerOfTwoNotAboveTheCount) {
     }
     EXPECT_EQ(taken, 0);
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(vorn_hash_create_ex(4, &table, 0, &half), -12);
   EXPECT_EQ(capture::take().at(0).function, "vorn_hash_malloc");
 }

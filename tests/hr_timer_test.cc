@@ -230,7 +230,7 @@ TEST(PosixTimers, CheckTheirArguments) {
   EXPECT_GE(time.it_value.tv_sec, 999);
   EXPECT_EQ(vorn_timer_getoverrun_posix(timer), 0);
   EXPECT_EQ(vorn_timer_delete_posix(timer), 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 } // namespace

@@ -44,7 +44,7 @@ TEST_F(Driver, CounterIsReadFromTheMapping) {
   scratch::write_file(kUio + "ui/x", "");
   const int before = scratch::next_descriptor();
   EXPECT_EQ(vorn_get_jiffies(), kCount);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   const vorn_jiffies_uio_s *record = jiffies_uio_get();
   EXPECT_EQ(record->addr, 0xffff000000000000u);
   EXPECT_EQ(record->size, 0x2000);
@@ -81,8 +81,8 @@ TEST_F(Driver, AnUnusableDriverIsReportedAndClosedAndTriedAgain) {
     install("0x1000", row.size, row.offset);
     std::filesystem::remove_all(row.missing);
     EXPECT_EQ(jiffies_usr_main(), -1);
-    EXPECT_ONE_RECORD(EVLOG_ERROR, "jiffies_uio_adp.c", "jiffies_uio_adp_open",
-                      "Vorn jiffies " + row.text);
+    EXPECT_ONE_MESSAGE(EVLOG_ERROR, "jiffies_uio_adp.c", "jiffies_uio_adp_open",
+                       "Vorn jiffies " + row.text);
     EXPECT_EQ(scratch::next_descriptor(), before);
     EXPECT_EQ(jiffies_uio_get()->jiffies, nullptr);
   }
@@ -96,11 +96,11 @@ TEST_F(Driver, AnUnusableDriverIsReportedAndClosedAndTriedAgain) {
 TEST_F(Driver, ATooLongNameIsReportedAndTakenAsNone) {
   scratch::write_file(kUio + "uio" + std::string(124, 'x') + "/x", "");
   EXPECT_EQ(jiffies_usr_main(), -1);
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].function, "vorn_get_child_dir");
-  EXPECT_EQ(records[0].text, "strcpy_s failed.");
-  EXPECT_EQ(records[1].text, "Vorn jiffies open addr_fd map failed, errno=2.");
+  const auto messages = capture::take();
+  ASSERT_EQ(messages.size(), 2u);
+  EXPECT_EQ(messages[0].function, "vorn_get_child_dir");
+  EXPECT_EQ(messages[0].text, "strcpy_s failed.");
+  EXPECT_EQ(messages[1].text, "Vorn jiffies open addr_fd map failed, errno=2.");
 }
 
 TEST(Jiffies, WithoutTheDriverTheClockCountsThem) {

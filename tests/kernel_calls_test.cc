@@ -70,7 +70,7 @@ TEST(KernelCalls, PassTwoWordsAndTheResult) {
     EXPECT_EQ(row.function(0, 0), -1);
     EXPECT_EQ(errno, EPERM);
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST(KernelCalls, CompareResultsAs32Bits) {
@@ -106,7 +106,7 @@ TEST(KernelCalls, CompareResultsAs32Bits) {
   EXPECT_EQ(capture::take_lines(), Lines{"Usrspace reboot: reason:18446744073709551615, mid:2."});
   answer = 5;
   EXPECT_EQ(vorn_get_free_mem(&free_memory), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Syscall failed 5.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_mem_manager.c", "vorn_get_free_mem", "Syscall failed 5.");
   EXPECT_EQ(vorn_get_cpu_task_info(0, &value), -1);
   EXPECT_EQ(vorn_get_idle_no_cstates(5, &value), 5);
   EXPECT_EQ(asked, request(0x305, 5, word(&value)));
@@ -218,8 +218,8 @@ TEST(TimeOfDay, IsTheSystemsWithoutAModule) {
   EXPECT_NEAR(local, seconds + 19800, 100);
   EXPECT_TRUE(dst == 0 && offset == 19800);
   EXPECT_EQ(vorn_time_getlocal_fromutc(INT64_MAX, &local), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_time_local.c", "vorn_time_getlocal_fromutc",
-                    "localtime_r failed, errno 75.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_time_local.c", "vorn_time_getlocal_fromutc",
+                     "localtime_r failed, errno 75.");
   EXPECT_EQ(vorn_time_gettime(&seconds, nullptr), -1);
 }
 
@@ -247,7 +247,7 @@ TEST(RandomBytes, FillTheBufferWithoutAClock) {
     EXPECT_FALSE(std::equal(bytes, bytes + 63, others));
   }
   get_random_bytes(nullptr, 5);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 } // namespace

@@ -177,13 +177,14 @@ TEST_F(Netlink, RefusesWhatItCannotListenOn) {
   EXPECT_EQ(KRAM_Netlink_ext3_listen(socket, 1, nullptr), -3);
   EXPECT_EQ(KRAM_Netlink_ext3_listen(STDIN_FILENO, 1, keep), -4);
   KRAM_Netlink_ext3_release(-1);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   close(STDIN_FILENO);
   EXPECT_GT(KRAM_Netlink_ext3_create(), STDERR_FILENO);
   is_missing = true;
   EXPECT_EQ(KRAM_Netlink_ext3_create(), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "kram_fs.c", "KRAM_Netlink_ext3_create",
-                    "KRAM_Netlink_ext3_create failed, sockfd:-1, errno:93,Protocol not supported.");
+  EXPECT_ONE_MESSAGE(
+      EVLOG_ERROR, "kram_fs.c", "KRAM_Netlink_ext3_create",
+      "KRAM_Netlink_ext3_create failed, sockfd:-1, errno:93,Protocol not supported.");
 }
 
 } // namespace

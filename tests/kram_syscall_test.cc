@@ -265,7 +265,7 @@ TEST(KramRegistry, RefusesBadEntriesAndKeepsTheFirstGroup) {
   for (const auto &[entry, text] : rows) {
     const kram_entry_s entries[] = {kGroup4[0], entry};
     EXPECT_EQ(KRAM_CheckGroupCalls(4, entries, 2), -1);
-    EXPECT_ONE_RECORD(EVLOG_ERROR, "kram_syscall_main.c", "KRAM_CheckGroupCalls", text);
+    EXPECT_ONE_MESSAGE(EVLOG_ERROR, "kram_syscall_main.c", "KRAM_CheckGroupCalls", text);
   }
   EXPECT_EQ(KRAM_CheckGroupCalls(4, std::vector(255, kGroup4[0]).data(), 255), 0);
   EXPECT_EQ(KRAM_RegSysCall(4, std::vector(256, kGroup4[0]).data(), 256), -1);
@@ -277,7 +277,7 @@ TEST(KramRegistry, RefusesBadEntriesAndKeepsTheFirstGroup) {
   EXPECT_EQ(KRAM_FindSysCall(0x402), nullptr);
   ASSERT_NE(KRAM_FindSysCall(0x401), nullptr);
   EXPECT_EQ(KRAM_FindSysCall(0x401)->handler, echo);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   KRAM_UnRegSysCall(4);
   KRAM_UnRegSysCall(33);
   for (const uint32_t command : {0x401u, 0x2000u, ~0u})
@@ -377,8 +377,8 @@ TEST(Kram, CallsGoThroughOneConnection) {
   request = {sizeof length, 64, &length, out};
   capture::take();
   EXPECT_EQ(KRAM_SysCall(0x402, &request), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "kram_syscall_linux_user.c", "KRAM_SysCall",
-                    "syscall_user: buffer length too small, hdr.len=100 uiOutBufLen=64");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "kram_syscall_linux_user.c", "KRAM_SysCall",
+                     "syscall_user: buffer length too small, hdr.len=100 uiOutBufLen=64");
   EXPECT_EQ(request.output_length, 64u);
   request.output_length = 100;
   EXPECT_EQ(KRAM_SysCall(0x402, &request), 100);
@@ -539,7 +539,7 @@ TEST(Kram, ClosesTheConnectionThatIsIdleLongestButNoBusyOne) {
     EXPECT_TRUE(ask_the_young());
     EXPECT_EQ(recv(fresh.get(), &byte, 1, 0), -1);
     EXPECT_EQ(errno, ECONNRESET);
-    EXPECT_NO_RECORD();
+    EXPECT_NO_MESSAGE();
 
     for (const vorn::UniqueFd &one : young)
       put(one.get(), message(0x403, ""));

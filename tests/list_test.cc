@@ -80,7 +80,7 @@ TEST_F(List, AgreesWithAQueueUnderRandomOperations) {
     }
     ASSERT_EQ(values(), std::vector<int>(model.begin(), model.end()));
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_TRUE(dumped.empty());
 }
 
@@ -95,7 +95,7 @@ protected:
 
   // Expects exactly this report of an operation, and that it shows these nodes.
   static void expect(const std::string &text, const std::vector<vorn_list_head_s *> &shown) {
-    EXPECT_ONE_RECORD(vorn::kError, "list_test.c", "Owner", "Abnormal list node " + text);
+    EXPECT_ONE_MESSAGE(vorn::kError, "list_test.c", "Owner", "Abnormal list node " + text);
     EXPECT_EQ(std::exchange(dumped, {}), shown);
   }
 
@@ -134,9 +134,9 @@ TEST_F(DamagedList, TakingTheFirstReportsThatItDoesNotPointBack) {
 // From now on, a fault writes the log messages to standard error and ends the process.
 vorn::list::Show shown_at_fault() {
   signal(SIGSEGV, [](int) {
-    for (const auto &record : capture::take())
-      std::fprintf(stderr, "%d %s %u %s\n", record.level, record.file.c_str(), record.line,
-                   record.text.c_str());
+    for (const auto &message : capture::take())
+      std::fprintf(stderr, "%d %s %u %s\n", message.level, message.file.c_str(), message.line,
+                   message.text.c_str());
     _exit(1);
   });
   return dump;

@@ -114,7 +114,7 @@ TEST(LwpModule, StartsOnceAndTriesAgainAfterAFailure) {
   EXPECT_TRUE(LwpModuleInit() == 0 && LwpIsModuleInited() == 0);
   capture::take();
   EXPECT_EQ(LwpModuleInit() + LwpInstModuleInit() + LwpVarModuleInit() + LwpDebugInit(), 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(make(), id_of(0, 0));
   g_refused_size = 2 * 8;
   EXPECT_TRUE(LwpInstDelete(id_of(0, 0), -1) == 0 && make() == LWP_NONE);
@@ -135,7 +135,7 @@ TEST_F(Lwp, IdOfADeletedInstanceIsRefused) {
   for (uint64_t slot = 0; slot < 16; ++slot)
     EXPECT_EQ(make((name + "longer").c_str()), id_of(slot, slot));
   EXPECT_EQ(make(), LWP_NONE);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   const uint64_t old = id_of(5, 5);
   const std::string invalid = "Invalid instId:" + hex(old);
   EXPECT_EQ(LwpInstGetName(old), name);
@@ -189,9 +189,9 @@ TEST_F(Lwp, DeletionWaitsForReferences) {
   capture::take();
   EXPECT_EQ(LwpInstDelete(id, 1100), -109); // long enough for one report, not two
   EXPECT_GE(vorn_time_getmillisec() - start, 1100u);
-  const auto records = capture::take();
-  ASSERT_TRUE(records.size() == 2 && records[0].level == capture::kOriginal);
-  EXPECT_EQ(records[0].text, "Lwp show auto statistic info of LWP_GET_INST, size:1024 used:1");
+  const auto messages = capture::take();
+  ASSERT_TRUE(messages.size() == 2 && messages[0].level == capture::kOriginal);
+  EXPECT_EQ(messages[0].text, "Lwp show auto statistic info of LWP_GET_INST, size:1024 used:1");
   // A walk visits the normal ones.
   const uint64_t others[] = {make(), make(), make()}; // of which the last is not reached
   std::vector<uint64_t> seen;
@@ -212,7 +212,7 @@ TEST_F(Lwp, DeletionWaitsForReferences) {
   other.join();
   EXPECT_EQ(word, 0u);
   EXPECT_EQ(LwpInstGet(0), -1); // attached, but gone
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 struct Task {
@@ -421,8 +421,8 @@ TEST_F(Lwp, TraceShowsTheLastSwitches) {
   capture::take();
   EXPECT_EQ(vorn_exception_call_chain(0, nullptr, nullptr, 0, 0, 0), 1);
   Lines lines;
-  for (const auto &record : capture::take())
-    if (record.level == capture::kOriginal) lines.push_back(record.text);
+  for (const auto &message : capture::take())
+    if (message.level == capture::kOriginal) lines.push_back(message.text);
   ASSERT_EQ(lines.size(), 12u);
   const std::string tid = "<" + std::to_string(gettid()) + "> ";
   for (const int number : {1, 3})

@@ -51,7 +51,7 @@ TEST(MemSystem, ProtectionCountsIn4096BytesAndNeedsWholePages) {
     unsigned int units;
     int result;
     size_t length; // 0: nothing is changed
-    std::string record;
+    std::string message;
   } rows[] = {
       {4096, 0x11000, 3, 0, 12288, ""},
       {4096, 1, 1, EINVAL, 4096, "E set page protect read failed, page_addr(0x1), errno(22):"},
@@ -78,9 +78,9 @@ TEST(MemSystem, ProtectionCountsIn4096BytesAndNeedsWholePages) {
     if (row.length != 0) wanted = {{row.length, PROT_READ}, {row.length, PROT_WRITE}};
     EXPECT_EQ(protections, wanted) << row.units;
     const auto texts = capture::take_lines();
-    EXPECT_EQ(texts.size(), row.record.empty() ? 0u : 2u);
+    EXPECT_EQ(texts.size(), row.message.empty() ? 0u : 2u);
     for (const std::string &text : texts)
-      EXPECT_TRUE(text.starts_with(row.record)) << text;
+      EXPECT_TRUE(text.starts_with(row.message)) << text;
   }
 }
 
@@ -89,8 +89,8 @@ TEST(MemSystem, MeminfoRows) {
   meminfo = directory / "meminfo";
   unsigned long total = 0;
   EXPECT_EQ(vorn_get_total_mem(&total), -1);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_mem_manager.c", "vorn_get_meminfo",
-                    "Fopen /proc/meminfo fail errno 2.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_mem_manager.c", "vorn_get_meminfo",
+                     "Fopen /proc/meminfo fail errno 2.");
   const struct {
     const char *text;
     int result;

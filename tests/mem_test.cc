@@ -55,11 +55,11 @@ TEST(Mem, BlocksHaveAHeaderAndAreCounted) {
   }
   EXPECT_EQ(vorn_memset(nullptr, 0, 1), nullptr);
   EXPECT_EQ(vorn_malloc(1, 0), nullptr);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 
   EXPECT_EQ(vorn_mallocsubstandard(1, 0xFFFFFFF0, 0, "f", 1), nullptr); // wraps with its header
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_mem.c", "vorn_mallocsubstandard",
-                    "Malloc memory fails. PID: (1), size: (-16), type: (1).");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_mem.c", "vorn_mallocsubstandard",
+                     "Malloc memory fails. PID: (1), size: (-16), type: (1).");
 }
 
 TEST(Mem, ReportsTheFreeOfAForeignBlock) {

@@ -83,7 +83,7 @@ TEST_F(Chain, CallsTheBlocksInTheOrderOfTheirPriorities) {
               vorn_atomic_notifier_chain_unregister(nullptr, &stranger) == 0 &&
               vorn_atomic_notifier_chain_unregister(&chain, nullptr) == 0 &&
               vorn_atomic_notifier_call_chain__(nullptr, 0, nullptr, -1, nullptr) == 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST_F(Chain, LogsItsCalls) {
@@ -92,8 +92,8 @@ TEST_F(Chain, LogsItsCalls) {
   const std::string at = pointer(&block);
   const std::string data = "action=3, data=" + pointer(&chain);
   vorn_atomic_notifier_chain_register__(&chain, &block, "b.c", 7);
-  EXPECT_ONE_RECORD(6, "vorn_notifier.c", "vorn_atomic_notifier_chain_register__",
-                    "Notifier chain events register (b.c:7, " + at + ", " + run + ", 9), ret=0");
+  EXPECT_ONE_MESSAGE(6, "vorn_notifier.c", "vorn_atomic_notifier_chain_register__",
+                     "Notifier chain events register (b.c:7, " + at + ", " + run + ", 9), ret=0");
   EXPECT_EQ(call(), 0xab);
   vorn_atomic_notifier_chain_unregister__(&chain, &block, "b.c", 8);
   EXPECT_EQ(capture::take_lines(),

@@ -48,7 +48,7 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
   const struct {
     std::string content;
     const char *section; // the function of the log message
-    std::string record;
+    std::string message;
     int count;
   } rows[] = {
       {"", "CPU", "E Get cpu num fail, ret:-1", 0},
@@ -67,10 +67,10 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
   for (const auto &row : rows) {
     until_failure = row.count == 1 ? 0 : LONG_MAX;
     EXPECT_EQ(load(vorn_numam_init, row.content), -1) << row.content;
-    const Lines records = lines();
-    ASSERT_GE(records.size(), 2u) << row.content;
-    EXPECT_EQ(records[records.size() - 2], row.record);
-    EXPECT_EQ(records.back(), std::string("E Parse numa cfg ") + row.section + "_PARTITION fail.");
+    const Lines messages = lines();
+    ASSERT_GE(messages.size(), 2u) << row.content;
+    EXPECT_EQ(messages[messages.size() - 2], row.message);
+    EXPECT_EQ(messages.back(), std::string("E Parse numa cfg ") + row.section + "_PARTITION fail.");
     EXPECT_EQ(vorn_numam_num_get(), row.count);
   }
   EXPECT_TRUE(registered()) << "by a load that failed";
@@ -88,7 +88,7 @@ TEST_F(Numa, AFailedLoadIsTriedAgain) {
   EXPECT_EQ(vorn_numam_status_get(), 1u);
   EXPECT_EQ(load(vorn_numam_init, ""), 0) << "loaded already";
   EXPECT_EQ(vorn_numam_module_init(nullptr), 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   uint64_t set[VORN_NUMAM_CPUSET_WORDS];
   EXPECT_EQ(vorn_numam_cpuset_get(0, set), 0);
   EXPECT_EQ(cpus_of(set, 1024), Cpus{7}) << "of the first node 0, which a failed load has read";
@@ -118,7 +118,7 @@ TEST_F(Numa, AnswersAfterTheLoad) {
   EXPECT_TRUE(vorn_numam_cpuset_get(65, set) == 0 && vorn_numam_cpumask_get(65, &mask) == 0);
   EXPECT_EQ(cpus_of(set, 1024), (Cpus{65, 300}));
   EXPECT_EQ(cpus_of(mask.words, 256), Cpus{65});
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_TRUE(vorn_numam_cpuset_get(5, set) == -1 && vorn_numam_cpumask_get(5, &mask) == -1);
   EXPECT_EQ(cpus_of(set, 1024), Cpus{8});
   capture::take();
@@ -133,7 +133,7 @@ TEST_F(Numa, ListsOfCpus) {
   const struct {
     std::string list;
     Cpus cpus;
-    std::string record; // about the first wrong item; empty if there is none
+    std::string message; // about the first wrong item; empty if there is none
   } rows[] = {
       {"0-3,9- 10", {0, 1, 2, 3, 9, 10}, ""},
       {"254-257,4294967295", {254, 255, 256, 257}, ""},
@@ -145,14 +145,14 @@ TEST_F(Numa, ListsOfCpus) {
   for (const auto &row : rows) {
     uint64_t set[VORN_NUMAM_CPUSET_WORDS + 1] = {};
     cpumask masks[2] = {};
-    const int result = row.record.empty() ? 0 : -1;
-    const auto records = [&](const std::string &what) {
-      return result == 0 ? Lines{} : Lines{row.record, "E Parse " + what + row.list + " fail."};
+    const int result = row.message.empty() ? 0 : -1;
+    const auto messages = [&](const std::string &what) {
+      return result == 0 ? Lines{} : Lines{row.message, "E Parse " + what + row.list + " fail."};
     };
     EXPECT_EQ(vorn_numam_parse_cpuset(row.list.c_str(), set), result);
-    EXPECT_EQ(lines(), records("CpuSet "));
+    EXPECT_EQ(lines(), messages("CpuSet "));
     EXPECT_EQ(vorn_numam_parse_cpumask(row.list.c_str(), masks), result);
-    EXPECT_EQ(lines(), records("cpu mask "));
+    EXPECT_EQ(lines(), messages("cpu mask "));
     Cpus of_mask = row.cpus;
     std::erase_if(of_mask, [](unsigned int cpu) { return cpu >= 256; });
     EXPECT_EQ(cpus_of(set, 1024), row.cpus) << row.list;
@@ -168,7 +168,7 @@ TEST_F(Numa, ListsOfCpus) {
               vorn_numam_parse_cpuset_as_list("1-2,5", set) == 0 &&
               vorn_numam_parse_cpumask_as_list("255-256", &mask) == 0 &&
               vorn_numam_parse_cpustr("12-13", &start, &end) == 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(cpus_of(set, 1024), (Cpus{1, 2, 3}));
   EXPECT_EQ(cpus_of(mask.words, 256), (Cpus{3, 255}));
   EXPECT_TRUE(vorn_numam_parse_cpustr("7-5", &start, &end) == -1 &&
@@ -241,9 +241,9 @@ TEST_F(Numa, DefaultFile) {
     EXPECT_EQ(vorn_numam_init(nullptr), 0);
     EXPECT_EQ(vorn_numam_num_get(), 2);
   });
-  const Lines records = lines();
-  EXPECT_EQ(records.size(), 6u) << "one load";
-  EXPECT_EQ(records[0], "Numa cfg " + path + ".");
+  const Lines messages = lines();
+  EXPECT_EQ(messages.size(), 6u) << "one load";
+  EXPECT_EQ(messages[0], "Numa cfg " + path + ".");
 }
 
 } // namespace

@@ -47,11 +47,11 @@ TEST(ProcessVersion, IsTakenOnce) {
 TEST(ProcessVersion, StaysZeroWhenTheClockFailsOnce) {
   clock_works = false;
   EXPECT_EQ(ps_get_version(), 0u);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_process.c", "ps_get_version",
-                    "Clock_gettime fail ret:-1 errno:1");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_process.c", "ps_get_version",
+                     "Clock_gettime fail ret:-1 errno:1");
   clock_works = true;
   EXPECT_EQ(ps_get_version(), 0u);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST(LibraryVersion, IsThatOfItsHeaders) {
@@ -128,10 +128,10 @@ TEST_F(NodeNames, AddRowsAndReportBadLines) {
     pid_destroy_names();
   }
   std::string lines; // the file is read once
-  for (const auto &record : capture::take()) {
-    EXPECT_EQ(record.level, EVLOG_WARNING);
-    EXPECT_EQ(record.file + record.function, "vorn_process.cpid_init_names");
-    lines += record.text.substr(0, record.text.find(" is ")).substr(27);
+  for (const auto &message : capture::take()) {
+    EXPECT_EQ(message.level, EVLOG_WARNING);
+    EXPECT_EQ(message.file + message.function, "vorn_process.cpid_init_names");
+    lines += message.text.substr(0, message.text.find(" is ")).substr(27);
   }
   EXPECT_EQ(lines, " line 6 line 7 line 8 line 9 line 10");
 }
@@ -139,8 +139,8 @@ TEST_F(NodeNames, AddRowsAndReportBadLines) {
 TEST_F(NodeNames, ReportsAFileThatItCannotRead) {
   ASSERT_EQ(mkfifo(names_file.c_str(), 0600), 0); // no process writes to it
   EXPECT_STREQ(vorn_pid_get_name(381), "OSAX");
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_process.c", "pid_init_names",
-                    "/WRK/conf/vorn_module_names is not a table of module names.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_process.c", "pid_init_names",
+                     "/WRK/conf/vorn_module_names is not a table of module names.");
 }
 
 } // namespace

@@ -75,15 +75,15 @@ TEST(Ring, CountIsAPowerOfTwoAndTheRingIsAligned) {
   }
   for (const std::uint32_t count : {0u, 12u, 0x0FFFFFFFu, 0x10000000u, 0x80000000u}) {
     EXPECT_EQ(vorn_ring_create(count, 0), nullptr) << count;
-    EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_ring.c", "vorn_ring_create",
-                      "vorn_ring_create:uiCount must be a power of 2 or great than MAX");
+    EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_ring.c", "vorn_ring_create",
+                       "vorn_ring_create:uiCount must be a power of 2 or great than MAX");
   }
   no_memory = true;
   vorn_ring_s *ring = vorn_ring_create(0x08000000, 0);
   no_memory = false;
   EXPECT_EQ(ring, nullptr);
   vorn_ring_delete(&ring);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(vorn_ring_count(nullptr), 0xFFFFFFFF);
   EXPECT_EQ(vorn_ring_enqueue(nullptr, object(1)), -1);
   EXPECT_EQ(capture::take_lines(), std::vector<std::string>(2, "E Vorn ring id is NULL."));
@@ -152,7 +152,7 @@ TEST(Ring, AgreesWithAQueue) {
         expect_a_queue(size, flags, counters);
     }
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 // What passes through the ring in the case with threads: nothing here is atomic, so that the ring

@@ -79,10 +79,10 @@ TEST(Sched, BindsToOneConfiguredCpu) {
   EXPECT_EQ(bound, 299);
   EXPECT_EQ(smp_processor_id(), 299);
   EXPECT_EQ(vorn_sched_setaffinity(298), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
-                    "set affinity fail, errno:22");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
+                     "set affinity fail, errno:22");
   EXPECT_EQ(vorn_sched_setaffinity(300), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
-                    "cpu num overstep, current only has 300 cpu");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_sched.c", "vorn_sched_setaffinity",
+                     "cpu num overstep, current only has 300 cpu");
   EXPECT_EQ(smp_processor_id(), 299);
 }

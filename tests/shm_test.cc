@@ -41,7 +41,7 @@ protected:
   ~Shm() override {
     shm_unlink(name.c_str());
     EXPECT_EQ(scratch::next_descriptor(), next_fd_);
-    EXPECT_NO_RECORD();
+    EXPECT_NO_MESSAGE();
   }
 
   char *open_as(int flags) {
@@ -60,7 +60,7 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   // another creator learns that it is not the first, and attaches
   EXPECT_EQ(open_as(O_CREAT | O_EXCL | O_RDWR), nullptr);
   EXPECT_EQ(errno, EEXIST);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   auto *attached = static_cast<char *>(vorn_shm_create(name.c_str(), kSize));
   const char *readable = open_as(O_RDONLY);
   created[kSize - 1] = 'x';
@@ -71,7 +71,7 @@ TEST_F(Shm, TheCreatorAndItsOtherUsersShareTheMemory) {
   EXPECT_EQ(vorn_shm_destroy(name.c_str()), 0);
   EXPECT_EQ(attached[kSize - 1], 'x');
   EXPECT_EQ(open_as(O_RDWR), nullptr);
-  EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Open shm fail, fd<-1> errno<2>.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, kFile, kCreate, "Open shm fail, fd<-1> errno<2>.");
 }
 
 TEST_F(Shm, IsNotCancelledAndUsesNoStandardDescriptor) {
@@ -93,7 +93,7 @@ TEST_F(Shm, ReportsFailuresAndClosesTheObject) {
   fallocate_error = ENOSPC; // the machine lacks the memory: not mapped
   EXPECT_EQ(vorn_shm_create(name.c_str(), kSize), nullptr);
   EXPECT_EQ(errno, ENOSPC);
-  EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Fallocate shm fail, ret<-1> errno<28>.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, kFile, kCreate, "Fallocate shm fail, ret<-1> errno<28>.");
   for (const int error : {EINTR, EOPNOTSUPP, EBADF}) {
     fallocate_error = error;
     void *address = vorn_shm_create(name.c_str(), kSize);
@@ -103,12 +103,12 @@ TEST_F(Shm, ReportsFailuresAndClosesTheObject) {
 
   EXPECT_EQ(vorn_shm_create(name.c_str(), 0), nullptr);
   EXPECT_EQ(errno, EINVAL);
-  EXPECT_ONE_RECORD(EVLOG_INFO, kFile, kCreate, "Mmap shm mem fail, errno<22>.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, kFile, kCreate, "Mmap shm mem fail, errno<22>.");
   void *address = open_as(O_ACCMODE); // the system's to say
   EXPECT_EQ(capture::take_lines().at(0), "E Oflag open failed, oflag<3>.");
   if (address != nullptr) munmap(address, kSize);
   EXPECT_EQ(vorn_shm_destroy(nullptr), -1);
-  EXPECT_ONE_RECORD(EVLOG_INFO, kFile, "vorn_shm_destroy", "Destroy shm fail, ret<-1> errno<22>.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, kFile, "vorn_shm_destroy", "Destroy shm fail, ret<-1> errno<22>.");
 }
 
 } // namespace

@@ -44,7 +44,7 @@ TEST(Smp, AsksAgainForAMissingCountAndKeepsAKnownOne) {
   EXPECT_EQ(num_config_cpus(), 5u);
   EXPECT_EQ(num_online_cpus(), 3u);
   EXPECT_EQ(g_onlineCpuNum, 3u);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST(Smp, OnlyTheStartTakesMoreCpusThanAMaskHolds) {

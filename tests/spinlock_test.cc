@@ -61,7 +61,7 @@ TEST(Spinlock, YieldsAfter100MicrosecondsAndDumpsTheStackIfTheFlagIsSet) {
   capture::take();
   vorn_spinlock_set_flags(~VORN_SPINLOCK_DUMP_STACK);
   wants_the_lock();
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   vorn_spinlock_set_flags(VORN_SPINLOCK_DUMP_STACK);
   wants_the_lock();
   const auto records = capture::take();

@@ -39,11 +39,11 @@ TEST(Str, ReadsCharactersAndNumbers) {
   }
   EXPECT_EQ(vorn_str_tou64("--1"), 0u);
   EXPECT_EQ(vorn_str_tos64("--1"), 1);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(vorn_str_tou64("18446744073709551616"), UINT64_MAX);
   EXPECT_EQ(errno, ERANGE);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_str.c", "vorn_str_tou64",
-                    "Strtou64 fail because of error 34, Numerical result out of range.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_str.c", "vorn_str_tou64",
+                     "Strtou64 fail because of error 34, Numerical result out of range.");
 }
 
 TEST(Str, SplitsAtRunsOfDelimiters) {

@@ -257,10 +257,10 @@ TEST_F(ChangedFile, IsLeftOutUnlessItIsTheLoadedOne) {
     EXPECT_EQ(text_at(library["fixture_sized"]), row.text);
     EXPECT_EQ(text_at(probe), "symbol_probe+0x0");
     if (!row.text.empty()) {
-      EXPECT_NO_RECORD();
+      EXPECT_NO_MESSAGE();
     } else {
-      EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_symbol.c", "vorn_symbol_init",
-                        "Symbols of " + path_ + " are not known.");
+      EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_symbol.c", "vorn_symbol_init",
+                         "Symbols of " + path_ + " are not known.");
     }
   }
 }

@@ -67,11 +67,11 @@ TEST(Pool, RunsJobsOnItsThreadsAndOthersOnNewOnes) {
   capture::take();
   EXPECT_EQ(vorn_thread_pool_create(0), 0u);
   EXPECT_EQ(vorn_thread_pool_create(8), 3u);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_create",
-                    "Create OS thread pool 8, success 3.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_create",
+                     "Create OS thread pool 8, success 3.");
   EXPECT_EQ(vorn_thread_pool_create(5), 0u);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_create",
-                    "OS thread pool just allowed create once 5.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_create",
+                     "OS thread pool just allowed create once 5.");
   wait_for_idle(8);
   Jobs jobs(10);
   for (int i = 0; i < 10; ++i)
@@ -104,7 +104,7 @@ TEST(Pool, OfOneThreadIsTheSpawner) {
   EXPECT_EQ(jobs.ended, 1) << "what ends the pool is no job";
   capture::take();
   EXPECT_EQ(vorn_thread_pool_destroy(), 0);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_destroy", "TBA:res1 0, res2 0.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_thrd.c", "vorn_thread_pool_destroy", "TBA:res1 0, res2 0.");
 }
 
 TEST(Pool, NextJobFindsTheThreadUnchanged) {

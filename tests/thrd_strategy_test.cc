@@ -69,8 +69,8 @@ TEST_F(Strategy, IsItsOwnElseTheDefaultElseNone) {
   EXPECT_EQ(recorded(), VORN_THRD_STRATEGY_NONE);
   EXPECT_TRUE(prios.empty() && bindings.empty());
   EXPECT_EQ(vorn_setCurThreadStrategy(9), 0);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_getValidThreadAttr",
-                    "Invalid thread strategy 9.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_thrd.c", "vorn_getValidThreadAttr",
+                     "Invalid thread strategy 9.");
 
   const vorn_thrd_strategy_s usual = {static_cast<uint32_t>(-5), "0-3,9"};
   const vorn_thrd_strategy_s busy = {10, "17"};

@@ -133,8 +133,8 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   found->slot->count = 0;
   EXPECT_EQ(vorn_thrd_putthreadinfo(found), 0);
   EXPECT_EQ(found->slot->count, 0u);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_putthreadinfo",
-                    "Put of thread slot 0, which no thread holds.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_putthreadinfo",
+                     "Put of thread slot 0, which no thread holds.");
 }
 
 TEST(Registry, ThreadBeyondTheTableRunsUnlisted) {
@@ -155,8 +155,8 @@ TEST(Registry, FailedStartsLeakNothing) {
   const auto entry = [](void *) -> void * { return nullptr; };
   create_error = EAGAIN;
   EXPECT_EQ(vorn_thrd_create(entry, nullptr, nullptr), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "create_thread_raw_base",
-                    "Create thread failed, error 11.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "create_thread_raw_base",
+                     "Create thread failed, error 11.");
   create_error = 0;
   // The first record exists; another thread needs memory for its record and its stack.
   vorn_thread_s *cached = vorn::thread::take_record(nullptr, nullptr);
@@ -178,8 +178,8 @@ TEST(Registry, FailedStartsLeakNothing) {
 TEST(Registry, AdoptsAThreadAndLetsItGo) {
   capture::take();
   vorn_thrd_setname("x%d", 1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_setname",
-                    "Vorn set thrd name(x%d) fail, please use vorn or Kram create thrd.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_setname",
+                     "Vorn set thrd name(x%d) fail, please use vorn or Kram create thrd.");
   EXPECT_EQ(vorn_thrd_clearcurthreadinfo(), -1);
   EXPECT_EQ(vorn_thrd_setcurthreadinfo(), 0);
   EXPECT_EQ(vorn_thrd_setcurthreadinfo(), 0);
@@ -211,11 +211,11 @@ TEST(Registry, ChildOfForkSeesItselfAlone) {
 
 TEST(Registry, KernelModuleReportsTheStatus) {
   vorn_thrd_getstatus(42);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   vorn_thrd_getstatus(43);
   EXPECT_EQ(asked_tid, 43u);
-  EXPECT_ONE_RECORD(EVLOG_INFO, "vorn_thrd.c", "vorn_thrd_getstatus",
-                    "Vorn syscall for thrd_getstatus failed.");
+  EXPECT_ONE_MESSAGE(EVLOG_INFO, "vorn_thrd.c", "vorn_thrd_getstatus",
+                     "Vorn syscall for thrd_getstatus failed.");
 }
 
 TEST(Registry, ContextsBelongToTheThread) {
@@ -322,11 +322,11 @@ TEST(Names, OfProcessAndExecutable) {
     EXPECT_STREQ(large.data(), "thrd_test");
   }
   EXPECT_EQ(vorn_get_process_name(name, 4), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "vorn_get_process_name",
-                    "strncpy_s failed, processName(thrd_test).");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "vorn_get_process_name",
+                     "strncpy_s failed, processName(thrd_test).");
   EXPECT_EQ(vorn_get_process_exe_name(nullptr, 32), -1);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_thrd.c", "vorn_get_process_exe_name",
-                    "programName is NULL.");
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "vorn_get_process_exe_name",
+                     "programName is NULL.");
 }
 
 TEST(Watch, IsSharedWithAChild) {

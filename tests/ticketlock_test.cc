@@ -91,7 +91,7 @@ TEST(Ticketlock, ServesInTheOrderOfArrival) {
   for (std::thread &thread : threads)
     thread.join();
   EXPECT_EQ(served, (std::vector<uint32_t>{0, 1, 2, 3}));
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 // Few threads, since two CPUs run them. The numbers wrap during the test.
@@ -105,7 +105,7 @@ TEST(Ticketlock, Stress) {
   EXPECT_NO_DAMAGE(stress::run({waits, tries}));
   EXPECT_NO_DAMAGE(stress::run({waits, tries, tries}));
   EXPECT_EQ(lock.serving, lock.next);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 } // namespace

@@ -93,7 +93,7 @@ TEST(Wheel, RunsEachTimerWhenANaiveModelDoes) {
     for (vorn_timer_s &timer : timers)
       timer = {};
   }
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 class WheelTimers : public testing::Test {
@@ -126,7 +126,7 @@ TEST(TimerStart, RefusesUntilStartedAndTriesAgainAfterAFailure) {
   g_failing = "";
   EXPECT_EQ(vorn_timer_module_init(), 0);
   EXPECT_EQ(vorn_timer_module_init(), 0);
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
   EXPECT_EQ(vorn_timer_add(&timer), 0);
   EXPECT_TRUE(soon([&] { return timer.fired == 1; }));
 }
@@ -350,7 +350,7 @@ TEST_P(AnyTimers, RunOnceAndNeverEarlyInAStorm) {
   std::this_thread::sleep_for(milliseconds{50});
   for (std::size_t i = 0; i < timers.size(); ++i)
     ASSERT_EQ(timers[i]->fired, wanted(i)) << i;
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST_P(AnyTimers, DeleteSyncWaitsForTheCallAlone) {

@@ -225,7 +225,7 @@ TEST(StandIn, ShowsThreadsAndTheirStacks) {
   EXPECT_NE(text.find(own), text.npos) << text;
   EXPECT_TRUE(survived);
   EXPECT_EQ(text.find(own), text.rfind(own)) << "printing was off";
-  EXPECT_NO_RECORD();
+  EXPECT_NO_MESSAGE();
 }
 
 TEST(StandIn, WaitsUntilItIsWokenOrTheTimeIsOver) {

@@ -171,7 +171,7 @@ TEST(Wait, SendsNoSignalWithoutItsHandler) {
   const std::string text = "signal SIGWAKEUP(" + std::to_string(SIGRTMAX - 4) + ") fail errno(1)";
   g_refuse_handlers = true;
   EXPECT_EQ(vorn_wake_up_process(tid()), EPERM);
-  EXPECT_ONE_RECORD(EVLOG_ERROR, "vorn_sched.c", "wakeup_signal_init", text);
+  EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_sched.c", "wakeup_signal_init", text);
   EXPECT_EQ(vorn_sched_init(), -1);
   EXPECT_EQ(capture::take_lines(),
             (std::vector<std::string>{"E " + text, "E sched init fail s_sched_init(-1)"}));

@@ -23,7 +23,7 @@ using Cpus = std::vector<unsigned int>;
 // about missing items.
 inline Lines lines_of(const std::string &source) {
   Lines lines;
-  for (const capture::Record &record : capture::take()) {
+  for (const capture::Message &record : capture::take()) {
     if (record.file == "vorn_cfg.c") continue;
     EXPECT_EQ(record.file, source) << record.text;
     EXPECT_TRUE(record.level == EVLOG_ERROR || record.level == EVLOG_INFO) << record.text;

@@ -20,7 +20,7 @@ namespace {
 std::atomic<unsigned long> next_number{0};
 
 std::mutex mutex;
-std::vector<Record> records;
+std::vector<Message> messages;
 std::vector<unsigned long> numbers; // of the log messages
 
 // The lines of evlog_original, which signal handlers call: stored without a lock, and only the
@@ -43,9 +43,9 @@ std::string format_text(const char *format, va_list args) {
   return length < 0 ? std::string() : std::string(text);
 }
 
-void keep(Record record) {
+void keep(Message message) {
   std::lock_guard hold{mutex};
-  records.push_back(std::move(record));
+  messages.push_back(std::move(message));
   numbers.push_back(next_number++);
 }
 
@@ -59,29 +59,29 @@ void keep_original(const char *format, va_list args) {
   originals[at].complete.store(true, std::memory_order_release);
 }
 
-std::string mark(const Record &record) {
-  return record.level == EVLOG_ERROR ? "E " : record.level == EVLOG_WARNING ? "W " : "";
+std::string mark(const Message &message) {
+  return message.level == EVLOG_ERROR ? "E " : message.level == EVLOG_WARNING ? "W " : "";
 }
 
 } // namespace
 
 // Does not allocate unless evlog_original was called.
-std::vector<Record> take() {
+std::vector<Message> take() {
   std::lock_guard hold{mutex};
   for (; taken < std::size(originals) && originals[taken].complete.load(std::memory_order_acquire);
        ++taken) {
     const auto at = std::ranges::upper_bound(numbers, originals[taken].number) - numbers.begin();
-    records.insert(records.begin() + at, {0, kOriginal, "", 0, "", originals[taken].text});
+    messages.insert(messages.begin() + at, {0, kOriginal, "", 0, "", originals[taken].text});
     numbers.insert(numbers.begin() + at, originals[taken].number);
   }
   numbers.clear();
-  return std::exchange(records, {});
+  return std::exchange(messages, {});
 }
 
 std::vector<std::string> take_lines() {
   std::vector<std::string> lines;
-  for (const Record &record : take())
-    lines.push_back(mark(record) + record.text);
+  for (const Message &message : take())
+    lines.push_back(mark(message) + message.text);
   return lines;
 }
 
@@ -94,8 +94,8 @@ std::string outcome(int result) {
 
 std::string traced(int result) {
   std::string text = std::to_string(result);
-  for (const Record &record : take())
-    text += "; " + mark(record) + record.function + ": " + record.text;
+  for (const Message &message : take())
+    text += "; " + mark(message) + message.function + ": " + message.text;
   return text;
 }
 

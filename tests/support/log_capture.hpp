@@ -9,7 +9,7 @@
 
 namespace capture {
 
-struct Record {
+struct Message {
   unsigned int module;
   int level; // kOriginal or kRaw for a message without a level
   std::string file;
@@ -22,7 +22,7 @@ inline constexpr int kOriginal = -1; // evlog_original
 inline constexpr int kRaw = -2;      // evlog_vraw
 
 // Returns the log messages since the last call, in order.
-std::vector<Record> take();
+std::vector<Message> take();
 
 // Returns only the texts; those of errors begin with "E ", those of warnings with "W ".
 std::vector<std::string> take_lines();
@@ -39,17 +39,17 @@ void set_level(int level);
 } // namespace capture
 
 // Expects exactly one log message, of the library's own module.
-#define EXPECT_ONE_RECORD(wanted_level, wanted_file, wanted_function, wanted_text)                 \
+#define EXPECT_ONE_MESSAGE(wanted_level, wanted_file, wanted_function, wanted_text)                \
   do {                                                                                             \
-    const auto records = capture::take();                                                          \
-    ASSERT_EQ(records.size(), 1u);                                                                 \
-    EXPECT_EQ(records[0].module, 381u);                                                            \
-    EXPECT_EQ(records[0].level, wanted_level);                                                     \
-    EXPECT_EQ(records[0].file, wanted_file);                                                       \
-    EXPECT_EQ(records[0].function, wanted_function);                                               \
-    EXPECT_EQ(records[0].text, wanted_text);                                                       \
+    const auto messages = capture::take();                                                         \
+    ASSERT_EQ(messages.size(), 1u);                                                                \
+    EXPECT_EQ(messages[0].module, 381u);                                                           \
+    EXPECT_EQ(messages[0].level, wanted_level);                                                    \
+    EXPECT_EQ(messages[0].file, wanted_file);                                                      \
+    EXPECT_EQ(messages[0].function, wanted_function);                                              \
+    EXPECT_EQ(messages[0].text, wanted_text);                                                      \
   } while (false)
 
-#define EXPECT_NO_RECORD() EXPECT_TRUE(capture::take().empty())
+#define EXPECT_NO_MESSAGE() EXPECT_TRUE(capture::take().empty())
 
 #endif
