@@ -1,4 +1,5 @@
-// The console: descriptor 2, as long as it is the file that it was when the library was loaded.
+// Declares the console: descriptor 2, as long as it is the file that it was when the library was
+// loaded.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_CONSOLE_HPP
 #define VORN_EVLOG_CONSOLE_HPP

@@ -1,4 +1,4 @@
-// Log messages: lines with time, level, module, thread and place.
+// Declares log messages: lines with time, level, module, thread and place.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_MESSAGE_HPP
 #define VORN_EVLOG_MESSAGE_HPP

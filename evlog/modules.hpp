@@ -1,4 +1,4 @@
-// The level and the rate-limit group of each module.
+// Holds the level and the rate-limit group of each module.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_MODULES_HPP
 #define VORN_EVLOG_MODULES_HPP

@@ -1,4 +1,4 @@
-// The log file, to which each text goes with one write.
+// Declares the log file, to which each text goes with one write.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_OUTPUT_HPP
 #define VORN_EVLOG_OUTPUT_HPP

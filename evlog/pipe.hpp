@@ -1,4 +1,4 @@
-// Writing to a pipe that may have lost its reader.
+// Declares writes to a pipe that may have lost its reader.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_PIPE_HPP
 #define VORN_EVLOG_PIPE_HPP

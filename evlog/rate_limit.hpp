@@ -1,12 +1,12 @@
-// The rate limit of each group of modules.
+// Declares the rate limit of each group of modules.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_RATE_LIMIT_HPP
 #define VORN_EVLOG_RATE_LIMIT_HPP
 
 namespace logging {
 
-// Whether a log message of group may be written now. *dropped is the number of dropped messages to
-// report before it, 0 for none.
+// Returns whether a log message of group may be written now. *dropped is the number of dropped
+// messages to report before it, 0 for none.
 bool admit_message(int group, unsigned long *dropped);
 
 // Begins anew with this limit. False: no such group. *dropped is the number of dropped messages not

@@ -1,4 +1,5 @@
-// Raw texts: formatted and written without a lock or an allocation, for signal handlers.
+// Declares raw texts, which the library formats and writes without a lock or an allocation, for
+// signal handlers.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_RAW_HPP
 #define VORN_EVLOG_RAW_HPP

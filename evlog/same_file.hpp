@@ -1,4 +1,4 @@
-// Whether two descriptions by fstat(2) are of one file.
+// Compares two results of fstat(2): tells whether both describe one file.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_SAME_FILE_HPP
 #define VORN_EVLOG_SAME_FILE_HPP

@@ -1,4 +1,4 @@
-// Whether a signal handler is running that a thread's signal stack was made for.
+// Tells whether a signal handler is running that a thread's signal stack was made for.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_EVLOG_SIGNAL_STACK_HPP
 #define VORN_EVLOG_SIGNAL_STACK_HPP

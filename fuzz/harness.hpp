@@ -1,5 +1,5 @@
-// Helpers for the fuzz targets: checks, parts of an input, a file in memory, and a logging library
-// that formats each log message, so that the sanitizers check its arguments, and drops it.
+// Defines helpers for the fuzz targets: checks, parts of an input, a file in memory, and a logging
+// library that formats each log message, so that the sanitizers check its arguments, and drops it.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_FUZZ_HARNESS_HPP
 #define VORN_FUZZ_HARNESS_HPP

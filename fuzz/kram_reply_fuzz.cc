@@ -2,7 +2,7 @@
 // closes the connection, and stays within the caller's buffer. The first byte of an input is the
 // size of the buffer, the rest is what the server sends.
 // SPDX-License-Identifier: Apache-2.0
-#include "syscall/kram_syscall_linux_user.cc"
+#include "syscall/kram_client.cc"
 
 #include <cstring>
 #include <string>

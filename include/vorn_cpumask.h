@@ -69,9 +69,11 @@ VORN_API int vorn_set_cpumask_bit(cpumask *mask, const char *item);
 VORN_API unsigned int vorn_first_cpu(const cpumask *mask);
 
 /* Returns the lowest CPU of mask above cpu; VORN_CPUMASK_CPU_COUNT if there is none or mask is
- * NULL. With ~0u, the number before the first, the search begins at CPU 0. A walk over a mask:
+ * NULL. With ~0u, the number before the first, the search begins at CPU 0.
  *   cpu: CPU to begin after
  *   mask: the mask
+ *
+ * A walk over a mask:
  *
  *   for (unsigned int cpu = vorn_first_cpu(mask); cpu < VORN_CPUMASK_CPU_COUNT;
  *        cpu = vorn_next_cpu(cpu, mask))

@@ -212,8 +212,7 @@ VORN_API void LwpCtxDbgSwitch(uint64_t oldId, uint64_t newId);
  *   print: function that each line goes through */
 VORN_API void LwpCtxSwitchShow(vorn_print_f print);
 
-/* The module's callback on the exception chain: calls LwpCtxSwitchShow(evlog_original). Ignores its
- * arguments and returns 1. */
+/* A block of a notifier chain (vorn_notifier.h). */
 struct vorn_notifier_block;
 
 /* The module's callback on the exception chain: calls LwpCtxSwitchShow(evlog_original). Ignores its

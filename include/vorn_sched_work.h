@@ -3,7 +3,7 @@
  *
  *   static vorn_sched_work_s flush;
  *   vorn_sched_init_work(&flush, on_flush, volume); // once
- *   vorn_sched_add_work(&flush);                    // whenever it is to run
+ *   vorn_sched_add_work(&flush);                    // each time the item must run
  *
  * The caller owns a work item and must keep it valid while it is queued. A worker removes the item
  * from the queue before it calls the handler, and does not use it after that: the handler may free

@@ -1,5 +1,5 @@
-// What the stand-in answers to each operation. An answer is what the request returns: -1 with errno
-// for a failure.
+// Declares the answer of the stand-in to each operation. An answer is the result of the request: -1
+// with errno for a failure.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_ANSWERS_HPP
 #define VORNSIM_ANSWERS_HPP

@@ -1,4 +1,4 @@
-// Standard error, which is the stand-in's console.
+// Declares the stand-in's console, which is standard error.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_CONSOLE_HPP
 #define VORNSIM_CONSOLE_HPP

@@ -1,4 +1,4 @@
-// Answers that a test dictates, in place of the stand-in's own.
+// Declares the answers that a test sets in place of those of the stand-in.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_RULES_HPP
 #define VORNSIM_RULES_HPP

@@ -1,4 +1,4 @@
-// Tests the counts of CPUs, which processes share.
+// Tests how processes find and share the packages, the CPUs and the model of the machine.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cpuinfo.h"
 
@@ -153,7 +153,8 @@ TEST_F(Cpuinfo, SharedCountsAreCheckedAndRepaired) {
     damaged[byte] ^= 1;
     if (byte == 0) damaged = summed(damaged);
     scratch::write_file(kShared, damaged);
-    EXPECT_EQ(found_by_process(65534), "0" + kRefused + kFirst + kFound); // a user may not heal it
+    EXPECT_EQ(found_by_process(65534),
+              "0" + kRefused + kFirst + kFound); // a user may not repair it
     EXPECT_EQ(scratch::read_file(kShared), damaged);
     EXPECT_EQ(found_by_process(), "0" + kFirst + kFound);
     EXPECT_EQ(scratch::read_file(kShared), record) << byte;

@@ -1,4 +1,4 @@
-// The small programs of examples/, as a user runs them, and vorn-node.
+// Tests the small programs of examples/ as a user runs them, and vorn-node.
 // SPDX-License-Identifier: Apache-2.0
 #include <cerrno>
 #include <csignal>

@@ -31,8 +31,8 @@
 
 namespace {
 
-// Each of the first kThorough calls of a function fails; of the later ones, one in so many. At most
-// kMostFaults calls fail: a start under the thread sanitizer takes a second.
+// Each of the first kThorough calls of a function fails; of the later ones, every kThorough-th. At
+// most kMostFaults calls fail: a start under the thread sanitizer takes a second.
 #ifdef __SANITIZE_THREAD__
 constexpr int kThorough = 1, kMostFaults = 2;
 #elif defined(VORN_TEST_EMULATED) || defined(__SANITIZE_ADDRESS__)
@@ -261,8 +261,8 @@ bool create_threads() {
   return true;
 }
 
-// Runs count threads at the same time, before anything fails: the records of their slots stay
-// allocated.
+// Runs count threads at the same time, before anything fails: the thread records of their slots
+// stay allocated.
 bool use_slots(intptr_t count) {
   armed = false;
   const int before = least_tasks();

@@ -45,15 +45,15 @@ TEST_F(Driver, CounterIsReadFromTheMapping) {
   const int before = scratch::next_descriptor();
   EXPECT_EQ(vorn_get_jiffies(), kCount);
   EXPECT_NO_MESSAGE();
-  const vorn_jiffies_uio_s *record = jiffies_uio_get();
-  EXPECT_EQ(record->addr, 0xffff000000000000u);
-  EXPECT_EQ(record->size, 0x2000);
-  EXPECT_EQ(*record->jiffies, kCount);
+  const vorn_jiffies_uio_s *mapping = jiffies_uio_get();
+  EXPECT_EQ(mapping->addr, 0xffff000000000000u);
+  EXPECT_EQ(mapping->size, 0x2000);
+  EXPECT_EQ(*mapping->jiffies, kCount);
   EXPECT_EQ(scratch::next_descriptor(), before);
 
   // other files have the numbers of the old descriptors
   const int innocent = dup(0);
-  EXPECT_EQ(innocent, record->dev_fd);
+  EXPECT_EQ(innocent, mapping->dev_fd);
   EXPECT_EQ(jiffies_uio_adp_close(), -1);
   EXPECT_EQ(close(innocent), 0);
 }

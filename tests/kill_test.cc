@@ -1,7 +1,7 @@
 // test-wraps: open vorn_popen_s vorn_pclose
 //
 // Tests that a process killed at any moment leaves no file torn, no shared counts wrong and no lock
-// taken. VORN_TEST_KILLS=1000 kills so many of each kind.
+// taken. VORN_TEST_KILLS=1000 kills 1000 processes of each kind.
 // SPDX-License-Identifier: Apache-2.0
 #include <cstdarg>
 #include <cstdlib>

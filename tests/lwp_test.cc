@@ -1,5 +1,5 @@
 // test-wraps: malloc pthread_create vorn_time_getmillisec
-// LWP instances: ids, references, deletion, variables, the trace and the statistics.
+// Tests LWP instances: ids, references, deletion, variables, the trace and the statistics.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_lwp.h"
 
@@ -119,7 +119,7 @@ TEST(LwpModule, StartsOnceAndTriesAgainAfterAFailure) {
   g_refused_size = 2 * 8;
   EXPECT_TRUE(LwpInstDelete(id_of(0, 0), -1) == 0 && make() == LWP_NONE);
   g_refused_size = 0;
-  for (uint64_t slot = 0; slot < 3; ++slot) // the number is gone, the place is not
+  for (uint64_t slot = 0; slot < 3; ++slot) // the id is gone, the slot is not
     EXPECT_EQ(make(), id_of(slot + 2, slot));
   EXPECT_EQ(make(), LWP_NONE);
   const uint64_t zero = 0;
@@ -323,7 +323,7 @@ TEST_F(Lwp, VariablesAreConstructedInOrderAndEndInReverse) {
   EXPECT_EQ(Noted::take(), "-c-b");
   EXPECT_EQ(capture::take_lines(),
             (Lines{"Run lwp var:b destructor fail:9", "Stop lwp inst:task fail ret:9"}));
-  EXPECT_EQ(state(id), 8u); // its place is lost
+  EXPECT_EQ(state(id), 8u); // its slot is lost
   c.construct_result = 0;
   EXPECT_EQ(make(), id_of(2, 1));
 }

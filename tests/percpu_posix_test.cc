@@ -1,4 +1,4 @@
-// Tests per-CPU memory.
+// Tests once-only initialisation and thread-specific values.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_percpu_posix.h"
 

@@ -20,16 +20,17 @@ std::string hit(int times) {
   for (int i = 0; i < times; ++i)
     site();
   std::string printed;
-  for (const auto &record : capture::take()) {
-    EXPECT_EQ(record.function, "site");
-    if (record.text == "hit") {
+  for (const auto &message : capture::take()) {
+    EXPECT_EQ(message.function, "site");
+    if (message.text == "hit") {
       printed += 'h';
       continue;
     }
-    const std::string tail = " messages suppressed.site,line=" + std::to_string(record.line) + ".";
-    EXPECT_TRUE(record.text.starts_with("print: ") && record.text.ends_with(tail)) << record.text;
-    EXPECT_EQ(record.level, vorn::kInfo);
-    printed += record.text.substr(7, record.text.size() - 7 - tail.size());
+    const std::string tail = " messages suppressed.site,line=" + std::to_string(message.line) + ".";
+    EXPECT_TRUE(message.text.starts_with("print: ") && message.text.ends_with(tail))
+        << message.text;
+    EXPECT_EQ(message.level, vorn::kInfo);
+    printed += message.text.substr(7, message.text.size() - 7 - tail.size());
   }
   return printed;
 }

@@ -219,7 +219,7 @@ protected:
 
 INSTANTIATE_TEST_SUITE_P(Ring, EachMode, testing::Range(0u, 4u));
 
-// Every item is taken once, in the order of its producer. The counters pass 2^32 in the midst.
+// Every item is taken once, in the order of its producer. The counters pass 2^32 during the run.
 TEST_P(EachMode, KeepsEveryObjectAndTheOrderOfEachProducer) {
   for (const std::uint32_t size : {2u, 8u, 64u}) {
     ring_ = make_ring(size, GetParam(), -kPerProducer / 2);
@@ -265,7 +265,7 @@ TEST(Ring, LaterThreadsWaitForAStalledOne) {
     }};
     while (load(end.head) != tail + 2)
       std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds{2}); // in which it would go on
+    std::this_thread::sleep_for(std::chrono::milliseconds{2}); // time enough for it to continue
     EXPECT_EQ(load(end.tail), tail);
     vorn::atomic_word(end.tail).store(tail + 1);
     later.join();

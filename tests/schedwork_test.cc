@@ -262,8 +262,8 @@ TEST(SchedWork, GrowsToItsMaximumReportsAStandstillAndShrinks) {
     vorn_heal_check_callback(&result);
     EXPECT_EQ(result.outcome, 0u);
     int dumps = 0;
-    for (const auto &record : capture::take())
-      dumps += record.level == 3 && record.function == "vorn_dump_partial_sched_work_thread";
+    for (const auto &message : capture::take())
+      dumps += message.level == 3 && message.function == "vorn_dump_partial_sched_work_thread";
     EXPECT_EQ(dumps, 4);
     uint32_t none = 0;
     EXPECT_EQ(vorn_add_sched_work_timeout_check(1, &none), -1);

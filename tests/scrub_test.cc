@@ -15,10 +15,10 @@
 
 namespace {
 
-// What each script may use: "$anyone" runs a command without root's right to any file.
+// What each script may use: "$user" runs a command without root's right to any file.
 const std::string kFunctions =
     "numa=" VORN_SAMPLE_NUMA " product=" VORN_SAMPLE_PRODUCT " settings=" VORN_SAMPLE_SETTINGS "\n"
-    "anyone='" +
+    "user='" +
     std::string(geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search" : "") +
     R"('
     numbers() { seq 2000000 | head -c "$1"; }
@@ -144,7 +144,7 @@ MISSING     link$
      mkdir dir; for name in dir/inside file open; do echo x >$name; done
      quietly scrub create .
      chmod 0 dir file
-     $anyone scrub create --manifest ../m .; $anyone scrub verify .
+     $user scrub create --manifest ../m .; $user scrub verify .
      status=$?; chmod 700 dir; exit $status)",
      kDamage, R"(
 3 read, 2 skipped
@@ -161,8 +161,8 @@ UNREADABLE  file: Permission denied$
     {"ClosedOutputIsNotTheManifest", R"(
      for i in $(seq 20); do name=$(printf %0250d $i); echo x >$name; chmod 0 $name; done
      echo x >z
-     (exec <&- >&-; $anyone scrub create .); echo status $?
-     $anyone scrub verify .)",
+     (exec <&- >&-; $user scrub create .); echo status $?
+     $user scrub verify .)",
      kClean, "status 2\n1 read, 20 new"},
 
     {"CutOrEditedManifestIsRefused", R"(
@@ -245,7 +245,7 @@ fault_on_purpose
 LwpCtxSwitch:0 instId old:0xffffffffffffffff)"},
 
     {"OnlyAManifestIsReplaced", R"(
-     mkdir d; scrub create --manifest d .; chmod 555 .; $anyone scrub create .; status=$?
+     mkdir d; scrub create --manifest d .; chmod 555 .; $user scrub create .; status=$?
      chmod 755 .; [ -d d ] && exit $status)",
      kCouldNotRun, "no regular file\n--manifest"},
 
@@ -302,7 +302,7 @@ reads of at most 8,192 bytes, 5 checksum threads, at most 6 MB/s, nice 0, CPUs 0
      printf "[SCRUB]\nPRODUCT=$product\nCPUS=GROUP_2/CTRL\n" | try
      printf '[SCRUB]\nPRODUCT=../s.ini\n' | try
      printf '[SCRUB]\nNUMA=../s.ini\n' | try
-     chmod 0 ../s.ini; $anyone scrub create --settings ../s.ini .)",
+     chmod 0 ../s.ini; $user scrub create --settings ../s.ini .)",
      kCouldNotRun, R"(
 there is no section [SCRUB]$
 line 3: there is no setting THREAD$

@@ -94,8 +94,8 @@ TEST_F(Semaphore, CountsUnits) {
   EXPECT_EQ(vorn_sem_enhance_destroy(&sem), 0);
 }
 
-// A unit that was granted counts, even if a time-out or a signal ended the wait. A plain down ends
-// by a unit alone.
+// A unit that was granted counts, even if a time-out or a signal ended the wait. Only a unit ends
+// a plain down.
 TEST_F(Semaphore, GrantCountsBeforeTimeOutAndSignal) {
   const auto plain = [](auto *of) { return vorn_sem_enhance_down(of), 0; };
   const auto timed = [](auto *of) { return vorn_sem_enhance_down_timeout(of, 11); };
@@ -169,7 +169,7 @@ TEST_F(Semaphore, EveryOperationTakesTheLock) {
   }
 }
 
-// The first is granted a unit first. A signal does not end a plain down.
+// The first thread gets the first unit. A signal does not end a plain down.
 TEST_F(Semaphore, ShowsItsWaitersAndGrantsInTheirOrder) {
   std::atomic<uint32_t> tids[2];
   std::atomic<int> granted{0};
@@ -226,15 +226,15 @@ TEST_F(Semaphore, ReportsAndRepeatsFailedWakeUps) {
     thread.join();
     EXPECT_EQ(result, 0);
     EXPECT_EQ(sem.cnt, 0);
-    const auto records = capture::take();
-    ASSERT_EQ(records.size(), 4u);
+    const auto messages = capture::take();
+    ASSERT_EQ(messages.size(), 4u);
     for (std::size_t i = 0; i < 4; ++i) {
-      EXPECT_EQ(records[i].text, (i % 2 == 0 ? "[Infra]" : "") +
-                                     std::string(i < 2 ? "Wake up sem(" : "Retry wake up sem(") +
-                                     shown(&sem) + ") waiter tid(" + std::to_string(waiter) + ") " +
-                                     row.endings[i / 2]);
-      EXPECT_EQ(records[i].module, i % 2 == 0 ? 0u : 381u);
-      EXPECT_EQ(records[i].function, "vorn_sem_enhance_up");
+      EXPECT_EQ(messages[i].text, (i % 2 == 0 ? "[Infra]" : "") +
+                                      std::string(i < 2 ? "Wake up sem(" : "Retry wake up sem(") +
+                                      shown(&sem) + ") waiter tid(" + std::to_string(waiter) +
+                                      ") " + row.endings[i / 2]);
+      EXPECT_EQ(messages[i].module, i % 2 == 0 ? 0u : 381u);
+      EXPECT_EQ(messages[i].function, "vorn_sem_enhance_up");
     }
   }
 }

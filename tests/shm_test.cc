@@ -22,7 +22,7 @@ extern "C" {
 int __real_fallocate(int fd, int mode, off_t offset, off_t length);
 int __wrap_fallocate(int fd, int mode, off_t offset, off_t length) {
   allocated_fd = fd;
-  pthread_testcancel(); // the system's is a cancellation point, whatever comes of it
+  pthread_testcancel(); // the system's call is a cancellation point, even if it fails
   if (fallocate_error == 0) return __real_fallocate(fd, mode, offset, length);
   errno = fallocate_error;
   return -1;
@@ -35,7 +35,7 @@ constexpr size_t kSize = 8192;
 constexpr char kFile[] = "vorn_shm_posix.c";
 constexpr char kCreate[] = "vorn_shm_create_ext";
 
-// An object name of the test's own. Whatever a case opened must be closed again by its end.
+// The test's own object name. A case closes everything that it opens.
 class Shm : public testing::Test {
 protected:
   ~Shm() override {
@@ -104,7 +104,7 @@ TEST_F(Shm, ReportsFailuresAndClosesTheObject) {
   EXPECT_EQ(vorn_shm_create(name.c_str(), 0), nullptr);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_ONE_MESSAGE(EVLOG_INFO, kFile, kCreate, "Mmap shm mem fail, errno<22>.");
-  void *address = open_as(O_ACCMODE); // the system's to say
+  void *address = open_as(O_ACCMODE); // the system decides the result
   EXPECT_EQ(capture::take_lines().at(0), "E Oflag open failed, oflag<3>.");
   if (address != nullptr) munmap(address, kSize);
   EXPECT_EQ(vorn_shm_destroy(nullptr), -1);

@@ -121,7 +121,7 @@ struct End {
   bool has(const std::string &text) const { return log.find(text) != log.npos; }
 };
 
-// What becomes of a child that logs to a file of its own and does the work; killed if it hangs.
+// Returns the end of a child that logs to its own file and does the work. Kills it if it hangs.
 End run(const Work &work) {
   const scratch::Directory directory;
   const pid_t child = fork();

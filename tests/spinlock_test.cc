@@ -64,12 +64,12 @@ TEST(Spinlock, YieldsAfter100MicrosecondsAndDumpsTheStackIfTheFlagIsSet) {
   EXPECT_NO_MESSAGE();
   vorn_spinlock_set_flags(VORN_SPINLOCK_DUMP_STACK);
   wants_the_lock();
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 3u);
-  for (const auto &record : records) {
-    EXPECT_EQ(record.level, capture::kOriginal);
+  const auto messages = capture::take();
+  ASSERT_EQ(messages.size(), 3u);
+  for (const auto &message : messages) {
+    EXPECT_EQ(message.level, capture::kOriginal);
     // The function that wants the lock comes first, its caller second.
-    EXPECT_LT(record.text.find("wants_the_lock"), record.text.find(" << ")) << record.text;
+    EXPECT_LT(message.text.find("wants_the_lock"), message.text.find(" << ")) << message.text;
   }
 }
 

@@ -142,7 +142,7 @@ bool thread_record() {
   vorn_thread_s *found = vorn_thrd_getthreadinfobytid(gettid());
   if (found != nullptr) vorn_thrd_putthreadinfo(found);
   vorn_thrd_list(ignore);
-  return found != nullptr; // the record ends with its thread
+  return found != nullptr; // the thread record ends with its thread
 }
 
 bool commands() {
@@ -184,21 +184,21 @@ bool thread() {
 }
 
 bool work() {
-  thread_local vorn_sched_work_s record;
+  thread_local vorn_sched_work_s item;
   return calls([](void *flag) {
     vorn_sched_init_work(
-        &record, [](vorn_sched_work_s *work) { call(work->pData); }, flag);
-    return vorn_sched_add_work(&record) == 0;
+        &item, [](vorn_sched_work_s *work) { call(work->pData); }, flag);
+    return vorn_sched_add_work(&item) == 0;
   });
 }
 
 bool timer() {
-  thread_local vorn_timer_s record;
+  thread_local vorn_timer_s timer;
   return calls([](void *flag) {
-    vorn_timer_init(&record); // it was the parent's
-    return vorn_timer_set(&record, 1, reinterpret_cast<uint64_t>(flag),
+    vorn_timer_init(&timer); // it was the parent's
+    return vorn_timer_set(&timer, 1, reinterpret_cast<uint64_t>(flag),
                           [](uint64_t data) { call(reinterpret_cast<void *>(data)); }) == 0 &&
-           vorn_timer_add(&record) == 0;
+           vorn_timer_add(&timer) == 0;
   });
 }
 
@@ -239,7 +239,7 @@ constexpr Family kFamilies[] = {
     {"commands", commands, 60, 20},
     {"symbols", symbols, 20, 50},
     {"start", start, 20, 50, true, true, true},
-    // Of children alone.
+    // Only in children.
     {"thread", thread, 0, 20, true, true, true},
     {"work", work, 0, 20, true, true, true},
     {"timer", timer, 0, 20, true, true, true},
@@ -252,7 +252,7 @@ protected:
     alarm(280); // the last line shown names the family that hangs
     ini = directory_ / "storm.ini";
     copy = directory_ / "copy.ini";
-    // which thread samples the CPUs is not this process's alone to decide
+    // another process may sample the CPUs
     scratch::write_file(ini, "[A]\nITEM=1\n[VORN]\nSYSINFO_CPUUSAGE_THREAD_FLAG=0\n");
     ASSERT_EQ(evlog_init("storm", directory_.path().c_str()), 0);
     const int null = open("/dev/null", O_WRONLY);
@@ -302,7 +302,7 @@ void *use_forever(void *family) {
 
 class StormOf : public Storm, public testing::WithParamInterface<Family> {};
 
-TEST_P(StormOf, CancellationsLeaveNothingBehind) {
+TEST_P(StormOf, CancellationsLeaveNothingHeld) {
   Family family = GetParam();
   const int threads = settled_threads_with_record();
   const int descriptor = scratch::next_descriptor();

@@ -118,8 +118,8 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   vorn_thread_s *found = vorn_thrd_getthreadinfobytid(thread.tid);
   ASSERT_EQ(found, thread.record);
   thread.end();
-  // While it is held, the record stays that thread's, but a lookup does not find it; then the next
-  // thread gets it.
+  // While it is held, the thread record stays that thread's, but a lookup does not find it; then
+  // the next thread gets it.
   EXPECT_EQ(vorn_thrd_getthreadinfobytid(thread.tid), nullptr);
   EXPECT_EQ(listing().find(line), std::string::npos);
   in_thread([&] { EXPECT_NE(vorn_thrd_currentthreadinfo(), found); });
@@ -158,7 +158,8 @@ TEST(Registry, FailedStartsLeakNothing) {
   EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "create_thread_raw_base",
                      "Create thread failed, error 11.");
   create_error = 0;
-  // The first record exists; another thread needs memory for its record and its stack.
+  // The first thread record exists; another thread needs memory for its thread record and its
+  // stack.
   vorn_thread_s *cached = vorn::thread::take_record(nullptr, nullptr);
   EXPECT_EQ(cached->slot, &vorn::thread::slots()[0]);
   for (const std::size_t size : {std::size_t{60000}, sizeof(vorn_thread_s)}) {

@@ -78,7 +78,7 @@ TEST(Time, FrequencyIsThatOfTheModelNameOrMeasured) {
     int result;
     double ghz;
     double tolerance;
-    std::string record;
+    std::string message;
   } rows[] = {
       {flags + "model name : A @ 2.60GHz\nmodel name : A @ 3.10GHz\n", 2, 0, 2.6, 0, ""},
       {flags + "model name : A @ fast\n", 2, 0, 0, 0, ""},
@@ -95,8 +95,8 @@ TEST(Time, FrequencyIsThatOfTheModelNameOrMeasured) {
     EXPECT_EQ(vorn_get_tsc_freq(), row.result);
     EXPECT_NEAR(currCpuGHz, row.ghz, row.tolerance);
     const auto texts = capture::take_lines();
-    EXPECT_EQ(texts.size(), row.record.empty() ? 0u : 1u);
-    EXPECT_TRUE(texts.empty() || texts[0].starts_with(row.record)) << texts[0];
+    EXPECT_EQ(texts.size(), row.message.empty() ? 0u : 1u);
+    EXPECT_TRUE(texts.empty() || texts[0].starts_with(row.message)) << texts[0];
   }
   const std::vector<std::string> wanted = {
       "cat /proc/cpuinfo | grep -o constant_tsc | uniq allowing |",

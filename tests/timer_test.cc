@@ -179,13 +179,13 @@ TEST_F(WheelTimers, ShowTheirFieldsTwice) {
   const std::string text = "Timer entry:" + shown(&timer.list) +
                            ", expirTime:9, timeOut:5, data:7, func:" + kFire +
                            "         isp:11 flags:1 in funcName:adder file:file line:3";
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 2u);
-  for (const auto &record : records) {
-    const bool infra = &record == &records[0];
-    EXPECT_EQ(record.module, infra ? 0u : 381u);
-    EXPECT_EQ(record.level, 6);
-    EXPECT_EQ(record.text, (infra ? "[Infra]" : "") + text);
+  const auto messages = capture::take();
+  ASSERT_EQ(messages.size(), 2u);
+  for (const auto &message : messages) {
+    const bool infra = &message == &messages[0];
+    EXPECT_EQ(message.module, infra ? 0u : 381u);
+    EXPECT_EQ(message.level, 6);
+    EXPECT_EQ(message.text, (infra ? "[Infra]" : "") + text);
   }
 }
 
@@ -222,11 +222,11 @@ TEST_F(WheelTimers, AreCheckedWhenTheyFire) {
   second.list.prev = &stranger;
   g_stopped_at += 5;
   ASSERT_TRUE(soon([&] { return first.fired + second.fired == 2; }));
-  const auto records = capture::take();
-  ASSERT_EQ(records.size(), 5u); // two timers are shown
-  EXPECT_EQ(records[0].function, "detachTimerFromList");
-  EXPECT_EQ(records[0].level, 3);
-  EXPECT_TRUE(records[0].text.starts_with("Abnormal list node next:"));
+  const auto messages = capture::take();
+  ASSERT_EQ(messages.size(), 5u); // two timers are shown
+  EXPECT_EQ(messages[0].function, "detachTimerFromList");
+  EXPECT_EQ(messages[0].level, 3);
+  EXPECT_TRUE(messages[0].text.starts_with("Abnormal list node next:"));
 }
 
 TEST_F(WheelTimers, FunctionsMayFreeMoveAndArmAnyTimer) {
@@ -272,12 +272,12 @@ TEST_F(WheelTimers, ReportThoseThatTakeMoreThan300Milliseconds) {
     g_stopped_at += 5;
     ASSERT_TRUE(soon([&] { return timer.fired == 1; }));
     ASSERT_EQ(vorn_timer_delete_sync(&timer), 0); // after the report
-    const auto records = capture::take();
+    const auto messages = capture::take();
     const std::size_t wanted[] = {0, 2, 2, 2, 1, 1}; // the last are rate-limited
-    ASSERT_EQ(records.size(), wanted[i]) << i;
-    for (const auto &record : records) {
-      EXPECT_EQ(record.function, "run_timers");
-      EXPECT_EQ(record.module == 0, record.text.starts_with("[Infra]"));
+    ASSERT_EQ(messages.size(), wanted[i]) << i;
+    for (const auto &message : messages) {
+      EXPECT_EQ(message.function, "run_timers");
+      EXPECT_EQ(message.module == 0, message.text.starts_with("[Infra]"));
     }
   }
 }

@@ -1,5 +1,5 @@
-// The checksums of a block: a CRC-32C over all of it, and a T10-DIF guard (CRC-16) over each of its
-// sectors, which show where in the block a fault is.
+// Declares the checksums of a block: a CRC-32C over all of it, and a T10-DIF guard (CRC-16) over
+// each of its sectors, which show where in the block a fault is.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_CHECKSUMS_HPP
 #define SCRUB_CHECKSUMS_HPP

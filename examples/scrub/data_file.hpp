@@ -1,4 +1,4 @@
-// A regular file of the tree, read from its beginning to its end.
+// Declares a regular file of the tree, which is read from its beginning to its end.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_DATA_FILE_HPP
 #define SCRUB_DATA_FILE_HPP

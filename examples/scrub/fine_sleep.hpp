@@ -1,4 +1,4 @@
-// Sleeps of microseconds to milliseconds by a high-resolution timer of the library.
+// Declares sleeps of microseconds to milliseconds by a high-resolution timer of the library.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_FINE_SLEEP_HPP
 #define SCRUB_FINE_SLEEP_HPP

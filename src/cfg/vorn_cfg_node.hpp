@@ -23,7 +23,7 @@ struct DestroyFileNode {
 };
 using FileNode = std::unique_ptr<vorn_cfg_file_node_s, DestroyFileNode>;
 
-// Create a section or an item that is on no list. Return null after an error message.
+// Create a section or an item that is on no list. On failure, log an error and return null.
 vorn_cfg_section_node_s *vorn_cfg_new_section_node(const char *name);
 vorn_cfg_item_node_s *vorn_cfg_new_item_node(CStringView name, CStringView value);
 

@@ -54,7 +54,7 @@ std::optional<CStringView> vorn_cfg_is_section(const Line &line) {
   return std::nullopt;
 }
 
-// Returns false after an error message if the name does not fit.
+// Logs an error and returns false if the name does not fit.
 bool vorn_cfg_copy_section(char (&section)[kNameSize], CStringView name) {
   if (copy_text(section, sizeof section, name) == 0) return true;
   return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.c_str());

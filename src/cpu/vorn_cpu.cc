@@ -107,7 +107,8 @@ private:
     VORN_LOG_AS(kParser, kError, "Parse cpu mask fail, %s/%s %s.", group.name, partition.name, why);
   }
 
-  // Marks every partition as unread, at the first reference. Returns false after an error message.
+  // Marks every partition as unread, at the first reference. If memory runs out, logs an error and
+  // returns false.
   bool make_progress() {
     if (progress_ != nullptr) return true;
     const std::size_t size = std::size_t{partition_table.partition_count} + 1; // never 0

@@ -64,7 +64,7 @@ void show_node(vorn_list_head_s *node) {
            static_cast<void *>(node->prev));
 }
 
-// Returns the first node with that id; NULL after an error message.
+// Returns the first node with that id. If there is none, logs an error and returns NULL.
 const Node *find_node(const char *function, std::uint32_t id) {
   const Node *node = next_node(&nodes);
   while (node != nullptr && node->id != id)
@@ -201,11 +201,11 @@ int vorn_numam_parse_per_numa(uint32_t node) {
   vorn::snprintf_s(item, sizeof item, sizeof item - 1, "numa_%u", node);
   Value value;
   if (!read_value(kNodes, item, value)) return -1;
-  auto record = vorn::mem::create_quietly<Node>();
-  if (record == nullptr) return VORN_FAIL(-1, "Malloc for numaInfo fail");
-  record->id = node;
-  std::memcpy(record->cpus, value, sizeof value);
-  vorn::list::insert_tail(&nodes, &record.release()->link, show_node, VORN_FILE);
+  auto fresh = vorn::mem::create_quietly<Node>();
+  if (fresh == nullptr) return VORN_FAIL(-1, "Malloc for numaInfo fail");
+  fresh->id = node;
+  std::memcpy(fresh->cpus, value, sizeof value);
+  vorn::list::insert_tail(&nodes, &fresh.release()->link, show_node, VORN_FILE);
   VORN_LOG(vorn::kInfo, "Get cores(%s) by numaId(%u) success.", value, node);
   return 0;
 }

@@ -7,8 +7,8 @@
 
 namespace vorn::jiffies {
 
-// Zeroes the mapping's description and maps the counter. Returns 0, or -1 after an error message.
-// The caller holds the mutex of the mapping's once.
+// Zeroes the mapping's description and maps the counter. Returns 0; on failure, logs an error
+// and returns -1. The caller holds the mutex of the mapping's once.
 int open_map();
 
 // Returns the mapped counter, or NULL.

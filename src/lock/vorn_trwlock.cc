@@ -73,15 +73,15 @@ std::uint64_t sum(std::uint64_t a, std::uint64_t b) {
 std::uint64_t peek(Counters pair) { return pair.load(std::memory_order_relaxed); }
 
 // On failure, *seen is the present value of the pair.
-bool try_add(Counters pair, std::uint64_t *seen, std::uint64_t who) {
-  return pair.compare_exchange_weak(*seen, sum(*seen, who), std::memory_order_acq_rel,
+bool try_add(Counters pair, std::uint64_t *seen, std::uint64_t addend) {
+  return pair.compare_exchange_weak(*seen, sum(*seen, addend), std::memory_order_acq_rel,
                                     std::memory_order_relaxed);
 }
 
 // Returns the counters as they were before.
-std::uint64_t add(Counters pair, std::uint64_t who) {
+std::uint64_t add(Counters pair, std::uint64_t addend) {
   std::uint64_t seen = peek(pair);
-  while (!try_add(pair, &seen, who)) {
+  while (!try_add(pair, &seen, addend)) {
   }
   return seen;
 }

@@ -79,7 +79,7 @@ struct State {
 
 State state_of(const lwp_inst_s &inst) { return State::from(atomic_word(inst.state).load()); }
 
-// Whether the word was changed, and its value before.
+// Tells whether the word was changed, and its value before.
 struct Change {
   bool made;
   State before;
@@ -237,7 +237,7 @@ bool claim_failed_creation(lwp_inst_s &inst) {
       .made;
 }
 
-// Gives the deletion up: the instance is still in use at the time-out.
+// Gives up the deletion: at the time-out, the instance is still in use.
 int leave_zombie(lwp_inst_s &inst, std::uint64_t id) {
   if (!change(inst, [](State &state) {
         if (state.state == LWP_STATE_FREE) return false;
@@ -321,7 +321,7 @@ void *run_thread(void *argument) {
   return nullptr;
 }
 
-// Ends the creation on every way out.
+// Ends the creation, on success and on failure.
 std::uint64_t start_thread(lwp_inst_s &inst, std::uint64_t id) {
   pthread_t thread{};
   const int error = pthread_create(&thread, nullptr, run_thread, &inst);

@@ -12,8 +12,8 @@
 
 namespace vorn::mem {
 
-// Returns NULL if memory runs out, after an error message in the name of function; without a
-// message if the size is beyond the allocator's counters.
+// Returns NULL if memory runs out, and logs an error in the name of function; logs nothing if the
+// size is beyond the allocator's counters.
 inline void *allocate(std::size_t size, const char *function = __builtin_FUNCTION(),
                       unsigned int line = __builtin_LINE()) {
   if (size > UINT32_MAX) return nullptr;

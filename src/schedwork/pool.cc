@@ -57,7 +57,7 @@ int start() {
   sched_work_thread_num_set();
   if (sched_work_create_thread() != 0) return -1;
   pool.created.store(true);
-  for (std::size_t records = pool.queue.size(); records > 0; --records)
+  for (std::size_t items = pool.queue.size(); items > 0; --items)
     vorn_sem_enhance_up(&pool.work);
   return 0;
 }

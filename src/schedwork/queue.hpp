@@ -21,9 +21,9 @@ public:
   // Returns false if the item is on no list.
   bool remove(vorn_sched_work_s *work);
 
-  // Returns NULL if there is none. A worker takes items only of its own life of the pool: a destroy
-  // hands the queue to the next life, while a worker of the old life may still be about to call
-  // this.
+  // Returns NULL if there is none. A worker takes only items of the life of the pool to which it
+  // belongs: a destroy passes the queue to the next life, while a worker of the old life may still
+  // be about to call this.
   vorn_sched_work_s *take();
 
   // Drops all items. Later items belong to the next life.

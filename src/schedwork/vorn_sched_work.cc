@@ -84,11 +84,11 @@ vorn_sched_work_s *sched_work_select_task() { return pool.queue.take(); }
 void VornSchedWorkShow(vorn_list_head_s *node) {
   if (node == nullptr) return;
   const vorn_sched_work_s *work = vorn_list_entry(node, vorn_sched_work_s, node);
-  const AddressText record{work};
+  const AddressText item{work};
   const AddressText data{work->pData};
   const AddressText handler{reinterpret_cast<std::uintptr_t>(work->handler)};
   VORN_LOG(vorn::kInfo,
            "Sched work entry:%s, schedWork pid:%d, sched work pData:%s, sched work process         "
            "function: %s",
-           record.text, work->pid, data.text, handler.text);
+           item.text, work->pid, data.text, handler.text);
 }

@@ -82,8 +82,8 @@ void unregister_worker() {
 }
 
 // Returns whether the worker must take an item before it sleeps. A thread that added an item before
-// the watch began has raised the semaphore: this worker takes that unit, unless the unit has woken
-// another worker already, in vain.
+// the watch began has raised the semaphore. This worker takes that unit, unless another worker has
+// taken it and found no item.
 bool finds_item_soon(bool watching) {
   if (watching && pool.queue.size() == 0) {
     const auto end = std::chrono::steady_clock::now() + kLookout;

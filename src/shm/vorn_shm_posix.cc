@@ -23,8 +23,8 @@ static_assert(std::is_same_v<key_t, int>);
 constexpr char kCreate[] = "vorn_shm_create_ext";
 
 // Reserves the pages: without that, the first use of a page that the machine lacks raises SIGBUS.
-// Returns false after a log message if the machine lacks them. A read-only object keeps its size
-// and needs no reservation.
+// If the machine lacks them, logs it and returns false. A read-only object keeps its size and needs
+// no reservation.
 bool reserve(int fd, off_t size) {
   [[maybe_unused]] const int resized = ftruncate(fd, size);
   const int result = fallocate(fd, 0, 0, size);

@@ -1,5 +1,5 @@
-// Reads the file of a loaded object with libelf. A damaged file gives an error and never a fault:
-// it is read and not mapped, and all that it states is checked.
+// Reads the file of a loaded object with libelf. A damaged file causes an error and never a
+// fault: the library reads the file instead of mapping it, and checks every value in it.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SYMBOL_ELF_FILE_HPP
 #define VORN_SYMBOL_ELF_FILE_HPP
@@ -25,8 +25,8 @@ public:
   bool holds(const Image &image) const;
 
   // Appends the functions of .symtab, or else of .dynsym, at their addresses in the image. Their
-  // names are valid during the lifetime of this object. Of a damaged table, appends what can be
-  // read. Returns false if memory runs out.
+  // names are valid during the lifetime of this object. If the table is damaged, appends the
+  // functions that can be read. Returns false if memory runs out.
   bool read_functions(const Image &image, Buffer<Function> *functions) const;
 
 private:

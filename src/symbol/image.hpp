@@ -30,7 +30,7 @@ public:
   const Buffer<unsigned char> &notes() const { return notes_; }
   bool has_note(const Elf64_Phdr &header) const;
 
-  // Returns the loaded segment of code that contains the address, which is as in the file, or NULL.
+  // Returns the loaded segment of code that contains an address of the file; NULL if there is none.
   const Elf64_Phdr *code_at(std::uint64_t file_address) const;
 
   // The range of the code in memory. It contains no other object.

@@ -88,8 +88,8 @@ bool is_connected() {
 
 enum class Outcome {
   kAnswered,
-  kFailed,        // after a log message
-  kNotCarriedOut, // on a kept connection, without a log message
+  kFailed,        // and logged
+  kNotCarriedOut, // on a kept connection, and not logged
 };
 
 bool send_all(const WireHeader &header, const void *input, bool is_kept) {

@@ -219,7 +219,7 @@ void accept_connections() {
   } while (accept_connection(&place) && (place == nullptr || start_connection(*place)));
 }
 
-// Returns false after a log message.
+// On failure, logs an error and returns false.
 bool listen_on_loopback(int socket) {
   const int on = 1;
   setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);

@@ -123,7 +123,7 @@ bool wait_for_other_process(const UniqueFd &file, Record *record) {
 
 // --- The machine ---
 
-// Returns the number of nodes, at least 1, or -1 after a log message.
+// Returns the number of nodes, at least 1. On failure, logs an error and returns -1.
 int get_numa_num() {
   const Stream stream = sys::open_stream(kNodeFile);
   if (stream == nullptr) return VORN_FAIL(-1, "Open filename %s failed.", kNodeFile);

@@ -97,7 +97,7 @@ inline constexpr std::size_t kSmallStack = 131072;
 int start_thread(vorn_thread_s *record, vorn_thrd_entry_f start_routine, pthread_t *out,
                  pthread_attr_t *given, const char *function, void (*log_failed)(int error));
 
-// Sets the attribute. Returns 0, or the error after a message in the name of function.
+// Sets the attribute. Returns 0; on failure, logs the error in the name of function and returns it.
 int set_small_stack(pthread_attr_t *attributes, const char *function, int level);
 
 // Called at the end of the calling thread. Returns false if it is no thread of the pool. Otherwise

@@ -56,7 +56,7 @@ const char *after_last_slash(const char *path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-// Returns false after a log message.
+// On failure, logs an error and returns false.
 bool read_executable_link(char *link, std::size_t size) {
   char path[32];
   snprintf_s(path, sizeof path, sizeof path - 1, "/proc/%d/exe", static_cast<int>(thread_id()));

@@ -179,8 +179,8 @@ void *start_replacement(void *argument) {
   return nullptr;
 }
 
-// Starts a thread of the pool, which begins with job if that is set. Returns 0, or -1 after a
-// message.
+// Starts a thread of the pool, which begins with job if that is set. Returns 0; on failure, logs an
+// error and returns -1.
 int create_thread_pool_base(vorn_thrd_entry_f start_routine, const Job &job = {}) {
   vorn_thread_s *record = take_record(job.entry, job.argument);
   // No dispatcher could find a thread without a slot.

@@ -25,7 +25,7 @@ struct Service {
   const char *module; // the function that log messages name
 };
 
-// Starts the thread and binds it. Returns 0, or -1 after a log message.
+// Starts the thread and binds it. Returns 0; on failure, logs an error and returns -1.
 int start_thread(const Service &service);
 
 // Returns the number of this process as an owner of timers, which is never 0. A timer with another

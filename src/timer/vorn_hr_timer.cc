@@ -159,7 +159,7 @@ constexpr Service kService{"vorn_hr_timer", 0,         VORN_THRD_STRATEGY_CRITIC
 
 // --- Start ---
 
-// Each returns kReady, or the failed step after a log message.
+// Each returns kReady. On failure, it logs an error and returns the failed step.
 int make_condition() {
   constexpr const char *kInit = "vorn_hr_timer_module_init";
   pthread_condattr_t attributes;

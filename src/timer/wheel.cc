@@ -43,7 +43,7 @@ template <int kLevel> unsigned int slot_in(std::uint64_t time) {
 
 constexpr std::uint64_t kNever = UINT64_MAX;
 
-// Returns the steps from a bit of a ring to the next set bit, 0 if the bit itself is set.
+// Returns the number of steps from a bit of a ring to the next set bit; 0 if the bit itself is set.
 std::uint64_t distance(const unsigned long *bits, unsigned long size, unsigned long from) {
   const unsigned long next = find_next_bit(bits, size, from);
   if (next < size) return next - from;

@@ -23,11 +23,11 @@ using Cpus = std::vector<unsigned int>;
 // about missing items.
 inline Lines lines_of(const std::string &source) {
   Lines lines;
-  for (const capture::Message &record : capture::take()) {
-    if (record.file == "vorn_cfg.c") continue;
-    EXPECT_EQ(record.file, source) << record.text;
-    EXPECT_TRUE(record.level == EVLOG_ERROR || record.level == EVLOG_INFO) << record.text;
-    lines.push_back((record.level == EVLOG_ERROR ? "E " : "") + record.text);
+  for (const capture::Message &message : capture::take()) {
+    if (message.file == "vorn_cfg.c") continue;
+    EXPECT_EQ(message.file, source) << message.text;
+    EXPECT_TRUE(message.level == EVLOG_ERROR || message.level == EVLOG_INFO) << message.text;
+    lines.push_back((message.level == EVLOG_ERROR ? "E " : "") + message.text);
   }
   return lines;
 }

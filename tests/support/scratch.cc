@@ -1,3 +1,4 @@
+// Makes the directories of a test, and mounts over the directories of the system.
 // SPDX-License-Identifier: Apache-2.0
 #include "support/scratch.hpp"
 

@@ -1,5 +1,5 @@
-/* A service's program in C, linked so that its popen, pclose and system are the library's. Its exit
- * code tells the first step that did not go as it does there, 0 for none. */
+/* Uses popen, pclose and system as a service in C does that is linked so that these are the
+ * library's. Exits with the number of the first step that fails; 0 if none does. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-/* restarter FILE ROUNDS: starts the library, uses it and ends it, so many times. FILE is an INI
+/* restarter FILE ROUNDS: starts the library, uses it and ends it, ROUNDS times. FILE is an INI
  * file with an item "k" in a section "s". */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <stdlib.h>

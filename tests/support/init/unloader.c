@@ -1,5 +1,5 @@
-/* A program that opens the library, starts it and closes it again, while its signal handler is
- * installed and one of its threads runs a job. It ends with 0 where both still work. */
+/* Opens the library, starts it and closes it again, while its signal handler is installed and one
+ * of its threads runs a job. Exits with 0 if both still work. */
 /* SPDX-License-Identifier: Apache-2.0 */
 #include <dlfcn.h>
 #include <semaphore.h>

@@ -1,5 +1,5 @@
-// An object for the symbol table's tests to load: functions of every kind that a symbol table may
-// list. None but fixture_static is ever called.
+// Defines functions of every kind that a symbol table may list, in an object that its tests load.
+// Only fixture_static is called.
 // SPDX-License-Identifier: Apache-2.0
 namespace fixture {
 
@@ -34,8 +34,8 @@ __attribute__((visibility("default"))) int (*fixture_static())(int) {
 #define FUNCTION(name) "\n.type " name ", %function\n" name ": .skip 16\n.size " name ", 16\n"
 
 // 16 bytes each: a function with aliases, a gap, a function of unknown size, one whose name in
-// .symtab carries its version, and three of a pointer to a pointer and so on, of which the last was
-// enough to exhaust a small stack.
+// .symtab carries its version, and three that take a pointer to a pointer and so on: demangling the
+// last one exhausted a small stack.
 asm(R"(
   .text
   .balign 64
