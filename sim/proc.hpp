@@ -1,5 +1,6 @@
 // Declares what the stand-in reads about threads from /proc. Nothing here allocates, because a
-// fault handler may call it. SPDX-License-Identifier: Apache-2.0
+// fault handler may call it.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORNSIM_PROC_HPP
 #define VORNSIM_PROC_HPP
 
