@@ -125,9 +125,9 @@ VORN_API int KRAM_SyscallInit(void);
 /* Sends a command to the server and waits for its reply. Calls of one process wait for each other
  * and share a connection, which the first call opens; a child of fork() opens its own, and fork()
  * does not wait for a call. Blocks until the handler returns, whatever signals arrive; a handler
- * must not call it if a call of the same process may be waiting for that handler. Not a
- * cancellation point: a thread that is cancelled during the call completes it. command: operation
- * code, its group in the bits from 8 on request: input to send, and where the reply goes; not NULL
+ * must not call it if a call of its process may wait for that handler. Not a cancellation point.
+ *   command: operation code, its group in the bits from 8 on
+ *   request: input to send, and where the reply goes; not NULL
  * Returns the handler's result, with the reply in *request; -1 if there is no such command. Logs an
  * error and returns -1, with output_length unchanged, if the reply does not fit or the server
  * cannot be reached.
