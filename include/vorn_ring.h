@@ -63,6 +63,7 @@ typedef struct vorn_ring_end {
   uint32_t mask;          /* size - 1 */
   volatile uint32_t head; /* this end has reserved the slots before it */
   volatile uint32_t tail; /* and has published the slots before this one */
+  volatile uint32_t seen; /* the other end's tail when a thread of this end last read it */
 } vorn_ring_end_s;
 
 /* A ring; its slots follow, each a pointer. Only vorn_ring_create creates a ring, and only the

@@ -42,6 +42,7 @@ Ring make_ring(std::uint32_t count, std::uint32_t flags, std::uint32_t counters 
   for (vorn_ring_end_s *end : {&ring->producer, &ring->consumer}) {
     end->head = counters;
     end->tail = counters;
+    end->seen = counters;
   }
   return ring;
 }

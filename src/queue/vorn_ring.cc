@@ -2,8 +2,8 @@
 // slots.
 //
 //     0  flags
-//   128  watermark | producer: single, size, mask, head, tail
-//   256              consumer: single, size, mask, head, tail
+//   128  watermark | producer: single, size, mask, head, tail, seen
+//   256              consumer: single, size, mask, head, tail, seen
 //   384  size, mask, 0, 0
 //   512  slot 0, slot 1, ... slot mask
 //
@@ -17,17 +17,23 @@
 //   head, of many   a thread that reserves a run of slots      compare-and-swap, acquire release
 //   tail            the owner of the run that begins there     store release
 //   a slot          the owner of the run that it is in         plain
+//   seen            a thread of the same end                   store release
 //   all others      vorn_ring_create
 //
-// Every counter is loaded with acquire. The full barriers order the same accesses for the processor
-// again; the thread sanitizer follows only the loads and stores.
+// Every counter is loaded with acquire.
+//
+// seen is the other end's tail, as a thread of this end last read it: the other end's line is read
+// only if seen shows too few slots, so that it does not move between the caches at each operation.
+// A thread that loads seen with acquire also sees what the thread that stored it saw: the slots
+// that the other end had published.
 //
 // Why no two threads have a slot at the same time.
 // 1. At one end, runs do not overlap: head is moved by a single thread, or by compare-and-swap.
-// 2. A producer reserves at most up to consumer.tail + mask. It loads head first, then
-//    consumer.tail: were that tail the older, the difference could pass 0 and become huge. A tail
-//    that is newer than head can only make a difference too great when head has moved since, and
-//    then the compare-and-swap fails. Likewise a consumer reserves up to producer.tail.
+// 2. A producer reserves at most up to consumer.tail + mask, and computes the free slots from head
+//    and then from seen or consumer.tail. A value that is older than head can make the difference
+//    pass 0 and become greater than mask: the thread then reads consumer.tail. A value that is
+//    newer than head can make the difference too great only if head has moved since, and then the
+//    compare-and-swap fails. Likewise a consumer reserves up to producer.tail.
 // 3. The owner publishes a run by one store of tail, after all accesses to its slots. It makes that
 //    store only when tail has reached the beginning of the run. The owner of the previous run
 //    stored that value, so the slots of all earlier runs are complete; it was loaded with acquire.
@@ -35,6 +41,16 @@
 //    runs' slots too (the filled slots at the consumer's end, the emptied slots at the producer's).
 // 4. Runs of no slots are not reserved. Two runs would begin at the same counter, both owners would
 //    proceed to the store of tail, and the second store could set it back.
+//
+// Why no full barrier is needed. A full barrier also orders a store before a later load of another
+// word. No step of an operation needs that order:
+// - The accesses to the slots come after the loads of head and of the tail that allowed them
+//   (acquire), and before the store of tail (release). The other end touches these slots only after
+//   it has loaded that tail with acquire.
+// - The store of head precedes the accesses to the slots in the program only. Threads of the other
+//   end do not read head; threads of the same end change it only by compare-and-swap.
+// - An operation ends with the store of tail. The order of that store and of the caller's later
+//   loads is the caller's, as it would be if a barrier came before the store.
 //
 // ABA. The compare-and-swap on head succeeds wrongly if head has wrapped to the same value between
 // a thread's load and its swap. The counters are masked only for the access to a slot, so the
@@ -49,7 +65,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "arch/barrier.hpp"
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
 #include "base/log.hpp"
@@ -63,12 +78,14 @@ static_assert(offsetof(vorn_ring_s, producer.size) == 136);
 static_assert(offsetof(vorn_ring_s, producer.mask) == 140);
 static_assert(offsetof(vorn_ring_s, producer.head) == 144);
 static_assert(offsetof(vorn_ring_s, producer.tail) == 148);
+static_assert(offsetof(vorn_ring_s, producer.seen) == 152);
 
 static_assert(offsetof(vorn_ring_s, consumer.single) == 256);
 static_assert(offsetof(vorn_ring_s, consumer.size) == 260);
 static_assert(offsetof(vorn_ring_s, consumer.mask) == 264);
 static_assert(offsetof(vorn_ring_s, consumer.head) == 268);
 static_assert(offsetof(vorn_ring_s, consumer.tail) == 272);
+static_assert(offsetof(vorn_ring_s, consumer.seen) == 276);
 
 static_assert(offsetof(vorn_ring_s, spare_size) == 384);
 static_assert(offsetof(vorn_ring_s, spare_mask) == 388);
@@ -83,7 +100,10 @@ namespace {
 using Counter = volatile std::uint32_t;
 
 constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the answer of a query
-constexpr std::uint32_t kTestsTillYield = 0x8000000;
+
+// An owner that runs publishes within a microsecond or two, unless its run has thousands of slots.
+// One that does not by then has probably been descheduled, and the waiter may be on its CPU.
+constexpr std::uint32_t kTestsTillYield = 128;
 
 enum class Threads { kOne, kMany }; // that use an end at the same time
 enum class Amount { kAll, kUpTo };  // all of the objects or none
@@ -113,30 +133,33 @@ template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_
 // The following functions are inlined into each exported call: a Run that is passed between
 // functions goes through memory, which takes longer than the barriers.
 
-// Advances the counter, followed by a full barrier. Returns false if another thread was first;
-// expected is then the present value of the counter.
+// Advances the counter. Returns false if another thread was first; expected is then the present
+// value of the counter.
 template <Threads kThreads> [[gnu::always_inline]] inline bool
 advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
   if constexpr (kThreads == Threads::kOne) {
     store(head, next);
-    arch::full_barrier();
     return true;
   }
-  const bool first = atomic_word(head).compare_exchange_weak(
-      expected, next, std::memory_order_acq_rel, std::memory_order_acquire);
-  arch::full_barrier_after_atomic();
-  return first;
+  return atomic_word(head).compare_exchange_weak(expected, next, std::memory_order_acq_rel,
+                                                 std::memory_order_acquire);
 }
 
-// Reserves slots at one end: count of them, or as many as grant() allows. ahead is the largest
+std::uint32_t see(vorn_ring_end_s &end, const vorn_ring_end_s &other) {
+  const std::uint32_t tail = load(other.tail);
+  store(end.seen, tail);
+  return tail;
+}
+
+// Reserves slots at one end: count of them, or as many as grant() allows. distance is the largest
 // distance of this end's head from the other end's tail.
 template <Threads kThreads, Amount kAmount>
 [[gnu::always_inline]] inline Run reserve(vorn_ring_end_s &end, const vorn_ring_end_s &other,
-                                          std::uint32_t ahead, std::uint32_t count) {
+                                          std::uint32_t distance, std::uint32_t count) {
   std::uint32_t head = load(end.head);
-  arch::full_barrier();
   for (;;) {
-    const std::uint32_t available = ahead + load(other.tail) - head;
+    std::uint32_t available = distance + load(end.seen) - head;
+    if (available < count || available > end.mask) available = distance + see(end, other) - head;
     const std::uint32_t granted = grant<kAmount>(count, available);
     if (granted == 0) return {head, 0, available};
     if (advance<kThreads>(end.head, head, head + granted)) return {head, granted, available};
@@ -198,8 +221,15 @@ struct Enqueued {
   bool over_quota;
 };
 
-bool exceeds_quota(const vorn_ring_s &ring, const Run &run) {
-  return ring.producer.mask + 1 - run.available + run.count > ring.watermark;
+bool exceeds_quota(const vorn_ring_s &ring, const Run &run, std::uint32_t available) {
+  return ring.producer.mask + 1 - available + run.count > ring.watermark;
+}
+
+// seen may show fewer free slots than there are.
+bool exceeds_quota(vorn_ring_s &ring, const Run &run) {
+  if (!exceeds_quota(ring, run, run.available)) return false;
+  const std::uint32_t available = ring.producer.mask + see(ring.producer, ring.consumer) - run.head;
+  return exceeds_quota(ring, run, available);
 }
 
 template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline Enqueued
@@ -208,7 +238,6 @@ enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
   const Run run = reserve<kThreads, kAmount>(end, ring.consumer, end.mask, n);
   if (run.count == 0) return {0, exceeds_quota(ring, run)};
   copy_in(ring, run, objs);
-  arch::full_barrier();
   const bool over_quota = exceeds_quota(ring, run);
   publish<kThreads>(end, run);
   return {run.count, over_quota};
@@ -233,7 +262,6 @@ dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
   const Run run = reserve<kThreads, kAmount>(end, ring.producer, 0, n);
   if (run.count == 0) return 0;
   copy_out(ring, run, objs);
-  arch::full_barrier();
   publish<kThreads>(end, run);
   return run.count;
 }
@@ -266,8 +294,8 @@ void init(vorn_ring_s &ring, std::uint32_t count, std::uint32_t flags) {
   ring.flags =
       flags == VORN_RING_SINGLE ? VORN_RING_SINGLE_PRODUCER | VORN_RING_SINGLE_CONSUMER : flags;
   ring.watermark = count;
-  ring.producer = {ring.flags & VORN_RING_SINGLE_PRODUCER, count, mask, 0, 0};
-  ring.consumer = {ring.flags & VORN_RING_SINGLE_CONSUMER, count, mask, 0, 0};
+  ring.producer = {ring.flags & VORN_RING_SINGLE_PRODUCER, count, mask, 0, 0, 0};
+  ring.consumer = {ring.flags & VORN_RING_SINGLE_CONSUMER, count, mask, 0, 0, 0};
   ring.spare_size = count;
   ring.spare_mask = mask;
 }
