@@ -99,7 +99,7 @@ namespace {
 
 using Counter = volatile std::uint32_t;
 
-constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the answer of a query
+constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the result of a query; of an operation, -1
 
 // An owner that runs publishes within a microsecond or two, unless its run has thousands of slots.
 // One that does not by then has probably been descheduled, and the waiter may be on its CPU.
@@ -166,7 +166,7 @@ template <Threads kThreads, Amount kAmount>
   }
 }
 
-void wait_for(const Counter &tail, std::uint32_t value) {
+[[gnu::noinline, gnu::cold]] void wait_for(const Counter &tail, std::uint32_t value) {
   for (;;) {
     for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
       if (load(tail) == value) return;
@@ -178,7 +178,9 @@ void wait_for(const Counter &tail, std::uint32_t value) {
 
 template <Threads kThreads>
 [[gnu::always_inline]] inline void publish(vorn_ring_end_s &end, const Run &run) {
-  if constexpr (kThreads == Threads::kMany) wait_for(end.tail, run.head);
+  if constexpr (kThreads == Threads::kMany) {
+    if (load(end.tail) != run.head) wait_for(end.tail, run.head);
+  }
   store(end.tail, run.head + run.count);
 }
 
@@ -221,59 +223,62 @@ struct Enqueued {
   bool over_quota;
 };
 
-bool exceeds_quota(const vorn_ring_s &ring, const Run &run, std::uint32_t available) {
+[[gnu::always_inline]] inline bool exceeds(const vorn_ring_s &ring, const Run &run,
+                                           std::uint32_t available) {
   return ring.producer.mask + 1 - available + run.count > ring.watermark;
 }
 
 // seen may show fewer free slots than there are.
-bool exceeds_quota(vorn_ring_s &ring, const Run &run) {
-  if (!exceeds_quota(ring, run, run.available)) return false;
-  const std::uint32_t available = ring.producer.mask + see(ring.producer, ring.consumer) - run.head;
-  return exceeds_quota(ring, run, available);
+[[gnu::always_inline]] inline bool exceeds_quota(vorn_ring_s &ring, const Run &run) {
+  if (!exceeds(ring, run, run.available)) return false;
+  return exceeds(ring, run, ring.producer.mask + see(ring.producer, ring.consumer) - run.head);
 }
 
-template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline Enqueued
-enqueue_at(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
+// fill copies the objects to the slots of a run.
+template <Threads kThreads, Amount kAmount, class Fill>
+[[gnu::always_inline]] inline Enqueued enqueue_at(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
   vorn_ring_end_s &end = ring.producer;
   const Run run = reserve<kThreads, kAmount>(end, ring.consumer, end.mask, n);
   if (run.count == 0) return {0, exceeds_quota(ring, run)};
-  copy_in(ring, run, objs);
+  fill(run);
   const bool over_quota = exceeds_quota(ring, run);
   publish<kThreads>(end, run);
   return {run.count, over_quota};
 }
 
-template <Amount kAmount> [[gnu::always_inline]] inline Enqueued
-enqueue(vorn_ring_s &ring, void *const *objs, std::uint32_t n) {
-  if (ring.producer.single != 0) return enqueue_at<Threads::kOne, kAmount>(ring, objs, n);
-  return enqueue_at<Threads::kMany, kAmount>(ring, objs, n);
+template <Amount kAmount, class Fill>
+[[gnu::always_inline]] inline Enqueued enqueue(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
+  if (ring.producer.single != 0) return enqueue_at<Threads::kOne, kAmount>(ring, n, fill);
+  return enqueue_at<Threads::kMany, kAmount>(ring, n, fill);
 }
 
-[[gnu::always_inline]] inline int enqueue_all(vorn_ring_s &ring, void *const *objs,
-                                              std::uint32_t n) {
-  const Enqueued done = enqueue<Amount::kAll>(ring, objs, n);
+template <class Fill>
+[[gnu::always_inline]] inline int enqueue_all(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
+  const Enqueued done = enqueue<Amount::kAll>(ring, n, fill);
   if (done.count != n) return -ENOBUFS;
   return done.over_quota ? -EDQUOT : 0;
 }
 
-template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline std::uint32_t
-dequeue_at(vorn_ring_s &ring, void **objs, std::uint32_t n) {
+// drain copies the objects from the slots of a run.
+template <Threads kThreads, Amount kAmount, class Drain> [[gnu::always_inline]] inline std::uint32_t
+dequeue_at(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
   vorn_ring_end_s &end = ring.consumer;
   const Run run = reserve<kThreads, kAmount>(end, ring.producer, 0, n);
   if (run.count == 0) return 0;
-  copy_out(ring, run, objs);
+  drain(run);
   publish<kThreads>(end, run);
   return run.count;
 }
 
-template <Amount kAmount> [[gnu::always_inline]] inline std::uint32_t
-dequeue(vorn_ring_s &ring, void **objs, std::uint32_t n) {
-  if (ring.consumer.single != 0) return dequeue_at<Threads::kOne, kAmount>(ring, objs, n);
-  return dequeue_at<Threads::kMany, kAmount>(ring, objs, n);
+template <Amount kAmount, class Drain> [[gnu::always_inline]] inline std::uint32_t
+dequeue(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
+  if (ring.consumer.single != 0) return dequeue_at<Threads::kOne, kAmount>(ring, n, drain);
+  return dequeue_at<Threads::kMany, kAmount>(ring, n, drain);
 }
 
-[[gnu::always_inline]] inline int dequeue_all(vorn_ring_s &ring, void **objs, std::uint32_t n) {
-  return dequeue<Amount::kAll>(ring, objs, n) == n ? 0 : -ENOENT;
+template <class Drain>
+[[gnu::always_inline]] inline int dequeue_all(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
+  return dequeue<Amount::kAll>(ring, n, drain) == n ? 0 : -ENOENT;
 }
 
 std::uint32_t used(const vorn_ring_s &ring) {
@@ -282,6 +287,11 @@ std::uint32_t used(const vorn_ring_s &ring) {
 
 std::uint32_t room(const vorn_ring_s &ring) {
   return (load(ring.consumer.tail) - 1 - load(ring.producer.tail)) & ring.producer.mask;
+}
+
+// Not inline: an operation then needs no room for the message on its stack.
+[[gnu::noinline, gnu::cold]] std::uint32_t no_ring(const char *function) {
+  return VORN_FAIL_AS(function, kNoRing, "Vorn ring id is NULL.");
 }
 
 bool is_valid(std::uint32_t count) {
@@ -323,54 +333,57 @@ void vorn_ring_delete(vorn_ring_s **ring) {
 }
 
 uint32_t vorn_ring_full(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return no_ring(__func__);
   return room(*ring) == 0 ? 1 : 0;
 }
 
 uint32_t vorn_ring_empty(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return no_ring(__func__);
   return used(*ring) == 0 ? 1 : 0;
 }
 
 uint32_t vorn_ring_count(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return no_ring(__func__);
   return used(*ring) & ring->producer.mask;
 }
 
 uint32_t vorn_ring_size(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return no_ring(__func__);
   return ring->producer.mask + 1;
 }
 
 uint32_t vorn_ring_free_count(const vorn_ring_s *ring) {
-  if (ring == nullptr) return VORN_FAIL(kNoRing, "Vorn ring id is NULL.");
+  if (ring == nullptr) return no_ring(__func__);
   return room(*ring);
 }
 
 uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  const auto done = enqueue<Amount::kUpTo>(*ring, objs, n);
+  const Enqueued done =
+      enqueue<Amount::kUpTo>(*ring, n, [=](const Run &run) { copy_in(*ring, run, objs); });
   if (done.count == 0) return 0;
   return done.over_quota ? done.count | VORN_RING_QUOTA_EXCEEDED : done.count;
 }
 
 int vorn_ring_enqueue_bulk(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  return enqueue_all(*ring, objs, n);
+  return enqueue_all(*ring, n, [=](const Run &run) { copy_in(*ring, run, objs); });
 }
 
 int vorn_ring_enqueue(vorn_ring_s *ring, void *obj) {
-  if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
-  return enqueue_all(*ring, &obj, 1);
+  if (ring == nullptr) return static_cast<int>(no_ring(__func__));
+  return enqueue_all(
+      *ring, 1, [=](const Run &run) { slots_of(*ring)[run.head & ring->producer.mask] = obj; });
 }
 
 uint32_t vorn_ring_dequeue_burst(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return dequeue<Amount::kUpTo>(*ring, objs, n);
+  return dequeue<Amount::kUpTo>(*ring, n, [=](const Run &run) { copy_out(*ring, run, objs); });
 }
 
 int vorn_ring_dequeue_bulk(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return dequeue_all(*ring, objs, n);
+  return dequeue_all(*ring, n, [=](const Run &run) { copy_out(*ring, run, objs); });
 }
 
 int vorn_ring_dequeue(vorn_ring_s *ring, void **obj) {
-  if (ring == nullptr) return VORN_FAIL(-1, "Vorn ring id is NULL.");
-  return dequeue_all(*ring, obj, 1);
+  if (ring == nullptr) return static_cast<int>(no_ring(__func__));
+  return dequeue_all(
+      *ring, 1, [=](const Run &run) { *obj = slots_of(*ring)[run.head & ring->consumer.mask]; });
 }
