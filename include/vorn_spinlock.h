@@ -48,9 +48,10 @@ static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
   *lock = free_lock;
 }
 
-/* Waits until the lock is free and takes it. Passes the function and source line of the caller.
+/* Waits until the lock is free and takes it. Passes the function and source line of the caller. If
+ * the lock is free, takes it inline; otherwise, calls do_vorn_spinlock_lock.
  *   spinlock: the lock, a vorn_spinlock_s * */
-#define vorn_spinlock_lock(spinlock) do_vorn_spinlock_lock(&(spinlock)->lock, __func__, __LINE__)
+#define vorn_spinlock_lock(spinlock) vorn_spinlock_take(&(spinlock)->lock, __func__, __LINE__)
 
 /* Takes the lock if it is free now. Passes the function and source line of the caller. Never waits.
  *   spinlock: the lock, a vorn_spinlock_s *
@@ -58,10 +59,10 @@ static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
 #define vorn_spinlock_trylock(spinlock)                                                            \
   do_vorn_spinlock_trylock(&(spinlock)->lock, __func__, __LINE__)
 
-/* Releases the lock, whichever thread took it. Passes the function and source line of the caller.
+/* Releases the lock inline, whichever thread took it. The lock is free afterwards, and all writes
+ * before the call precede the next holder's accesses.
  *   spinlock: the lock, a vorn_spinlock_s * */
-#define vorn_spinlock_unlock(spinlock)                                                             \
-  do_vorn_spinlock_unlock(&(spinlock)->lock, __func__, __LINE__)
+#define vorn_spinlock_unlock(spinlock) vorn_spinlock_release(&(spinlock)->lock)
 
 /* Waits until the lock word is free and takes it. function and line name the caller; they are not
  * used.
@@ -69,6 +70,24 @@ static inline void vorn_spinlock_init(vorn_spinlock_s *lock) {
  *   function: name of the calling function
  *   line: source line of the caller */
 VORN_API void do_vorn_spinlock_lock(uint64_t *lock, const char *function, unsigned int line);
+
+/* Implements vorn_spinlock_lock. Always inline: a stack dump of a waiting thread begins with the
+ * function that called do_vorn_spinlock_lock.
+ *   lock: the lock
+ *   function: name of the calling function
+ *   line: source line of the caller */
+static inline __attribute__((always_inline)) void
+vorn_spinlock_take(uint64_t *lock, const char *function, unsigned int line) {
+  uint64_t word = 0;
+  if (!__atomic_compare_exchange_n(lock, &word, 1, 0, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+    do_vorn_spinlock_lock(lock, function, line);
+}
+
+/* Implements vorn_spinlock_unlock.
+ *   lock: the lock */
+static inline void vorn_spinlock_release(uint64_t *lock) {
+  __atomic_store_n(lock, 0, __ATOMIC_RELEASE);
+}
 
 /* Takes the lock word if it is free now. Never waits.
  *   lock: the lock

@@ -16,29 +16,26 @@ class SpinGuard {
 public:
   explicit SpinGuard(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
                      unsigned int line = __builtin_LINE())
-      : word_(&lock.lock), site_(site), line_(line), held_(true) {
-    do_vorn_spinlock_lock(word_, site, line);
+      : word_(&lock.lock), held_(true) {
+    vorn_spinlock_take(word_, site, line);
   }
 
   // Takes the lock only if it is free.
   SpinGuard(vorn_spinlock_s &lock, std::try_to_lock_t, const char *site = __builtin_FUNCTION(),
             unsigned int line = __builtin_LINE())
-      : word_(&lock.lock), site_(site), line_(line),
-        held_(do_vorn_spinlock_trylock(word_, site, line) != 0) {}
+      : word_(&lock.lock), held_(do_vorn_spinlock_trylock(word_, site, line) != 0) {}
 
   SpinGuard(const SpinGuard &) = delete;
   SpinGuard &operator=(const SpinGuard &) = delete;
 
   ~SpinGuard() {
-    if (held_) do_vorn_spinlock_unlock(word_, site_, line_);
+    if (held_) vorn_spinlock_release(word_);
   }
 
   explicit operator bool() const { return held_; }
 
 private:
   uint64_t *word_;
-  const char *site_;
-  unsigned int line_;
   bool held_;
 };
 
@@ -69,13 +66,13 @@ public:
   explicit SpinRelease(vorn_spinlock_s &lock, const char *site = __builtin_FUNCTION(),
                        unsigned int line = __builtin_LINE())
       : word_(&lock.lock), site_(site), line_(line) {
-    do_vorn_spinlock_unlock(word_, site, line);
+    vorn_spinlock_release(word_);
   }
 
   SpinRelease(const SpinRelease &) = delete;
   SpinRelease &operator=(const SpinRelease &) = delete;
 
-  ~SpinRelease() { do_vorn_spinlock_lock(word_, site_, line_); }
+  ~SpinRelease() { vorn_spinlock_take(word_, site_, line_); }
 
 private:
   uint64_t *word_;

@@ -25,7 +25,6 @@
 #include "base/ratelimit.hpp"
 #include "base/system.hpp"
 #include "base/timespec.hpp"
-#include "lock/spin_inline.hpp"
 #include "timer/service.hpp"
 #include "timer/wheel.hpp"
 #include "vorn_hr_timer.h"
@@ -69,8 +68,8 @@ constinit Root root;
 constinit std::atomic<int> state{kInitial};
 constinit Mutex start_mutex;
 
-void lock_root(unsigned int line) { lock::take(root.lock, "lockTimerRoot", line); }
-void unlock_root() { lock::free_held(root.lock); }
+void lock_root(unsigned int line) { vorn_spinlock_take(&root.lock.lock, "lockTimerRoot", line); }
+void unlock_root() { vorn_spinlock_unlock(&root.lock); }
 
 class RootGuard {
 public:
