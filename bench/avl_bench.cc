@@ -87,6 +87,7 @@ template <class Tree> bench::Nanoseconds round(const Batch &batch, std::vector<s
 template <class Tree>
 auto rounds(const std::vector<Batch> &batches, std::vector<std::byte> &memory) {
   return [&batches, &memory, at = std::size_t{0}](std::uint64_t count) mutable {
+    bench::pin(0, 1);
     bench::Nanoseconds took{0};
     for (; count > 0; --count)
       took += round<Tree>(batches[at++ % batches.size()], memory);

@@ -66,7 +66,8 @@ template <class Work> bench::Nanoseconds in_threads(int count, std::uint64_t sha
   std::barrier finish{count, [&]() noexcept { end = bench::Clock::now(); }};
   std::vector<std::jthread> threads;
   for (int i = 0; i < count; ++i) {
-    threads.emplace_back([&] {
+    threads.emplace_back([&, i] {
+      bench::pin(static_cast<unsigned int>(i), static_cast<unsigned int>(count));
       begin.arrive_and_wait();
       for (std::uint64_t n = 0; n < share; ++n)
         work();

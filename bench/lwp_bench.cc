@@ -25,14 +25,15 @@ template <class Work> bench::Nanoseconds in_two_threads(std::uint64_t count, Wor
   bench::Clock::time_point end;
   std::barrier begin{2, [&]() noexcept { start = bench::Clock::now(); }};
   std::barrier finish{2, [&]() noexcept { end = bench::Clock::now(); }};
-  const auto run = [&] {
+  const auto run = [&](unsigned int index) {
+    bench::pin(index, 2);
     begin.arrive_and_wait();
     for (std::uint64_t i = 0; i < count * kBatch; ++i)
       work();
     finish.arrive_and_wait();
   };
-  std::jthread other{run};
-  run();
+  std::jthread other{run, 1};
+  run(0);
   return (end - start) / 2.0 / kBatch;
 }
 

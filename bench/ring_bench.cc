@@ -253,7 +253,8 @@ bench::Nanoseconds pass(std::uint64_t count, unsigned int pairs) {
   std::vector<Share> shares(2 * pairs, Share{batches * kBurst});
   Queue queue{pairs};
   std::latch ready{2 * pairs};
-  const auto work = [&](Share &share, auto what) {
+  const auto work = [&](unsigned int index, Share &share, auto what) {
+    bench::pin(index, 2 * pairs);
     ready.arrive_and_wait();
     share.start = bench::Clock::now();
     what(share);
@@ -262,10 +263,10 @@ bench::Nanoseconds pass(std::uint64_t count, unsigned int pairs) {
 
   std::vector<std::thread> threads;
   for (unsigned int i = 0; i < pairs; ++i) {
-    threads.emplace_back(work, std::ref(shares[i]), [&queue](Share &share) {
+    threads.emplace_back(work, 2 * i, std::ref(shares[i]), [&queue](Share &share) {
       produce<kBurst>(typename Queue::Producer{queue}, share);
     });
-    threads.emplace_back(work, std::ref(shares[pairs + i]), [&queue](Share &share) {
+    threads.emplace_back(work, 2 * i + 1, std::ref(shares[pairs + i]), [&queue](Share &share) {
       consume<kBurst>(typename Queue::Consumer{queue}, share);
     });
   }

@@ -68,7 +68,7 @@ template <void (*give)(), Until until> bench::Nanoseconds measure(std::uint64_t 
 
 template <Until until> void give_rows(const bench::Table &table, const std::string &name) {
   const bench::Contender pool = bench::ours(measure<give_to_pool, until>);
-  table.row(name.c_str(),
+  table.row((name + " (new thread)").c_str(),
             {pool, bench::peer("pthread_create", measure<give_to_new_thread, until>)});
   table.row(name.c_str(), {pool, bench::peer("GLib", measure<give_to_glib, until>)});
 }

@@ -1,15 +1,53 @@
-// Runs the contenders of a benchmark in turns and prints the table of their times.
+// Runs the contenders of a benchmark in turns, and prints their times and the spread of the ratio.
 // SPDX-License-Identifier: Apache-2.0
 #include "support/bench.hpp"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <errno.h>
+#include <sched.h>
 
 namespace bench {
 namespace {
 
 constexpr Nanoseconds kTurn = std::chrono::microseconds{200};
-constexpr int kTurns = 101;
+constexpr std::size_t kTurns = 201;
+constexpr std::size_t kMinTurns = 5;
+
+// A row of long operations ends after this time, with fewer turns.
+constexpr std::chrono::seconds kRowTime{3};
+
+// The CPUs of the process before a row pins a thread.
+class Cpus {
+public:
+  Cpus() {
+    CPU_ZERO(&all_);
+    sched_getaffinity(0, sizeof all_, &all_);
+    for (int cpu = CPU_SETSIZE - 1; cpu >= 0; --cpu) {
+      if (CPU_ISSET(cpu, &all_)) cpus_.push_back(cpu);
+    }
+  }
+
+  void pin(unsigned int index, unsigned int threads) {
+    if (threads > cpus_.size()) return;
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(cpus_[index % cpus_.size()], &one);
+    sched_setaffinity(0, sizeof one, &one);
+  }
+  void unpin() { sched_setaffinity(0, sizeof all_, &all_); }
+
+private:
+  cpu_set_t all_;
+  std::vector<int> cpus_; // the last one first: the first one serves more interrupts
+};
+
+Cpus &cpus() {
+  static Cpus cpus;
+  return cpus;
+}
 
 // Returns the number of operations in a turn: as many as take kTurn, at least one. Also warms up.
 std::uint64_t turn_length(const Contender &contender) {
@@ -24,32 +62,68 @@ std::uint64_t turn_length(const Contender &contender) {
   }
 }
 
-double median(std::vector<double> &times) {
-  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
-  std::nth_element(times.begin(), middle, times.end());
-  return *middle;
+// Returns the value at that part of values in ascending order: 0.5 gives the median.
+double quantile(std::vector<double> values, double part) {
+  const auto at =
+      values.begin() + static_cast<std::ptrdiff_t>(part * static_cast<double>(values.size() - 1));
+  std::nth_element(values.begin(), at, values.end());
+  return *at;
 }
 
-// Returns the median time of an operation of each contender in nanoseconds. The first contender of
-// a turn is the last one of the next turn.
-std::vector<double> measure(const std::vector<Contender> &contenders) {
+double median(const std::vector<double> &values) { return quantile(values, 0.5); }
+
+using Times = std::vector<double>; // nanoseconds of one operation, by turn
+
+// Returns the times of each contender. Every turn begins with another contender, and every second
+// turn runs them in the opposite order: none always follows the same other one.
+std::vector<Times> measure(const std::vector<Contender> &contenders) {
   std::vector<std::uint64_t> lengths;
   for (const Contender &contender : contenders)
     lengths.push_back(turn_length(contender));
 
-  std::vector<std::vector<double>> times(contenders.size());
+  const std::size_t count = contenders.size();
+  std::vector<Times> times(count);
+  const auto end = Clock::now() + kRowTime;
   for (std::size_t turn = 0; turn < kTurns; ++turn) {
-    for (std::size_t step = 0; step < contenders.size(); ++step) {
-      const std::size_t at = (turn + step) % contenders.size();
+    if (turn >= kMinTurns && Clock::now() > end) break;
+    for (std::size_t step = 0; step < count; ++step) {
+      const std::size_t at = (turn + (turn % 2 == 0 ? step : count - step)) % count;
       const Nanoseconds took = contenders[at].run(lengths[at]);
       times[at].push_back(took.count() / static_cast<double>(lengths[at]));
     }
   }
+  cpus().unpin();
+  return times;
+}
 
-  std::vector<double> medians;
-  for (auto &of_one : times)
-    medians.push_back(median(of_one));
-  return medians;
+struct Peer {
+  std::string name;
+  double time = 0;
+  double ratio = 0;
+  double spread =
+      0; // of the ratio: the interquartile range of its turns, as a part of their median
+};
+
+struct Result {
+  double ours = 0;
+  Peer peer; // the fastest one; without a name if there is none
+};
+
+double spread(const Times &ours, const Times &theirs) {
+  std::vector<double> ratios;
+  for (std::size_t turn = 0; turn < ours.size(); ++turn)
+    ratios.push_back(theirs[turn] / ours[turn]);
+  return (quantile(ratios, 0.75) - quantile(ratios, 0.25)) / median(ratios);
+}
+
+Result summary(const std::vector<Contender> &contenders, const std::vector<Times> &times) {
+  Result result{median(times.front()), {}};
+  for (std::size_t i = 1; i < times.size(); ++i) {
+    const double time = median(times[i]);
+    if (i > 1 && time >= result.peer.time) continue;
+    result.peer = {contenders[i].name, time, time / result.ours, spread(times.front(), times[i])};
+  }
+  return result;
 }
 
 std::string number(double value, const char *unit) {
@@ -70,38 +144,58 @@ std::string rate_text(std::size_t bytes, double nanoseconds) {
 }
 
 void print(const char *operation, const char *ours, const char *rate, const char *peer,
-           const char *peer_name, const char *ratio) {
-  std::printf("%-44s %12s %13s %12s  %-14s %6s\n", operation, ours, rate, peer, peer_name, ratio);
+           const char *peer_name, const char *ratio, const char *spread) {
+  std::printf("%-44s %12s %13s %12s  %-22s %6s %7s\n", operation, ours, rate, peer, peer_name,
+              ratio, spread);
   std::fflush(stdout);
 }
 
+void print(const Operation &operation, const Result &result) {
+  const char *name = operation.name.c_str();
+  const std::string ours = time_text(result.ours);
+  const std::string rate = rate_text(operation.bytes, result.ours);
+  const Peer &peer = result.peer;
+  if (peer.name.empty()) return print(name, ours.c_str(), rate.c_str(), "-", "", "-", "");
+  print(name, ours.c_str(), rate.c_str(), time_text(peer.time).c_str(), peer.name.c_str(),
+        number(peer.ratio, "").c_str(), number(peer.spread * 100, " %").c_str());
+}
+
+// Prints the result as a line of fields with tabs between them, which tools/bench reads.
+void print_line(const std::string &title, const Operation &operation, const Result &result) {
+  const Peer &peer = result.peer;
+  std::printf("row\t%s\t%s\t%s\t%zu\t%.3f\t%s\t%.3f\t%.4f\t%.4f\n", program_invocation_short_name,
+              title.c_str(), operation.name.c_str(), operation.bytes, result.ours,
+              peer.name.c_str(), peer.time, peer.ratio, peer.spread);
+  std::fflush(stdout);
+}
+
+bool wants_lines() { return std::getenv("VORN_BENCH_LINES") != nullptr; }
+
 } // namespace
 
-Table::Table(int argc, char **argv, const char *title) : words_(argv + 1, argv + argc) {
+void pin(unsigned int index, unsigned int threads) { cpus().pin(index, threads); }
+
+void unpin() { cpus().unpin(); }
+
+Table::Table(int argc, char **argv, const char *title)
+    : title_(title), words_(argv + 1, argv + argc) {
+  cpus();
+  if (wants_lines()) return;
   std::printf("\n%s\n", title);
-  print("operation", "ours", "", "best peer", "", "ratio");
+  print("operation", "ours", "", "best peer", "", "ratio", "spread");
 }
 
 bool Table::wanted(const std::string &name) const {
   return words_.empty() || std::any_of(words_.begin(), words_.end(), [&](const auto &word) {
-           return name.find(word) != std::string::npos;
+           return strcasestr(name.c_str(), word.c_str()) != nullptr;
          });
 }
 
 void Table::row(const Operation &operation, const std::vector<Contender> &contenders) const {
   if (!wanted(operation.name)) return;
-  const std::vector<double> times = measure(contenders);
-  const double ours = times.front();
-  const std::string time = time_text(ours);
-  const std::string rate = rate_text(operation.bytes, ours);
-  const auto best = std::min_element(times.begin() + 1, times.end());
-  if (best == times.end()) {
-    print(operation.name.c_str(), time.c_str(), rate.c_str(), "-", "", "-");
-    return;
-  }
-  const Contender &peer = contenders[static_cast<std::size_t>(best - times.begin())];
-  print(operation.name.c_str(), time.c_str(), rate.c_str(), time_text(*best).c_str(),
-        peer.name.c_str(), number(*best / ours, "").c_str());
+  const Result result = summary(contenders, measure(contenders));
+  if (wants_lines()) return print_line(title_, operation, result);
+  print(operation, result);
 }
 
 } // namespace bench

@@ -7,9 +7,12 @@
 //                bench::peer("malloc", [] { free(malloc(64)); })});
 //   }
 //
-// The contenders of a row run in turns of a fraction of a millisecond, so that other load on the
-// machine affects all of them equally. The table shows the median turn of each. The ratio is the
-// time of the fastest peer divided by ours: above 1, ours is faster.
+// The contenders of a row run in turns of a fraction of a millisecond, in a changing order, so that
+// other load on the machine affects all of them equally. The table shows the median turn of each.
+// The ratio is the time of the fastest peer divided by ours: above 1, ours is faster. The spread is
+// the interquartile range of the ratios of the turns, in per cent of their median. If the
+// environment has VORN_BENCH_LINES, the program prints lines that tools/bench reads instead of the
+// table.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_BENCH_HPP
 #define VORN_BENCH_SUPPORT_BENCH_HPP
@@ -45,15 +48,25 @@ struct Contender {
   std::function<Nanoseconds(std::uint64_t count)> run; // returns the time of count operations
 };
 
+// Pins the calling thread to one CPU, another one for each index, if the row has no more threads
+// than there are CPUs; otherwise the system places the threads.
+void pin(unsigned int index, unsigned int threads);
+
+// Lets the calling thread run on every CPU of the process again.
+void unpin();
+
 // The argument what is one of:
 //   [] { ... }                                one operation; its result is not optimised away
 //   [](std::uint64_t count) { ... }           count operations
 //   [](std::uint64_t count) { return time; }  the same; it returns its own time, a std::chrono
-//   duration.
-//                                             For operations that need threads or preparation.
+//                                             duration. For operations that need threads or
+//                                             preparation.
+// The thread that measures is pinned to a CPU in the first two cases. In the third it is not, and
+// the operation pins the threads that need it.
 template <class What> Contender contender(std::string name, What what) {
   const auto run = [what = std::move(what)](std::uint64_t count) mutable -> Nanoseconds {
     if constexpr (!std::invocable<What &, std::uint64_t>) {
+      pin(0, 1);
       const auto start = Clock::now();
       for (; count > 0; --count) {
         if constexpr (std::is_void_v<std::invoke_result_t<What &>>) {
@@ -64,10 +77,12 @@ template <class What> Contender contender(std::string name, What what) {
       }
       return Clock::now() - start;
     } else if constexpr (std::is_void_v<std::invoke_result_t<What &, std::uint64_t>>) {
+      pin(0, 1);
       const auto start = Clock::now();
       what(count);
       return Clock::now() - start;
     } else {
+      unpin();
       return what(count);
     }
   };
@@ -83,7 +98,7 @@ template <class What> Contender peer(std::string name, What what) {
 class Table {
 public:
   // Prints the head of the table. The program's arguments select rows: if there are any, the table
-  // measures only rows whose name contains one of them.
+  // measures only rows whose name contains one of them, in upper or lower case.
   Table(int argc, char **argv, const char *title);
 
   // Measures and prints a row: ours first, then any number of peers (or none).
@@ -92,6 +107,7 @@ public:
 private:
   bool wanted(const std::string &name) const;
 
+  std::string title_;
   std::vector<std::string> words_;
 };
 
