@@ -17,7 +17,7 @@ constexpr std::size_t kTurns = 201;
 constexpr std::size_t kMinTurns = 5;
 
 // A row of long operations ends after this time, with fewer turns.
-constexpr std::chrono::seconds kRowTime{3};
+constexpr std::chrono::seconds kRowTime{1};
 
 // The CPUs of the process before a row pins a thread.
 class Cpus {
