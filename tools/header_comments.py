@@ -208,7 +208,7 @@ def declare(source):
     text = plain(source).strip()
     one = Declaration(text, Comment(), "type", "", source)
     macro = re.match(r"#define (\w+)(?:\(([^)]*)\))?", text)
-    function = re.match(r"(?:(?:VORN|EVLOG)_API|static inline) +([^(;]*?)(\w+)\(" + NESTED + r"\)", text)
+    function = re.match(r"(?:(?:VORN|EVLOG)_API|static inline(?: __attribute__\(\(\w+\)\))?) +([^(;]*?)(\w+)\(" + NESTED + r"\)", text)
     if macro:
         one.kind, one.name = "macro", macro[1]
         one.parameters = split_parameters(macro[2] or "")
