@@ -310,6 +310,7 @@ int main(int argc, char **argv) {
   single<32>(table);
   multi<1>(table, "two and two", 2);
   multi<32>(table, "two and two", 2);
+  multi<1>(table, "three and three", 3);
   multi<1>(table, "four and four", 4);
   multi<32>(table, "four and four", 4);
 }

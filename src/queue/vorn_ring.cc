@@ -7,59 +7,10 @@
 //   384  size, mask, 0, 0
 //   512  slot 0, slot 1, ... slot mask
 //
-// Four counters run freely modulo 2^32. In the order in which they pass a slot, from the left:
-//
-//     producer.head   producer.tail        consumer.head   consumer.tail
-//   free |   being filled   |   filled           |   being emptied   |   free
-//
-//   word            written by                                 order
-//   head, of one    the one thread of the end                  store release
-//   head, of many   a thread that reserves a run of slots      compare-and-swap, acquire release
-//   tail            the owner of the run that begins there     store release
-//   a slot          the owner of the run that it is in         plain
-//   seen            a thread of the same end                   store release
-//   all others      vorn_ring_create
-//
-// Every counter is loaded with acquire.
-//
-// seen is the other end's tail, as a thread of this end last read it: the other end's line is read
-// only if seen shows too few slots, so that it does not move between the caches at each operation.
-// A thread that loads seen with acquire also sees what the thread that stored it saw: the slots
-// that the other end had published.
-//
-// Why no two threads have a slot at the same time.
-// 1. At one end, runs do not overlap: head is moved by a single thread, or by compare-and-swap.
-// 2. A producer reserves at most up to consumer.tail + mask, and computes the free slots from head
-//    and then from seen or consumer.tail. A value that is older than head can make the difference
-//    pass 0 and become greater than mask: the thread then reads consumer.tail. A value that is
-//    newer than head can make the difference too great only if head has moved since, and then the
-//    compare-and-swap fails. Likewise a consumer reserves up to producer.tail.
-// 3. The owner publishes a run by one store of tail, after all accesses to its slots. It makes that
-//    store only when tail has reached the beginning of the run. The owner of the previous run
-//    stored that value, so the slots of all earlier runs are complete; it was loaded with acquire.
-//    So a thread that loads tail with acquire and finds a later run published sees the earlier
-//    runs' slots too (the filled slots at the consumer's end, the emptied slots at the producer's).
-// 4. Runs of no slots are not reserved. Two runs would begin at the same counter, both owners would
-//    proceed to the store of tail, and the second store could set it back.
-//
-// Why no full barrier is needed. A full barrier also orders a store before a later load of another
-// word. No step of an operation needs that order:
-// - The accesses to the slots come after the loads of head and of the tail that allowed them
-//   (acquire), and before the store of tail (release). The other end touches these slots only after
-//   it has loaded that tail with acquire.
-// - The store of head precedes the accesses to the slots in the program only. Threads of the other
-//   end do not read head; threads of the same end change it only by compare-and-swap.
-// - An operation ends with the store of tail. The order of that store and of the caller's later
-//   loads is the caller's, as it would be if a barrier came before the store.
-//
-// ABA. The compare-and-swap on head succeeds wrongly if head has wrapped to the same value between
-// a thread's load and its swap. The counters are masked only for the access to a slot, so the
-// thread must sleep while exactly 2^32 slots pass, not just a multiple of the ring's size. Indices
-// that wrap with the ring would need a tag.
+// ring_ends.hpp argues why no two threads have a slot at the same time.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_ring.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -68,6 +19,7 @@
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
 #include "base/log.hpp"
+#include "queue/ring_ends.hpp"
 #include "vorn_sched.h"
 
 static_assert(offsetof(vorn_ring_s, flags) == 0);
@@ -97,196 +49,177 @@ static_assert(sizeof(void *) == 8 && sizeof(std::uint32_t) == 4);
 namespace vorn::ring {
 namespace {
 
-using Counter = volatile std::uint32_t;
-
 constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the result of a query; of an operation, -1
 
-// An owner that runs publishes within a microsecond or two, unless its run has thousands of slots.
-// One that does not by then has probably been descheduled, and the waiter may be on its CPU.
-constexpr std::uint32_t kTestsTillYield = 128;
+struct Shared {
+  using Counter = volatile std::uint32_t;
 
-enum class Threads { kOne, kMany }; // that use an end at the same time
-enum class Amount { kAll, kUpTo };  // all of the objects or none
-
-// The slots that an operation owns, by the counter of the first.
-struct Run {
-  std::uint32_t head;
-  std::uint32_t count;
-  std::uint32_t available; // slots that could have been reserved
+  static std::uint32_t load(const Counter &counter) {
+    return atomic_word(counter).load(std::memory_order_acquire);
+  }
+  static std::uint32_t load_relaxed(const Counter &counter) {
+    return atomic_word(counter).load(std::memory_order_relaxed);
+  }
+  static void store(Counter &counter, std::uint32_t value) {
+    atomic_word(counter).store(value, std::memory_order_release);
+  }
+  static void store_relaxed(Counter &counter, std::uint32_t value) {
+    atomic_word(counter).store(value, std::memory_order_relaxed);
+  }
+  static bool swap(Counter &counter, std::uint32_t &expected, std::uint32_t value) {
+    return atomic_word(counter).compare_exchange_weak(expected, value, std::memory_order_acq_rel,
+                                                      std::memory_order_acquire);
+  }
+  static void pause() { arch::pause(); }
+  static void yield() { vorn_yield(); }
 };
 
 void **slots_of(vorn_ring_s &ring) { return reinterpret_cast<void **>(&ring + 1); }
 
-std::uint32_t load(const Counter &counter) {
-  return atomic_word(counter).load(std::memory_order_acquire);
+// memcpy(3) moves at least four objects at a time.
+void copy(void **to, void *const *from, std::uint32_t count) {
+  std::memcpy(to, from, count * sizeof *to);
 }
 
-void store(Counter &counter, std::uint32_t value) {
-  atomic_word(counter).store(value, std::memory_order_release);
+// A run that passes the end of the slots continues at the first slot.
+[[gnu::noinline, gnu::cold]] void copy_in_wrapped(void **slots, std::uint32_t index,
+                                                  std::uint32_t to_end, void *const *objs,
+                                                  std::uint32_t count) {
+  copy(slots + index, objs, to_end);
+  copy(slots, objs + to_end, count - to_end);
 }
 
-template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_t available) {
-  if constexpr (kAmount == Amount::kUpTo) return std::min(wanted, available);
-  return wanted <= available ? wanted : 0;
-}
-
-// The following functions are inlined into each exported call: a Run that is passed between
-// functions goes through memory, which takes longer than the barriers.
-
-// Advances the counter. Returns false if another thread was first; expected is then the present
-// value of the counter.
-template <Threads kThreads> [[gnu::always_inline]] inline bool
-advance(Counter &head, std::uint32_t &expected, std::uint32_t next) {
-  if constexpr (kThreads == Threads::kOne) {
-    store(head, next);
-    return true;
-  }
-  return atomic_word(head).compare_exchange_weak(expected, next, std::memory_order_acq_rel,
-                                                 std::memory_order_acquire);
-}
-
-std::uint32_t see(vorn_ring_end_s &end, const vorn_ring_end_s &other) {
-  const std::uint32_t tail = load(other.tail);
-  store(end.seen, tail);
-  return tail;
-}
-
-// Reserves slots at one end: count of them, or as many as grant() allows. distance is the largest
-// distance of this end's head from the other end's tail.
-template <Threads kThreads, Amount kAmount>
-[[gnu::always_inline]] inline Run reserve(vorn_ring_end_s &end, const vorn_ring_end_s &other,
-                                          std::uint32_t distance, std::uint32_t count) {
-  std::uint32_t head = load(end.head);
-  for (;;) {
-    std::uint32_t available = distance + load(end.seen) - head;
-    if (available < count || available > end.mask) available = distance + see(end, other) - head;
-    const std::uint32_t granted = grant<kAmount>(count, available);
-    if (granted == 0) return {head, 0, available};
-    if (advance<kThreads>(end.head, head, head + granted)) return {head, granted, available};
-  }
-}
-
-[[gnu::noinline, gnu::cold]] void wait_for(const Counter &tail, std::uint32_t value) {
-  for (;;) {
-    for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
-      if (load(tail) == value) return;
-      arch::pause();
-    }
-    vorn_yield();
-  }
-}
-
-template <Threads kThreads>
-[[gnu::always_inline]] inline void publish(vorn_ring_end_s &end, const Run &run) {
-  if constexpr (kThreads == Threads::kMany) {
-    if (load(end.tail) != run.head) wait_for(end.tail, run.head);
-  }
-  store(end.tail, run.head + run.count);
-}
-
-// from and to do not overlap.
-[[gnu::always_inline]] inline void copy(void **__restrict to, void *const *__restrict from,
-                                        std::uint32_t count) {
-  for (; count >= 4; count -= 4) {
-    to[0] = from[0];
-    to[1] = from[1];
-    to[2] = from[2];
-    to[3] = from[3];
-    to += 4;
-    from += 4;
-  }
-  if (count > 0) to[0] = from[0];
-  if (count > 1) to[1] = from[1];
-  if (count > 2) to[2] = from[2];
+[[gnu::noinline, gnu::cold]] void copy_out_wrapped(void *const *slots, std::uint32_t index,
+                                                   std::uint32_t to_end, void **objs,
+                                                   std::uint32_t count) {
+  copy(objs, slots + index, to_end);
+  copy(objs + to_end, slots, count - to_end);
 }
 
 [[gnu::always_inline]] inline void copy_in(vorn_ring_s &ring, const Run &run, void *const *objs) {
-  void **slots = slots_of(ring);
   const std::uint32_t index = run.head & ring.producer.mask;
   const std::uint32_t to_end = ring.producer.size - index;
-  if (run.count <= to_end) return copy(slots + index, objs, run.count);
-  copy(slots + index, objs, to_end);
-  copy(slots, objs + to_end, run.count - to_end);
+  if (run.count > to_end) return copy_in_wrapped(slots_of(ring), index, to_end, objs, run.count);
+  copy(slots_of(ring) + index, objs, run.count);
 }
 
 [[gnu::always_inline]] inline void copy_out(vorn_ring_s &ring, const Run &run, void **objs) {
-  void **slots = slots_of(ring);
   const std::uint32_t index = run.head & ring.consumer.mask;
   const std::uint32_t to_end = ring.consumer.size - index;
-  if (run.count <= to_end) return copy(objs, slots + index, run.count);
-  copy(objs, slots + index, to_end);
-  copy(objs + to_end, slots, run.count - to_end);
+  if (run.count > to_end) return copy_out_wrapped(slots_of(ring), index, to_end, objs, run.count);
+  copy(objs, slots_of(ring) + index, run.count);
 }
-
-struct Enqueued {
-  std::uint32_t count;
-  bool over_quota;
-};
 
 [[gnu::always_inline]] inline bool exceeds(const vorn_ring_s &ring, const Run &run,
                                            std::uint32_t available) {
-  return ring.producer.mask + 1 - available + run.count > ring.watermark;
+  return ring.producer.size - available + run.count > ring.watermark;
 }
 
 // seen may show fewer free slots than there are.
-[[gnu::always_inline]] inline bool exceeds_quota(vorn_ring_s &ring, const Run &run) {
+[[gnu::always_inline]] inline bool exceeds_quota(const vorn_ring_s &ring, const Run &run) {
   if (!exceeds(ring, run, run.available)) return false;
-  return exceeds(ring, run, ring.producer.mask + see(ring.producer, ring.consumer) - run.head);
+  return exceeds(ring, run, ring.producer.mask + Shared::load(ring.consumer.tail) - run.head);
+}
+
+template <Amount kAmount>
+int refused_enqueue(const vorn_ring_s &ring, const Run &run, std::uint32_t n) {
+  if constexpr (kAmount == Amount::kUpTo) return 0;
+  if (n != 0) return -ENOBUFS;
+  return exceeds_quota(ring, run) ? -EDQUOT : 0;
 }
 
 // fill copies the objects to the slots of a run.
 template <Threads kThreads, Amount kAmount, class Fill>
-[[gnu::always_inline]] inline Enqueued enqueue_at(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
+[[gnu::always_inline]] inline int enqueue(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
   vorn_ring_end_s &end = ring.producer;
-  const Run run = reserve<kThreads, kAmount>(end, ring.consumer, end.mask, n);
-  if (run.count == 0) return {0, exceeds_quota(ring, run)};
+  const Run run = reserve<Shared, kThreads, kAmount>(end, ring.consumer, end.mask, n);
+  if (run.count == 0) return refused_enqueue<kAmount>(ring, run, n);
   fill(run);
   const bool over_quota = exceeds_quota(ring, run);
-  publish<kThreads>(end, run);
-  return {run.count, over_quota};
-}
-
-template <Amount kAmount, class Fill>
-[[gnu::always_inline]] inline Enqueued enqueue(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
-  if (ring.producer.single != 0) return enqueue_at<Threads::kOne, kAmount>(ring, n, fill);
-  return enqueue_at<Threads::kMany, kAmount>(ring, n, fill);
-}
-
-template <class Fill>
-[[gnu::always_inline]] inline int enqueue_all(vorn_ring_s &ring, std::uint32_t n, Fill fill) {
-  const Enqueued done = enqueue<Amount::kAll>(ring, n, fill);
-  if (done.count != n) return -ENOBUFS;
-  return done.over_quota ? -EDQUOT : 0;
+  publish<Shared, kThreads>(end, run);
+  if constexpr (kAmount == Amount::kAll) return over_quota ? -EDQUOT : 0;
+  return static_cast<int>(over_quota ? run.count | VORN_RING_QUOTA_EXCEEDED : run.count);
 }
 
 // drain copies the objects from the slots of a run.
-template <Threads kThreads, Amount kAmount, class Drain> [[gnu::always_inline]] inline std::uint32_t
-dequeue_at(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
+template <Threads kThreads, Amount kAmount, class Drain>
+[[gnu::always_inline]] inline int dequeue(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
   vorn_ring_end_s &end = ring.consumer;
-  const Run run = reserve<kThreads, kAmount>(end, ring.producer, 0, n);
-  if (run.count == 0) return 0;
+  const Run run = reserve<Shared, kThreads, kAmount>(end, ring.producer, 0, n);
+  if (run.count == 0) return kAmount == Amount::kAll && n != 0 ? -ENOENT : 0;
   drain(run);
-  publish<kThreads>(end, run);
-  return run.count;
+  publish<Shared, kThreads>(end, run);
+  return kAmount == Amount::kAll ? 0 : static_cast<int>(run.count);
 }
 
-template <Amount kAmount, class Drain> [[gnu::always_inline]] inline std::uint32_t
-dequeue(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
-  if (ring.consumer.single != 0) return dequeue_at<Threads::kOne, kAmount>(ring, n, drain);
-  return dequeue_at<Threads::kMany, kAmount>(ring, n, drain);
+template <Threads kThreads>
+[[gnu::always_inline]] inline int enqueue_one(vorn_ring_s *ring, void *obj) {
+  return enqueue<kThreads, Amount::kAll>(
+      *ring, 1, [=](const Run &run) __attribute__((always_inline)) {
+        slots_of(*ring)[run.head & ring->producer.mask] = obj;
+      });
 }
 
-template <class Drain>
-[[gnu::always_inline]] inline int dequeue_all(vorn_ring_s &ring, std::uint32_t n, Drain drain) {
-  return dequeue<Amount::kAll>(ring, n, drain) == n ? 0 : -ENOENT;
+template <Threads kThreads>
+[[gnu::always_inline]] inline int dequeue_one(vorn_ring_s *ring, void **obj) {
+  return dequeue<kThreads, Amount::kAll>(
+      *ring, 1, [=](const Run &run) __attribute__((always_inline)) {
+        *obj = slots_of(*ring)[run.head & ring->consumer.mask];
+      });
+}
+
+template <Threads kThreads, Amount kAmount> [[gnu::always_inline]] inline int
+enqueue_run(vorn_ring_s *ring, void *const *objs, std::uint32_t n) {
+  return enqueue<kThreads, kAmount>(
+      *ring, n, [=](const Run &run) __attribute__((always_inline)) { copy_in(*ring, run, objs); });
+}
+
+template <Threads kThreads, Amount kAmount>
+[[gnu::always_inline]] inline int dequeue_run(vorn_ring_s *ring, void **objs, std::uint32_t n) {
+  return dequeue<kThreads, kAmount>(
+      *ring, n, [=](const Run &run) __attribute__((always_inline)) { copy_out(*ring, run, objs); });
+}
+
+// The operations on an end for many need more registers than those on an end for one. Functions of
+// their own keep the latter from saving these registers.
+
+[[gnu::noinline]] int enqueue_one_of_many(vorn_ring_s *ring, void *obj) {
+  return enqueue_one<Threads::kMany>(ring, obj);
+}
+
+[[gnu::noinline]] int dequeue_one_of_many(vorn_ring_s *ring, void **obj) {
+  return dequeue_one<Threads::kMany>(ring, obj);
+}
+
+template <Amount kAmount>
+[[gnu::noinline]] int enqueue_of_many(vorn_ring_s *ring, void *const *objs, std::uint32_t n) {
+  return enqueue_run<Threads::kMany, kAmount>(ring, objs, n);
+}
+
+template <Amount kAmount>
+[[gnu::noinline]] int dequeue_of_many(vorn_ring_s *ring, void **objs, std::uint32_t n) {
+  return dequeue_run<Threads::kMany, kAmount>(ring, objs, n);
+}
+
+template <Amount kAmount> [[gnu::always_inline]] inline int
+enqueue_by_end(vorn_ring_s *ring, void *const *objs, std::uint32_t n) {
+  if (ring->producer.single == 0) return enqueue_of_many<kAmount>(ring, objs, n);
+  return enqueue_run<Threads::kOne, kAmount>(ring, objs, n);
+}
+
+template <Amount kAmount>
+[[gnu::always_inline]] inline int dequeue_by_end(vorn_ring_s *ring, void **objs, std::uint32_t n) {
+  if (ring->consumer.single == 0) return dequeue_of_many<kAmount>(ring, objs, n);
+  return dequeue_run<Threads::kOne, kAmount>(ring, objs, n);
 }
 
 std::uint32_t used(const vorn_ring_s &ring) {
-  return load(ring.producer.tail) - load(ring.consumer.tail);
+  return Shared::load(ring.producer.tail) - Shared::load(ring.consumer.tail);
 }
 
 std::uint32_t room(const vorn_ring_s &ring) {
-  return (load(ring.consumer.tail) - 1 - load(ring.producer.tail)) & ring.producer.mask;
+  return (Shared::load(ring.consumer.tail) - 1 - Shared::load(ring.producer.tail)) &
+         ring.producer.mask;
 }
 
 // Not inline: an operation then needs no room for the message on its stack.
@@ -358,32 +291,29 @@ uint32_t vorn_ring_free_count(const vorn_ring_s *ring) {
 }
 
 uint32_t vorn_ring_enqueue_burst(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  const Enqueued done =
-      enqueue<Amount::kUpTo>(*ring, n, [=](const Run &run) { copy_in(*ring, run, objs); });
-  if (done.count == 0) return 0;
-  return done.over_quota ? done.count | VORN_RING_QUOTA_EXCEEDED : done.count;
+  return static_cast<uint32_t>(enqueue_by_end<Amount::kUpTo>(ring, objs, n));
 }
 
 int vorn_ring_enqueue_bulk(vorn_ring_s *ring, void *const *objs, uint32_t n) {
-  return enqueue_all(*ring, n, [=](const Run &run) { copy_in(*ring, run, objs); });
+  return enqueue_by_end<Amount::kAll>(ring, objs, n);
 }
 
 int vorn_ring_enqueue(vorn_ring_s *ring, void *obj) {
   if (ring == nullptr) return static_cast<int>(no_ring(__func__));
-  return enqueue_all(
-      *ring, 1, [=](const Run &run) { slots_of(*ring)[run.head & ring->producer.mask] = obj; });
+  if (ring->producer.single == 0) return enqueue_one_of_many(ring, obj);
+  return enqueue_one<Threads::kOne>(ring, obj);
 }
 
 uint32_t vorn_ring_dequeue_burst(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return dequeue<Amount::kUpTo>(*ring, n, [=](const Run &run) { copy_out(*ring, run, objs); });
+  return static_cast<uint32_t>(dequeue_by_end<Amount::kUpTo>(ring, objs, n));
 }
 
 int vorn_ring_dequeue_bulk(vorn_ring_s *ring, void **objs, uint32_t n) {
-  return dequeue_all(*ring, n, [=](const Run &run) { copy_out(*ring, run, objs); });
+  return dequeue_by_end<Amount::kAll>(ring, objs, n);
 }
 
 int vorn_ring_dequeue(vorn_ring_s *ring, void **obj) {
   if (ring == nullptr) return static_cast<int>(no_ring(__func__));
-  return dequeue_all(
-      *ring, 1, [=](const Run &run) { *obj = slots_of(*ring)[run.head & ring->consumer.mask]; });
+  if (ring->consumer.single == 0) return dequeue_one_of_many(ring, obj);
+  return dequeue_one<Threads::kOne>(ring, obj);
 }
