@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/scratch.hpp"
 
+#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <sched.h>
 #include <stdexcept>
 #include <sys/mount.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace scratch {
@@ -18,14 +20,28 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Returns whether a system call succeeded, of which result is the result: false if the user may not
+// make it. Any other failure fails the test.
+bool is_permitted(int result, const char *what) {
+  if (result == 0) return true;
+  if (errno == EPERM || errno == EACCES) return false;
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+bool make_mounts_private() {
+  const int result = mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
+  if (result != 0 && errno == EINVAL) return false; // the root directory is not a mount point
+  return is_permitted(result, "mount");
+}
+
 bool enter_mount_namespace() {
   static const bool entered =
-      unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+      is_permitted(unshare(CLONE_NEWNS), "unshare") && make_mounts_private();
   return entered;
 }
 
 bool cover(const std::string &directory) {
-  return mount("none", directory.c_str(), "tmpfs", 0, nullptr) == 0;
+  return is_permitted(mount("none", directory.c_str(), "tmpfs", 0, nullptr), "mount");
 }
 
 // Makes an entry of the machine's root visible below root, unless it is a file.
@@ -35,7 +51,8 @@ bool mirror(const fs::directory_entry &entry, const std::string &root) {
     fs::copy_symlink(entry.path(), path);
   } else if (entry.is_directory() && entry.path() != root) {
     fs::create_directory(path);
-    return mount(entry.path().c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+    return is_permitted(
+        mount(entry.path().c_str(), path.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "mount");
   }
   return true;
 }
@@ -48,11 +65,12 @@ bool enter_own_root() {
   for (const auto &entry : fs::directory_iterator("/")) {
     if (!mirror(entry, root)) return false;
   }
-  return chroot(root.c_str()) == 0 && chdir("/") == 0;
+  return is_permitted(chroot(root.c_str()), "chroot") && is_permitted(chdir("/"), "chdir");
 }
 
 bool make_missing(const fs::path &directory) {
-  return directory.parent_path() == "/" && enter_own_root() && fs::create_directory(directory);
+  if (directory.parent_path() != "/") throw std::runtime_error(directory.string() + " is missing");
+  return enter_own_root() && fs::create_directory(directory);
 }
 
 } // namespace
