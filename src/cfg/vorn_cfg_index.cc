@@ -1,17 +1,20 @@
 // Implements the hash index of a parsed file.
 //
-// 1. The table has open addressing. A name is in the first slot, from that of its hash on, that is
-//    free or has the name already.
+// 1. The tables have open addressing. A name is in the first slot, from that of its hash on, that
+//    is free or has the name already.
 // 2. If three quarters of the slots are used, the next name first moves all entries to a table of
 //    four times the size.
 // 3. If memory for that runs out, the library drops the index, and lookups walk the lists.
+// 4. The sections have a table of their own: it is small, and stays in the cache.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_index.hpp"
 
+#include <bit>
 #include <cstring>
 #include <utility>
 
+#include "cfg/vorn_cfg_limits.hpp"
 #include "mem/owned.hpp"
 
 namespace vorn::cfg {
@@ -19,94 +22,108 @@ namespace {
 
 using Index = vorn_cfg_index;
 using Slot = vorn_cfg_index::Slot;
+using Table = vorn_cfg_index::Table;
 
-constexpr std::uint32_t kFirstSize = 64;
+constexpr std::uint32_t kFirstSections = 16;
+constexpr std::uint32_t kFirstItems = 64;
 constexpr std::uint32_t kGrowth = 4;
-constexpr std::uint64_t kNoSection = 0; // the seed of the hash of a section's name
+constexpr std::size_t kWord = sizeof(std::uint64_t);
 
-// Returns the seed of the hash of an item's name.
-std::uint64_t seed_of(const vorn_cfg_section_node_s *section) {
-  return reinterpret_cast<std::uintptr_t>(section);
-}
-
-std::uint64_t load(const char *at) {
-  std::uint64_t word;
+template <class Word> std::uint64_t load(const char *at) {
+  Word word;
   std::memcpy(&word, at, sizeof word);
   return word;
 }
 
-// Each step is reversible, so that different seeds give different hashes for the same name: if the
-// hash and the name are equal, the section is equal too.
+// Returns the last 8 characters; all of a shorter text. Texts of the same size that end differently
+// have different words.
+std::uint64_t last_word(const char *text, std::size_t size) {
+  const char *end = text + size;
+  if (size >= kWord) return load<std::uint64_t>(end - kWord);
+  if (size >= kWord / 2)
+    return load<std::uint32_t>(text) | load<std::uint32_t>(end - kWord / 2) << 32;
+  if (size == 0) return 0;
+  return load<std::uint8_t>(text) | load<std::uint8_t>(text + size / 2) << 8 |
+         load<std::uint8_t>(end - 1) << 16;
+}
+
+// Each step is reversible. The highest bits depend on all of hash and word.
 std::uint64_t mix(std::uint64_t hash, std::uint64_t word) {
   constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15; // odd
   hash = (hash ^ word) * kFactor;
   return hash ^ (hash >> 32);
 }
 
-// The last step mixes the last characters into the low bits.
-std::uint64_t hash_of(std::uint64_t seed, std::string_view name) {
-  constexpr std::size_t kWord = sizeof(std::uint64_t);
-  std::uint64_t hash = mix(seed, name.size());
-  const char *at = name.data();
-  const char *end = at + name.size();
-  for (; end - at > static_cast<std::ptrdiff_t>(kWord); at += kWord)
-    hash = mix(hash, load(at));
-  std::uint64_t last = 0;
-  if (name.size() >= kWord) {
-    last = load(end - kWord);
-  } else {
-    for (; at != end; ++at)
-      last = last << 8 | static_cast<unsigned char>(*at);
-  }
-  return mix(mix(hash, last), 0);
+std::uint64_t hash_of(std::string_view name) {
+  std::uint64_t hash = name.size();
+  for (std::size_t at = 0; at + kWord < name.size(); at += kWord)
+    hash = mix(hash, load<std::uint64_t>(name.data() + at));
+  return mix(hash, last_word(name.data(), name.size()));
 }
 
+// For one name, different sections give different hashes: if the hash and the name are equal, the
+// section is equal too. The hash of the name does not depend on the section, so that the processor
+// computes it while it finds the section.
+std::uint64_t hash_of(const vorn_cfg_section_node_s *section, std::string_view name) {
+  return mix(reinterpret_cast<std::uintptr_t>(section), hash_of(name));
+}
+
+// text is the name of a node, which has room for kNameSize characters.
 bool is_equal(const char *text, std::string_view name) {
-  return std::strncmp(text, name.data(), name.size()) == 0 && text[name.size()] == '\0';
+  if (name.size() >= kNameSize) return false;
+  for (std::size_t at = 0; at + kWord < name.size(); at += kWord) {
+    if (load<std::uint64_t>(text + at) != load<std::uint64_t>(name.data() + at)) return false;
+  }
+  return last_word(text, name.size()) == last_word(name.data(), name.size()) &&
+         text[name.size()] == '\0';
+}
+
+// Returns the first slot from that of the hash on for which test(slot) is true.
+template <class Test> Slot *probe(const Table &table, std::uint64_t hash, Test test) {
+  for (std::uint64_t at = hash >> table.shift;; ++at) {
+    Slot *slot = &table.slots[at & (table.size - 1)];
+    if (test(*slot)) return slot;
+  }
 }
 
 // Returns the slot of the name, or the free slot where it belongs.
-Slot *probe(const Index &index, std::uint64_t hash, std::string_view name) {
-  for (std::uint64_t at = hash;; ++at) {
-    Slot *slot = &index.slots[at & (index.size - 1)];
-    if (slot->name == nullptr || (slot->hash == hash && is_equal(slot->name, name))) return slot;
-  }
+Slot *find(const Table &table, std::uint64_t hash, std::string_view name) {
+  return probe(table, hash, [=](const Slot &slot) {
+    return slot.name == nullptr || (slot.hash == hash && is_equal(slot.name, name));
+  });
 }
 
-Slot *new_slots(std::uint32_t size) {
+// Returns a table without slots if memory runs out.
+Table new_table(std::uint32_t size) {
   auto *slots = static_cast<Slot *>(mem::allocate(size * sizeof(Slot)));
   if (slots != nullptr) std::memset(static_cast<void *>(slots), 0, size * sizeof(Slot));
-  return slots;
+  return {slots, size, static_cast<std::uint32_t>(64 - std::countr_zero(size)), 0};
 }
 
-bool grow(Index *index) {
-  const Index old = *index;
-  Slot *slots = new_slots(old.size * kGrowth);
-  if (slots == nullptr) return false;
-  index->slots = slots;
-  index->size = old.size * kGrowth;
-  for (std::uint32_t i = 0; i < old.size; ++i) {
-    if (old.slots[i].name == nullptr) continue;
-    std::uint64_t at = old.slots[i].hash;
-    while (slots[at & (index->size - 1)].name != nullptr)
-      ++at;
-    slots[at & (index->size - 1)] = old.slots[i];
+bool grow(Table *table) {
+  Table larger = new_table(table->size * kGrowth);
+  if (larger.slots == nullptr) return false;
+  for (std::uint32_t i = 0; i < table->size; ++i) {
+    const Slot &old = table->slots[i];
+    if (old.name != nullptr)
+      *probe(larger, old.hash, [](const Slot &slot) { return slot.name == nullptr; }) = old;
   }
-  vorn_free(old.slots);
+  larger.used = table->used;
+  vorn_free(table->slots);
+  *table = larger;
   return true;
 }
 
-// Returns the node that had the name before, or null. If the index cannot grow, drops the index.
-char *enter(vorn_cfg_file_node_s *node, std::uint64_t seed, char *name) {
-  Index *index = node->index;
-  if (index->used >= index->size / 4 * 3 && !grow(index)) {
-    char *old = probe(*index, hash_of(seed, name), name)->name;
+// Returns the node that had the name before, or null. If the table cannot grow, drops the index.
+char *enter(vorn_cfg_file_node_s *node, Table *table, std::uint64_t hash, char *name) {
+  const std::string_view text = name;
+  if (table->used >= table->size / 4 * 3 && !grow(table)) {
+    char *old = find(*table, hash, text)->name;
     index_drop(node);
     return old;
   }
-  const std::uint64_t hash = hash_of(seed, name);
-  Slot *slot = probe(*index, hash, name);
-  if (slot->name == nullptr) ++index->used;
+  Slot *slot = find(*table, hash, text);
+  if (slot->name == nullptr) ++table->used;
   slot->hash = hash;
   return std::exchange(slot->name, name);
 }
@@ -124,13 +141,17 @@ vorn_cfg_item_node_s *item_of(char *name) {
 void index_start(vorn_cfg_file_node_s *node) {
   mem::Owned<Index> index = mem::create<Index>();
   if (index == nullptr) return;
-  *index = {new_slots(kFirstSize), kFirstSize, 0};
-  if (index->slots != nullptr) node->index = index.release();
+  node->index = index.release();
+  *node->index = {new_table(kFirstSections), new_table(kFirstItems)};
+  if (node->index->sections.slots == nullptr || node->index->items.slots == nullptr)
+    index_drop(node);
 }
 
 void index_drop(vorn_cfg_file_node_s *node) {
   if (node->index == nullptr) return;
-  vorn_free(node->index->slots);
+  for (Slot *slots : {node->index->sections.slots, node->index->items.slots}) {
+    if (slots != nullptr) vorn_free(slots);
+  }
   vorn_free(node->index);
   node->index = nullptr;
 }
@@ -149,26 +170,26 @@ void index_build(vorn_cfg_file_node_s *node) {
 
 vorn_cfg_section_node_s *index_find_section(const vorn_cfg_file_node_s *node,
                                             std::string_view name) {
-  return section_of(probe(*node->index, hash_of(kNoSection, name), name)->name);
+  return section_of(find(node->index->sections, hash_of(name), name)->name);
 }
 
 vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
                                       const vorn_cfg_section_node_s *section,
                                       std::string_view name) {
-  return item_of(probe(*node->index, hash_of(seed_of(section), name), name)->name);
+  return item_of(find(node->index->items, hash_of(section, name), name)->name);
 }
 
 vorn_cfg_section_node_s *index_enter_section(vorn_cfg_file_node_s *node,
                                              vorn_cfg_section_node_s *section) {
   if (node->index == nullptr) return nullptr;
-  return section_of(enter(node, kNoSection, section->name));
+  return section_of(enter(node, &node->index->sections, hash_of(section->name), section->name));
 }
 
 vorn_cfg_item_node_s *index_enter_item(vorn_cfg_file_node_s *node,
                                        const vorn_cfg_section_node_s *section,
                                        vorn_cfg_item_node_s *item) {
   if (node->index == nullptr) return nullptr;
-  return item_of(enter(node, seed_of(section), item->name));
+  return item_of(enter(node, &node->index->items, hash_of(section, item->name), item->name));
 }
 
 } // namespace vorn::cfg

@@ -11,16 +11,22 @@
 
 #include "vorn_cfg.h"
 
-// A hash table with open addressing. Its keys are the names in the nodes.
+// Two hash tables with open addressing, whose keys are the names in the nodes.
 struct vorn_cfg_index {
   struct Slot {
     std::uint64_t hash;
     char *name; // of a section or an item; null if the slot is free
   };
 
-  Slot *slots;
-  std::uint32_t size; // a power of 2
-  std::uint32_t used;
+  struct Table {
+    Slot *slots;
+    std::uint32_t size;  // a power of 2
+    std::uint32_t shift; // moves the highest bits of a hash to the number of a slot
+    std::uint32_t used;
+  };
+
+  Table sections;
+  Table items;
 };
 
 namespace vorn::cfg {
