@@ -12,6 +12,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
 #include "base/ratelimit.hpp"
 #include "base/unique_fd.hpp"
@@ -213,6 +214,7 @@ int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *
   }
   const int result = copy_text(buf, size, value);
   if (result == 0) return 0;
+  const vorn::CancellationGuard off; // the thread holds the file's lock
   return VORN_FAIL(-1, "Copy fail:%d, item size:%u, item value:%s.", result,
                    static_cast<unsigned int>(value.size() + 1), found->value);
 }

@@ -64,12 +64,16 @@ std::uint64_t now() {
   return nanoseconds(time);
 }
 
-vorn_rwlock_s &after_writers(vorn_rwlock_s &lock) {
-  if (waiting_writers.load(std::memory_order_relaxed) == 0) return lock;
+[[gnu::noinline]] void let_writers_go_first() {
   const std::uint64_t end = now() + kWritersTurn;
   do
     sys::sleep(kSleep);
   while (waiting_writers.load(std::memory_order_relaxed) != 0 && now() < end);
+}
+
+vorn_rwlock_s &after_writers(vorn_rwlock_s &lock) {
+  if (waiting_writers.load(std::memory_order_relaxed) != 0) [[unlikely]]
+    let_writers_go_first();
   return lock;
 }
 
@@ -111,14 +115,9 @@ UniqueFd open_locked(const char *path, int flags, mode_t mode) {
 
 } // namespace
 
-ReadGuard::ReadGuard(vorn_rwlock_s &lock) : lock_(&lock) {
-  wait_for([this] { return vorn_rwlock_try_read_lock(lock_) != 0; });
-}
-
-void ReadGuard::release() {
-  if (lock_ == nullptr) return;
-  vorn_rwlock_read_unlock(std::exchange(lock_, nullptr));
+void ReadGuard::wait() {
   leave_fork_gate();
+  wait_for([this] { return vorn_rwlock_try_read_lock(lock_) != 0; });
 }
 
 WriteGuard::WriteGuard(vorn_rwlock_s &lock) : lock_(&lock) {

@@ -4,10 +4,13 @@
 #ifndef VORN_CFG_LOCK_HPP
 #define VORN_CFG_LOCK_HPP
 
+#include <cstdint>
 #include <sys/types.h>
 #include <utility>
 
+#include "base/atomic_word.hpp"
 #include "base/cancellation_guard.hpp"
+#include "base/fork_gate.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_rwlock.h"
 
@@ -19,16 +22,36 @@ namespace vorn::cfg {
 
 class ReadGuard {
 public:
-  explicit ReadGuard(vorn_rwlock_s &lock);
+  explicit ReadGuard(vorn_rwlock_s &lock) : lock_(&lock) {
+    enter_fork_gate();
+    if (!is_taken_at_once()) [[unlikely]]
+      wait();
+  }
   ReadGuard(const ReadGuard &) = delete;
   ReadGuard &operator=(const ReadGuard &) = delete;
   ~ReadGuard() { release(); }
 
   // Releases the lock before the end of the scope: after the thread has taken a file's lock, and
   // before a log message, which may take long.
-  void release();
+  void release() {
+    if (lock_ == nullptr) return;
+    vorn_rwlock_read_unlock(std::exchange(lock_, nullptr));
+    leave_fork_gate();
+  }
 
 private:
+  // Makes one attempt, as vorn_rwlock_try_read_lock does, but inline. A reader only needs to see
+  // what the last writer did: acquire.
+  bool is_taken_at_once() {
+    const auto word = atomic_word(lock_->word);
+    std::int64_t readers = word.load(std::memory_order_relaxed);
+    return readers >= 0 &&
+           word.compare_exchange_strong(readers, readers + 1, std::memory_order_acquire,
+                                        std::memory_order_relaxed);
+  }
+
+  void wait();
+
   vorn_rwlock_s *lock_;
 };
 
@@ -47,9 +70,10 @@ private:
 
 // The registry's lock, g_stCfgRwlock. The lock itself lets readers in whenever no writer holds it.
 // So that writers do not starve, the registry's readers let waiting writers go first, but only for
-// a limited time: a thread that holds the lock for reading may call a reader again. The thread is
-// not cancelled while a guard exists.
+// a limited time: a thread that holds the lock for reading may call a reader again.
 
+// Does not disable cancellation, which takes longer than a lookup: the holder calls the logging
+// library only under a CancellationGuard, and no other function that may be a cancellation point.
 class RegistryReadGuard {
 public:
   RegistryReadGuard();
@@ -57,9 +81,10 @@ public:
   void release() { hold_.release(); }
 
 private:
-  const CancellationGuard off_;
   ReadGuard hold_;
 };
+
+// The thread is not cancelled while the guard exists.
 
 class RegistryWriteGuard {
 public:
