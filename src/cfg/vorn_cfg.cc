@@ -1,10 +1,9 @@
 // Implements the registry of parsed files.
 //
-// Order of locks: the registry's lock, then a file's lock. A thread that looks a file up waits for
-// the file's lock while it holds the registry's lock. A thread that removes a file from the
-// registry takes the file's lock before it frees the file. So a file that a thread has found under
-// the registry's lock exists until that thread has taken the file's lock, and as long as it holds
-// that lock.
+// Order of locks: the registry's lock, then a file's lock. A thread that registers or removes a
+// file, or changes a value of a registered file, holds the registry's lock for writing. So a lookup
+// holds only that lock: what it finds stays as it is until it releases the lock. A thread that
+// frees a file takes the file's lock after it has removed the file from the registry.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
 
@@ -176,12 +175,10 @@ int vorn_cfg_getItemValue(const char *section, const char *item, char *buf, unsi
   {
     RegistryReadGuard registry;
     for (auto *file = next_file(nullptr); file != nullptr; file = next_file(file)) {
-      ReadGuard hold(file->lock);
       const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
       if (found == nullptr) continue;
       const std::string_view value = found->value;
       if (const std::size_t needed = value.size() + 1; size < needed) {
-        hold.release();
         registry.release();
         return give_too_small(__func__, size, needed);
       }
@@ -203,18 +200,16 @@ int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *
     registry.release();
     return VORN_FAIL(-1, "Can not find file %s.", path);
   }
-  ReadGuard hold(file->lock);
-  registry.release();
   const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
   if (found == nullptr) return -1;
   const std::string_view value = found->value;
   if (const std::size_t needed = value.size() + 1; size < needed) {
-    hold.release();
+    registry.release();
     return give_too_small(__func__, size, needed);
   }
   const int result = copy_text(buf, size, value);
   if (result == 0) return 0;
-  const vorn::CancellationGuard off; // the thread holds the file's lock
+  const vorn::CancellationGuard off; // the thread holds the registry's lock
   return VORN_FAIL(-1, "Copy fail:%d, item size:%u, item value:%s.", result,
                    static_cast<unsigned int>(value.size() + 1), found->value);
 }
@@ -258,10 +253,10 @@ int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *
     return VORN_FAIL(-1, "Config file (%s) is no exist.", path);
   }
   WriteGuard hold(file->lock);
-  registry.release();
   vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
   if (found == nullptr) {
     hold.release();
+    registry.release();
     return VORN_FAIL(-1, "Can not find item (%s) in file (%s).", item, path);
   }
   replace_value(found, std::move(copy));

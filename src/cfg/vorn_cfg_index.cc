@@ -168,14 +168,14 @@ void index_build(vorn_cfg_file_node_s *node) {
   }
 }
 
-vorn_cfg_section_node_s *index_find_section(const vorn_cfg_file_node_s *node,
-                                            std::string_view name) {
+[[gnu::flatten]] vorn_cfg_section_node_s *index_find_section(const vorn_cfg_file_node_s *node,
+                                                             std::string_view name) {
   return section_of(find(node->index->sections, hash_of(name), name)->name);
 }
 
-vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
-                                      const vorn_cfg_section_node_s *section,
-                                      std::string_view name) {
+[[gnu::flatten]] vorn_cfg_item_node_s *index_find_item(const vorn_cfg_file_node_s *node,
+                                                       const vorn_cfg_section_node_s *section,
+                                                       std::string_view name) {
   return item_of(find(node->index->items, hash_of(section, name), name)->name);
 }
 
