@@ -6,8 +6,11 @@
 #define VORN_FILE "vorn_cpu.c"
 #include "cpu/partition_table.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <iterator>
 #include <unistd.h>
 
 #include "base/bounded.hpp"
@@ -51,24 +54,39 @@ void show_node(vorn_list_head_s *node) {
            static_cast<void *>(node->next), static_cast<void *>(node->prev));
 }
 
-// Parses a value "name:type:CPUs". Returns false if it has fewer fields. Cuts a name that does not
-// fit.
-bool fill(Partition &partition, char *value) {
-  char *type = std::strchr(value, ':');
-  char *cpubind = type == nullptr ? nullptr : std::strchr(type + 1, ':');
+// Parses a value "name:type:CPUs" into a partition of zero bytes. Returns false if it has fewer
+// fields. Cuts a name that does not fit.
+bool fill(Partition &partition, const Value &value) {
+  static_assert(sizeof value <= sizeof partition.cpubind);
+  const char *type = std::strchr(value, ':');
+  const char *cpubind = type == nullptr ? nullptr : std::strchr(type + 1, ':');
   if (cpubind == nullptr) return false;
-  *type++ = '\0';
-  *cpubind++ = '\0';
-  snprintf_s(partition.name, sizeof partition.name, sizeof partition.name - 1, "%s", value);
-  partition.type = static_cast<uint32_t>(std::strtol(type, nullptr, 10));
-  return strcpy_s(partition.cpubind, sizeof partition.cpubind, cpubind) == 0;
+  const auto length = static_cast<std::size_t>(type - value);
+  std::memcpy(partition.name, value, std::min(length, sizeof partition.name - 1));
+  partition.type = static_cast<uint32_t>(std::strtol(type + 1, nullptr, 10));
+  std::memcpy(partition.cpubind, cpubind + 1, std::strlen(cpubind + 1));
+  return true;
 }
 
+// The name of an item, "partition_0" and so on. A file has thousands of them: the formatter would
+// take as long as the lookup.
+class ItemName {
+public:
+  explicit ItemName(int index) {
+    char *end = std::copy_n(kPrefix, sizeof kPrefix - 1, text_);
+    *std::to_chars(end, std::end(text_) - 1, index).ptr = '\0';
+  }
+  const char *c_str() const { return text_; }
+
+private:
+  static constexpr char kPrefix[] = "partition_";
+  char text_[VORN_CPUM_NAME_SIZE];
+};
+
 void load_partition(Group &group, int index) {
-  char item[VORN_CPUM_NAME_SIZE];
-  snprintf_s(item, sizeof item, sizeof item - 1, "partition_%d", index);
+  const ItemName item(index);
   Value value;
-  if (!read_value(group.name, item, value)) return;
+  if (!read_value(group.name, item.c_str(), value)) return;
   mem::Owned<Partition> partition = mem::create_quietly<Partition>(kLoad);
   if (partition == nullptr || !fill(*partition, value)) return;
   partition->index = partition_table.partition_count++;
