@@ -1,4 +1,4 @@
-// test-wraps: bind connect sendmsg create_thread_nopreempt_raw
+// test-wraps: bind connect send create_thread_nopreempt_raw
 // Tests the server, the client and the registry of private calls.
 // SPDX-License-Identifier: Apache-2.0
 #include "kram_syscall.h"
@@ -64,7 +64,7 @@ std::atomic<bool> acts_before_send{false}; // for once
 extern "C" {
 int __real_bind(int, const sockaddr *, socklen_t);
 int __real_connect(int, const sockaddr *, socklen_t);
-ssize_t __real_sendmsg(int, const msghdr *, int);
+ssize_t __real_send(int, const void *, size_t, int);
 int __real_create_thread_nopreempt_raw(vorn_thrd_entry_f, void *, pthread_t *);
 
 int __wrap_bind(int socket, const sockaddr *address, socklen_t length) {
@@ -85,9 +85,9 @@ int __wrap_connect(int socket, const sockaddr *address, socklen_t length) {
   return -1;
 }
 
-ssize_t __wrap_sendmsg(int socket, const msghdr *message, int flags) {
+ssize_t __wrap_send(int socket, const void *buffer, size_t size, int flags) {
   if (acts_before_send.exchange(false)) before_send();
-  return __real_sendmsg(socket, message, flags);
+  return __real_send(socket, buffer, size, flags);
 }
 
 int __wrap_create_thread_nopreempt_raw(vorn_thrd_entry_f entry, void *argument, pthread_t *out) {
@@ -437,12 +437,12 @@ TEST(Kram, ClientFindsARestartedServer) {
   }
 }
 
-enum When { kIdle, kBeforeSend, kUnread, kRead, kInReply };
+enum When { kIdle, kBeforeSend, kUnread, kRead, kInReply, kAfterMore };
 
-void reply(const vorn::UniqueFd &peer, uint64_t length) {
+void reply(const vorn::UniqueFd &peer, uint64_t length, const std::string &more = "") {
   char request[sizeof(WireHeader)];
   recv(peer.get(), request, sizeof request, MSG_WAITALL);
-  put(peer.get(), bytes_of(WireHeader{0x400, 0, length, 0, 9}));
+  put(peer.get(), bytes_of(WireHeader{0x400, 0, length, 0, 9}) + more);
 }
 
 // A server that closes its first connection in the given way, and serves the second one correctly.
@@ -454,12 +454,13 @@ void serve_twice(const vorn::UniqueFd &listener, When when, bool is_reset,
     setsockopt(peer.get(), SOL_SOCKET, SO_LINGER, &discard, sizeof discard);
     peer = vorn::UniqueFd();
   };
-  reply(peer, 0);
+  reply(peer, 0, when == kAfterMore ? "more than the reply" : "");
+  if (when == kAfterMore) read_all(peer.get()); // until the client closes it
   if (when == kIdle) end();
   before_send = end;
   acts_before_send = when == kBeforeSend;
   is_set = true;
-  if (when >= kUnread) {
+  if (when >= kUnread && when != kAfterMore) {
     char request[sizeof(WireHeader)];
     recv(peer.get(), request, sizeof request, when == kUnread ? MSG_PEEK : MSG_WAITALL);
     if (when == kInReply) put(peer.get(), "part");
@@ -477,8 +478,9 @@ TEST(Kram, RequestIsSentAgainIfItWasNotCarriedOut) {
   ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
   ASSERT_EQ(listen(listener.get(), 1), 0);
   const std::tuple<When, bool, int> rows[] = {
-      {kIdle, false, 9},   {kIdle, true, 9}, {kBeforeSend, false, 9}, {kBeforeSend, true, 9},
-      {kUnread, false, 9}, {kRead, true, 9}, {kRead, false, -1},      {kInReply, true, -1}};
+      {kIdle, false, 9},      {kIdle, true, 9},     {kBeforeSend, false, 9},
+      {kBeforeSend, true, 9}, {kUnread, false, 9},  {kRead, true, 9},
+      {kRead, false, -1},     {kInReply, true, -1}, {kAfterMore, false, 9}};
   for (const auto &[when, is_reset, result] : rows) {
     SCOPED_TRACE(testing::Message() << when << is_reset);
     std::atomic<bool> is_set{false};

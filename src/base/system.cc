@@ -141,6 +141,10 @@ ssize_t send(int socket, const msghdr &message, int flags) {
   return uninterrupted([&] { return sendmsg(socket, &message, flags | MSG_NOSIGNAL); });
 }
 
+ssize_t send(int socket, const void *buffer, std::size_t size, int flags) {
+  return uninterrupted([=] { return ::send(socket, buffer, size, flags | MSG_NOSIGNAL); });
+}
+
 bool connect(int socket, const sockaddr *address, socklen_t size) {
   if (uncancelled([=] { return ::connect(socket, address, size); }) == 0) return true;
   return errno == EINTR && wait_until_connected(socket);

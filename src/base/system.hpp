@@ -63,6 +63,7 @@ int sync(int fd);
 int ioctl(int fd, unsigned long request, void *argument); // not repeated after a signal
 
 ssize_t receive(int socket, void *buffer, std::size_t size, int flags);
+ssize_t send(int socket, const void *buffer, std::size_t size, int flags);
 ssize_t send(int socket, const msghdr &message, int flags);
 bool connect(int socket, const sockaddr *address, socklen_t size);
 

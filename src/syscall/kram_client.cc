@@ -5,7 +5,6 @@
 // The call then opens another connection and sends its request again, but only if the server cannot
 // have carried it out, so that it carries out no request twice:
 //
-//   - The connection was closed before the client sent anything.
 //   - The send failed: the server does not have the whole request, and carries out only whole
 //     requests.
 //   - The connection was reset before the first byte of the reply. The system resets a connection
@@ -16,7 +15,8 @@
 //   - The connection ended before the first byte of the reply, and part of the request is not
 //     acknowledged. The end of the connection acknowledges all that the server could read.
 //
-// Any other end of the connection is an error: the server may have carried out the request.
+// Any other end of the connection is an error: the server may have carried out the request. A call
+// does not test before it sends whether the connection has ended: one of these then holds.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "kram_syscall_linux_user.c"
 #include "kram_syscall.h"
@@ -79,16 +79,9 @@ bool init_syscall_socket() {
   return true;
 }
 
-// Returns false if the server has closed it, or has sent bytes that were not requested.
-bool is_connected() {
-  char byte = 0;
-  return connection >= 0 && sys::receive(connection, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
-         errno == EAGAIN;
-}
-
 enum class Outcome {
   kAnswered,
-  kFailed,        // and logged
+  kFailed,        // the connection must be closed; a failure was logged
   kNotCarriedOut, // on a kept connection, and not logged
 };
 
@@ -121,15 +114,25 @@ bool cannot_be_carried_out(ssize_t first) {
   return first < 0 ? errno == ECONNRESET : sys::unacknowledged(connection) > 0;
 }
 
-Outcome receive_header(WireHeader &header, bool is_kept) {
-  auto *at = reinterpret_cast<char *>(&header);
-  const ssize_t first = receive_piece(connection, at, sizeof header, nullptr);
+// The first piece of a reply, which usually is the whole reply.
+struct Reply {
+  WireHeader header;
+  char payload[KRAM_SYSCALL_BUFFER_SIZE];
+};
+static_assert(offsetof(Reply, payload) == sizeof(WireHeader));
+
+// Sets *early to the number of bytes that follow the header in the same piece.
+Outcome receive_header(Reply &reply, std::size_t *early, bool is_kept) {
+  auto *at = reinterpret_cast<char *>(&reply);
+  const ssize_t first = receive_piece(connection, at, kMessageSize, nullptr);
   if (first <= 0) {
     if (is_kept && cannot_be_carried_out(first)) return Outcome::kNotCarriedOut;
-    receive_failed(first, at, sizeof header);
+    receive_failed(first, at, sizeof reply.header);
     return Outcome::kFailed;
   }
-  const auto rest = sizeof header - static_cast<std::size_t>(first);
+  const std::size_t size = std::max(static_cast<std::size_t>(first), sizeof reply.header);
+  *early = size - sizeof reply.header;
+  const std::size_t rest = size - static_cast<std::size_t>(first);
   return recv_all(at + first, rest) ? Outcome::kAnswered : Outcome::kFailed;
 }
 
@@ -143,29 +146,35 @@ bool discard(std::uint64_t length) {
   return true;
 }
 
-// Returns false if the connection is no longer usable.
-bool receive_payload(const WireHeader &header, kram_request_s &request, int &result) {
+// Returns false if the connection is no longer usable: after a failure, or if the server has sent
+// bytes that were not requested.
+bool receive_payload(const Reply &reply, std::size_t early, kram_request_s &request, int &result) {
+  const WireHeader &header = reply.header;
+  const std::size_t here = std::min<std::uint64_t>(early, header.length);
   if (header.length > request.output_length) {
     VORN_LOG_AS(kFunction, kError,
                 "syscall_user: buffer length too small, hdr.len=%d uiOutBufLen=%u",
                 static_cast<int>(header.length), request.output_length);
-    return header.length <= kMaxReply && discard(header.length);
+    return header.length <= kMaxReply && discard(header.length - here) && here == early;
   }
-  if (!recv_all(request.output, header.length)) return false;
+  char *rest = std::copy_n(reply.payload, here, static_cast<char *>(request.output));
+  if (!recv_all(rest, header.length - here)) return false;
   request.output_length = static_cast<std::uint32_t>(header.length);
   result = static_cast<int>(header.result);
-  return true;
+  return here == early;
 }
 
 Outcome call(std::uint32_t command, kram_request_s &request, int &result, bool is_kept) {
-  WireHeader header{command, 0, request.input_length, request.output_length, 0};
+  const WireHeader header{command, 0, request.input_length, request.output_length, 0};
   if (!send_all(header, request.input, is_kept)) {
     if (is_kept) return Outcome::kNotCarriedOut;
     return VORN_FAIL_AS(kFunction, Outcome::kFailed, "send_all fail\n");
   }
-  const Outcome outcome = receive_header(header, is_kept);
+  Reply reply;
+  std::size_t early = 0;
+  const Outcome outcome = receive_header(reply, &early, is_kept);
   if (outcome != Outcome::kAnswered) return outcome;
-  return receive_payload(header, request, result) ? Outcome::kAnswered : Outcome::kFailed;
+  return receive_payload(reply, early, request, result) ? Outcome::kAnswered : Outcome::kFailed;
 }
 
 bool is_complete(const kram_request_s *request) {
@@ -183,7 +192,7 @@ int KRAM_SysCall(uint32_t command, kram_request_s *request) {
   const vorn::MutexGuard hold{call_mutex};
   int result = -1;
   Outcome outcome = Outcome::kNotCarriedOut;
-  if (is_connected()) outcome = call(command, *request, result, true);
+  if (connection >= 0) outcome = call(command, *request, result, true);
   if (outcome == Outcome::kNotCarriedOut) {
     disconnect();
     if (!init_syscall_socket()) return -1;

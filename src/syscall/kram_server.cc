@@ -63,45 +63,66 @@ const ForkChild close_copies{[] {
   }
 }};
 
+// Makes the system acknowledge at once what it has received. Done only while a message is not
+// complete: its sender may wait for that before it sends the rest. The reply acknowledges a whole
+// message.
 void acknowledge_quickly(int socket) {
   const int on = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
-bool receive(int socket, void *buffer, std::size_t length, const timespec &deadline) {
-  auto *at = static_cast<char *>(buffer);
-  while (length != 0) {
-    const ssize_t piece = receive_piece(socket, at, length, &deadline);
+// What has been received of a request, and perhaps of later ones: a peer need not wait for a reply
+// before it sends the next request.
+struct Inbox {
+  char bytes[kMessageSize];
+  std::size_t size = 0;
+
+  void drop(std::size_t length) {
+    size -= length;
+    std::memmove(bytes, bytes + length, size);
+  }
+};
+
+// Receives until the inbox holds length bytes.
+bool receive(int socket, Inbox &inbox, std::size_t length, TimeLimit &limit) {
+  while (inbox.size < length) {
+    acknowledge_quickly(socket);
+    char *at = inbox.bytes + inbox.size;
+    const ssize_t piece = receive_piece(socket, at, sizeof inbox.bytes - inbox.size, &limit);
     if (piece <= 0) {
       VORN_LOG_RATELIMITED(kError, "recv error, err=%d, buf=%p, len=%d", piece == 0 ? 0 : errno,
-                           static_cast<void *>(at), static_cast<int>(length));
+                           static_cast<void *>(at), static_cast<int>(length - inbox.size));
       return false;
     }
-    acknowledge_quickly(socket);
-    at += piece;
-    length -= static_cast<std::size_t>(piece);
+    inbox.size += static_cast<std::size_t>(piece);
   }
   return true;
 }
 
-timespec deadline_of_message(milliseconds time_limit) {
-  return monotonic_after(static_cast<std::uint64_t>(std::chrono::nanoseconds(time_limit).count()));
+// Waits for the first bytes of a request, without a time limit. Returns false if the peer has left.
+bool receive_first(int socket, Inbox &inbox) {
+  if (inbox.size != 0) return true;
+  const ssize_t piece = receive_piece(socket, inbox.bytes, sizeof inbox.bytes, nullptr);
+  if (piece <= 0) return false;
+  inbox.size = static_cast<std::size_t>(piece);
+  return true;
 }
 
 // The time limit of a message begins at its first byte. A peer that leaves before that is not
 // logged.
-bool receive_request(int socket, Activity &activity, WireHeader &header, char *input,
+bool receive_request(int socket, Activity &activity, Inbox &inbox, WireHeader &header, char *input,
                      milliseconds time_limit) {
-  auto *at = reinterpret_cast<char *>(&header);
-  const ssize_t first = receive_piece(socket, at, sizeof header, nullptr);
-  if (first <= 0 || !activity.become_busy()) return false;
-  acknowledge_quickly(socket);
-  const timespec deadline = deadline_of_message(time_limit);
-  if (!receive(socket, at + first, sizeof header - static_cast<std::size_t>(first), deadline))
-    return false;
+  if (!receive_first(socket, inbox) || !activity.become_busy()) return false;
+  TimeLimit limit{time_limit};
+  if (!receive(socket, inbox, sizeof header, limit)) return false;
+  std::memcpy(&header, inbox.bytes, sizeof header);
   if (header.length > kBufferSize)
     return VORN_FAIL(false, "hdr.cmd=%x, hdr.len = %lu\n", header.command, header.length);
-  return receive(socket, input, header.length, deadline);
+  const std::size_t size = sizeof header + header.length;
+  if (!receive(socket, inbox, size, limit)) return false;
+  std::memcpy(input, inbox.bytes + sizeof header, header.length);
+  inbox.drop(size);
+  return true;
 }
 
 // Turns the request's header into the reply's.
@@ -121,8 +142,8 @@ void execute(WireHeader &header, const char *input, char *output) {
 bool send_reply(int socket, const WireHeader &header, const char *output, milliseconds time_limit) {
   if (header.length > kBufferSize)
     return VORN_FAIL(false, "hdr.cmd=%x, hdr.len = %lu\n", header.command, header.length);
-  const timespec deadline = deadline_of_message(time_limit);
-  if (send_message(socket, header, output, &deadline)) return true;
+  TimeLimit limit{time_limit};
+  if (send_message(socket, header, output, &limit)) return true;
   VORN_LOG_RATELIMITED(kError, "errno = %d\n", errno);
   return false;
 }
@@ -266,8 +287,9 @@ void serve(int socket, Activity &activity, milliseconds time_limit) {
   const mem::Block output = mem::allocate_block(kBufferSize);
   if (input == nullptr || output == nullptr) return; // the allocator has logged it
   std::memset(output.get(), 0, kBufferSize); // a handler may return a length that it has not filled
+  Inbox inbox;
   WireHeader header;
-  while (receive_request(socket, activity, header, input.get(), time_limit)) {
+  while (receive_request(socket, activity, inbox, header, input.get(), time_limit)) {
     execute(header, input.get(), output.get());
     if (!send_reply(socket, header, output.get(), time_limit)) return;
     activity.become_idle();

@@ -4,39 +4,48 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <netinet/tcp.h>
-#include <sys/uio.h>
 
 #include "base/system.hpp"
-#include "kram_syscall.h"
+#include "base/timespec.hpp"
 
 namespace vorn::kram {
 namespace {
 
 // Tries first: a message that was sent in one piece usually arrives in one, without a wait.
 template <class Transfer>
-ssize_t transfer_until(int socket, short events, const timespec *deadline, Transfer transfer) {
+ssize_t transfer_until(int socket, short events, TimeLimit *limit, Transfer transfer) {
   for (;;) {
-    const ssize_t length = transfer(deadline != nullptr ? MSG_DONTWAIT : 0);
-    if (length >= 0 || deadline == nullptr || errno != EAGAIN) return length;
+    const ssize_t length = transfer(limit != nullptr ? MSG_DONTWAIT : 0);
+    if (length >= 0 || limit == nullptr || errno != EAGAIN) return length;
     pollfd waiting{socket, events, 0};
-    const int ready = sys::poll(&waiting, 1, deadline);
+    const int ready = sys::poll(&waiting, 1, &limit->deadline());
     if (ready == 0) errno = ETIMEDOUT;
     if (ready <= 0) return -1;
   }
 }
 
-// Removes the sent bytes from the parts.
-void advance(iovec (&parts)[2], std::size_t sent) {
-  for (iovec &part : parts) {
-    const std::size_t step = std::min(sent, part.iov_len);
-    part.iov_base = static_cast<char *>(part.iov_base) + step;
-    part.iov_len -= step;
-    sent -= step;
+bool send_bytes(int socket, const char *at, std::size_t length, TimeLimit *limit) {
+  while (length != 0) {
+    const ssize_t sent = transfer_until(
+        socket, POLLOUT, limit, [=](int flags) { return sys::send(socket, at, length, flags); });
+    if (sent < 0) return false;
+    at += sent;
+    length -= static_cast<std::size_t>(sent);
   }
+  return true;
 }
 
 } // namespace
+
+const timespec &TimeLimit::deadline() {
+  if (!begun_)
+    deadline_ =
+        monotonic_after(static_cast<std::uint64_t>(std::chrono::nanoseconds(limit_).count()));
+  begun_ = true;
+  return deadline_;
+}
 
 sockaddr_in server_address() {
   sockaddr_in address{};
@@ -51,25 +60,20 @@ void set_no_delay(int socket) {
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
-ssize_t receive_piece(int socket, void *buffer, std::size_t length, const timespec *deadline) {
-  return transfer_until(socket, POLLIN, deadline,
+ssize_t receive_piece(int socket, void *buffer, std::size_t length, TimeLimit *limit) {
+  return transfer_until(socket, POLLIN, limit,
                         [=](int flags) { return sys::receive(socket, buffer, length, flags); });
 }
 
-bool send_message(int socket, const WireHeader &header, const void *payload,
-                  const timespec *deadline) {
-  iovec parts[2] = {{const_cast<WireHeader *>(&header), sizeof header},
-                    {const_cast<void *>(payload), header.length}};
-  msghdr message{};
-  message.msg_iov = parts;
-  message.msg_iovlen = 2;
-  while (parts[0].iov_len + parts[1].iov_len != 0) {
-    const ssize_t sent = transfer_until(
-        socket, POLLOUT, deadline, [&](int flags) { return sys::send(socket, message, flags); });
-    if (sent < 0) return false;
-    advance(parts, static_cast<std::size_t>(sent));
-  }
-  return true;
+// Copies what it sends first: the system takes one buffer faster than two.
+bool send_message(int socket, const WireHeader &header, const void *payload, TimeLimit *limit) {
+  const auto *from = static_cast<const char *>(payload);
+  char first[kMessageSize];
+  std::memcpy(first, &header, sizeof header);
+  const auto here = std::min<std::uint64_t>(header.length, KRAM_SYSCALL_BUFFER_SIZE);
+  std::copy_n(from, here, first + sizeof header);
+  if (!send_bytes(socket, first, sizeof header + here, limit)) return false;
+  return here == header.length || send_bytes(socket, from + here, header.length - here, limit);
 }
 
 } // namespace vorn::kram
