@@ -1,10 +1,12 @@
 // Makes fork() wait for the threads that are inside the gate.
 //
-//   a thread that enters:  adds itself to `inside`, then reads `closed`
-//   a thread that forks:   adds itself to `closed`, then reads `inside`
+//   a thread that enters:  adds itself to `inside` of its counter, then reads `closed`
+//   a thread that forks:   adds itself to `closed`, then reads `inside` of each counter
 //
 // All four accesses are sequentially consistent, so at least one thread sees the other: the
-// entering thread steps back, or the forking thread waits for it.
+// entering thread steps back, or the forking thread waits for it. There are several counters, in
+// separate cache lines, because threads on different CPUs enter all the time. Once the forking
+// thread has read 0 in a counter, no thread of that counter stays inside.
 //
 // A nested entry does not count and does not read `closed`: a thread inside may need another lock
 // to get out. A thread that forks from inside subtracts itself and waits for the others only. Until
@@ -32,7 +34,15 @@ namespace {
 
 constexpr int kPatienceMilliseconds = 5000;
 
-constinit std::atomic<std::uint32_t> inside{0};
+struct alignas(64) Counter {
+  std::atomic<std::uint32_t> inside{0};
+};
+constexpr unsigned int kCounters = 16;
+constinit Counter counters[kCounters];
+constinit std::atomic<unsigned int> next_counter{0};
+// NULL until the thread enters for the first time.
+thread_local constinit Counter *t_counter __attribute__((tls_model("initial-exec"))) = nullptr;
+
 constinit std::atomic<std::uint32_t> closed{0};
 thread_local constinit unsigned int t_depth __attribute__((tls_model("initial-exec"))) = 0;
 // Forks that the thread has begun: more than one if a signal handler forks during a fork.
@@ -51,12 +61,20 @@ void wake_all(const std::atomic<std::uint32_t> &word) {
   syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX);
 }
 
-void step_out() {
-  inside.fetch_sub(1, std::memory_order_release);
-  if (closed.load(std::memory_order_relaxed) != 0) wake_all(inside);
+Counter &choose_counter() {
+  t_counter = &counters[next_counter.fetch_add(1, std::memory_order_relaxed) % kCounters];
+  return *t_counter;
 }
 
-std::uint32_t own_count() { return t_depth != 0 ? 1 : 0; }
+void step_out(Counter &own) {
+  own.inside.fetch_sub(1, std::memory_order_release);
+  if (closed.load(std::memory_order_relaxed) != 0) wake_all(own.inside);
+}
+
+// Returns how often the calling thread is in that counter.
+std::uint32_t own_count(const Counter &counter) {
+  return t_depth != 0 && &counter == t_counter ? 1 : 0;
+}
 
 std::int64_t milliseconds_now() {
   timespec now{};
@@ -69,10 +87,12 @@ void close_gate() {
   ++t_forking; // from before the gate closes until after it opens
   closed.fetch_add(1, std::memory_order_seq_cst);
   const std::int64_t end = milliseconds_now() + kPatienceMilliseconds;
-  for (;;) {
-    const std::uint32_t others = inside.load(std::memory_order_seq_cst);
-    if (others <= own_count() || milliseconds_now() >= end) return;
-    wait_for_change(inside, others);
+  for (const Counter &counter : counters) {
+    for (;;) {
+      const std::uint32_t inside = counter.inside.load(std::memory_order_seq_cst);
+      if (inside <= own_count(counter) || milliseconds_now() >= end) break;
+      wait_for_change(counter.inside, inside);
+    }
   }
 }
 
@@ -84,7 +104,8 @@ void open_in_parent() {
 
 void open_in_child() {
   const ErrnoGuard errno_stays;
-  inside.store(own_count(), std::memory_order_relaxed);
+  for (Counter &counter : counters)
+    counter.inside.store(own_count(counter), std::memory_order_relaxed);
   closed.store(t_forking - 1, std::memory_order_relaxed);
   --t_forking;
   ForkChild::run_all();
@@ -98,20 +119,21 @@ void open_in_child() {
 
 void enter_fork_gate() {
   if (t_depth++ != 0) return;
-  inside.fetch_add(1, std::memory_order_seq_cst);
+  Counter &own = t_counter != nullptr ? *t_counter : choose_counter();
+  own.inside.fetch_add(1, std::memory_order_seq_cst);
   while (closed.load(std::memory_order_seq_cst) != 0 && t_forking == 0) {
     const ErrnoGuard errno_stays;
-    step_out();
+    step_out(own);
     for (std::uint32_t seen = 0; (seen = closed.load(std::memory_order_acquire)) != 0;)
       wait_for_change(closed, seen);
-    inside.fetch_add(1, std::memory_order_seq_cst);
+    own.inside.fetch_add(1, std::memory_order_seq_cst);
   }
 }
 
 void leave_fork_gate() {
   if (--t_depth != 0) return;
   const ErrnoGuard errno_stays;
-  step_out();
+  step_out(*t_counter);
 }
 
 ForkChild::ForkChild(void (*run)()) : run_(run), next_(children) { children = this; }
