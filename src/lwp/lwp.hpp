@@ -46,19 +46,19 @@ inline std::uint64_t id_of(const lwp_inst_s &inst) {
   return atomic_word(inst.id).load(std::memory_order_acquire);
 }
 
-// Logs why no instance has this id. Returns NULL.
-lwp_inst_s *refuse(std::uint64_t id);
-
-// Returns the instance with this id. For id 0, returns the current instance, or NULL if there is
-// none.
-inline lwp_inst_s *find(std::uint64_t id) {
+// Returns the instance with this id; the current instance for id 0. Returns NULL if there is none.
+// Calls nothing, so a caller that has no more to do needs no stack frame.
+inline lwp_inst_s *look_up(std::uint64_t id) {
   if (id == 0) return g_lwpInstCurrent;
   const std::uint64_t index = id >> 16 & 0xffff;
-  if (index >= instance_count()) return refuse(id);
+  if (index >= instance_count()) return nullptr;
   lwp_inst_s *inst = &instances.slots[index];
   // A stale id of the slot has the tag of a deleted instance.
-  return id_of(*inst) == id && (id & kTagMask) == kAlive ? inst : refuse(id);
+  return id_of(*inst) == id && (id & kTagMask) == kAlive ? inst : nullptr;
 }
+
+// Does the same, and logs why no instance has an id other than 0.
+lwp_inst_s *find(std::uint64_t id);
 
 // --- Variables (lwp_var.cc) ---
 

@@ -87,7 +87,7 @@ struct Change {
 };
 
 // next(state) changes its argument, or returns false to refuse a change.
-template <class Next> Change change(lwp_inst_s &inst, Next next) {
+template <class Next> [[gnu::always_inline]] inline Change change(lwp_inst_s &inst, Next next) {
   const auto word = atomic_word(inst.state);
   std::uint64_t before = word.load(std::memory_order_relaxed);
   for (;;) {
@@ -125,7 +125,7 @@ bool advance(lwp_inst_s &inst, std::uint32_t from, std::uint32_t to) {
   return -1;
 }
 
-bool take(lwp_inst_s &inst) {
+[[gnu::always_inline]] inline bool take(lwp_inst_s &inst) {
   const Change taken = change(inst, [](State &state) {
     return state.state == LWP_STATE_NORMAL && state.references++ != kMostReferences;
   });
@@ -133,7 +133,7 @@ bool take(lwp_inst_s &inst) {
   return taken.made;
 }
 
-bool drop(lwp_inst_s &inst) {
+[[gnu::always_inline]] inline bool drop(lwp_inst_s &inst) {
   const Change dropped = change(
       inst, [](State &state) { return state.state != LWP_STATE_FREE && state.references-- != 0; });
   if (!dropped && dropped.before.state != LWP_STATE_FREE) report_underflow(inst);
@@ -169,6 +169,31 @@ public:
 private:
   std::uint64_t words_[kNameWords];
 };
+
+// Logs why no instance has this id.
+void report_unknown(std::uint64_t id) {
+  const std::uint64_t index = id >> 16 & 0xffff;
+  if (index >= instance_count()) {
+    VORN_LOG_RATELIMITED_AS("LwpInstInfoFind", kError, kInfo, "Invalid instId:0x%lx", id);
+    return;
+  }
+  const lwp_inst_s &inst = instances.slots[index];
+  const State state = state_of(inst);
+  VORN_LOG_AS("LwpInstInfoFind", kInfo,
+              "Invalid instId:0x%lx current:0x%lx refers:%u state:%u name:%s", id, id_of(inst),
+              state.references, state.state, ShownName(inst).c_str());
+}
+
+[[gnu::noinline]] int refuse(const char *function, std::uint64_t id) {
+  if (id != 0) report_unknown(id);
+  return fail_invalid(function, id, nullptr);
+}
+
+// The slot was reused before the reference was taken.
+[[gnu::noinline]] int give_back(lwp_inst_s &inst, std::uint64_t id) {
+  drop(inst);
+  return fail_invalid("LwpInstGet", id, &inst);
+}
 
 // --- Deletion ---
 
@@ -362,18 +387,10 @@ const ForkChild forgets_threads{forget_threads};
 
 } // namespace
 
-lwp_inst_s *refuse(std::uint64_t id) {
-  const std::uint64_t index = id >> 16 & 0xffff;
-  if (index >= instance_count()) {
-    VORN_LOG_RATELIMITED_AS("LwpInstInfoFind", kError, kInfo, "Invalid instId:0x%lx", id);
-    return nullptr;
-  }
-  const lwp_inst_s &inst = instances.slots[index];
-  const State state = state_of(inst);
-  VORN_LOG_AS("LwpInstInfoFind", kInfo,
-              "Invalid instId:0x%lx current:0x%lx refers:%u state:%u name:%s", id, id_of(inst),
-              state.references, state.state, ShownName(inst).c_str());
-  return nullptr;
+lwp_inst_s *find(std::uint64_t id) {
+  lwp_inst_s *inst = look_up(id);
+  if (inst == nullptr && id != 0) report_unknown(id);
+  return inst;
 }
 
 } // namespace vorn::lwp
@@ -415,19 +432,18 @@ uint64_t LwpInstNew(const char *name, void *, lwp_entry_f entry, void *arg) {
 lwp_inst_s *LwpInstInfoFind(uint64_t id) { return find(id); }
 
 int LwpInstGet(uint64_t id) {
-  lwp_inst_s *inst = find(id);
-  if (inst == nullptr) return fail_invalid(__func__, id, inst);
+  lwp_inst_s *inst = look_up(id);
+  if (inst == nullptr) return refuse(__func__, id);
   const uint64_t wanted = id != 0 ? id : id_of(*inst);
   if (!take(*inst)) return -1;
   if (id_of(*inst) == wanted) [[likely]]
     return 0;
-  drop(*inst);
-  return fail_invalid(__func__, id, inst);
+  return give_back(*inst, id);
 }
 
 int LwpInstPut(uint64_t id) {
-  lwp_inst_s *inst = find(id);
-  if (inst == nullptr) return fail_invalid(__func__, id, inst);
+  lwp_inst_s *inst = look_up(id);
+  if (inst == nullptr) return refuse(__func__, id);
   return drop(*inst) ? 0 : -1;
 }
 

@@ -195,8 +195,10 @@ int show_value(std::uint64_t id, void *argument) {
   return 0;
 }
 
-// A separate function, so that reading a value needs no stack frame for the message.
+// A separate function, so that reading a value needs no stack frame for the messages: find logs one
+// if there is no such instance.
 [[gnu::noinline]] void *refuse_value(std::uint64_t inst_id, std::uint64_t var_id) {
+  find(inst_id);
   VORN_LOG_AS("LwpVarRaw", kInfo, "Invalid lwp var instId:0x%lx varId:0x%lx", inst_id, var_id);
   return nullptr;
 }
@@ -309,7 +311,7 @@ void *LwpVarDef(uint64_t varId) {
 }
 
 void *LwpVarRaw(uint64_t instId, uint64_t varId) {
-  const lwp_inst_s *inst = find(instId);
+  const lwp_inst_s *inst = look_up(instId);
   const uint64_t offset = offset_of(varId);
   if (inst != nullptr && offset < inst->area.capacity * kValueSize) [[likely]]
     return value_at(inst->area.values, offset);
