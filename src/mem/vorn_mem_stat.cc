@@ -9,15 +9,12 @@
 #include "base/errno_guard.hpp"
 #include "base/kernel_request.hpp"
 #include "base/once.hpp"
+#include "mem/counters.hpp"
 
 namespace vorn::mem {
 namespace {
 
 constexpr unsigned int kColumns = 5;
-
-// Only this step sets the table, after it has cleared the counters.
-constinit Once table_found{OncePolicy::kRetry};
-constinit std::uint64_t *found_table = nullptr;
 
 // A successful allocation and a free keep errno, even if no kernel module answers.
 std::uint64_t *ask_for_table() {
@@ -27,9 +24,10 @@ std::uint64_t *ask_for_table() {
   return reinterpret_cast<std::uint64_t *>(address);
 }
 
-std::atomic_ref<std::uint64_t> counter(std::uint64_t *table, unsigned int pid) {
-  return atomic_word(table[pid < VORN_MODULE_ID_COUNT ? pid : 0]);
-}
+} // namespace
+
+constinit Once table_found{OncePolicy::kRetry};
+constinit std::uint64_t *found_table = nullptr;
 
 int find_table() {
   std::uint64_t *table = ask_for_table();
@@ -39,23 +37,13 @@ int find_table() {
   return 0;
 }
 
-// NULL until the kernel module provides one.
-std::uint64_t *stat_table() { return table_found.run(find_table) == 0 ? found_table : nullptr; }
-
-} // namespace
 } // namespace vorn::mem
 
 using namespace vorn::mem;
 
-void vorn_mem_stat_add(unsigned int pid, unsigned int size) {
-  uint64_t *table = stat_table();
-  if (table != nullptr) counter(table, pid).fetch_add(size);
-}
+void vorn_mem_stat_add(unsigned int pid, unsigned int size) { count_allocated(pid, size); }
 
-void vorn_mem_stat_sub(unsigned int pid, unsigned int size) {
-  uint64_t *table = stat_table();
-  if (table != nullptr) counter(table, pid).fetch_sub(size);
-}
+void vorn_mem_stat_sub(unsigned int pid, unsigned int size) { count_freed(pid, size); }
 
 void vorn_mem_show(vorn_print_f print) {
   if (print == nullptr) return;
