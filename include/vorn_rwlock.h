@@ -38,9 +38,11 @@ typedef struct vorn_rwlock {
  *   lock: the lock */
 static inline void vorn_rwlock_init(vorn_rwlock_s *lock) { lock->word = 0; }
 
-/* Waits until no writer holds the lock and takes it for reading.
- *   lock: the lock */
+/* Waits until no writer holds the lock and takes it for reading. If no writer holds it, the macro
+ * takes it inline; otherwise, the macro calls the function.
+ *   lock: the lock, a vorn_rwlock_s * */
 VORN_API void vorn_rwlock_read_lock(vorn_rwlock_s *lock);
+#define vorn_rwlock_read_lock(lock) vorn_rwlock_read_take(lock)
 
 /* Takes the lock for reading unless a writer holds it. Does not wait for holders; tries again if
  * another reader changes the number of readers first.
@@ -48,9 +50,11 @@ VORN_API void vorn_rwlock_read_lock(vorn_rwlock_s *lock);
  * Returns 1 if the lock was taken; otherwise, 0. */
 VORN_API int vorn_rwlock_try_read_lock(vorn_rwlock_s *lock);
 
-/* Waits until no thread holds the lock and takes it for writing. The word is then -1.
- *   lock: the lock */
+/* Waits until no thread holds the lock and takes it for writing. The word is then -1. If no thread
+ * holds it, the macro takes it inline; otherwise, the macro calls the function.
+ *   lock: the lock, a vorn_rwlock_s * */
 VORN_API void vorn_rwlock_write_lock(vorn_rwlock_s *lock);
+#define vorn_rwlock_write_lock(lock) vorn_rwlock_write_take(lock)
 
 /* Does what vorn_rwlock_read_lock does, but sleeps for a microsecond (vorn_usleep) after every 10
  * attempts.
@@ -72,6 +76,24 @@ static inline void vorn_rwlock_read_unlock(vorn_rwlock_s *lock) {
  *   lock: the lock */
 static inline void vorn_rwlock_write_unlock(vorn_rwlock_s *lock) {
   __atomic_store_n(&lock->word, 0, __ATOMIC_RELEASE);
+}
+
+/* Implements the macro vorn_rwlock_read_lock.
+ *   lock: the lock */
+static inline void vorn_rwlock_read_take(vorn_rwlock_s *lock) {
+  int64_t word = 0;
+  if (!__atomic_compare_exchange_n(&lock->word, &word, 1, 0, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED) &&
+      (word < 0 || !__atomic_compare_exchange_n(&lock->word, &word, word + 1, 0, __ATOMIC_ACQ_REL,
+                                                __ATOMIC_RELAXED)))
+    (vorn_rwlock_read_lock)(lock);
+}
+
+/* Implements the macro vorn_rwlock_write_lock.
+ *   lock: the lock */
+static inline void vorn_rwlock_write_take(vorn_rwlock_s *lock) {
+  int64_t word = 0;
+  if (!__atomic_compare_exchange_n(&lock->word, &word, -1, 0, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED))
+    (vorn_rwlock_write_lock)(lock);
 }
 
 VORN_END_DECLS

@@ -18,6 +18,9 @@
 // that the last reader left. The subtractions, and the additions of readers between them, form one
 // release sequence, so the writer sees what all of them did.
 //
+// The macros of the header take a free lock in the caller: a writer by the same compare-and-swap
+// from 0; a reader by one from 0 and, if other readers are in, by one from the value that it found.
+//
 // No ABA. The word is the whole state: a word that has changed and changed back allows what it
 // allowed before.
 // SPDX-License-Identifier: Apache-2.0
@@ -85,7 +88,7 @@ template <class Attempt> void sleep_until(Attempt attempt) {
 
 using namespace vorn::lock;
 
-void vorn_rwlock_read_lock(vorn_rwlock_s *lock) {
+void(vorn_rwlock_read_lock)(vorn_rwlock_s *lock) {
   const auto word = vorn::atomic_word(lock->word);
   spin_until([=] { return try_read_lock(word); });
 }
@@ -94,7 +97,7 @@ int vorn_rwlock_try_read_lock(vorn_rwlock_s *lock) {
   return try_read_lock(vorn::atomic_word(lock->word)) ? 1 : 0;
 }
 
-void vorn_rwlock_write_lock(vorn_rwlock_s *lock) {
+void(vorn_rwlock_write_lock)(vorn_rwlock_s *lock) {
   const auto word = vorn::atomic_word(lock->word);
   spin_until([=] { return try_write_lock(word, kWriter); });
 }
