@@ -95,15 +95,19 @@ TEST(Trwlock, Stress) {
   Lock lock{kMax - 9000, kMax - 3000, kMax - 9000, kMax - 3000};
   const auto write_unlock = [&] { vorn_trwlock_write_unlock(&lock); };
   const auto read_unlock = [&] { vorn_trwlock_read_unlock(&lock); };
+  const auto call_write_unlock = [&] { do_vorn_trwlock_write_unlock(&lock, "", 0); };
+  const auto call_read_unlock = [&] { do_vorn_trwlock_read_unlock(&lock, "", 0); };
+  const stress::Role call_write{[&] { return do_vorn_trwlock_write_lock(&lock, "", 0), true; },
+                                call_write_unlock};
   const stress::Role write{[&] { return vorn_trwlock_write_lock(&lock), true; }, write_unlock};
   const stress::Role read{[&] { return vorn_trwlock_read_lock(&lock), true; }, read_unlock,
                           stress::kRead};
   const stress::Role try_write{[&] { return vorn_trwlock_write_trylock(&lock) != 0; },
-                               write_unlock};
-  const stress::Role try_read{[&] { return vorn_trwlock_read_trylock(&lock) != 0; }, read_unlock,
-                              stress::kRead};
+                               call_write_unlock};
+  const stress::Role try_read{[&] { return vorn_trwlock_read_trylock(&lock) != 0; },
+                              call_read_unlock, stress::kRead};
   EXPECT_NO_DAMAGE(stress::run({write, read}));
-  EXPECT_NO_DAMAGE(stress::run({write, write}));
+  EXPECT_NO_DAMAGE(stress::run({write, call_write}));
   EXPECT_NO_DAMAGE(stress::run({write, try_read}));
   EXPECT_NO_DAMAGE(stress::run({write, try_write, try_read}));
   EXPECT_EQ(lock.completions, lock.requests);

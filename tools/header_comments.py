@@ -219,7 +219,8 @@ def declare(source):
         one.parameters = [parameter_name(part) for part in split_parameters(" ".join(function[3].split()))]
         one.returns = function[1].strip() != "void"
     elif text.startswith("typedef"):
-        one.name = (re.search(r"\(\*(\w+)\)", text) if "{" not in text else re.search(r"(\w+);$", text))[1]
+        pointer = None if "{" in text else re.search(r"\(\*(\w+)\)", text)
+        one.name = (pointer or re.search(r"(\w+);$", text))[1]
     return one
 
 

@@ -14,11 +14,15 @@
 // one in turn, so no counter can pass the number that it waits for.
 //
 // Writers. A compare-and-swap of the pair changes both counters at once: no thread sees a writer in
-// one counter and not in the other, and no carry passes from one to the other.
+// one counter and not in the other, and no carry passes from one to the other. A reader that leaves
+// adds to its one counter alone. A writer that leaves stores the pair: no other thread leaves while
+// a writer holds the lock.
 //
-// Order. Leaving releases. The load that ends a wait, or lets a trylock go on, acquires. The
-// changes of completions form one release sequence, so an entering thread sees what all departed
-// threads did.
+// Order. Leaving releases. The load that ends a wait, or lets an attempt go on, acquires. Between
+// two stores of writers, the changes of completions form one release sequence, and a writer that
+// leaves has seen what all threads before it did; so an entering thread sees what all departed
+// threads did. A full barrier would add nothing: no access of a holder passes its acquiring load or
+// its release, and a thread sees another order of other accesses only if it uses no lock for them.
 //
 // No ABA. A trylock takes its number only if the requests still equal the completions that it
 // compared them with: no thread has arrived in between. They would be equal again after 2^32
@@ -30,7 +34,6 @@
 #include <bit>
 #include <cstdint>
 
-#include "arch/barrier.hpp"
 #include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
 
@@ -44,8 +47,7 @@ static_assert(alignof(vorn_trwlock_s) == 8);
 namespace vorn::lock {
 namespace {
 
-// A pair as one word: readers and writers in the lower half, writers alone in the upper half. This
-// source accesses the counters in no other form.
+// A pair as one word: readers and writers in the lower half, writers alone in the upper half.
 using Counters = std::atomic_ref<std::uint64_t>;
 static_assert(std::endian::native == std::endian::little);
 
@@ -106,11 +108,10 @@ void do_vorn_trwlock_read_lock(vorn_trwlock_s *lock, const char *, unsigned int)
   const std::uint32_t before = writers(add(requests(lock), kReader));
   while (writers(done(lock)) != before)
     vorn::arch::pause();
-  vorn::arch::full_barrier_after_atomic();
 }
 
 void do_vorn_trwlock_read_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  add(completions(lock), kReader);
+  vorn_trwlock_read_release(lock);
 }
 
 int do_vorn_trwlock_read_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
@@ -125,11 +126,10 @@ void do_vorn_trwlock_write_lock(vorn_trwlock_s *lock, const char *, unsigned int
   const std::uint32_t before = all(add(requests(lock), kWriter));
   while (all(done(lock)) != before)
     vorn::arch::pause();
-  vorn::arch::full_barrier_after_atomic();
 }
 
 void do_vorn_trwlock_write_unlock(vorn_trwlock_s *lock, const char *, unsigned int) {
-  add(completions(lock), kWriter);
+  vorn_trwlock_write_release(lock);
 }
 
 int do_vorn_trwlock_write_trylock(vorn_trwlock_s *lock, const char *, unsigned int) {
