@@ -18,6 +18,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_spinlock.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <ctime>
 
@@ -41,7 +42,8 @@ using Word = std::atomic_ref<std::uint64_t>;
 
 constexpr std::uint64_t kFree = 0;
 constexpr std::uint64_t kHeld = 1;
-constexpr int kAttempts = 10; // between two looks at the clock
+constexpr int kAttempts = 10;   // between two looks at the clock
+constexpr int kMostPauses = 64; // between two attempts: a few microseconds
 constexpr std::uint64_t kSpinNanoseconds = 99999;
 
 // Each thread reads and writes them as a whole, without order.
@@ -68,12 +70,18 @@ std::uint64_t nanoseconds_now() {
   return nanoseconds(now);
 }
 
+// Backs off: every look at a held lock takes the cache line from the holder, which needs it to
+// release the lock. The time between two looks doubles, so a thread that misses the release waits
+// at most about twice as long as it had to.
 bool spin(Word word) {
   const std::uint64_t start = nanoseconds_now();
+  int pauses = 1;
   do {
     for (int i = 0; i < kAttempts; ++i) {
-      arch::pause();
+      for (int n = 0; n < pauses; ++n)
+        arch::pause();
       if (attempt(word)) return true;
+      pauses = std::min(2 * pauses, kMostPauses);
     }
   } while (nanoseconds_now() - start <= kSpinNanoseconds);
   return false;
