@@ -5,11 +5,15 @@
 namespace vorn::arch {
 namespace {
 
+// Support includes the operating system's: that it saves the registers.
 CrcProbe probe() {
   __builtin_cpu_init();
   if (!__builtin_cpu_supports("sse4.2") || !__builtin_cpu_supports("pclmul")) return {};
-  const bool wide = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("vpclmulqdq");
-  return wide ? kCrcWide : kCrcNarrow;
+  if (!__builtin_cpu_supports("avx2") || !__builtin_cpu_supports("vpclmulqdq")) return kCrcNarrow;
+  const bool zmm = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                   __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
+                   __builtin_cpu_supports("gfni");
+  return zmm ? kCrcZmm : kCrcWide;
 }
 
 } // namespace

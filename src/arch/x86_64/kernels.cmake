@@ -5,3 +5,6 @@ set_source_files_properties(arch/x86_64/crc32c_kernel.cc arch/x86_64/crc16_kerne
   PROPERTIES COMPILE_OPTIONS "${crc_options}")
 set_source_files_properties(arch/x86_64/crc32c_wide_kernel.cc arch/x86_64/crc16_wide_kernel.cc
   PROPERTIES COMPILE_OPTIONS "${crc_options};-mavx2;-mvpclmulqdq")
+set_source_files_properties(arch/x86_64/crc32c_zmm_kernel.cc arch/x86_64/crc16_zmm_kernel.cc
+  PROPERTIES COMPILE_OPTIONS
+  "${crc_options};-mvpclmulqdq;-mavx512f;-mavx512bw;-mavx512vl;-mavx512vbmi;-mgfni")
