@@ -3,8 +3,8 @@
 //
 // A register holds four lanes of 16 bytes. As in the CRC-16 loop, two multiplications move a lane
 // towards the end of the input, but here the bits are reflected: the lowest bit is the highest
-// power. Gathering moves a lane to the end of the input in one step, by its own factors, so that the
-// products of all lanes are added in any order.
+// power. Gathering moves a lane to the end of the input in one step, by its own factors, so that
+// the products of all lanes are added in any order.
 //
 // 1. Move the first 1 to 64 bytes to the end of a vector, so that the rest is whole vectors.
 // 2. In a long input, fold each of eight vectors onto the vector eight further on, while there is
