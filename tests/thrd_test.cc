@@ -9,6 +9,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <latch>
+#include <map>
 #include <optional>
 #include <pthread.h>
 #include <string>
@@ -22,6 +23,7 @@
 #include "support/create_error.hpp"
 #include "support/log_capture.hpp"
 #include "support/shown.hpp"
+#include "thread/id_table.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_syscall.h"
 
@@ -135,6 +137,22 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
   EXPECT_EQ(found->slot->count, 0u);
   EXPECT_ONE_MESSAGE(EVLOG_ERROR, "vorn_thrd.c", "vorn_thrd_putthreadinfo",
                      "Put of thread slot 0, which no thread holds.");
+}
+
+TEST(Registry, FindsEveryIdOfACrowdedBucket) {
+  static vorn::thread::IdTable table; // too large for a stack
+  std::map<std::size_t, long> ids;
+  const auto find = [&](long id) {
+    return table.find(id, [&](std::size_t slot) { return ids[slot] == id ? &ids[slot] : nullptr; });
+  };
+  for (std::size_t step = 0; step < 200; ++step) { // slots get other ids with the same remainder
+    const std::size_t slot = step * 7 % 20;
+    const long before = ids[slot];
+    table.store(slot, ids[slot] = 3 + 4096 * static_cast<long>(step));
+    EXPECT_TRUE(before == 0 || find(before) == nullptr);
+    for (const auto &[at, id] : ids)
+      EXPECT_EQ(find(id), &ids[at]) << step;
+  }
 }
 
 TEST(Registry, ThreadBeyondTheTableRunsUnlisted) {

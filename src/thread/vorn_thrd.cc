@@ -15,6 +15,7 @@
 #include "base/log.hpp"
 #include "base/once.hpp"
 #include "base/thread_id.hpp"
+#include "thread/id_table.hpp"
 #include "thread/vorn_thrd.hpp"
 #include "vorn_mem.h"
 #include "vorn_sig_calltrace.h"
@@ -43,22 +44,14 @@ static_assert(sizeof(vorn_thread_s) == 544);
 
 constinit Slot table[VORN_THRD_SLOT_COUNT];
 
-// Hints for lookups: for each hash of a kernel id, the slot that a thread entered last; and the ids
-// of all slots side by side, which a lookup searches if another thread has replaced that entry. A
-// lookup relies only on the id of a thread record that it holds a reference to and whose state is
-// alive.
-constexpr std::size_t kHints = 4096;
-constinit std::atomic<Slot *> hints[kHints];
-constinit std::atomic<std::int64_t> tids[VORN_THRD_SLOT_COUNT];
+// Only says where to look: a lookup relies on the id of a thread record that it holds a reference
+// to and whose state is alive.
+constinit IdTable tids;
 
 // The key whose destructor gives back the thread record of a thread that did not return from its
 // entry. Written once, under the flag.
 constinit Once prepared{OncePolicy::kRetry};
 pthread_key_t end_of_thread;
-
-std::atomic<Slot *> &hint_of(std::int64_t tid) {
-  return hints[static_cast<std::uint64_t>(tid) % kHints];
-}
 
 std::size_t index_of(const Slot &slot) { return static_cast<std::size_t>(&slot - table); }
 
@@ -221,9 +214,7 @@ void set_state(const vorn_thread_s &record, State state) {
 
 void set_tid(vorn_thread_s &record, std::int64_t tid) {
   atomic_word(record.tid).store(tid, std::memory_order_relaxed);
-  if (record.slot == nullptr) return;
-  tids[index_of(*record.slot)].store(tid, std::memory_order_relaxed);
-  hint_of(tid).store(record.slot, std::memory_order_relaxed);
+  if (record.slot != nullptr) tids.store(index_of(*record.slot), tid);
 }
 
 } // namespace vorn::thread
@@ -233,11 +224,7 @@ using namespace vorn::thread;
 vorn_thread_s *vorn_thrd_currentthreadinfo() { return t_record; }
 
 vorn_thread_s *vorn_thrd_getthreadinfobytid(long tid) {
-  Slot *hint = hint_of(tid).load(std::memory_order_relaxed);
-  vorn_thread_s *record = hint != nullptr ? hold(*hint, tid) : nullptr;
-  for (std::size_t i = 0; record == nullptr && i < VORN_THRD_SLOT_COUNT; ++i)
-    if (tids[i].load(std::memory_order_relaxed) == tid) record = hold(table[i], tid);
-  return record;
+  return tids.find(tid, [tid](std::size_t slot) { return hold(table[slot], tid); });
 }
 
 int vorn_thrd_putthreadinfo(vorn_thread_s *thread) {
