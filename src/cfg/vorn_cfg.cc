@@ -2,7 +2,8 @@
 //
 // Order of locks: the registry's lock, then a file's lock. A thread that registers or removes a
 // file, or changes a value of a registered file, holds the registry's lock for writing. So a lookup
-// holds only that lock: what it finds stays as it is until it releases the lock. A thread that
+// in all files holds only that lock: what it finds stays as it is until it releases the lock. A
+// lookup in one file takes the file's lock, and then releases the registry's lock: a thread that
 // frees a file takes the file's lock after it has removed the file from the registry.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_cfg.h"
@@ -200,16 +201,18 @@ int vorn_cfg_getItemValue_ex(const char *path, const char *section, const char *
     registry.release();
     return VORN_FAIL(-1, "Can not find file %s.", path);
   }
+  ReadGuard hold(file->lock);
+  registry.release();
   const vorn_cfg_item_node_s *found = vorn_cfg_find_item_node(file, section, item);
   if (found == nullptr) return -1;
   const std::string_view value = found->value;
   if (const std::size_t needed = value.size() + 1; size < needed) {
-    registry.release();
+    hold.release();
     return give_too_small(__func__, size, needed);
   }
   const int result = copy_text(buf, size, value);
   if (result == 0) return 0;
-  const vorn::CancellationGuard off; // the thread holds the registry's lock
+  const vorn::CancellationGuard off; // the thread holds the file's lock
   return VORN_FAIL(-1, "Copy fail:%d, item size:%u, item value:%s.", result,
                    static_cast<unsigned int>(value.size() + 1), found->value);
 }

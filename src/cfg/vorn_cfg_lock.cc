@@ -64,21 +64,17 @@ std::uint64_t now() {
   return nanoseconds(time);
 }
 
-// Does what vorn_rwlock_try_read_lock does, but inline, and makes only one attempt. A reader needs
-// only to see what the last writer did: acquire.
-bool try_read_lock(vorn_rwlock_s *lock) {
-  const auto word = atomic_word(lock->word);
-  std::int64_t readers = word.load(std::memory_order_relaxed);
-  return readers >= 0 &&
-         word.compare_exchange_strong(readers, readers + 1, std::memory_order_acquire,
-                                      std::memory_order_relaxed);
-}
-
 [[gnu::noinline]] void let_writers_go_first() {
   const std::uint64_t end = now() + kWritersTurn;
   do
     sys::sleep(kSleep);
   while (waiting_writers.load(std::memory_order_relaxed) != 0 && now() < end);
+}
+
+vorn_rwlock_s &after_writers(vorn_rwlock_s &lock) {
+  if (waiting_writers.load(std::memory_order_relaxed) != 0) [[unlikely]]
+    let_writers_go_first();
+  return lock;
 }
 
 vorn_rwlock_s &announced(vorn_rwlock_s &lock) {
@@ -119,6 +115,11 @@ UniqueFd open_locked(const char *path, int flags, mode_t mode) {
 
 } // namespace
 
+void ReadGuard::wait() {
+  leave_fork_gate();
+  wait_for([this] { return vorn_rwlock_try_read_lock(lock_) != 0; });
+}
+
 WriteGuard::WriteGuard(vorn_rwlock_s &lock) : lock_(&lock) {
   wait_for([this] { return try_write_lock(lock_); });
 }
@@ -129,21 +130,7 @@ void WriteGuard::release() {
   leave_fork_gate();
 }
 
-RegistryReadGuard::RegistryReadGuard() {
-  if (waiting_writers.load(std::memory_order_relaxed) != 0) [[unlikely]]
-    let_writers_go_first();
-  enter_fork_gate();
-  if (try_read_lock(&g_stCfgRwlock)) [[likely]]
-    return;
-  leave_fork_gate();
-  wait_for([] { return vorn_rwlock_try_read_lock(&g_stCfgRwlock) != 0; });
-}
-
-void RegistryReadGuard::release() {
-  if (!std::exchange(held_, false)) return;
-  vorn_rwlock_read_unlock(&g_stCfgRwlock);
-  leave_fork_gate();
-}
+RegistryReadGuard::RegistryReadGuard() : hold_(after_writers(g_stCfgRwlock)) {}
 
 RegistryWriteGuard::RegistryWriteGuard() : hold_(announced(g_stCfgRwlock)) {
   waiting_writers.fetch_sub(1, std::memory_order_relaxed);

@@ -4,10 +4,13 @@
 #ifndef VORN_CFG_LOCK_HPP
 #define VORN_CFG_LOCK_HPP
 
+#include <cstdint>
 #include <sys/types.h>
 #include <utility>
 
+#include "base/atomic_word.hpp"
 #include "base/cancellation_guard.hpp"
+#include "base/fork_gate.hpp"
 #include "base/unique_fd.hpp"
 #include "vorn_rwlock.h"
 
@@ -16,6 +19,41 @@ namespace vorn::cfg {
 // A lock in memory. Waiting threads sleep between attempts: the holder may be freeing or writing a
 // whole file. The holder is inside the fork gate. A waiting thread is not, because it may be
 // waiting for the thread that forks.
+
+class ReadGuard {
+public:
+  explicit ReadGuard(vorn_rwlock_s &lock) : lock_(&lock) {
+    enter_fork_gate();
+    if (!is_taken_at_once()) [[unlikely]]
+      wait();
+  }
+  ReadGuard(const ReadGuard &) = delete;
+  ReadGuard &operator=(const ReadGuard &) = delete;
+  ~ReadGuard() { release(); }
+
+  // Releases the lock before the end of the scope: after the thread has taken a file's lock, and
+  // before a log message, which may take long.
+  void release() {
+    if (lock_ == nullptr) return;
+    vorn_rwlock_read_unlock(std::exchange(lock_, nullptr));
+    leave_fork_gate();
+  }
+
+private:
+  // Makes one attempt, as vorn_rwlock_try_read_lock does, but inline. A reader only needs to see
+  // what the last writer did: acquire.
+  bool is_taken_at_once() {
+    const auto word = atomic_word(lock_->word);
+    std::int64_t readers = word.load(std::memory_order_relaxed);
+    return readers >= 0 &&
+           word.compare_exchange_strong(readers, readers + 1, std::memory_order_acquire,
+                                        std::memory_order_relaxed);
+  }
+
+  void wait();
+
+  vorn_rwlock_s *lock_;
+};
 
 class WriteGuard {
 public:
@@ -39,15 +77,11 @@ private:
 class RegistryReadGuard {
 public:
   RegistryReadGuard();
-  RegistryReadGuard(const RegistryReadGuard &) = delete;
-  RegistryReadGuard &operator=(const RegistryReadGuard &) = delete;
-  ~RegistryReadGuard() { release(); }
 
-  // Releases the lock before the end of the scope: before a log message, which may take long.
-  void release();
+  void release() { hold_.release(); }
 
 private:
-  bool held_ = true;
+  ReadGuard hold_;
 };
 
 // The thread is not cancelled while the guard exists.

@@ -2,8 +2,9 @@
 // limit, and the state of a worker. The path of a work item:
 //
 //   vorn_sched_add_work        queue.append, then wake_worker
-//   a worker                   takes a unit of the semaphore, or looks at the queue while it is
-//   awake sched_work_select_task     queue.take sched_work_run_task        the handler
+//   a worker                   takes a unit of the semaphore, or is awake and looks at the queue
+//   sched_work_select_task     queue.take
+//   sched_work_run_task        the handler
 //
 // Locks: a thread takes the pool's mutex first, then either the queue's spin lock or a slot's
 // mutex.

@@ -4,11 +4,9 @@
 //
 //   - A thread sleeps at first. After kFirstDebt short sleeps, it polls.
 //   - While units come as it polls, it goes on. If it has polled in vain, it owes twice as many
-//   short
-//     sleeps as the last time before it polls again, at most kMostDebt: where polling cannot help,
-//     on a single CPU for example, it stops almost completely.
+//     short sleeps as the last time before it polls again, at most kMostDebt: where polling cannot
+//     help, on a single CPU for example, it stops almost completely.
 //   - After a long sleep, it owes kFirstDebt short sleeps or more.
-//
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_SEMAPHORE_PATIENCE_HPP
 #define VORN_SEMAPHORE_PATIENCE_HPP
