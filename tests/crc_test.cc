@@ -86,8 +86,11 @@ std::vector<std::pair<std::string, vorn::arch::CrcProbe>> lesser_processors() {
   if (own.crc32c_wide_min != SIZE_MAX) lesser.emplace_back("Narrow", vorn::arch::kCrcNarrow);
   if (own.narrow) lesser.emplace_back("WithoutAny", vorn::arch::CrcProbe{});
   return lesser;
-#endif
+#elif defined(__aarch64__)
+  if (vorn::arch::crc_probe.crc32c_sha3_min != SIZE_MAX)
+    return {{"WithoutSha3", vorn::arch::CrcProbe{}}};
   return {};
+#endif
 }
 
 std::vector<Routine> routines() {
@@ -137,8 +140,13 @@ TEST_P(EveryRoutine, EqualsDivisionAtEveryLengthAndAlignment) {
   // long inputs are cut into blocks, at different lengths by each kernel
   const Bytes bytes = noise(1 << 17);
   const auto expected = routine.expected(start, bytes.data(), bytes.size());
-  for (std::size_t length = kLengths; length < 20000; length += 7)
-    ASSERT_EQ(routine.run(start, bytes.data(), length), expected[length]) << "length " << length;
+  const auto check = [&](std::size_t first, std::size_t end, std::size_t step) {
+    for (std::size_t length = first; length < end; length += step)
+      ASSERT_EQ(routine.run(start, bytes.data(), length), expected[length]) << "length " << length;
+  };
+  check(kLengths, 20000, 13);
+  for (const std::size_t block : {6144, 12032, 13872, 19936})
+    check(block - 32, block + 32, 1);
   EXPECT_EQ(routine.run(start, bytes.data(), bytes.size()), expected.back());
 }
 

@@ -8,28 +8,50 @@
 
 namespace vorn::arch {
 
-// Every supported processor has the CRC32 and PMULL instructions, so no probe is needed.
-struct CrcProbe {};
-inline constexpr CrcProbe crc_probe{};
+// From this length on, the mixed loop of the plain kernel is faster than lanes alone.
+inline constexpr std::size_t kCrc32cMixedMin = 512;
 
-constexpr bool has_crc32c(CrcProbe) { return true; }
-constexpr bool has_crc16(CrcProbe) { return true; }
+// From this length on, the kernel for EOR3 is faster; it accepts no shorter input.
+inline constexpr std::size_t kCrc32cSha3Min = 1024;
 
-std::uint32_t crc32c(std::uint32_t crc, const void *data, std::size_t length);
-std::uint32_t crc32c_copy(std::uint32_t crc, void *to, const void *from, std::size_t length);
-std::uint16_t crc16(std::uint16_t crc, const void *data, std::size_t length);
+// Every supported processor has the CRC32 and PMULL instructions. Processors with EOR3 give the
+// shortest input for its kernel, so that a short input costs one comparison.
+struct CrcProbe {
+  std::size_t crc32c_sha3_min = SIZE_MAX;
+};
 
-inline std::uint32_t crc32c(CrcProbe, std::uint32_t crc, const void *data, std::size_t length) {
-  return crc32c(crc, data, length);
+inline constexpr CrcProbe kCrcSha3{kCrc32cSha3Min};
+
+// The instructions of this processor: the least until the library is loaded, then constant.
+extern const CrcProbe crc_probe;
+
+constexpr bool has_crc32c(const CrcProbe &) { return true; }
+constexpr bool has_crc16(const CrcProbe &) { return true; }
+
+std::uint32_t crc32c_plain(std::uint32_t crc, const void *data, std::size_t length);
+std::uint32_t crc32c_copy_plain(std::uint32_t crc, void *to, const void *from, std::size_t length);
+std::uint16_t crc16_plain(std::uint16_t crc, const void *data, std::size_t length);
+
+std::uint32_t crc32c_sha3(std::uint32_t crc, const void *data, std::size_t length);
+std::uint32_t crc32c_copy_sha3(std::uint32_t crc, void *to, const void *from, std::size_t length);
+
+inline std::uint32_t crc32c(const CrcProbe &probe, std::uint32_t crc, const void *data,
+                            std::size_t length) {
+  if (length >= probe.crc32c_sha3_min) [[unlikely]]
+    return crc32c_sha3(crc, data, length);
+  return crc32c_plain(crc, data, length);
 }
 
-inline std::uint32_t crc32c_copy(CrcProbe, std::uint32_t crc, void *to, const void *from,
-                                 std::size_t length) {
-  return crc32c_copy(crc, to, from, length);
+inline std::uint32_t crc32c_copy(const CrcProbe &probe, std::uint32_t crc, void *to,
+                                 const void *from, std::size_t length) {
+  if (length >= probe.crc32c_sha3_min) [[unlikely]]
+    return crc32c_copy_sha3(crc, to, from, length);
+  return crc32c_copy_plain(crc, to, from, length);
 }
 
-inline std::uint16_t crc16(CrcProbe, std::uint16_t crc, const void *data, std::size_t length) {
-  return crc16(crc, data, length);
+inline std::uint16_t crc16(const CrcProbe &, std::uint16_t crc, const void *data,
+                           std::size_t length) {
+  return crc16_plain(crc, data, length);
 }
 
 } // namespace vorn::arch

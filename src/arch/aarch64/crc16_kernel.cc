@@ -58,7 +58,7 @@ struct Vector16 {
 
 } // namespace
 
-std::uint16_t crc16(std::uint16_t crc, const void *data, std::size_t length) {
+std::uint16_t crc16_plain(std::uint16_t crc, const void *data, std::size_t length) {
   return Crc16Loop<Vector16>::run(crc, static_cast<const std::uint8_t *>(data), length);
 }
 

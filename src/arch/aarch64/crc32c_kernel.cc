@@ -1,37 +1,60 @@
-// Compiles the CRC-32C loop for the CRC32C instructions.
+// Compiles the CRC-32C loops for the CRC32C and PMULL instructions.
 // SPDX-License-Identifier: Apache-2.0
 #include "arch/aarch64/crc.hpp"
 
-#include <arm_acle.h>
-#include <arm_neon.h>
-
-#include "arch/crc32c_loop.hpp"
+#include "arch/aarch64/crc32c_mix.hpp"
 
 namespace vorn::arch {
 namespace {
 
-struct Step {
-  using Register = std::uint32_t;
-
-  static Register add(Register crc, std::uint64_t word) { return __crc32cd(crc, word); }
-  static Register add(Register crc, std::uint32_t word) { return __crc32cw(crc, word); }
-  static Register add(Register crc, std::uint16_t word) { return __crc32ch(crc, word); }
-  static Register add(Register crc, std::uint8_t word) { return __crc32cb(crc, word); }
-  static std::uint64_t multiply(Register crc, std::uint32_t constant) {
-    return vgetq_lane_u64(vreinterpretq_u64_p128(vmull_p64(crc, constant)), 0);
+struct Sum {
+  template <std::size_t>
+  [[gnu::always_inline]] static uint8x16_t add(uint8x16_t a, uint8x16_t b, uint8x16_t c) {
+    return veorq_u8(veorq_u8(a, b), c);
   }
 };
 
-using Loop = Crc32cLoop<Step>;
+// A Neoverse N1 begins one multiplication and one step in a cycle. A round multiplies eight times
+// and makes six steps. Two vectors for each step of the lanes, not three for two, leave cycles for
+// the additions that take the place of a multiplication.
+struct Mix {
+  using Step = CrcStep;
+  using Vector = CrcVector<Sum>;
+  static constexpr std::size_t kVectors = 4;
+  static constexpr std::size_t kSteps = 2;
+  static constexpr std::size_t kRest = 96; // takes as long as to reduce the stretch
+};
+
+using Loop = Crc32cLoop<CrcStep>;
+using MixedLoop = Crc32cMixedLoop<Mix>;
+
+// The length of a disk sector.
+constexpr std::size_t kSector = 512;
+
+// Not inlined, so that short inputs save no registers.
+template <class Source>
+[[gnu::noinline]] std::uint32_t run_long(std::uint32_t crc, Source source, std::size_t length) {
+  if (length == kSector) return MixedLoop::run_exactly<kSector>(crc, source);
+  return MixedLoop::run(crc, source, length);
+}
+
+template <class Source> [[gnu::always_inline]] inline std::uint32_t
+run(std::uint32_t crc, Source source, std::size_t length) {
+  if (length >= kCrc32cMixedMin) [[unlikely]]
+    return run_long(crc, source, length);
+  return Loop::run(crc, source, length);
+}
+
+static_assert(kCrc32cMixedMin >= MixedLoop::kMin);
 
 } // namespace
 
-std::uint32_t crc32c(std::uint32_t crc, const void *data, std::size_t length) {
-  return Loop::run(crc, Loop::reader(data), length);
+std::uint32_t crc32c_plain(std::uint32_t crc, const void *data, std::size_t length) {
+  return run(crc, Loop::reader(data), length);
 }
 
-std::uint32_t crc32c_copy(std::uint32_t crc, void *to, const void *from, std::size_t length) {
-  return Loop::run(crc, Loop::copier(to, from), length);
+std::uint32_t crc32c_copy_plain(std::uint32_t crc, void *to, const void *from, std::size_t length) {
+  return run(crc, Loop::copier(to, from), length);
 }
 
 } // namespace vorn::arch
