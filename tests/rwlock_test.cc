@@ -56,6 +56,9 @@ TEST(Rwlock, WaitsUntilTheLockIsFree) {
   }
 
   g_sleep = [](unsigned int) { ADD_FAILURE() << "slept"; };
+  vorn_rwlock_s free_lock = VORN_RWLOCK_INIT;
+  write_lock(&free_lock);
+  EXPECT_EQ(free_lock.word, kWriter);
   const Wait spinning[] = {
       {kMayblockWriter, read_lock, 1}, {kWriter, write_lock, kWriter}, {2, write_lock, kWriter}};
   for (const Wait &wait : spinning) {

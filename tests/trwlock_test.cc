@@ -82,6 +82,19 @@ std::string served(Lock &lock, const std::string &arrivals, Release release) {
   return entered;
 }
 
+TEST(Trwlock, CountersWrapSeparately) {
+  Lock lock{kMax, 2, kMax, 2};
+  vorn_trwlock_read_lock(&lock);
+  EXPECT_EQ(lock, (Lock{kMax, 2, 0, 2}));
+  vorn_trwlock_read_unlock(&lock);
+  EXPECT_EQ(lock, (Lock{0, 2, 0, 2}));
+  lock = {kMax, 2, kMax, 2};
+  vorn_trwlock_write_lock(&lock);
+  EXPECT_EQ(lock, (Lock{kMax, 2, 0, 3}));
+  vorn_trwlock_write_unlock(&lock);
+  EXPECT_EQ(lock, (Lock{0, 3, 0, 3}));
+}
+
 TEST(Trwlock, ServesWritersAndTheReadersBetweenThemInTheOrderOfArrival) {
   Lock lock{kMax - 1, kMax, kMax - 1, kMax};
   vorn_trwlock_write_lock(&lock);
