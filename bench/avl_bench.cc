@@ -170,18 +170,37 @@ struct LibbsdRb {
 static_assert(sizeof(Ours::Record) == 40 && sizeof(BoostAvl::Record) == 40 &&
               sizeof(BsdRecord) == 40);
 
+// The trees of count records.
+struct Trees {
+  explicit Trees(std::size_t count) : keys(batches(count)), memory(count * sizeof(Ours::Record)) {}
+  std::vector<bench::Contender> contenders() {
+    return {bench::ours(rounds<Ours>(keys, memory)),
+            bench::peer("Boost avl_set", rounds<BoostAvl>(keys, memory)),
+            bench::peer("libbsd RB tree", rounds<LibbsdRb>(keys, memory))};
+  }
+  std::vector<Batch> keys;
+  std::vector<std::byte> memory;
+};
+
 void measure(const bench::Table &table, const char *name, std::size_t count) {
-  const std::vector<Batch> keys = batches(count);
-  std::vector<std::byte> memory(count * sizeof(Ours::Record));
-  table.row(name, {bench::ours(rounds<Ours>(keys, memory)),
-                   bench::peer("Boost avl_set", rounds<BoostAvl>(keys, memory)),
-                   bench::peer("libbsd RB tree", rounds<LibbsdRb>(keys, memory))});
+  table.row(name, Trees{count}.contenders());
+}
+
+void measure_curve(const bench::Table &table) {
+  const bench::Curve curve{
+      table, {"avl", "AVL tree: insert, find and erase", "records in the tree", "record"}};
+  for (std::size_t count = 16; count <= 1 << 18; count *= 4)
+    curve.point(count, count, Trees{count}.contenders());
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "AVL tree"};
+  if (bench::wants_curves()) {
+    measure_curve(table);
+    return 0;
+  }
   measure(table, "insert, find and erase, 1 Ki random keys", 1 << 10);
   measure(table, "insert, find and erase, 64 Ki random keys", 1 << 16);
 }

@@ -116,59 +116,94 @@ struct Turn {
   std::size_t next() { return at = at + 1 == count ? 0 : at + 1; }
 };
 
-// Looks up all items in turn, in a random order.
+// A file whose items are looked up in turn, in a random order.
+class Lookups {
+public:
+  Lookups(std::size_t sections, std::size_t items)
+      : file_(sections, items), turn_{sections * items} {
+    for (std::size_t i = 0; i < sections * items; ++i) {
+      const std::size_t at = i * 7919 % (sections * items);
+      section_.push_back(section_of(at / items));
+      item_.push_back(item_of(at % items));
+      key_.push_back(section_.back() + ":" + item_.back());
+    }
+    if (vorn_cfg_init(path_) != 0) std::abort();
+    key_file_ = load_key_file(path_);
+  }
+  Lookups(const Lookups &) = delete;
+  Lookups &operator=(const Lookups &) = delete;
+  ~Lookups() {
+    g_key_file_free(key_file_);
+    vorn_cfg_destroy();
+    if (dictionary_ != nullptr) iniparser_freedict(dictionary_);
+  }
+
+  std::vector<bench::Contender> contenders() {
+    return {bench::ours([this, turn = turn_]() mutable {
+              char value[256];
+              const std::size_t at = turn.next();
+              if (vorn_cfg_getItemValue_ex(path_, section_[at].c_str(), item_[at].c_str(), value,
+                                           sizeof value) != 0)
+                std::abort();
+            }),
+            bench::peer("GKeyFile", [this, turn = turn_]() mutable {
+              char value[256];
+              const std::size_t at = turn.next();
+              char *found =
+                  g_key_file_get_value(key_file_, section_[at].c_str(), item_[at].c_str(), nullptr);
+              if (found == nullptr) std::abort();
+              std::strcpy(value, found);
+              g_free(found);
+              bench::keep(value);
+            })};
+  }
+
+  // Its loading takes minutes for 100,000 items.
+  bench::Contender iniparser() {
+    dictionary_ = iniparser_load(path_);
+    return bench::peer("iniparser", [this, turn = turn_]() mutable {
+      char value[256];
+      const char *found = iniparser_getstring(dictionary_, key_[turn.next()].c_str(), nullptr);
+      if (found == nullptr) std::abort();
+      std::strcpy(value, found);
+      bench::keep(value);
+    });
+  }
+
+private:
+  File file_;
+  const char *path_ = file_.path.c_str();
+  Turn turn_;
+  std::vector<std::string> section_;
+  std::vector<std::string> item_;
+  std::vector<std::string> key_;
+  GKeyFile *key_file_;
+  dictionary *dictionary_ = nullptr;
+};
+
 void measure_lookups(const bench::Table &table, const char *what, std::size_t sections,
                      std::size_t items) {
-  const File file(sections, items);
-  const char *path = file.path.c_str();
-  std::vector<std::string> section;
-  std::vector<std::string> item;
-  std::vector<std::string> key;
-  for (std::size_t i = 0; i < sections * items; ++i) {
-    const std::size_t at = i * 7919 % (sections * items);
-    section.push_back(section_of(at / items));
-    item.push_back(item_of(at % items));
-    key.push_back(section.back() + ":" + item.back());
-  }
-  if (vorn_cfg_init(path) != 0) std::abort();
-  GKeyFile *key_file = load_key_file(path);
-  dictionary *dictionary = iniparser_load(path);
-  Turn turn{item.size()};
-  table.row(what, {bench::ours([&, turn]() mutable {
-                     char value[256];
-                     const std::size_t at = turn.next();
-                     if (vorn_cfg_getItemValue_ex(path, section[at].c_str(), item[at].c_str(),
-                                                  value, sizeof value) != 0)
-                       std::abort();
-                   }),
-                   bench::peer("GKeyFile",
-                               [&, turn]() mutable {
-                                 char value[256];
-                                 const std::size_t at = turn.next();
-                                 char *found = g_key_file_get_value(key_file, section[at].c_str(),
-                                                                    item[at].c_str(), nullptr);
-                                 if (found == nullptr) std::abort();
-                                 std::strcpy(value, found);
-                                 g_free(found);
-                                 bench::keep(value);
-                               }),
-                   bench::peer("iniparser", [&, turn]() mutable {
-                     char value[256];
-                     const char *found =
-                         iniparser_getstring(dictionary, key[turn.next()].c_str(), nullptr);
-                     if (found == nullptr) std::abort();
-                     std::strcpy(value, found);
-                     bench::keep(value);
-                   })});
-  iniparser_freedict(dictionary);
-  g_key_file_free(key_file);
-  vorn_cfg_destroy();
+  Lookups lookups{sections, items};
+  std::vector<bench::Contender> contenders = lookups.contenders();
+  contenders.push_back(lookups.iniparser());
+  table.row(what, contenders);
+}
+
+void measure_curve(const bench::Table &table) {
+  const bench::Curve curve{
+      table, {"cfg", "Configuration files: look up an item", "items in one section", "lookup"}};
+  for (std::size_t items = 10; items <= 100000; items *= 10)
+    curve.point(items, 1, Lookups{1, items}.contenders());
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "Configuration files"};
+  if (bench::wants_curves()) {
+    measure_curve(table);
+    return 0;
+  }
   measure_parses(table, "1 KB", File(2, 16), true);
   measure_parses(table, "1 MB, 600 sections", File(600, 56), false);
   measure_parses(table, "1 MB, 1 section", File(1, 28000), false);

@@ -256,19 +256,38 @@ static_assert(sizeof(Ours::Record) == 40 && sizeof(BoostSet::Record) == 40 &&
               sizeof(StdMap::Record) == 40 && sizeof(Uthash::Record) == 72 &&
               sizeof(BoostSet::Set::bucket_type) <= 16);
 
+// The tables of count records.
+struct Tables {
+  explicit Tables(std::size_t count) : keys(batches(count)), memory(count) {}
+  std::vector<bench::Contender> contenders() {
+    return {bench::ours(rounds<Ours>(keys, memory)),
+            bench::peer("Boost set", rounds<BoostSet>(keys, memory)),
+            bench::peer("uthash", rounds<Uthash>(keys, memory)),
+            bench::peer("unordered_map", rounds<StdMap>(keys, memory))};
+  }
+  std::vector<Batch> keys;
+  Memory memory;
+};
+
 void measure(const bench::Table &table, const char *name, std::size_t count) {
-  const std::vector<Batch> keys = batches(count);
-  Memory memory{count};
-  table.row(name, {bench::ours(rounds<Ours>(keys, memory)),
-                   bench::peer("Boost set", rounds<BoostSet>(keys, memory)),
-                   bench::peer("uthash", rounds<Uthash>(keys, memory)),
-                   bench::peer("unordered_map", rounds<StdMap>(keys, memory))});
+  table.row(name, Tables{count}.contenders());
+}
+
+void measure_curve(const bench::Table &table) {
+  const bench::Curve curve{
+      table, {"hash", "Hash table: insert, find and erase", "records in the table", "record"}};
+  for (std::size_t count = 16; count <= 1 << 18; count *= 4)
+    curve.point(count, count, Tables{count}.contenders());
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "Hash table"};
+  if (bench::wants_curves()) {
+    measure_curve(table);
+    return 0;
+  }
   measure(table, "insert, find and erase, 1 Ki random keys", 1 << 10);
   measure(table, "insert, find and erase, 64 Ki random keys", 1 << 16);
 }

@@ -2,7 +2,6 @@
 // lock around a short critical section, which is the same for all locks. With several threads the
 // time of an operation is the total time divided by the number of operations of all threads.
 // SPDX-License-Identifier: Apache-2.0
-#include <barrier>
 #include <ck_pflock.h>
 #include <ck_rwlock.h>
 #include <ck_tflock.h>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "support/bench.hpp"
+#include "support/threads.hpp"
 #include "vorn_rwlock.h"
 #include "vorn_spinlock.h"
 #include "vorn_ticketlock.h"
@@ -58,26 +58,6 @@ template <class Lock> void read_once(Lock &lock, Data &data) {
   lock.read_unlock();
 }
 
-// Runs the shares of all threads, and times only these.
-template <class Work> bench::Nanoseconds in_threads(int count, std::uint64_t share, Work work) {
-  bench::Clock::time_point start;
-  bench::Clock::time_point end;
-  std::barrier begin{count, [&]() noexcept { start = bench::Clock::now(); }};
-  std::barrier finish{count, [&]() noexcept { end = bench::Clock::now(); }};
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < count; ++i) {
-    threads.emplace_back([&, i] {
-      bench::pin(static_cast<unsigned int>(i), static_cast<unsigned int>(count));
-      begin.arrive_and_wait();
-      for (std::uint64_t n = 0; n < share; ++n)
-        work();
-      finish.arrive_and_wait();
-    });
-  }
-  threads.clear();
-  return end - start;
-}
-
 enum class Use { kWrite, kRead };
 
 // Returns a contender that takes its own Lock in that many threads at the same time.
@@ -93,7 +73,8 @@ template <class Lock, Use kUse> bench::Contender takes(const std::string &name, 
   };
   if (threads == 1) return bench::contender(name, once);
   return bench::contender(name, [=](std::uint64_t count) {
-    return in_threads(threads, count * kBatch, once) / (kBatch * threads);
+    return bench::in_threads(static_cast<unsigned int>(threads), count * kBatch, once) /
+           (kBatch * threads);
   });
 }
 

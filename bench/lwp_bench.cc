@@ -4,11 +4,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_lwp.h"
 
-#include <barrier>
 #include <memory>
 #include <thread>
 
 #include "support/bench.hpp"
+#include "support/threads.hpp"
 
 namespace {
 
@@ -17,25 +17,6 @@ constexpr std::uint64_t kBatch = 100;
 struct Object {
   std::uint64_t value = 0;
 };
-
-// Uses two threads: in a process with a single thread, the shared pointer would count without
-// atomics.
-template <class Work> bench::Nanoseconds in_two_threads(std::uint64_t count, Work work) {
-  bench::Clock::time_point start;
-  bench::Clock::time_point end;
-  std::barrier begin{2, [&]() noexcept { start = bench::Clock::now(); }};
-  std::barrier finish{2, [&]() noexcept { end = bench::Clock::now(); }};
-  const auto run = [&](unsigned int index) {
-    bench::pin(index, 2);
-    begin.arrive_and_wait();
-    for (std::uint64_t i = 0; i < count * kBatch; ++i)
-      work();
-    finish.arrive_and_wait();
-  };
-  std::jthread other{run, 1};
-  run(0);
-  return (end - start) / 2.0 / kBatch;
-}
 
 // Returns a reference to the value through a function call, as LwpVarRaw does.
 [[gnu::noinline]] std::uint64_t &local_value() {
@@ -77,7 +58,7 @@ int main(int argc, char **argv) {
   table.row("get and put a reference", {bench::ours(get_put), bench::peer("shared_ptr copy", copy),
                                         bench::peer("weak_ptr lock", upgrade)});
   const auto two = [](auto work) {
-    return [=](std::uint64_t count) { return in_two_threads(count, work) * kBatch; };
+    return [=](std::uint64_t count) { return bench::in_threads(2, count * kBatch, work) / 2.0; };
   };
   table.row("get and put, 2 threads, 100 each",
             {bench::ours(two(get_put)), bench::peer("shared_ptr copy", two(copy)),

@@ -7,6 +7,7 @@
 
 #include <bsd/sys/tree.h>
 
+#include <algorithm>
 #include <boost/intrusive/set.hpp>
 #include <string>
 #include <utility>
@@ -96,14 +97,15 @@ private:
   BsdTree tree_ = RB_INITIALIZER(&tree_);
 };
 
-constexpr std::size_t kKeys = 65536;
+constexpr std::size_t kKeys = 65536; // of the rounds of a row
 
 // Inserts size keys, and then erases all of them in the order of insertion. Each round uses other
 // keys, so that the branch predictor cannot learn the results of the comparisons.
 template <class Tree> auto fill_and_empty(std::size_t size) {
   std::vector<typename Tree::Record> records(size);
-  return [records = std::move(records), keys = bench::random_keys(kKeys), at = kKeys]() mutable {
-    if (at == kKeys) at = 0;
+  return [records = std::move(records), keys = bench::random_keys(std::max(size, kKeys)),
+          at = std::size_t{0}]() mutable {
+    if (at == keys.size()) at = 0;
     Tree tree;
     for (auto &record : records) {
       record.key = keys[at++];
@@ -114,14 +116,28 @@ template <class Tree> auto fill_and_empty(std::size_t size) {
   };
 }
 
+std::vector<bench::Contender> contenders(std::size_t size) {
+  return {bench::ours(fill_and_empty<Ours>(size)),
+          bench::peer("Boost.Intrusive", fill_and_empty<Boost>(size)),
+          bench::peer("libbsd", fill_and_empty<Bsd>(size))};
+}
+
+void measure_curve(const bench::Table &table) {
+  const bench::Curve curve{
+      table, {"rbtree", "Red-black tree: insert and erase", "records in the tree", "record"}};
+  for (std::size_t size = 16; size <= 1 << 18; size *= 4)
+    curve.point(size, size, contenders(size));
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "Red-black tree"};
-  for (const std::size_t size : {std::size_t{1024}, kKeys}) {
-    table.row(("insert and erase " + std::to_string(size / 1024) + " Ki keys").c_str(),
-              {bench::ours(fill_and_empty<Ours>(size)),
-               bench::peer("Boost.Intrusive", fill_and_empty<Boost>(size)),
-               bench::peer("libbsd", fill_and_empty<Bsd>(size))});
+  if (bench::wants_curves()) {
+    measure_curve(table);
+    return 0;
   }
+  for (const std::size_t size : {std::size_t{1024}, kKeys})
+    table.row(("insert and erase " + std::to_string(size / 1024) + " Ki keys").c_str(),
+              contenders(size));
 }

@@ -31,8 +31,8 @@ constexpr std::size_t kCapacity = 1023;
 constexpr int kPatience = 64;
 constexpr unsigned int kCalls = 1024;
 
-// The minimum number of objects, large enough that all threads run concurrently and are
-// descheduled.
+// The minimum number of objects of a producer, large enough that all threads run concurrently and
+// are descheduled, and that their start does not count.
 constexpr std::uint64_t kMinObjects = 1 << 13;
 
 // The queues follow. Each has a Producer for every producing thread: its put() enqueues as many of
@@ -249,7 +249,7 @@ void check(const std::vector<Share> &shares) {
 // count objects.
 template <class Queue, std::size_t kBurst>
 bench::Nanoseconds pass(std::uint64_t count, unsigned int pairs) {
-  const std::uint64_t batches = std::max(count, kMinObjects) / kBurst / pairs;
+  const std::uint64_t batches = std::max(count, pairs * kMinObjects) / kBurst / pairs;
   std::vector<Share> shares(2 * pairs, Share{batches * kBurst});
   Queue queue{pairs};
   std::latch ready{2 * pairs};
@@ -293,19 +293,40 @@ template <std::size_t kBurst> void single(const bench::Table &table) {
              bench::peer("moodycamel", passing<Moodycamel, kBurst>(1))});
 }
 
+template <std::size_t kBurst> std::vector<bench::Contender> contenders(unsigned int pairs) {
+  return {bench::ours(passing<Vorn<0>, kBurst>(pairs)),
+          bench::peer("ck_ring", passing<Ck<false>, kBurst>(pairs)),
+          bench::peer("Boost.Lockfree", passing<BoostQueue, kBurst>(pairs)),
+          bench::peer("moodycamel", passing<Moodycamel, kBurst>(pairs))};
+}
+
 template <std::size_t kBurst>
 void multi(const bench::Table &table, const char *threads, unsigned int pairs) {
-  table.row(text<kBurst>(threads).c_str(),
-            {bench::ours(passing<Vorn<0>, kBurst>(pairs)),
-             bench::peer("ck_ring", passing<Ck<false>, kBurst>(pairs)),
-             bench::peer("Boost.Lockfree", passing<BoostQueue, kBurst>(pairs)),
-             bench::peer("moodycamel", passing<Moodycamel, kBurst>(pairs))});
+  table.row(text<kBurst>(threads).c_str(), contenders<kBurst>(pairs));
+}
+
+// Leaves out ck_ring if there are more threads than CPUs: each of its threads spins until the one
+// before it has ended its operation, for seconds if that one waits for a CPU.
+template <std::size_t kBurst> void measure_curve(const bench::Table &table, const char *file) {
+  const std::string title = text<kBurst>("Ring: as many producers as consumers");
+  const bench::Curve curve{table, {file, title, "threads", "object"}};
+  for (unsigned int pairs = 1; pairs <= 8; ++pairs) {
+    std::vector<bench::Contender> queues = contenders<kBurst>(pairs);
+    if (2 * pairs > std::thread::hardware_concurrency())
+      std::erase_if(queues, [](const auto &queue) { return queue.name == "ck_ring"; });
+    curve.point(2 * pairs, 1, queues);
+  }
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
   const bench::Table table{argc, argv, "Ring: time per object, capacity 1023"};
+  if (bench::wants_curves()) {
+    measure_curve<1>(table, "ring");
+    measure_curve<32>(table, "ring-bursts");
+    return 0;
+  }
   single<1>(table);
   single<32>(table);
   multi<1>(table, "two and two", 2);

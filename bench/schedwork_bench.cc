@@ -25,7 +25,8 @@
 namespace {
 
 constexpr int kThreads = 4;
-constexpr std::size_t kItems = 1024; // items that a thread adds at a time
+constexpr std::size_t kItems = 1024;     // that a thread adds at a time in a row
+constexpr std::size_t kMaxItems = 65536; // in the curve
 
 // The number of items to add one after the other, until the system has moved the threads to
 // different CPUs.
@@ -46,7 +47,7 @@ struct Vorn {
       vorn_sched_init_work(&item, handle, nullptr);
   }
   void give(std::size_t i) { vorn_sched_add_work(&items[i]); }
-  std::vector<vorn_sched_work_s> items{kItems};
+  std::vector<vorn_sched_work_s> items{kMaxItems};
 };
 
 struct Asio {
@@ -74,7 +75,7 @@ struct Uv {
   void give(std::size_t i) { uv_queue_work(&loop, &items[i], handle, done); }
   void collect() { uv_run(&loop, UV_RUN_DEFAULT); }
   uv_loop_t loop;
-  std::vector<uv_work_t> items{kItems};
+  std::vector<uv_work_t> items{kMaxItems};
 };
 
 template <class Pool> Pool &the() {
@@ -109,15 +110,15 @@ bench::Contender single(const std::string &name, std::chrono::microseconds pause
   });
 }
 
-template <class Pool> bench::Contender many(const std::string &name) {
-  return bench::contender(name, [](std::uint64_t count) {
+template <class Pool> bench::Contender many(const std::string &name, std::size_t items) {
+  return bench::contender(name, [items](std::uint64_t count) {
     bench::Nanoseconds time{};
     for (; count > 0; --count) {
       g_ran = 0;
       const auto start = bench::Clock::now();
-      for (std::size_t i = 0; i < kItems; ++i)
+      for (std::size_t i = 0; i < items; ++i)
         the<Pool>().give(i);
-      wait_for(kItems);
+      wait_for(items);
       time += bench::Clock::now() - start;
       collect(the<Pool>());
     }
@@ -125,12 +126,21 @@ template <class Pool> bench::Contender many(const std::string &name) {
   });
 }
 
-void rows(const bench::Table &table, const std::string &name, auto measure) {
-  table.row(name.c_str(),
-            {measure.template operator()<Vorn>("ours"),
-             measure.template operator()<Asio>("Boost.Asio"),
-             measure.template operator()<Tbb>("TBB"), measure.template operator()<GLib>("GLib"),
-             measure.template operator()<Uv>("libuv")});
+std::vector<bench::Contender> contenders(auto measure) {
+  return {measure.template operator()<Vorn>("ours"),
+          measure.template operator()<Asio>("Boost.Asio"), measure.template operator()<Tbb>("TBB"),
+          measure.template operator()<GLib>("GLib"), measure.template operator()<Uv>("libuv")};
+}
+
+std::vector<bench::Contender> contenders(std::size_t items) {
+  return contenders([=]<class Pool>(const char *name) { return many<Pool>(name, items); });
+}
+
+void measure_curve(const bench::Table &table) {
+  const bench::Curve curve{
+      table, {"schedwork", "Scheduled work: add and run items", "items at once", "item"}};
+  for (std::size_t items = 1; items <= kMaxItems; items *= 4)
+    curve.point(items, items, contenders(items));
 }
 
 } // namespace
@@ -138,14 +148,19 @@ void rows(const bench::Table &table, const std::string &name, auto measure) {
 int main(int argc, char **argv) {
   vorn_gettime_init();
   const bench::Table table{argc, argv, "Scheduled work"};
+  if (bench::wants_curves()) {
+    measure_curve(table);
+    return 0;
+  }
   const struct {
     const char *name;
     std::chrono::microseconds pause;
   } singles[] = {{"one item, right after the last", {}},
                  {"one item, 1 ms after the last", std::chrono::microseconds{1000}}};
   for (const auto &row : singles) {
-    rows(table, row.name,
-         [&]<class Pool>(const char *name) { return single<Pool>(name, row.pause); });
+    table.row(row.name, contenders([&]<class Pool>(const char *name) {
+                return single<Pool>(name, row.pause);
+              }));
   }
-  rows(table, "1024 items at once", []<class Pool>(const char *name) { return many<Pool>(name); });
+  table.row("1024 items at once", contenders(kItems));
 }

@@ -16,8 +16,9 @@ constexpr Nanoseconds kTurn = std::chrono::microseconds{200};
 constexpr std::size_t kTurns = 201;
 constexpr std::size_t kMinTurns = 5;
 
-// A row of long operations ends after this time, with fewer turns.
-constexpr std::chrono::seconds kRowTime{1};
+// A row or a point of long operations ends after this time, with fewer turns.
+constexpr std::chrono::milliseconds kRowTime{1000};
+constexpr std::chrono::milliseconds kPointTime{200};
 
 // The CPUs of the process before a row pins a thread.
 class Cpus {
@@ -76,14 +77,15 @@ using Times = std::vector<double>; // nanoseconds of one operation, by turn
 
 // Returns the times of each contender. Every turn begins with another contender, and every second
 // turn runs them in the opposite order: none always follows the same other one.
-std::vector<Times> measure(const std::vector<Contender> &contenders) {
+std::vector<Times> measure(const std::vector<Contender> &contenders,
+                           std::chrono::milliseconds longest) {
   std::vector<std::uint64_t> lengths;
   for (const Contender &contender : contenders)
     lengths.push_back(turn_length(contender));
 
   const std::size_t count = contenders.size();
   std::vector<Times> times(count);
-  const auto end = Clock::now() + kRowTime;
+  const auto end = Clock::now() + longest;
   for (std::size_t turn = 0; turn < kTurns; ++turn) {
     if (turn >= kMinTurns && Clock::now() > end) break;
     for (std::size_t step = 0; step < count; ++step) {
@@ -169,9 +171,11 @@ void print_line(const std::string &title, const Operation &operation, const Resu
   std::fflush(stdout);
 }
 
-bool wants_lines() { return std::getenv("VORN_BENCH_LINES") != nullptr; }
+bool wants_lines() { return std::getenv("VORN_BENCH_LINES") != nullptr || wants_curves(); }
 
 } // namespace
+
+bool wants_curves() { return std::getenv("VORN_BENCH_CURVES") != nullptr; }
 
 void pin(unsigned int index, unsigned int threads) { cpus().pin(index, threads); }
 
@@ -193,9 +197,24 @@ bool Table::wanted(const std::string &name) const {
 
 void Table::row(const Operation &operation, const std::vector<Contender> &contenders) const {
   if (!wanted(operation.name)) return;
-  const Result result = summary(contenders, measure(contenders));
+  const Result result = summary(contenders, measure(contenders, kRowTime));
   if (wants_lines()) return print_line(title_, operation, result);
   print(operation, result);
+}
+
+Curve::Curve(const Table &table, Plot plot)
+    : plot_(std::move(plot)), wanted_(table.wanted(plot_.title)) {}
+
+void Curve::point(std::size_t size, std::size_t units,
+                  const std::vector<Contender> &contenders) const {
+  if (!wanted_) return;
+  const std::vector<Times> times = measure(contenders, kPointTime);
+  for (std::size_t i = 0; i < times.size(); ++i) {
+    std::printf("point\t%s\t%s\t%s\t%s\t%zu\t%s\t%.3f\n", plot_.file.c_str(), plot_.title.c_str(),
+                plot_.size.c_str(), plot_.unit.c_str(), size, contenders[i].name.c_str(),
+                median(times[i]) / static_cast<double>(units));
+  }
+  std::fflush(stdout);
 }
 
 } // namespace bench

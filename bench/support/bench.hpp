@@ -13,6 +13,10 @@
 // the interquartile range of the ratios of the turns, in per cent of their median. If the
 // environment has VORN_BENCH_LINES, the program prints lines that tools/bench reads instead of the
 // table.
+//
+// A program may also measure curves: the time of an operation as a number grows, such as that of
+// the records in a tree. It measures its curves instead of its rows if the environment has
+// VORN_BENCH_CURVES, and prints lines that tools/plot-growth reads.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_BENCH_SUPPORT_BENCH_HPP
 #define VORN_BENCH_SUPPORT_BENCH_HPP
@@ -95,6 +99,9 @@ template <class What> Contender peer(std::string name, What what) {
   return contender(std::move(name), std::move(what));
 }
 
+// Returns whether the program is to measure its curves instead of its rows.
+bool wants_curves();
+
 class Table {
 public:
   // Prints the head of the table. The program's arguments select rows: if there are any, the table
@@ -104,11 +111,30 @@ public:
   // Measures and prints a row: ours first, then any number of peers (or none).
   void row(const Operation &operation, const std::vector<Contender> &contenders) const;
 
-private:
   bool wanted(const std::string &name) const;
 
+private:
   std::string title_;
   std::vector<std::string> words_;
+};
+
+struct Plot {
+  std::string file;  // the name of its picture, without a suffix
+  std::string title; // the operation, which the program's arguments select as they select rows
+  std::string size;  // what grows, in the plural: "records"
+  std::string unit;  // what the time is divided by, in the singular: "record"
+};
+
+class Curve {
+public:
+  Curve(const Table &table, Plot plot);
+
+  // Measures and prints the time of each contender at this size, divided by units.
+  void point(std::size_t size, std::size_t units, const std::vector<Contender> &contenders) const;
+
+private:
+  Plot plot_;
+  bool wanted_;
 };
 
 } // namespace bench
