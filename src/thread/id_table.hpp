@@ -1,10 +1,5 @@
 // Holds the kernel ids of the threads in the slots, and finds the slots of an id.
-//
-// The ids are side by side, in the order of the slots. Buckets say where an id was last stored: a
-// find that reads one cache line has its slot. A bucket has no room for an id if the ids of 8 other
-// present threads have the same remainder; then, and if a bucket has lost an id, a find searches
-// all slots. An entry of a bucket becomes stale when its slot gets another id; a thread that stores
-// its id takes the place of such an entry. SPDX-License-Identifier: Apache-2.0
+// SPDX-License-Identifier: Apache-2.0
 #ifndef VORN_THREAD_ID_TABLE_HPP
 #define VORN_THREAD_ID_TABLE_HPP
 
@@ -16,6 +11,11 @@
 
 namespace vorn::thread {
 
+// The ids are side by side, in the order of the slots. Buckets say where an id was last stored: a
+// find that reads one cache line has its slot. A bucket has no room for an id if the ids of 8 other
+// present threads have the same remainder; then, and if a bucket has lost an id, a find searches
+// all slots. An entry of a bucket becomes stale when its slot gets another id; a thread that stores
+// its id takes the place of such an entry.
 class IdTable {
 public:
   // Called by the owner of the slot. An id of 0 belongs to no thread yet.
