@@ -118,12 +118,12 @@ struct CfgRegistry : testing::Test {
   const std::string a = directory / "a.ini";
   const std::string b = directory / "b.ini";
 
-  // An item of section s: of this file, or of the newest file that has it.
-  std::string get(const std::string &path, const char *item) {
+  // An item of section s, of this file, or of the newest file that has it.
+  std::string get(const std::string &path, const char *item, const char *s = "s") {
     char value[256] = "?";
     const int result = path.empty()
-                           ? vorn_cfg_getItemValue("s", item, value, sizeof value)
-                           : vorn_cfg_getItemValue_ex(path.c_str(), "s", item, value, sizeof value);
+                           ? vorn_cfg_getItemValue(s, item, value, sizeof value)
+                           : vorn_cfg_getItemValue_ex(path.c_str(), s, item, value, sizeof value);
     return result == 0 ? value : std::to_string(result);
   }
   std::string get(const char *item) { return get("", item); }
@@ -160,6 +160,31 @@ TEST_F(CfgRegistry, AsksTheNewestFileFirst) {
   EXPECT_EQ(get(b, "k"), "b");
   EXPECT_EQ(vorn_cfg_destroy(), 0); // whatever the reference counts
   EXPECT_EQ(get("k"), "-1");
+}
+
+// Every section has the same names, one of each length.
+TEST_F(CfgRegistry, FindsEachOfManyNames) {
+  constexpr std::size_t kSections = 40;
+  const auto name = [](std::size_t length) { return std::string(length, 'n'); };
+  const auto value = [](std::size_t section, std::size_t length) {
+    return std::to_string(section) + "." + std::to_string(length);
+  };
+  std::string text;
+  for (std::size_t section = 0; section < kSections; ++section) {
+    text += "[" + name(section) + "]\n";
+    for (std::size_t length = 0; length < 64; ++length)
+      text += " " + name(length) + "=" + value(section, length) + "\n";
+  }
+  ASSERT_EQ(init(a, text), 0);
+  for (std::size_t section = 0; section < 70; ++section) {
+    for (std::size_t length = 0; length < 70; ++length) {
+      const bool exists = section < kSections && length < 64;
+      EXPECT_EQ(get(a, name(length).c_str(), name(section).c_str()),
+                exists ? value(section, length) : "-1");
+      EXPECT_EQ(get(a, (name(length) + "o").c_str(), name(section).c_str()), "-1");
+    }
+  }
+  vorn_cfg_destroy();
 }
 
 TEST_F(CfgRegistry, SetsValuesOnlyInMemory) {

@@ -5,7 +5,7 @@
 // 2. If three quarters of the slots are used, the next name first moves all entries to a table of
 //    four times the size.
 // 3. If memory for that runs out, the library drops the index, and lookups walk the lists.
-// 4. The sections have a table of their own: it is small, and stays in the cache.
+// 4. The sections have a separate table, which is small and stays in the cache.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include "cfg/vorn_cfg_index.hpp"
