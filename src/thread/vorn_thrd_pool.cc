@@ -24,7 +24,6 @@
 #include <csignal>
 #include <utility>
 
-#include "arch/pause.hpp"
 #include "base/atomic_word.hpp"
 #include "base/cancellation_guard.hpp"
 #include "base/log.hpp"
@@ -130,7 +129,7 @@ bool finds_post_soon(vorn_thread_s &record) {
   const auto end = std::chrono::steady_clock::now() + kLookout;
   do {
     if (sem_trywait(&record.job) == 0) return true;
-    arch::pause();
+    sched_yield(); // the dispatcher may be waiting for this CPU
   } while (std::chrono::steady_clock::now() < end);
   return false;
 }
