@@ -2,10 +2,6 @@
  * passes its unit directly to the thread that has waited longest, without counting it: no thread
  * overtakes a waiter. Threads sleep as vorn_sched.h describes, and its notes on SIGWAKEUP apply.
  *
- * Once the time base has been started (vorn_Init), a thread whose last waits on semaphores were
- * short (below 50 us) polls for at most 20 us before it sleeps. An up gives such a thread its unit
- * without a signal. A signal handler that runs before the thread sleeps does not end the wait.
- *
  * Any thread may call these functions, and may call up without an earlier down. None is a
  * cancellation point, however long it waits: a cancellation stays pending until the call returns,
  * and the thread must release a unit that the call took. None is safe in a signal handler. If no
