@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -29,10 +28,6 @@ std::vector<int> g_wake_ups; // results of the next, the first last: they send n
 std::function<uint64_t(int64_t timeout)> g_sleep; // replaces the wait
 uint32_t *g_word = nullptr;                       // the word that the wait is on
 std::function<void()> g_yield;                    // replaces the yield of a lock that is taken
-std::function<void()> g_look;                     // called before each look at a clock that:
-uint64_t g_nanoseconds = 0;                       // shows this, and advances by g_step
-uint64_t g_step = 0;
-int g_signals = 0; // that were sent
 
 std::string shown(const void *address) { return testing::PrintToString(address); }
 
@@ -54,15 +49,7 @@ void vorn_schedule() {
   g_yield ? g_yield() : real();
 }
 
-uint64_t vorn_time_getnanosec() {
-  static const auto real = library<uint64_t()>("vorn_time_getnanosec");
-  if (!g_look) return real();
-  g_look();
-  return g_nanoseconds += g_step;
-}
-
 int vorn_wake_up_process(uint32_t tid) {
-  ++g_signals;
   static const auto real = library<int(uint32_t)>("vorn_wake_up_process");
   EXPECT_TRUE(g_word == nullptr || *g_word == 0) << "woken before its word is 0";
   if (g_wake_ups.empty()) return real(tid);
@@ -213,80 +200,6 @@ TEST_F(Semaphore, ShowsItsWaitersAndGrantsInTheirOrder) {
   }
   over = true;
   EXPECT_EQ(sem.cnt, 0);
-}
-
-// A thread polls after four short sleeps, until it polls in vain; then after eight more, and so on.
-// A unit that comes meanwhile needs no signal. Neither a signal nor the end of the polling ends the
-// wait.
-TEST_F(Semaphore, PollsWhereTheLastWaitsWereShort) {
-  int looks = 0, sleeps = 0;
-  uint64_t slept = 1000;
-  const auto grant = [&] { vorn_sem_enhance_up(&sem); };
-  g_step = 1000;
-  g_nanoseconds = 1;
-  g_sleep = [&](int64_t) {
-    EXPECT_EQ(*g_word, 1u);
-    ++sleeps;
-    g_nanoseconds += slept;
-    grant();
-    return uint64_t{7};
-  };
-  g_look = [&] { ++looks; };
-  const auto wait = [&] {
-    looks = sleeps = g_signals = 0;
-    g_wake_ups = {0};
-    vorn_sem_enhance_down(&sem);
-    g_word = nullptr;
-  };
-  constexpr int kAsleep = 2;      // looks of a wait that only sleeps
-  constexpr int kInVain = 1 + 21; // looks of one that first polls for 20 us
-  const auto sleeps_until_polling = [&] {
-    int count = 0;
-    while (wait(), looks == kAsleep)
-      ++count;
-    EXPECT_EQ(looks, kInVain);
-    EXPECT_EQ(sleeps, 1);
-    EXPECT_EQ(g_signals, 1);
-    return count;
-  };
-  EXPECT_EQ(sleeps_until_polling(), 4);
-  EXPECT_EQ(sleeps_until_polling(), 4);
-  EXPECT_EQ(sleeps_until_polling(), 8);
-  for (int i = 0; i < 15; ++i)
-    wait();
-  slept = 60000; // long
-  wait();
-  slept = 1000;
-  for (int i = 0; i < 4; ++i)
-    wait();
-  EXPECT_EQ(looks, kAsleep);
-
-  signal(SIGURG, [](int) {});
-  g_look = [&] {
-    if (++looks < 5) return;
-    raise(SIGURG);
-    EXPECT_EQ(waiting(), 1);
-    grant();
-  };
-  wait();
-  EXPECT_EQ(looks, 5);
-  EXPECT_EQ(sleeps + g_signals, 0);
-
-  g_look = [&] { ++looks; };
-  int64_t ticks = -1;
-  g_sleep = [&](int64_t timeout) { return static_cast<uint64_t>((ticks = timeout, 0)); };
-  const struct {
-    int64_t timeout, ticks;
-    int looks;
-  } rows[] = {{3, 0, 1}, {8, 2, kInVain}, {8, 2, 1}};
-  for (const auto &row : rows) {
-    looks = 0;
-    EXPECT_EQ(vorn_sem_enhance_down_timeout(&sem, row.timeout), -61);
-    EXPECT_EQ(ticks, row.ticks);
-    EXPECT_EQ(looks, row.looks);
-  }
-  EXPECT_EQ(vorn_list_first(&sem.wait_list), nullptr);
-  g_look = nullptr;
 }
 
 // The waiter has the unit even if the signal fails.

@@ -1,10 +1,9 @@
 // Implements the enhanced semaphore.
 //
 // 1. down takes a unit if there is one. Otherwise it links a waiter, releases the lock, and sleeps
-//    on the waiter's status. A thread whose last waits were short polls the status for some
-//    microseconds before it sleeps (patience.hpp).
+//    on the waiter's status.
 // 2. up gives its unit to the first waiter: it unlinks the waiter, sets the status to 0, and wakes
-//    the thread unless the thread polls. Without a waiter, it adds the unit to the count.
+//    the thread. Without a waiter, it adds the unit to the count.
 // 3. The thread in down takes the lock again and tests the status. If it has no unit, a plain down
 //    sleeps again; the others unlink the waiter and return.
 //
@@ -12,25 +11,18 @@
 // moment when it is linked. An up that grants it a unit accesses it only under the lock. The
 // waiting thread also tests its status under the lock, and so does not return before that up is
 // done with the waiter. After the lock, up uses only a number, the thread's id.
-//
-// No wake-up is lost between polling and sleep: up exchanges the status, and a thread that ends its
-// polling changes it from kPolling to kWaiting by a compare-and-swap. If up was first, the thread
-// finds its unit and does not sleep; otherwise, up finds kWaiting and sends the signal.
 // SPDX-License-Identifier: Apache-2.0
 #include "vorn_sem_enhance.h"
 
 #include <cerrno>
 
-#include "arch/pause.hpp"
 #include "base/cancellation_guard.hpp"
 #include "base/infra_log.hpp"
 #include "base/log.hpp"
 #include "base/thread_id.hpp"
 #include "list/links.hpp"
 #include "lock/spin_guard.hpp"
-#include "semaphore/patience.hpp"
 #include "vorn_sched.h"
-#include "vorn_time.h"
 
 namespace vorn::semaphore {
 namespace {
@@ -39,12 +31,8 @@ using lock::SpinGuard;
 using lock::SpinRelease;
 
 constexpr int64_t kMillisecondsPerTick = 4;
-constexpr int kPolls = 16;        // between two looks at the clock
-constexpr int kMostPolls = 16384; // if the clock stands still
 
-constinit thread_local Patience t_patience;
-
-enum Status : uint32_t { kGranted = 0, kWaiting = 1, kPolling = 2 };
+enum Status : uint32_t { kGranted = 0, kWaiting = 1 };
 
 struct Waiter {
   vorn_list_head_s node;
@@ -65,59 +53,29 @@ bool take_unit(vorn_sem_enhance_s *sem) {
   return true;
 }
 
-// Returns whether the waiter got its unit; if not, its status is kWaiting, and the thread may
-// sleep.
-bool poll(std::atomic_ref<uint32_t> status) {
-  const uint64_t start = vorn_time_getnanosec();
-  for (int polls = 0; polls < kMostPolls; ++polls) {
-    if (status.load(std::memory_order_acquire) == kGranted) return true;
-    arch::pause();
-    if (polls % kPolls == kPolls - 1 && vorn_time_getnanosec() - start > Patience::kNanoseconds)
-      break;
-  }
-  uint32_t seen = kPolling;
-  return !status.compare_exchange_strong(seen, kWaiting, std::memory_order_acquire);
-}
-
-// Returns what vorn_wait_comm returns. The thread learns nothing before the time base has been
-// started, nor if it does not wait.
-uint64_t sleep_and_learn(uint32_t *status, int64_t timeout) {
-  const uint64_t start = vorn_time_getnanosec();
-  const uint64_t left = vorn_wait_comm(status, timeout);
-  const bool granted = atomic_word(*status).load(std::memory_order_acquire) == kGranted;
-  if (start != 0 && timeout > 0)
-    t_patience.slept(granted ? vorn_time_getnanosec() - start : UINT64_MAX);
-  return left;
-}
-
 // Called and returns with the lock held. The thread is not cancelled while its waiter is in the
 // list. A plain down does not end by a time-out: there, a time-out means that the wait failed, and
 // the thread pauses before the next attempt.
 int down_common_inner(vorn_sem_enhance_s *sem, Mode mode, int64_t timeout) {
   const CancellationGuard off;
-  const bool polls = timeout > 0 && t_patience.polls();
-  Waiter self{{}, thread_id(), polls ? kPolling : kWaiting};
+  Waiter self{{}, thread_id(), kWaiting};
   list::insert_after(sem->wait_list.prev, &self.node);
-  if (polls) {
-    const SpinRelease open{sem->lock};
-    t_patience.polled(!poll(atomic_word(self.status)));
-  }
-  while (self.status != kGranted) {
+  for (;;) {
     uint64_t left = 0;
     {
       const SpinRelease open{sem->lock};
-      left = polls ? vorn_wait_comm(&self.status, timeout) : sleep_and_learn(&self.status, timeout);
+      left = vorn_wait_comm(&self.status, timeout);
       if (left == 0 && mode == Mode::kPlain) vorn_schedule();
     }
-    if (self.status == kGranted || mode == Mode::kPlain) continue;
+    if (self.status == kGranted) return 0;
+    if (mode == Mode::kPlain) continue;
     list::unlink(&self.node);
     return left == 0 ? VORN_SEM_TIMED_OUT : VORN_SEM_INTERRUPTED;
   }
-  return 0;
 }
 
-// Gives the unit to the first waiter and returns the id of its thread, or 0 if that polls; without
-// a waiter, adds the unit to the count and returns 0.
+// Gives the unit to the first waiter and returns its thread id; without a waiter, adds it to the
+// count and returns 0.
 uint32_t give_unit(vorn_sem_enhance_s *sem) {
   vorn_list_head_s *node = vorn_list_first(&sem->wait_list);
   if (node == nullptr) {
@@ -128,8 +86,8 @@ uint32_t give_unit(vorn_sem_enhance_s *sem) {
   list::unlink(node);
   list::make_alone(node);
   const uint32_t tid = waiter->waiter_tid;
-  const uint32_t was = atomic_word(waiter->status).exchange(kGranted, std::memory_order_acq_rel);
-  return was == kPolling ? 0 : tid;
+  atomic_word(waiter->status).store(kGranted, std::memory_order_release);
+  return tid;
 }
 
 // The waiter has its unit, but sleeps until it gets the signal.
@@ -202,8 +160,8 @@ void vorn_sem_enhance_show(vorn_sem_enhance_s *sem) {
   for (vorn_list_head_s *node = sem->wait_list.next; node != &sem->wait_list; node = node->next) {
     const Waiter *waiter = vorn_list_entry(node, Waiter, node);
     VORN_LOG(vorn::kInfo, "TBOSAX:sem %p cnt %d waiterTid %d status %d cur %p next %p pre %p",
-             address, sem->cnt, static_cast<int>(waiter->waiter_tid), static_cast<int>(kWaiting),
-             static_cast<void *>(node), static_cast<void *>(node->next),
-             static_cast<void *>(node->prev));
+             address, sem->cnt, static_cast<int>(waiter->waiter_tid),
+             static_cast<int>(waiter->status), static_cast<void *>(node),
+             static_cast<void *>(node->next), static_cast<void *>(node->prev));
   }
 }
