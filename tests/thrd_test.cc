@@ -141,17 +141,18 @@ TEST(Registry, ThreadIsKnownWhileItRuns) {
 
 TEST(Registry, FindsEveryIdOfACrowdedBucket) {
   static vorn::thread::IdTable table; // too large for a stack
-  std::map<std::size_t, long> ids;
+  std::map<std::size_t, long> ids;    // of the threads that have not ended
   const auto find = [&](long id) {
     return table.find(id, [&](std::size_t slot) { return ids[slot] == id ? &ids[slot] : nullptr; });
   };
-  for (std::size_t step = 0; step < 200; ++step) { // slots get other ids with the same remainder
-    const std::size_t slot = step * 7 % 20;
-    const long before = ids[slot];
-    table.store(slot, ids[slot] = 3 + 4096 * static_cast<long>(step));
-    EXPECT_TRUE(before == 0 || find(before) == nullptr);
-    for (const auto &[at, id] : ids)
-      EXPECT_EQ(find(id), &ids[at]) << step;
+  // All ids have the same remainder. A later thread in another slot may get the id of an ended one.
+  for (std::size_t step = 0; step < 400; ++step) {
+    const std::size_t slot = VORN_THRD_SLOT_COUNT - 1 - (step * 7 + 9) % 20;
+    const long id = 3 + 4096 * static_cast<long>(step % 13);
+    if (long *ended = find(id)) *ended = 0;
+    table.store(slot, ids[slot] = id);
+    for (const auto &[at, present] : ids)
+      EXPECT_TRUE(present == 0 || find(present) == &ids[at]) << step;
   }
 }
 
