@@ -37,8 +37,8 @@ template <unsigned int kBytes> struct Crc32cFold {
 //   Vector     kBytes, of a vector
 //              take(source, offset)
 //              fold<kDistance, kIndex>(next), onto next, which is kDistance bytes further on;
-//              kIndex is the number of the vector among those under way reduce(carried), to the
-//              register after it, with carried added to its last word
+//              kIndex is the number of the vector among those under way.
+//              reduce(carried), to the register after it, with carried added to its last word
 //   kVectors   the vectors under way
 //   kSteps     the steps of each lane in a round
 //   kRest      the bytes that are left to the lanes after the last round, at least
