@@ -32,6 +32,15 @@ template <unsigned int kBytes> struct Crc32cFold {
   static constexpr std::uint32_t kSecond = crc32c_power(8 * kBytes - 33);
 };
 
+// Entry n carries a register over n stretches.
+template <std::size_t kBytes, std::size_t kMax>
+consteval std::array<std::uint32_t, kMax + 1> crc32c_stretch_carries() {
+  std::array<std::uint32_t, kMax + 1> carries{};
+  for (std::size_t n = 1; n < carries.size(); ++n)
+    carries[n] = crc32c_power(static_cast<unsigned int>(8 * kBytes * n - 33));
+  return carries;
+}
+
 // Mix is the processor's part. Each including file defines its own type, as for Crc32cLoop:
 //   Step       as for Crc32cLoop
 //   Vector     kBytes, of a vector
@@ -81,7 +90,7 @@ public:
     lane.skip(kRounds * kStretch);
     typename Loop::Lanes lanes{0, kWords};
     Stretch stretch{source};
-    Loop::template repeat<kRounds - 1>([&] __attribute__((always_inline)) {
+    Loop::template repeat<kRounds - 1>([&]() __attribute__((always_inline)) {
       stretch.advance(source);
       Loop::template repeat<Mix::kSteps>([&] { lanes.step(lane); });
     });
@@ -91,18 +100,7 @@ public:
   }
 
 private:
-  // Entry n carries a register over the stretch of n rounds.
-  static consteval std::array<std::uint32_t, kMaxRounds + 1> stretch_carries() {
-    std::array<std::uint32_t, kMaxRounds + 1> carries{};
-    std::uint32_t value = crc32c_power(8 * kStretch - 33);
-    for (std::size_t rounds = 1; rounds < carries.size(); ++rounds) {
-      carries[rounds] = value;
-      for (std::size_t bit = 0; bit < 8 * kStretch; ++bit)
-        value = crc32c_times_x(value);
-    }
-    return carries;
-  }
-  static constexpr auto kStretchCarries = stretch_carries();
+  static constexpr auto kStretchCarries = crc32c_stretch_carries<kStretch, kMaxRounds>();
 
   static constexpr std::size_t rounds_of(std::size_t length) {
     return (length - Mix::kRest) / kRound;

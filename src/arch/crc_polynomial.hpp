@@ -22,18 +22,43 @@ constexpr std::uint32_t crc16_times_x(std::uint32_t value) {
   return ((value << 1) & 0xFFFF) ^ ((value & 0x8000) != 0 ? kCrc16Polynomial : 0);
 }
 
-// x^exponent modulo the polynomial, in the bit order of that polynomial.
+constexpr std::uint32_t crc32c_times(std::uint32_t a, std::uint32_t b) {
+  std::uint32_t product = 0;
+  for (; b != 0; b <<= 1) {
+    if ((b & 0x80000000) != 0) product ^= a;
+    a = crc32c_times_x(a);
+  }
+  return product;
+}
+
+constexpr std::uint32_t crc16_times(std::uint32_t a, std::uint32_t b) {
+  std::uint32_t product = 0;
+  for (; b != 0; b >>= 1) {
+    if ((b & 1) != 0) product ^= a;
+    a = crc16_times_x(a);
+  }
+  return product;
+}
+
+// x^exponent modulo the polynomial, in the bit order of that polynomial. By squares: a compiler
+// limits the steps of an evaluation.
 constexpr std::uint32_t crc32c_power(unsigned int exponent) {
   std::uint32_t value = 0x80000000;
-  for (; exponent > 0; --exponent)
-    value = crc32c_times_x(value);
+  std::uint32_t square = crc32c_times_x(value);
+  for (; exponent != 0; exponent >>= 1) {
+    if ((exponent & 1) != 0) value = crc32c_times(value, square);
+    square = crc32c_times(square, square);
+  }
   return value;
 }
 
 constexpr std::uint32_t crc16_power(unsigned int exponent) {
   std::uint32_t value = 1;
-  for (; exponent > 0; --exponent)
-    value = crc16_times_x(value);
+  std::uint32_t square = crc16_times_x(value);
+  for (; exponent != 0; exponent >>= 1) {
+    if ((exponent & 1) != 0) value = crc16_times(value, square);
+    square = crc16_times(square, square);
+  }
   return value;
 }
 

@@ -31,6 +31,35 @@ struct alignas(64) ZmmFactors {
   std::uint64_t words[8];
 };
 
+// Returns the factors that move a vector over bytes, and then each lane to the last lane if
+// lane_bytes is the size of a lane.
+template <class Checksum>
+consteval ZmmFactors zmm_factors(std::size_t bytes, std::size_t lane_bytes, int scale) {
+  ZmmFactors all{};
+  for (std::size_t lane = 0; lane < 4; ++lane) {
+    const int exponent = static_cast<int>(8 * (bytes + (3 - lane) * lane_bytes)) + scale;
+    all.words[2 * lane] = Checksum::factor(exponent + 64);
+    all.words[2 * lane + 1] = Checksum::factor(exponent);
+  }
+  return all;
+}
+
+// Entry n gathers a vector over n vectors.
+template <class Checksum, std::size_t kCount>
+consteval std::array<ZmmFactors, kCount> zmm_gathering() {
+  std::array<ZmmFactors, kCount> all{};
+  for (std::size_t n = 0; n < kCount; ++n)
+    all[n] = zmm_factors<Checksum>(64 * n, 16, Checksum::kScale);
+  return all;
+}
+
+consteval std::array<std::uint8_t, 64> zmm_counting() {
+  std::array<std::uint8_t, 64> bytes{};
+  for (std::uint8_t i = 0; i < bytes.size(); ++i)
+    bytes[i] = i;
+  return bytes;
+}
+
 // Checksum is the kernel's part:
 //   factor(exponent)   what multiplies a word by x^exponent
 //   kScale             the sum of the gathered lanes is multiplied by x^kScale
@@ -64,36 +93,9 @@ private:
   // A vector is gathered over fewer vectors than this.
   static constexpr std::size_t kMaxGathered = 2 * kUnderWay;
 
-  // Returns the factors that move a vector over that many vectors, and then each lane to the last
-  // lane if lane_bytes is the size of a lane.
-  static consteval ZmmFactors factors(std::size_t vectors, std::size_t lane_bytes, int scale) {
-    ZmmFactors all{};
-    for (std::size_t lane = 0; lane < 4; ++lane) {
-      const int exponent =
-          static_cast<int>(8 * (vectors * kBytes + (3 - lane) * lane_bytes)) + scale;
-      all.words[2 * lane] = Checksum::factor(exponent + 64);
-      all.words[2 * lane + 1] = Checksum::factor(exponent);
-    }
-    return all;
-  }
-
-  static consteval std::array<ZmmFactors, kMaxGathered> gathering() {
-    std::array<ZmmFactors, kMaxGathered> all{};
-    for (std::size_t vectors = 0; vectors < all.size(); ++vectors)
-      all[vectors] = factors(vectors, kBytes / 4, Checksum::kScale);
-    return all;
-  }
-
-  static consteval std::array<std::uint8_t, kBytes> counting() {
-    std::array<std::uint8_t, kBytes> bytes{};
-    for (std::uint8_t i = 0; i < bytes.size(); ++i)
-      bytes[i] = i;
-    return bytes;
-  }
-
-  static constexpr ZmmFactors kAdvance = factors(kUnderWay, 0, 0);
-  static constexpr std::array<ZmmFactors, kMaxGathered> kGather = gathering();
-  alignas(64) static constexpr std::array<std::uint8_t, kBytes> kCounting = counting();
+  static constexpr ZmmFactors kAdvance = zmm_factors<Checksum>(kUnderWay * kBytes, 0, 0);
+  static constexpr auto kGather = zmm_gathering<Checksum, kMaxGathered>();
+  alignas(64) static constexpr auto kCounting = zmm_counting();
 
   [[gnu::always_inline]] static __m512i fold(__m512i vector, const ZmmFactors &by, __m512i sum) {
     const __m512i factors = _mm512_load_si512(by.words);
