@@ -14,11 +14,14 @@ namespace {
 
 constexpr Nanoseconds kTurn = std::chrono::microseconds{200};
 constexpr std::size_t kTurns = 201;
-constexpr std::size_t kMinTurns = 5;
 
 // A row or a point of long operations ends after this time, with fewer turns.
-constexpr std::chrono::milliseconds kRowTime{1000};
-constexpr std::chrono::milliseconds kPointTime{200};
+struct Limit {
+  std::chrono::milliseconds time;
+  std::size_t min_turns;
+};
+constexpr Limit kRow{std::chrono::milliseconds{1000}, 5};
+constexpr Limit kPoint{std::chrono::milliseconds{200}, 3};
 
 // The CPUs of the process before a row pins a thread.
 class Cpus {
@@ -77,17 +80,16 @@ using Times = std::vector<double>; // nanoseconds of one operation, by turn
 
 // Returns the times of each contender. Every turn begins with another contender, and every second
 // turn runs them in the opposite order: none always follows the same other one.
-std::vector<Times> measure(const std::vector<Contender> &contenders,
-                           std::chrono::milliseconds longest) {
+std::vector<Times> measure(const std::vector<Contender> &contenders, const Limit &limit) {
   std::vector<std::uint64_t> lengths;
   for (const Contender &contender : contenders)
     lengths.push_back(turn_length(contender));
 
   const std::size_t count = contenders.size();
   std::vector<Times> times(count);
-  const auto end = Clock::now() + longest;
+  const auto end = Clock::now() + limit.time;
   for (std::size_t turn = 0; turn < kTurns; ++turn) {
-    if (turn >= kMinTurns && Clock::now() > end) break;
+    if (turn >= limit.min_turns && Clock::now() > end) break;
     for (std::size_t step = 0; step < count; ++step) {
       const std::size_t at = (turn + (turn % 2 == 0 ? step : count - step)) % count;
       const Nanoseconds took = contenders[at].run(lengths[at]);
@@ -197,7 +199,7 @@ bool Table::wanted(const std::string &name) const {
 
 void Table::row(const Operation &operation, const std::vector<Contender> &contenders) const {
   if (!wanted(operation.name)) return;
-  const Result result = summary(contenders, measure(contenders, kRowTime));
+  const Result result = summary(contenders, measure(contenders, kRow));
   if (wants_lines()) return print_line(title_, operation, result);
   print(operation, result);
 }
@@ -208,7 +210,7 @@ Curve::Curve(const Table &table, Plot plot)
 void Curve::point(std::size_t size, std::size_t units,
                   const std::vector<Contender> &contenders) const {
   if (!wanted_) return;
-  const std::vector<Times> times = measure(contenders, kPointTime);
+  const std::vector<Times> times = measure(contenders, kPoint);
   for (std::size_t i = 0; i < times.size(); ++i) {
     std::printf("point\t%s\t%s\t%s\t%s\t%zu\t%s\t%.3f\n", plot_.file.c_str(), plot_.title.c_str(),
                 plot_.size.c_str(), plot_.unit.c_str(), size, contenders[i].name.c_str(),
