@@ -96,11 +96,31 @@ template <class Memory, Threads kThreads, class End>
   return Memory::swap(end.head, head, head + count);
 }
 
+// Waits until tail is no longer seen, but not longer than until the first yield.
+template <class Memory, class Counter>
+[[gnu::noinline, gnu::cold]] void wait_for_progress(const Counter &tail, std::uint32_t seen) {
+  for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
+    if (Memory::load(tail) != seen) return;
+    Memory::pause();
+  }
+  Memory::yield();
+}
+
+// Prevents a convoy at an end for many. If the owner of a run is descheduled, the owners of later
+// runs wait for it, and their CPU is given to it. If each of them reserved the next run at once,
+// there would always be an owner that is not running, and every operation would take a change of
+// threads. So a thread that finds reserved runs first lets one be published.
+template <class Memory, class End> [[gnu::always_inline]] inline void let_owners_go_on(End &end) {
+  const std::uint32_t tail = Memory::load(end.tail);
+  if (Memory::load_relaxed(end.head) != tail) wait_for_progress<Memory>(end.tail, tail);
+}
+
 // Reserves slots at one end: count of them, or as many as grant() allows. distance is the largest
 // distance of this end's head from the other end's tail.
 template <class Memory, Threads kThreads, Amount kAmount, class End>
 [[gnu::always_inline]] inline Run reserve(End &end, const End &other, std::uint32_t distance,
                                           std::uint32_t count) {
+  if constexpr (kThreads == Threads::kMany) let_owners_go_on<Memory>(end);
   std::uint32_t head =
       kThreads == Threads::kOne ? Memory::load_relaxed(end.head) : Memory::load(end.head);
   for (;;) {
