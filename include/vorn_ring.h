@@ -14,13 +14,14 @@
  * full or an empty ring an operation does not wait, but returns a result that says so. On an end
  * for many, a call reserves its slots, copies, and then publishes, and the calls publish in the
  * order of their reservations: a call waits for the calls that reserved before it. It spins, and
- * yields the processor (vorn_yield) after each 128 tests. A call that finds such reservations before
- * its own first waits for one of them to be published, but not longer than until the first yield:
- * threads that take turns on a CPU would otherwise wait for each other again and again. A thread
- * that is descheduled between the two steps delays the later calls at its end for that time, and the other end sees the
- * ring as full (empty) sooner. A thread that dies between the two steps (killed, cancelled, left by
- * a longjmp) never publishes: the calls that reserve after it at its end wait forever, the other
- * end never gets its slots or any slots after them, and the ring cannot be repaired.
+ * yields the processor (vorn_yield) after each 128 tests. A call that finds such reservations
+ * before its own first waits for one of them to be published, but not longer than until the first
+ * yield: threads that take turns on a CPU would otherwise wait for each other again and again. A
+ * thread that is descheduled between the two steps delays the later calls at its end for that time,
+ * and the other end sees the ring as full (empty) sooner. A thread that dies between the two steps
+ * (killed, cancelled, left by a longjmp) never publishes: the calls that reserve after it at its
+ * end wait forever, the other end never gets its slots or any slots after them, and the ring cannot
+ * be repaired.
  *
  * Signals: a handler must not use an end that the interrupted thread is using. At an end for many
  * it would wait forever for the thread that it interrupted; at an end for one it would destroy the
