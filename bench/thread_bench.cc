@@ -144,7 +144,7 @@ void find_row(const bench::Table &table) {
 // one on.
 long next_id(std::size_t count) {
   static std::atomic<std::size_t> first{0};
-  static thread_local std::size_t at = first.fetch_add(97);
+  static thread_local std::size_t at = first.fetch_add(97) % count;
   at = at + 1 < count ? at + 1 : 0;
   return ids[at].load(std::memory_order_relaxed);
 }

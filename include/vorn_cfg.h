@@ -62,7 +62,7 @@ typedef struct vorn_cfg_file_node {
   vorn_list_head_s link;         /* in the registry, newest first */
   vorn_list_head_s sections;     /* in the file's order */
   char path[VORN_CFG_PATH_SIZE]; /* as the caller passed it */
-  vorn_rwlock_s lock;            /* guards the sections, the items and the index */
+  vorn_rwlock_s lock;            /* of the sections, the items and the index */
   uint32_t reference_count;      /* calls of vorn_cfg_init not yet undone; 0: not registered */
   struct vorn_cfg_index *index;  /* private; NULL in a node that a caller builds */
 } vorn_cfg_file_node_s;
@@ -85,8 +85,9 @@ typedef struct vorn_cfg_oper_param {
 typedef int (*vorn_cfg_edit_f)(vorn_cfg_file_node_s *node, const char *section, const char *item,
                                const char *value);
 
-/* Guards the list of registered files, not their contents. Take it before the lock of a file, never
- * after it.
+/* Guards the list of registered files. A thread that edits a registered file holds this lock for
+ * writing too: vorn_cfg_getItemValue reads the values under it alone. Take it before the lock of a
+ * file, never after it.
  *
  * If a thread waits to change the registry, the lookups here let it go first, for at most 10 ms, so
  * that a writer gets in however many threads look up. A thread that holds the lock for reading may

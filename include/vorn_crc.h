@@ -10,8 +10,8 @@
 
 VORN_BEGIN_DECLS
 
-/* Makes vorn_crc32cContinueHard the function that vorn_crc32cContinue calls. This call is not
- * needed: otherwise, the first checksum does the same. vorn_Init calls this function. */
+/* Does nothing: the library looks for the processor's instructions when it is loaded. Older services
+ * call this function before their first checksum; vorn_Init calls it too. */
 VORN_API void vorn_crc32_init(void);
 
 /* Continues the checksum register crc over length bytes at data, without inversion before or after.
@@ -21,10 +21,10 @@ VORN_API void vorn_crc32_init(void);
  * Returns the register; crc unchanged if data is NULL or length is 0 or is 2 GiB or more. */
 VORN_API uint32_t vorn_crc32cContinue(uint32_t crc, const void *data, uint32_t length);
 
-/* Continues the register crc as vorn_crc32cContinue does, which calls this function: with special
- * instructions if the processor has them, otherwise by table. On x86-64 the library looks for
- * SSE4.2 and PCLMULQDQ, and for AVX2 and VPCLMULQDQ for long inputs, when it is loaded; on AArch64
- * it makes no test, because every processor that it supports has CRC32 and PMULL. data is not
+/* Continues the register crc as vorn_crc32cContinue does: with special instructions if the
+ * processor has them, otherwise by table. On x86-64 the library looks for SSE4.2 and PCLMULQDQ, and
+ * for long inputs for AVX2, VPCLMULQDQ, AVX-512 and GFNI, when it is loaded; on AArch64 it looks
+ * for EOR3 (SHA3), because every processor that it supports has CRC32 and PMULL. data is not
  * checked.
  *   crc: register before the data
  *   data: the data

@@ -87,8 +87,7 @@ std::vector<std::pair<std::string, vorn::arch::CrcProbe>> lesser_processors() {
   if (own.narrow) lesser.emplace_back("WithoutAny", vorn::arch::CrcProbe{});
   return lesser;
 #elif defined(__aarch64__)
-  if (vorn::arch::crc_probe.crc32c_sha3_min != SIZE_MAX)
-    return {{"WithoutSha3", vorn::arch::CrcProbe{}}};
+  if (vorn::arch::crc_probe.sha3) return {{"WithoutSha3", vorn::arch::CrcProbe{}}};
   return {};
 #endif
 }

@@ -85,7 +85,6 @@ private:
 };
 
 // The thread is not cancelled while the guard exists.
-
 class RegistryWriteGuard {
 public:
   RegistryWriteGuard();

@@ -166,7 +166,7 @@ vorn_cfg_item_node_s *vorn_cfg_find_item_node(vorn_cfg_file_node_s *file, const 
   vorn_cfg_item_node_s *none = nullptr;
   const vorn_cfg_section_node_s *found = vorn_cfg_find_section_node(section, file);
   if (found == nullptr) {
-    const CancellationGuard off; // the thread holds the registry's lock
+    const CancellationGuard off; // the thread holds a lock
     VORN_LOG(kDebug, "Can't find section=%s", section);
     return none;
   }

@@ -108,8 +108,8 @@ bool receive_first(int socket, Inbox &inbox) {
   return true;
 }
 
-// The time limit of a message begins at its first byte. A peer that leaves before that is not
-// logged.
+// The time limit of a message begins when the thread first waits for the rest of it. A peer that
+// leaves before the first byte is not logged.
 bool receive_request(int socket, Activity &activity, Inbox &inbox, WireHeader &header, char *input,
                      milliseconds time_limit) {
   if (!receive_first(socket, inbox) || !activity.become_busy()) return false;

@@ -14,13 +14,11 @@ inline constexpr std::size_t kCrc32cMixedMin = 512;
 // From this length on, the kernel for EOR3 is faster; it accepts no shorter input.
 inline constexpr std::size_t kCrc32cSha3Min = 1024;
 
-// Every supported processor has the CRC32 and PMULL instructions. Processors with EOR3 give the
-// shortest input for its kernel, so that a short input costs one comparison.
+// Every supported processor has the CRC32 and PMULL instructions. All bytes are 0 if it has no
+// more, as they are before the library is loaded.
 struct CrcProbe {
-  std::size_t crc32c_sha3_min = SIZE_MAX;
+  bool sha3 = false; // EOR3
 };
-
-inline constexpr CrcProbe kCrcSha3{kCrc32cSha3Min};
 
 // The instructions of this processor: the least until the library is loaded, then constant.
 extern const CrcProbe crc_probe;
@@ -37,14 +35,14 @@ std::uint32_t crc32c_copy_sha3(std::uint32_t crc, void *to, const void *from, st
 
 inline std::uint32_t crc32c(const CrcProbe &probe, std::uint32_t crc, const void *data,
                             std::size_t length) {
-  if (length >= probe.crc32c_sha3_min) [[unlikely]]
+  if (length >= kCrc32cSha3Min && probe.sha3) [[unlikely]]
     return crc32c_sha3(crc, data, length);
   return crc32c_plain(crc, data, length);
 }
 
 inline std::uint32_t crc32c_copy(const CrcProbe &probe, std::uint32_t crc, void *to,
                                  const void *from, std::size_t length) {
-  if (length >= probe.crc32c_sha3_min) [[unlikely]]
+  if (length >= kCrc32cSha3Min && probe.sha3) [[unlikely]]
     return crc32c_copy_sha3(crc, to, from, length);
   return crc32c_copy_plain(crc, to, from, length);
 }

@@ -8,6 +8,6 @@
 
 namespace vorn::arch {
 
-const CrcProbe crc_probe = (getauxval(AT_HWCAP) & HWCAP_SHA3) != 0 ? kCrcSha3 : CrcProbe{};
+const CrcProbe crc_probe{(getauxval(AT_HWCAP) & HWCAP_SHA3) != 0};
 
 } // namespace vorn::arch
