@@ -8,20 +8,22 @@
  *
  * Order: the objects of one call stay together and in order, and the objects that one thread
  * enqueues leave in the order in which it enqueued them. The thread that dequeues a pointer sees
- * everything that the thread that enqueued it wrote before.
+ * everything that the thread that enqueued it wrote before. No operation is a full barrier: a
+ * thread that stores a flag and then finds the ring empty needs a barrier of its own between the
+ * two, if the thread that enqueues tests the flag.
  *
  * Blocking: no operation allocates, locks or makes a system call, except for the yield below. On a
  * full or an empty ring an operation does not wait, but returns a result that says so. On an end
  * for many, a call reserves its slots, copies, and then publishes, and the calls publish in the
  * order of their reservations: a call waits for the calls that reserved before it. It spins, and
- * yields the processor (vorn_yield) after each 128 tests. A call that finds such reservations
- * before its own first waits for one of them to be published, but not longer than until the first
- * yield: threads that take turns on a CPU would otherwise wait for each other again and again. A
- * thread that is descheduled between the two steps delays the later calls at its end for that time,
- * and the other end sees the ring as full (empty) sooner. A thread that dies between the two steps
- * (killed, cancelled, left by a longjmp) never publishes: the calls that reserve after it at its
- * end wait forever, the other end never gets its slots or any slots after them, and the ring cannot
- * be repaired.
+ * yields the processor (vorn_yield) every few microseconds. A call that could reserve, but finds
+ * such reservations before its own, first waits for one of them to be published, but not longer
+ * than until the first yield: threads that take turns on a CPU would otherwise wait for each other
+ * again and again. A thread that is descheduled between the two steps delays the later calls at its
+ * end for that time, and the other end sees the ring as full (empty) sooner. A thread that dies
+ * between the two steps (killed, cancelled, left by a longjmp) never publishes: the calls that
+ * reserve after it at its end wait forever, the other end never gets its slots or any slots after
+ * them, and the ring cannot be repaired.
  *
  * Signals: a handler must not use an end that the interrupted thread is using. At an end for many
  * it would wait forever for the thread that it interrupted; at an end for one it would destroy the
@@ -66,7 +68,7 @@ typedef struct vorn_ring_end {
   uint32_t mask;          /* size - 1 */
   volatile uint32_t head; /* this end has reserved the slots before it */
   volatile uint32_t tail; /* and has published the slots before this one */
-  volatile uint32_t seen; /* the other end's tail when a thread of this end last read it */
+  volatile uint32_t seen; /* a tail of the other end that a thread of this end has read */
 } vorn_ring_end_s;
 
 /* A ring; its slots follow, each a pointer. Only vorn_ring_create creates a ring, and only the

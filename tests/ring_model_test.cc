@@ -56,11 +56,11 @@ struct End {
   }
 };
 
-// Passes objects from the first threads, the producers, to the others.
 template <Threads kProducers, Threads kConsumers>
 constexpr rl::thread_id_t kThreadCount = (kProducers == Threads::kOne ? 1 : 2) +
                                          (kConsumers == Threads::kOne ? 1 : 2);
 
+// Passes objects from the first threads, the producers, to the others.
 template <Threads kProducers, Threads kConsumers> struct Passing
     : rl::test_suite<Passing<kProducers, kConsumers>, kThreadCount<kProducers, kConsumers>> {
   static constexpr unsigned int kProducerCount = kProducers == Threads::kOne ? 1 : 2;

@@ -5,11 +5,13 @@
 //   |                   0                   | H |   H: held
 //   +---------------------------------------+---+
 //
-// Writers. A thread takes the lock by a compare-and-swap of 0 to 1 and frees it by one of 1 to 0.
-// Of several threads that try at the same time, one gets the lock. Freeing a free lock, or a word
-// that is not 1, changes nothing. No thread writes another value.
+// Writers. A thread takes the lock by a compare-and-swap of 0 to 1. Of several threads that try at
+// the same time, one gets the lock. The exported function frees it by a compare-and-swap of 1 to 0;
+// the macro and the guards free it by a store of 0, which does the same to the words 0 and 1. No
+// thread writes another value.
 //
-// Order. Both compare-and-swaps acquire and release: a holder sees the writes of the previous one.
+// Order. A compare-and-swap acquires and releases, and the store releases: a holder sees the writes
+// of the previous one.
 // The loads of waiting threads order nothing; they only tell when an attempt is worth the cache
 // line.
 //
@@ -42,8 +44,8 @@ using Word = std::atomic_ref<std::uint64_t>;
 
 constexpr std::uint64_t kFree = 0;
 constexpr std::uint64_t kHeld = 1;
-constexpr int kAttempts = 10;   // between two looks at the clock
-constexpr int kMostPauses = 64; // between two attempts: a few microseconds
+constexpr int kAttempts = 10;                                // between two looks at the clock
+constexpr int kMostPauses = arch::kPausesPerMicrosecond / 2; // between two attempts
 constexpr std::uint64_t kSpinNanoseconds = 99999;
 
 // Each thread reads and writes them as a whole, without order.

@@ -18,6 +18,11 @@
 // adds to its one counter alone. A writer that leaves stores the pair: no other thread leaves while
 // a writer holds the lock.
 //
+// The inline functions of the header load and add to a counter of 32 bits alone, too. Both
+// processors load and store an aligned pair as one, and a load of a half sees a release store of
+// the pair whole. The writer's load of the pair when it leaves sees the last departure before it:
+// the load that let the writer in has seen that.
+//
 // Order. Leaving releases. The load that ends a wait, or lets an attempt go on, acquires. Between
 // two stores of writers, the changes of completions form one release sequence, and a writer that
 // leaves has seen what all threads before it did; so an entering thread sees what all departed

@@ -25,8 +25,9 @@
 //    pass 0 and become greater than mask: the thread then reads consumer.tail. A value that is
 //    newer than head can make the difference too great only if head has moved since, and then the
 //    compare-and-swap fails. The tail that the thread reads is not older than head: the thread that
-//    moved head had read that tail, and head is loaded with acquire, also by a compare-and-swap
-//    that fails. Likewise a consumer reserves up to producer.tail.
+//    moved head had read that tail, or acquired the head of a thread that had, and head is loaded
+//    with acquire, also by a compare-and-swap that fails. Likewise a consumer reserves up to
+//    producer.tail.
 // 3. The owner publishes a run by one store of tail, after all accesses to its slots. It makes that
 //    store only when tail has reached the beginning of the run. The owner of the previous run
 //    stored that value, so the slots of all earlier runs are complete; it was loaded with acquire.
@@ -47,7 +48,8 @@
 //   end do not read head; threads of the same end change it only by compare-and-swap. The one
 //   thread of an end stores head with tail, so that the line moves to its cache once.
 // - An operation ends with the store of tail. The order of that store and of the caller's later
-//   loads is the caller's, as it would be if a barrier came before the store.
+//   loads is the caller's, as it would be if a barrier came before the store. The same holds for
+//   the caller's earlier stores: the header says that no operation is a barrier.
 //
 // ABA. The compare-and-swap on head succeeds wrongly if head has wrapped to the same value between
 // a thread's load and its swap. The counters are masked only for the access to a slot, so the
@@ -62,11 +64,13 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "arch/pause.hpp"
+
 namespace vorn::ring {
 
 // An owner that runs publishes within a microsecond or two, unless its run has thousands of slots.
 // One that does not by then has probably been descheduled, and the waiter may be on its CPU.
-constexpr std::uint32_t kTestsTillYield = 128;
+constexpr std::uint32_t kTestsTillYield = 5 * arch::kPausesPerMicrosecond;
 
 enum class Threads { kOne, kMany }; // that use an end at the same time
 enum class Amount { kAll, kUpTo };  // all of the objects or none
@@ -86,7 +90,7 @@ template <Amount kAmount> std::uint32_t grant(std::uint32_t wanted, std::uint32_
 }
 
 // The following functions are inlined into each exported call: a Run that is passed between
-// functions goes through memory, which takes longer than the barriers.
+// functions goes through memory.
 
 // What an end for one does when it publishes, an end for many does here. Returns false if another
 // thread was first; head is then the present value of the counter.
@@ -109,10 +113,14 @@ template <class Memory, class Counter>
 // Prevents a convoy at an end for many. If the owner of a run is descheduled, the owners of later
 // runs wait for it, and their CPU is given to it. If each of them reserved the next run at once,
 // there would always be an owner that is not running, and every operation would take a change of
-// threads. So a thread that finds reserved runs first lets one be published.
-template <class Memory, class End> [[gnu::always_inline]] inline void let_owners_go_on(End &end) {
+// threads. So a thread that finds reserved runs first lets one be published. Returns whether it has
+// waited.
+template <class Memory, class End>
+[[gnu::always_inline]] inline bool lets_owners_go_on(End &end, std::uint32_t head) {
   const std::uint32_t tail = Memory::load(end.tail);
-  if (Memory::load_relaxed(end.head) != tail) wait_for_progress<Memory>(end.tail, tail);
+  if (tail == head) return false;
+  wait_for_progress<Memory>(end.tail, tail);
+  return true;
 }
 
 // Reserves slots at one end: count of them, or as many as grant() allows. distance is the largest
@@ -120,10 +128,9 @@ template <class Memory, class End> [[gnu::always_inline]] inline void let_owners
 template <class Memory, Threads kThreads, Amount kAmount, class End>
 [[gnu::always_inline]] inline Run reserve(End &end, const End &other, std::uint32_t distance,
                                           std::uint32_t count) {
-  if constexpr (kThreads == Threads::kMany) let_owners_go_on<Memory>(end);
   std::uint32_t head =
       kThreads == Threads::kOne ? Memory::load_relaxed(end.head) : Memory::load(end.head);
-  for (;;) {
+  for (bool waited = kThreads == Threads::kOne;;) {
     std::uint32_t tail = Memory::load_relaxed(end.seen);
     std::uint32_t available = distance + tail - head;
     const bool fresh = available < count || available > end.mask;
@@ -133,6 +140,13 @@ template <class Memory, Threads kThreads, Amount kAmount, class End>
     }
     const std::uint32_t granted = grant<kAmount>(count, available);
     if (granted == 0) return {head, 0, available, fresh, tail};
+    if (!waited) {
+      waited = true;
+      if (lets_owners_go_on<Memory>(end, head)) {
+        head = Memory::load(end.head);
+        continue;
+      }
+    }
     if (advance<Memory, kThreads>(end, head, granted))
       return {head, granted, available, fresh, tail};
   }

@@ -76,7 +76,7 @@ struct Shared {
 
 void **slots_of(vorn_ring_s &ring) { return reinterpret_cast<void **>(&ring + 1); }
 
-// memcpy(3) moves at least four objects at a time.
+// memcpy(3) moves four objects at a time or more, and the rest one by one or two by two.
 void copy(void **to, void *const *from, std::uint32_t count) {
   std::memcpy(to, from, count * sizeof *to);
 }
@@ -115,10 +115,12 @@ void copy(void **to, void *const *from, std::uint32_t count) {
   return ring.producer.size - available + run.count > ring.watermark;
 }
 
-// seen may show fewer free slots than there are.
+// seen may show fewer free slots than there are. An enqueue of no objects may have an old head,
+// from which there seem to be more than the ring has.
 [[gnu::always_inline]] inline bool exceeds_quota(const vorn_ring_s &ring, const Run &run) {
   if (!exceeds(ring, run, run.available)) return false;
-  return exceeds(ring, run, ring.producer.mask + Shared::load(ring.consumer.tail) - run.head);
+  const std::uint32_t available = ring.producer.mask + Shared::load(ring.consumer.tail) - run.head;
+  return available <= ring.producer.mask && exceeds(ring, run, available);
 }
 
 template <Amount kAmount>

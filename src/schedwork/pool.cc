@@ -51,16 +51,19 @@ void set_bounds(std::uint64_t minimum, std::uint64_t maximum) {
   pool.free_maximum.store(static_cast<std::uint32_t>(std::min(maximum, kFreeMaximum)));
 }
 
-// Called with the mutex held. The new workers look at the queue before they sleep.
+// Called with the mutex held. Raises a unit for each queued item: workers that have ended may have
+// taken the units that the adding threads raised.
 int start() {
   sched_work_thread_num_set();
   if (sched_work_create_thread() != 0) return -1;
   pool.created.store(true);
+  for (std::size_t items = pool.queue.size(); items > 0; --items)
+    vorn_sem_enhance_up(&pool.work);
   return 0;
 }
 
 void wake_and_wait() {
-  if (pool.sleepers.choose()) vorn_sem_enhance_up(&pool.work);
+  vorn_sem_enhance_up(&pool.work);
   vorn_10msleep(1);
 }
 
@@ -78,7 +81,6 @@ void forget_pool() {
   pool.queue.forget(pool.population.counts().life);
   vorn_sem_enhance_init(&pool.work, 0);
   pool.lookout.forget();
-  pool.sleepers.forget();
   pool.created.store(false);
   pool.finished.store(0);
   pool.started.store(t_worker.running ? 1 : 0);

@@ -28,14 +28,12 @@ struct AddressText {
   char text[256] = "";
 };
 
-} // namespace
-
 int wake_worker() {
-  if (pool.lookout.hand_over() || !pool.sleepers.choose()) return 0;
-  const CancellationGuard off; // the worker is no longer counted and needs its unit
+  if (pool.lookout.hand_over()) return 0;
   return vorn_sem_enhance_up(&pool.work);
 }
 
+} // namespace
 } // namespace vorn::schedwork
 
 using namespace vorn::schedwork;
@@ -66,13 +64,11 @@ int vorn_sched_add_work(vorn_sched_work_s *work) {
   int32_t pid = 0;
   if (!pool.queue.append(work, &pid))
     return VORN_FAIL(-1, "Work in list is not initial, PID = (%d)", pid);
+  const vorn::CancellationGuard off; // the item is queued and needs the wake-up of a worker
   const int result = wake_worker();
   // If a destroy has ended since the first test, either it saw the item, or this test sees its
   // effect: a destroy clears the flag before it reads the queue under the queue's lock.
-  if (!pool.created.load()) {
-    const vorn::CancellationGuard off; // the item is queued and needs a worker
-    sched_work_init();
-  }
+  if (!pool.created.load()) sched_work_init();
   return result;
 }
 

@@ -1,8 +1,8 @@
 // Declares what the sources of the work pool share: the pool, the slots of the workers with a time
 // limit, and the state of a worker. The path of a work item:
 //
-//   vorn_sched_add_work        queue.append, then wake_worker
-//   a worker                   takes a unit of the semaphore, or is awake and looks at the queue
+//   vorn_sched_add_work        queue.append, then a unit to the lookout or to the semaphore
+//   a worker                   takes the unit, or finds the item while it is still awake
 //   sched_work_select_task     queue.take
 //   sched_work_run_task        the handler
 //
@@ -13,7 +13,6 @@
 #define VORN_SCHEDWORK_HPP
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 
 #include "base/mutex.hpp"
@@ -38,59 +37,11 @@ extern constinit Slot slots[VORN_SCHED_WORK_THREAD_COUNT];
 
 inline constexpr std::uint32_t kNoSlot = UINT32_MAX;
 
-// Chooses a sleeping worker to wake. A thread that has chosen one raises the semaphore, whose unit
-// the worker then takes. While a chosen worker is on its way to the queue, no other is chosen:
-// otherwise many would come for items that workers have taken that were awake. A worker that comes
-// and leaves items has another one chosen.
-//
-// No wake-up is lost. A worker adds itself, or arrives, and then looks at the queue under its lock.
-// A thread that adds an item under that lock later sees that. The lock orders these accesses, so
-// those of the word are relaxed.
-class Sleepers {
-public:
-  // A worker is about to sleep.
-  void add() { word_.fetch_add(kSleeper, std::memory_order_relaxed); }
-
-  // A worker that has not been chosen does not sleep any more. Returns false if it has been.
-  bool withdraw() {
-    std::uint32_t word = word_.load(std::memory_order_relaxed);
-    while (word >= kSleeper && !change(word, word - kSleeper)) {
-    }
-    return word >= kSleeper;
-  }
-
-  // Returns false if no worker sleeps, or one is on its way.
-  bool choose() {
-    std::uint32_t word = word_.load(std::memory_order_relaxed);
-    while (may_choose(word) && !change(word, word - kSleeper + kOnItsWay)) {
-    }
-    return may_choose(word);
-  }
-
-  // The chosen worker is about to look at the queue.
-  void arrive() { word_.fetch_and(~kOnItsWay, std::memory_order_relaxed); }
-
-  void forget() { word_.store(0, std::memory_order_relaxed); }
-
-private:
-  static constexpr std::uint32_t kOnItsWay = 1;
-  static constexpr std::uint32_t kSleeper = 2; // one that has not been chosen
-
-  static bool may_choose(std::uint32_t word) { return word >= kSleeper && word % kSleeper == 0; }
-
-  // Leaves in word what was there before.
-  bool change(std::uint32_t &word, std::uint32_t to) {
-    return word_.compare_exchange_weak(word, to, std::memory_order_relaxed);
-  }
-
-  std::atomic<std::uint32_t> word_{0};
-};
-
-// A worker that has just run an item watches for the next one for a short time before it sleeps: it
-// takes the item sooner, and the adding thread makes no system call.
+// Hands a unit to a worker that has just run an item and is awake: the worker takes the item
+// sooner, and the adding thread makes no system call.
 class Lookout {
 public:
-  // Returns whether the watching worker takes the caller's item.
+  // Returns whether a worker has got the unit.
   bool hand_over() {
     State state = kWatching;
     return state_.load(std::memory_order_relaxed) == kWatching &&
@@ -98,7 +49,7 @@ public:
   }
 
   // Begins the watch of one worker at a time. Returns false if another worker watches. After true,
-  // end() returns whether an item was handed over.
+  // end() returns whether a unit was handed over.
   bool begin() {
     State state = kNobody;
     return state_.compare_exchange_strong(state, kWatching);
@@ -120,18 +71,17 @@ private:
   std::atomic<State> state_{kNobody};
 };
 
-// The words that every run changes, those that every item changes, and those that change only when
-// a worker sleeps or wakes are in separate cache lines.
+// The words that adding threads write, those that workers write, and those that a watching worker
+// reads are in separate cache lines.
 struct Pool {
   Mutex mutex; // serialises start and destroy
   std::atomic<bool> created{false};
   alignas(64) Population population;
-  alignas(64) std::atomic<std::uint64_t> started{0}; // runs
+  std::atomic<std::uint64_t> started{0};  // runs
   std::atomic<std::uint64_t> finished{0}; // read before started, so that it is never larger
   alignas(64) Queue queue;
   alignas(64) vorn_sem_enhance_s work{VORN_SPINLOCK_INIT, 0, {&work.wait_list, &work.wait_list}};
   alignas(64) Lookout lookout;
-  Sleepers sleepers;
   alignas(64) std::atomic<std::uint32_t> free_minimum{4};
   std::atomic<std::uint32_t> free_maximum{8};
 };
@@ -149,10 +99,6 @@ extern constinit thread_local Worker t_worker;
 // Returns whether the calling thread is a worker of an earlier life, which must not touch the queue
 // and the slots.
 inline bool outlived() { return t_worker.active && t_worker.life != pool.population.counts().life; }
-
-// Makes sure that a worker looks at the queue after the caller has added an item. Returns the
-// result of the semaphore.
-int wake_worker();
 
 void watch_thread_ends();             // prepares for handlers that end their worker
 int hire_workers(std::uint32_t life); // sched_work_create_thread, only for that life

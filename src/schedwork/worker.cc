@@ -3,10 +3,7 @@
 // A worker belongs to one life of the pool. While it runs an item, a destroy may begin the next
 // life. The worker learns that from the population's word, and then leaves without touching the
 // counts, the slots and the queue of the next life. Units of the semaphore belong to no life: the
-// worker wakes another for its unit.
-//
-// A worker that is awake runs items until the queue is empty, and needs no units for them. It
-// counts as busy meanwhile.
+// worker passes its unit on.
 // SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_sched_work.c"
 
@@ -66,7 +63,7 @@ void on_thread_end(void *) {
   if (!idle) pool.finished.fetch_add(1);
   release_slot();
   const bool counted = pool.population.leave(t_worker.life, idle);
-  if (idle) wake_worker(); // it may have taken a unit
+  if (idle) vorn_sem_enhance_up(&pool.work); // it may have taken a unit
   // Another worker replaces it. If none can be started, the next add tries again.
   if (counted && hire_workers(t_worker.life) != 0) pool.created.store(false);
   t_worker.active = false;
@@ -84,33 +81,26 @@ void unregister_worker() {
   if (key_made.done()) pthread_setspecific(key, nullptr);
 }
 
-// Returns whether the worker must take an item before it sleeps. Without a watch, it sleeps only
-// after it has looked at the queue once more.
+// Returns whether the worker must take an item before it sleeps. A thread that added an item before
+// the watch began has raised the semaphore. This worker takes that unit, unless another worker has
+// taken it and found no item.
 bool finds_item_soon(bool watching) {
-  if (!watching) return false;
-  const auto end = std::chrono::steady_clock::now() + kLookout;
-  while (!pool.lookout.handed() && pool.queue.size() == 0 &&
-         std::chrono::steady_clock::now() < end) {
-    arch::pause();
-    vorn_yield(); // the adding thread may be waiting for this CPU
+  if (watching && pool.queue.size() == 0) {
+    const auto end = std::chrono::steady_clock::now() + kLookout;
+    while (!pool.lookout.handed() && std::chrono::steady_clock::now() < end) {
+      arch::pause();
+      vorn_yield(); // the adding thread may be waiting for this CPU
+    }
   }
-  return pool.lookout.end() || pool.queue.size() != 0;
-}
-
-// Returns if there is an item or a unit, or after a time. A worker that another thread has chosen
-// gets its unit, even if it wakes or finds an item by itself.
-void wait_for_work() {
-  pool.sleepers.add();
-  if (!pool.queue.empty() && pool.sleepers.withdraw()) return;
-  while (vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds) != 0) {
-    if (pool.sleepers.withdraw()) return;
-  }
-  pool.sleepers.arrive();
+  if (watching && pool.lookout.end()) return true;
+  if (pool.queue.size() == 0) return false;
+  vorn_sem_enhance_down_timeout(&pool.work, 0);
+  return true;
 }
 
 // A cancellation of an idle worker takes effect here, and not in the next handler.
-void rest() {
-  wait_for_work();
+void wait_for_unit() {
+  vorn_sem_enhance_down_timeout(&pool.work, kWaitMilliseconds);
   const CancellationOn on;
   pthread_testcancel();
 }
@@ -119,7 +109,7 @@ void rest() {
 bool leaves_idle() {
   const Counts now = pool.population.counts();
   if (now.life != t_worker.life) {
-    wake_worker(); // the worker may have taken a unit
+    vorn_sem_enhance_up(&pool.work); // the worker may have taken a unit
     return true;
   }
   if (!now.destroying()) return false;
@@ -146,46 +136,34 @@ bool end_run() {
 
 enum class After { kSleep, kTakeItem, kLeave };
 
-void run_item(vorn_sched_work_s *work) {
+After run_item(vorn_sched_work_s *work) {
+  pool.population.begin_run(t_worker.life);
   hire_workers(t_worker.life);
   report_all_busy();
-  pool.started.fetch_add(1);
-  const CancellationOn on;
-  sched_work_run_task(work, t_worker.slot);
-  pthread_testcancel(); // a cancellation during the handler must not end the next handler
-}
-
-vorn_sched_work_s *next_item() {
-  const Counts now = pool.population.counts();
-  return now.life == t_worker.life && !now.destroying() ? sched_work_select_task() : nullptr;
-}
-
-After run_items(vorn_sched_work_s *work) {
-  pool.population.begin_run(t_worker.life);
   t_worker.running = true;
-  bool watching = false;
-  while (work != nullptr) {
-    run_item(work);
-    // Begin the watch before the run counts as finished: a thread that waits for its end may add
-    // the next item.
-    work = next_item();
-    watching = work == nullptr && pool.lookout.begin();
-    pool.finished.fetch_add(1);
+  pool.started.fetch_add(1);
+  {
+    const CancellationOn on;
+    sched_work_run_task(work, t_worker.slot);
+    pthread_testcancel(); // a cancellation during the handler must not end the next handler
   }
+  // Begin the watch before the run counts as finished: a thread that waits for its end may add the
+  // next item.
+  const bool watching = pool.queue.size() == 0 && pool.lookout.begin();
+  pool.finished.fetch_add(1);
   t_worker.running = false;
   if (end_run()) return finds_item_soon(watching) ? After::kTakeItem : After::kSleep;
-  if (watching && pool.lookout.end()) wake_worker();
+  if (watching && pool.lookout.end()) vorn_sem_enhance_up(&pool.work);
   return After::kLeave;
 }
 
 void run_worker() {
   After after = After::kSleep;
   while (after != After::kLeave) {
-    if (after == After::kSleep) rest();
+    if (after == After::kSleep) wait_for_unit();
     if (leaves_idle()) return;
     vorn_sched_work_s *work = sched_work_select_task();
-    if (work != nullptr && pool.queue.size() != 0) wake_worker();
-    after = work != nullptr ? run_items(work) : After::kSleep;
+    after = work != nullptr ? run_item(work) : After::kSleep;
   }
 }
 

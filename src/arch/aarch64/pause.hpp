@@ -6,6 +6,9 @@
 
 namespace vorn::arch {
 
+// About, if the hint is ignored.
+inline constexpr unsigned int kPausesPerMicrosecond = 200;
+
 inline void pause() { asm volatile("yield" ::: "memory"); }
 
 } // namespace vorn::arch

@@ -6,6 +6,9 @@
 
 namespace vorn::arch {
 
+// About, of a processor that delays the thread by each pause. Some delay it a tenth of that.
+inline constexpr unsigned int kPausesPerMicrosecond = 25;
+
 inline void pause() { asm volatile("pause" ::: "memory"); }
 
 } // namespace vorn::arch
