@@ -10,7 +10,7 @@
 
 VORN_BEGIN_DECLS
 
-/* Does nothing: the library looks for the processor's instructions when it is loaded. Older services
+/* Does nothing: the library looks for the processor's instructions when it is loaded. Services may
  * call this function before their first checksum; vorn_Init calls it too. */
 VORN_API void vorn_crc32_init(void);
 

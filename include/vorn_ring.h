@@ -9,8 +9,8 @@
  * Order: the objects of one call stay together and in order, and the objects that one thread
  * enqueues leave in the order in which it enqueued them. The thread that dequeues a pointer sees
  * everything that the thread that enqueued it wrote before. No operation is a full barrier: a
- * thread that stores a flag and then finds the ring empty needs a barrier of its own between the
- * two, if the thread that enqueues tests the flag.
+ * thread that stores a flag and then finds the ring empty must make a barrier between the two, if
+ * the thread that enqueues tests the flag.
  *
  * Blocking: no operation allocates, locks or makes a system call, except for the yield below. On a
  * full or an empty ring an operation does not wait, but returns a result that says so. On an end
