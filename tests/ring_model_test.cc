@@ -29,6 +29,8 @@ constexpr std::uint32_t kStart = -2; // the counters pass 2^32
 struct Modelled {
   using Counter = rl::atomic<std::uint32_t>;
 
+  static constexpr std::uint32_t kTestsTillYield = 2;
+
   static std::uint32_t load(const Counter &counter) { return counter.load(rl::mo_acquire, $); }
   static std::uint32_t load_relaxed(const Counter &counter) {
     return counter.load(rl::mo_relaxed, $);

@@ -64,13 +64,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "arch/pause.hpp"
-
 namespace vorn::ring {
-
-// An owner that runs publishes within a microsecond or two, unless its run has thousands of slots.
-// One that does not by then has probably been descheduled, and the waiter may be on its CPU.
-constexpr std::uint32_t kTestsTillYield = 5 * arch::kPausesPerMicrosecond;
 
 enum class Threads { kOne, kMany }; // that use an end at the same time
 enum class Amount { kAll, kUpTo };  // all of the objects or none
@@ -103,7 +97,7 @@ template <class Memory, Threads kThreads, class End>
 // Waits until tail is no longer seen, but not longer than until the first yield.
 template <class Memory, class Counter>
 [[gnu::noinline, gnu::cold]] void wait_for_progress(const Counter &tail, std::uint32_t seen) {
-  for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
+  for (std::uint32_t test = 0; test < Memory::kTestsTillYield; ++test) {
     if (Memory::load(tail) != seen) return;
     Memory::pause();
   }
@@ -155,7 +149,7 @@ template <class Memory, Threads kThreads, Amount kAmount, class End>
 template <class Memory, class Counter>
 [[gnu::noinline, gnu::cold]] void wait_for(const Counter &tail, std::uint32_t value) {
   for (;;) {
-    for (std::uint32_t test = 0; test < kTestsTillYield; ++test) {
+    for (std::uint32_t test = 0; test < Memory::kTestsTillYield; ++test) {
       if (Memory::load(tail) == value) return;
       Memory::pause();
     }

@@ -54,6 +54,11 @@ constexpr std::uint32_t kNoRing = 0xFFFFFFFF; // the result of a query; of an op
 struct Shared {
   using Counter = volatile std::uint32_t;
 
+  // An owner that runs publishes within a microsecond or two, unless its run has thousands of
+  // slots. One that does not by then has probably been descheduled, and the waiter may be on its
+  // CPU.
+  static constexpr std::uint32_t kTestsTillYield = 5 * arch::kPausesPerMicrosecond;
+
   static std::uint32_t load(const Counter &counter) {
     return atomic_word(counter).load(std::memory_order_acquire);
   }
