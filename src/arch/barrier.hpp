@@ -1,6 +1,5 @@
-// Defines full barriers: every CPU sees the accesses before a barrier before those after it.
+// Defines a full barrier: every CPU sees the accesses before it before those after it.
 //
-//   full_barrier()               between any two accesses
 //   full_barrier_after_atomic()  right after an atomic read-modify-write, with no write in between;
 //                                free if the read-modify-write is itself a full barrier
 //
