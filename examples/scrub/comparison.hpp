@@ -1,89 +1,52 @@
-// Compares the data read with the manifest and reports the verdicts, in the caller's thread. A file
-// with wrong blocks waits for their second read while the run continues.
+// Compares what was read of a file with its record, and gives the verdict.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_COMPARISON_HPP
 #define SCRUB_COMPARISON_HPP
 
 #include <cstdint>
-#include <deque>
-#include <memory>
-#include <span>
-#include <string>
 
-#include "manifest.hpp"
-#include "pipeline.hpp"
-#include "report.hpp"
-#include "second_read.hpp"
+#include "engine.hpp"
+#include "manifest_reader.hpp"
+#include "second_reads.hpp"
+#include "verdict.hpp"
 
 namespace scrub {
 
-// The state of a file after it was read.
-struct Ending {
-  std::uint64_t size = 0;
-  timespec written{};
-  String problem{}; // why the data read are no consistent copy; empty if they are
-  bool changed = false;
-};
-
+// One file: its blocks come in order, each with the next block of the manifest.
 class Comparison {
 public:
-  Comparison(const std::string &root, Pipeline &pipeline, Report &report)
-      : root_(root), pipeline_(pipeline), report_(report) {}
+  // Skips to the first block in the manifest. If known is set, the file was found damaged before:
+  // a new time of change alone does not mean that it was written.
+  Comparison(ManifestReader &manifest, const FileRecord &record, const Attributes &now, bool known,
+             std::uint64_t first_block = 0);
 
-  // For a file that the run reads: begin, the blocks, end, each in a task.
-  void begin(const FileRecord &recorded);
-  void compare(std::span<const Checksums> expected, const Blocks &found);
-  void end(const Ending &found);
+  void add(const Engine::Blocks &blocks);
 
-  // For a file that the run does not read.
-  void missing(const FileRecord &recorded);
-  void unreadable(const FileRecord &recorded, const String &why);
-  void added(const String &path) { report_.added(path); }
-  void skipped(const String &path, const String &why) { report_.skipped(path, why.c_str()); }
+  bool is_unwritten() const { return unwritten_; }
+  std::uint64_t differing() const { return differing_; }
+  // The wrong blocks so far of a file that no attribute says was written.
+  Suspects take_suspects();
+  bool has_suspects() const { return !suspects_.empty(); }
+  std::uint64_t block() const { return block_; } // the next
 
-  // Called after the last task: waits for the second reads.
-  void finish();
-
-  const Totals &read() const { return read_; }
+  // Returns the verdict on a file that was written and read to its end; kVerdicts if its content is
+  // as recorded.
+  Verdict verdict() const;
 
 private:
-  // The verdicts in the order of their report: blocks that are read again, then the end of their
-  // file.
-  struct Waiting {
-    FileRecord file;
-    std::unique_ptr<SecondRead> second; // NULL: the end of the file
-    Ending ending{};
+  void compare(const Checksums &found);
 
-    bool ready() const { return second == nullptr || second->done(); }
-  };
-
-  // The reported blocks of a file.
-  struct Verdicts {
-    std::uint64_t lasting = 0;
-    std::uint64_t passing = 0;
-  };
-
-  void read_again(Vector<Suspect> suspects);
-  void report_ready();
-  void report_first();
-  void report_blocks(const FileRecord &file, const Vector<Suspect> &suspects);
-  void report_ending(const FileRecord &file, const Ending &found, const Verdicts &blocks);
-
-  const std::string &root_;
-  Pipeline &pipeline_;
-  Report &report_;
-  Totals read_;
-
-  // The state of the current file:
-  FileRecord recorded_;
-  Totals before_;
-  std::uint64_t blocks_ = 0;
-  bool suspect_ = false;
-
-  std::deque<Waiting> waiting_;
-  std::size_t waiting_blocks_ = 0;
-  Verdicts verdicts_; // of the first file that waits for its second read
+  ManifestReader &manifest_;
+  const FileRecord &record_;
+  const Attributes now_;
+  const bool unwritten_;
+  std::uint64_t block_;
+  std::uint64_t differing_ = 0;
+  Vector<Suspect> suspects_;
 };
+
+// The checksums of a block of zeros.
+const Checksums &zero_block();
 
 } // namespace scrub
 

@@ -7,47 +7,41 @@
 
 #include "instance.hpp"
 #include "vorn_lwp.h"
-#include "vorn_sem_enhance.h"
-#include "vorn_thrd.h"
 
 namespace scrub {
 
 struct Thread::State {
-  State(const std::string &thread_name, std::function<void()> function)
-      : name(thread_name), instance(LwpCtxCurrent()), body(std::move(function)) {
-    vorn_sem_enhance_init(&ended, 0);
-  }
-
   static void *run(void *argument) {
-    const std::unique_ptr<std::shared_ptr<State>> own(
-        static_cast<std::shared_ptr<State> *>(argument));
-    State &state = **own;
+    const State &state = *static_cast<State *>(argument);
     vorn_thrd_setname("%s", state.name.c_str());
     vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_IO); // the library logs a failure
-    {
-      const WorkingFor work(state.instance);
-      state.body();
-    }
-    vorn_sem_enhance_up(&state.ended);
+    const WorkingFor work(state.instance);
+    state.body();
     return nullptr;
   }
 
   const std::string name;
   const std::uint64_t instance;
   const std::function<void()> body;
-  vorn_sem_enhance_s ended;
 };
 
 Thread::Thread(const std::string &name, std::function<void()> body)
-    : state_(std::make_shared<State>(name, std::move(body))) {
-  auto own = std::make_unique<std::shared_ptr<State>>(state_);
-  if (vorn_thrd_create(State::run, own.get(), nullptr) != 0)
+    : state_(new State{name, LwpCtxCurrent(), std::move(body)}) {
+  if (vorn_thrd_create_handle(State::run, state_.get(), &handle_) != 0)
     throw std::runtime_error("no thread can be started, the log says why");
-  [[maybe_unused]] auto *passed_on = own.release();
 }
 
+Thread::Thread(Thread &&other) noexcept
+    : state_(std::move(other.state_)), handle_(std::exchange(other.handle_, nullptr)) {}
+
 Thread::~Thread() {
-  if (state_ != nullptr) vorn_sem_enhance_down(&state_->ended);
+  if (handle_ == nullptr) return;
+  wait(-1);
+  vorn_thrd_put_handle(handle_);
+}
+
+bool Thread::wait(int milliseconds) {
+  return vorn_thrd_wait_handle(handle_, milliseconds, nullptr) == 0;
 }
 
 void set_strategy(const Settings &settings) {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "settings.hpp"
+#include "vorn_thrd.h"
 
 namespace scrub {
 
@@ -19,16 +20,18 @@ class Thread {
 public:
   // body must not throw. Throws std::runtime_error if no thread can be started.
   Thread(const std::string &name, std::function<void()> body);
-  Thread(Thread &&) = default;
+  Thread(Thread &&other) noexcept;
   Thread &operator=(Thread &&) = delete;
   ~Thread(); // waits until body has returned
+
+  // Waits until body has returned. Returns false if it does not within the milliseconds.
+  bool wait(int milliseconds);
 
 private:
   struct State;
 
-  // Shared with the thread, which may still be raising the semaphore when the waiting thread
-  // continues.
-  std::shared_ptr<State> state_;
+  std::unique_ptr<State> state_;
+  vorn_thrd_handle_s *handle_ = nullptr;
 };
 
 } // namespace scrub

@@ -2,189 +2,461 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "scrub.hpp"
 
+#include <algorithm>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <span>
+#include <optional>
+#include <set>
+#include <stdexcept>
 
+#include "checkpoint.hpp"
 #include "comparison.hpp"
-#include "data_file.hpp"
-#include "errors.hpp"
+#include "damaged_list.hpp"
+#include "digest.hpp"
+#include "engine.hpp"
 #include "interrupt.hpp"
-#include "log.hpp"
-#include "manifest_reader.hpp"
-#include "pipeline.hpp"
+#include "moves.hpp"
+#include "opening.hpp"
+#include "part_state.hpp"
+#include "planner.hpp"
+#include "ranges.hpp"
 #include "report.hpp"
+#include "second_reads.hpp"
 #include "supervision.hpp"
 #include "text.hpp"
-#include "walk.hpp"
+#include "vorn_time.h"
 
 namespace scrub {
 namespace {
 
-// Reads the whole manifest first, so that a bad one is refused before the comparison begins.
-Totals check_manifest(int fd, const std::string &name) {
-  ManifestReader manifest(fd, name);
-  FileRecord file;
-  Checksums block;
-  while (manifest.next_file(file)) {
-    check_interrupt();
-    while (manifest.next_block(block))
-      check_interrupt();
-  }
-  if (lseek(fd, 0, SEEK_SET) != 0) fail("cannot read " + name + " again");
-  return manifest.totals();
-}
+constexpr std::uint64_t kCheckpointInterval = 10'000'000'000; // nanoseconds
 
-bool is_below(std::string_view path, std::string_view directory) {
-  return path.size() > directory.size() && path[directory.size()] == '/' &&
-         path.starts_with(directory);
-}
-
-// Walks the manifest and the tree side by side, both in path order, in the reader's thread, and
-// adds the tasks that compare.
-class Verifier {
+// Reads the whole manifest, so that a bad one is refused before the comparison begins.
+class Checked {
 public:
-  Verifier(Pipeline &pipeline, ManifestReader &manifest, Walk &walk, Comparison &comparison)
-      : pipeline_(pipeline), manifest_(manifest), walk_(walk), comparison_(comparison) {}
-
-  void read() {
-    next_recorded();
-    next_found();
-    while (more_recorded_ || more_found_) {
-      check_interrupt();
-      if (found_is_first()) {
-        take_unrecorded();
-      } else if (recorded_is_first() || found_.error != 0) {
-        pass_missing();
-        next_recorded();
-      } else {
-        read_file();
-        next_recorded();
-        next_found();
+  Checked(const Fd &fd, const std::string &name) : fd_(fd), name_(name) {
+    ManifestReader manifest(fd.get(), name);
+    tree = manifest.tree();
+    FileRecord file;
+    Checksums block;
+    while (manifest.next_file(file) && !interrupted()) {
+      while (manifest.next_block(block) && !interrupted()) {
       }
     }
+    recorded = manifest.totals();
+    code = manifest.code();
   }
+
+  // Passes the records that the run covers through the window. Returns the bytes in it.
+  std::uint64_t pass(const ScopeFilter &filter, Window &window) const {
+    const Fd fd = open_again(fd_, name_);
+    ManifestReader manifest(fd.get(), name_);
+    FileRecord file;
+    std::uint64_t bytes = 0;
+    while (manifest.next_file(file) && !interrupted()) {
+      if (!filter.covers(file.path)) continue;
+      const Window::Selection selection = window.select(file);
+      bytes += std::min(file.size, selection.end * kBlockSize) -
+               std::min(file.size, selection.first * kBlockSize);
+    }
+    return bytes;
+  }
+
+  TreeRecord tree{};
+  Totals recorded{};
+  std::uint32_t code = 0;
 
 private:
-  void next_recorded() { more_recorded_ = manifest_.next_file(recorded_); }
-  void next_found() { more_found_ = walk_.next(found_); }
+  const Fd &fd_;
+  const std::string &name_;
+};
 
-  bool found_is_first() const {
-    return more_found_ && (!more_recorded_ || path_before(found_.path, recorded_.path));
-  }
-  bool recorded_is_first() const {
-    return more_recorded_ && (!more_found_ || path_before(recorded_.path, found_.path));
+class Verification {
+public:
+  Verification(const Job &job, Report &report)
+      : job_(job), options_(job.options), report_(report), name_(job.paths.manifest()),
+        fd_(open_manifest(name_)), checked_(fd_, name_), tree_(job.root), own_(job.paths),
+        filter_(options_.scope, checked_.tree), walk_(tree_, own_, options_.scope, checked_.tree),
+        planned_fd_(open_again(fd_, name_)), planned_(planned_fd_.get(), name_),
+        manifest_fd_(open_again(fd_, name_)), manifest_(manifest_fd_.get(), name_),
+        damaged_(job.paths), checkpoint_file_(job.paths), part_state_(job.paths),
+        part_(part_state_.choose(options_.part)), ranges_(report),
+        moves_(job.paths.manifest_directory) {
+    check_readable(tree_, job);
+    check_same_tree(checked_.tree, tree_, job);
   }
 
-  void pass_missing() {
-    pipeline_.then([this, recorded = recorded_] { comparison_.missing(recorded); });
-  }
-  void pass_unreadable(const char *why) {
-    pipeline_.then(
-        [this, recorded = recorded_, why = String(why)] { comparison_.unreadable(recorded, why); });
+  void run() {
+    choose_window();
+    report_.progress().set_total(bytes_);
+    Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
+    planner_.emplace(&planned_, walk_, filter_, window_, Wanted{Action::kRead, Action::kStatus});
+    engine_.emplace(options_, report_.series(),
+                    [this](std::span<Entry> entries) { return planner_->fill(entries); });
+    second_.emplace(tree_, *engine_, [this](const Suspects &suspects) { judge(suspects); });
+    compare();
+    if (!over()) second_->finish();
+    if (!over()) resolve_moves();
+    ranges_.flush();
+    if (!over()) supervision.finish();
+    finish();
   }
 
-  void take_unrecorded() {
-    if (found_.error == 0) {
-      pipeline_.then([this, path = found_.path] { comparison_.added(path); });
-    } else {
-      skip_directory();
+  // Returns false if a thread hangs; then this object must not be destroyed.
+  bool stop() { return engine_->stop(interrupted() ? kPatience : -1); }
+
+private:
+  bool over() const { return interrupted() || limited_; }
+
+  void choose_window() {
+    std::uint64_t weight = 0;
+    if (part_.of != 0) {
+      Window all;
+      checked_.pass(filter_, all);
+      weight = all.weight();
+      window_ = Window(part_, weight);
     }
-    next_found();
+    if (options_.resume) resume();
+    Window window = window_;
+    bytes_ = checked_.pass(filter_, window);
   }
 
-  // The manifest's next files are below this directory and cannot be reached.
-  void skip_directory() {
-    const char *why = std::strerror(found_.error);
-    pipeline_.then(
-        [this, path = found_.path, why = String(why)] { comparison_.skipped(path, why); });
-    while (more_recorded_ && is_below(recorded_.path, found_.path)) {
-      if (found_.error == ENOENT) {
-        pass_missing();
-      } else {
-        pass_unreadable(why);
+  void resume() {
+    const std::optional<Checkpoint> checkpoint = checkpoint_file_.read();
+    if (!checkpoint) return report_.note("There is no checkpoint: the run begins at the start");
+    if (checkpoint->manifest != checked_.code)
+      return report_.note("The checkpoint is of an older manifest: the run begins at the start");
+    if (checkpoint->scope != scope_text(options_, part_))
+      throw std::runtime_error(checkpoint_file_.path() +
+                               " is of a run with another part or other paths; give the same, or "
+                               "leave --resume out");
+    window_.resume_at(checkpoint->position);
+    report_.note(std::string("Going on after ") + escape(checkpoint->position.path).c_str());
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
+      count(static_cast<Count>(i)) += checkpoint->counts[i];
+    last_ = checkpoint->position;
+  }
+
+  void compare() {
+    std::uint64_t last_checkpoint = vorn_time_getnanosec();
+    while (Batch *batch = engine_->next()) {
+      for (Entry &entry : batch->entries()) {
+        take(*batch, entry);
+        if (over()) return;
       }
-      next_recorded();
+      second_->poll();
+      if (const std::uint64_t now = vorn_time_getnanosec();
+          now - last_checkpoint > kCheckpointInterval) {
+        last_checkpoint = now;
+        checkpoint_file_.write_soon(checkpoint());
+      }
     }
   }
 
-  void read_file() {
-    DataFile file;
-    if (!file.open(found_.directory, found_.name)) {
-      if (file.vanished()) return pass_missing();
-      return pass_unreadable(file.problem());
+  void take(Batch &batch, Entry &entry) {
+    if (!entry.recorded) return take_added(entry);
+    while (manifest_.next_file(record_) && record_.path != entry.record.path) {
     }
-
-    pipeline_.then([this, recorded = recorded_] { comparison_.begin(recorded); });
-    read_blocks(file);
-    Ending ending{.size = file.size(), .written = file.written()};
-    if (const char *problem = file.problem(); problem != nullptr) {
-      ending.problem = problem;
-      ending.changed = file.changed();
+    if (entry.outside) return;
+    if (!entry.found) return take_lost(entry);
+    switch (entry.outcome) {
+    case Outcome::kNotAsked:
+    case Outcome::kStatus:
+      return;
+    case Outcome::kFailed:
+      return fail(entry, entry.error);
+    case Outcome::kRead:
+      compare_small(batch, entry);
+      break;
+    case Outcome::kLarge:
+      compare_large(entry);
+      break;
     }
-    pipeline_.then([this, ending] { comparison_.end(ending); });
+    if (interrupted()) return;
+    last_ = {entry.record.path, entry.end_block};
   }
 
-  // Reads each recorded block that the file still holds completely.
-  void read_blocks(DataFile &file) {
-    std::uint64_t left = recorded_.size;
-    while (left != 0) {
-      const std::span<std::byte> room = pipeline_.room();
-      const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left, room.size()));
-      const std::size_t got = file.read(room.first(wanted));
-      left = got == wanted ? left - got : 0;
-      const Blocks found = pipeline_.add_blocks(got == wanted ? got : got - got % kBlockSize);
-      pipeline_.then([this, found, expected = next_expected(found.checksums.size())] {
-        comparison_.compare(expected, found);
-      });
+  void take_added(const Entry &entry) {
+    if (entry.error != 0) return skip(entry.path(), entry.error);
+    moves_.added(entry.path(), entry.now, {}, 0);
+  }
+
+  void skip(const String &path, int error) {
+    report_.finding({.verdict = Verdict::kSkipped, .path = path, .why = reason(error)});
+  }
+
+  void take_lost(const Entry &entry) {
+    report_.progress().drop_bytes(bytes_of(entry));
+    if (entry.unreachable != 0 && entry.unreachable != ENOENT)
+      return unreadable(entry.record, std::strerror(entry.unreachable));
+    Digest digest;
+    Checksums block;
+    while (manifest_.next_block(block) && !interrupted())
+      digest.add(block);
+    moves_.missing(entry.record, digest.value());
+  }
+
+  // The bytes of the blocks that the run was to read.
+  static std::uint64_t bytes_of(const Entry &entry) {
+    return std::min(entry.record.size, entry.end_block * kBlockSize) -
+           std::min(entry.record.size, entry.first_block * kBlockSize);
+  }
+
+  void unreadable(const FileRecord &record, const String &why) {
+    report_.finding({.verdict = Verdict::kUnreadable,
+                     .path = record.path,
+                     .recorded_size = record.size,
+                     .why = why});
+  }
+
+  void changed(const FileRecord &record, const char *why) {
+    if (!changed_.insert(record.path).second) return;
+    report_.finding({.verdict = Verdict::kChanged,
+                     .path = record.path,
+                     .recorded_size = record.size,
+                     .why = why});
+  }
+
+  void fail(const Entry &entry, int error) {
+    if (error == EINTR) return;
+    report_.progress().drop_bytes(bytes_of(entry));
+    if (is_gone(error)) return changed(entry.record, reason(error));
+    unreadable(entry.record, reason(error));
+  }
+
+  void compare_small(Batch &batch, const Entry &entry) {
+    add_way(medium_, entry.way);
+    Comparison comparison(manifest_, entry.record, entry.now, is_known(entry));
+    const std::span<const Checksums> blocks = batch.checksums(entry);
+    comparison.add({.checksums = blocks, .zeros = 0, .bytes = entry.now.size});
+    count_read(blocks.size(), entry.now.size);
+    end(entry, comparison, entry.now, entry.has_changed);
+  }
+
+  void compare_large(const Entry &entry) {
+    const Opened opened = open_file(entry, options_.cached);
+    if (opened.error != 0) return fail(entry, opened.error);
+    const Attributes &now = opened.file->attributes();
+    Comparison comparison(manifest_, entry.record, now, is_known(entry), entry.first_block);
+    std::uint64_t bytes = 0;
+    const int error = engine_->read(
+        opened.file, entry.first_block, entry.end_block, [&](const Engine::Blocks &blocks) {
+          comparison.add(blocks);
+          bytes += blocks.bytes;
+          count_read(blocks.checksums.size() + blocks.zeros, blocks.bytes);
+          if (comparison.has_suspects()) second_->add(comparison.take_suspects());
+          second_->poll();
+          last_ = {entry.record.path, comparison.block()};
+        });
+    add_way(medium_, opened.file->way());
+    if (error == EINTR) return;
+    if (error != 0) {
+      char why[128];
+      std::snprintf(why, sizeof why, "%s, block %llu", std::strerror(error),
+                    static_cast<unsigned long long>(engine_->failed_block()));
+      return unreadable(entry.record, why);
     }
+    const std::uint64_t wanted =
+        std::min(now.size, entry.end_block * kBlockSize) -
+        std::min(now.size, entry.first_block * kBlockSize);
+    end(entry, comparison, now, bytes < wanted || opened.file->has_changed());
   }
 
-  Vector<Checksums> next_expected(std::size_t count) {
-    Vector<Checksums> blocks(count);
-    for (Checksums &block : blocks)
-      manifest_.next_block(block);
-    return blocks;
+  bool is_known(const Entry &entry) const { return damaged_.contains(entry.record.path); }
+
+  void count_read(std::uint64_t blocks, std::uint64_t bytes) {
+    read_.blocks += blocks;
+    read_.bytes += bytes;
+    count(Count::kBytes) += bytes;
+    report_.progress().add_bytes(bytes);
   }
 
-  Pipeline &pipeline_;
-  ManifestReader &manifest_;
-  Walk &walk_;
-  Comparison &comparison_;
+  void end(const Entry &entry, Comparison &comparison, const Attributes &now, bool has_changed) {
+    ++read_.files;
+    ++count(Count::kFiles);
+    report_.progress().add_file();
+    if (has_changed) return changed(entry.record, "written while the run read it");
+    if (comparison.is_unwritten()) {
+      if (comparison.has_suspects()) return second_->add(comparison.take_suspects());
+      if (comparison.differing() == 0 && entry.whole) damaged_.remove(entry.record.path);
+      return;
+    }
+    const Verdict verdict = comparison.verdict();
+    if (verdict == Verdict::kVerdicts) return;
+    report_.finding({.verdict = verdict,
+                     .path = entry.record.path,
+                     .recorded_size = entry.record.size,
+                     .size = now.size,
+                     .blocks = comparison.differing()});
+  }
 
-  FileRecord recorded_; // valid while more_recorded_
-  Found found_;         // valid while more_found_
-  bool more_recorded_ = false;
-  bool more_found_ = false;
+  // The verdict on blocks that were read twice.
+  void judge(const Suspects &suspects) {
+    for (const Suspect &block : suspects.blocks) {
+      switch (block.again) {
+      case Again::kUnread:
+        return;
+      case Again::kWritten:
+        return changed(suspects.file, "written after the run had read it");
+      case Again::kRight:
+        ranges_.add(Verdict::kPassing, suspects.file, block);
+        break;
+      case Again::kWrong:
+        ranges_.add(Verdict::kDamaged, suspects.file, block);
+        damaged_.add(suspects.file.path);
+      }
+    }
+    const std::uint64_t most = options_.max_errors;
+    if (most != 0 && report_.damaged_files() >= most) limited_ = true;
+  }
+
+  void resolve_moves() {
+    MoveActions actions;
+    actions.read = [this](const String &path, int &error) { return digest_of(path, error); };
+    actions.moved = [this](const String &path, const String &from) {
+      report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
+    };
+    actions.damaged = [this](const String &path, const String &from) {
+      report_.finding(
+          {.verdict = Verdict::kDamaged, .path = path, .from = from, .begins_file = true});
+    };
+    actions.unreadable = [this](const String &path, const String &from, int error) {
+      report_.finding({.verdict = Verdict::kUnreadable,
+                       .path = path,
+                       .from = from,
+                       .why = reason(error)});
+    };
+    actions.missing = [this](const String &path, std::uint64_t size) {
+      report_.finding({.verdict = Verdict::kMissing, .path = path, .recorded_size = size});
+    };
+    actions.added = [this](const String &path, std::uint64_t size, int error) {
+      if (error != 0 && error != EINTR) return skip(path, error);
+      report_.finding({.verdict = Verdict::kNew, .path = path, .size = size});
+    };
+    moves_.resolve(actions);
+  }
+
+  std::optional<std::uint64_t> digest_of(const String &path, int &error) {
+    const auto file = std::make_shared<DataFile>();
+    Fd fd = tree_.open(path, O_RDONLY);
+    error = fd ? file->adopt(std::move(fd), options_.cached) : errno;
+    if (error != 0) return {};
+    Digest digest;
+    std::uint64_t bytes = 0;
+    error = engine_->read(file, 0, block_count(file->attributes().size),
+                          [&](const Engine::Blocks &blocks) {
+                            for (const Checksums &block : blocks.checksums)
+                              digest.add(block);
+                            for (std::uint64_t i = 0; i < blocks.zeros; ++i)
+                              digest.add(zero_block());
+                            bytes += blocks.bytes;
+                          });
+    if (error == 0 && (bytes < file->attributes().size || file->has_changed())) error = ESTALE;
+    if (error != 0) return {};
+    return digest.value();
+  }
+
+  // Everything before it was read, and its suspects were judged.
+  Checkpoint checkpoint() const {
+    Checkpoint checkpoint{.manifest = checked_.code, .scope = scope_text(options_, part_)};
+    const Suspects *first = second_->first();
+    checkpoint.position =
+        first != nullptr ? Position{first->file.path, first->blocks.front().block} : last_;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
+      checkpoint.counts[i] = count(static_cast<Count>(i));
+    return checkpoint;
+  }
+
+  bool narrowed() const {
+    return !options_.scope.only.empty() || !options_.scope.excludes.empty() ||
+           options_.scope.one_file_system;
+  }
+
+  void finish() {
+    Summary summary;
+    summary.read = read_;
+    summary.recorded = checked_.recorded;
+    summary.medium = medium_;
+    summary.left_out = walk_.counts();
+    summary.interrupted = interrupted();
+    summary.limited = limited_;
+    if (part_.of != 0)
+      summary.note = "part " + std::to_string(part_.number) + " of " + std::to_string(part_.of);
+    if (over()) {
+      leave_checkpoint();
+    } else {
+      tell(checkpoint_file_.remove(), "the checkpoint cannot be removed");
+      if (part_.of != 0 && !narrowed()) save_part();
+    }
+    if (const int error = damaged_.save(); error != 0)
+      report_.note(std::string("The list of damaged files cannot be written: ") +
+                   std::strerror(error));
+    report_.finish(summary);
+  }
+
+  void leave_checkpoint() {
+    const Checkpoint checkpoint = this->checkpoint();
+    if (const int error = checkpoint_file_.write(checkpoint); error != 0)
+      return tell(error, "no checkpoint can be written");
+    report_.note("--resume goes on from " + checkpoint_file_.path());
+  }
+
+  void tell(int error, const char *what) {
+    if (error != 0) report_.note(std::string(what) + ": " + std::strerror(error));
+  }
+
+  // A run that cannot remember its part would verify the same part each time.
+  void save_part() {
+    if (const int error = part_state_.save(part_); error != 0 && options_.part.number == 0)
+      report_.finding({.verdict = Verdict::kSkipped,
+                       .path = String(job_.paths.part_name()),
+                       .why = String("the part cannot be remembered: ") + std::strerror(error)});
+  }
+
+  const Job &job_;
+  const Options &options_;
+  Report &report_;
+  const std::string name_;
+  const Fd fd_;
+  const Checked checked_;
+  const Tree tree_;
+  const OwnFiles own_;
+  const ScopeFilter filter_;
+  Walk walk_;
+  const Fd planned_fd_;
+  ManifestReader planned_; // read by the planner
+  const Fd manifest_fd_;
+  ManifestReader manifest_; // read by the collector, file by file after the planner
+  DamagedList damaged_;
+  CheckpointFile checkpoint_file_;
+  const PartState part_state_;
+  const Part part_;
+  Window window_;
+  std::uint64_t bytes_ = 0; // to read
+  Ranges ranges_;
+  Moves moves_;
+
+  FileRecord record_{};
+  Position last_{};
+  Totals read_{};
+  Medium medium_{};
+  bool limited_ = false;
+  std::set<String, std::less<>> changed_; // the files told as changed
+
+  std::optional<Planner> planner_;
+  std::optional<Engine> engine_;
+  std::optional<SecondReads> second_;
 };
 
 } // namespace
 
-ExitStatus verify(const Job &job) {
-  const std::string name = job.paths.manifest();
-  const Fd fd(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!fd) fail("cannot open the manifest " + name);
-  std::printf("Verifying %s against %s\n", job.root.c_str(), name.c_str());
-  const Totals recorded = check_manifest(fd.get(), name);
-  SCRUB_LOG(EVLOG_INFO, "verify: %s, %" PRIu64 " files recorded.", escape(job.root).c_str(),
-            recorded.files);
-
-  ManifestReader manifest(fd.get(), name);
-  const OwnFiles own(job.paths);
-  Walk walk(job.root, own);
-  Report report(recorded.bytes);
-  Supervision supervision(report.progress(), report.cpus(), job.stall);
-  Pipeline pipeline(job.settings, job.crash);
-  Comparison comparison(job.root, pipeline, report);
-  Verifier verifier(pipeline, manifest, walk, comparison);
-  pipeline.run([&] { verifier.read(); });
-  comparison.finish();
-  supervision.finish();
-  report.finish_verify(job, comparison.read(), walk);
-  return Report::status();
+void verify(const Job &job, Report &report) {
+  report.begin("Verifying " + job.root + " against " + job.paths.manifest());
+  auto verification = std::make_unique<Verification>(job, report);
+  verification->run();
+  if (verification->stop()) return;
+  verification.release(); // NOLINT: the hanging thread uses it
+  note_hanging_thread();
 }
 
 } // namespace scrub

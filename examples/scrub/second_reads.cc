@@ -1,0 +1,134 @@
+// Reads wrong blocks a second time, as scheduled work.
+// SPDX-License-Identifier: Apache-2.0
+#include "second_reads.hpp"
+
+#include <fcntl.h>
+#include <stdexcept>
+#include <utility>
+
+#include "interrupt.hpp"
+#include "vorn_sched.h"
+
+namespace scrub {
+namespace {
+
+constexpr std::uint64_t kDelay = 1000; // milliseconds
+
+// The most blocks that wait for a pass: this bounds the memory if every block is wrong.
+constexpr std::size_t kMostWaiting = 8192;
+
+} // namespace
+
+// A timer starts the work, because a timer's function must not wait for a device. The work owns the
+// suspects until it is done. The collector allocates the buffer: a pool thread that allocates would
+// get memory that no other thread uses again.
+class SecondReads::Pass {
+public:
+  Pass(const Tree &tree, Engine &engine, std::deque<Suspects> suspects)
+      : tree_(tree), engine_(engine), suspects_(std::move(suspects)), work_([this] { read(); }) {
+    vorn_timer_set(&timer_, kDelay, reinterpret_cast<std::uint64_t>(this), expired);
+    if (vorn_timer_add(&timer_) != 0)
+      throw std::runtime_error("no timer can be armed, the log says why");
+  }
+  Pass(const Pass &) = delete;
+  Pass &operator=(const Pass &) = delete;
+  ~Pass() { vorn_timer_delete_sync(&timer_); }
+
+  bool done() const { return work_.done(); }
+  const std::deque<Suspects> &suspects() const { return suspects_; }
+
+private:
+  static void expired(std::uint64_t self) { reinterpret_cast<Pass *>(self)->work_.start(); }
+
+  void read() {
+    for (Suspects &file : suspects_) {
+      if (interrupted()) return;
+      read(file);
+    }
+  }
+
+  // A block that cannot be read again stays wrong. A file that was written since the first read
+  // proves nothing.
+  void read(Suspects &suspects) {
+    DataFile file;
+    const bool open =
+        file.adopt(tree_.open(suspects.file.path, O_RDONLY), false) == 0;
+    for (Suspect &suspect : suspects.blocks) {
+      if (interrupted()) return;
+      suspect.again = !open ? Again::kWrong
+                      : same_state(suspects.now, file.attributes())
+                          ? read(file, suspects.file.size, suspect)
+                          : Again::kWritten;
+    }
+    if (!open || !file.has_changed()) return;
+    for (Suspect &suspect : suspects.blocks)
+      suspect.again = Again::kWritten;
+  }
+
+  Again read(DataFile &file, std::uint64_t size, const Suspect &suspect) {
+    const std::size_t length = block_length(size, suspect.block);
+    const std::span<std::byte> room = buffer_.room();
+    const ssize_t got = file.read(suspect.block * kBlockSize, room);
+    engine_.charge(length);
+    if (got < static_cast<ssize_t>(length)) return Again::kWrong;
+    return checksums_of(room.first(length)) == suspect.expected ? Again::kRight : Again::kWrong;
+  }
+
+  const Tree &tree_;
+  Engine &engine_;
+  std::deque<Suspects> suspects_;
+  Buffer buffer_{kBlockSize};
+  Work work_;
+  vorn_timer_s timer_{};
+};
+
+SecondReads::SecondReads(const Tree &tree, Engine &engine,
+                         std::function<void(const Suspects &)> take)
+    : tree_(tree), engine_(engine), take_(std::move(take)) {}
+
+SecondReads::~SecondReads() = default;
+
+void SecondReads::add(Suspects suspects) {
+  while (waiting_blocks_ >= kMostWaiting && wait_for_pass()) {
+  }
+  waiting_blocks_ += suspects.blocks.size();
+  waiting_.push_back(std::move(suspects));
+  start_pass();
+}
+
+void SecondReads::poll() {
+  if (pass_ == nullptr || !pass_->done()) return;
+  const std::unique_ptr<Pass> done = std::move(pass_);
+  start_pass();
+  for (const Suspects &suspects : done->suspects())
+    take_(suspects);
+}
+
+void SecondReads::finish() {
+  while (wait_for_pass()) {
+  }
+}
+
+const Suspects *SecondReads::first() const {
+  if (pass_ != nullptr) return &pass_->suspects().front();
+  return waiting_.empty() ? nullptr : &waiting_.front();
+}
+
+void SecondReads::start_pass() {
+  if (pass_ != nullptr || waiting_.empty()) return;
+  pass_ = std::make_unique<Pass>(tree_, engine_, std::exchange(waiting_, {}));
+  waiting_blocks_ = 0;
+}
+
+// Returns false if there is no pass, or if the run is interrupted.
+bool SecondReads::wait_for_pass() {
+  if (pass_ == nullptr) return false;
+  while (!pass_->done()) {
+    if (interrupted()) return false;
+    vorn_10msleep(1);
+  }
+  poll();
+  return true;
+}
+
+} // namespace scrub
