@@ -53,6 +53,12 @@ void DamagedList::remove(std::string_view path) {
   changed_ = true;
 }
 
+void DamagedList::clear() {
+  changed_ |= all_ || !paths_.empty();
+  all_ = false;
+  paths_.clear();
+}
+
 int DamagedList::save() {
   if (!changed_) return 0;
   changed_ = false;

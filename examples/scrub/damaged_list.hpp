@@ -24,6 +24,8 @@ public:
   // For a file whose content is as recorded again, or is recorded anew.
   void remove(std::string_view path);
 
+  void clear();
+
   // Writes the list if it has changed. Returns 0 or an errno.
   int save();
 

@@ -103,6 +103,16 @@ void ManifestWriter::drop_file() {
 }
 
 void ManifestWriter::commit() {
+  put_end();
+  file_.commit();
+}
+
+Fd ManifestWriter::detach() {
+  put_end();
+  return file_.detach();
+}
+
+void ManifestWriter::put_end() {
   end_file();
   make_room(4 * kMaxVarint);
   put_head(RecordKind::kEnd, 0);
@@ -110,7 +120,6 @@ void ManifestWriter::commit() {
   put_varint(now_.totals.blocks);
   put_varint(now_.totals.bytes);
   flush_frame();
-  file_.commit();
 }
 
 void ManifestWriter::keep_unfinished() {

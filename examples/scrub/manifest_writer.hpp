@@ -34,6 +34,9 @@ public:
   // replaces is kept as OwnPaths::old_name().
   void commit();
 
+  // Instead of commit(): returns a descriptor of the complete manifest, which has no name.
+  Fd detach();
+
   // Leaves the unfinished file, without the last file if blocks of it are missing.
   void keep_unfinished();
 
@@ -52,6 +55,7 @@ private:
     Totals totals;
   };
 
+  void put_end();
   void put_tree(const TreeRecord &tree);
   void put_path(std::string_view path);
   void put_run();

@@ -9,7 +9,6 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include "comparison.hpp"
@@ -66,7 +65,7 @@ public:
       : job_(job), options_(job.options), report_(report), update_(update), tree_(job.root),
         own_(job.paths), old_(std::move(old)), record_(new_tree(tree_, options_.scope, old_tree())),
         filter_(options_.scope, record_), walk_(tree_, own_, options_.scope, record_),
-        damaged_(job.paths), moves_(job.paths.manifest_directory) {
+        known_(job.paths), damaged_(job.paths), moves_(job.paths.manifest_directory) {
     check_readable(tree_, job);
     if (old_) check_same_tree(old_->again.tree(), tree_, job);
     for (const std::string &path : options_.accepted)
@@ -110,9 +109,10 @@ private:
     accepted_.insert(String(path));
   }
 
-  // The planner's thread calls this; the lists do not change while it runs, except for paths that
-  // it has passed.
-  bool must_read(const String &path) const { return to_read_.contains(path); }
+  // The planner's thread calls this; neither list changes while it runs.
+  bool must_read(const String &path) const {
+    return known_.contains(path) || accepted_.contains(path);
+  }
 
   // The bytes to read, for the progress bar.
   std::uint64_t count_bytes() {
@@ -300,7 +300,7 @@ private:
     Attributes now;
     const auto begin = [&](const Attributes &attributes) {
       now = attributes;
-      comparison.emplace(old_->again, entry.record, now, damaged_.contains(entry.record.path));
+      comparison.emplace(old_->again, entry.record, now, known_.contains(entry.record.path));
       writer_->begin_file(record_of(entry.path(), now));
     };
     const int error = read(batch, entry, begin, [&](const Engine::Blocks &blocks) {
@@ -457,6 +457,7 @@ private:
   const TreeRecord record_;
   const ScopeFilter filter_;
   Walk walk_;
+  const DamagedList known_; // before the run
   DamagedList damaged_;
   Paths accepted_;
   Moves moves_;
@@ -490,10 +491,8 @@ std::unique_ptr<Old> unfinished(const Job &job, Report &report) {
     report.note("There is no unfinished manifest: the run begins at the start");
     return nullptr;
   }
-  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
-    throw std::runtime_error("another run is writing " + name);
+  // The writer refuses to replace the file if another run holds it.
   auto old = std::make_unique<Old>(std::move(fd), name, ManifestReader::Kind::kPartial);
-  unlink(name.c_str());
   report.note("Going on with " + name);
   return old;
 }

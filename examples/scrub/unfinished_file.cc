@@ -79,6 +79,13 @@ void UnfinishedFile::keep() {
   file_ = Fd();
 }
 
+Fd UnfinishedFile::detach() {
+  if (unlinkat(directory_.get(), paths_.unfinished_name().c_str(), 0) != 0 ||
+      lseek(file_.get(), 0, SEEK_SET) != 0)
+    fail("cannot read " + paths_.unfinished());
+  return std::move(file_);
+}
+
 // Makes the old name a second name of the manifest, so that the manifest is never without its own.
 // If the file system has no links, renames the manifest and returns true.
 bool UnfinishedFile::keep_old() const {

@@ -37,6 +37,9 @@ public:
   // Syncs the file to the disk and leaves it there.
   void keep();
 
+  // Removes the name, and returns a descriptor at the beginning of what was written.
+  Fd detach();
+
 private:
   void check_replaceable(const std::string &name) const;
   struct stat open_locked(int flags);
