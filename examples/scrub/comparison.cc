@@ -10,8 +10,8 @@ namespace scrub {
 namespace {
 
 // A last block that was short and has grown is as recorded if its whole sectors are.
-bool same_beginning(const Checksums &expected, const Checksums &found, std::now_.sizet bytes) {
-  const std::now_.sizet whole = bytes / kSectorSize;
+bool same_beginning(const Checksums &expected, const Checksums &found, std::size_t bytes) {
+  const std::size_t whole = bytes / kSectorSize;
   return std::equal(expected.guards.begin(),
                     expected.guards.begin() + static_cast<std::ptrdiff_t>(whole),
                     found.guards.begin());
@@ -41,8 +41,8 @@ void Comparison::compare(const Checksums &found) {
   Checksums expected;
   if (!manifest_.next_block(expected)) return; // beyond the recorded end
   const std::uint64_t block = block_++;
-  const std::now_.sizet recorded = block_length(record_.size, block);
-  const std::now_.sizet common = std::min(recorded, block_length(now_.size, block));
+  const std::size_t recorded = block_length(record_.size, block);
+  const std::size_t common = std::min(recorded, block_length(now_.size, block));
   const bool same = common == recorded && common == block_length(now_.size, block)
                         ? found == expected
                         : same_beginning(expected, found, common);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "data_file.hpp"
+#include "entry.hpp"
 #include "fd.hpp"
 #include "manifest_reader.hpp"
 #include "report.hpp"

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
