@@ -40,7 +40,9 @@ struct Entry {
   Found file{};          // if it is found
   int unreachable = 0;   // recorded below a directory that cannot be read: why
 
-  // The recorded blocks that the run reads; all of them if whole is set.
+  // The recorded blocks that the run reads; all of them if whole is set. in is set if the record is
+  // in the run's part, even if there is no block to read.
+  bool in = true;
   bool whole = true;
   std::uint64_t first_block = 0;
   std::uint64_t end_block = 0;

@@ -47,7 +47,7 @@ void Planner::take(Entry &entry) {
   entry.action = Action::kNothing;
   entry.error = 0;
   entry.first_block = entry.end_block = 0;
-  entry.whole = true;
+  entry.whole = entry.in = true;
   const bool found_first =
       more_found_ && (!more_recorded_ || path_before(found_.path, record_.path));
   if (found_first) return take_found(entry);
@@ -97,6 +97,7 @@ void Planner::select(Entry &entry) {
   const Window::Selection selection = window_.select(entry.record);
   entry.first_block = selection.first;
   entry.end_block = selection.end;
+  entry.in = selection.in;
   entry.whole = selection.end - selection.first == blocks;
   if (!selection.in || (selection.first == selection.end && blocks != 0))
     entry.action = Action::kNothing;

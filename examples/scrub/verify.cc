@@ -136,6 +136,7 @@ private:
     report_.note(std::string("Going on after ") + escape(checkpoint->position.path).c_str());
     for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
       count(static_cast<Count>(i)) += checkpoint->counts[i];
+    count(Count::kSkipped) = 0; // directories, which the run meets again
     last_ = checkpoint->position;
   }
 
@@ -189,8 +190,10 @@ private:
 
   void take_lost(const Entry &entry) {
     report_.progress().drop_bytes(bytes_of(entry));
-    if (entry.unreachable != 0 && entry.unreachable != ENOENT)
-      return unreadable(entry.record, std::strerror(entry.unreachable));
+    if (entry.unreachable != 0 && entry.unreachable != ENOENT) {
+      if (entry.in) unreadable(entry.record, std::strerror(entry.unreachable));
+      return;
+    }
     Digest digest;
     Checksums block;
     while (manifest_.next_block(block) && !interrupted())
