@@ -30,8 +30,9 @@ std::string tree_text(const TreeRecord &tree) {
 } // namespace
 
 void check_readable(const Tree &tree, const Job &job) {
-  if (job.options.scope.pseudo || !tree.is_pseudo()) return;
-  throw std::runtime_error(job.root + " is a " + tree.file_system_name() +
+  const char *name = tree.pseudo_name();
+  if (job.options.scope.pseudo || name == nullptr) return;
+  throw std::runtime_error(job.root + " is a " + name +
                            " file system, which holds no data; --pseudo reads it");
 }
 
