@@ -318,8 +318,7 @@ TEST(ManifestRefusal, OfRecordsThatTheWriterDoesNotWrite) {
       head += static_cast<char>(number >= 0x80 ? number | 0x80 : number);
     payloads.push_back(head + std::string(kPathPiece, 'a'));
   }
-  EXPECT_NE(refusal(framed(payloads)).find("proper record of a file"), std::string::npos)
-      ;
+  EXPECT_NE(refusal(framed(payloads)).find("proper record of a file"), std::string::npos);
 }
 
 TEST_F(Manifest, IsRefusedIfAnyByteDiffersOrIsMissing) {
