@@ -207,6 +207,22 @@ TEST_F(Manifest, KeepsWhatItIsGiven) {
   EXPECT_EQ(manifest->code(), writer.code());
 }
 
+// docs/manifest.md explains these bytes.
+TEST_F(Manifest, IsWrittenAsDocumented) {
+  TreeRecord tree;
+  tree.root = "/t";
+  tree.device = 1;
+  tree.inode = 2;
+  ManifestWriter writer(paths_, tree);
+  add(writer, {{"a", 5, {1, 0}, {2, 0}, 3}, {checksums_of(std::as_bytes(std::span("hello", 5)))}});
+  writer.commit();
+  EXPECT_EQ(read_file(paths_.manifest()),
+            "vorn-scrub-manifest 2 block 4096 crc32c sector 512 crc16-t10dif\n"
+            "\x09\0\0\0\x4f\x3e\x46\xfb\1\1\2\0\2/t\0\0"
+            "\x14\0\0\0\x64\x56\xaf\x23\3\1a\5\2\0\4\0\6"
+            "\x0c\x4c\xbb\x71\x9a\x82\xe9\6\1\1\5"s);
+}
+
 TEST_F(Manifest, IsSmall) {
   const auto bytes = [&](const std::vector<Recorded> &files) {
     write(files);
