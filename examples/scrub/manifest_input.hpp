@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -33,11 +34,15 @@ public:
   const std::string &name() const { return name_; }
 
 private:
+  struct Free {
+    void operator()(char *bytes) const { vorn_free(bytes); }
+  };
+
   void fill();
 
   int fd_;
   std::string name_;
-  Vector<char> buffer_;
+  std::unique_ptr<char[], Free> buffer_; // not initialized: a small manifest touches little of it
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   std::uint64_t offset_ = 0;

@@ -87,6 +87,7 @@ void ManifestWriter::add_block(const Checksums &block) {
 }
 
 void ManifestWriter::add_zero_blocks(std::uint64_t count) {
+  if (count == 0) return;
   if (run_blocks_ != 0) put_run();
   zeros_ += count;
   block_ += count;
