@@ -208,8 +208,8 @@ const TableText &text_of(FindingKind kind) {
   static const TableText kTexts[] = {
       {"damage", "Damage",
        "Ranges of blocks of 4,096 bytes that differ. The checksums are those of the first block of "
-       "the range; sectors of 512 bytes have their guards, expected and found.",
-       {"Path", "Verdict", "Blocks", "First byte", "CRC-32C expected", "CRC-32C found",
+       "the range; sectors of 512 bytes have their guards, recorded and found.",
+       {"Path", "Verdict", "Blocks", "First byte", "CRC-32C recorded", "CRC-32C found",
         "Sectors of the first block"}},
       {"not-read", "Not read", "Files that were not read to their end.", {"Path", "Verdict", "Why"}},
       {"differences", "Differences", "Files that were written, moved, added or removed.",
@@ -235,7 +235,8 @@ Html count_table(const DirectoryFigures &directory) {
   Html html;
   html << begin_table("counts", "Files by verdict.", {"Verdict", "Files"});
   for (std::size_t i = 0; i < directory.counts.size(); ++i)
-    html << "<tr>" << row_header(kVerdictNames[i]) << number_cell(directory.counts[i]) << "</tr>\n";
+    html << (directory.counts[i] == 0 ? Literal("<tr class=\"none\">") : Literal("<tr>"))
+         << row_header(kVerdictNames[i]) << number_cell(directory.counts[i]) << "</tr>\n";
   if (directory.accepted != 0)
     html << "<tr>" << row_header("Accepted as it is") << number_cell(directory.accepted)
          << "</tr>\n";
@@ -280,12 +281,12 @@ Html directory_section(const PageFigures &figures, std::size_t number,
   if (!directory.failure.empty()) html << paragraph("Error: " + directory.failure + ".");
   for (const std::string &note : directory.notes)
     html << paragraph(note);
+  html << "<div class=\"plots\">\n"
+       << count_table(directory) << row_table("read", "What was read and recorded.", directory.figures)
+       << "</div>\n";
   for (std::size_t kind = 0; kind < kFindingKinds; ++kind)
     html << finding_table(static_cast<FindingKind>(kind), tables[kind]);
-  html << "<h3>Counts</h3>\n<div class=\"plots\">\n"
-       << count_table(directory) << row_table("read", "What was read and recorded.", directory.figures)
-       << "</div>\n"
-       << plots(directory) << cpu_table(directory.cpus) << "<p>Manifest: <span class=\"path\">"
+  html << plots(directory) << cpu_table(directory.cpus) << "<p>Manifest: <span class=\"path\">"
        << path_of(directory.manifest) << "</span></p>\n</section>\n";
   return html;
 }
@@ -301,7 +302,7 @@ Html thread_rows(const std::vector<ThreadRow> &threads) {
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%.3f s", thread.seconds);
     html << "<tr>" << row_header(thread.name) << number_cell(std::to_string(thread.tid))
-         << cell(thread.strategy.empty() ? "none of the library" : thread.strategy)
+         << cell(thread.strategy.empty() ? "not the library's" : thread.strategy)
          << number_cell(seconds) << cell(thread.ended ? "ended" : "runs") << "</tr>\n";
   }
   html << kEndTable;

@@ -30,7 +30,10 @@ h1 { margin: 0; font-size: clamp(2rem, 7vw, 3.5rem); line-height: 1.1; letter-sp
 h2 { margin: 2rem 0 .5rem; padding-bottom: .25rem; border-bottom: 2px solid var(--edge); }
 h3 { margin: 1.5rem 0 .5rem; }
 .path, .code { font-family: ui-monospace, monospace; font-size: .9em; overflow-wrap: anywhere; }
-.scroll { overflow-x: auto; }
+.scroll { overflow: auto; max-height: 36rem; }
+.code { overflow-wrap: normal; }
+.none { color: var(--quiet); }
+thead th { position: sticky; top: 0; background: var(--back); }
 table { border-collapse: collapse; }
 caption { text-align: left; color: var(--quiet); padding-bottom: .25rem; }
 th, td { padding: .25rem .75rem; border-bottom: 1px solid var(--edge); text-align: left; vertical-align: top; }
@@ -39,6 +42,7 @@ th[scope=row] { font-weight: normal; }
 th[scope=row].path { min-width: 14rem; }
 .number { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
 .plots { display: grid; grid-template-columns: repeat(auto-fit, minmax(min(100%, 28rem), 1fr)); gap: 1rem 2rem; }
+.plots { margin-top: 1rem; }
 .plots h3 { margin-top: .5rem; }
 figure { margin: 0; }
 figcaption { color: var(--quiet); }
@@ -54,12 +58,12 @@ figcaption { color: var(--quiet); }
 .area { fill: var(--data); opacity: .2; }
 .bar { fill: var(--data); }
 footer { color: var(--quiet); }
-@media print { header { color: #000; background: none !important; border: 3px solid; } }
+@media print { header { color: #000; background: none !important; border: 3px solid; } .scroll { max-height: none; } }
 )css";
 
 // The SHA-256 of the style. A browser that finds another one says which it expects.
 inline constexpr const char *kPagePolicy =
-    "default-src 'none'; style-src 'sha256-MUv2V0kh08hk7UXjKV7PwiRGE3PvpJh+ObnUFZqKP10='; base-uri 'none'; form-action 'none'";
+    "default-src 'none'; style-src 'sha256-cls8qQwgilHf4pDdeyrwsmQJHFfon0+o5QQao5W9wus='; base-uri 'none'; form-action 'none'";
 
 } // namespace scrub
 

@@ -19,12 +19,12 @@ namespace {
 constexpr double kWidth = 640;
 constexpr double kHeight = 230;
 constexpr double kLeft = 84;
-constexpr double kRight = 624;
+constexpr double kRight = 610;
 constexpr double kTop = 12;
 constexpr double kBottom = 176;
 
 constexpr std::size_t kMostSteps = 180; // of the throughput
-constexpr double kNanoseconds = 1e9;    // of a second
+constexpr double kNanoseconds = 1e9;     // of a second
 
 // Returns 1, 2 or 5 times a power of ten: the distance of the ticks of an axis that ends at end.
 double tick_distance(double end, double most_ticks) {
@@ -36,17 +36,25 @@ double tick_distance(double end, double most_ticks) {
   return 10 * power;
 }
 
+// Returns "1.5", "2", "150".
 std::string decimal(double number) {
   char text[32];
-  std::snprintf(text, sizeof text, "%.3g", number);
-  return text;
+  std::snprintf(text, sizeof text, "%.*f", number < 9.95 ? 1 : 0, number);
+  const std::string_view digits = text;
+  return std::string(digits.ends_with(".0") ? digits.substr(0, digits.size() - 2) : digits);
 }
 
-// Returns "500 µs", "1.05 ms", "2 s".
+// Returns "500 µs", "1.5 ms", "2 s".
 std::string time_text(double nanoseconds) {
   if (nanoseconds < 1e6) return decimal(nanoseconds / 1e3) + " µs";
   if (nanoseconds < 1e9) return decimal(nanoseconds / 1e6) + " ms";
   return decimal(nanoseconds / 1e9) + " s";
+}
+
+// Returns "600 MB" for "600.0 MB".
+std::string whole(std::string amount) {
+  const std::size_t end = amount.find(".0 ");
+  return end == std::string::npos ? amount : amount.erase(end, 2);
 }
 
 struct Axis {
@@ -237,7 +245,7 @@ Html throughput_plot(const Series::Figures &series, std::string_view of) {
   const Axis rates = Axis(peak, 5).whole();
 
   Html content;
-  content << vertical_axis(rates, [](double rate) { return bytes_text(rate) + "/s"; });
+  content << vertical_axis(rates, [](double rate) { return whole(bytes_text(rate)) + "/s"; });
   for (std::size_t i = 0; i < units.ticks(); ++i) {
     const double value = static_cast<double>(i) * units.distance;
     content << horizontal_tick(place_x(value / units.end), decimal(value));
@@ -268,7 +276,9 @@ Html latency_plot(const Series::Figures &series, std::string_view of) {
   std::size_t last = Series::kBuckets - 1;
   while (series.latency[last] == 0)
     --last;
-  const double width = (kRight - kLeft) / static_cast<double>(std::max<std::size_t>(last - first + 1, 8));
+  const std::size_t buckets = last - first + 1;
+  const double width = (kRight - kLeft) / static_cast<double>(std::max<std::size_t>(buckets, 8));
+  const std::size_t labelled = buckets > 8 ? buckets / 8 + 1 : 1; // each so many ticks
   const std::uint64_t most = *std::max_element(series.latency.begin(), series.latency.end());
   const Axis counts = Axis(static_cast<double>(std::max<std::uint64_t>(most, 5)), 5).whole();
 
@@ -278,7 +288,7 @@ Html latency_plot(const Series::Figures &series, std::string_view of) {
   for (std::size_t i = first; i <= last; ++i) {
     const double left = kLeft + static_cast<double>(i - first) * width;
     const std::string begin = time_text(bucket_begin(i));
-    content << horizontal_tick(left, i == 0 ? "0" : begin);
+    if ((i - first) % labelled == 0) content << horizontal_tick(left, begin);
     if (series.latency[i] == 0) continue;
     const std::string name =
         counted(series.latency[i], "read") + " of " + begin +
@@ -286,10 +296,10 @@ Html latency_plot(const Series::Figures &series, std::string_view of) {
     content << bar(left + 1, left + width - 1,
                    static_cast<double>(series.latency[i]) / counts.end, name);
   }
-  if (last + 1 < Series::kBuckets)
-    content << horizontal_tick(kLeft + static_cast<double>(last - first + 1) * width,
+  if (last + 1 < Series::kBuckets && buckets % labelled == 0)
+    content << horizontal_tick(kLeft + static_cast<double>(buckets) * width,
                                time_text(bucket_begin(last + 1)));
-  content << horizontal_title("time of a read, with the number of reads above it");
+  content << horizontal_title("time of a read; the bars count the reads");
 
   const std::string caption = counted(series.reads, "read") + ": half within " +
                               time_text(bound_of(series, 0.5)) + ", 99 % within " +

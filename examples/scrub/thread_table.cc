@@ -29,7 +29,7 @@ void ask_library(ThreadRow &row) {
   if (record == nullptr) return;
   const int strategy = __atomic_load_n(&record->strategy, __ATOMIC_RELAXED);
   const bool known = strategy >= 0 && strategy < VORN_THRD_STRATEGY_COUNT;
-  row.strategy = known ? kStrategies[strategy] : "none yet";
+  row.strategy = known ? kStrategies[strategy] : "none applied";
   vorn_thrd_putthreadinfo(record);
 }
 
