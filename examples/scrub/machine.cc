@@ -2,10 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "machine.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <numeric>
 #include <string>
+#include <utility>
 
 #include "text.hpp"
 #include "vorn_cpuinfo.h"
@@ -63,7 +65,50 @@ void CpuUsage::sample() {
   sums_.resize(usage.size());
   for (std::size_t cpu = 0; cpu < usage.size(); ++cpu)
     sums_[cpu] += usage[cpu];
+  keep(usage);
   ++samples_;
+}
+
+// Adds a sample to the last point of the history, or begins a point. A point has the
+// CPUs of its samples: there are none before the library's first sample.
+void CpuUsage::keep(const Vector<std::uint32_t> &usage) {
+  if (samples_ % per_point_ == 0) {
+    if (history_.size() == kPoints) halve();
+    history_.emplace_back(usage.size());
+  }
+  Vector<std::uint64_t> &point = history_.back();
+  point.resize(usage.size());
+  for (std::size_t cpu = 0; cpu < usage.size(); ++cpu)
+    point[cpu] += usage[cpu];
+}
+
+// Merges each two points into one.
+void CpuUsage::halve() {
+  for (std::size_t i = 0; i < kPoints / 2; ++i) {
+    Vector<std::uint64_t> &point = history_[2 * i];
+    const Vector<std::uint64_t> &next = history_[2 * i + 1];
+    for (std::size_t cpu = 0; cpu < std::min(point.size(), next.size()); ++cpu)
+      point[cpu] += next[cpu];
+    if (i != 0) history_[i] = std::move(point);
+  }
+  history_.resize(kPoints / 2);
+  per_point_ *= 2;
+}
+
+CpuFigures CpuUsage::figures() {
+  if (samples_ == 0) sample();
+  const std::lock_guard hold(mutex_);
+  CpuFigures figures;
+  for (std::size_t cpu = 0; cpu < sums_.size(); ++cpu) {
+    figures.means.push_back(static_cast<std::uint32_t>(mean(sums_[cpu], samples_)));
+    std::vector<std::uint8_t> &history = figures.history.emplace_back();
+    for (std::size_t i = 0; i < history_.size(); ++i) {
+      const std::uint64_t samples = std::min(per_point_, samples_ - i * per_point_);
+      const std::uint64_t sum = cpu < history_[i].size() ? history_[i][cpu] : 0;
+      history.push_back(static_cast<std::uint8_t>(std::min<std::uint64_t>(mean(sum, samples), 100)));
+    }
+  }
+  return figures;
 }
 
 void CpuUsage::print() {
@@ -79,17 +124,23 @@ void CpuUsage::print() {
   std::putchar('\n');
 }
 
-void print_layout() {
+std::string layout_text() {
   std::uint32_t packages = 0;
   std::uint32_t cpus = 0;
   char model[VORN_CPUMODEL_SIZE] = "";
   if (vorn_get_phycpu_num(&packages) != 0 || vorn_get_logic_cpu_num(&cpus) != 0 ||
       vorn_get_cpumodel_info(model) != 0)
-    return;
+    return {};
   const bool known = std::strcmp(model, "unknown") != 0;
-  std::printf("  machine   %s in %s%s%s, %u %% of the memory in use\n",
-              counted(cpus, "CPU").c_str(), counted(packages, "package").c_str(), known ? ", " : "",
-              known ? model : "", vorn_sysinfo_mem_usage());
+  return counted(cpus, "CPU") + " in " + counted(packages, "package") + (known ? ", " : "") +
+         (known ? model : "") + ", " + std::to_string(vorn_sysinfo_mem_usage()) +
+         " % of the memory in use";
+}
+
+void print_layout() {
+  const std::string layout = layout_text();
+  if (layout.empty()) return;
+  std::printf("  machine   %s\n", layout.c_str());
   print_nodes();
 }
 
