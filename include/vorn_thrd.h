@@ -68,7 +68,7 @@ enum {
   VORN_THRD_CONTEXT_IRQ = 2  /* acts for an interrupt */
 };
 
-/* A thread function. Its result is ignored, because threads are detached. */
+/* A thread function. Its result is ignored unless the thread has a handle: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
 /* Number of switches in a trace. */
@@ -454,15 +454,17 @@ VORN_API int vorn_thrd_create_handle(vorn_thrd_entry_f entry, void *argument,
 
 /* Waits until the thread's function has ended: by return, pthread_exit(3) or cancellation. All that
  * the function did, and all clean-up handlers that it pushed, happens before the return of the
- * wait: the caller sees every effect in memory. Any number of threads may wait for a thread, each
- * any number of times, until the handle is given back. A signal does not end the wait. handle:
- * handle of the thread timeout_ms: longest wait in milliseconds on CLOCK_MONOTONIC; 0 does not
- * wait, -1 waits forever result: where the result goes, or NULL: what the function returned;
- * PTHREAD_CANCELED if the thread was cancelled, and also if it called pthread_exit(3), whose value
- * is lost Returns 0; 1 without a log message if the time ran out. Logs an error and returns -1 if
- * handle is NULL, timeout_ms is less than -1, the calling thread is the thread itself, or the
- * thread exists only in the parent of this process. Leaves *result unchanged unless it returns 0.
- */
+ * wait: the caller sees every effect in memory. The result is what the function returned, or
+ * PTHREAD_CANCELED if the thread was cancelled or called pthread_exit(3), whose value is lost. Any
+ * number of threads may wait for a thread, each any number of times, until the handle is given
+ * back. A signal does not end the wait.
+ *   handle: handle of the thread
+ *   timeout_ms: longest wait in milliseconds on CLOCK_MONOTONIC; 0 does not wait, -1 waits forever
+ *   result: where the result goes, or NULL
+ * Returns 0; 1 without a log message if the time ran out. Logs an error and returns -1 if handle is
+ * NULL, timeout_ms is less than -1, the calling thread is the thread itself, the thread exists only
+ * in the parent of this process, or the system refuses to wait. Leaves *result unchanged unless it
+ * returns 0. */
 VORN_API int vorn_thrd_wait_handle(vorn_thrd_handle_s *handle, int timeout_ms, void **result);
 
 /* Gives a handle back. The thread may still run, and also may be the calling thread. No thread may

@@ -2,7 +2,8 @@
 //
 // The registry keeps neither comments nor line numbers, so this reads the file again, with the
 // lines and the parser of a registration. It holds no lock meanwhile: the caller's function may
-// edit the file. SPDX-License-Identifier: Apache-2.0
+// edit the file.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_cfg.c"
 #include <cerrno>
 

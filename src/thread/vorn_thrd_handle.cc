@@ -1,5 +1,4 @@
-// Implements the handles of threads, by which other threads wait for the end of a thread's
-// function.
+// Implements the handles by which threads wait for the end of other threads' functions.
 //
 // The thread's function runs inside run_function, which stores the result and then ends the
 // handle's word:
@@ -22,9 +21,11 @@
 // fork() waits while a thread stores the result, so a child finds both or none. Of a thread that
 // has not ended, the child has only the handle, unless the thread itself has called fork(). The
 // handle's generation says so: every child begins a new one, to which it moves the handle of its
-// only thread. SPDX-License-Identifier: Apache-2.0
+// only thread.
+// SPDX-License-Identifier: Apache-2.0
 #define VORN_FILE "vorn_thrd.c"
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 #include <pthread.h>
@@ -121,19 +122,18 @@ void *run_function(void *argument) {
   return result;
 }
 
-// Returns whether the function ended before the time ran out.
-bool wait_for_end(const Handle &handle, int timeout_ms) {
-  if (has_ended(handle)) return true;
-  if (timeout_ms == 0) return false;
+// Returns 0 if the function has ended, ETIMEDOUT, or the errno of the system's refusal.
+int wait_for_end(const Handle &handle, int timeout_ms) {
   timespec deadline{};
   if (timeout_ms > 0)
     deadline = monotonic_after(static_cast<std::uint64_t>(timeout_ms) * kNanosecondsPerMillisecond);
   const ErrnoGuard errno_stays;
-  for (;;) {
-    const int error = futex_wait(&handle.word, kRuns, timeout_ms == kForever ? nullptr : &deadline);
-    if (has_ended(handle)) return true;
-    if (error == ETIMEDOUT) return false;
+  int error = timeout_ms == 0 ? ETIMEDOUT : EAGAIN;
+  while (!has_ended(handle)) {
+    if (error != 0 && error != EINTR && error != EAGAIN) return error;
+    error = futex_wait(&handle.word, kRuns, timeout_ms == kForever ? nullptr : &deadline);
   }
+  return 0;
 }
 
 } // namespace
@@ -160,7 +160,9 @@ int vorn_thrd_wait_handle(vorn_thrd_handle_s *handle, int timeout_ms, void **res
   if (handle == t_handle) return VORN_FAIL(-1, "A thread waits for its own end.");
   if (is_of_parent(*handle) && !has_ended(*handle))
     return VORN_FAIL(-1, "The thread exists only in the parent process.");
-  if (!wait_for_end(*handle, timeout_ms)) return 1;
+  const int error = wait_for_end(*handle, timeout_ms);
+  if (error == ETIMEDOUT) return 1;
+  if (error != 0) return VORN_FAIL(-1, "Wait for a thread failed, errno(%d).", error);
   if (result != nullptr) *result = handle->result;
   return 0;
 }
