@@ -36,9 +36,10 @@ void check_readable(const Tree &tree, const Job &job) {
                            " file system, which holds no data; --pseudo reads it");
 }
 
-void check_same_tree(const TreeRecord &recorded, const Tree &tree, const Job &job) {
+bool is_foreign(const TreeRecord &recorded, const Tree &tree, const Job &job) {
   const TreeRecord found = tree.identity();
-  if (!recorded.known || job.options.any_tree || same_tree(recorded, found)) return;
+  if (!recorded.known || same_tree(recorded, found)) return false;
+  if (job.options.any_tree) return true;
   throw std::runtime_error(job.paths.manifest() + " belongs to another tree: it records " +
                            tree_text(recorded) + ", this is " + tree_text(found) +
                            "; --any-tree takes it");

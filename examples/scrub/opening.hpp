@@ -19,8 +19,9 @@ namespace scrub {
 // Throws std::runtime_error if the tree is on a pseudo file system that the run may not read.
 void check_readable(const Tree &tree, const Job &job);
 
-// Throws std::runtime_error if the manifest belongs to another tree and the run does not take any.
-void check_same_tree(const TreeRecord &recorded, const Tree &tree, const Job &job);
+// Returns whether the manifest belongs to another tree. Throws std::runtime_error if the run does not
+// take any tree.
+bool is_foreign(const TreeRecord &recorded, const Tree &tree, const Job &job);
 
 // Opens a manifest, or another file of the run. Throws an exception if it is no regular file.
 Fd open_manifest(const std::string &path);

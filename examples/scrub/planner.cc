@@ -40,6 +40,13 @@ std::size_t Planner::fill(std::span<Entry> entries) {
   return count;
 }
 
+void Planner::next_recorded() {
+  more_recorded_ = manifest_ != nullptr && manifest_->next_file(record_);
+  if (!more_recorded_ || !wanted_.foreign) return;
+  record_.changed = FileRecord().changed;
+  record_.inode = 0;
+}
+
 // A recorded path that is a directory now, which cannot be read, is missing as a file.
 void Planner::take(Entry &entry) {
   entry.recorded = entry.found = entry.outside = entry.dropped = false;

@@ -19,6 +19,9 @@ namespace scrub {
 struct Wanted {
   Action recorded;
   Action added;
+  // The manifest was made of another tree, a copy of this one: the copy has other inodes, and other
+  // times of change, which say nothing.
+  bool foreign = false;
   std::function<bool(const String &path)> always = nullptr; // recorded files that are read anyway
 };
 
@@ -32,7 +35,7 @@ public:
   std::size_t fill(std::span<Entry> entries);
 
 private:
-  void next_recorded() { more_recorded_ = manifest_ != nullptr && manifest_->next_file(record_); }
+  void next_recorded();
   void next_found() { more_found_ = walk_.next(found_); }
   void take(Entry &entry);
   void take_recorded(Entry &entry);

@@ -67,16 +67,16 @@ public:
         filter_(options_.scope, record_), walk_(tree_, own_, options_.scope, record_),
         known_(job.paths), damaged_(job.paths), moves_(job.paths.manifest_directory) {
     check_readable(tree_, job);
-    if (old_) check_same_tree(old_->again.tree(), tree_, job);
+    foreign_ = old_ != nullptr && is_foreign(old_->again.tree(), tree_, job);
     for (const std::string &path : options_.accepted)
       accept(path);
     writer_.emplace(job.paths, record_);
   }
 
   void run() {
-    if (!update_ && report_.progress().shows_bar()) report_.progress().set_total(count_bytes());
+    if (!update_ && report_.progress().shows_bar()) report_.progress().expect_bytes(count_bytes());
     Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
-    Wanted wanted{Action::kIfWritten, Action::kRead};
+    Wanted wanted{Action::kIfWritten, Action::kRead, foreign_};
     if (update_)
       wanted.always = [this](const String &path) { return must_read(path); };
     planner_.emplace(old_ ? &old_->planned : nullptr, walk_, filter_, Window(), wanted);
@@ -465,6 +465,7 @@ private:
 
   FileRecord record_now_{};
   bool writing_ = false; // a file that may be dropped
+  bool foreign_ = false; // the old manifest is of another tree
   bool hidden_ = false;  // a directory could not be read that is not recorded
   Vector<String> restored_;
   Paths dropped_;

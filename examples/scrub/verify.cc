@@ -85,14 +85,14 @@ public:
         part_(part_state_.choose(options_.part)), ranges_(report),
         moves_(job.paths.manifest_directory) {
     check_readable(tree_, job);
-    check_same_tree(checked_.tree, tree_, job);
+    foreign_ = is_foreign(checked_.tree, tree_, job);
   }
 
   void run() {
     choose_window();
-    report_.progress().set_total(bytes_);
+    report_.progress().expect_bytes(bytes_);
     Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
-    planner_.emplace(&planned_, walk_, filter_, window_, Wanted{Action::kRead, Action::kStatus});
+    planner_.emplace(&planned_, walk_, filter_, window_, Wanted{Action::kRead, Action::kStatus, foreign_});
     engine_.emplace(options_, report_.series(),
                     [this](std::span<Entry> entries) { return planner_->fill(entries); });
     second_.emplace(tree_, *engine_, [this](const Suspects &suspects) { judge(suspects); });
@@ -446,6 +446,7 @@ private:
   Totals read_{};
   Medium medium_{};
   bool limited_ = false;
+  bool foreign_ = false; // the manifest is of another tree
   std::set<String, std::less<>> changed_; // the files told as changed
 
   std::optional<Planner> planner_;
