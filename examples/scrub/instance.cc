@@ -15,9 +15,22 @@ constexpr auto kCounts = static_cast<std::size_t>(Count::kCounts);
 constexpr std::uint64_t kNone = ~std::uint64_t{0};
 
 // The names of the counts in the library's tables, for an operator.
-constexpr std::array<const char *, kCounts> kNames = {
-    "files",   "bytes",      "damaged files", "damaged blocks", "passing files", "passing blocks",
-    "missing", "unreadable", "new",           "skipped"};
+constexpr std::array<const char *, kCounts> kNames = {"files read",
+                                                      "bytes read",
+                                                      "damaged files",
+                                                      "files with passing faults",
+                                                      "modified files",
+                                                      "grown files",
+                                                      "shrunk files",
+                                                      "missing files",
+                                                      "new files",
+                                                      "moved files",
+                                                      "unreadable files",
+                                                      "files changed while read",
+                                                      "skipped files",
+                                                      "damaged blocks",
+                                                      "blocks with passing faults",
+                                                      "accepted files"};
 
 std::array<std::uint64_t, kCounts> variables; // their ids, set by prepare_instances()
 
@@ -41,6 +54,13 @@ void prepare_instances(std::size_t instances) {
 }
 
 std::uint64_t &count(Count which) { return value(0, which); }
+
+Tally tally() {
+  Tally tally;
+  for (std::size_t i = 0; i < kCounts; ++i)
+    tally[static_cast<Count>(i)] = count(static_cast<Count>(i));
+  return tally;
+}
 
 Instance::Instance(const std::string &name, std::function<void()> body) : body_(std::move(body)) {
   vorn_sem_enhance_init(&ended_, 0);

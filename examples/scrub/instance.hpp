@@ -5,29 +5,43 @@
 #ifndef SCRUB_INSTANCE_HPP
 #define SCRUB_INSTANCE_HPP
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
 
+#include "verdict.hpp"
 #include "vorn_sem_enhance.h"
 
 namespace scrub {
 
 // The counts of a run. Each is a variable of the instances.
 enum class Count : std::size_t {
-  kFiles,
+  kFiles, // that were read
   kBytes,
-  kDamagedFiles,
+  kDamaged, // files of each verdict, in the order of Verdict
+  kPassing,
+  kModified,
+  kGrown,
+  kShrunk,
+  kMissing,
+  kNew,
+  kMoved,
+  kUnreadable,
+  kChanged,
+  kSkipped,
   kDamagedBlocks,
-  kPassingFiles,
-  kPassingBlocks, // wrong at the first read, right at the second
-  kMissing,       // in the manifest, but not in the tree
-  kUnreadable,    // in both, but could not be read to the end
-  kNew,           // in the tree, but not in the manifest
-  kSkipped,       // not in the manifest, and could not be read
+  kPassingBlocks,
+  kAccepted, // damaged files that --accept names, which do not count as damaged
   kCounts
 };
+
+constexpr Count count_for(Verdict verdict) {
+  return static_cast<Count>(static_cast<std::size_t>(Count::kDamaged) +
+                            static_cast<std::size_t>(verdict));
+}
+static_assert(count_for(Verdict::kSkipped) == Count::kSkipped);
 
 // Reserves the instances and registers the counts. Throws std::runtime_error. Called once, after
 // the start of the library.
@@ -36,6 +50,20 @@ void prepare_instances(std::size_t instances);
 // The value of the instance that the calling thread works for. Only one thread of an instance at a
 // time may use it.
 std::uint64_t &count(Count which);
+inline std::uint64_t &count_of(Verdict verdict) { return count(count_for(verdict)); }
+
+// The values of all counts at one time.
+class Tally {
+public:
+  std::uint64_t &operator[](Count which) { return values_[static_cast<std::size_t>(which)]; }
+  std::uint64_t operator[](Count which) const { return values_[static_cast<std::size_t>(which)]; }
+
+private:
+  std::array<std::uint64_t, static_cast<std::size_t>(Count::kCounts)> values_{};
+};
+
+// Reads the counts of the calling thread's instance.
+Tally tally();
 
 class Instance {
 public:

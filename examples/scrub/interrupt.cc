@@ -1,4 +1,4 @@
-// Catches the signals that end a run.
+// Catches the signals that end a run or ask for its progress.
 // SPDX-License-Identifier: Apache-2.0
 #include "interrupt.hpp"
 
@@ -10,9 +10,11 @@ namespace scrub {
 namespace {
 
 std::atomic<bool> noted = false;
+std::atomic<bool> asked = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 void note_interrupt(int) { noted.store(true, std::memory_order_relaxed); }
+void note_question(int) { asked.store(true, std::memory_order_relaxed); }
 
 } // namespace
 
@@ -21,12 +23,20 @@ void catch_signals() {
   action.sa_handler = note_interrupt;
   for (int number : {SIGINT, SIGTERM, SIGHUP})
     sigaction(number, &action, nullptr);
+  action.sa_handler = note_question;
+  action.sa_flags = SA_RESTART; // the question disturbs no read
+  sigaction(SIGUSR1, &action, nullptr);
   action.sa_handler = SIG_IGN;
   for (int number : {SIGPIPE, SIGXFSZ})
     sigaction(number, &action, nullptr);
 }
 
 bool interrupted() { return noted.load(std::memory_order_relaxed); }
+
+bool progress_wanted() {
+  // The plain load keeps the usual look, with no question, from writing to the cache line.
+  return asked.load(std::memory_order_relaxed) && asked.exchange(false, std::memory_order_relaxed);
+}
 
 void check_interrupt() {
   if (interrupted()) throw std::runtime_error("interrupted");

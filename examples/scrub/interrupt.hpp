@@ -1,5 +1,5 @@
-// Ends the run in an orderly way on SIGINT, SIGTERM and SIGHUP.
-// SPDX-License-Identifier: Apache-2.0
+// Ends the run in an orderly way on SIGINT, SIGTERM and SIGHUP, and tells of SIGUSR1, which asks
+// for the run's progress. SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_INTERRUPT_HPP
 #define SCRUB_INTERRUPT_HPP
 
@@ -12,6 +12,9 @@ void catch_signals();
 // thread may call either wherever the run may stop.
 bool interrupted();
 void check_interrupt();
+
+// Returns whether SIGUSR1 has arrived since the last call that returned true.
+bool progress_wanted();
 
 } // namespace scrub
 

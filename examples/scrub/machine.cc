@@ -1,11 +1,9 @@
-// Prints the machine's layout and keeps the mean usage of its CPUs.
+// Describes the machine's layout and keeps the mean usage of its CPUs.
 // SPDX-License-Identifier: Apache-2.0
 #include "machine.hpp"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
-#include <numeric>
 #include <string>
 #include <utility>
 
@@ -42,16 +40,6 @@ std::string cpus_of(std::uint32_t node) {
     cpu = next;
   }
   return list;
-}
-
-// Prints the NUMA nodes of the file in the settings, or else of the node's file if there is one.
-void print_nodes() {
-  if (vorn_numam_init(nullptr) != 0 || vorn_numam_num_get() == 0) return;
-  const auto nodes = static_cast<std::uint32_t>(vorn_numam_num_get());
-  std::printf("  numa      %s:", counted(nodes, "node").c_str());
-  for (std::uint32_t node = 0; node < nodes; ++node)
-    std::printf("%s CPUs %s", node == 0 ? "" : ",", cpus_of(node).c_str());
-  std::putchar('\n');
 }
 
 // Returns the quotient, rounded to the nearest whole number.
@@ -105,23 +93,11 @@ CpuFigures CpuUsage::figures() {
     for (std::size_t i = 0; i < history_.size(); ++i) {
       const std::uint64_t samples = std::min(per_point_, samples_ - i * per_point_);
       const std::uint64_t sum = cpu < history_[i].size() ? history_[i][cpu] : 0;
-      history.push_back(static_cast<std::uint8_t>(std::min<std::uint64_t>(mean(sum, samples), 100)));
+      history.push_back(
+          static_cast<std::uint8_t>(std::min<std::uint64_t>(mean(sum, samples), 100)));
     }
   }
   return figures;
-}
-
-void CpuUsage::print() {
-  if (samples_ == 0) sample();
-  const std::lock_guard hold(mutex_);
-  if (sums_.empty()) return;
-  const std::uint64_t sum = std::accumulate(sums_.begin(), sums_.end(), std::uint64_t{0});
-  std::printf("  busy      %s %% of the CPUs:",
-              grouped(mean(sum, samples_ * sums_.size())).c_str());
-  for (std::size_t cpu = 0; cpu < sums_.size(); ++cpu)
-    std::printf("%s %zu: %s %%", cpu == 0 ? "" : ",", cpu,
-                grouped(mean(sums_[cpu], samples_)).c_str());
-  std::putchar('\n');
 }
 
 std::string layout_text() {
@@ -137,11 +113,13 @@ std::string layout_text() {
          " % of the memory in use";
 }
 
-void print_layout() {
-  const std::string layout = layout_text();
-  if (layout.empty()) return;
-  std::printf("  machine   %s\n", layout.c_str());
-  print_nodes();
+std::string nodes_text() {
+  if (vorn_numam_init(nullptr) != 0 || vorn_numam_num_get() == 0) return {};
+  const auto nodes = static_cast<std::uint32_t>(vorn_numam_num_get());
+  std::string text = counted(nodes, "node") + ":";
+  for (std::uint32_t node = 0; node < nodes; ++node)
+    text += (node == 0 ? " CPUs " : ", CPUs ") + cpus_of(node);
+  return text;
 }
 
 } // namespace scrub

@@ -1,4 +1,4 @@
-// Prints the layout of the machine and the usage of its CPUs during the run.
+// Describes the layout of the machine, and keeps the usage of its CPUs during the run.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MACHINE_HPP
 #define SCRUB_MACHINE_HPP
@@ -16,7 +16,8 @@ namespace scrub {
 // The usage of each CPU in percent.
 struct CpuFigures {
   std::vector<std::uint32_t> means{};
-  // Of each CPU: means of consecutive spans of time, all of the same length; the last may be shorter.
+  // Of each CPU: means of consecutive spans of time, all of the same length; the last may be
+  // shorter.
   std::vector<std::vector<std::uint8_t>> history{};
 };
 
@@ -27,9 +28,7 @@ public:
   // Called once a second.
   void sample();
 
-  // Prints the mean of each CPU, or only the last second if there is no sample.
-  void print();
-
+  // The means are those of the last second if there is no sample.
   CpuFigures figures();
 
 private:
@@ -45,11 +44,13 @@ private:
   std::uint64_t per_point_ = 1;           // samples
 };
 
-// Returns "4 CPUs in 1 package, MODEL, 40 % of the memory in use"; empty if the machine does not tell.
+// Returns "4 CPUs in 1 package, MODEL, 40 % of the memory in use"; empty if the machine does not
+// tell.
 std::string layout_text();
 
-// Prints packages, CPUs and model, the memory in use, and the NUMA nodes if there is a NUMA file.
-void print_layout();
+// Returns "2 nodes: CPUs 0-3, CPUs 4-7" from the NUMA file of the settings, or else of the node;
+// empty if there is none.
+std::string nodes_text();
 
 } // namespace scrub
 

@@ -3,9 +3,15 @@
 #include "report.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 
+#include "account.hpp"
+#include "finding_text.hpp"
+#include "html_report.hpp"
+#include "instance.hpp"
+#include "json_report.hpp"
 #include "log.hpp"
 #include "memory_table.hpp"
 #include "text.hpp"
@@ -14,177 +20,176 @@
 namespace scrub {
 namespace {
 
-// A finding is a result of the service, not a fault of it: its log messages have the level of
-// information. Those of higher levels also appear on the console.
-constexpr int kFinding = EVLOG_INFO;
+constexpr std::size_t kLongestLoggedPath = 2048; // bytes
+
+void print_row(const std::string &name, const std::string &value) {
+  if (!value.empty()) std::printf("  %-9s %s\n", name.c_str(), value.c_str());
+}
+
+std::string busy_text(const CpuFigures &cpus) {
+  if (cpus.means.empty()) return {};
+  std::uint64_t sum = 0;
+  for (const std::uint32_t mean : cpus.means)
+    sum += mean;
+  const std::uint64_t count = cpus.means.size();
+  std::string text = grouped((sum + count / 2) / count) + " % of the CPUs:";
+  for (std::size_t cpu = 0; cpu < count; ++cpu)
+    text += (cpu == 0 ? " " : ", ") + std::to_string(cpu) + ": " + grouped(cpus.means[cpu]) + " %";
+  return text;
+}
 
 void print_memory() {
   const Vector<ModuleMemory> modules = memory_by_module();
-  if (modules.empty()) std::puts("  memory    not accounted: there is no kernel module");
+  if (modules.empty()) print_row("memory", "not accounted: there is no kernel module");
   const char *title = "memory";
   for (const ModuleMemory &module : modules) {
-    std::printf("  %-9s %s held by %s\n", title,
-                bytes_text(static_cast<double>(module.bytes)).c_str(), module.name);
+    print_row(title, bytes_text(static_cast<double>(module.bytes)) + " held by " + module.name);
     title = "";
   }
 }
 
-void print_count(std::uint64_t count, const char *what) {
-  if (count != 0) std::printf(", %s %s", grouped(count).c_str(), what);
+std::string label_of(const Finding &finding) {
+  std::string label = finding_name(finding);
+  for (char &letter : label)
+    letter = static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
+  return label;
 }
 
-const char *verdict(ExitStatus status) {
-  switch (status) {
-  case kDamage:
-    return "\nDAMAGE FOUND";
-  case kPassingFault:
-    return "\nPASSING FAULTS: every recorded block is as it was, but was not read so at first";
-  default:
-    return "\nCLEAN: every recorded block is as it was";
-  }
+// A damaged file and one with passing faults have a finding for each range.
+bool counts_as_file(const Finding &finding) {
+  const bool ranges = finding.verdict == Verdict::kDamaged || finding.verdict == Verdict::kPassing;
+  return !ranges || finding.begins_file;
 }
 
 } // namespace
 
-ExitStatus Report::status() {
-  if (count(Count::kDamagedFiles) + count(Count::kMissing) + count(Count::kUnreadable) != 0)
-    return kDamage;
-  return count(Count::kPassingFiles) != 0 ? kPassingFault : kClean;
+Report::Report(const Job &job, Command command, const Outputs &outputs)
+    : job_(job), command_(command), outputs_(outputs), started_(vorn_time_getnanosec()),
+      progress_(outputs.console, std::string(printable(job.root)),
+                job.options.output == Output::kText && !job.options.quiet) {
+  figures_.root = job.root;
+  figures_.manifest = job.paths.manifest();
+  if (outputs_.json != nullptr) outputs_.json->begin_directory(job, outputs.has_log);
+  if (outputs_.page != nullptr) outputs_.page->begin_directory();
 }
 
-Report::Report(std::uint64_t total_bytes)
-    : started_(vorn_time_getnanosec()), progress_(total_bytes) {}
+bool Report::is_text() const { return job_.options.output == Output::kText; }
 
-void Report::damaged_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
-                           const Checksums &found) {
-  ++count(Count::kDamagedBlocks);
-  const String path = escape(file.path);
-  const std::uint64_t offset = block * kBlockSize;
-  progress_.print("DAMAGED     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
-                  ", found %08" PRIx32,
-                  path.c_str(), block, offset, expected.crc, found.crc);
-  SCRUB_LOG(kFinding,
-            "damaged: %s, block %" PRIu64 ", expected %08" PRIx32 ", found %08" PRIx32 ".",
-            path.c_str(), block, expected.crc, found.crc);
+void Report::begin(const std::string &what) {
+  if (is_text() && !job_.options.quiet) progress_.print("%s", what.c_str());
+  if (outputs_.has_log) SCRUB_LOG(EVLOG_INFO, "%s.", what.c_str());
+}
 
-  for (std::size_t i = 0; i < expected.sectors; ++i) {
-    if (expected.guards[i] == found.guards[i]) continue;
-    progress_.print("            sector %" PRIu64 " at offset %" PRIu64
-                    ", guard expected %04x, found %04x",
-                    block * kSectorsPerBlock + i, offset + i * kSectorSize, expected.guards[i],
-                    found.guards[i]);
+void Report::note(const std::string &text) {
+  figures_.notes.push_back(text);
+  if (is_text() && !job_.options.quiet) progress_.print("%s", text.c_str());
+}
+
+void Report::finding(const Finding &finding) {
+  if (counts_as_file(finding)) end_file();
+  count_finding(finding);
+  if (outputs_.has_log) log_finding(finding);
+  if (outputs_.page != nullptr) outputs_.page->add_finding(finding);
+  if (outputs_.json != nullptr) outputs_.json->finding(finding);
+  if (is_text()) print_finding(finding);
+}
+
+void Report::count_finding(const Finding &finding) {
+  if (finding.accepted) {
+    if (counts_as_file(finding)) ++count(Count::kAccepted);
+    return;
   }
+  if (counts_as_file(finding)) ++count_of(finding.verdict);
+  if (finding.verdict == Verdict::kDamaged) count(Count::kDamagedBlocks) += finding.blocks;
+  if (finding.verdict == Verdict::kPassing) count(Count::kPassingBlocks) += finding.blocks;
 }
 
-void Report::passing_block(const FileRecord &file, std::uint64_t block, const Checksums &expected,
-                           const Checksums &found) {
-  ++count(Count::kPassingBlocks);
-  const String path = escape(file.path);
-  progress_.print("PASSING     %s: block %" PRIu64 " at offset %" PRIu64 ", expected %08" PRIx32
-                  ", found %08" PRIx32 " at first, right a second later",
-                  path.c_str(), block, block * kBlockSize, expected.crc, found.crc);
-  SCRUB_LOG(kFinding,
-            "passing fault: %s, block %" PRIu64 ", expected %08" PRIx32 ", found %08" PRIx32
-            " at first.",
-            path.c_str(), block, expected.crc, found.crc);
+// The number of messages has a limit, so that a run with many findings leaves the log of the runs
+// before it in place. The message at the end of the run is always there.
+void Report::log_finding(const Finding &finding) {
+  if (++findings_ > kMostLogged) return;
+  const bool damage = finding.verdict == Verdict::kDamaged && !finding.accepted;
+  SCRUB_LOG(damage ? EVLOG_ERROR : EVLOG_WARNING, "%s: %s.", finding_name(finding),
+            finding_text(finding, kLongestLoggedPath).c_str());
 }
 
-void Report::size_change(const FileRecord &file, std::uint64_t found) {
-  const String path = escape(file.path);
-  progress_.print("SIZE        %s: expected %" PRIu64 " bytes, found %" PRIu64, path.c_str(),
-                  file.size, found);
-  SCRUB_LOG(kFinding, "size change: %s, expected %" PRIu64 " bytes, found %" PRIu64 ".",
-            path.c_str(), file.size, found);
+void Report::print_finding(const Finding &finding) {
+  if (finding.accepted && !counts_as_file(finding)) return;
+  progress_.print("%-11s %s", label_of(finding).c_str(), finding_text(finding).c_str());
+  for (const std::string &line : finding_details(finding))
+    progress_.print("            %s", line.c_str());
+  silent_damage_open_ = finding.verdict == Verdict::kDamaged && !finding.accepted;
 }
 
-void Report::damaged_file(bool written_since) {
-  ++count(Count::kDamagedFiles);
-  progress_.print("            %s",
-                  written_since ? "written to since the manifest was made"
-                                : "not written to since the manifest was made: silent damage");
+void Report::end_file() {
+  if (silent_damage_open_)
+    progress_.print("            not written since it was recorded: silent damage");
+  silent_damage_open_ = false;
 }
 
-void Report::missing(const FileRecord &file) {
-  ++count(Count::kMissing);
-  const String path = escape(file.path);
-  progress_.print("MISSING     %s", path.c_str());
-  SCRUB_LOG(kFinding, "missing: %s.", path.c_str());
+ExitStatus Report::status() const { return status_of(command_, tally(), ended_early_, false); }
+
+std::uint64_t Report::damaged_files() const { return count_of(Verdict::kDamaged); }
+
+std::uint64_t Report::taken() const { return vorn_time_getnanosec() - started_; }
+
+void Report::close(ExitStatus status) {
+  const Tally counts = tally();
+  figures_.status = status;
+  for (std::size_t i = 0; i < figures_.counts.size(); ++i)
+    figures_.counts[i] = counts[count_for(static_cast<Verdict>(i))];
+  figures_.damaged_blocks = counts[Count::kDamagedBlocks];
+  figures_.accepted = counts[Count::kAccepted];
+  figures_.series = series_.figures();
+  figures_.cpus = cpus_.figures();
 }
 
-void Report::unreadable(const FileRecord &file, const char *why) {
-  ++count(Count::kUnreadable);
-  const String path = escape(file.path);
-  progress_.print("UNREADABLE  %s: %s", path.c_str(), why);
-  SCRUB_LOG(kFinding, "unreadable: %s, %s.", path.c_str(), why);
+void Report::finish(const Summary &summary) {
+  end_file();
+  ended_early_ = summary.interrupted || summary.limited;
+  progress_.finish(!ended_early_);
+  count(Count::kFiles) = summary.read.files;
+  count(Count::kBytes) = summary.read.bytes;
+  const std::uint64_t taken = this->taken();
+  figures_.figures = read_rows(command_, tally(), summary, taken);
+  close(status());
+  if (outputs_.json != nullptr) outputs_.json->end_directory(figures_, tally(), &summary, taken);
+  if (outputs_.has_log) log_end(summary);
+  if (is_text() && !job_.options.quiet) print_account(summary);
 }
 
-void Report::added(std::string_view path) {
-  ++count(Count::kNew);
-  const String word = escape(path);
-  progress_.print("NEW         %s", word.c_str());
-  SCRUB_LOG(kFinding, "new: %s.", word.c_str());
+void Report::fail(const std::string &why) {
+  end_file();
+  progress_.finish(false);
+  figures_.failure = why;
+  close(kCouldNotRun);
+  if (outputs_.json != nullptr) outputs_.json->end_directory(figures_, tally(), nullptr, taken());
 }
 
-void Report::skipped(std::string_view path, const char *why) {
-  ++count(Count::kSkipped);
-  const String word = escape(path);
-  progress_.print("SKIPPED     %s: %s", word.c_str(), why);
-  SCRUB_LOG(kFinding, "skipped: %s, %s.", word.c_str(), why);
+void Report::log_end(const Summary &summary) {
+  if (findings_ > kMostLogged)
+    SCRUB_LOG(EVLOG_WARNING, "%" PRIu64 " findings more are not in the log.",
+              findings_ - kMostLogged);
+  SCRUB_LOG(EVLOG_INFO, "%s of %s ended. %s. %" PRIu64 " files, %" PRIu64 " bytes read.",
+            command_name(command_), printable(job_.root).c_str(),
+            verdict_line(command_, tally(), summary).c_str(), summary.read.files,
+            summary.read.bytes);
 }
 
-void Report::finish_create(const Job &job, const Totals &read, const Walk &walk) {
-  progress_.finish();
-  SCRUB_LOG(EVLOG_INFO,
-            "manifest written: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " skipped.",
-            read.files, read.bytes, count(Count::kSkipped));
-  std::puts("\nRECORDED: the manifest is complete");
-  account(job, read, walk);
-}
-
-void Report::finish_verify(const Job &job, const Totals &read, const Walk &walk) {
-  progress_.finish();
-  SCRUB_LOG(EVLOG_INFO,
-            "verified: %" PRIu64 " files, %" PRIu64 " bytes, %" PRIu64 " damaged, %" PRIu64
-            " with passing faults, %" PRIu64 " missing, %" PRIu64 " unreadable, %" PRIu64 " new.",
-            read.files, read.bytes, count(Count::kDamagedFiles), count(Count::kPassingFiles),
-            count(Count::kMissing), count(Count::kUnreadable), count(Count::kNew));
-  std::puts(verdict(status()));
-  account(job, read, walk);
-}
-
-void Report::account(const Job &job, const Totals &read, const Walk &walk) {
-  count(Count::kFiles) = read.files;
-  count(Count::kBytes) = read.bytes;
-  const std::uint64_t taken = std::max<std::uint64_t>(vorn_time_getnanosec() - started_, 1);
-  const double seconds = static_cast<double>(taken) / 1e9;
-
-  std::printf("  files     %s read", grouped(read.files).c_str());
-  print_count(count(Count::kDamagedFiles), "damaged");
-  print_count(count(Count::kMissing), "missing");
-  print_count(count(Count::kUnreadable), "unreadable");
-  print_count(count(Count::kNew), "new");
-  print_count(count(Count::kSkipped), "skipped");
-  print_count(walk.links() + walk.specials(), "links and special files left out");
-  std::printf("\n  bytes     %s (%s) in %s", grouped(read.bytes).c_str(),
-              bytes_text(static_cast<double>(read.bytes)).c_str(),
-              counted(read.blocks, "block").c_str());
-  print_count(count(Count::kDamagedBlocks), "damaged");
-  if (count(Count::kPassingBlocks) != 0)
-    std::printf("\n  passing   %s right at the second read alone",
-                counted(count(Count::kPassingBlocks), "block").c_str());
-  std::printf("\n  speed     %.1f MB/s, %.2f s\n", static_cast<double>(read.bytes) / 1e6 / seconds,
-              seconds);
-  print_layout();
-  cpus_.print();
+void Report::print_account(const Summary &summary) {
+  std::printf("\n%s\n", verdict_line(command_, tally(), summary).c_str());
+  for (const Row &row : figures_.figures)
+    print_row(row.name, row.value);
+  print_row("machine", layout_text());
+  print_row("numa", nodes_text());
+  print_row("busy", busy_text(figures_.cpus));
   print_memory();
-  std::printf("  manifest  %s\n", job.paths.manifest().c_str());
-  if (job.has_log) {
-    std::printf("  log       %s of vorn-scrub in %s\n",
-                counted(log_messages_written, "message").c_str(), job.paths.log().c_str());
-  } else {
-    std::printf("  log       none, cannot write %s: warnings and errors alone, on the console\n",
-                job.paths.log().c_str());
-  }
+  print_row("manifest", std::string(printable(job_.paths.manifest())));
+  const std::string log(printable(job_.paths.log()));
+  print_row("log",
+            outputs_.has_log
+                ? counted(log_messages_written, "message") + " of vorn-scrub in " + log
+                : "none, cannot write " + log + ": warnings and errors alone, on the console");
 }
 
 } // namespace scrub

@@ -1,4 +1,4 @@
-// Formats names and numbers.
+// Formats names, numbers and times.
 // SPDX-License-Identifier: Apache-2.0
 #include "text.hpp"
 
@@ -11,17 +11,43 @@
 namespace scrub {
 namespace {
 
-// Returns the length of the first character of text if it needs no escape. Otherwise returns 0, and
-// the caller escapes the first byte. Terminals obey the control characters U+0080 to U+009F as they
-// do those of ASCII.
-std::size_t plain_length(std::string_view text) {
-  constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000}; // by length
+// Terminals obey the control characters U+0080 to U+009F as they do those of ASCII.
+bool is_plain(std::uint32_t character) {
+  if (character < 0x80) return character > ' ' && character != 0x7F && character != '%';
+  return character >= 0xA0;
+}
+
+// Returns a path as a word in which only the characters that plain accepts stay as they are.
+template <class Plain> String word_of(std::string_view path, Plain plain) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  String word;
+  word.reserve(path.size());
+  while (!path.empty()) {
+    std::uint32_t character = 0;
+    const std::size_t length = utf8_length(path, character);
+    const std::size_t taken = std::max<std::size_t>(length, 1);
+    if (length != 0 && plain(character)) {
+      word += path.substr(0, taken);
+    } else {
+      for (const unsigned char byte : path.substr(0, taken))
+        word += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    path.remove_prefix(taken);
+  }
+  return word;
+}
+
+} // namespace
+
+std::size_t utf8_length(std::string_view text, std::uint32_t &character) {
+  constexpr std::uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000}; // by length
   const auto first = static_cast<unsigned char>(text[0]);
-  if (first < 0x80) return first > ' ' && first != 0x7F && first != '%' ? 1 : 0;
+  character = first;
+  if (first < 0x80) return 1;
 
   const auto length = static_cast<std::size_t>(std::countl_one(first));
   if (length < 2 || length > 4 || length > text.size()) return 0;
-  std::uint32_t character = first & (0xFFu >> length);
+  character = first & (0xFFu >> length);
   for (const unsigned char at : text.substr(1, length - 1)) {
     if ((at & 0xC0u) != 0x80) return 0;
     character = character << 6 | (at & 0x3Fu);
@@ -30,23 +56,18 @@ std::size_t plain_length(std::string_view text) {
   return character < kLeast[length] || character > 0x10FFFF || surrogate ? 0 : length;
 }
 
-} // namespace
+bool changes_direction(std::uint32_t character) {
+  return character == 0x061C || character == 0x200E || character == 0x200F ||
+         (character >= 0x202A && character <= 0x202E) ||
+         (character >= 0x2066 && character <= 0x2069);
+}
 
-String escape(std::string_view path) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  String word;
-  word.reserve(path.size());
-  while (!path.empty()) {
-    const std::size_t plain = plain_length(path);
-    const auto first = static_cast<unsigned char>(path[0]);
-    if (plain != 0) {
-      word += path.substr(0, plain);
-    } else {
-      word += {'%', kDigits[first >> 4], kDigits[first & 15]};
-    }
-    path.remove_prefix(std::max<std::size_t>(plain, 1));
-  }
-  return word;
+String escape(std::string_view path) { return word_of(path, is_plain); }
+
+String printable(std::string_view path) {
+  return word_of(path, [](std::uint32_t character) {
+    return is_plain(character) && !changes_direction(character);
+  });
 }
 
 bool unescape(std::string_view word, String &path) {
@@ -90,6 +111,28 @@ std::string counted(std::uint64_t number, std::string_view noun) {
   std::string text = grouped(number);
   text.append(" ").append(noun);
   if (number != 1) text += 's';
+  return text;
+}
+
+std::string duration_text(std::uint64_t seconds) {
+  struct Unit {
+    std::uint64_t seconds;
+    const char *name;
+  };
+  constexpr Unit kUnits[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
+  const Unit *unit = std::find_if(std::begin(kUnits), std::end(kUnits) - 1,
+                                  [seconds](const Unit &one) { return seconds >= one.seconds; });
+  std::string text = grouped(seconds / unit->seconds) + " " + unit->name;
+  if (unit->seconds == 1) return text;
+  const std::uint64_t rest = seconds % unit->seconds / unit[1].seconds;
+  return text + " " + std::to_string(rest) + " " + unit[1].name;
+}
+
+std::string utc_text(std::time_t time) {
+  std::tm parts{};
+  char text[64] = "";
+  if (gmtime_r(&time, &parts) != nullptr)
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
   return text;
 }
 
