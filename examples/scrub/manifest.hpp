@@ -14,10 +14,9 @@
 
 #include "checksums.hpp"
 #include "memory.hpp"
+#include "tree_record.hpp"
 
 namespace scrub {
-
-inline constexpr std::size_t kMaxPath = 1 << 20; // bytes
 
 // Says why a manifest is refused, with its name and the place.
 struct ManifestError : std::runtime_error {
@@ -32,19 +31,6 @@ struct FileRecord {
   std::uint64_t inode = 0; // 0: not known
 
   bool has_changed_time() const { return changed.tv_nsec >= 0; }
-};
-
-// The tree that a manifest belongs to, and what create was told to leave out.
-struct TreeRecord {
-  bool known = false;       // false: the manifest has version 1, which does not say
-  String root;              // as given to create; for messages
-  std::uint64_t device = 0; // st_dev and st_ino of the root
-  std::uint64_t inode = 0;
-  std::uint64_t file_system = 0; // f_fsid of statfs(2); 0: none
-  String label;                  // of the file system; empty: none known
-  bool one_file_system = false;
-  bool pseudo = false;
-  std::vector<std::string> excludes;
 };
 
 struct Totals {

@@ -1,4 +1,4 @@
-// Says which paths of the tree a run covers.
+// Tells which paths of a tree a run looks at.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SCOPE_FILTER_HPP
 #define SCRUB_SCOPE_FILTER_HPP
@@ -7,38 +7,54 @@
 #include <string_view>
 #include <vector>
 
-#include "manifest.hpp"
+#include "memory.hpp"
 #include "scrub.hpp"
+#include "tree_record.hpp"
 
 namespace scrub {
 
-// Brings a path in the tree to the form of a manifest: no "." and no superfluous slash. Returns
-// false if it is absolute, leads out of the tree or names the root.
+// Brings a path below the root into the form of a manifest: "./a//b/" becomes "a/b". The root
+// itself becomes empty. Returns false if the path is empty, absolute, or has the component "..".
 bool normal_tree_path(std::string &path);
 
+// Paths are below the root, in the form of a manifest. Patterns are those of fnmatch(3). A pattern
+// without a slash matches a name in any directory. Another one matches a path from the root, or, if
+// it begins with a double star and a slash, from any directory; a star matches no slash. A slash at
+// the end limits a pattern to directories, and one at the beginning makes it start at the root.
 class ScopeFilter {
 public:
-  // Leaves out what the run or the manifest excludes.
+  // What the manifest's tree leaves out is left out in addition to what the run leaves out. The
+  // run's own wanted paths must be in normal form.
   ScopeFilter(const Scope &scope, const TreeRecord &recorded);
 
-  // Whether a pattern matches the path; the directories above are not looked at.
-  bool excluded(std::string_view path, bool is_directory) const;
-  // Whether the path is one that the run was told to look at, or below one.
+  // Whether a pattern matches the path itself. Everything in an excluded directory is excluded too,
+  // but only covers() looks for that.
+  bool excluded(const String &path, bool is_directory) const;
   bool wanted(std::string_view path) const;
-  // Whether such a path is below the directory.
   bool leads_to_wanted(std::string_view directory) const;
-  // Whether the run covers a file: it is wanted, and neither it nor a directory above is excluded.
-  bool covers(std::string_view path) const;
+
+  // Whether the run looks at a recorded file.
+  bool covers(const String &path) const;
+
+  bool one_file_system() const { return one_file_system_; }
+  bool pseudo() const { return pseudo_; }
 
 private:
   struct Pattern {
-    std::string glob;
-    bool whole_path;       // matches the path, not the name
-    bool directories_only; // "cache/"
+    std::string text;
+    bool names = false;       // matches names
+    bool any_depth = false;   // matches paths from any directory
+    bool directories = false; // matches only directories
+
+    bool matches(const char *path, const char *name) const;
   };
+
+  void add_pattern(std::string_view text);
 
   std::vector<Pattern> patterns_;
   std::vector<std::string> only_;
+  bool one_file_system_;
+  bool pseudo_;
 };
 
 } // namespace scrub

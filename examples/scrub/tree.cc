@@ -1,139 +1,139 @@
-// Opens what is below a directory, and names the directory.
+// Opens files of a tree component by component, and names the tree.
 // SPDX-License-Identifier: Apache-2.0
 #include "tree.hpp"
 
-#include <cerrno>
-#include <charconv>
+#include <climits>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <memory>
 #include <sys/vfs.h>
 
 #include "errors.hpp"
+#include "pseudo_file_system.hpp"
 
 namespace scrub {
 namespace {
 
-// Those that linux/magic.h of some systems lacks.
-constexpr long kFuseControl = 0x65735543;
-constexpr long kConfig = 0x62656570;
-constexpr long kMessageQueues = 0x19800202;
-constexpr long kRemoteCallPipes = 0x67596969;
-constexpr long kNfsServer = 0x6e667364;
+constexpr char kLabels[] = "/dev/disk/by-label";
 
-const struct {
-  long type;
-  const char *name;
-} kPseudo[] = {{PROC_SUPER_MAGIC, "proc"},
-               {SYSFS_MAGIC, "sysfs"},
-               {DEVPTS_SUPER_MAGIC, "devpts"},
-               {CGROUP_SUPER_MAGIC, "cgroup"},
-               {CGROUP2_SUPER_MAGIC, "cgroup2"},
-               {DEBUGFS_MAGIC, "debugfs"},
-               {TRACEFS_MAGIC, "tracefs"},
-               {SECURITYFS_MAGIC, "securityfs"},
-               {SELINUX_MAGIC, "selinuxfs"},
-               {PSTOREFS_MAGIC, "pstore"},
-               {EFIVARFS_MAGIC, "efivarfs"},
-               {BPF_FS_MAGIC, "bpf"},
-               {kConfig, "configfs"},
-               {kFuseControl, "fusectl"},
-               {kMessageQueues, "mqueue"},
-               {HUGETLBFS_MAGIC, "hugetlbfs"},
-               {BINFMTFS_MAGIC, "binfmt_misc"},
-               {AUTOFS_SUPER_MAGIC, "autofs"},
-               {NSFS_MAGIC, "nsfs"},
-               {kRemoteCallPipes, "rpc_pipefs"},
-               {kNfsServer, "nfsd"}};
+struct CloseDirectory {
+  void operator()(DIR *directory) const { closedir(directory); }
+};
 
-// The names in /dev/disk/by-label write a blank, for example, as "\x20".
-String unescaped(std::string_view name) {
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+// The names of the links have "\x20" instead of a blank, and so on.
+String unescape_label(std::string_view name) {
   String label;
   while (!name.empty()) {
-    unsigned char byte = 0;
-    const bool escaped =
-        name.size() >= 4 && name.starts_with("\\x") &&
-        std::from_chars(name.data() + 2, name.data() + 4, byte, 16).ptr == name.data() + 4;
-    label += escaped ? static_cast<char>(byte) : name[0];
+    const bool escaped = name.size() >= 4 && name.starts_with("\\x") && hex_digit(name[2]) >= 0 &&
+                         hex_digit(name[3]) >= 0;
+    label += escaped ? static_cast<char>(hex_digit(name[2]) * 16 + hex_digit(name[3])) : name[0];
     name.remove_prefix(escaped ? 4 : 1);
   }
   return label;
 }
 
 String label_of(dev_t device) {
-  const std::unique_ptr<DIR, int (*)(DIR *)> labels(opendir("/dev/disk/by-label"), closedir);
+  const std::unique_ptr<DIR, CloseDirectory> labels(opendir(kLabels));
   if (labels == nullptr) return {};
   while (const dirent *entry = readdir(labels.get())) {
-    struct stat status {};
-    if (fstatat(dirfd(labels.get()), entry->d_name, &status, 0) == 0 &&
-        S_ISBLK(status.st_mode) && status.st_rdev == device)
-      return unescaped(entry->d_name);
+    struct stat target {};
+    if (fstatat(dirfd(labels.get()), entry->d_name, &target, 0) == 0 && S_ISBLK(target.st_mode) &&
+        target.st_rdev == device)
+      return unescape_label(entry->d_name);
   }
   return {};
 }
 
+std::uint64_t file_system_number(int fd) {
+  struct statfs status {};
+  if (fstatfs(fd, &status) != 0) return 0;
+  std::uint64_t number = 0;
+  static_assert(sizeof status.f_fsid == sizeof number);
+  std::memcpy(&number, &status.f_fsid, sizeof number);
+  return number;
+}
+
 } // namespace
 
-const char *pseudo_file_system(int fd) {
-  struct statfs status {};
-  if (fstatfs(fd, &status) != 0) return nullptr;
-  for (const auto &[type, name] : kPseudo) {
-    if (static_cast<long>(status.f_type) == type) return name;
+// The directory of a path's last component, and that component with a zero byte after it.
+struct Tree::Place {
+  int directory = -1; // -1: it cannot be opened, errno says why
+  Fd opened;          // keeps the directory open, unless it is the root
+  char name[NAME_MAX + 1] = ".";
+
+  bool take_name(std::string_view component) {
+    if (component.size() > NAME_MAX) {
+      errno = ENAMETOOLONG;
+      return false;
+    }
+    name[component.copy(name, NAME_MAX)] = '\0';
+    return true;
   }
-  return nullptr;
-}
+
+  // With O_PATH, it takes the permission to search the directory, not to read it.
+  bool descend() {
+    opened = Fd(openat(directory, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    directory = opened.get();
+    return directory >= 0;
+  }
+};
 
 Tree::Tree(const std::string &root)
-    : name_(root), root_(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-  if (!root_ || fstat(root_.get(), &status_) != 0) fail("cannot read directory " + root);
+    : name_(root),
+      root_(::open(root.empty() ? "" : (root + "/.").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  if (!root_) fail("cannot read directory " + root);
 }
 
-// Calls use(directory, name) for the last component.
-template <class Use> auto Tree::below(std::string_view path, Use use) const {
-  Fd directory;
-  int at = root_.get();
-  for (std::size_t slash; (slash = path.find('/')) != path.npos;) {
-    const std::string name(path.substr(0, slash));
-    Fd next(openat(at, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!next) return use(-1, "");
-    directory = std::move(next);
-    at = directory.get();
-    path.remove_prefix(slash + 1);
+Tree::Place Tree::find(std::string_view path) const {
+  Place place;
+  place.directory = fd();
+  while (!path.empty()) {
+    const std::size_t end = path.find('/');
+    const bool last = end == path.npos;
+    if (!place.take_name(path.substr(0, end)) || (!last && !place.descend())) {
+      place.directory = -1;
+      return place;
+    }
+    path.remove_prefix(last ? path.size() : end + 1);
   }
-  return use(at, std::string(path).c_str());
+  return place;
 }
 
 Fd Tree::open(std::string_view path, int flags) const {
-  return below(path, [flags](int directory, const char *name) {
-    if (directory < 0) return Fd();
-    return Fd(openat(directory, name, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  });
+  const Place place = find(path);
+  if (place.directory < 0) return Fd();
+  flags |= O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  return Fd(openat(place.directory, place.name, flags));
 }
 
 bool Tree::status(std::string_view path, struct stat &status) const {
-  return below(path, [&status](int directory, const char *name) {
-    return directory >= 0 && fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
-  });
+  const Place place = find(path);
+  if (place.directory < 0) return false;
+  constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
+  return fstatat(place.directory, place.name, &status, kFlags) == 0;
 }
 
 TreeRecord Tree::identity() const {
+  struct stat status {};
+  if (fstat(fd(), &status) != 0) fail("cannot read directory " + name_);
   TreeRecord record;
   record.known = true;
   record.root = name_;
-  record.device = status_.st_dev;
-  record.inode = status_.st_ino;
-  struct statfs system {};
-  if (fstatfs(root_.get(), &system) == 0) {
-    static_assert(sizeof system.f_fsid == sizeof record.file_system);
-    std::memcpy(&record.file_system, &system.f_fsid, sizeof record.file_system);
-  }
-  record.label = label_of(status_.st_dev);
+  record.device = status.st_dev;
+  record.inode = status.st_ino;
+  record.file_system = file_system_number(fd());
+  record.label = label_of(status.st_dev);
   return record;
 }
 
-const char *Tree::pseudo_name() const { return pseudo_file_system(root_.get()); }
+const char *Tree::pseudo_name() const { return pseudo_file_system(fd()); }
 
 bool same_tree(const TreeRecord &recorded, const TreeRecord &found) {
   if (recorded.inode != found.inode) return false;

@@ -1,85 +1,85 @@
-// Walks a tree in path order, one file at a time. Its memory holds the names of the directories
-// that lead to the current file, not of the whole tree, and it keeps few descriptors open.
+// Walks a tree in path order, one file at a time. Its memory holds names of the directories that
+// lead to the current file, not of the whole tree.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_WALK_HPP
 #define SCRUB_WALK_HPP
 
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <string>
 #include <sys/stat.h>
 
 #include "fd.hpp"
 #include "memory.hpp"
+#include "name_list.hpp"
 #include "own_files.hpp"
 #include "scope_filter.hpp"
 #include "tree.hpp"
 
 namespace scrub {
 
-// A directory that a file is opened in. A thread may use it after the walk has left it.
 using Directory = std::shared_ptr<const Fd>;
 
-// A regular file, or something that cannot be read: a directory, or a file whose path is too long.
+// A regular file, or something that cannot be read.
 struct Found {
   String path;
-  Directory directory; // open it in this directory
-  String name;         // under this name
-  int error = 0;       // if not 0, why it cannot be read
+  // Open the file in this directory under this name. Any thread may use the directory, also after
+  // the walk has left it.
+  Directory directory;
+  String name;
+  // If not 0, why it cannot be read. There may be no directory then. If a directory cannot be read
+  // to its end, it comes after what was found in it. The path of the root is then ".".
+  int error = 0;
   bool is_directory = false;
 };
 
 class Walk {
 public:
-  // Leaves out what scope and the manifest exclude. Throws std::system_error if the root cannot be
-  // read.
+  // Levels of directories that the walk keeps open. It opens those above again when it comes back.
+  static constexpr std::size_t kOpenLevels = 32;
+
+  struct Counts {
+    std::uint64_t links = 0;
+    std::uint64_t specials = 0; // FIFOs, sockets, devices
+    std::uint64_t excluded = 0; // entries that a pattern matches; not what is in such a directory
+    std::uint64_t other_file_systems = 0; // directories
+    std::uint64_t pseudo = 0;             // directories
+  };
+
+  // The arguments must outlive the walk, except the record. Throws std::system_error if the root
+  // cannot be read.
   Walk(const Tree &tree, const OwnFiles &own, const Scope &scope, const TreeRecord &recorded);
 
   // Returns false at the end.
   bool next(Found &found);
 
-  // What the walk has left out.
-  struct Counts {
-    std::uint64_t links = 0;
-    std::uint64_t specials = 0;           // devices, FIFOs, sockets
-    std::uint64_t excluded = 0;           // files and directories
-    std::uint64_t other_file_systems = 0; // directories
-    std::uint64_t pseudo = 0;             // directories on file systems such as proc
-  };
   const Counts &counts() const { return counts_; }
 
 private:
-  struct Entry {
-    String name;
-    unsigned char type; // DT_REG and so on
-  };
   struct Level {
-    Directory directory; // NULL while the walk is far below it
+    Directory directory; // null if it is closed
     dev_t device;
     ino_t inode;
-    std::size_t path_length; // of the directory, with the slash after it
-    Vector<Entry> entries;
-    std::size_t next = 0;
-    int error = 0; // why not all names are known
+    std::uint32_t path_length;         // of the directory, with the slash after it
+    int error = 0;                     // why the directory could not be read to its end
+    std::unique_ptr<NameList> names{}; // null if all were taken
+
+    bool has_no_names() const { return names == nullptr || (names->empty() && !names->has_more()); }
   };
 
-  int enter(Fd fd);
-  int list(Level &level) const;
+  bool has_entry(Level &level);
+  bool visit(Found &found);
+  int enter(const char *name);
+  int push(Fd directory, const struct stat &status, std::size_t path_length);
+  void list(Level &level);
+  bool leaves_out(int directory);
   bool leave(Found &found);
-  void reopen(Level &level);
-  bool take(const Entry &entry, Found &found);
-  bool take_directory(const Entry &entry, Found &found);
-  int open_directory(const Entry &entry);
-  bool is_left_out(int fd, const struct stat &status);
+  void open_again(Level &level, const Directory &child);
 
   const Tree &tree_;
   const OwnFiles &own_;
   const ScopeFilter filter_;
-  const bool one_file_system_;
-  const bool pseudo_;
-  std::deque<Level> levels_;
-  String path_; // of the current directory with its slash, or of the entry
+  Vector<Level> levels_;
+  String path_; // of the current directory with its slash, or of the file found
   Counts counts_;
 };
 
