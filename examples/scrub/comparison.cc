@@ -3,7 +3,6 @@
 #include "comparison.hpp"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 namespace scrub {
@@ -57,14 +56,6 @@ Verdict Comparison::verdict() const {
   if (differing_ != 0) return Verdict::kModified;
   if (now_.size > record_.size) return Verdict::kGrown;
   return now_.size < record_.size ? Verdict::kShrunk : Verdict::kVerdicts;
-}
-
-const Checksums &zero_block() {
-  static const Checksums zeros = [] {
-    static constexpr std::array<std::byte, kBlockSize> kZeros{};
-    return checksums_of(kZeros);
-  }();
-  return zeros;
 }
 
 } // namespace scrub

@@ -45,9 +45,6 @@ private:
   Vector<Suspect> suspects_;
 };
 
-// The checksums of a block of zeros.
-const Checksums &zero_block();
-
 } // namespace scrub
 
 #endif

@@ -4,16 +4,26 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
+#include "console.hpp"
 #include "descriptors.hpp"
+#include "html_report.hpp"
 #include "instance.hpp"
 #include "interrupt.hpp"
+#include "json_report.hpp"
 #include "log.hpp"
+#include "opening.hpp"
 #include "options.hpp"
+#include "report.hpp"
 #include "scrub.hpp"
+#include "settings_file.hpp"
 #include "text.hpp"
 #include "vorn_init.h"
 #include "vorn_log.h"
@@ -25,12 +35,14 @@ namespace {
 class Session {
 public:
   explicit Session(const OwnPaths &paths) {
+    chmod(paths.log().c_str(), S_IRUSR | S_IWUSR); // of an older version
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     started_ = vorn_Init() == 0;
   }
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
   ~Session() {
+    if (has_hanging_thread()) return;
     vorn_destory();
     vorn_log_destroy(0);
   }
@@ -43,17 +55,6 @@ private:
   bool started_ = false;
 };
 
-ExitStatus refuse(const char *why) {
-  std::fflush(stdout);
-  std::fprintf(stderr, "vorn-scrub: %s\n", why);
-  return kCouldNotRun;
-}
-
-ExitStatus could_not_run(const char *why) {
-  SCRUB_LOG(EVLOG_ERROR, "%s.", why);
-  return refuse(why);
-}
-
 bool is_there(const std::string &path, mode_t type) {
   struct stat status {};
   return stat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
@@ -64,104 +65,163 @@ std::string what_is_missing(const Job &job, Command command) {
   if (!is_there(job.root, S_IFDIR)) return "there is no directory " + job.root;
   if (!is_there(job.paths.manifest_directory, S_IFDIR))
     return "there is no directory " + job.paths.manifest_directory;
-  if (command == Command::kVerify && !is_there(job.paths.manifest(), S_IFREG))
+  if (is_there(job.paths.manifest(), S_IFDIR))
+    return "the manifest " + job.paths.manifest() + " is a directory";
+  if (command != Command::kCreate && !is_there(job.paths.manifest(), S_IFREG))
     return "there is no manifest " + job.paths.manifest() + ", make one with create";
   return {};
 }
 
-std::string what_is_missing(const Options &options) {
-  for (const Job &job : options.jobs) {
-    const std::string missing = what_is_missing(job, options.command);
-    if (!missing.empty()) return missing;
+// The whole run, for all directories.
+class Run {
+public:
+  Run(CommandLine line, Console &console) : line_(std::move(line)), console_(console) {
+    for (const auto &[root, paths] : line_.directories)
+      jobs_.push_back(Job{root, paths, line_.options});
   }
-  if (!options.settings_file.empty() && !is_there(options.settings_file, S_IFREG))
-    return "there is no settings file " + options.settings_file;
-  return {};
-}
 
-void take_settings(Options &options) {
-  if (options.settings_file.empty()) return;
-  const Settings settings = read_settings(options.settings_file);
-  for (Job &job : options.jobs)
-    job.settings = settings;
-  const std::string text = settings_text(settings);
-  std::printf("Settings of %s: %s\n", options.settings_file.c_str(), text.c_str());
-  SCRUB_LOG(EVLOG_INFO, "settings of %s: %s.", escape(options.settings_file).c_str(), text.c_str());
-}
-
-// Reports an exception of body as a failed run.
-template <class Body> ExitStatus attempt(Body body) {
-  try {
-    const ExitStatus status = body();
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-      return could_not_run("cannot write to standard output");
-    return status;
-  } catch (const std::bad_alloc &) {
-    return could_not_run("out of memory");
-  } catch (const std::exception &failure) {
-    return could_not_run(failure.what());
+  ExitStatus run() {
+    begin_json();
+    const std::string missing = what_is_missing();
+    if (!missing.empty()) return refuse(missing);
+    raise_descriptor_limit();
+    const Session session(jobs_[0].paths);
+    catch_signals(); // replaces the library's handlers
+    if (session.has_log()) console_.hide_library_messages();
+    if (!session.started()) return refuse("the library did not start; the log says why");
+    return attempt([&] { return do_jobs(session.has_log()); });
   }
-}
 
-const char *name_of(ExitStatus status) {
-  switch (status) {
-  case kClean:
-    return "clean";
-  case kDamage:
-    return "damage";
-  case kPassingFault:
-    return "passing faults";
-  default:
-    return "could not run";
+private:
+  void begin_json() {
+    if (line_.options.output != Output::kText)
+      json_.emplace(line_.options.output, line_.command, SCRUB_VERSION);
   }
-}
 
-// Runs the job of one directory and waits for its end.
-struct Run {
-  Run(const Job &job, Command command)
-      : instance(job.root, [this, &job, command] {
-          status = attempt([&] { return command == Command::kCreate ? create(job) : verify(job); });
-        }) {
+  std::string what_is_missing() const {
+    for (const Job &job : jobs_) {
+      const std::string missing = scrub::what_is_missing(job, line_.command);
+      if (!missing.empty()) return missing;
+    }
+    if (!line_.settings_file.empty() && !is_there(line_.settings_file, S_IFREG))
+      return "there is no settings file " + line_.settings_file;
+    return {};
+  }
+
+  ExitStatus refuse(const std::string &why) {
+    std::fflush(stdout);
+    console_.say("%s", why.c_str());
+    if (json_) json_->finish(kCouldNotRun, why);
+    return kCouldNotRun;
+  }
+
+  // Calls fail with the text of an exception of body.
+  template <class Body, class Fail> static ExitStatus attempt(Body body, Fail fail) {
+    try {
+      return body();
+    } catch (const std::bad_alloc &) {
+      return fail("out of memory");
+    } catch (const std::exception &failure) {
+      return fail(failure.what());
+    }
+  }
+  template <class Body> ExitStatus attempt(Body body) {
+    return attempt(body, [this](const char *why) { return refuse(why); });
+  }
+
+  ExitStatus do_jobs(bool has_log) {
+    // The settings file may ask for another output than the command line.
+    if (!line_.settings_file.empty()) {
+      read_settings(line_.settings_file, line_);
+      if (!json_) begin_json();
+    }
+    std::vector<OwnPaths> own;
+    for (const Job &job : jobs_)
+      own.push_back(job.paths);
+    if (!line_.options.html.empty()) page_.emplace(line_.options.html, own);
+    const Outputs outputs{console_, json_ ? &*json_ : nullptr, page_ ? &*page_ : nullptr, has_log};
+    prepare_instances(jobs_.size());
+    ExitStatus worst = kClean;
+    for (const Job &job : jobs_) {
+      if (page_) page_->begin_directory();
+      if (json_) json_->begin_directory(job, has_log);
+      worst = worse(worst, do_job(job, outputs));
+      if (interrupted()) break;
+    }
+    if (jobs_.size() > 1) print_directories();
+    finish_page(worst);
+    if (json_) json_->finish(worst);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+      console_.say("cannot write to standard output");
+      return kCouldNotRun;
+    }
+    return worst;
+  }
+
+  // Runs a directory as an instance, and waits for its end.
+  ExitStatus do_job(const Job &job, const Outputs &outputs) {
+    ExitStatus status = kCouldNotRun;
+    reports_.emplace_back();
+    Instance instance(job.root, [&] {
+      std::optional<Report> report;
+      status = attempt(
+          [&] {
+            report.emplace(job, line_.command, outputs);
+            start(job, *report);
+            return report->status();
+          },
+          [&](const char *why) {
+            console_.say("%s", why);
+            if (report) report->fail(why);
+            return kCouldNotRun;
+          });
+      if (report) reports_.back() = report->figures();
+    });
     instance.wait();
+    return status;
   }
 
-  ExitStatus status = kCouldNotRun;
-  Instance instance;
+  void start(const Job &job, Report &report) const {
+    if (line_.command == Command::kCreate) return create(job, report);
+    if (line_.command == Command::kUpdate) return update(job, report);
+    verify(job, report);
+  }
+
+  void print_directories() const {
+    if (line_.options.output != Output::kText || line_.options.quiet) return;
+    std::puts("\nBy directory:");
+    for (const DirectoryFigures &figures : reports_)
+      std::printf("  %-14s %s\n", status_name(figures.status), escape(figures.root).c_str());
+  }
+
+  void finish_page(ExitStatus status) {
+    if (!page_) return;
+    PageFigures figures;
+    figures.command = line_.command;
+    figures.status = status;
+    figures.started = started_;
+    figures.ended = std::time(nullptr);
+    figures.directories.assign(reports_.begin(), reports_.end());
+    figures.machine = machine_figures();
+    figures.settings = {{"settings", settings_text(line_.options.settings)}};
+    figures.version = SCRUB_VERSION;
+    page_->finish(figures);
+  }
+
+  CommandLine line_;
+  Console &console_;
+  const std::time_t started_ = std::time(nullptr);
+  std::deque<Job> jobs_;
+  std::deque<DirectoryFigures> reports_;
+  std::optional<JsonRun> json_;
+  std::optional<HtmlReport> page_;
 };
-
-// The worst status of a run: could not run, then damage, then passing faults.
-ExitStatus worse(ExitStatus one, ExitStatus other) {
-  const auto weight = [](ExitStatus status) {
-    constexpr int kWeights[] = {0, 2, 3, 1};
-    return kWeights[status];
-  };
-  return weight(one) < weight(other) ? other : one;
-}
-
-ExitStatus do_jobs(Options &options) {
-  take_settings(options);
-  prepare_instances(options.jobs.size());
-  std::deque<Run> runs;
-  ExitStatus worst = kClean;
-  for (const Job &job : options.jobs) {
-    worst = worse(worst, runs.emplace_back(job, options.command).status);
-    if (interrupted()) break;
-  }
-  if (options.jobs.size() == 1) return worst;
-  std::puts("\nBy directory:");
-  for (std::size_t i = 0; i < runs.size(); ++i) {
-    const Instance &instance = runs[i].instance;
-    std::printf("  %-14s %s: %s files, %s bytes read\n", name_of(runs[i].status),
-                options.jobs[i].root.c_str(), grouped(instance.count(Count::kFiles)).c_str(),
-                grouped(instance.count(Count::kBytes)).c_str());
-  }
-  return worst;
-}
 
 int run(int argc, char **argv) {
   keep_standard_descriptors();
-  Options options = parse_options(argc, argv);
-  switch (options.command) {
+  umask(S_IRWXG | S_IRWXO); // what a run writes is its owner's business
+  CommandLine line = parse_options(argc, argv);
+  switch (line.command) {
   case Command::kWrong:
     return kCouldNotRun;
   case Command::kHelp:
@@ -173,16 +233,13 @@ int run(int argc, char **argv) {
   default:
     break;
   }
-
-  const std::string missing = what_is_missing(options);
-  if (!missing.empty()) return refuse(missing.c_str());
-  raise_descriptor_limit();
-  const Session session(options.jobs[0].paths);
-  catch_signals(); // replaces the library's handlers
-  if (!session.started()) return could_not_run("the library did not start; the log says why");
-  for (Job &job : options.jobs)
-    job.has_log = session.has_log();
-  return attempt([&] { return do_jobs(options); });
+  Console console;
+  auto run = std::make_unique<Run>(std::move(line), console);
+  const ExitStatus status = run->run();
+  if (!has_hanging_thread()) return status;
+  // A thread hangs in a read that no signal ends, and uses what it was given.
+  std::fflush(nullptr);
+  _exit(status);
 }
 
 } // namespace

@@ -13,7 +13,9 @@ namespace {
 // A batch with so many recorded blocks is full: more would not fit into its small files.
 constexpr std::uint64_t kFull = 1024;
 
+// "." is the root.
 bool is_below(std::string_view path, std::string_view directory) {
+  if (directory == ".") return true;
   return path.size() > directory.size() && path[directory.size()] == '/' &&
          path.starts_with(directory);
 }
