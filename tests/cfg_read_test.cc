@@ -259,7 +259,7 @@ TEST_F(CfgRegistry, WalksTheLinesOfAFile) {
        "5 ignored NULL|#k=1\n6 ignored NULL|k.l=1\n"},
       {"a=1\0b=2\n\0c=3\n[s]\r\n\rd\r=3\r\n \t\n"s,
        "1 item NULL|a|1\n2 blank NULL|\n3 section s\n4 item s|d|3\n5 blank s|\n"},
-      // A value that is too long; a line that is read as three.
+      // A value that is too long; a line that is read as two.
       {"k=" + long_value + "\nl=1\n", "1 ignored NULL|k=" + long_value + "\n2 item NULL|l|1\n"},
       {std::string(0x400041, 'k') + "a=b\nl=1\n",
        "1 ignored NULL|" + std::string(0x400041, 'k') + "\n1 item NULL|a|b\n2 item NULL|l|1\n"},

@@ -257,7 +257,7 @@ void *entry(void *) {
 int create_with_handle(vorn_thrd_entry_f function, void *argument, pthread_t *) {
   vorn_thrd_handle_s *handle = nullptr;
   if (vorn_thrd_create_handle(function, argument, &handle) != 0) return -1;
-  const int result = vorn_thrd_wait_handle(handle, -1, nullptr);
+  const int result = vorn_thrd_wait_handle(handle, 2000, nullptr); // survives a lost wake-up
   vorn_thrd_put_handle(handle);
   return result;
 }
