@@ -268,8 +268,8 @@ TEST_F(ScrubWalk, LeavesOutOtherFileSystems) {
   EXPECT_EQ(walk().size(), 2U);
   EXPECT_STREQ(Tree(root_ + "/proc").pseudo_name(), "proc");
   EXPECT_EQ(Tree(root_ + "/tmp").pseudo_name(), nullptr);
-  umount2((root_ + "/loop").c_str(), MNT_DETACH);
-  umount2((root_ + "/proc").c_str(), MNT_DETACH);
+  for (const char *target : {"/loop", "/proc", "/tmp"})
+    umount2((root_ + target).c_str(), MNT_DETACH);
 }
 
 TEST_F(ScrubWalk, NamesTheTree) {
