@@ -37,7 +37,7 @@ public:
 
 private:
   const char *name_at(std::uint32_t offset) const { return &text_[offset + 1]; }
-  void sort();
+  bool before(std::uint32_t a, std::uint32_t b) const;
   void keep_first_half();
 
   std::size_t limit_;
