@@ -37,15 +37,6 @@ void write_all(int fd, std::string_view text) {
 
 Console::Console() : copy_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {}
 
-Console::~Console() {
-  if (copy_ < 0) return;
-  if (hidden_) {
-    dup2(copy_, STDERR_FILENO);
-    send_sanitizer_reports_to(STDERR_FILENO);
-  }
-  close(copy_);
-}
-
 void Console::hide_library_messages() {
   if (copy_ < 0) return;
   const Fd nothing(open("/dev/null", O_WRONLY | O_CLOEXEC));

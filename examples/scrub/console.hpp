@@ -21,9 +21,9 @@ public:
   Console();
   Console(const Console &) = delete;
   Console &operator=(const Console &) = delete;
-  ~Console(); // puts the copy back
 
-  // Called once, when the log is open.
+  // Called once, when the log is open. Lasts to the end of the process: the library writes to
+  // descriptor 2 until then.
   void hide_library_messages();
 
   // Writes a line: "vorn-scrub: " and the text. Any thread.

@@ -48,7 +48,7 @@ Engine::Engine(const Options &options, Series &series, Plan plan)
   try {
     for (std::size_t i = 0; i < options.settings.threads; ++i)
       threads_.emplace_back("scrub_read" + std::to_string(i),
-                            [this, crash = options_.crash && i == 0] { run_reader(crash); });
+                            [this] { run_reader(); });
     threads_.emplace_back("scrub_plan", [this] { run_planner(); });
   } catch (...) {
     stop(-1);
@@ -94,10 +94,10 @@ void Engine::run_planner() {
 }
 
 // A thread that finds the run over takes its jobs without reading.
-void Engine::run_reader(bool crash) {
+void Engine::run_reader() {
   ReadingTools tools(options_.settings.read_size_limit);
   while (ReadingJob *job = work_.take()) {
-    if (crash) fault_on_purpose();
+    if (options_.crash) fault_on_purpose();
     job->run(*this, tools);
     job->done_.up();
   }

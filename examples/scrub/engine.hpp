@@ -147,7 +147,7 @@ private:
   friend class Piece;
 
   void run_planner();
-  void run_reader(bool crash);
+  void run_reader();
   void read_entry(Batch &batch, Entry &entry, ReadingTools &tools);
   void read_small(Batch &batch, Entry &entry, DataFile &file, ReadingTools &tools);
   ssize_t read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t bytes,

@@ -38,7 +38,6 @@ struct Entry {
   bool dropped = false;  // outside, because a pattern excludes it
   FileRecord record{};   // if it is recorded
   Found file{};          // if it is found
-  int unreachable = 0;   // recorded below a directory that cannot be read: why
 
   // The recorded blocks that the run reads; all of them if whole is set. in is set if the record is
   // in the run's part, even if there is no block to read.

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "account.hpp"
 #include "console.hpp"
 #include "descriptors.hpp"
 #include "html_report.hpp"

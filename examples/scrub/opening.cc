@@ -69,6 +69,12 @@ const char *reason(int error) {
 
 bool is_gone(int error) { return error == ENOENT || error == ESTALE; }
 
+int why_not_found(const Tree &tree, const String &path) {
+  struct stat status {};
+  if (tree.status(path, status)) return S_ISREG(status.st_mode) ? ESTALE : 0;
+  return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : errno;
+}
+
 Opened open_file(const Entry &entry, bool cached) {
   Opened opened{std::make_shared<DataFile>()};
   opened.error = opened.file->open(entry.file.directory->get(), entry.file.name.c_str(), cached);

@@ -35,6 +35,11 @@ const char *reason(int error);
 // Returns whether an errno means that the file vanished or was replaced.
 bool is_gone(int error);
 
+// Returns 0 if a recorded path that the walk did not find is not there, or no regular file any more.
+// Otherwise returns an errno that says why the walk did not find it: a directory above could not be
+// read to its end, for example.
+int why_not_found(const Tree &tree, const String &path);
+
 // Opens the file of an entry once more.
 struct Opened {
   std::shared_ptr<DataFile> file;

@@ -2,27 +2,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_OPTIONS_HPP
 #define SCRUB_OPTIONS_HPP
-
 #include <string>
 #include <vector>
-
 #include "scrub.hpp"
-
 namespace scrub {
-
-enum class Command { kCreate, kVerify, kHelp, kVersion, kWrong };
-
-struct Options {
+struct CommandLine {
   Command command = Command::kWrong;
-  std::vector<Job> jobs;     // one for each directory
-  std::string settings_file; // empty: none
+  struct Directory { std::string root; OwnPaths paths; };
+  std::vector<Directory> directories;
+  std::string settings_file;
+  Options options;
 };
-
-// Writes an error to standard error.
-Options parse_options(int argc, char **argv);
-
+CommandLine parse_options(int argc, char **argv);
 void print_help();
-
-} // namespace scrub
-
+}
 #endif

@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "planner.hpp"
 
-#include <cerrno>
 #include <utility>
 
 #include "interrupt.hpp"
@@ -12,13 +11,6 @@ namespace {
 
 // A batch with so many recorded blocks is full: more would not fit into its small files.
 constexpr std::uint64_t kFull = 1024;
-
-// "." is the root.
-bool is_below(std::string_view path, std::string_view directory) {
-  if (directory == ".") return true;
-  return path.size() > directory.size() && path[directory.size()] == '/' &&
-         path.starts_with(directory);
-}
 
 } // namespace
 
@@ -52,7 +44,6 @@ void Planner::next_recorded() {
 // A recorded path that is a directory now, which cannot be read, is missing as a file.
 void Planner::take(Entry &entry) {
   entry.recorded = entry.found = entry.outside = entry.dropped = false;
-  entry.unreachable = 0;
   entry.action = Action::kNothing;
   entry.error = 0;
   entry.first_block = entry.end_block = 0;
@@ -78,8 +69,6 @@ void Planner::take_recorded(Entry &entry) {
   next_recorded();
   entry.outside = !filter_.covers(entry.record.path);
   entry.dropped = entry.outside && filter_.wanted(entry.record.path);
-  if (!unreachable_.empty() && is_below(entry.record.path, unreachable_))
-    entry.unreachable = unreachable_error_;
 }
 
 void Planner::take_found(Entry &entry) {
@@ -91,9 +80,6 @@ void Planner::take_found(Entry &entry) {
     return;
   }
   entry.error = entry.file.error;
-  if (!entry.file.is_directory) return;
-  unreachable_ = entry.file.path;
-  unreachable_error_ = entry.file.error;
 }
 
 // The window counts every record that the run covers, also a missing one.

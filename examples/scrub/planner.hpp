@@ -53,8 +53,6 @@ private:
   bool more_recorded_ = false;
   bool more_found_ = false;
   bool started_ = false;
-  String unreachable_; // the last directory that could not be read
-  int unreachable_error_ = 0;
 };
 
 } // namespace scrub

@@ -47,6 +47,9 @@ public:
   Progress &operator=(const Progress &) = delete;
   ~Progress();
 
+  // Whether a bar is drawn, which needs to know the bytes to read.
+  bool shows_bar() const { return shown_ == Shown::kBar; }
+
   // Add to the bytes to read, and subtract bytes that the run will not read. Nothing shows a share
   // or the time left while the total is 0.
   void expect_bytes(std::uint64_t bytes) { total_.fetch_add(bytes, std::memory_order_relaxed); }

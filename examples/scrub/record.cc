@@ -15,6 +15,7 @@
 #include "damaged_list.hpp"
 #include "digest.hpp"
 #include "engine.hpp"
+#include "instance.hpp"
 #include "interrupt.hpp"
 #include "manifest_writer.hpp"
 #include "moves.hpp"
@@ -104,7 +105,7 @@ private:
       throw std::runtime_error("--accept " + path + ": " + std::strerror(errno));
     if (!S_ISREG(status.st_mode))
       throw std::runtime_error("--accept " + path + ": this is no regular file");
-    if (!filter_.covers(path))
+    if (!filter_.covers(String(path)))
       throw std::runtime_error("--accept " + path + ": the run leaves this file out");
     accepted_.insert(String(path));
   }
@@ -187,8 +188,8 @@ private:
 
   void take_lost(const Entry &entry) {
     if (!update_) return;
-    if (entry.unreachable != 0 && entry.unreachable != ENOENT)
-      return leave(entry.record, entry.unreachable);
+    if (const int error = why_not_found(tree_, entry.record.path); error != 0)
+      return leave(entry.record, error);
     Digest digest;
     Checksums block;
     while (old_->again.next_block(block))
@@ -401,7 +402,8 @@ private:
     summary.read = read_;
     summary.recorded = writer_->totals();
     summary.medium = medium_;
-    summary.left_out = walk_.counts();
+    // The planner uses the walk until it has ended.
+    if (stop()) summary.left_out = walk_.counts();
     report_.finish(summary);
   }
 

@@ -113,7 +113,7 @@ void UnfinishedFile::check_replaceable(const std::string &name) const {
 struct stat UnfinishedFile::open_locked(int flags) {
   const std::string name = paths_.unfinished_name();
   Fd file(openat(directory_.get(), name.c_str(),
-                 O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, kOwnerOnly));
+                 O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, kOwnerOnly));
   if (!file)
     fail("cannot write into " + paths_.manifest_directory +
          ", choose another place with --manifest");

@@ -17,7 +17,7 @@ enum ExitStatus {
   kCouldNotRun = 2, // an error ended the run, or it did not start
   kIncomplete = 3,  // unreadable, skipped, vanished or interrupted; or a block was right only at the
                     // second read
-  kDifferent = 4,   // only differences that somebody made
+  kDifferent = 4,   // only differences that a program made on purpose
 };
 
 // Returns the status that counts for both: 2 before 1 before 3 before 4 before 0.

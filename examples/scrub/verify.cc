@@ -100,6 +100,7 @@ public:
     if (!over()) second_->finish();
     if (!over()) resolve_moves();
     ranges_.flush();
+    report_.end_file();
     if (!over()) supervision.finish();
     finish();
   }
@@ -133,6 +134,7 @@ private:
                                " is of a run with another part or other paths; give the same, or "
                                "leave --resume out");
     window_.resume_at(checkpoint->position);
+    resumed_ = true;
     report_.note(std::string("Going on after ") + escape(checkpoint->position.path).c_str());
     for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
       count(static_cast<Count>(i)) += checkpoint->counts[i];
@@ -190,8 +192,9 @@ private:
 
   void take_lost(const Entry &entry) {
     report_.progress().drop_bytes(bytes_of(entry));
-    if (entry.unreachable != 0 && entry.unreachable != ENOENT) {
-      if (entry.in) unreadable(entry.record, std::strerror(entry.unreachable));
+    if (const int error = why_not_found(tree_, entry.record.path); error != 0) {
+      if (entry.in && is_gone(error)) changed(entry.record, reason(error));
+      if (entry.in && !is_gone(error)) unreadable(entry.record, reason(error));
       return;
     }
     Digest digest;
@@ -382,9 +385,12 @@ private:
     summary.read = read_;
     summary.recorded = checked_.recorded;
     summary.medium = medium_;
-    summary.left_out = walk_.counts();
+    // The planner uses the walk until it has ended.
+    if (stop()) summary.left_out = walk_.counts();
     summary.interrupted = interrupted();
     summary.limited = limited_;
+    summary.part = part_;
+    summary.resumed = resumed_;
     if (part_.of != 0)
       summary.note = "part " + std::to_string(part_.number) + " of " + std::to_string(part_.of);
     if (over()) {
@@ -446,6 +452,7 @@ private:
   Totals read_{};
   Medium medium_{};
   bool limited_ = false;
+  bool resumed_ = false;
   bool foreign_ = false; // the manifest is of another tree
   std::set<String, std::less<>> changed_; // the files told as changed
 
