@@ -144,8 +144,6 @@ private:
     prepare_instances(jobs_.size());
     ExitStatus worst = kClean;
     for (const Job &job : jobs_) {
-      if (page_) page_->begin_directory();
-      if (json_) json_->begin_directory(job, has_log);
       worst = worse(worst, do_job(job, outputs));
       if (interrupted()) break;
     }
