@@ -186,7 +186,7 @@ void JsonRun::end_directory(const DirectoryFigures &figures, const Tally &tally,
   json.end_array();
   add_counts(json, tally);
   if (summary != nullptr) {
-    json.key("verdict").text(verdict_line(command_, tally, *summary));
+    json.key("summary").text(verdict_line(command_, tally, *summary));
     add_summary(json, command_, *summary);
     add_figures(json, figures);
   }

@@ -83,8 +83,13 @@ void CpuUsage::halve() {
   per_point_ *= 2;
 }
 
+bool CpuUsage::has_samples() {
+  const std::lock_guard hold(mutex_);
+  return samples_ != 0;
+}
+
 CpuFigures CpuUsage::figures() {
-  if (samples_ == 0) sample();
+  if (!has_samples()) sample();
   const std::lock_guard hold(mutex_);
   CpuFigures figures;
   for (std::size_t cpu = 0; cpu < sums_.size(); ++cpu) {

@@ -34,6 +34,7 @@ public:
 private:
   static constexpr std::size_t kPoints = 60; // of the history
 
+  bool has_samples();
   void keep(const Vector<std::uint32_t> &usage);
   void halve();
 

@@ -148,6 +148,7 @@ void Report::finish(const Summary &summary) {
   end_file();
   ended_early_ = summary.interrupted || summary.limited;
   progress_.finish(!ended_early_);
+  if (!summary.note.empty()) figures_.notes.push_back(summary.note);
   count(Count::kFiles) = summary.read.files;
   count(Count::kBytes) = summary.read.bytes;
   const std::uint64_t taken = this->taken();
