@@ -105,7 +105,8 @@ CpuFigures CpuUsage::figures() {
     for (std::size_t i = 0; i < history_.size(); ++i) {
       const std::uint64_t samples = std::min(per_point_, samples_ - i * per_point_);
       const std::uint64_t sum = cpu < history_[i].size() ? history_[i][cpu] : 0;
-      history.push_back(static_cast<std::uint8_t>(std::min<std::uint64_t>(mean(sum, samples), 100)));
+      history.push_back(
+          static_cast<std::uint8_t>(std::min<std::uint64_t>(mean(sum, samples), 100)));
     }
   }
   return figures;

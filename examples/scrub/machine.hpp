@@ -16,7 +16,8 @@ namespace scrub {
 // The usage of each CPU in percent.
 struct CpuFigures {
   std::vector<std::uint32_t> means{};
-  // Of each CPU: means of consecutive spans of time, all of the same length; the last may be shorter.
+  // Of each CPU: means of consecutive spans of time, all of the same length; the last may be
+  // shorter.
   std::vector<std::vector<std::uint8_t>> history{};
 };
 
@@ -45,7 +46,8 @@ private:
   std::uint64_t per_point_ = 1;           // samples
 };
 
-// Returns "4 CPUs in 1 package, MODEL, 40 % of the memory in use"; empty if the machine does not tell.
+// Returns "4 CPUs in 1 package, MODEL, 40 % of the memory in use"; empty if the machine does not
+// tell.
 std::string layout_text();
 
 // Prints packages, CPUs and model, the memory in use, and the NUMA nodes if there is a NUMA file.
