@@ -47,7 +47,8 @@ void Html::add_word(std::string_view word) {
     const std::string_view escaped = entity(word[0]);
     for (const char c : word.substr(0, direction)) {
       char code[4];
-      std::snprintf(code, sizeof code, "%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      std::snprintf(code, sizeof code, "%%%02X",
+                    static_cast<unsigned>(static_cast<unsigned char>(c)));
       text_ += code;
     }
     if (direction == 0 && escaped.empty()) text_ += word[0];

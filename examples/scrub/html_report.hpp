@@ -34,8 +34,8 @@ public:
   // Keeps a row of each finding, as long as the page has room.
   void add_finding(const Finding &finding);
 
-  // Writes the page and gives it its name. Throws std::system_error; a page that had the name before
-  // is then as it was.
+  // Writes the page and gives it its name. Throws std::system_error; a page that had the name
+  // before is then as it was.
   void finish(const PageFigures &figures);
 
   // Limits of each kind of finding, for all directories together.

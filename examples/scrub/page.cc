@@ -57,8 +57,8 @@ const char *name_of(Command command) {
 }
 
 constexpr const char *kVerdictNames[] = {
-    "Silent damage", "Passing fault", "Modified",   "Grown",              "Shrunk", "Missing",
-    "New",           "Moved",         "Unreadable", "Changed while read", "Skipped"};
+    "Silent damage", "Passing fault", "Modified",           "Grown",  "Shrunk", "Missing", "New",
+    "Moved",         "Unreadable",    "Changed while read", "Skipped"};
 static_assert(std::size(kVerdictNames) == static_cast<std::size_t>(Verdict::kVerdicts));
 
 const char *name_of(Verdict verdict) { return kVerdictNames[static_cast<std::size_t>(verdict)]; }
@@ -129,7 +129,8 @@ Html row_header(std::string_view text) {
 
 // Tables.
 
-Html begin_table(Literal id, std::string_view caption, std::initializer_list<const char *> columns) {
+Html begin_table(Literal id, std::string_view caption,
+                 std::initializer_list<const char *> columns) {
   Html html;
   html << "<div class=\"scroll\" role=\"region\" tabindex=\"0\" aria-label=\"";
   html.text(caption) << "\">\n<table class=\"" << id << "\">\n<caption>";
@@ -168,9 +169,8 @@ std::string sectors_text(const Finding &finding) {
   std::string text;
   for (std::size_t i = 0; i < finding.expected.sectors; ++i) {
     if (finding.expected.guards[i] == finding.found.guards[i]) continue;
-    text += (text.empty() ? "" : ", ") +
-            grouped(finding.first_block * kSectorsPerBlock + i) + " (" +
-            hexadecimal(finding.expected.guards[i], 4) + ", " +
+    text += (text.empty() ? "" : ", ") + grouped(finding.first_block * kSectorsPerBlock + i) +
+            " (" + hexadecimal(finding.expected.guards[i], 4) + ", " +
             hexadecimal(finding.found.guards[i], 4) + ")";
   }
   return text;
@@ -206,13 +206,19 @@ struct TableText {
 
 const TableText &text_of(FindingKind kind) {
   static const TableText kTexts[] = {
-      {"damage", "Damage",
+      {"damage",
+       "Damage",
        "Ranges of blocks of 4,096 bytes that differ. The checksums are those of the first block of "
        "the range; sectors of 512 bytes have their guards, recorded and found.",
        {"Path", "Verdict", "Blocks", "First byte", "CRC-32C recorded", "CRC-32C found",
         "Sectors of the first block"}},
-      {"not-read", "Not read", "Files that were not read to their end.", {"Path", "Verdict", "Why"}},
-      {"differences", "Differences", "Files that were written, moved, added or removed.",
+      {"not-read",
+       "Not read",
+       "Files that were not read to their end.",
+       {"Path", "Verdict", "Why"}},
+      {"differences",
+       "Differences",
+       "Files that were written, moved, added or removed.",
        {"Path", "Verdict", "Bytes recorded", "Bytes now", "Blocks that differ", "Recorded as"}}};
   return kTexts[static_cast<std::size_t>(kind)];
 }
@@ -226,8 +232,9 @@ Html finding_table(FindingKind kind, const FindingTable &table) {
                         << begin_table(text.id, text.caption, text.columns) << table.rows
                         << kEndTable;
   if (table.left_out != 0)
-    html << paragraph(counted(table.left_out, "more row") +
-                      " would not fit on the page. The report on the terminal and the log have all.");
+    html << paragraph(
+        counted(table.left_out, "more row") +
+        " would not fit on the page. The report on the terminal and the log have all.");
   return html;
 }
 
@@ -282,8 +289,8 @@ Html directory_section(const PageFigures &figures, std::size_t number,
   for (const std::string &note : directory.notes)
     html << paragraph(note);
   html << "<div class=\"plots\">\n"
-       << count_table(directory) << row_table("read", "What was read and recorded.", directory.figures)
-       << "</div>\n";
+       << count_table(directory)
+       << row_table("read", "What was read and recorded.", directory.figures) << "</div>\n";
   for (std::size_t kind = 0; kind < kFindingKinds; ++kind)
     html << finding_table(static_cast<FindingKind>(kind), tables[kind]);
   html << plots(directory) << cpu_table(directory.cpus) << "<p>Manifest: <span class=\"path\">"
@@ -351,10 +358,12 @@ Html machine_section(const PageFigures &figures) {
   Html html;
   html << "<section aria-labelledby=\"machine\">\n<h2 id=\"machine\">How the run went</h2>\n";
   if (!machine.layout.empty()) html << paragraph("Machine: " + machine.layout + ".");
-  html << "<div class=\"plots\">\n<div>\n" << thread_rows(machine.threads) << "</div>\n<div>\n"
-       << "<h3>Work pool</h3>\n" << row_table("pool", "The pool of scheduled work.", machine.pool)
-       << memory_rows(machine.memory) << "</div>\n</div>\n" << timer_rows(machine.timers)
-       << "</section>\n";
+  html << "<div class=\"plots\">\n<div>\n"
+       << thread_rows(machine.threads) << "</div>\n<div>\n"
+       << "<h3>Work pool</h3>\n"
+       << row_table("pool", "The pool of scheduled work.", machine.pool)
+       << memory_rows(machine.memory) << "</div>\n</div>\n"
+       << timer_rows(machine.timers) << "</section>\n";
   return html;
 }
 

@@ -32,8 +32,7 @@ Html finding_row(const Finding &finding);
 
 // Writes the page to file, whose error indicator tells of failures. tables may have fewer elements
 // than there are directories.
-void write_page(std::FILE *file, const PageFigures &figures,
-                std::span<const FindingTables> tables);
+void write_page(std::FILE *file, const PageFigures &figures, std::span<const FindingTables> tables);
 
 } // namespace scrub
 

@@ -17,9 +17,8 @@ std::vector<Row> pool_rows(const std::vector<ThreadRow> &threads) {
   const auto workers = std::count_if(threads.begin(), threads.end(), [](const ThreadRow &thread) {
     return thread.name == kWorker && !thread.ended;
   });
-  std::vector<Row> rows = {
-      {"Threads", grouped(static_cast<std::uint64_t>(workers)) + " of at most " +
-                      grouped(VORN_SCHED_WORK_THREAD_COUNT)}};
+  std::vector<Row> rows = {{"Threads", grouped(static_cast<std::uint64_t>(workers)) +
+                                           " of at most " + grouped(VORN_SCHED_WORK_THREAD_COUNT)}};
 
   vorn_sched_work_heal_task_s *task = nullptr;
   std::uint32_t tasks = 0;

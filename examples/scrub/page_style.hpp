@@ -63,7 +63,8 @@ footer { color: var(--quiet); }
 
 // The SHA-256 of the style. A browser that finds another one says which it expects.
 inline constexpr const char *kPagePolicy =
-    "default-src 'none'; style-src 'sha256-cls8qQwgilHf4pDdeyrwsmQJHFfon0+o5QQao5W9wus='; base-uri 'none'; form-action 'none'";
+    "default-src 'none'; style-src 'sha256-cls8qQwgilHf4pDdeyrwsmQJHFfon0+o5QQao5W9wus='; base-uri "
+    "'none'; form-action 'none'";
 
 } // namespace scrub
 

@@ -24,7 +24,7 @@ constexpr double kTop = 12;
 constexpr double kBottom = 176;
 
 constexpr std::size_t kMostSteps = 180; // of the throughput
-constexpr double kNanoseconds = 1e9;     // of a second
+constexpr double kNanoseconds = 1e9;    // of a second
 
 // Returns 1, 2 or 5 times a power of ten: the distance of the ticks of an axis that ends at end.
 double tick_distance(double end, double most_ticks) {
@@ -44,9 +44,9 @@ std::string decimal(double number) {
   return std::string(digits.ends_with(".0") ? digits.substr(0, digits.size() - 2) : digits);
 }
 
-// Returns "500 µs", "1.5 ms", "2 s".
+// Returns "1.5 ms", "2 s".
 std::string time_text(double nanoseconds) {
-  if (nanoseconds < 1e6) return decimal(nanoseconds / 1e3) + " µs";
+  if (nanoseconds < 1e6) return decimal(nanoseconds / 1e3) + " \u00b5s";
   if (nanoseconds < 1e9) return decimal(nanoseconds / 1e6) + " ms";
   return decimal(nanoseconds / 1e9) + " s";
 }
@@ -283,8 +283,9 @@ Html latency_plot(const Series::Figures &series, std::string_view of) {
   const Axis counts = Axis(static_cast<double>(std::max<std::uint64_t>(most, 5)), 5).whole();
 
   Html content;
-  content << vertical_axis(
-      counts, [](double count) { return grouped(static_cast<std::uint64_t>(std::llround(count))); });
+  content << vertical_axis(counts, [](double count) {
+    return grouped(static_cast<std::uint64_t>(std::llround(count)));
+  });
   for (std::size_t i = first; i <= last; ++i) {
     const double left = kLeft + static_cast<double>(i - first) * width;
     const std::string begin = time_text(bucket_begin(i));
@@ -293,8 +294,8 @@ Html latency_plot(const Series::Figures &series, std::string_view of) {
     const std::string name =
         counted(series.latency[i], "read") + " of " + begin +
         (i + 1 == Series::kBuckets ? " or more" : " to " + time_text(bucket_begin(i + 1)));
-    content << bar(left + 1, left + width - 1,
-                   static_cast<double>(series.latency[i]) / counts.end, name);
+    content << bar(left + 1, left + width - 1, static_cast<double>(series.latency[i]) / counts.end,
+                   name);
   }
   if (last + 1 < Series::kBuckets && buckets % labelled == 0)
     content << horizontal_tick(kLeft + static_cast<double>(buckets) * width,

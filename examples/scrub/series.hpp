@@ -46,9 +46,9 @@ private:
   const std::uint64_t started_; // nanoseconds
   std::mutex mutex_;            // held for a few additions
   std::array<std::uint64_t, kPoints> points_{};
-  std::size_t used_ = 0;         // points
-  std::uint64_t interval_;       // of a point
-  Figures sums_{};               // all but interval and points
+  std::size_t used_ = 0;   // points
+  std::uint64_t interval_; // of a point
+  Figures sums_{};         // all but interval and points
 };
 
 } // namespace scrub

@@ -15,7 +15,7 @@ namespace scrub {
 struct ThreadRow {
   long tid = 0;
   std::string name{};
-  std::string strategy{}; // of the library; empty: the library does not know the thread
+  std::string strategy{};  // of the library; empty: the library does not know the thread
   double seconds = 0;      // of CPU time
   std::uint64_t began = 0; // ticks since the start of the system
   bool ended = false;

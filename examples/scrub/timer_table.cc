@@ -40,8 +40,7 @@ void TimerTable::note(const char *purpose, const vorn_timer_s &timer) {
   const std::lock_guard hold(mutex_);
   auto row = std::find_if(rows_.begin(), rows_.end(),
                           [&](const TimerRow &at) { return at.purpose == purpose; });
-  if (row == rows_.end())
-    row = rows_.insert(row, {.purpose = purpose, .set_by = set_by(timer)});
+  if (row == rows_.end()) row = rows_.insert(row, {.purpose = purpose, .set_by = set_by(timer)});
   row->high_resolution = high_resolution;
   row->period = timer.timeOut * (high_resolution ? 1 : kMillisecond);
   ++row->expiries;

@@ -15,11 +15,11 @@ namespace scrub {
 
 struct TimerRow {
   std::string purpose;
-  std::string set_by;         // function, file and line
+  std::string set_by; // function, file and line
   bool high_resolution = false;
-  std::uint64_t period = 0;   // nanoseconds, of the last expiry
+  std::uint64_t period = 0; // nanoseconds, of the last expiry
   std::uint64_t expiries = 0;
-  std::uint64_t latest = 0;   // nanoseconds that a call came after the expiry, at most
+  std::uint64_t latest = 0; // nanoseconds that a call came after the expiry, at most
 };
 
 class TimerTable {
