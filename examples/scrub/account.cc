@@ -93,8 +93,8 @@ std::string files_text(const Tally &tally, const Summary &summary) {
 
 std::string left_out_text(const Walk::Counts &left_out) {
   std::string text;
-  append(text, left_out.links, "symbolic link(s)");
-  append(text, left_out.specials, "special file(s)");
+  if (left_out.links != 0) append(text, counted(left_out.links, "symbolic link"));
+  if (left_out.specials != 0) append(text, counted(left_out.specials, "special file"));
   append(text, left_out.excluded, "excluded");
   append(text, left_out.other_file_systems, "on other file systems");
   append(text, left_out.pseudo, "pseudo file systems");

@@ -9,7 +9,7 @@
 namespace scrub {
 
 struct Settings {
-  std::uint64_t read_size_limit = 262144; // bytes of a read: whole blocks
+  std::uint64_t read_size_limit = 524288; // bytes of a read: whole blocks
   std::uint64_t threads = 4;              // that read and compute checksums
   std::uint64_t rate_limit = 0;           // megabytes (10^6) a second, 0: no limit
   std::uint64_t nice = 0;                 // of these threads
@@ -18,7 +18,7 @@ struct Settings {
   std::string numa{};                     // the NUMA file; empty: the node's
 };
 
-// Returns "4 threads, reads of at most 262,144 bytes, no rate limit, nice 0, CPUs 0-1023".
+// Returns "4 threads, reads of at most 524,288 bytes, no rate limit, nice 0, CPUs 0-1023".
 std::string settings_text(const Settings &settings);
 
 } // namespace scrub
