@@ -145,7 +145,8 @@ status 0
 600$
 CLEAN)"},
 
-    // Known damage stays recorded as it was, whatever its time of change says, until it is accepted.
+    // Known damage stays recorded as it was, whatever its time of change says, until it is
+    // accepted.
     {"UpdateRefusesDamage", R"(
      for name in a b c; do numbers 9000 >$name; done; touch -d @1 ?; silently
      flip a 1; flip b 5000; touch -d @1 ?; mv b B
@@ -197,7 +198,8 @@ MOVED       renamed: recorded as open$)"},
     {"SkippedFilesMakeCreateIncomplete", R"(
      mkdir dir; for name in dir/inside file open; do echo x >$name; done; chmod 0 dir file
      $user scrub create .; status=$?; chmod 700 dir; exit $status)",
-     kIncomplete, "SKIPPED     dir: Permission denied$\nSKIPPED     file: Permission denied$\n1 read"},
+     kIncomplete,
+     "SKIPPED     dir: Permission denied$\nSKIPPED     file: Permission denied$\n1 read"},
 
     {"TreeDeeperThanLimits", R"(
      name=$(printf %0250d 0); deep=$(pwd)
@@ -268,7 +270,7 @@ CLEAN)"},
          numbers 999 >f$i; mv f$((i + 1)) n$i; truncate -s 5 f$((i + 2)); rm -f f$((i + 3))
          mkfifo f$((i + 3)) 2>&-; rm -f f$((i + 4)); ln -s f1 f$((i + 4)) 2>&-; mv n$i f$((i + 1))
        done
-     done) & 
+     done) &
      for i in 1 2 3; do scrub verify . >../out 2>&1; echo status $?; done
      scrub update -q . >../out 2>&1; echo $?; touch ../stop; wait)",
      kClean, "!status 0\n!status 1\n!status 2"},

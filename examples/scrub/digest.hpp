@@ -15,8 +15,9 @@ class Digest {
 public:
   void add(const Checksums &block) {
     crcs_ = vorn_crc32cContinue(crcs_, &block.crc, sizeof block.crc);
-    guards_ = vorn_crc32cContinue(guards_, block.guards.data(),
-                                  static_cast<std::uint32_t>(block.sectors * sizeof block.guards[0]));
+    guards_ =
+        vorn_crc32cContinue(guards_, block.guards.data(),
+                            static_cast<std::uint32_t>(block.sectors * sizeof block.guards[0]));
   }
 
   std::uint64_t value() const { return std::uint64_t{crcs_} << 32 | guards_; }

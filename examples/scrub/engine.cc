@@ -38,8 +38,8 @@ Engine::Engine(const Options &options, Series &series, Plan plan)
       batches_(kBatchesOfThread * options.settings.threads),
       empty_(static_cast<unsigned int>(batches_.size())),
       ordered_(static_cast<unsigned int>(batches_.size())),
-      work_(static_cast<unsigned int>(batches_.size() +
-                                      kPiecesOfThread * options.settings.threads)) {
+      work_(
+          static_cast<unsigned int>(batches_.size() + kPiecesOfThread * options.settings.threads)) {
   for (std::size_t i = 0; i < kPiecesOfThread * options.settings.threads; ++i)
     pieces_.emplace_back(options.settings.read_size_limit / kBlockSize);
   for (Batch &batch : batches_)
@@ -47,8 +47,7 @@ Engine::Engine(const Options &options, Series &series, Plan plan)
   set_strategy(options.settings);
   try {
     for (std::size_t i = 0; i < options.settings.threads; ++i)
-      threads_.emplace_back("scrub_read" + std::to_string(i),
-                            [this] { run_reader(); });
+      threads_.emplace_back("scrub_read" + std::to_string(i), [this] { run_reader(); });
     threads_.emplace_back("scrub_plan", [this] { run_planner(); });
   } catch (...) {
     stop(-1);

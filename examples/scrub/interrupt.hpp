@@ -1,5 +1,6 @@
 // Ends the run in an orderly way on SIGINT, SIGTERM and SIGHUP, and tells of SIGUSR1, which asks
-// for the run's progress. SPDX-License-Identifier: Apache-2.0
+// for the run's progress.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_INTERRUPT_HPP
 #define SCRUB_INTERRUPT_HPP
 

@@ -30,8 +30,7 @@ std::uint64_t identity_of(const Candidate &file) {
 }
 
 bool same_identity(const Candidate &a, const Candidate &b) {
-  return a.inode != 0 && a.inode == b.inode && a.size == b.size &&
-         same_time(a.written, b.written);
+  return a.inode != 0 && a.inode == b.inode && a.size == b.size && same_time(a.written, b.written);
 }
 
 } // namespace
@@ -56,8 +55,7 @@ public:
   }
 
   // Returns the first open file with the key that is like, or the number of files.
-  template <class Like>
-  std::size_t find(const Index &keys, std::uint64_t key, Like like) const {
+  template <class Like> std::size_t find(const Index &keys, std::uint64_t key, Like like) const {
     for (auto at = std::ranges::lower_bound(keys, Key{key, 0}); at != keys.end(); ++at) {
       if (at->value != key) break;
       if (files_[at->index].state == Candidate::State::kOpen && like(files_[at->index]))
@@ -90,8 +88,8 @@ void Moves::missing(const FileRecord &record, std::uint64_t digest) {
   lost_.add(file, record.path);
 }
 
-void Moves::added(std::string_view path, const Attributes &now,
-                  std::optional<std::uint64_t> digest, int error) {
+void Moves::added(std::string_view path, const Attributes &now, std::optional<std::uint64_t> digest,
+                  int error) {
   Candidate file;
   file.inode = now.inode;
   file.size = now.size;
@@ -195,8 +193,7 @@ void Moves::tell(const MoveActions &actions) {
 }
 
 void Moves::tell_added(const Candidate &fresh, const String &path, const MoveActions &actions) {
-  if (fresh.state == Candidate::State::kOpen)
-    return actions.added(path, fresh.size, fresh.error);
+  if (fresh.state == Candidate::State::kOpen) return actions.added(path, fresh.size, fresh.error);
   const String from = lost_.path(lost_.get(fresh.partner));
   if (fresh.state == Candidate::State::kMoved) return actions.moved(path, from);
   if (fresh.state == Candidate::State::kDamaged) return actions.damaged(path, from);

@@ -18,10 +18,9 @@ bool hanging = false; // only the thread of main and of the instance, which main
 
 std::string tree_text(const TreeRecord &tree) {
   char id[64];
-  std::snprintf(id, sizeof id, " (inode %llu, file system %llx",
-                static_cast<unsigned long long>(tree.inode),
-                static_cast<unsigned long long>(tree.file_system != 0 ? tree.file_system
-                                                                      : tree.device));
+  std::snprintf(
+      id, sizeof id, " (inode %llu, file system %llx", static_cast<unsigned long long>(tree.inode),
+      static_cast<unsigned long long>(tree.file_system != 0 ? tree.file_system : tree.device));
   const std::string label =
       tree.label.empty() ? std::string() : std::string(", label ") + escape(tree.label).c_str();
   return std::string(escape(tree.root).c_str()) + id + label + ")";

@@ -19,8 +19,8 @@ namespace scrub {
 // Throws std::runtime_error if the tree is on a pseudo file system that the run may not read.
 void check_readable(const Tree &tree, const Job &job);
 
-// Returns whether the manifest belongs to another tree. Throws std::runtime_error if the run does not
-// take any tree.
+// Returns whether the manifest belongs to another tree. Throws std::runtime_error if the run does
+// not take any tree.
 bool is_foreign(const TreeRecord &recorded, const Tree &tree, const Job &job);
 
 // Opens a manifest, or another file of the run. Throws an exception if it is no regular file.
@@ -35,9 +35,9 @@ const char *reason(int error);
 // Returns whether an errno means that the file vanished or was replaced.
 bool is_gone(int error);
 
-// Returns 0 if a recorded path that the walk did not find is not there, or no regular file any more.
-// Otherwise returns an errno that says why the walk did not find it: a directory above could not be
-// read to its end, for example.
+// Returns 0 if a recorded path that the walk did not find is not there, or no regular file any
+// more. Otherwise returns an errno that says why the walk did not find it: a directory above could
+// not be read to its end, for example.
 int why_not_found(const Tree &tree, const String &path);
 
 // Opens the file of an entry once more.

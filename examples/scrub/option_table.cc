@@ -135,16 +135,13 @@ bool parse_number(std::string_view text, std::uint64_t least, std::uint64_t most
 std::span<const Option> all_options() { return kOptions; }
 
 const Option *find_option(std::string_view name) {
-  const auto at = std::ranges::find(kOptions, name, [](const Option &option) {
-    return std::string_view(option.name);
-  });
+  const auto at = std::ranges::find(
+      kOptions, name, [](const Option &option) { return std::string_view(option.name); });
   return at == std::end(kOptions) ? nullptr : at;
 }
 
 bool takes(Command command, const Option &option) {
-  const char letter = command == Command::kCreate   ? 'c'
-                      : command == Command::kVerify ? 'v'
-                                                    : 'u';
+  const char letter = command == Command::kCreate ? 'c' : command == Command::kVerify ? 'v' : 'u';
   return std::string_view(option.commands).find(letter) != std::string_view::npos;
 }
 

@@ -29,9 +29,12 @@ public:
   CommandLine parse() {
     while (next_ < arguments_.size())
       take(arguments_[next_++]);
-    if (line_.given.contains("help")) line_.command = Command::kHelp;
-    else if (line_.given.contains("version")) line_.command = Command::kVersion;
-    else finish();
+    if (line_.given.contains("help"))
+      line_.command = Command::kHelp;
+    else if (line_.given.contains("version"))
+      line_.command = Command::kVersion;
+    else
+      finish();
     return line_;
   }
 

@@ -29,12 +29,12 @@ struct CommandLine {
 };
 
 struct Option {
-  const char *name; // without dashes
-  char letter;      // the short form; NUL: none
+  const char *name;     // without dashes
+  char letter;          // the short form; NUL: none
   const char *argument; // its name in the help; NULL: none
   const char *commands; // that take the option: 'c', 'v', 'u' for create, verify, update
   bool repeats;
-  const char *wanted; // values that are right, for messages
+  const char *wanted;                                        // values that are right, for messages
   bool (*take)(CommandLine &line, const std::string &value); // false: a wrong value
   const char *help;
 };

@@ -16,7 +16,8 @@ constexpr std::uint64_t kFull = 1024;
 
 Planner::Planner(ManifestReader *manifest, Walk &walk, const ScopeFilter &filter,
                  const Window &window, Wanted wanted)
-    : manifest_(manifest), walk_(walk), filter_(filter), window_(window), wanted_(std::move(wanted)) {}
+    : manifest_(manifest), walk_(walk), filter_(filter), window_(window),
+      wanted_(std::move(wanted)) {}
 
 std::size_t Planner::fill(std::span<Entry> entries) {
   if (!std::exchange(started_, true)) {

@@ -78,8 +78,7 @@ public:
     if (!update_ && report_.progress().shows_bar()) report_.progress().expect_bytes(count_bytes());
     Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
     Wanted wanted{Action::kIfWritten, Action::kRead, foreign_};
-    if (update_)
-      wanted.always = [this](const String &path) { return must_read(path); };
+    if (update_) wanted.always = [this](const String &path) { return must_read(path); };
     planner_.emplace(old_ ? &old_->planned : nullptr, walk_, filter_, Window(), wanted);
     engine_.emplace(options_, report_.series(),
                     [this](std::span<Entry> entries) { return planner_->fill(entries); });
@@ -122,8 +121,8 @@ private:
     Found found;
     while (walk.next(found) && !interrupted()) {
       struct stat status {};
-      if (found.error == 0 && fstatat(found.directory->get(), found.name.c_str(), &status,
-                                      AT_SYMLINK_NOFOLLOW) == 0)
+      if (found.error == 0 &&
+          fstatat(found.directory->get(), found.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
         bytes += static_cast<std::uint64_t>(status.st_size);
     }
     return bytes;
@@ -175,10 +174,8 @@ private:
   }
 
   void tell_left(const FileRecord &file, Verdict verdict, const char *why) {
-    report_.finding({.verdict = verdict,
-                     .path = file.path,
-                     .recorded_size = file.size,
-                     .why = why});
+    report_.finding(
+        {.verdict = verdict, .path = file.path, .recorded_size = file.size, .why = why});
   }
 
   void skip(const String &path, int error) {
@@ -274,11 +271,11 @@ private:
     begin(now);
     writing_ = true;
     std::uint64_t bytes = 0;
-    const int error = engine_->read(opened.file, 0, block_count(now.size),
-                                    [&](const Engine::Blocks &blocks) {
-                                      add(blocks);
-                                      bytes += blocks.bytes;
-                                    });
+    const int error =
+        engine_->read(opened.file, 0, block_count(now.size), [&](const Engine::Blocks &blocks) {
+          add(blocks);
+          bytes += blocks.bytes;
+        });
     if (error != 0) return error;
     return done(opened.file->way(), bytes < now.size || opened.file->has_changed());
   }
@@ -362,10 +359,8 @@ private:
     };
     actions.unreadable = [this](const String &path, const String &from, int error) {
       restored_.push_back(from);
-      report_.finding({.verdict = Verdict::kUnreadable,
-                       .path = path,
-                       .from = from,
-                       .why = reason(error)});
+      report_.finding(
+          {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
     };
     actions.missing = [this](const String &path, std::uint64_t size) {
       Finding finding{.verdict = Verdict::kMissing, .path = path, .recorded_size = size};

@@ -51,8 +51,7 @@ private:
   // proves nothing.
   void read(Suspects &suspects) {
     DataFile file;
-    const bool open =
-        file.adopt(tree_.open(suspects.file.path, O_RDONLY), false) == 0;
+    const bool open = file.adopt(tree_.open(suspects.file.path, O_RDONLY), false) == 0;
     for (Suspect &suspect : suspects.blocks) {
       if (interrupted()) return;
       suspect.again = !open ? Again::kWrong

@@ -23,7 +23,7 @@ enum class Again { kUnread, kRight, kWrong, kWritten };
 struct Suspect {
   std::uint64_t block;
   Checksums expected;
-  Checksums found;               // at the first read
+  Checksums found;              // at the first read
   Again again = Again::kUnread; // at the second
 };
 

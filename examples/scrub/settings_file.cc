@@ -38,9 +38,9 @@ constexpr Number kNumbers[] = {
 };
 
 // Items that stand for an option: its name in upper case, with '_' for '-'.
-constexpr const char *kOptionItems[] = {"exclude",    "one-file-system", "pseudo", "any-tree",
-                                        "part",       "resume",          "cached", "max-errors",
-                                        "quiet",      "report"};
+constexpr const char *kOptionItems[] = {"exclude", "one-file-system", "pseudo", "any-tree",
+                                        "part",    "resume",          "cached", "max-errors",
+                                        "quiet",   "report"};
 
 constexpr char kOutput[] = "OUTPUT";
 constexpr char kCpus[] = "CPUS";
@@ -191,8 +191,8 @@ private:
     const auto item = items_.find(key);
     if (item == items_.end()) return;
     if (loader(item->second.value.c_str()) != 0)
-      refuse(item->second, std::string(key) + " is '" + quoted(item->second.value) +
-                               "', which has no " + what);
+      refuse(item->second,
+             std::string(key) + " is '" + quoted(item->second.value) + "', which has no " + what);
     loaded = item->second.value;
   }
 

@@ -81,8 +81,6 @@ int StateFile::write(const std::vector<std::string> &lines) const {
   return error;
 }
 
-int StateFile::remove() const {
-  return unlink(path_.c_str()) == 0 || errno == ENOENT ? 0 : errno;
-}
+int StateFile::remove() const { return unlink(path_.c_str()) == 0 || errno == ENOENT ? 0 : errno; }
 
 } // namespace scrub

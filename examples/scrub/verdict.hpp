@@ -15,9 +15,9 @@ enum ExitStatus {
   kClean = 0,
   kDamage = 1,      // silent damage
   kCouldNotRun = 2, // an error ended the run, or it did not start
-  kIncomplete = 3,  // unreadable, skipped, vanished or interrupted; or a block was right only at the
-                    // second read
-  kDifferent = 4,   // only differences that a program made on purpose
+  kIncomplete = 3, // unreadable, skipped, vanished or interrupted; or a block was right only at the
+                   // second read
+  kDifferent = 4,  // only differences that a program made on purpose
 };
 
 // Returns the status that counts for both: 2 before 1 before 3 before 4 before 0.
@@ -45,17 +45,17 @@ enum class Verdict : std::size_t {
 struct Finding {
   Verdict verdict = Verdict::kDamaged;
   String path{};
-  String from{};                    // kMoved, or a moved file that is damaged: the recorded path
-  std::uint64_t recorded_size = 0;  // bytes
-  std::uint64_t size = 0;           // bytes, now
+  String from{};                   // kMoved, or a moved file that is damaged: the recorded path
+  std::uint64_t recorded_size = 0; // bytes
+  std::uint64_t size = 0;          // bytes, now
   // kDamaged and kPassing: a range of consecutive blocks. Others: the number of blocks that differ.
   std::uint64_t first_block = 0;
   std::uint64_t blocks = 0;
-  bool begins_file = false;         // the first range of its file
-  Checksums expected{};             // of the first block of the range
+  bool begins_file = false; // the first range of its file
+  Checksums expected{};     // of the first block of the range
   Checksums found{};
-  String why{};                     // kUnreadable, kChanged, kSkipped
-  bool accepted = false;            // by --accept: update records the file as it is
+  String why{};          // kUnreadable, kChanged, kSkipped
+  bool accepted = false; // by --accept: update records the file as it is
 };
 
 } // namespace scrub

@@ -92,7 +92,8 @@ public:
     choose_window();
     report_.progress().expect_bytes(bytes_);
     Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
-    planner_.emplace(&planned_, walk_, filter_, window_, Wanted{Action::kRead, Action::kStatus, foreign_});
+    planner_.emplace(&planned_, walk_, filter_, window_,
+                     Wanted{Action::kRead, Action::kStatus, foreign_});
     engine_.emplace(options_, report_.series(),
                     [this](std::span<Entry> entries) { return planner_->fill(entries); });
     second_.emplace(tree_, *engine_, [this](const Suspects &suspects) { judge(suspects); });
@@ -264,9 +265,8 @@ private:
                     static_cast<unsigned long long>(engine_->failed_block()));
       return unreadable(entry.record, why);
     }
-    const std::uint64_t wanted =
-        std::min(now.size, entry.end_block * kBlockSize) -
-        std::min(now.size, entry.first_block * kBlockSize);
+    const std::uint64_t wanted = std::min(now.size, entry.end_block * kBlockSize) -
+                                 std::min(now.size, entry.first_block * kBlockSize);
     end(entry, comparison, now, bytes < wanted || opened.file->has_changed());
   }
 
@@ -329,10 +329,8 @@ private:
           {.verdict = Verdict::kDamaged, .path = path, .from = from, .begins_file = true});
     };
     actions.unreadable = [this](const String &path, const String &from, int error) {
-      report_.finding({.verdict = Verdict::kUnreadable,
-                       .path = path,
-                       .from = from,
-                       .why = reason(error)});
+      report_.finding(
+          {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
     };
     actions.missing = [this](const String &path, std::uint64_t size) {
       report_.finding({.verdict = Verdict::kMissing, .path = path, .recorded_size = size});
@@ -453,7 +451,7 @@ private:
   Medium medium_{};
   bool limited_ = false;
   bool resumed_ = false;
-  bool foreign_ = false; // the manifest is of another tree
+  bool foreign_ = false;                  // the manifest is of another tree
   std::set<String, std::less<>> changed_; // the files told as changed
 
   std::optional<Planner> planner_;
