@@ -1,5 +1,6 @@
-// Pairs missing files with new ones: a renamed file is the same file under another path, a moved
-// one has the same content. SPDX-License-Identifier: Apache-2.0
+// Pairs missing files with new ones: a renamed file is the same file under another path, and a moved
+// one has the same content.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MOVES_HPP
 #define SCRUB_MOVES_HPP
 
