@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "timer_table.hpp"
 #include "vorn_hr_timer.h"
 #include "vorn_sched.h"
 #include "vorn_time.h"
@@ -27,6 +28,7 @@ void FineSleep::sleep(std::uint64_t nanoseconds) {
 // If the timer cannot be armed again, the sleep ends early: the sleeper checks the time itself.
 void FineSleep::expired(std::uint64_t self) {
   auto &sleep = *reinterpret_cast<FineSleep *>(self);
+  timer_table().note("rate limit", sleep.timer_);
   if (!sleep.arm()) vorn_sem_enhance_up(&sleep.over_);
 }
 

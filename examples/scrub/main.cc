@@ -174,7 +174,9 @@ private:
             if (report) report->fail(why);
             return kCouldNotRun;
           });
-      if (report) reports_.back() = report->figures();
+      if (!report) return;
+      reports_.back() = report->figures();
+      machine_ = report->machine();
     });
     instance.wait();
     return status;
@@ -201,7 +203,7 @@ private:
     figures.started = started_;
     figures.ended = std::time(nullptr);
     figures.directories.assign(reports_.begin(), reports_.end());
-    figures.machine = machine_figures();
+    figures.machine = machine_;
     figures.settings = {{"settings", settings_text(line_.options.settings)}};
     figures.version = SCRUB_VERSION;
     page_->finish(figures);
@@ -212,6 +214,7 @@ private:
   const std::time_t started_ = std::time(nullptr);
   std::deque<Job> jobs_;
   std::deque<DirectoryFigures> reports_;
+  MachineFigures machine_; // of the last directory
   std::optional<JsonRun> json_;
   std::optional<HtmlReport> page_;
 };

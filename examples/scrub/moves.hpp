@@ -1,4 +1,4 @@
-// Pairs missing files with new ones: a renamed file is the same file under another path, and a moved
+// Pairs missing files with new ones: a renamed file is the same file under another path, a moved
 // one has the same content.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MOVES_HPP

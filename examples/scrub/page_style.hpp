@@ -26,6 +26,7 @@ header.damage, header.failed { background: var(--bad); }
 header.incomplete { background: var(--odd); }
 header.different { background: var(--other); }
 header p { margin: .25rem 0; }
+p, li { overflow-wrap: anywhere; }
 h1 { margin: 0; font-size: clamp(2rem, 7vw, 3.5rem); line-height: 1.1; letter-spacing: .02em; }
 h2 { margin: 2rem 0 .5rem; padding-bottom: .25rem; border-bottom: 2px solid var(--edge); }
 h3 { margin: 1.5rem 0 .5rem; }
@@ -63,7 +64,7 @@ footer { color: var(--quiet); }
 
 // The SHA-256 of the style. A browser that finds another one says which it expects.
 inline constexpr const char *kPagePolicy =
-    "default-src 'none'; style-src 'sha256-cls8qQwgilHf4pDdeyrwsmQJHFfon0+o5QQao5W9wus='; base-uri "
+    "default-src 'none'; style-src 'sha256-yJbTiLV0vzK4PZOCuX1abOMtj6Q+xIEJIITrE8SZKXw='; base-uri "
     "'none'; form-action 'none'";
 
 } // namespace scrub

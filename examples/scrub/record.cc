@@ -397,6 +397,7 @@ private:
     summary.read = read_;
     summary.recorded = writer_->totals();
     summary.medium = medium_;
+    report_.observe();
     // The planner uses the walk until it has ended.
     if (stop()) summary.left_out = walk_.counts();
     report_.finish(summary);

@@ -144,6 +144,10 @@ void Report::close(ExitStatus status) {
   figures_.cpus = cpus_.figures();
 }
 
+void Report::observe() {
+  if (outputs_.page != nullptr) machine_ = machine_figures();
+}
+
 void Report::finish(const Summary &summary) {
   end_file();
   ended_early_ = summary.interrupted || summary.limited;

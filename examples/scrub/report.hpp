@@ -54,6 +54,9 @@ public:
   CpuUsage &cpus() { return cpus_; }
   Series &series() { return series_; }
 
+  // Keeps what the page shows of threads and timers. Called before they end.
+  void observe();
+
   // Called once, or fail() is.
   void finish(const Summary &summary);
 
@@ -62,6 +65,7 @@ public:
 
   // What the page shows. Valid after finish() or fail().
   const DirectoryFigures &figures() const { return figures_; }
+  const MachineFigures &machine() const { return machine_; }
 
 private:
   static constexpr std::uint64_t kMostLogged = 10000; // findings
@@ -83,6 +87,7 @@ private:
   CpuUsage cpus_;
   Series series_;
   DirectoryFigures figures_;
+  MachineFigures machine_;
   bool ended_early_ = false;        // interrupted or limited
   bool silent_damage_open_ = false; // the last line is of a damaged file, whose last line is due
   std::uint64_t findings_ = 0;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "interrupt.hpp"
+#include "timer_table.hpp"
 #include "vorn_sched.h"
 
 namespace scrub {
@@ -38,7 +39,11 @@ public:
   const std::deque<Suspects> &suspects() const { return suspects_; }
 
 private:
-  static void expired(std::uint64_t self) { reinterpret_cast<Pass *>(self)->work_.start(); }
+  static void expired(std::uint64_t self) {
+    Pass &pass = *reinterpret_cast<Pass *>(self);
+    timer_table().note("second reads", pass.timer_);
+    pass.work_.start();
+  }
 
   void read() {
     for (Suspects &file : suspects_) {

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "interrupt.hpp"
+#include "timer_table.hpp"
 #include "vorn_sched.h"
 
 namespace scrub {
@@ -43,6 +44,7 @@ void Supervision::finish() {
 
 void Supervision::expired(std::uint64_t self) {
   auto &supervision = *reinterpret_cast<Supervision *>(self);
+  timer_table().note("checks of scheduled work", supervision.timer_);
   const std::uint64_t interval = supervision.check();
   vorn_timer_modify(&supervision.timer_, interval);
 }

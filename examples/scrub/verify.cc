@@ -383,6 +383,7 @@ private:
     summary.read = read_;
     summary.recorded = checked_.recorded;
     summary.medium = medium_;
+    report_.observe();
     // The planner uses the walk until it has ended.
     if (stop()) summary.left_out = walk_.counts();
     summary.interrupted = interrupted();
