@@ -284,11 +284,10 @@ CLEAN)"},
     {"CutOrEditedManifestIsRefused", R"(
      numbers 9000 >a; numbers 10 >b; quietly scrub create .; cp .vorn-scrub ../whole
      size=$(stat -c %s ../whole)
-     for at in $(seq 0 $((size - 1))); do
+     for at in $(seq 3 9 $((size - 1))); do
        head -c $at ../whole >.vorn-scrub; scrub verify -q . 2>&1 | grep -q MISSING && echo taken
        cp ../whole .vorn-scrub; flip .vorn-scrub $at; cmp -s .vorn-scrub ../whole && continue
        scrub verify -q . >../out 2>&1; [ $? = 2 ] && grep -q 'vorn-scrub' ../out || echo taken $at
-       [ $at -lt 120 ] || break
      done
      sed 's/manifest 2/manifest 3/' ../whole >.vorn-scrub; scrub verify .)",
      kCouldNotRun, "cannot read version 3\n!taken"},

@@ -52,9 +52,6 @@ std::string modified_text(const Finding &finding) {
   return text + (text.empty() ? ": " : ", ") + sizes_text(finding);
 }
 
-// A comparison of whole files gives no range.
-bool has_range(const Finding &finding) { return finding.expected.sectors != 0; }
-
 } // namespace
 
 const char *verdict_name(Verdict verdict) {
@@ -82,7 +79,7 @@ std::string finding_text(const Finding &finding, std::size_t longest) {
   if (finding.accepted) return path;
   switch (finding.verdict) {
   case Verdict::kDamaged:
-    if (!has_range(finding))
+    if (finding.whole_file)
       return path + (from.empty() ? modified_text(finding)
                                   : ": recorded as " + from + ", and its content differs");
     return path + (from.empty() ? "" : ", recorded as " + from) + ": " + range_text(finding);
@@ -103,7 +100,7 @@ std::string finding_text(const Finding &finding, std::size_t longest) {
 }
 
 std::vector<std::string> finding_details(const Finding &finding) {
-  const bool has_checksums = has_range(finding) && finding.expected != finding.found;
+  const bool has_checksums = finding.expected.sectors != 0 && finding.expected != finding.found;
   if (finding.accepted || !has_checksums || finding.blocks > kShortRange) return {};
 
   std::vector<std::string> lines;

@@ -333,6 +333,7 @@ private:
                     .recorded_size = file.size,
                     .size = now.size,
                     .blocks = comparison.differing(),
+                    .whole_file = true,
                     .begins_file = true,
                     .accepted = wrong && accepted};
     if (wrong && !accepted) restore(file.path);
@@ -354,6 +355,7 @@ private:
       report_.finding({.verdict = Verdict::kDamaged,
                        .path = path,
                        .from = from,
+                       .whole_file = true,
                        .begins_file = true,
                        .accepted = accepted});
     };
