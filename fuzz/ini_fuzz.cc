@@ -1,7 +1,9 @@
 // Checks the parser of INI files against a simple model, that a file that is written and parsed
-// again has the same content, and that the in-place writer sets only its item.
+// again has the same content, that a walk visits every line, and that the in-place writer sets only
+// its item.
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -104,6 +106,30 @@ void check_lookups(const Sections &sections) {
   vorn_cfg_destroy();
 }
 
+// Checks that a walk visits every line once, and that the items it visits give these sections.
+void check_walk(std::string_view input, const Sections &sections) {
+  struct Walk {
+    Sections sections;
+    std::uint64_t lines = 0;
+  } walk;
+  const auto visit = [](void *context, const vorn_cfg_line_s *line) {
+    auto &seen = *static_cast<Walk *>(context);
+    expect(line->number == ++seen.lines);
+    if (line->kind == VORN_CFG_LINE_ITEM)
+      set(seen.sections, line->section, line->item, line->value);
+    return 0;
+  };
+  expect(vorn_cfg_init(file().path()) == 0);
+  expect(vorn_cfg_walk(file().path(), visit, &walk) == 0);
+  vorn_cfg_destroy();
+  expect(walk.sections == sections);
+  std::string lines(input);
+  std::erase(lines, '\r');
+  const bool is_cut = !lines.empty() && lines.back() != '\n';
+  const auto feeds = std::count(lines.begin(), lines.end(), '\n');
+  expect(walk.lines == static_cast<std::uint64_t>(feeds) + (is_cut ? 1 : 0));
+}
+
 // No other item can have this name, so the in-place writer only adds it.
 void check_write() {
   const std::string item(63, 'z');
@@ -124,6 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char *data, std::size_t siz
   expect(parse(false) == sections);
   check_lookups(sections);
   file().write(input);
+  check_walk(input, sections);
   check_write();
   return 0;
 }

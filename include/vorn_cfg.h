@@ -85,6 +85,29 @@ typedef struct vorn_cfg_oper_param {
 typedef int (*vorn_cfg_edit_f)(vorn_cfg_file_node_s *node, const char *section, const char *item,
                                const char *value);
 
+/* The kinds of lines. */
+enum {
+  VORN_CFG_LINE_SECTION = 0, /* a section header */
+  VORN_CFG_LINE_ITEM = 1,
+  VORN_CFG_LINE_COMMENT = 2, /* begins with ";" or "=" */
+  VORN_CFG_LINE_BLANK = 3,   /* nothing but blanks */
+  VORN_CFG_LINE_IGNORED = 4  /* none of these; a user has probably made a mistake */
+};
+
+/* A line of a file. */
+typedef struct vorn_cfg_line {
+  uint64_t number;     /* in the file, from 1 */
+  int kind;            /* VORN_CFG_LINE_* */
+  const char *section; /* the section that a header names or any other line is in */
+  const char *item;    /* an item's name; NULL in another line */
+  const char *value;   /* an item's value; NULL in another line */
+  const char *text;    /* the line without blanks at its end; NULL for a header and an item */
+} vorn_cfg_line_s;
+
+/* Handles a line. The line and its texts are valid until the function returns. Returns 0; another
+ * value ends the walk. */
+typedef int (*vorn_cfg_walk_f)(void *context, const vorn_cfg_line_s *line);
+
 /* Guards the list of registered files. A thread that edits a registered file holds this lock for
  * writing too: vorn_cfg_getItemValue reads the values under it alone. Take it before the lock of a
  * file, never after it.
@@ -159,6 +182,28 @@ VORN_API int vorn_cfg_setItemValue(const char *section, const char *item, const 
  * Returns 0; on failure, logs an error and returns -1. */
 VORN_API int vorn_cfg_setItemValue_ex(const char *path, const char *section, const char *item,
                                       const char *value);
+
+/* Calls visit(context, line) for each line of a registered file, in the order of the file. Visits
+ * repeated headers and items each time, and headers without items, so that the caller can name the
+ * line of a mistake. The lines are as the parser sees them: cut at a NUL, without carriage returns.
+ * A line that the parser reads as several lines is visited as often, each time with its number.
+ *
+ * The registry keeps no lines, so this function reads the file again. If the file was edited after
+ * it was registered, visit gets the lines of the edited file; lookups still return the registered
+ * values, and those that were set in memory. Takes no lock on the file: it may read a half-written
+ * file while vorn_cfg_write_item_to_file runs.
+ *
+ * The function holds no lock while visit runs: visit may call any function of this header, also to
+ * edit the file or to unregister it. After an edit in place, visit may get old or new lines. visit
+ * must return: it must not call longjmp(3) or pthread_exit(3). This function is an addition
+ * (docs/compatibility.md).
+ *   path: path of the file, as it was registered
+ *   visit: function that handles each line
+ *   context: first argument of visit
+ * Returns 0 after the last line, or the value of visit that ended the walk. Logs an error and
+ * returns -1 if path or visit is NULL, the file is not registered or it cannot be read; visit may
+ * have got some of the lines then. */
+VORN_API int vorn_cfg_walk(const char *path, vorn_cfg_walk_f visit, void *context);
 
 /* --- One-shot reads, which do not use the registry --- */
 

@@ -103,6 +103,17 @@ VORN_API void vorn_mem_stat_sub(unsigned int pid, unsigned int size);
  *   print: function that each line goes through */
 VORN_API void vorn_mem_show(vorn_print_f print);
 
+/* Stores in *bytes what vorn_mem_show shows for module pid: the bytes of the blocks that the module
+ * has allocated and not freed. This is negative if the module has freed more than was counted. The
+ * counter changes while other threads allocate. This function is an addition
+ * (docs/compatibility.md).
+ *   pid: a module id, 0 to 1023
+ *   bytes: where the figure goes
+ * Returns 0; 1 without a log message if there is no table, because no kernel module counts the
+ * memory; logs an error and returns -1 if pid is above 1023 or bytes is NULL. Leaves *bytes
+ * unchanged unless it returns 0. */
+VORN_API int vorn_mem_stat_get(unsigned int pid, int64_t *bytes);
+
 /* Asks the kernel module to print its table.
  * Returns the answer of the module; if the call fails, -1 with errno. */
 VORN_API int vorn_mem_stat_dump(void);

@@ -68,7 +68,7 @@ enum {
   VORN_THRD_CONTEXT_IRQ = 2  /* acts for an interrupt */
 };
 
-/* A thread function. Its result is ignored, because threads are detached. */
+/* A thread function. Its result is ignored unless the thread has a handle: threads are detached. */
 typedef void *(*vorn_thrd_entry_f)(void *argument);
 
 /* Number of switches in a trace. */
@@ -425,6 +425,52 @@ VORN_API void vorn_set_instant_map_flag(void);
 
 /* Returns 1 after vorn_set_instant_map_flag has been called; before that, 0. */
 VORN_API int vorn_get_instant_map_flag(void);
+
+/* --- Waiting for a thread ---
+ *
+ * A handle lets other threads wait for the end of a thread's function, and passes them its result.
+ * It is not the thread record, which may still be in the table when a wait returns: the thread
+ * releases it, and runs its destructors of thread-specific data, after its function. A thread of
+ * the pool keeps its thread record.
+ *
+ * In a child of fork(), a handle that the child inherited from its parent tells the result of a
+ * function that had ended before. The child cannot wait for a thread that exists only in the
+ * parent: vorn_thrd_wait_handle then fails. If the thread itself called fork(), it exists in both
+ * processes, and each can wait for its own. Parent and child each give back their handle.
+ *
+ * These functions are additions (docs/compatibility.md). */
+
+/* A handle of a thread; private to the library. */
+typedef struct vorn_thrd_handle vorn_thrd_handle_s;
+
+/* Runs entry(argument) as vorn_thrd_create does, and stores a handle of the thread in *out.
+ *   entry: function to run
+ *   argument: its argument
+ *   out: where the handle goes, which the caller gives back with vorn_thrd_put_handle
+ * Returns 0, and entry then runs exactly once. Logs an error and returns -1 if entry or out is
+ * NULL, or if the thread cannot be started; *out stays unchanged. */
+VORN_API int vorn_thrd_create_handle(vorn_thrd_entry_f entry, void *argument,
+                                     vorn_thrd_handle_s **out);
+
+/* Waits until the thread's function has ended: by return, pthread_exit(3) or cancellation. All that
+ * the function did, and all clean-up handlers that it pushed, happens before the return of the
+ * wait: the caller sees every effect in memory. The result is what the function returned, or
+ * PTHREAD_CANCELED if the thread was cancelled or called pthread_exit(3), whose value is lost. Any
+ * number of threads may wait for a thread, each any number of times, until the handle is given
+ * back. A signal does not end the wait.
+ *   handle: handle of the thread
+ *   timeout_ms: longest wait in milliseconds on CLOCK_MONOTONIC; 0 does not wait, -1 waits forever
+ *   result: where the result goes, or NULL
+ * Returns 0; 1 without a log message if the time ran out. Logs an error and returns -1 if handle is
+ * NULL, timeout_ms is less than -1, the calling thread is the thread itself, the thread exists only
+ * in the parent of this process, or the system refuses to wait. Leaves *result unchanged unless it
+ * returns 0. */
+VORN_API int vorn_thrd_wait_handle(vorn_thrd_handle_s *handle, int timeout_ms, void **result);
+
+/* Gives a handle back. The thread may still run, and also may be the calling thread. No thread may
+ * use the handle after this call, or be waiting with it. Ignores NULL.
+ *   handle: handle to give back, or NULL */
+VORN_API void vorn_thrd_put_handle(vorn_thrd_handle_s *handle);
 
 /* --- The pool --- */
 

@@ -229,4 +229,78 @@ TEST_F(CfgRegistry, ReadsOneItemWithoutRegistering) {
   }
 }
 
+// Appends the line to a text: "2 item s|k|v".
+int append_line(void *context, const vorn_cfg_line_s *line) {
+  static const char *const kinds[] = {"section", "item", "comment", "blank", "ignored"};
+  auto &text = *static_cast<std::string *>(context);
+  text += std::to_string(line->number) + " " + kinds[line->kind] + " " + line->section;
+  for (const char *part : {line->item, line->value, line->text}) {
+    if (part != nullptr) text += "|"s + part;
+  }
+  text += "\n";
+  return 0;
+}
+
+TEST_F(CfgRegistry, WalksTheLinesOfAFile) {
+  const std::string long_value(0x400000, 'v');
+  const struct {
+    std::string text;
+    std::string wanted;
+  } rows[] = {
+      {"", ""},
+      {"k=v", "1 item NULL|k|v\n"},
+      {"[a]\n\n;c \n=d\n [b]\n[a]\n", "1 section a\n2 blank a|\n3 comment a|;c\n4 comment a|=d\n"
+                                      "5 ignored a| [b]\n6 section a\n"},
+      {"k = v ; w\nk=2\n[ t ]\nk=\n =e\n", "1 item NULL|k|v ; w\n2 item NULL|k|2\n3 section t\n"
+                                           "4 item t|k|\n5 item t||e\n"},
+      // Neither a backslash nor a blank continues a line.
+      {"k=a\\\n b\nno item \t\n[x-y]\n#k=1\nk.l=1",
+       "1 item NULL|k|a\\\n2 ignored NULL| b\n3 ignored NULL|no item\n4 ignored NULL|[x-y]\n"
+       "5 ignored NULL|#k=1\n6 ignored NULL|k.l=1\n"},
+      {"a=1\0b=2\n\0c=3\n[s]\r\n\rd\r=3\r\n \t\n"s,
+       "1 item NULL|a|1\n2 blank NULL|\n3 section s\n4 item s|d|3\n5 blank s|\n"},
+      // A value that is too long; a line that is read as two.
+      {"k=" + long_value + "\nl=1\n", "1 ignored NULL|k=" + long_value + "\n2 item NULL|l|1\n"},
+      {std::string(0x400041, 'k') + "a=b\nl=1\n",
+       "1 ignored NULL|" + std::string(0x400041, 'k') + "\n1 item NULL|a|b\n2 item NULL|l|1\n"},
+  };
+  for (const auto &row : rows) {
+    ASSERT_EQ(init(a, row.text), 0);
+    std::string text;
+    EXPECT_EQ(vorn_cfg_walk(a.c_str(), append_line, &text), 0);
+    EXPECT_TRUE(text == row.wanted) << row.text.substr(0, 99) << "\n" << text.substr(0, 999);
+  }
+}
+
+TEST_F(CfgRegistry, WalkReadsTheFileWithoutLocks) {
+  ASSERT_EQ(init(a, "[s]\nk=1\nl=1\n"), 0);
+  scratch::write_file(a, "[s]\nk=2\n\n");
+  const int descriptor = scratch::next_descriptor();
+  // Edits, looks up and unregisters the file that is walked, and stops at line 2 with any value.
+  const auto visit = [](void *context, const vorn_cfg_line_s *line) {
+    if (line->number == 1) return 0;
+    const char *path = *static_cast<const char **>(context);
+    char value[8];
+    EXPECT_EQ(vorn_cfg_getItemValue_ex(path, "s", "k", value, sizeof value), 0);
+    EXPECT_STREQ(value, "1");
+    EXPECT_STREQ(line->value, "2");
+    EXPECT_EQ(vorn_cfg_file_setItemValue(path, "s", "k", "3"), 0);
+    EXPECT_EQ(vorn_cfg_destroy(), 0);
+    return std::stoi(line->value) - 1;
+  };
+  const char *path = a.c_str();
+  EXPECT_EQ(vorn_cfg_walk(path, visit, &path), 1);
+  EXPECT_EQ(scratch::read_file(a), "[s]\nk=3\n");
+  capture::take();
+  EXPECT_EQ(capture::traced(vorn_cfg_walk(path, visit, &path)),
+            "-1; E vorn_cfg_walk: Can not find file " + a + ".");
+  EXPECT_EQ(capture::traced(vorn_cfg_walk(path, nullptr, nullptr)),
+            "-1; E vorn_cfg_walk: Param is null.");
+  ASSERT_EQ(init(a, "k=1\n"), 0);
+  remove(path);
+  EXPECT_EQ(capture::traced(vorn_cfg_walk(path, visit, &path)),
+            "-1; E vorn_cfg_walk: Open file (" + a + ") failed, errno 2");
+  EXPECT_EQ(scratch::next_descriptor(), descriptor);
+}
+
 } // namespace

@@ -207,6 +207,8 @@ bool read_symbols() {
 
 std::string ini;
 
+int pass(void *, const vorn_cfg_line_s *) { return 0; }
+
 // After each edit, the file is as before or as wanted.
 bool edit() {
   std::string before = "[s]\nk=1\n[t]\nl=2\n";
@@ -219,6 +221,7 @@ bool edit() {
     std::string after;
   } edits[] = {
       {[&] { return vorn_cfg_init(file); }, before},
+      {[&] { return vorn_cfg_walk(file, pass, nullptr); }, before},
       {[&] { return vorn_cfg_setItemValue("s", "k", "v"); }, before},
       {[&] { return vorn_cfg_setItemValue_ex(file, "s", "k", "v"); }, before},
       {[&] { return vorn_cfg_getItemValue("s", "k", value, sizeof value); }, before},
@@ -251,9 +254,18 @@ void *entry(void *) {
   return nullptr;
 }
 
+int create_with_handle(vorn_thrd_entry_f function, void *argument, pthread_t *) {
+  vorn_thrd_handle_s *handle = nullptr;
+  if (vorn_thrd_create_handle(function, argument, &handle) != 0) return -1;
+  const int result = vorn_thrd_wait_handle(handle, 2000, nullptr); // survives a lost wake-up
+  vorn_thrd_put_handle(handle);
+  return result;
+}
+
 bool create_threads() {
   const int tasks = least_tasks();
-  for (const auto create : {vorn_thrd_create, create_thread_raw, create_thread_nopreempt_raw}) {
+  for (const auto create :
+       {vorn_thrd_create, create_thread_raw, create_thread_nopreempt_raw, create_with_handle}) {
     const int before = runs;
     if (create(entry, nullptr, nullptr) != 0) return false;
     if (!soon([&] { return runs == before + 1 && entries("/proc/self/task") <= tasks; })) _exit(11);

@@ -77,6 +77,10 @@ TEST(Mem, TableIsRequestedUntilItIsThereAndShownFiveToALine) {
   vornsim_fail(VORN_SYSCALL_MEM_STAT, EPERM);
   void *uncounted = vorn_malloc(3, 10);
   EXPECT_EQ(shown::by(vorn_mem_show), shown_as("", "0"));
+  int64_t bytes = 99;
+  EXPECT_EQ(vorn_mem_stat_get(3, &bytes), 1);
+  EXPECT_EQ(bytes, 99);
+  EXPECT_NO_MESSAGE();
   vornsim_fail(VORN_SYSCALL_MEM_STAT, 0);
   for (unsigned int id = 1; id <= 6; ++id)
     vorn_mem_stat_add(id, id);
@@ -87,6 +91,16 @@ TEST(Mem, TableIsRequestedUntilItIsThereAndShownFiveToALine) {
             shown_as("| 1                 1 | 2                 2 | 3                -7 "
                      "| 4                 4 | 5                 5 \n| 6                 6 ",
                      "11"));
+  for (const auto &[id, wanted] : {std::pair{3u, -7}, {6u, 6}, {1023u, 0}}) {
+    EXPECT_EQ(vorn_mem_stat_get(id, &bytes), 0);
+    EXPECT_EQ(bytes, wanted);
+  }
+  EXPECT_NO_MESSAGE();
+  EXPECT_EQ(capture::traced(vorn_mem_stat_get(1, nullptr)),
+            "-1; E vorn_mem_stat_get: Param is invalid, pid(1), bytes((nil)).");
+  EXPECT_EQ(vorn_mem_stat_get(1024, &bytes), -1);
+  EXPECT_EQ(bytes, 0);
+  capture::take();
 }
 
 TEST(Mem, CountsFromManyThreadsAreExact) {

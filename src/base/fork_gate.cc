@@ -19,15 +19,13 @@
 #include "base/fork_gate.hpp"
 
 #include <atomic>
-#include <climits>
 #include <cstdint>
 #include <ctime>
-#include <linux/futex.h>
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include "base/errno_guard.hpp"
+#include "base/futex.hpp"
+#include "base/timespec.hpp"
 
 namespace vorn {
 namespace {
@@ -50,15 +48,10 @@ thread_local constinit unsigned int t_forking __attribute__((tls_model("initial-
 
 constinit ForkChild *children = nullptr; // linked while the library is loaded
 
-// syscall(2) is not a cancellation point. Waits at most a millisecond, so that a lost wake-up does
-// no harm.
+// Waits at most a millisecond, so that a lost wake-up does no harm.
 void wait_for_change(const std::atomic<std::uint32_t> &word, std::uint32_t value) {
-  constexpr timespec kLongest{0, 1000000};
-  syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, value, &kLongest);
-}
-
-void wake_all(const std::atomic<std::uint32_t> &word) {
-  syscall(SYS_futex, &word, FUTEX_WAKE_PRIVATE, INT_MAX);
+  const timespec deadline = monotonic_after(1000000);
+  futex_wait(&word, value, &deadline);
 }
 
 Counter &choose_counter() {
@@ -68,7 +61,7 @@ Counter &choose_counter() {
 
 void step_out(Counter &own) {
   own.inside.fetch_sub(1, std::memory_order_release);
-  if (closed.load(std::memory_order_relaxed) != 0) wake_all(own.inside);
+  if (closed.load(std::memory_order_relaxed) != 0) futex_wake_all(&own.inside);
 }
 
 // Returns how often the calling thread is in that counter.
@@ -98,7 +91,7 @@ void close_gate() {
 
 void open_in_parent() {
   const ErrnoGuard errno_stays;
-  if (closed.fetch_sub(1, std::memory_order_release) == 1) wake_all(closed);
+  if (closed.fetch_sub(1, std::memory_order_release) == 1) futex_wake_all(&closed);
   --t_forking;
 }
 

@@ -117,6 +117,11 @@ bool is_latest(unsigned long registration) {
   return registrations == registration;
 }
 
+bool is_registered(const char *path) {
+  const RegistryReadGuard registry;
+  return find_file(path) != nullptr;
+}
+
 void read_again(const char *path) {
   UniqueFd source;
   do {

@@ -70,8 +70,9 @@ bool Lines::next(Line *line) {
   if (error_ != 0 || missing_ != 0 || begin_ == end_) return false;
   char *text = buffer_.get() + begin_;
   buffer_.get()[end] = '\0';
+  *line = {text, std::strlen(text), number_};
+  number_ += end < end_ ? 1 : 0;
   begin_ = std::min(end + 1, end_); // after the line feed, if there is one
-  *line = {text, std::strlen(text)};
   return true;
 }
 

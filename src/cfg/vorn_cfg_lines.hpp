@@ -5,6 +5,7 @@
 #define VORN_CFG_LINES_HPP
 
 #include <cstddef>
+#include <cstdint>
 
 #include "mem/owned.hpp"
 
@@ -13,6 +14,7 @@ namespace vorn::cfg {
 struct Line {
   char *text; // ends in a NUL; the caller may change it up to its length
   std::size_t length;
+  std::uint64_t number; // in the file, from 1; the parts of a split line have the same
 };
 
 class Lines {
@@ -36,9 +38,10 @@ private:
   std::size_t limit_;
   std::size_t missing_ = 0;
   mem::Block buffer_;
-  std::size_t room_ = 0;  // of the buffer, without a NUL
-  std::size_t begin_ = 0; // of the unread text
-  std::size_t end_ = 0;   // of the text in the buffer
+  std::size_t room_ = 0;     // of the buffer, without a NUL
+  std::size_t begin_ = 0;    // of the unread text
+  std::size_t end_ = 0;      // of the text in the buffer
+  std::uint64_t number_ = 1; // of the next line
   bool ended_ = false;
   int error_ = 0;
 };

@@ -60,11 +60,10 @@ bool vorn_cfg_copy_section(char (&section)[kNameSize], CStringView name) {
   return VORN_FAIL(false, "copy section name (%s) fail in copy section.", name.c_str());
 }
 
-bool is_comment(const Line &line) {
-  return line.length == 0 || line.text[0] == ';' || line.text[0] == '=';
-}
+bool is_comment(const Line &line) { return line.text[0] == ';' || line.text[0] == '='; }
 
-// Splits the line at its first "=". Returns nothing if the caller must drop the line.
+// Splits the line at its first "=". Returns nothing, and leaves the line as it is, if the line is
+// no item.
 std::optional<Item> vorn_cfg_parse_item(const Line &line) {
   const std::string_view text(line.text, line.length);
   const std::size_t equals = text.find('=');
@@ -76,23 +75,58 @@ std::optional<Item> vorn_cfg_parse_item(const Line &line) {
     return std::nullopt;
   }
   if (key.size() >= kNameSize) return std::nullopt;
-  const Item item{c_string(line, key), c_string(line, value)};
-  if (value.size() < kValueSize) return item;
-  VORN_LOG(kError, "copy item (%s=%s) fail in parse item.", item.name.c_str(), item.value.c_str());
+  if (value.size() < kValueSize) return Item{c_string(line, key), c_string(line, value)};
+  VORN_LOG(kError, "copy item (%.*s=%.*s) fail in parse item.", int_of(key.size()), key.data(),
+           int_of(value.size()), value.data());
   return std::nullopt;
 }
 
-// Parses a line; section is the current section.
-int parse_line(Line *line, char (&section)[kNameSize], vorn_cfg_file_node_s *node,
-               ItemFunction function, void *context) {
-  if (line->length == 0 || !vorn_cfg_trim_string(line)) return kContinue;
+// A line and what it is: VORN_CFG_LINE_*.
+struct ParsedLine {
+  int kind;
+  Item item{"", ""}; // empty unless kind is VORN_CFG_LINE_ITEM
+};
+
+// Parses a line; section is the current section, which a header changes.
+ParsedLine parse_line(Line *line, char (&section)[kNameSize]) {
+  if (!vorn_cfg_trim_string(line)) return {VORN_CFG_LINE_IGNORED};
+  if (line->length == 0) return {VORN_CFG_LINE_BLANK};
   if (const auto name = vorn_cfg_is_section(*line)) {
     vorn_cfg_copy_section(section, *name);
-    return kContinue;
+    return {VORN_CFG_LINE_SECTION};
   }
-  if (is_comment(*line)) return kContinue;
-  const auto item = vorn_cfg_parse_item(*line);
-  return item ? function(node, section, *item, context) : kContinue;
+  if (is_comment(*line)) return {VORN_CFG_LINE_COMMENT};
+  if (const auto item = vorn_cfg_parse_item(*line)) return {VORN_CFG_LINE_ITEM, *item};
+  return {VORN_CFG_LINE_IGNORED};
+}
+
+// Calls visit(line, section, parsed) for each line until it returns false. Returns 0; logs an error
+// and returns -1 if memory runs out or the file cannot be read.
+template <class Visit> int parse_lines(const char *function, int fd, Visit visit) {
+  char section[kNameSize] = "NULL"; // the section of the items before the first header
+  Lines lines(fd, kLineMax);
+  for (Line line; lines.next(&line);) {
+    const ParsedLine parsed = parse_line(&line, section);
+    if (!visit(line, section, parsed)) return 0;
+  }
+  // An editor must not take a part of the file for the whole.
+  if (lines.missing() != 0) {
+    return VORN_FAIL_AS(function, -1, "Alloc memory fail, size(%u).",
+                        static_cast<unsigned int>(lines.missing()));
+  }
+  if (lines.error() == 0) return 0;
+  return VORN_FAIL_AS(function, -1, "Read file failed, fd %d errno %d", fd, lines.error());
+}
+
+vorn_cfg_line_s public_line(const Line &line, const char *section, const ParsedLine &parsed) {
+  vorn_cfg_line_s shown{line.number, parsed.kind, section, nullptr, nullptr, nullptr};
+  if (parsed.kind == VORN_CFG_LINE_ITEM) {
+    shown.item = parsed.item.name.c_str();
+    shown.value = parsed.item.value.c_str();
+  } else if (parsed.kind != VORN_CFG_LINE_SECTION) {
+    shown.text = line.text;
+  }
+  return shown;
 }
 
 FileNode new_file_node(const char *function, const char *path) {
@@ -113,8 +147,29 @@ FileNode new_file_node(const char *function, const char *path) {
   return node;
 }
 
-// Refuses a FIFO, which would block a reader forever, and a directory, which cannot be read, as if
-// open(2) had failed.
+} // namespace
+
+int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function,
+                          void *context) {
+  int result = kContinue;
+  const auto pass_item = [&](const Line &, const char *section, const ParsedLine &parsed) {
+    if (parsed.kind == VORN_CFG_LINE_ITEM) result = function(node, section, parsed.item, context);
+    return result == kContinue;
+  };
+  if (parse_lines(__func__, fd, pass_item) != 0) return -1;
+  return result == kContinue ? 0 : result;
+}
+
+int walk_lines(int fd, vorn_cfg_walk_f visit, void *context) {
+  int result = 0;
+  const auto pass_line = [&](const Line &line, const char *section, const ParsedLine &parsed) {
+    const vorn_cfg_line_s shown = public_line(line, section, parsed);
+    result = visit(context, &shown);
+    return result == 0;
+  };
+  return parse_lines("vorn_cfg_walk", fd, pass_line) != 0 ? -1 : result;
+}
+
 UniqueFd open_to_read(const char *path) {
   UniqueFd fd = open_file(path, O_RDONLY | O_NONBLOCK);
   struct stat status;
@@ -123,25 +178,6 @@ UniqueFd open_to_read(const char *path) {
   fd = UniqueFd();
   errno = S_ISDIR(status.st_mode) ? EISDIR : ESPIPE;
   return fd;
-}
-
-} // namespace
-
-int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function,
-                          void *context) {
-  char section[kNameSize] = "NULL"; // the section of the items before the first header
-  Lines lines(fd, kLineMax);
-  for (Line line; lines.next(&line);) {
-    const int result = parse_line(&line, section, node, function, context);
-    if (result != kContinue) return result;
-  }
-  // An editor must not take a part of the file for the whole.
-  if (lines.missing() != 0) {
-    return VORN_FAIL(-1, "Alloc memory fail, size(%u).",
-                     static_cast<unsigned int>(lines.missing()));
-  }
-  if (lines.error() == 0) return 0;
-  return VORN_FAIL(-1, "Read file failed, fd %d errno %d", fd, lines.error());
 }
 
 FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context,

@@ -24,6 +24,14 @@ inline constexpr int kContinue = 1;
 // an error and returns -1 if memory runs out or the file cannot be read.
 int vorn_cfg_ini_fd_parse(int fd, vorn_cfg_file_node_s *node, ItemFunction function, void *context);
 
+// Opens a file to parse. Refuses a FIFO, which would block a reader forever, and a directory, which
+// cannot be read, as if open(2) had failed.
+UniqueFd open_to_read(const char *path);
+
+// Passes each line, from the position of fd to its end, to visit. Returns 0, or the value of visit
+// that stopped it. Logs an error and returns -1 as vorn_cfg_ini_fd_parse does.
+int walk_lines(int fd, vorn_cfg_walk_f visit, void *context);
+
 // Parses a file into a new node. Returns null unless the result of the parse is 0. On success,
 // *source gets the descriptor of the file, unless source is null.
 FileNode vorn_cfg_ini_file_parse(const char *path, ItemFunction function, void *context,

@@ -16,6 +16,8 @@ unsigned long update_file(vorn_cfg_file_node_s *file);
 // Returns whether no file has been registered since that registration.
 bool is_latest(unsigned long registration);
 
+bool is_registered(const char *path);
+
 // Reads the registered file of that path again, if there is one. Repeats this if another edit
 // replaces the file meanwhile.
 void read_again(const char *path);

@@ -8,6 +8,7 @@
 #include "base/atomic_word.hpp"
 #include "base/errno_guard.hpp"
 #include "base/kernel_request.hpp"
+#include "base/log.hpp"
 #include "base/once.hpp"
 #include "mem/counters.hpp"
 
@@ -22,6 +23,11 @@ std::uint64_t *ask_for_table() {
   std::uint64_t address = 0;
   if (kernel_request(VORN_SYSCALL_MEM_STAT, &address) != 0) return nullptr;
   return reinterpret_cast<std::uint64_t *>(address);
+}
+
+// Negative if more was freed than counted.
+std::int64_t used_bytes(std::uint64_t *table, unsigned int pid) {
+  return static_cast<std::int64_t>(counter(table, pid).load(std::memory_order_relaxed));
 }
 
 } // namespace
@@ -57,13 +63,22 @@ void vorn_mem_show(vorn_print_f print) {
   uint64_t total = 0;
   unsigned int shown = 0;
   for (unsigned int pid = 0; table != nullptr && pid < VORN_MODULE_ID_COUNT; ++pid) {
-    const uint64_t used = counter(table, pid).load(std::memory_order_relaxed);
+    const int64_t used = used_bytes(table, pid);
     if (used == 0) continue;
-    total += used;
+    total += static_cast<uint64_t>(used);
     print("| %-6u  %11lld ", pid, static_cast<long long>(used));
     if (++shown % kColumns == 0) print("\n");
   }
   print("\nTotal used memory: %lld\n", static_cast<long long>(total));
+}
+
+int vorn_mem_stat_get(unsigned int pid, int64_t *bytes) {
+  if (bytes == nullptr || pid >= VORN_MODULE_ID_COUNT)
+    return VORN_FAIL(-1, "Param is invalid, pid(%u), bytes(%p).", pid, static_cast<void *>(bytes));
+  uint64_t *table = stat_table();
+  if (table == nullptr) return 1;
+  *bytes = used_bytes(table, pid);
+  return 0;
 }
 
 int vorn_mem_stat_dump() { return vorn::kernel_request(VORN_SYSCALL_MEM_STAT_DUMP); }

@@ -30,13 +30,12 @@
 #include <csignal>
 #include <cstdint>
 #include <ctime>
-#include <linux/futex.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "base/atomic_word.hpp"
 #include "base/cancellation_guard.hpp"
 #include "base/fork_gate.hpp"
+#include "base/futex.hpp"
 #include "base/kernel_request.hpp"
 #include "base/log.hpp"
 #include "base/once.hpp"
@@ -120,19 +119,12 @@ std::uint32_t load(const std::uint32_t *word) {
   return atomic_word(*word).load(std::memory_order_acquire);
 }
 
-// syscall(2) is not a cancellation point. Returns 0 if a thread woke the word, or an errno.
-int futex_wait(const std::uint32_t *word, std::uint32_t value, const timespec &deadline) {
-  const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, &deadline, nullptr,
-                              FUTEX_BITSET_MATCH_ANY);
-  return result == 0 ? 0 : errno;
-}
-
 std::uint64_t wait_for_word(const std::uint32_t *word, std::int64_t timeout) {
   std::uint32_t value = load(word);
   if (value == 0) return static_cast<std::uint64_t>(timeout);
   const timespec deadline = after(timeout);
   for (;;) {
-    const int error = futex_wait(word, value, deadline);
+    const int error = futex_wait(word, value, &deadline);
     value = load(word);
     if (value == 0 || error == EINTR) return ticks_until(deadline);
     if (error != 0 && error != EAGAIN) return 0;
