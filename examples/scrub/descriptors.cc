@@ -7,8 +7,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include "manifest.hpp"
-
 namespace scrub {
 
 void keep_standard_descriptors() {
@@ -18,7 +16,7 @@ void keep_standard_descriptors() {
 }
 
 void raise_descriptor_limit() {
-  constexpr rlim_t kWanted = kMaxPath / 2 + 100;
+  constexpr rlim_t kWanted = 4096;
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
   limit.rlim_cur = std::min(kWanted, limit.rlim_max);

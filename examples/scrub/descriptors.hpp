@@ -9,8 +9,8 @@ namespace scrub {
 // to be opened would get its number, and output would go into that file. Output still fails.
 void keep_standard_descriptors();
 
-// Raises the limit of open files, if allowed, to the number of directories in the longest path,
-// because a walk holds them open.
+// Raises the limit of open files, if allowed, because batches of files that wait to be read hold
+// their directories open.
 void raise_descriptor_limit();
 
 } // namespace scrub

@@ -1,43 +1,36 @@
-// Defines the manifest: a text file with the checksums of a tree, for people and programs.
-//
-//   fbe9d2f4 vorn-scrub-manifest 1 block 4096 crc32c sector 512 crc16-t10dif
-//   0a6c1e55 file 5000 1700000000.123456789 docs/read%20me.txt
-//   91d2b0c7 block 0 98f94189 7d0a 0000 0000 0000 0000 0000 0000 0000
-//   44e0f36a block 1 5b1f03aa 66c2 e1f0
-//   c70d5a12 end files 1 blocks 2 bytes 5000
-//
-// A file's line gives its size in bytes, its time of last write (seconds since 1970) and its path
-// below the tree's root, escaped; files come in path order. The lines of its blocks follow: number,
-// CRC-32C, and the guard of each sector. The last line counts what came before.
-//
-// Each line begins with a code: the CRC-32C of the texts, newlines included, of this line and of
-// all lines before it, without their codes. If a line was changed, moved or lost, the code of the
-// first such line is the first wrong one. The code of the last line covers the whole manifest.
+// Defines what a manifest holds: the tree that it belongs to, and each file with the checksums of
+// its blocks. docs/manifest.md describes the bytes of both versions.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_HPP
 #define SCRUB_MANIFEST_HPP
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <stdexcept>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "checksums.hpp"
 #include "memory.hpp"
+#include "tree_record.hpp"
 
 namespace scrub {
 
-inline constexpr std::string_view kManifestTitle = "vorn-scrub-manifest ";
-inline constexpr std::string_view kManifestHeader =
-    "vorn-scrub-manifest 1 block 4096 crc32c sector 512 crc16-t10dif";
-
-inline constexpr std::size_t kMaxPath = 4096;
-// The code, a blank, the longest path escaped, and the rest of a file's line.
-inline constexpr std::size_t kMaxLine = 9 + 3 * kMaxPath + 128;
+// Says why a manifest is refused, with its name and the place.
+struct ManifestError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
 struct FileRecord {
   String path;
   std::uint64_t size = 0;
-  timespec written{};
+  timespec written{};      // time of the last write
+  timespec changed{0, -1}; // time of the last change of the inode; tv_nsec is -1 if it is not known
+  std::uint64_t inode = 0; // 0: not known
+
+  bool has_changed_time() const { return changed.tv_nsec >= 0; }
 };
 
 struct Totals {
@@ -52,20 +45,11 @@ struct Totals {
 // walk that takes the names of each directory in byte order yields this order.
 bool path_before(std::string_view a, std::string_view b);
 
-// Return the text of a line, without code and newline.
-String file_line(const FileRecord &file);
-String block_line(std::uint64_t number, const Checksums &block);
-String end_line(const Totals &totals);
+// Returns whether the path is relative, stays below the root, and has no superfluous component.
+bool is_tree_path(std::string_view path);
 
-// Computes the codes of a manifest's lines.
-class LineCode {
-public:
-  // Returns the code of the next line, whose text has no newline.
-  std::uint32_t next(std::string_view text);
-
-private:
-  std::uint32_t crc_ = 0xFFFFFFFF;
-};
+// Returns the checksums of a whole block of zeros.
+const Checksums &zero_block();
 
 } // namespace scrub
 

@@ -1,208 +1,75 @@
-// Reads a manifest and refuses lines that the writer does not write.
+// Tells the version of a manifest, and ends the reading of a partial one.
 // SPDX-License-Identifier: Apache-2.0
 #include "manifest_reader.hpp"
 
 #include <algorithm>
-#include <charconv>
-#include <concepts>
-#include <cstring>
-#include <unistd.h>
+#include <utility>
 
-#include "errors.hpp"
-#include "text.hpp"
+#include "manifest_encoding.hpp"
+#include "manifest_v1.hpp"
+#include "manifest_v2.hpp"
 
 namespace scrub {
 namespace {
 
-constexpr std::size_t kCodeLength = 9; // eight digits and a blank
+constexpr std::size_t kMaxHeader = 256;
+constexpr std::size_t kMaxVersionDigits = 9;
 
-// Parses a line from left to right. Accepts numbers only in the form that the writer prints.
-class Fields {
-public:
-  explicit Fields(std::string_view text) : rest_(text) {}
-
-  bool literal(std::string_view text) {
-    if (!rest_.starts_with(text)) return false;
-    rest_.remove_prefix(text.size());
-    return true;
-  }
-
-  template <std::integral T> bool number(T &value) {
-    const std::string_view digits = take_number(value, 10);
-    const std::string_view magnitude = digits.substr(digits.starts_with('-') ? 1 : 0);
-    return !digits.empty() && (magnitude[0] != '0' || digits == "0");
-  }
-
-  template <std::unsigned_integral T> bool hex(T &value) {
-    const std::string_view digits = take_number(value, 16);
-    return digits.size() == 2 * sizeof(T) &&
-           std::ranges::none_of(digits, [](char c) { return c >= 'A' && c <= 'F'; });
-  }
-
-  bool nanoseconds(long &value) {
-    const std::string_view digits = rest_.substr(0, 9);
-    return digits.size() == 9 && digits[0] != '-' && take_number(value, 10).size() == 9;
-  }
-
-  std::string_view rest() const { return rest_; }
-  bool at_end() const { return rest_.empty(); }
-
-private:
-  template <class T> std::string_view take_number(T &value, int base) {
-    const char *begin = rest_.data();
-    const auto [end, error] = std::from_chars(begin, begin + rest_.size(), value, base);
-    if (error != std::errc()) return {};
-    const std::string_view digits = rest_.substr(0, static_cast<std::size_t>(end - begin));
-    rest_.remove_prefix(digits.size());
-    return digits;
-  }
-
-  std::string_view rest_;
-};
-
-bool parse_file(std::string_view text, FileRecord &file) {
-  Fields fields(text);
-  return fields.literal("file ") && fields.number(file.size) && fields.literal(" ") &&
-         fields.number(file.written.tv_sec) && fields.literal(".") &&
-         fields.nanoseconds(file.written.tv_nsec) && fields.literal(" ") &&
-         unescape(fields.rest(), file.path);
+// Returns the digits of the version after the title; empty if there are none.
+std::string_view version_after(std::string_view text) {
+  if (!text.starts_with(kManifestTitle)) return {};
+  text.remove_prefix(kManifestTitle.size());
+  const std::size_t end = text.find_first_not_of("0123456789");
+  if (end == std::string_view::npos || end > kMaxVersionDigits || text[0] == '0') return {};
+  return text[end] == ' ' || text[end] == '\n' ? text.substr(0, end) : std::string_view();
 }
 
-// The block must have one guard for each of the sectors.
-bool parse_block(std::string_view text, std::uint64_t &number, std::size_t sectors,
-                 Checksums &block) {
-  Fields fields(text);
-  block = {};
-  block.sectors = sectors;
-  if (!fields.literal("block ") || !fields.number(number) || !fields.literal(" ") ||
-      !fields.hex(block.crc))
-    return false;
-  for (std::size_t i = 0; i < sectors; ++i) {
-    if (!fields.literal(" ") || !fields.hex(block.guards[i])) return false;
-  }
-  return fields.at_end();
-}
+// The first line of version 1 begins with a code.
+std::unique_ptr<ManifestFormat> open_format(ManifestInput &input) {
+  const std::string_view start = input.hold(kMaxHeader);
+  const std::string_view coded =
+      version_after(start.substr(std::min(start.size(), ManifestV1::kCodeLength)));
+  if (coded == "1") return std::make_unique<ManifestV1>(input);
 
-bool parse_end(std::string_view text, Totals &totals) {
-  Fields fields(text);
-  return fields.literal("end files ") && fields.number(totals.files) &&
-         fields.literal(" blocks ") && fields.number(totals.blocks) && fields.literal(" bytes ") &&
-         fields.number(totals.bytes) && fields.at_end();
-}
-
-// Returns whether the path is relative, stays below the root, and has no superfluous component.
-bool is_tree_path(std::string_view path) {
-  while (true) {
-    const std::size_t slash = path.find('/');
-    const std::string_view name = path.substr(0, slash);
-    if (name.empty() || name == "." || name == "..") return false;
-    if (slash == std::string_view::npos) return true;
-    path.remove_prefix(slash + 1);
-  }
+  const std::string_view plain = version_after(start);
+  if (plain == "2") return std::make_unique<ManifestV2>(input);
+  const std::string version(coded.empty() ? plain : coded);
+  if (version.empty())
+    throw ManifestError(input.name() + ", byte 0: this is no manifest of vorn-scrub");
+  throw ManifestError(input.name() + ", byte 0: this program cannot read version " + version +
+                      " of the manifest, only 1 and 2");
 }
 
 } // namespace
 
-ManifestReader::ManifestReader(int fd, std::string name)
-    : fd_(fd), name_(std::move(name)), buffer_(4 * kMaxLine) {
-  read_header();
+ManifestReader::ManifestReader(int fd, std::string name, Kind kind)
+    : input_(fd, std::move(name)), kind_(kind), format_(open_format(input_)) {}
+
+// Returns the result of read; false or 0 at the end.
+template <class Function>
+std::invoke_result_t<Function> ManifestReader::unless_ended(Function read) {
+  if (ended_) return {};
+  try {
+    return read();
+  } catch (const ManifestError &) {
+    if (kind_ == Kind::kWhole) throw;
+    ended_ = true;
+    return {};
+  }
 }
 
 bool ManifestReader::next_file(FileRecord &file) {
-  Checksums ignored;
-  while (next_block(ignored)) {
-  }
-
-  const std::string_view text = next_line();
-  if (text.starts_with("file ")) {
-    if (!parse_file(text, file)) refuse("this is no proper line of a file");
-    check_path(file);
-    previous_path_ = file.path;
-    size_ = file.size;
-    next_block_ = 0;
-    ++totals_.files;
-    totals_.bytes += size_;
-    return true;
-  }
-
-  Totals stated;
-  if (!parse_end(text, stated)) refuse("a line of a file, or the last line, should be here");
-  if (stated != totals_) refuse("the totals do not fit the lines before");
-  size_ = next_block_ = 0;
-  if (!raw_line().empty()) refuse("there is more text after the last line");
-  return false;
+  const bool found = unless_ended([&] { return format_->next_file(file); });
+  if (!found) ended_ = true;
+  return found;
 }
 
 bool ManifestReader::next_block(Checksums &block) {
-  if (next_block_ == block_count(size_)) return false;
-  const std::size_t sectors = sector_count(block_length(size_, next_block_));
-  std::uint64_t number = 0;
-  if (!parse_block(next_line(), number, sectors, block) || number != next_block_)
-    refuse("the line of block " + std::to_string(next_block_) + " with " + std::to_string(sectors) +
-           " guards should be here");
-  ++next_block_;
-  ++totals_.blocks;
-  return true;
+  return unless_ended([&] { return format_->next_block(block); });
 }
 
-// Returns the next line with its newline. Returns the rest of the file if it has no newline: an
-// empty text at the end of the file.
-std::string_view ManifestReader::raw_line() {
-  ++line_;
-  while (true) {
-    const std::string_view held(buffer_.data() + begin_, end_ - begin_);
-    const std::size_t newline = held.find('\n');
-    if (newline != std::string_view::npos) {
-      begin_ += newline + 1;
-      return held.substr(0, newline + 1);
-    }
-    if (held.size() > kMaxLine) refuse("this line is too long");
-
-    std::memmove(buffer_.data(), held.data(), held.size());
-    begin_ = 0;
-    end_ = held.size();
-    const ssize_t got = read(fd_, buffer_.data() + end_, buffer_.size() - end_);
-    if (got < 0) fail("cannot read " + name_);
-    if (got == 0) {
-      begin_ = end_;
-      return {buffer_.data(), end_};
-    }
-    end_ += static_cast<std::size_t>(got);
-  }
-}
-
-// Checks the code of the next line, and returns its text without code and newline.
-std::string_view ManifestReader::checked(std::string_view line) {
-  if (line.empty()) refuse("the manifest is cut: its last line should be here");
-  if (!line.ends_with('\n')) refuse("the manifest is cut within this line");
-
-  Fields fields(line.substr(0, line.size() - 1));
-  std::uint32_t code = 0;
-  const bool coded = fields.hex(code) && fields.literal(" ");
-  if (!coded || code_.next(fields.rest()) != code)
-    refuse("this line is not as it was written, or one before it is lost");
-  return fields.rest();
-}
-
-std::string_view ManifestReader::next_line() { return checked(raw_line()); }
-
-void ManifestReader::read_header() {
-  const std::string_view line = raw_line();
-  if (!line.substr(std::min(line.size(), kCodeLength)).starts_with(kManifestTitle))
-    refuse("this is no manifest of vorn-scrub");
-  if (checked(line) != kManifestHeader) refuse("this program cannot read this kind of manifest");
-}
-
-void ManifestReader::check_path(const FileRecord &file) const {
-  if (file.path.size() > kMaxPath || !is_tree_path(file.path) ||
-      file.path.find('\0') != String::npos)
-    refuse("this is not the path of a file below the directory");
-  if (totals_.files != 0 && !path_before(previous_path_, file.path))
-    refuse("this file is out of order");
-}
-
-void ManifestReader::refuse(const std::string &why) const {
-  throw ManifestError(name_ + ", line " + std::to_string(line_) + ": " + why);
+std::uint64_t ManifestReader::next_zeros() {
+  return unless_ended([&] { return format_->next_zeros(); });
 }
 
 } // namespace scrub

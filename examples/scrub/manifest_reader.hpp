@@ -1,58 +1,64 @@
-// Reads a manifest line by line, in memory that does not depend on its length. Refuses anything
-// that is not exactly as the writer writes it.
+// Declares the reader of manifests of every version. It reads in memory that does not depend on
+// the manifest's length, and refuses anything that is not exactly as the writer writes it.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_MANIFEST_READER_HPP
 #define SCRUB_MANIFEST_READER_HPP
 
-#include <stdexcept>
+#include <cstdint>
+#include <memory>
 #include <string>
+#include <type_traits>
 
-#include "checksums.hpp"
 #include "manifest.hpp"
+#include "manifest_format.hpp"
+#include "manifest_input.hpp"
 
 namespace scrub {
 
-// Says why a manifest is refused, with its name and line number.
-struct ManifestError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
-
 class ManifestReader {
 public:
-  // Reads from the position of fd, which the caller keeps and closes. name is for messages. Throws
-  // ManifestError, as the functions below do, or std::system_error when the file cannot be read.
-  ManifestReader(int fd, std::string name);
+  // A partial manifest was not completed, and may be cut anywhere. It ends where it is no longer as
+  // it was written.
+  enum class Kind { kWhole, kPartial };
 
-  // Reads the line of the next file, and skips the unread blocks of the previous one. Returns false
-  // at the end of the manifest; then the last line and the totals are right.
+  // Reads the header and the tree from the position of fd, which the caller keeps and closes. name
+  // is for messages. Throws ManifestError or std::system_error if it cannot read them.
+  ManifestReader(int fd, std::string name, Kind kind = Kind::kWhole);
+
+  unsigned int version() const { return format_->version(); }
+  const TreeRecord &tree() const { return format_->tree(); }
+
+  // The functions below throw std::system_error if the file cannot be read, and ManifestError
+  // unless the manifest is partial. After an exception, only the destructor may be called.
+
+  // Reads the record of the next file, and skips the unread blocks of the previous one. Returns
+  // false at the end; then the totals of a whole manifest are right, and nothing follows them.
   bool next_file(FileRecord &file);
 
-  // Reads the line of the file's next block. Returns false after the last block.
+  // Reads the checksums of the file's next block. Returns false after the last block.
   bool next_block(Checksums &block);
 
-  // The totals of the lines read so far.
-  const Totals &totals() const { return totals_; }
+  // Passes over the run of zeros that is next in the file. Returns the number of its blocks, 0 if
+  // the next block has other content or there is none. Version 1 has no runs.
+  std::uint64_t next_zeros();
+
+  // Returns whether a partial manifest ended before the last block of its last file.
+  bool block_missing() const { return ended_ && format_->has_blocks_left(); }
+
+  // The totals of what was read or skipped so far.
+  const Totals &totals() const { return format_->totals(); }
+
+  // The CRC-32C of the manifest up to the end of the frame or line that was read last. At the end
+  // it tells this manifest from others.
+  std::uint32_t code() const { return format_->code(); }
 
 private:
-  std::string_view raw_line();
-  std::string_view checked(std::string_view line);
-  std::string_view next_line();
-  void read_header();
-  void check_path(const FileRecord &file) const;
-  [[noreturn]] void refuse(const std::string &why) const;
+  template <class Function> std::invoke_result_t<Function> unless_ended(Function read);
 
-  int fd_;
-  std::string name_;
-  Vector<char> buffer_;
-  std::size_t begin_ = 0;
-  std::size_t end_ = 0;
-  std::uint64_t line_ = 0;
-  LineCode code_;
-
-  String previous_path_;
-  std::uint64_t size_ = 0;       // of the current file
-  std::uint64_t next_block_ = 0; // the current file's next block
-  Totals totals_;
+  ManifestInput input_;
+  const Kind kind_;
+  bool ended_ = false;
+  std::unique_ptr<ManifestFormat> format_;
 };
 
 } // namespace scrub

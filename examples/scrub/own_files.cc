@@ -2,6 +2,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "own_files.hpp"
 
+#include <algorithm>
+#include <iterator>
+
 namespace scrub {
 namespace {
 
@@ -23,10 +26,16 @@ OwnFiles::OwnFiles(const OwnPaths &paths)
       log_directory_(status_of(paths.log_directory)) {}
 
 bool OwnFiles::contains(const struct stat &directory, std::string_view name) const {
-  if (same_directory(directory, manifest_directory_) &&
-      (name == paths_.manifest_name || name == paths_.unfinished_name()))
-    return true;
+  if (same_directory(directory, manifest_directory_) && is_beside_manifest(name)) return true;
   return same_directory(directory, log_directory_) && is_log(name);
+}
+
+bool OwnFiles::is_beside_manifest(std::string_view name) const {
+  if (!name.starts_with(paths_.manifest_name)) return false;
+  const std::string names[] = {paths_.manifest_name,     paths_.old_name(),
+                               paths_.unfinished_name(), paths_.checkpoint_name(),
+                               paths_.damaged_name(),    paths_.part_name()};
+  return std::ranges::find(names, name) != std::end(names);
 }
 
 // "NAME.log", and "NAME.log.1" and so on for the rotated logs.

@@ -15,7 +15,13 @@ struct OwnPaths {
   std::string log_directory;
 
   std::string manifest() const { return manifest_directory + "/" + manifest_name; }
+  std::string unfinished() const { return manifest_directory + "/" + unfinished_name(); }
+
+  std::string old_name() const { return manifest_name + ".old"; } // the manifest before
   std::string unfinished_name() const { return manifest_name + ".unfinished"; }
+  std::string checkpoint_name() const { return manifest_name + ".checkpoint"; }
+  std::string damaged_name() const { return manifest_name + ".damaged"; }
+  std::string part_name() const { return manifest_name + ".part"; }
 
   // The logging library appends its ".log" to the manifest's name.
   const std::string &log_name() const { return manifest_name; }
@@ -30,6 +36,7 @@ public:
   bool contains(const struct stat &directory, std::string_view name) const;
 
 private:
+  bool is_beside_manifest(std::string_view name) const;
   bool is_log(std::string_view name) const;
 
   const OwnPaths &paths_;

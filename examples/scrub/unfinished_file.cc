@@ -1,0 +1,132 @@
+// Writes the unfinished file of a manifest, and replaces the old manifest with it.
+// SPDX-License-Identifier: Apache-2.0
+#include "unfinished_file.hpp"
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "errors.hpp"
+
+namespace scrub {
+namespace {
+
+constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+
+} // namespace
+
+UnfinishedFile::UnfinishedFile(const OwnPaths &paths)
+    : paths_(paths),
+      directory_(open(paths.manifest_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  if (!directory_) fail("cannot open " + paths_.manifest_directory);
+  check_replaceable(paths_.manifest_name);
+  check_replaceable(paths_.old_name());
+
+  const struct stat status = open_locked(O_CREAT);
+  if (status.st_size == 0 && (status.st_mode & ~S_IFMT & ~kOwnerOnly) == 0) return;
+  // Another run left the file, perhaps for others to read. The lock on it is held until the new one
+  // is locked.
+  const Fd left = std::move(file_);
+  if (unlinkat(directory_.get(), paths_.unfinished_name().c_str(), 0) != 0)
+    fail("cannot replace " + paths_.unfinished());
+  open_locked(O_CREAT | O_EXCL);
+}
+
+UnfinishedFile::~UnfinishedFile() {
+  if (file_) unlinkat(directory_.get(), paths_.unfinished_name().c_str(), 0);
+}
+
+void UnfinishedFile::append(std::string_view bytes) {
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t put = pwrite(file_.get(), bytes.data() + done, bytes.size() - done,
+                               static_cast<off_t>(length_ + done));
+    if (put < 0 && errno == EINTR) continue;
+    if (put < 0) fail("cannot write " + paths_.manifest());
+    done += static_cast<std::size_t>(put);
+  }
+  length_ += done;
+}
+
+void UnfinishedFile::cut(std::uint64_t length) {
+  if (ftruncate(file_.get(), static_cast<off_t>(length)) != 0)
+    fail("cannot cut " + paths_.unfinished());
+  length_ = length;
+}
+
+void UnfinishedFile::commit() {
+  const int directory = directory_.get();
+  const std::string &name = paths_.manifest_name;
+  sync();
+  const bool moved = keep_old();
+  if (renameat(directory, paths_.unfinished_name().c_str(), directory, name.c_str()) != 0) {
+    const int error = errno;
+    if (moved) renameat(directory, paths_.old_name().c_str(), directory, name.c_str());
+    fail("cannot replace " + paths_.manifest(), error);
+  }
+  file_ = Fd();
+  // An old manifest of another owner keeps its mode.
+  fchmodat(directory, paths_.old_name().c_str(), kOwnerOnly, 0);
+  // Syncing the directory puts the new name on the disk. Some file systems do not support it
+  // (EINVAL).
+  if (fsync(directory) != 0 && errno != EINVAL) fail("cannot write " + paths_.manifest());
+}
+
+void UnfinishedFile::keep() {
+  sync();
+  file_ = Fd();
+}
+
+// Makes the old name a second name of the manifest, so that the manifest is never without its own.
+// If the file system has no links, renames the manifest and returns true.
+bool UnfinishedFile::keep_old() const {
+  const int directory = directory_.get();
+  const std::string &name = paths_.manifest_name;
+  const std::string old = paths_.old_name();
+  if (faccessat(directory, name.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
+    return false;
+  if (unlinkat(directory, old.c_str(), 0) != 0 && errno != ENOENT)
+    fail("cannot replace " + paths_.manifest_directory + "/" + old);
+  if (linkat(directory, name.c_str(), directory, old.c_str(), 0) == 0) return false;
+  if (renameat(directory, name.c_str(), directory, old.c_str()) != 0)
+    fail("cannot keep " + paths_.manifest() + " as " + old);
+  return true;
+}
+
+// Refuses to replace anything but a regular file, such as a device or a directory.
+void UnfinishedFile::check_replaceable(const std::string &name) const {
+  struct stat status {};
+  if (fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+  if (!S_ISREG(status.st_mode))
+    fail("cannot replace " + paths_.manifest_directory + "/" + name + ", no regular file", EEXIST);
+}
+
+struct stat UnfinishedFile::open_locked(int flags) {
+  const std::string name = paths_.unfinished_name();
+  Fd file(openat(directory_.get(), name.c_str(),
+                 O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, kOwnerOnly));
+  if (!file)
+    fail("cannot write into " + paths_.manifest_directory +
+         ", choose another place with --manifest");
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
+    fail("another run is writing " + paths_.manifest());
+
+  // Between the two calls, another run may have renamed or replaced the file.
+  struct stat opened {};
+  struct stat named {};
+  if (fstat(file.get(), &opened) != 0 ||
+      fstatat(directory_.get(), name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+      opened.st_ino != named.st_ino)
+    fail("another run has just written " + paths_.manifest(), EBUSY);
+  if (!S_ISREG(opened.st_mode)) fail("cannot write " + paths_.unfinished(), EEXIST);
+  file_ = std::move(file);
+  return opened;
+}
+
+void UnfinishedFile::sync() {
+  if (fsync(file_.get()) != 0) fail("cannot write " + paths_.manifest());
+}
+
+} // namespace scrub
