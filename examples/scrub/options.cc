@@ -1,137 +1,26 @@
-// Holds the table of options, reads the command line and prints the help.
+// Reads the command line.
 // SPDX-License-Identifier: Apache-2.0
 #include "options.hpp"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <span>
 #include <stdexcept>
+#include <string_view>
 #include <sys/resource.h>
 
+#include "option_table.hpp"
 #include "scope_filter.hpp"
-#include "settings_file.hpp"
 #include "values.hpp"
 
 namespace scrub {
 namespace {
 
 using Line = CommandLine;
-using Text = const std::string &;
-
-constexpr char kUsage[] = "vorn-scrub create|verify|update [OPTION...] DIR...";
-
-constexpr unsigned int kCreates = command_bit(Command::kCreate);
-constexpr unsigned int kVerifies = command_bit(Command::kVerify);
-constexpr unsigned int kUpdates = command_bit(Command::kUpdate);
-constexpr unsigned int kAll = kCreates | kVerifies | kUpdates;
-
-struct CommandName {
-  const char *name;
-  Command command;
-};
-
-constexpr CommandName kCommands[] = {
-    {"create", Command::kCreate}, {"verify", Command::kVerify}, {"update", Command::kUpdate}};
 
 [[noreturn]] void wrong(const std::string &what) { throw std::invalid_argument(what); }
 
-void set_output(Line &line, Output output) {
-  if (line.options.output != Output::kText && line.options.output != output)
-    wrong("--json and --json-lines exclude each other");
-  line.options.output = output;
-}
-
-constexpr KnownOption kOptions[] = {
-    {"manifest", 0, "FILE", kAll, false,
-     [](Line &line, Text value) { line.manifest = file_value("--manifest", value); }, "Files",
-     "the manifest of the one directory; DIR/.vorn-scrub by default"},
-    {"log", 0, "DIR", kAll, false,
-     [](Line &line, Text value) {
-       if (value.empty()) wrong("--log names no directory");
-       line.log = value;
-     },
-     nullptr, "the directory of the log; that of the first manifest by default"},
-    {"settings", 0, "FILE", kAll, false,
-     [](Line &line, Text value) { line.settings_file = file_value("--settings", value); }, nullptr,
-     "an INI file with settings, for which scrub.ini is a sample; an option on the command line "
-     "overrides its setting"},
-
-    {"exclude", 0, "PATTERN", kAll, true,
-     [](Line &line, Text value) {
-       line.options.scope.excludes.push_back(pattern_value("--exclude", value));
-     },
-     "What to look at",
-     "leave out what matches; may be repeated. A pattern without '/' matches a name in any "
-     "directory, one with '/' a path below DIR, and one that begins with '**/' a path below any "
-     "directory. '*' and '?' match no '/'. A '/' at the end limits the pattern to directories. "
-     "The manifest keeps the patterns of create, and later runs apply them too"},
-    {"only", 0, "PATH", kVerifies | kUpdates, true,
-     [](Line &line, Text value) { line.options.scope.only.push_back(value); }, nullptr,
-     "look at this file alone, or at what is below this directory; may be repeated, for one DIR. "
-     "PATH is the path below DIR; an absolute path that begins with DIR will do too"},
-    {"one-file-system", 0, nullptr, kAll, false,
-     [](Line &line, Text) { line.options.scope.one_file_system = true; }, nullptr,
-     "leave out what is mounted below DIR"},
-    {"pseudo", 0, nullptr, kAll, false, [](Line &line, Text) { line.options.scope.pseudo = true; },
-     nullptr, "read file systems without a medium too, such as proc and sysfs"},
-    {"any-tree", 0, nullptr, kVerifies | kUpdates, false,
-     [](Line &line, Text) { line.options.any_tree = true; }, nullptr,
-     "take the manifest of another tree: DIR is a copy, or was restored from a backup"},
-    {"part", 0, "K/N", kVerifies, false,
-     [](Line &line, Text value) { line.options.part = part_value("--part", value); }, nullptr,
-     "read only part K of N; N is at most 10000. next/N takes the part after the one that was "
-     "completed last, so that N runs read everything"},
-
-    {"accept", 0, "FILE", kUpdates, true,
-     [](Line &line, Text value) { line.options.accepted.push_back(value); }, "How to go on",
-     "record this file as it is although it is damaged; may be repeated, for one DIR. FILE is a "
-     "path as for --only"},
-    {"resume", 0, nullptr, kCreates | kVerifies, false,
-     [](Line &line, Text) { line.options.resume = true; }, nullptr,
-     "go on where an interrupted run ended"},
-    {"max-errors", 0, "N", kVerifies | kUpdates, false,
-     [](Line &line, Text value) {
-       line.options.max_errors = number_value("--max-errors", value, kMaxErrors);
-     },
-     nullptr, "end the run after N damaged files; 0, the default, is no limit"},
-    {"cached", 0, nullptr, kAll, false, [](Line &line, Text) { line.options.cached = true; },
-     nullptr, "take what memory holds from there instead of reading it from the medium"},
-
-    {"quiet", 'q', nullptr, kAll, false, [](Line &line, Text) { line.options.quiet = true; },
-     "Output", "print only what was found"},
-    {"json", 0, nullptr, kAll, false, [](Line &line, Text) { set_output(line, Output::kJson); },
-     nullptr, "print one JSON object at the end and nothing else"},
-    {"json-lines", 0, nullptr, kAll, false,
-     [](Line &line, Text) { set_output(line, Output::kJsonLines); }, nullptr,
-     "print each finding at once, as a JSON object on a line, and that object at the end"},
-    {"report", 0, "FILE.html", kAll, false,
-     [](Line &line, Text value) { line.options.html = file_value("--report", value); }, nullptr,
-     "write a page about the run for a browser; the page needs no network"},
-
-    {"stall", 0, nullptr, kAll, false, [](Line &line, Text) { line.options.stall = true; },
-     "Drills",
-     "an item of scheduled work overruns its time limit of 15 seconds; the run reports when the "
-     "library has noticed this, and does not end before"},
-    {"crash", 0, nullptr, kAll, false, [](Line &line, Text) { line.options.crash = true; }, nullptr,
-     "a reading thread faults; the process dies of SIGSEGV, and the log holds the fault report"},
-
-    {"help", 'h', nullptr, kAll, false, [](Line &line, Text) { line.command = Command::kHelp; },
-     "Information", "print this text"},
-    {"version", 0, nullptr, kAll, false, [](Line &line, Text) { line.command = Command::kVersion; },
-     nullptr, "print the version"},
-};
-
 std::string dashed(const KnownOption &option) { return std::string("--") + option.name; }
-
-// Returns "create, verify".
-std::string names_of(unsigned int commands) {
-  std::string names;
-  for (const CommandName &known : kCommands) {
-    if ((commands & command_bit(known.command)) != 0)
-      names += (names.empty() ? "" : ", ") + std::string(known.name);
-  }
-  return names;
-}
 
 const char *name_of(Command command) {
   return std::ranges::find(kCommands, command, &CommandName::command)->name;
@@ -193,8 +82,8 @@ void Arguments::take_long(std::string_view text) {
 
 void Arguments::take_letters(std::string_view letters) {
   for (const char letter : letters) {
-    const auto *option = std::ranges::find(kOptions, letter, &KnownOption::letter);
-    if (letter == 0 || option == std::end(kOptions))
+    const auto option = std::ranges::find(known_options(), letter, &KnownOption::letter);
+    if (letter == 0 || option == known_options().end())
       wrong("there is no option -" + readable({&letter, 1}));
     take(*option, {});
   }
@@ -298,38 +187,7 @@ Line read_line(int argc, char **argv) {
   return line;
 }
 
-// Prints text from a column on, in lines of at most 80 characters. The cursor is at that column.
-void print_wrapped(std::string_view text, int column) {
-  const std::size_t width = 80 - static_cast<std::size_t>(column);
-  while (text.size() > width) {
-    const std::size_t blank = text.rfind(' ', width);
-    std::printf("%.*s\n%*s", static_cast<int>(blank), text.data(), column, "");
-    text.remove_prefix(blank + 1);
-  }
-  std::printf("%.*s\n", static_cast<int>(text.size()), text.data());
-}
-
-void print_option(const KnownOption &option) {
-  constexpr int kColumn = 23;
-  if (option.heading != nullptr) std::printf("\n%s:\n", option.heading);
-  std::string name = option.letter == 0 ? "" : std::string{'-', option.letter, ',', ' '};
-  name += dashed(option);
-  if (option.argument != nullptr) name += std::string(" ") + option.argument;
-  std::string help = option.help;
-  if (option.commands != kAll) help += " (" + names_of(option.commands) + ")";
-  std::printf("  %-*s ", kColumn - 3, name.c_str());
-  print_wrapped(help, kColumn);
-}
-
 } // namespace
-
-std::span<const KnownOption> known_options() { return kOptions; }
-
-const KnownOption *find_option(std::string_view name) {
-  const auto *option = std::ranges::find_if(
-      kOptions, [name](const KnownOption &known) { return known.name == name; });
-  return option == std::end(kOptions) ? nullptr : option;
-}
 
 CommandLine parse_options(int argc, char **argv) {
   try {
@@ -339,62 +197,6 @@ CommandLine parse_options(int argc, char **argv) {
                  refused.what(), kUsage);
     return {};
   }
-}
-
-void print_help() {
-  std::printf("Usage: %s\n", kUsage);
-  std::fputs(R"(
-Finds the files below a directory that have been damaged.
-
-  create   reads every regular file below DIR and records the checksums of its
-           blocks in a manifest
-  verify   reads them again and reports what differs: damage apart from what
-           was written on purpose
-  update   reads what was written since, and records it; leaves silent damage
-           as it was recorded
-
-Several directories are read one after the other, each against its own manifest.
-)",
-             stdout);
-  for (const KnownOption &option : kOptions)
-    print_option(option);
-  std::string names = "Settings: ";
-  for (const std::string_view name : setting_names())
-    names += (names.ends_with(": ") ? "" : ", ") + std::string(name);
-  std::puts("");
-  print_wrapped(names, 0);
-  std::fputs(R"(
-Silent damage is content that differs although neither the size nor the time of
-a change says that the file was written. A block that differs is read again a
-second later. If it is right then, the data are good, but the device, the path
-to it or memory had a passing fault. A manifest is replaced only when the new
-one is complete. Links are not followed. In a name, each byte of a blank, a
-control character, '%' or invalid UTF-8 is printed as %XX.
-
-Files, all of them for their owner alone; MANIFEST is DIR/.vorn-scrub or that of
---manifest:
-  MANIFEST             the record of the tree
-  MANIFEST.old         the record before it
-  MANIFEST.unfinished  a record that is being written; an interrupted create
-                       leaves it for --resume, and SIGKILL leaves it too
-  MANIFEST.checkpoint  where an interrupted verify ended
-  MANIFEST.damaged     the files that the last verify found damaged
-  MANIFEST.part        the part that was completed last
-  NAME.log, NAME.log.N the log, in the directory of --log; NAME is the last
-                       component of MANIFEST
-
-Signals: SIGUSR1 prints the progress. SIGINT and SIGTERM end the run within a
-second, with its summary and a checkpoint.
-
-Exit status; if several hold, the first of 2, 1, 3, 4, 0:
-  0  clean; or the manifest was made or brought up to date
-  1  silent damage
-  2  the run could not start or go on
-  3  incomplete: something was unreadable, skipped, vanished or changed while it
-     was read, the run was interrupted, or there was a passing fault
-  4  differences, all of them made on purpose (verify)
-)",
-             stdout);
 }
 
 } // namespace scrub

@@ -3,9 +3,6 @@
 #ifndef SCRUB_SETTINGS_FILE_HPP
 #define SCRUB_SETTINGS_FILE_HPP
 
-#include <string_view>
-#include <vector>
-
 #include "options.hpp"
 
 namespace scrub {
@@ -15,8 +12,6 @@ namespace scrub {
 // Throws std::runtime_error: "settings FILE, line 7: THREADS is '0', wanted: 1 to 16". Needs the
 // library to be started.
 void read_settings(CommandLine &line);
-
-std::vector<std::string_view> setting_names();
 
 } // namespace scrub
 
