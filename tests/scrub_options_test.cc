@@ -217,7 +217,7 @@ TEST(ScrubDocuments, NameTheSameOptionsAndSettings) {
   for (const scrub::KnownOption &option : scrub::known_options())
     options.push_back(std::string("--") + option.name);
   EXPECT_EQ(found("docs/vorn-scrub.1", R"(sed -n '/^.SH OPTIONS/,/^.SH/p' | tr -d '\\' |
-              sed -nE 's/^\.BR? (-q , )?(--[a-z-]+)$/\2/p; s/^\.BI (--[a-z-]+)~ .*/\1/p')"),
+              sed -nE 's/^\.BR? (-[a-z] , ~)?(--[a-z-]+)$/\2/p; s/^\.BI (--[a-z-]+)~ .*/\1/p')"),
             sorted(options));
   Words settings;
   for (const scrub::KnownSetting &setting : scrub::known_settings())
