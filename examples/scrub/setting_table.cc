@@ -79,8 +79,10 @@ void take_number(Options &options, const char *name, Text value) {
 }
 
 void take_cpus(Options &options, const char *, Text value) {
-  for (const std::string &item : split(value, ','))
+  for (std::string item : split(value, ',')) {
+    item.erase(0, item.find_first_not_of(" \t"));
     check_cpus(value, item);
+  }
   options.settings.cpus = value;
 }
 
