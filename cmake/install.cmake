@@ -21,3 +21,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vornConfig.cmake ${CMAKE_CURRENT_BINAR
   DESTINATION ${vorn_cmake})
 configure_file(packaging/vorn.pc.in vorn.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The nightly run of vorn-scrub, its settings, and the completion of its command line.
+configure_file(packaging/systemd/vorn-scrub@.service.in vorn-scrub@.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vorn-scrub@.service packaging/systemd/vorn-scrub@.timer
+  DESTINATION lib/systemd/system)
+install(FILES examples/scrub/scrub.ini DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/vorn-scrub)
+install(FILES packaging/bash-completion/vorn-scrub DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

@@ -77,7 +77,7 @@ std::string what_is_missing(const Job &job, Command command) {
 class Run {
 public:
   Run(CommandLine line, Console &console) : line_(std::move(line)), console_(console) {
-    for (const auto &[root, paths] : line_.directories)
+    for (const auto &[root, paths] : line_.targets)
       jobs_.push_back(Job{root, paths, line_.options});
   }
 
@@ -133,7 +133,7 @@ private:
   ExitStatus do_jobs(bool has_log) {
     // The settings file may ask for another output than the command line.
     if (!line_.settings_file.empty()) {
-      read_settings(line_.settings_file, line_);
+      read_settings(line_);
       if (!json_) begin_json();
     }
     std::vector<OwnPaths> own;

@@ -1,234 +1,202 @@
-// Reads the command line and prints the help.
+// Reads the command line.
 // SPDX-License-Identifier: Apache-2.0
 #include "options.hpp"
 
 #include <algorithm>
 #include <cstdio>
+#include <span>
 #include <stdexcept>
-#include <sys/stat.h>
+#include <string_view>
+#include <sys/resource.h>
 
+#include "option_table.hpp"
 #include "scope_filter.hpp"
-#include "text.hpp"
+#include "values.hpp"
 
 namespace scrub {
 namespace {
 
-constexpr char kUsage[] = "vorn-scrub create|verify|update [OPTION...] DIR...";
+using Line = CommandLine;
 
-struct Wrong : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+[[noreturn]] void wrong(const std::string &what) { throw std::invalid_argument(what); }
 
-std::string shown(std::string_view text) { return quoted(text); }
+std::string dashed(const KnownOption &option) { return std::string("--") + option.name; }
 
-// Walks the arguments. Options may stand anywhere before "--".
-class Parser {
-public:
-  Parser(int argc, char **argv) : arguments_(argv + std::min(argc, 1), argv + argc) {}
-
-  CommandLine parse() {
-    while (next_ < arguments_.size())
-      take(arguments_[next_++]);
-    if (line_.given.contains("help"))
-      line_.command = Command::kHelp;
-    else if (line_.given.contains("version"))
-      line_.command = Command::kVersion;
-    else
-      finish();
-    return line_;
-  }
-
-private:
-  void take(const std::string &argument) {
-    if (only_operands_ || argument == "-" || !argument.starts_with('-'))
-      return operands_.push_back(argument);
-    if (argument == "--") {
-      only_operands_ = true;
-    } else if (argument.starts_with("--")) {
-      const std::size_t equals = argument.find('=');
-      const std::string name = argument.substr(2, equals == argument.npos ? equals : equals - 2);
-      take_option(find_option(name), "--" + name, equals == argument.npos ? nullptr : &argument);
-    } else {
-      for (const char letter : argument.substr(1)) {
-        const auto options = all_options();
-        const auto at = std::ranges::find(options, letter, &Option::letter);
-        take_option(at == options.end() ? nullptr : &*at, std::string{'-', letter}, nullptr);
-      }
-    }
-  }
-
-  // joined is NULL or the argument "--NAME=VALUE".
-  void take_option(const Option *option, const std::string &name, const std::string *joined) {
-    if (option == nullptr) throw Wrong("there is no option " + shown(name));
-    std::string value;
-    if (option->argument == nullptr) {
-      if (joined != nullptr) throw Wrong(name + " takes no value");
-    } else if (joined != nullptr) {
-      value = joined->substr(name.size() + 1);
-    } else if (next_ < arguments_.size()) {
-      value = arguments_[next_++];
-    } else {
-      throw Wrong(name + " needs a value");
-    }
-    const bool again = !line_.given.insert(option->name).second;
-    if (again && !option->repeats && option->argument != nullptr)
-      throw Wrong(name + " may be given once");
-    if (!option->take(line_, value))
-      throw Wrong(name + " is '" + shown(value) + "', wanted: " + option->wanted);
-  }
-
-  void finish() {
-    if (operands_.empty()) throw Wrong("the command is missing");
-    line_.command = command_of(operands_[0]);
-    for (const std::string &name : line_.given) {
-      if (!takes(line_.command, *find_option(name)))
-        throw Wrong(operands_[0] + " does not take --" + name);
-    }
-    if (operands_.size() == 1) throw Wrong("the directory is missing");
-    if (line_.given.contains("json") && line_.given.contains("json-lines"))
-      throw Wrong("--json and --json-lines exclude each other");
-    check_single();
-    check_accepted();
-    set_paths();
-  }
-
-  static Command command_of(const std::string &word) {
-    if (word == "create") return Command::kCreate;
-    if (word == "verify") return Command::kVerify;
-    if (word == "update") return Command::kUpdate;
-    throw Wrong("the command is create, verify or update, not " + shown(word));
-  }
-
-  void check_single() const {
-    if (operands_.size() == 2) return;
-    for (const char *name : {"manifest", "only", "accept"}) {
-      if (line_.given.contains(name))
-        throw Wrong(std::string("--") + name + " cannot serve several directories");
-    }
-  }
-
-  void check_accepted() const {
-    const ScopeFilter filter({.excludes = {}, .only = line_.options.scope.only}, {});
-    for (const std::string &path : line_.options.accepted) {
-      if (!filter.wanted(path)) throw Wrong("--accept " + shown(path) + " is outside of --only");
-    }
-  }
-
-  void set_paths() {
-    for (std::size_t i = 1; i < operands_.size(); ++i) {
-      CommandLine::Directory directory{operands_[i], {}};
-      if (directory.root.empty()) throw Wrong("a directory has no name");
-      const bool own = line_.manifest.empty();
-      set_manifest(directory.paths, own ? directory.root + "/.vorn-scrub" : line_.manifest);
-      line_.directories.push_back(std::move(directory));
-      line_.directories.back().paths.log_directory =
-          line_.log_directory.empty() ? line_.directories[0].paths.manifest_directory
-                                      : line_.log_directory;
-    }
-  }
-
-  static void set_manifest(OwnPaths &paths, const std::string &path) {
-    struct stat status {};
-    if (path.ends_with('/') || (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)))
-      throw Wrong("--manifest " + shown(path) + " is a directory, wanted: a file");
-    const std::size_t slash = path.rfind('/');
-    paths.manifest_directory =
-        slash == path.npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
-    paths.manifest_name = slash == path.npos ? path : path.substr(slash + 1);
-  }
-
-  const std::vector<std::string> arguments_;
-  std::size_t next_ = 0;
-  bool only_operands_ = false;
-  std::vector<std::string> operands_;
-  CommandLine line_;
-};
-
-// Prints words from a column to another.
-void print_wrapped(std::string_view text, std::size_t column, std::size_t end) {
-  std::size_t at = column;
-  while (!text.empty()) {
-    const std::string_view word = text.substr(0, text.find(' '));
-    text.remove_prefix(std::min(word.size() + 1, text.size()));
-    if (at != column && at + 1 + word.size() > end) {
-      std::printf("\n%*s", static_cast<int>(column), "");
-      at = column;
-    }
-    std::printf("%s%.*s", at == column ? "" : " ", static_cast<int>(word.size()), word.data());
-    at += word.size() + (at != column);
-  }
-  std::putchar('\n');
+const char *name_of(Command command) {
+  return std::ranges::find(kCommands, command, &CommandName::command)->name;
 }
 
-void print_option(const Option &option) {
-  constexpr int kColumn = 22;
-  std::string name = option.letter != 0 ? std::string{'-', option.letter, ',', ' '} : "";
-  name += std::string("--") + option.name;
-  if (option.argument != nullptr) name += std::string(" ") + option.argument;
-  if (name.size() + 3 > kColumn) {
-    std::printf("  %s\n%*s", name.c_str(), kColumn, "");
-  } else {
-    std::printf("  %-*s", kColumn - 2, name.c_str());
+// Splits the arguments into options, which it takes, and other words.
+class Arguments {
+public:
+  Arguments(int argc, char **argv, Line &line) : rest_(argv + 1, argv + argc), line_(line) {}
+
+  // Stops at an option that asks for information.
+  std::vector<std::string> take_options();
+
+private:
+  void take_long(std::string_view text);
+  void take_letters(std::string_view letters);
+  void take(const KnownOption &option, const std::string &value);
+
+  std::span<char *> rest_;
+  Line &line_;
+};
+
+std::vector<std::string> Arguments::take_options() {
+  std::vector<std::string> words;
+  bool options_end = false;
+  while (!rest_.empty() && line_.command == Command::kWrong) {
+    const std::string_view text = rest_.front();
+    rest_ = rest_.subspan(1);
+    if (options_end || text.size() < 2 || text[0] != '-') {
+      words.emplace_back(text);
+    } else if (text == "--") {
+      options_end = true;
+    } else if (text[1] == '-') {
+      take_long(text.substr(2));
+    } else {
+      take_letters(text.substr(1));
+    }
   }
-  std::string help = option.help;
-  if (std::string_view(option.commands) == "vu") help += " (verify, update)";
-  if (std::string_view(option.commands) == "cv") help += " (create, verify)";
-  if (std::string_view(option.commands) == "v") help += " (verify)";
-  if (std::string_view(option.commands) == "u") help += " (update)";
-  print_wrapped(help, kColumn, 79);
+  return words;
+}
+
+void Arguments::take_long(std::string_view text) {
+  const std::size_t equals = text.find('=');
+  const std::string_view name = text.substr(0, equals);
+  const KnownOption *option = find_option(name);
+  if (option == nullptr) wrong("there is no option --" + readable(name));
+  if (option->argument == nullptr) {
+    if (equals != text.npos) wrong(dashed(*option) + " takes no value");
+    take(*option, {});
+  } else if (equals != text.npos) {
+    take(*option, std::string(text.substr(equals + 1)));
+  } else {
+    if (rest_.empty()) wrong(dashed(*option) + " needs a value: " + option->argument);
+    const std::string value = rest_.front();
+    rest_ = rest_.subspan(1);
+    take(*option, value);
+  }
+}
+
+void Arguments::take_letters(std::string_view letters) {
+  for (const char letter : letters) {
+    const auto option = std::ranges::find(known_options(), letter, &KnownOption::letter);
+    if (letter == 0 || option == known_options().end())
+      wrong("there is no option -" + readable({&letter, 1}));
+    take(*option, {});
+  }
+}
+
+void Arguments::take(const KnownOption &option, const std::string &value) {
+  const bool first = line_.given.insert(option.name).second;
+  if (!first && option.argument != nullptr && !option.repeatable)
+    wrong(dashed(option) + " stands twice on the command line");
+  option.take(line_, value);
+}
+
+Command command_of(const std::string &word) {
+  const auto *known = std::ranges::find(
+      kCommands, word, [](const CommandName &one) { return std::string(one.name); });
+  if (known == std::end(kCommands))
+    wrong("the command is create, verify or update, not '" + readable(word) + "'");
+  return known->command;
+}
+
+void check_options(const Line &line) {
+  for (const std::string &name : line.given) {
+    const KnownOption &option = *find_option(name);
+    if ((option.commands & command_bit(line.command)) == 0)
+      wrong(dashed(option) + " is no option of " + name_of(line.command) + ", only of " +
+            names_of(option.commands));
+    if (line.targets.size() == 1) continue;
+    if (name == "manifest" || name == "only" || name == "accept")
+      wrong(dashed(option) + " needs one directory alone, not " +
+            std::to_string(line.targets.size()));
+  }
+}
+
+void set_manifest(OwnPaths &paths, const std::string &path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    paths.manifest_directory = ".";
+    paths.manifest_name = path;
+    return;
+  }
+  paths.manifest_directory = path.substr(0, std::max<std::size_t>(slash, 1));
+  paths.manifest_name = path.substr(slash + 1);
+}
+
+void add_targets(Line &line, std::span<const std::string> roots) {
+  for (const std::string &root : roots) {
+    if (root.empty()) wrong("the name of a directory is empty");
+    Target &target = line.targets.emplace_back();
+    target.root = root;
+    set_manifest(target.paths, line.manifest.empty() ? root + "/.vorn-scrub" : line.manifest);
+    target.paths.log_directory =
+        line.log.empty() ? line.targets[0].paths.manifest_directory : line.log;
+  }
+}
+
+// Makes the path of a file below root, with or without an absolute root before it, a path in the
+// tree.
+std::string tree_path(const char *option, const std::string &given, std::string_view root) {
+  std::string path = given;
+  while (root.ends_with('/'))
+    root.remove_suffix(1);
+  const bool begins_with_root =
+      path.starts_with('/') && path.starts_with(root) && path.substr(root.size()).starts_with('/');
+  if (begins_with_root) path.erase(0, path.find_first_not_of('/', root.size()));
+  if (!normal_tree_path(path) || path.empty())
+    refuse_value(option, given, "the path of something below the directory, without '..'");
+  return path;
+}
+
+bool is_in(std::string_view path, std::string_view directory) {
+  return path.starts_with(directory) &&
+         (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+void set_tree_paths(Line &line) {
+  const std::string &root = line.targets[0].root;
+  std::vector<std::string> &only = line.options.scope.only;
+  for (std::string &path : only)
+    path = tree_path("--only", path, root);
+  for (std::string &path : line.options.accepted) {
+    path = tree_path("--accept", path, root);
+    const auto holds_it = [&](const std::string &wanted) { return is_in(path, wanted); };
+    if (!only.empty() && std::ranges::none_of(only, holds_it))
+      wrong("--accept " + readable(path) + " is outside of what --only names");
+  }
+}
+
+Line read_line(int argc, char **argv) {
+  Line line;
+  // The reading threads keep the nice value of the process unless a setting changes it.
+  line.options.settings.nice =
+      static_cast<std::uint64_t>(std::max(getpriority(PRIO_PROCESS, 0), 0));
+  const std::vector<std::string> words = Arguments(argc, argv, line).take_options();
+  if (line.command != Command::kWrong) return line;
+  if (words.empty()) wrong("the command is missing");
+  line.command = command_of(words[0]);
+  if (words.size() == 1) wrong("the directory is missing");
+  add_targets(line, std::span(words).subspan(1));
+  check_options(line);
+  set_tree_paths(line);
+  return line;
 }
 
 } // namespace
 
 CommandLine parse_options(int argc, char **argv) {
   try {
-    return Parser(argc, argv).parse();
-  } catch (const Wrong &wrong) {
+    return read_line(argc, argv);
+  } catch (const std::invalid_argument &refused) {
     std::fprintf(stderr, "vorn-scrub: %s\nUsage: %s\nTry 'vorn-scrub --help' for more.\n",
-                 wrong.what(), kUsage);
+                 refused.what(), kUsage);
     return {};
   }
-}
-
-void print_help() {
-  std::printf("Usage: %s\n", kUsage);
-  std::fputs(R"(
-Finds the files below a directory that were damaged silently: their content
-differs, and neither size nor time says that a program wrote them.
-
-  create   reads every regular file below DIR and records the checksums of its
-           blocks in a manifest
-  verify   reads them again from the medium, and reports what differs
-  update   takes new, modified, moved and deleted files into the manifest; reads
-           only what was written since, and leaves silent damage as recorded
-
-Several directories are read one after the other, each against its manifest.
-
-)",
-             stdout);
-  for (const Option &option : all_options())
-    print_option(option);
-  std::fputs(R"(
-DAMAGED is silent damage, MODIFIED, GROWN and SHRUNK files were written, MISSING
-ones are recorded only, NEW ones are not recorded, MOVED ones are recorded under
-another path, UNREADABLE ones fail, CHANGED ones were written while the run read
-them. A wrong block is read again a second later: PASSING if it is right then.
-Links are not followed. In a name, each byte of a blank, a control character,
-'%' or invalid UTF-8 is written as %XX.
-
-SIGUSR1 prints the progress to standard error. SIGINT and SIGTERM end a run
-within a second; verify leaves a checkpoint and create an unfinished manifest,
-from which --resume goes on.
-
-Exit status; the worst counts, in the order 2, 1, 3, 4, 0:
-  0  clean; update: the manifest is up to date
-  1  silent damage; update left it as recorded
-  2  the run could not start, or an error ended it
-  3  incomplete: files were unreadable, skipped, changed or vanished, the run was
-     interrupted, or a block was wrong at its first read only
-  4  only differences that a program made on purpose
-)",
-             stdout);
 }
 
 } // namespace scrub

@@ -1,4 +1,4 @@
-// Describes the settings for people.
+// Describes the settings of a run in one line.
 // SPDX-License-Identifier: Apache-2.0
 #include "settings.hpp"
 
@@ -7,7 +7,7 @@
 namespace scrub {
 
 std::string settings_text(const Settings &settings) {
-  return counted(settings.threads, "reading thread") + ", reads of at most " +
+  return counted(settings.threads, "thread") + ", reads of at most " +
          grouped(settings.read_size_limit) + " bytes, " +
          (settings.rate_limit == 0 ? "no rate limit"
                                    : "at most " + grouped(settings.rate_limit) + " MB/s") +
