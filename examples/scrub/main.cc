@@ -36,9 +36,14 @@ namespace {
 class Session {
 public:
   explicit Session(const OwnPaths &paths) {
+    // What a run writes is its owner's business, but services of other users share what the library
+    // makes at its start.
+    const mode_t mask = umask(S_IRWXG | S_IRWXO);
     chmod(paths.log().c_str(), S_IRUSR | S_IWUSR); // of an older version
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
+    umask(mask);
     started_ = vorn_Init() == 0;
+    umask(S_IRWXG | S_IRWXO);
   }
   Session(const Session &) = delete;
   Session &operator=(const Session &) = delete;
@@ -221,7 +226,6 @@ private:
 
 int run(int argc, char **argv) {
   keep_standard_descriptors();
-  umask(S_IRWXG | S_IRWXO); // what a run writes is its owner's business
   CommandLine line = parse_options(argc, argv);
   switch (line.command) {
   case Command::kWrong:

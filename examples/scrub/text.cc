@@ -88,19 +88,6 @@ bool unescape(std::string_view word, String &path) {
   return escape(path) == word;
 }
 
-std::string quoted(std::string_view text) {
-  std::string quote;
-  while (!text.empty()) {
-    const std::string_view word = text.substr(0, text.find_first_of(" %"));
-    quote += printable(word);
-    text.remove_prefix(word.size());
-    if (text.empty()) break;
-    quote += text[0];
-    text.remove_prefix(1);
-  }
-  return quote;
-}
-
 std::string grouped(std::uint64_t number) {
   std::string text = std::to_string(number);
   for (auto at = static_cast<std::ptrdiff_t>(text.size()) - 3; at > 0; at -= 3)

@@ -24,10 +24,6 @@ bool unescape(std::string_view word, String &path);
 // terminal show another line than the one that was printed.
 String printable(std::string_view path);
 
-// Returns a value for people, in a message that quotes it: as printable(), with blanks and '%' as
-// they are.
-std::string quoted(std::string_view text);
-
 // Returns the length of the first character of text, which is not empty, and stores its code
 // point. Returns 0 if text does not begin with a character of UTF-8.
 std::size_t utf8_length(std::string_view text, std::uint32_t &character);

@@ -33,11 +33,11 @@ std::string range_text(const Range &range) {
 } // namespace
 
 std::string readable(std::string_view text) {
-  constexpr std::string_view kKept = " %"; // escape() would change these too
+  constexpr std::string_view kKept = " %"; // printable() would change these too
   std::string shown;
   while (!text.empty()) {
     const std::size_t plain = std::min(text.find_first_of(kKept), text.size());
-    shown += escape(text.substr(0, plain));
+    shown += printable(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) break;
     shown += text[0];

@@ -326,7 +326,8 @@ private:
     };
     actions.damaged = [this](const String &path, const String &from) {
       report_.finding(
-          {.verdict = Verdict::kDamaged, .path = path, .from = from, .begins_file = true});
+          {.verdict = Verdict::kDamaged, .path = path, .from = from, .whole_file = true,
+           .begins_file = true});
     };
     actions.unreadable = [this](const String &path, const String &from, int error) {
       report_.finding(
