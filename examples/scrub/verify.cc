@@ -106,7 +106,10 @@ public:
   }
 
   // Returns false if a thread hangs; then this object must not be destroyed.
-  bool stop() { return engine_->stop(interrupted() ? kPatience : -1); }
+  bool stop() {
+    if (!interrupted()) return engine_->stop(-1);
+    return engine_->stop(kPatience) && second_->stop(kPatience);
+  }
 
 private:
   bool over() const { return interrupted() || limited_; }
