@@ -158,7 +158,7 @@ private:
     writer_->begin_file(file);
     Checksums block;
     std::uint64_t blocks = 0;
-    while (old_->again.next_block(block)) {
+    while (old_->again.next_block(block) && !interrupted()) {
       writer_->add_block(block);
       ++blocks;
     }
@@ -192,7 +192,7 @@ private:
       return leave(entry.record, error);
     Digest digest;
     Checksums block;
-    while (old_->again.next_block(block))
+    while (old_->again.next_block(block) && !interrupted())
       digest.add(block);
     moves_.missing(entry.record, digest.value());
   }
@@ -445,7 +445,7 @@ private:
   void write_blocks(const FileRecord &file, ManifestReader &manifest) {
     writer_->begin_file(file);
     Checksums block;
-    while (manifest.next_block(block))
+    while (manifest.next_block(block) && !interrupted())
       writer_->add_block(block);
   }
 
@@ -515,8 +515,8 @@ void update(const Job &job, Report &report) {
     ManifestReader manifest(fd.get(), name); // a bad manifest is refused before the run begins
     FileRecord file;
     Checksums block;
-    while (manifest.next_file(file)) {
-      while (manifest.next_block(block)) {
+    while (manifest.next_file(file) && !interrupted()) {
+      while (manifest.next_block(block) && !interrupted()) {
       }
     }
   }
