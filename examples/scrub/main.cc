@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <optional>
@@ -36,7 +37,8 @@ namespace {
 class Session {
 public:
   explicit Session(const OwnPaths &paths) {
-    chmod(paths.log().c_str(), S_IRUSR | S_IWUSR); // of an older version
+    // Of an older version. What a link leads to is left alone.
+    fchmodat(AT_FDCWD, paths.log().c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW);
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     started_ = vorn_Init() == 0;
   }
