@@ -188,8 +188,11 @@ private:
 
   void take_lost(const Entry &entry) {
     if (!update_) return;
-    if (const int error = why_not_found(tree_, entry.record.path); error != 0)
-      return leave(entry.record, error);
+    if (const int error = why_not_found(tree_, filter_, entry.record.path); error != 0) {
+      if (error != EXDEV) return leave(entry.record, error);
+      copy(entry.record);
+      return;
+    }
     Digest digest;
     Checksums block;
     while (old_->again.next_block(block) && !interrupted())

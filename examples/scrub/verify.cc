@@ -212,7 +212,8 @@ private:
 
   void take_lost(const Entry &entry) {
     report_.progress().drop_bytes(bytes_of(entry));
-    if (const int error = why_not_found(tree_, entry.record.path); error != 0) {
+    if (const int error = why_not_found(tree_, filter_, entry.record.path); error != 0) {
+      if (error == EXDEV) return;
       if (entry.in && is_gone(error)) changed(entry.record, reason(error));
       if (entry.in && !is_gone(error)) unreadable(entry.record, reason(error));
       return;
