@@ -3,6 +3,7 @@
 #include "checkpoint.hpp"
 
 #include <charconv>
+#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -76,7 +77,13 @@ std::optional<Checkpoint> CheckpointFile::read() const {
 // A checkpoint that cannot be written is told at the end of the run.
 void CheckpointFile::write_soon(const Checkpoint &checkpoint) {
   if (work_ && !work_->done()) return;
-  work_.emplace([this, lines = lines_of(checkpoint)] { file_.write(lines); });
+  work_.emplace([this, lines = lines_of(checkpoint)] {
+    try {
+      file_.write(lines);
+    } catch (const std::bad_alloc &) {
+      return; // the checkpoint before it stays
+    }
+  });
   work_->start();
 }
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "interrupt.hpp"
+
 namespace scrub {
 namespace {
 
@@ -25,7 +27,7 @@ Comparison::Comparison(ManifestReader &manifest, const FileRecord &record, const
                  (known && record.size == now.size && same_time(record.written, now.written))),
       block_(0) {
   Checksums skipped;
-  for (; block_ < first_block && manifest_.next_block(skipped); ++block_) {
+  for (; block_ < first_block && manifest_.next_block(skipped) && !interrupted(); ++block_) {
   }
 }
 

@@ -29,6 +29,7 @@ DamagedList::DamagedList(const OwnPaths &paths)
     }
     if (i == 0 || !unescape(lines[i], path))
       throw std::runtime_error(file_.path() + " is no list of damaged files of this version");
+    bytes_ += path.size();
     paths_.insert(path);
   }
 }
@@ -38,17 +39,20 @@ bool DamagedList::contains(std::string_view path) const { return all_ || paths_.
 void DamagedList::add(std::string_view path) {
   if (contains(path)) return;
   changed_ = true;
-  if (paths_.size() >= kMost) {
+  if (paths_.size() >= kMost || bytes_ + path.size() > kMostBytes) {
     all_ = true;
+    bytes_ = 0;
     paths_.clear();
     return;
   }
+  bytes_ += path.size();
   paths_.insert(String(path));
 }
 
 void DamagedList::remove(std::string_view path) {
   const auto at = paths_.find(path);
   if (at == paths_.end()) return;
+  bytes_ -= path.size();
   paths_.erase(at);
   changed_ = true;
 }
@@ -56,6 +60,7 @@ void DamagedList::remove(std::string_view path) {
 void DamagedList::clear() {
   changed_ |= all_ || !paths_.empty();
   all_ = false;
+  bytes_ = 0;
   paths_.clear();
 }
 

@@ -32,9 +32,11 @@ public:
 private:
   // Beyond this the list stands for every file.
   static constexpr std::size_t kMost = 16384;
+  static constexpr std::size_t kMostBytes = 1 << 20; // of all paths
 
   StateFile file_;
   std::set<String, std::less<>> paths_;
+  std::size_t bytes_ = 0;
   bool all_ = false;
   bool changed_ = false;
 };

@@ -16,6 +16,9 @@ namespace {
 constexpr std::size_t kBatchesOfThread = 4;
 constexpr std::size_t kPiecesOfThread = 2;
 
+// The most bytes of a hole that are taken at once: an interrupt ends the run between pieces.
+constexpr std::uint64_t kMostHole = 1 << 30;
+
 [[gnu::noinline]] void fault_on_purpose() {
   static volatile std::uintptr_t never_mapped = 8;
   *reinterpret_cast<volatile int *>(never_mapped) = 1;
@@ -46,8 +49,11 @@ Engine::Engine(const Options &options, Series &series, Plan plan)
     empty_.put(batch);
   set_strategy(options.settings);
   try {
-    for (std::size_t i = 0; i < options.settings.threads; ++i)
-      threads_.emplace_back("scrub_read" + std::to_string(i), [this] { run_reader(); });
+    for (std::size_t i = 0; i < options.settings.threads; ++i) {
+      ReadingTools &tools = tools_.emplace_back(options.settings.read_size_limit);
+      threads_.emplace_back("scrub_read" + std::to_string(i),
+                            [this, &tools] { run_reader(tools); });
+    }
     threads_.emplace_back("scrub_plan", [this] { run_planner(); });
   } catch (...) {
     stop(-1);
@@ -93,8 +99,7 @@ void Engine::run_planner() {
 }
 
 // A thread that finds the run over takes its jobs without reading.
-void Engine::run_reader() {
-  ReadingTools tools(options_.settings.read_size_limit);
+void Engine::run_reader(ReadingTools &tools) {
   while (ReadingJob *job = work_.take()) {
     if (options_.crash) fault_on_purpose();
     job->run(*this, tools);
@@ -204,6 +209,7 @@ int Engine::read(const std::shared_ptr<DataFile> &file, std::uint64_t first, std
   while (error == 0 && (at < stop_at || under_way_ != 0)) {
     while (!ended && at < stop_at && under_way_ < pieces_.size())
       at = add_piece(file, at, stop_at);
+    if (interrupted()) return EINTR;
     Piece *piece = oldest_piece();
     if (piece == nullptr) return EINTR;
     if (piece->error_ != 0) {
@@ -234,7 +240,7 @@ std::uint64_t Engine::add_piece(const std::shared_ptr<DataFile> &file, std::uint
   Piece &piece = pieces_[(oldest_ + under_way_) % pieces_.size()];
   std::uint64_t hole = 0;
   if (file->is_sparse() && at >= data_end_) {
-    const std::uint64_t data = std::min(file->next_data(at), end);
+    const std::uint64_t data = std::min({file->next_data(at), end, at + kMostHole});
     hole = (data - at) / kBlockSize * kBlockSize;
     if (hole == 0) data_end_ = std::max(round_up(file->next_hole(data)), at + kBlockSize);
   }

@@ -147,7 +147,7 @@ private:
   friend class Piece;
 
   void run_planner();
-  void run_reader();
+  void run_reader(ReadingTools &tools);
   void read_entry(Batch &batch, Entry &entry, ReadingTools &tools);
   void read_small(Batch &batch, Entry &entry, DataFile &file, ReadingTools &tools);
   ssize_t read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t bytes,
@@ -165,6 +165,7 @@ private:
 
   std::deque<Batch> batches_;
   std::deque<Piece> pieces_;
+  std::deque<ReadingTools> tools_; // one for each reading thread, which must not throw
   Queue<Batch> empty_;
   Queue<Batch> ordered_;
   Queue<ReadingJob> work_;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <deque>
 #include <exception>
+#include <fcntl.h>
 #include <memory>
 #include <new>
 #include <optional>
@@ -39,7 +40,8 @@ public:
     // What a run writes is its owner's business, but services of other users share what the library
     // makes at its start.
     const mode_t mask = umask(S_IRWXG | S_IRWXO);
-    chmod(paths.log().c_str(), S_IRUSR | S_IWUSR); // of an older version
+    // Of an older version. What a link leads to is left alone.
+    fchmodat(AT_FDCWD, paths.log().c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW);
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     umask(mask);
     started_ = vorn_Init() == 0;

@@ -68,9 +68,15 @@ const char *reason(int error) {
 
 bool is_gone(int error) { return error == ENOENT || error == ESTALE; }
 
-int why_not_found(const Tree &tree, const String &path) {
+int why_not_found(const Tree &tree, const ScopeFilter &filter, const String &path) {
   struct stat status {};
-  if (tree.status(path, status)) return S_ISREG(status.st_mode) ? ESTALE : 0;
+  struct stat root {};
+  if (tree.status(path, status)) {
+    if (!S_ISREG(status.st_mode)) return 0;
+    const bool left_out =
+        filter.one_file_system() && fstat(tree.fd(), &root) == 0 && root.st_dev != status.st_dev;
+    return left_out ? EXDEV : ESTALE;
+  }
   return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : errno;
 }
 

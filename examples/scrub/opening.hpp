@@ -11,6 +11,7 @@
 #include "fd.hpp"
 #include "manifest_reader.hpp"
 #include "report.hpp"
+#include "scope_filter.hpp"
 #include "scrub.hpp"
 #include "tree.hpp"
 
@@ -37,8 +38,9 @@ bool is_gone(int error);
 
 // Returns 0 if a recorded path that the walk did not find is not there, or no regular file any
 // more. Otherwise returns an errno that says why the walk did not find it: a directory above could
-// not be read to its end, for example.
-int why_not_found(const Tree &tree, const String &path);
+// not be read to its end, for example. EXDEV: it is on another file system, which the filter leaves
+// out.
+int why_not_found(const Tree &tree, const ScopeFilter &filter, const String &path);
 
 // Opens the file of an entry once more.
 struct Opened {

@@ -20,7 +20,8 @@ public:
       return;
     }
     flush();
-    const bool begins = verdict != last_verdict_ || file.path != last_path_;
+    String &last = verdict == Verdict::kDamaged ? last_damaged_ : last_passing_;
+    const bool begins = file.path != last;
     range_ = {.verdict = verdict,
               .path = file.path,
               .recorded_size = file.size,
@@ -31,8 +32,7 @@ public:
               .expected = block.expected,
               .found = block.found};
     open_ = true;
-    last_verdict_ = verdict;
-    last_path_ = file.path;
+    last = file.path;
   }
 
   void flush() {
@@ -40,12 +40,17 @@ public:
     open_ = false;
   }
 
+  // Returns whether a damaged file has begun that is not yet reported.
+  bool begins_damage() const {
+    return open_ && range_.verdict == Verdict::kDamaged && range_.begins_file;
+  }
+
 private:
   Report &report_;
   Finding range_{};
   bool open_ = false;
-  Verdict last_verdict_ = Verdict::kVerdicts;
-  String last_path_{};
+  String last_damaged_{};
+  String last_passing_{};
 };
 
 } // namespace scrub

@@ -157,7 +157,7 @@ private:
     writer_->begin_file(file);
     Checksums block;
     std::uint64_t blocks = 0;
-    while (old_->again.next_block(block)) {
+    while (old_->again.next_block(block) && !interrupted()) {
       writer_->add_block(block);
       ++blocks;
     }
@@ -185,11 +185,14 @@ private:
 
   void take_lost(const Entry &entry) {
     if (!update_) return;
-    if (const int error = why_not_found(tree_, entry.record.path); error != 0)
-      return leave(entry.record, error);
+    if (const int error = why_not_found(tree_, filter_, entry.record.path); error != 0) {
+      if (error != EXDEV) return leave(entry.record, error);
+      copy(entry.record);
+      return;
+    }
     Digest digest;
     Checksums block;
-    while (old_->again.next_block(block))
+    while (old_->again.next_block(block) && !interrupted())
       digest.add(block);
     moves_.missing(entry.record, digest.value());
   }
@@ -443,7 +446,7 @@ private:
   void write_blocks(const FileRecord &file, ManifestReader &manifest) {
     writer_->begin_file(file);
     Checksums block;
-    while (manifest.next_block(block))
+    while (manifest.next_block(block) && !interrupted())
       writer_->add_block(block);
   }
 
@@ -513,8 +516,8 @@ void update(const Job &job, Report &report) {
     ManifestReader manifest(fd.get(), name); // a bad manifest is refused before the run begins
     FileRecord file;
     Checksums block;
-    while (manifest.next_file(file)) {
-      while (manifest.next_block(block)) {
+    while (manifest.next_file(file) && !interrupted()) {
+      while (manifest.next_block(block) && !interrupted()) {
       }
     }
   }

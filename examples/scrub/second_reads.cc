@@ -18,6 +18,9 @@ constexpr std::uint64_t kDelay = 1000; // milliseconds
 // The most blocks that wait for a pass: this bounds the memory if every block is wrong.
 constexpr std::size_t kMostWaiting = 8192;
 
+// Enough for as many reads of a slow disk.
+constexpr unsigned int kTimeLimit = 300; // seconds
+
 } // namespace
 
 // A timer starts the work, because a timer's function must not wait for a device. The work owns the
@@ -26,7 +29,8 @@ constexpr std::size_t kMostWaiting = 8192;
 class SecondReads::Pass {
 public:
   Pass(const Tree &tree, Engine &engine, std::deque<Suspects> suspects)
-      : tree_(tree), engine_(engine), suspects_(std::move(suspects)), work_([this] { read(); }) {
+      : tree_(tree), engine_(engine), suspects_(std::move(suspects)),
+        work_([this] { read(); }, kTimeLimit) {
     vorn_timer_set(&timer_, kDelay, reinterpret_cast<std::uint64_t>(this), expired);
     if (vorn_timer_add(&timer_) != 0)
       throw std::runtime_error("no timer can be armed, the log says why");
@@ -35,7 +39,10 @@ public:
   Pass &operator=(const Pass &) = delete;
   ~Pass() { vorn_timer_delete_sync(&timer_); }
 
-  bool done() const { return work_.done(); }
+  // A pass that an interrupt cut short is never done: its suspects stay in first(), so that the
+  // checkpoint does not pass over them.
+  bool done() const { return work_.done() && whole_; }
+  bool reads() const { return work_.started() && !work_.done(); }
   const std::deque<Suspects> &suspects() const { return suspects_; }
 
 private:
@@ -47,9 +54,10 @@ private:
 
   void read() {
     for (Suspects &file : suspects_) {
-      if (interrupted()) return;
       read(file);
+      if (interrupted()) return;
     }
+    whole_ = true;
   }
 
   // A block that cannot be read again stays wrong. A file that was written since the first read
@@ -82,6 +90,7 @@ private:
   Engine &engine_;
   std::deque<Suspects> suspects_;
   Buffer buffer_{kBlockSize};
+  bool whole_ = false; // set before the work is done
   Work work_;
   vorn_timer_s timer_{};
 };
@@ -111,6 +120,14 @@ void SecondReads::poll() {
 void SecondReads::finish() {
   while (wait_for_pass()) {
   }
+}
+
+bool SecondReads::stop(int milliseconds) {
+  for (int waited = 0; pass_ != nullptr && pass_->reads(); waited += 10) {
+    if (waited >= milliseconds) return false;
+    vorn_10msleep(1);
+  }
+  return true;
 }
 
 const Suspects *SecondReads::first() const {

@@ -52,6 +52,10 @@ public:
   // Waits for all second reads, or until the run is interrupted.
   void finish();
 
+  // After an interrupt: returns false if a second read hangs for longer than the milliseconds; then
+  // this object must not be destroyed.
+  bool stop(int milliseconds);
+
   // The first suspects that were not passed on; NULL if there are none.
   const Suspects *first() const;
 

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "spill.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -28,7 +29,11 @@ std::uint64_t TemporaryFile::add(std::span<const std::byte> bytes) {
 }
 
 void TemporaryFile::read(std::uint64_t offset, std::span<std::byte> bytes) {
-  flush();
+  if (offset >= written_) {
+    std::copy_n(buffer_.begin() + static_cast<std::ptrdiff_t>(offset - written_), bytes.size(),
+                bytes.begin());
+    return;
+  }
   for (std::size_t filled = 0; filled < bytes.size();) {
     const ssize_t got = pread(fd_.get(), bytes.data() + filled, bytes.size() - filled,
                               static_cast<off_t>(offset + filled));
@@ -39,7 +44,14 @@ void TemporaryFile::read(std::uint64_t offset, std::span<std::byte> bytes) {
 }
 
 void TemporaryFile::write(std::uint64_t offset, std::span<const std::byte> bytes) {
-  flush();
+  if (offset >= written_) {
+    std::ranges::copy(bytes, buffer_.begin() + static_cast<std::ptrdiff_t>(offset - written_));
+    return;
+  }
+  write_out(offset, bytes);
+}
+
+void TemporaryFile::write_out(std::uint64_t offset, std::span<const std::byte> bytes) {
   for (std::size_t done = 0; done < bytes.size();) {
     const ssize_t got = pwrite(fd_.get(), bytes.data() + done, bytes.size() - done,
                                static_cast<off_t>(offset + done));
@@ -54,7 +66,7 @@ void TemporaryFile::flush() {
   if (!fd_) open();
   Vector<std::byte> bytes;
   bytes.swap(buffer_);
-  write(written_, bytes);
+  write_out(written_, bytes);
   written_ += bytes.size();
   bytes.clear();
   buffer_.swap(bytes); // keeps the room

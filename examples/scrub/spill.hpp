@@ -23,16 +23,18 @@ public:
 
   // Throw std::system_error, as for a full disk.
   std::uint64_t add(std::span<const std::byte> bytes); // returns their offset
+  // Bytes that were added at once.
   void read(std::uint64_t offset, std::span<std::byte> bytes);
   void write(std::uint64_t offset, std::span<const std::byte> bytes);
 
 private:
   void flush();
+  void write_out(std::uint64_t offset, std::span<const std::byte> bytes);
   void open();
 
   const std::string directory_;
   Fd fd_;
-  Vector<std::byte> buffer_; // not yet written
+  Vector<std::byte> buffer_; // not yet written; a short list never is
   std::uint64_t written_ = 0;
 };
 

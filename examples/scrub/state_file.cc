@@ -72,7 +72,8 @@ int StateFile::write(const std::vector<std::string> &lines) const {
     text += line + "\n";
   text += crc_line(text);
   const std::string unfinished = path_ + ".unfinished";
-  Fd fd(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+  Fd fd(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+             0600));
   if (!fd) return errno;
   int error = write_all(fd, text);
   if (error == 0 && fsync(fd.get()) != 0) error = errno;

@@ -51,7 +51,7 @@ struct Finding {
   // kDamaged and kPassing: a range of consecutive blocks. Others: the number of blocks that differ.
   std::uint64_t first_block = 0;
   std::uint64_t blocks = 0;
-  bool whole_file = false; // kDamaged: files were compared as a whole, there is no range
+  bool whole_file = false;  // kDamaged: files were compared as a whole, there is no range
   bool begins_file = false; // the first range of its file
   Checksums expected{};     // of the first block of the range
   Checksums found{};

@@ -107,7 +107,10 @@ public:
   }
 
   // Returns false if a thread hangs; then this object must not be destroyed.
-  bool stop() { return engine_->stop(interrupted() ? kPatience : -1); }
+  bool stop() {
+    if (!interrupted()) return engine_->stop(-1);
+    return engine_->stop(kPatience) && second_->stop(kPatience);
+  }
 
 private:
   bool over() const { return interrupted() || limited_; }
@@ -123,6 +126,7 @@ private:
     if (options_.resume) resume();
     Window window = window_;
     bytes_ = checked_.pass(filter_, window);
+    prepared_ = !interrupted();
   }
 
   void resume() {
@@ -130,33 +134,49 @@ private:
     if (!checkpoint) return report_.note("There is no checkpoint: the run begins at the start");
     if (checkpoint->manifest != checked_.code)
       return report_.note("The checkpoint is of an older manifest: the run begins at the start");
-    if (checkpoint->scope != scope_text(options_, part_))
+    if (checkpoint->scope != scope())
       throw std::runtime_error(checkpoint_file_.path() +
                                " is of a run with another part or other paths; give the same, or "
                                "leave --resume out");
     window_.resume_at(checkpoint->position);
+    resumed_at_ = checkpoint->position;
     resumed_ = true;
     report_.note(std::string("Going on after ") + escape(checkpoint->position.path).c_str());
     for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
       count(static_cast<Count>(i)) += checkpoint->counts[i];
-    count(Count::kSkipped) = 0; // directories, which the run meets again
+    // What the run meets again.
+    for (const Verdict verdict :
+         {Verdict::kMissing, Verdict::kNew, Verdict::kMoved, Verdict::kSkipped})
+      count_of(verdict) = 0;
     last_ = checkpoint->position;
   }
 
   void compare() {
-    std::uint64_t last_checkpoint = vorn_time_getnanosec();
     while (Batch *batch = engine_->next()) {
       for (Entry &entry : batch->entries()) {
         take(*batch, entry);
         if (over()) return;
       }
-      second_->poll();
-      if (const std::uint64_t now = vorn_time_getnanosec();
-          now - last_checkpoint > kCheckpointInterval) {
-        last_checkpoint = now;
-        checkpoint_file_.write_soon(checkpoint());
-      }
+      poll();
     }
+  }
+
+  // What a checkpoint passes over was told, and is on the list if it is damaged.
+  void poll() {
+    second_->poll();
+    const std::uint64_t now = vorn_time_getnanosec();
+    if (now - last_checkpoint_ <= kCheckpointInterval) return;
+    last_checkpoint_ = now;
+    ranges_.flush();
+    save_damaged();
+    checkpoint_file_.write_soon(checkpoint());
+  }
+
+  // A checkpoint of a copy says nothing about another copy.
+  std::string scope() const {
+    const TreeRecord tree = tree_.identity();
+    return scope_text(options_, part_) + " tree " + std::to_string(tree.inode) + " " +
+           std::to_string(tree.file_system != 0 ? tree.file_system : tree.device);
   }
 
   void take(Batch &batch, Entry &entry) {
@@ -193,7 +213,8 @@ private:
 
   void take_lost(const Entry &entry) {
     report_.progress().drop_bytes(bytes_of(entry));
-    if (const int error = why_not_found(tree_, entry.record.path); error != 0) {
+    if (const int error = why_not_found(tree_, filter_, entry.record.path); error != 0) {
+      if (error == EXDEV) return;
       if (entry.in && is_gone(error)) changed(entry.record, reason(error));
       if (entry.in && !is_gone(error)) unreadable(entry.record, reason(error));
       return;
@@ -227,7 +248,7 @@ private:
   }
 
   void fail(const Entry &entry, int error) {
-    if (error == EINTR) return;
+    if (error == EINTR && interrupted()) return;
     report_.progress().drop_bytes(bytes_of(entry));
     if (is_gone(error)) return changed(entry.record, reason(error));
     unreadable(entry.record, reason(error));
@@ -246,15 +267,19 @@ private:
     const Opened opened = open_file(entry, options_.cached);
     if (opened.error != 0) return fail(entry, opened.error);
     const Attributes &now = opened.file->attributes();
-    Comparison comparison(manifest_, entry.record, now, is_known(entry), entry.first_block);
+    // The blocks before the checkpoint say nothing about a file that was written since.
+    const bool again =
+        entry.record.path == resumed_at_.path && !unwritten(entry.record, now) && resumed_;
+    const std::uint64_t first = again ? 0 : entry.first_block;
+    Comparison comparison(manifest_, entry.record, now, is_known(entry), first);
     std::uint64_t bytes = 0;
-    const int error = engine_->read(
-        opened.file, entry.first_block, entry.end_block, [&](const Engine::Blocks &blocks) {
+    const int error =
+        engine_->read(opened.file, first, entry.end_block, [&](const Engine::Blocks &blocks) {
           comparison.add(blocks);
           bytes += blocks.bytes;
           count_read(blocks.checksums.size() + blocks.zeros, blocks.bytes);
           if (comparison.has_suspects()) second_->add(comparison.take_suspects());
-          second_->poll();
+          poll();
           last_ = {entry.record.path, comparison.block()};
         });
     add_way(medium_, opened.file->way());
@@ -265,8 +290,8 @@ private:
                     static_cast<unsigned long long>(engine_->failed_block()));
       return unreadable(entry.record, why);
     }
-    const std::uint64_t wanted = std::min(now.size, entry.end_block * kBlockSize) -
-                                 std::min(now.size, entry.first_block * kBlockSize);
+    const std::uint64_t wanted =
+        std::min(now.size, entry.end_block * kBlockSize) - std::min(now.size, first * kBlockSize);
     end(entry, comparison, now, bytes < wanted || opened.file->has_changed());
   }
 
@@ -315,7 +340,7 @@ private:
       }
     }
     const std::uint64_t most = options_.max_errors;
-    if (most != 0 && report_.damaged_files() >= most) limited_ = true;
+    if (most != 0 && report_.damaged_files() + ranges_.begins_damage() >= most) limited_ = true;
   }
 
   void resolve_moves() {
@@ -325,9 +350,11 @@ private:
       report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
     };
     actions.damaged = [this](const String &path, const String &from) {
-      report_.finding(
-          {.verdict = Verdict::kDamaged, .path = path, .from = from, .whole_file = true,
-           .begins_file = true});
+      report_.finding({.verdict = Verdict::kDamaged,
+                       .path = path,
+                       .from = from,
+                       .whole_file = true,
+                       .begins_file = true});
     };
     actions.unreadable = [this](const String &path, const String &from, int error) {
       report_.finding(
@@ -365,7 +392,7 @@ private:
 
   // Everything before it was read, and its suspects were judged.
   Checkpoint checkpoint() const {
-    Checkpoint checkpoint{.manifest = checked_.code, .scope = scope_text(options_, part_)};
+    Checkpoint checkpoint{.manifest = checked_.code, .scope = scope()};
     const Suspects *first = second_->first();
     checkpoint.position =
         first != nullptr ? Position{first->file.path, first->blocks.front().block} : last_;
@@ -399,13 +426,15 @@ private:
       tell(checkpoint_file_.remove(), "the checkpoint cannot be removed");
       if (part_.of != 0 && !narrowed()) save_part();
     }
-    if (const int error = damaged_.save(); error != 0)
-      report_.note(std::string("The list of damaged files cannot be written: ") +
-                   std::strerror(error));
+    save_damaged();
     report_.finish(summary);
   }
 
+  void save_damaged() { tell(damaged_.save(), "The list of damaged files cannot be written"); }
+
+  // A run that was interrupted before it began to read leaves the checkpoint before it in place.
   void leave_checkpoint() {
+    if (!prepared_) return;
     const Checkpoint checkpoint = this->checkpoint();
     if (const int error = checkpoint_file_.write(checkpoint); error != 0)
       return tell(error, "no checkpoint can be written");
@@ -452,7 +481,10 @@ private:
   Totals read_{};
   Medium medium_{};
   bool limited_ = false;
+  bool prepared_ = false; // the manifest was read to its end
   bool resumed_ = false;
+  Position resumed_at_{};
+  std::uint64_t last_checkpoint_ = vorn_time_getnanosec();
   bool foreign_ = false;                  // the manifest is of another tree
   std::set<String, std::less<>> changed_; // the files told as changed
 

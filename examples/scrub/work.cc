@@ -8,9 +8,9 @@
 
 namespace scrub {
 
-Work::Work(std::function<void()> body) : body_(std::move(body)) {
+Work::Work(std::function<void()> body, unsigned int seconds) : body_(std::move(body)) {
   vorn_sched_init_work(&item_, run, this);
-  vorn_set_sched_work_timeout(&item_, VORN_SCHED_WORK_TIMEOUT_MIN);
+  vorn_set_sched_work_timeout(&item_, seconds);
 }
 
 Work::~Work() {

@@ -12,14 +12,15 @@ namespace scrub {
 
 class Work {
 public:
-  // body must not throw.
-  explicit Work(std::function<void()> body);
+  // body must not throw. seconds is the time limit.
+  explicit Work(std::function<void()> body, unsigned int seconds = VORN_SCHED_WORK_TIMEOUT_MIN);
   Work(const Work &) = delete;
   Work &operator=(const Work &) = delete;
   ~Work(); // takes the item off the queue, or waits until body has returned
 
   // Runs body in a thread of the pool, or in the caller if the pool refuses the item. Called once.
   void start();
+  bool started() const { return started_; }
   bool done() const { return done_.load(std::memory_order_acquire); }
 
 private:
