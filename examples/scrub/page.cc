@@ -347,7 +347,9 @@ Html memory_rows(const Vector<ModuleMemory> &memory) {
   html << begin_table("memory", "Memory that the modules held at the end of the run.",
                       {"Module", "Bytes", "Amount"});
   for (const ModuleMemory &module : memory)
-    html << "<tr>" << row_header(module.name) << number_cell(std::to_string(module.bytes))
+    html << "<tr>" << row_header(module.name)
+         << number_cell(module.bytes < 0 ? std::to_string(module.bytes)
+                                         : grouped(static_cast<std::uint64_t>(module.bytes)))
          << number_cell(bytes_text(static_cast<double>(module.bytes))) << "</tr>\n";
   html << kEndTable;
   return html;
