@@ -342,7 +342,7 @@ fault_on_purpose)"},
      scrub verify --manifest . . 2>&1 | head -1
      scrub verify --json missing | python3 -c 'import json, sys; print(json.load(sys.stdin)["error"])'
      scrub verify --json . | python3 -c 'import json, sys; print(json.load(sys.stdin)["exit_status"])')",
-     kClean, "1$\n1$\nis a directory\nthere is no directory\n4$"},
+     kClean, "1$\n1$\nnot a directory\nthere is no directory\n4$"},
 
     {"ManifestIsTheSameWithAnySettings", R"(
      numbers 3000000 >large; for i in $(seq 100); do head -c $((i * 97)) large >$i; done

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "interrupt.hpp"
+#include "thread_table.hpp"
 #include "timer_table.hpp"
 #include "vorn_sched.h"
 
@@ -52,6 +53,7 @@ void Supervision::expired(std::uint64_t self) {
 // Returns the milliseconds until the next check.
 std::uint64_t Supervision::check() {
   cpus_.sample();
+  thread_table().sample();
   const bool overran = vorn_sched_work_timeout_theck() != 0;
   if (overran)
     progress_.print(

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "instance.hpp"
+#include "thread_table.hpp"
 #include "vorn_lwp.h"
 
 namespace scrub {
@@ -15,8 +16,11 @@ struct Thread::State {
     const State &state = *static_cast<State *>(argument);
     vorn_thrd_setname("%s", state.name.c_str());
     vorn_setCurThreadStrategy(VORN_THRD_STRATEGY_IO); // the library logs a failure
-    const WorkingFor work(state.instance);
-    state.body();
+    {
+      const WorkingFor work(state.instance);
+      state.body();
+    }
+    thread_table().note();
     return nullptr;
   }
 
