@@ -1,0 +1,161 @@
+// Tells what has changed, and completes the manifest.
+// SPDX-License-Identifier: Apache-2.0
+#include "recording.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "interrupt.hpp"
+#include "manifest_reader.hpp"
+
+namespace scrub {
+
+void Recording::leave(const FileRecord &file, int error) {
+  if (error == EINTR) return;
+  if (!update_) return skip(file.path, error);
+  copy(file);
+  tell_left(file, is_gone(error) ? Verdict::kChanged : Verdict::kUnreadable, reason(error));
+}
+
+void Recording::tell_left(const FileRecord &file, Verdict verdict, const char *why) {
+  report_.finding({.verdict = verdict, .path = file.path, .recorded_size = file.size, .why = why});
+}
+
+void Recording::skip(const String &path, int error) {
+  if (error == EINTR) return;
+  report_.finding({.verdict = Verdict::kSkipped, .path = path, .why = reason(error)});
+}
+
+void Recording::skip_changed(const String &path, int error) {
+  if (error != kChanged) return skip(path, error);
+  report_.finding({.verdict = Verdict::kChanged,
+                   .path = path,
+                   .why = "written or replaced while the run read it"});
+}
+
+void Recording::judge(const FileRecord &file, const Attributes &now, Comparison &comparison) {
+  const bool wrong = comparison.is_unwritten() && comparison.differing() != 0;
+  const bool accepted = accepted_.contains(file.path);
+  if (!wrong || accepted) damaged_.remove(file.path);
+  const Verdict verdict = wrong ? Verdict::kDamaged : comparison.verdict();
+  if (verdict == Verdict::kVerdicts) return;
+  Finding finding{.verdict = verdict,
+                  .path = file.path,
+                  .recorded_size = file.size,
+                  .size = now.size,
+                  .blocks = comparison.differing(),
+                  .whole_file = true,
+                  .begins_file = true,
+                  .accepted = wrong && accepted};
+  if (wrong && !accepted) restore(file.path);
+  report_.finding(finding);
+}
+
+void Recording::resolve_moves() {
+  MoveActions actions;
+  actions.read = [](const String &, int &) { return std::nullopt; };
+  actions.moved = [this](const String &path, const String &from) {
+    report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
+  };
+  actions.damaged = [this](const String &path, const String &from) {
+    const bool accepted = accepted_.contains(path);
+    if (!accepted) {
+      dropped_.insert(path);
+      restored_.push_back(from);
+    }
+    report_.finding({.verdict = Verdict::kDamaged,
+                     .path = path,
+                     .from = from,
+                     .whole_file = true,
+                     .begins_file = true,
+                     .accepted = accepted});
+  };
+  actions.unreadable = [this](const String &path, const String &from, int error) {
+    restored_.push_back(from);
+    report_.finding(
+        {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
+  };
+  actions.missing = [this](const String &path, std::uint64_t size) {
+    Finding finding{.verdict = Verdict::kMissing, .path = path, .recorded_size = size};
+    if (hidden_) {
+      restored_.push_back(path);
+      finding.verdict = Verdict::kUnreadable;
+      finding.why = "missing, or below a directory that cannot be read";
+    }
+    report_.finding(finding);
+  };
+  actions.added = [this](const String &path, std::uint64_t size, int error) {
+    if (error != 0) return skip(path, error);
+    report_.finding({.verdict = Verdict::kNew, .path = path, .size = size});
+  };
+  moves_.resolve(actions);
+}
+
+void Recording::finish() {
+  Summary summary;
+  summary.interrupted = interrupted();
+  if (!interrupted()) {
+    if (!restored_.empty()) write_restored();
+    if (!interrupted()) {
+      writer_->commit();
+      summary.committed = true;
+      save_damaged();
+    }
+  }
+  if (!summary.committed) {
+    summary.interrupted = true;
+    if (!update_) writer_->keep_unfinished();
+    report_.note(update_ ? "The manifest is as it was" : "create --resume goes on");
+  }
+  summary.read = read_;
+  summary.recorded = writer_->totals();
+  summary.medium = medium_;
+  report_.observe();
+  // The planner uses the walk until it has ended.
+  if (stop()) summary.left_out = walk_.counts();
+  report_.finish(summary);
+}
+
+// What create records is right by definition.
+void Recording::save_damaged() {
+  if (!update_) damaged_.clear();
+  if (const int error = damaged_.save(); error != 0)
+    report_.note(std::string("The list of damaged files cannot be written: ") +
+                 std::strerror(error));
+}
+
+// Writes the manifest once more, with old records in place of new ones.
+void Recording::write_restored() {
+  std::ranges::sort(restored_, path_before);
+  const Fd fresh_fd = writer_->detach();
+  ManifestReader fresh(fresh_fd.get(), job_.paths.manifest());
+  const Fd old_fd = open_again(old_->fd, old_->name);
+  ManifestReader old(old_fd.get(), old_->name);
+  writer_.emplace(job_.paths, record_);
+
+  FileRecord file;
+  FileRecord recorded;
+  auto restored = restored_.begin();
+  const auto write_until = [&](const String *path) {
+    for (; restored != restored_.end() && (path == nullptr || path_before(*restored, *path));
+         ++restored) {
+      while (old.next_file(recorded) && recorded.path != *restored) {
+      }
+      write_blocks(recorded, old);
+    }
+  };
+  while (fresh.next_file(file) && !interrupted()) {
+    write_until(&file.path);
+    if (!dropped_.contains(file.path)) write_blocks(file, fresh);
+  }
+  if (!interrupted()) write_until(nullptr);
+}
+
+void Recording::write_blocks(const FileRecord &file, ManifestReader &manifest) {
+  writer_->begin_file(file);
+  Checksums block;
+  while (manifest.next_block(block) && !interrupted())
+    writer_->add_block(block);
+}
+
+} // namespace scrub
