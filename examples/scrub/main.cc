@@ -141,6 +141,7 @@ private:
     // The settings file may ask for another output than the command line.
     if (!line_.settings_file.empty()) {
       read_settings(line_);
+      tell_settings();
       if (!json_) begin_json();
     }
     std::vector<OwnPaths> own;
@@ -162,6 +163,14 @@ private:
       return kCouldNotRun;
     }
     return worst;
+  }
+
+  void tell_settings() const {
+    const std::string text = settings_text(line_.options.settings);
+    const String file = printable(line_.settings_file);
+    SCRUB_LOG(EVLOG_INFO, "settings of %s: %s.", file.c_str(), text.c_str());
+    if (line_.options.output == Output::kText && !line_.options.quiet)
+      std::printf("Settings of %s: %s\n", file.c_str(), text.c_str());
   }
 
   // Runs a directory as an instance, and waits for its end.
