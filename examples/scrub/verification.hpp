@@ -1,6 +1,6 @@
 // Declares the comparison of a tree with its manifest. The methods are in three sources: what is
-// read and compared, what is told, and what is left for the next run. SPDX-License-Identifier:
-// Apache-2.0
+// read and compared, what is told, and what is left for the next run.
+// SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_VERIFICATION_HPP
 #define SCRUB_VERIFICATION_HPP
 
