@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <string>
 
+#include "account.hpp"
 #include "page_style.hpp"
 #include "plots.hpp"
 #include "text.hpp"
@@ -43,17 +44,6 @@ Outcome outcome_of(Command command, ExitStatus status) {
   if (command == Command::kUpdate)
     return {"clean", "UP TO DATE", "The manifest was brought up to date. No damage was found."};
   return {"clean", "CLEAN", "Everything that was read is as it was recorded."};
-}
-
-const char *name_of(Command command) {
-  switch (command) {
-  case Command::kCreate:
-    return "create";
-  case Command::kUpdate:
-    return "update";
-  default:
-    return "verify";
-  }
 }
 
 constexpr const char *kVerdictNames[] = {
@@ -388,7 +378,7 @@ Html head(const PageFigures &figures, const Outcome &outcome) {
        << "\">\n<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
           "<meta name=\"referrer\" content=\"no-referrer\">\n<title>";
   html.text(outcome.words) << ": vorn-scrub ";
-  html.text(name_of(figures.command));
+  html.text(command_name(figures.command));
   for (std::size_t i = 0; i < figures.directories.size() && i < 3; ++i) {
     html << " ";
     html.path(figures.directories[i].root);
@@ -401,7 +391,7 @@ Html verdict(const PageFigures &figures, const Outcome &outcome) {
   Html html;
   html << "<header class=\"";
   html.text(outcome.style) << "\">\n<p>vorn-scrub ";
-  html.text(name_of(figures.command)) << "</p>\n<h1>";
+  html.text(command_name(figures.command)) << "</p>\n<h1>";
   html.text(outcome.words) << "</h1>\n" << paragraph(outcome.meaning);
   if (!figures.failure.empty()) html << paragraph("Error: " + figures.failure + ".");
   html << "<p>From <time>";
