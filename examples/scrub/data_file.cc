@@ -65,6 +65,8 @@ ssize_t DataFile::read(std::uint64_t offset, std::span<std::byte> room) {
   drop();
   std::size_t filled = 0;
   while (filled < room.size()) {
+    // Another thread may find out during this read that there are no direct reads.
+    const bool direct = way() == Way::kDirect;
     const ssize_t got = pread(fd_.get(), room.data() + filled, room.size() - filled,
                               static_cast<off_t>(offset + filled));
     if (got > 0) filled += static_cast<std::size_t>(got);
@@ -74,7 +76,7 @@ ssize_t DataFile::read(std::uint64_t offset, std::span<std::byte> room) {
       if (way() == Way::kDirect && filled % kAlignment != 0) break;
       continue;
     }
-    if (errno != EINVAL || way() != Way::kDirect) return -1;
+    if (errno != EINVAL || !direct) return -1;
     const int flags = fcntl(fd_.get(), F_GETFL);
     if (flags < 0 || fcntl(fd_.get(), F_SETFL, flags & ~O_DIRECT) != 0) return -1;
     way_ = Way::kDropped;
