@@ -60,7 +60,7 @@ void flush_directory(const std::string &path) {
 HtmlReport::HtmlReport(const std::string &path, std::span<const OwnPaths> own)
     : path_(resolved(path)) {
   refuse_others(path_, own);
-  std::string name = path_ + ".unfinished-XXXXXX";
+  std::string name = path_ + std::string(kUnfinishedPage) + "XXXXXX";
   const int fd = mkostemp(name.data(), O_CLOEXEC); // mode 0600
   if (fd < 0) fail("cannot write " + shown(path));
   file_.reset(fdopen(fd, "w"));
@@ -75,6 +75,11 @@ HtmlReport::HtmlReport(const std::string &path, std::span<const OwnPaths> own)
 
 HtmlReport::~HtmlReport() {
   if (!temporary_.empty()) unlink(temporary_.c_str());
+}
+
+void HtmlReport::name_in(OwnPaths &paths) const {
+  paths.page_directory = directory_of(path_);
+  paths.page_name = path_.substr(path_.rfind('/') + 1);
 }
 
 void HtmlReport::add_finding(const Finding &finding) {

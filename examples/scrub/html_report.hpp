@@ -34,6 +34,9 @@ public:
   // Keeps a row of each finding, as long as the page has room.
   void add_finding(const Finding &finding);
 
+  // Makes the page and its temporary file files of a run.
+  void name_in(OwnPaths &paths) const;
+
   // Writes the page and gives it its name. Throws std::system_error; a page that had the name
   // before is then as it was.
   void finish(const PageFigures &figures);

@@ -96,7 +96,8 @@ public:
     const Session session(jobs_[0].paths);
     catch_signals(); // replaces the library's handlers
     if (session.has_log()) console_.hide_library_messages();
-    if (!session.started()) return refuse("the library did not start; the log says why");
+    if (!session.started()) return refuse(session.has_log() ? "the library did not start; the log says why"
+                                      : "the library did not start");
     return attempt([&] { return do_jobs(session.has_log()); });
   }
 
@@ -147,7 +148,11 @@ private:
     std::vector<OwnPaths> own;
     for (const Job &job : jobs_)
       own.push_back(job.paths);
-    if (!line_.options.html.empty()) page_.emplace(line_.options.html, own);
+    if (!line_.options.html.empty()) {
+      page_.emplace(line_.options.html, own);
+      for (Job &job : jobs_)
+        page_->name_in(job.paths);
+    }
     const Outputs outputs{console_, json_ ? &*json_ : nullptr, page_ ? &*page_ : nullptr, has_log};
     prepare_instances(jobs_.size());
     ExitStatus worst = kClean;

@@ -23,11 +23,15 @@ bool same_directory(const struct stat &a, const struct stat &b) {
 
 OwnFiles::OwnFiles(const OwnPaths &paths)
     : paths_(paths), manifest_directory_(status_of(paths.manifest_directory)),
-      log_directory_(status_of(paths.log_directory)) {}
+      log_directory_(status_of(paths.log_directory)),
+      page_directory_(status_of(paths.page_directory)) {}
 
 bool OwnFiles::contains(const struct stat &directory, std::string_view name) const {
-  if (same_directory(directory, manifest_directory_) && is_beside_manifest(name)) return true;
-  return same_directory(directory, log_directory_) && is_log(name);
+  // A run with another --log, or for another directory, leaves its log beside the manifest.
+  if (same_directory(directory, manifest_directory_) && (is_beside_manifest(name) || is_log(name)))
+    return true;
+  if (same_directory(directory, log_directory_) && is_log(name)) return true;
+  return same_directory(directory, page_directory_) && is_page(name);
 }
 
 bool OwnFiles::is_beside_manifest(std::string_view name) const {
@@ -46,6 +50,13 @@ bool OwnFiles::is_log(std::string_view name) const {
   if (name.empty()) return true;
   return name.size() > 1 && name[0] == '.' &&
          name.find_first_not_of("0123456789", 1) == std::string_view::npos;
+}
+
+// The page, and the temporary file that becomes the page.
+bool OwnFiles::is_page(std::string_view name) const {
+  if (paths_.page_name.empty() || !name.starts_with(paths_.page_name)) return false;
+  name.remove_prefix(paths_.page_name.size());
+  return name.empty() || name.starts_with(kUnfinishedPage);
 }
 
 } // namespace scrub

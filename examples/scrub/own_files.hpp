@@ -9,10 +9,15 @@
 
 namespace scrub {
 
+// What mkostemp(3) gets after the name of a page.
+constexpr std::string_view kUnfinishedPage = ".unfinished-";
+
 struct OwnPaths {
   std::string manifest_directory;
   std::string manifest_name;
   std::string log_directory;
+  std::string page_directory; // of --report
+  std::string page_name;      // empty if there is no page
 
   std::string manifest() const { return manifest_directory + "/" + manifest_name; }
   std::string unfinished() const { return manifest_directory + "/" + unfinished_name(); }
@@ -38,10 +43,12 @@ public:
 private:
   bool is_beside_manifest(std::string_view name) const;
   bool is_log(std::string_view name) const;
+  bool is_page(std::string_view name) const;
 
   const OwnPaths &paths_;
   struct stat manifest_directory_ {};
   struct stat log_directory_ {};
+  struct stat page_directory_ {};
 };
 
 } // namespace scrub

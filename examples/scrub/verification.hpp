@@ -39,6 +39,7 @@ public:
 private:
   bool over() const { return interrupted() || limited_; }
 
+  void check_only() const;
   void choose_window();
   void resume();
   void compare();

@@ -2,8 +2,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "verification.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
 
 #include "interrupt.hpp"
 #include "text.hpp"
@@ -16,7 +20,20 @@ constexpr std::uint64_t kCheckpointInterval = 10'000'000'000; // nanoseconds
 
 } // namespace
 
+// A mistyped --only would be clean.
+void Verification::check_only() const {
+  const std::vector<std::string> &only = options_.scope.only;
+  struct stat status {};
+  const auto there = [&](const std::string &path) { return tree_.status(path, status); };
+  if (only.empty() || std::ranges::any_of(only, there)) return;
+  Window all;
+  checked_.pass(filter_, all);
+  if (all.weight() == 0 && !interrupted())
+    throw std::runtime_error("--only " + only.front() + ": neither in the tree nor recorded");
+}
+
 void Verification::choose_window() {
+  check_only();
   std::uint64_t weight = 0;
   if (part_.of != 0) {
     Window all;
