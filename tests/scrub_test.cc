@@ -312,7 +312,7 @@ CLEAN)"},
      for command in create verify update verify; do
        scrub $command --manifest m/sums --log logs .
      done; stat -c %a logs/sums.log)",
-     kClean, "4 read$\n4 read$\n4 read$\n600$"},
+     kClean, "3 read$\n3 read$\n3 read$\n600$"},
 
     // A run that could not run weighs most, then damage. A directory does not affect the others.
     {"EachDirectoryHasItsManifest", R"(
