@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <fcntl.h>
+#include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "console.hpp"
+#include "damaged_list.hpp"
 #include "instance.hpp"
 #include "moves.hpp"
 #include "report.hpp"
@@ -161,6 +163,21 @@ TEST_F(ScrubRead, FileThatFailsOrChangesIsReportedOnceAndTheRunGoesOn) {
   }
   expect(run(scrub::verify, scrub::kIncomplete, "tree/a", [](int) { return EIO; }),
          {"UNREADABLE  a: Input/output error"});
+  const auto grow_small = [this](int) { return truncate(path("tree/a").c_str(), 6); };
+  for (const Command command : {scrub::verify, scrub::create}) {
+    expect(run(command, scrub::kIncomplete, "tree/a", grow_small), {"CHANGED     a: "});
+    scratch::write_file(path("tree/a"), "first");
+  }
+  run(scrub::create, scrub::kClean);
+
+  // The file after one that fails is not taken for it, and a renamed one that changes is not moved.
+  std::filesystem::rename(path("tree/large"), path("tree/moved"));
+  scratch::write_file(path("tree/next"), std::string(kSize, 'n'));
+  const auto grow_moved = [this] { return truncate(path("tree/moved").c_str(), kSize + 1); };
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/moved", at(5, grow_moved)),
+         {"UNREADABLE  moved: "});
+  run(scrub::create, scrub::kIncomplete, "tree/moved", at(5, fail));
+  expect(run(scrub::verify, scrub::kDifferent, "tree/next"), {"NEW         moved"});
 }
 
 TEST_F(ScrubRead, WrongBlockIsReadAgainASecondLater) {
@@ -186,6 +203,17 @@ TEST_F(ScrubRead, WrongBlockIsReadAgainASecondLater) {
   });
   expect(run(scrub::verify, scrub::kIncomplete, "tree/z"), {"CHANGED     z: written after"});
   writer.join();
+
+  // Neither is what is written during the second.
+  run(scrub::create, scrub::kClean);
+  wrong_reads = 1;
+  const auto second = Clock::now() + milliseconds(700);
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/z",
+             [&](int) {
+               if (Clock::now() > second) scratch::write_file(path("tree/z"), "second");
+               return 0;
+             }),
+         {"CHANGED     z: written after"});
 }
 
 TEST_F(ScrubRead, FallsBackToThePageCache) {
@@ -198,7 +226,9 @@ TEST_F(ScrubRead, FallsBackToThePageCache) {
   expect(printed, {"CLEAN", "3 files"});
   // The first read of a file may refuse too.
   const auto invalid = [](int read) { return read == 1 ? EINVAL : 0; };
-  expect(run(scrub::verify, scrub::kClean, "tree/large", invalid), {"CLEAN"});
+  const std::string without = run(scrub::verify, scrub::kClean, "tree/large", invalid);
+  expect(without, {"CLEAN"});
+  EXPECT_EQ(without.find("direct reads for 3 files"), std::string::npos) << without;
   options_.cached = true;
   expect(run(scrub::verify, scrub::kClean), {"through the cache"});
 }
@@ -346,6 +376,20 @@ TEST(ScrubMoves, AreFoundByIdentityBeforeContent) {
   moves.resolve(actions);
   EXPECT_EQ(moved, kFiles - 1);
   EXPECT_EQ(damaged, 1);
+}
+
+TEST(ScrubDamagedList, StandsForEveryFileBeyondItsLimit) {
+  const scratch::Directory directory;
+  const scrub::OwnPaths paths{directory.path(), "m", directory.path()};
+  scrub::DamagedList list(paths);
+  for (int i = 0; i < 20000; ++i)
+    list.add(std::to_string(i));
+  EXPECT_EQ(list.save(), 0);
+  scrub::DamagedList read(paths);
+  EXPECT_TRUE(list.contains("another") && read.contains("another"));
+  read.clear();
+  EXPECT_EQ(read.save(), 0);
+  EXPECT_FALSE(std::filesystem::exists(directory / "m.damaged"));
 }
 
 // Uneven reads keep the rate in every span.
