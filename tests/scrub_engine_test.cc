@@ -1,264 +1,402 @@
 // test-links: scrub_objects
-// Tests what a run of vorn-scrub does not show: reads that fail, hang or meet a change, the bounds
-// of its reads, the ends of its threads, and which blocks and files it selects and pairs.
+// Tests what a script cannot show of vorn-scrub: reads that fail, change or hang, files that change
+// between reads, the ways of reading, and the parts of a manifest.
 // SPDX-License-Identifier: Apache-2.0
 #include "engine.hpp"
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <fcntl.h>
+#include <filesystem>
+#include <functional>
 #include <gtest/gtest.h>
-#include <map>
-#include <random>
+#include <string>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
+#include "console.hpp"
+#include "damaged_list.hpp"
 #include "instance.hpp"
 #include "moves.hpp"
 #include "report.hpp"
+#include "scrub.hpp"
 #include "support/scratch.hpp"
 #include "vorn_init.h"
 #include "window.hpp"
 
 namespace {
 
-struct Read {
-  int fd;
-  char *data;
-  std::size_t size;
-  std::uint64_t offset;
-};
-using Hook = std::function<int(const Read &)>; // returns the errno to fail with, or 0
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-// Called after a read of the file of that inode number, by the thread that reads.
+// Called before a read of the file of that inode number, with the number of the read. Returns the
+// errno to fail with, or 0.
 std::atomic<ino_t> watched = 0;
-Hook after_read; // changes only while no thread reads
-std::atomic<bool> direct_refused = false;
+std::atomic<int> reads = 0;
+std::function<int(int)> before_read;
+std::atomic<int> wrong_reads = 0; // so many reads of the file return a wrong byte
+std::atomic<std::size_t> largest_read = 0;
+std::atomic<bool> refuse_direct = false; // when a file is opened
 
 } // namespace
 
 // Replace the system's.
 extern "C" ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
-  const ssize_t got = syscall(SYS_pread64, fd, buffer, size, offset);
   struct stat status {};
-  if (got <= 0 || watched == 0 || fstat(fd, &status) != 0 || status.st_ino != watched) return got;
-  errno = after_read({fd, static_cast<char *>(buffer), size, static_cast<std::uint64_t>(offset)});
-  return errno == 0 ? got : -1;
+  if (watched != 0 && fstat(fd, &status) == 0 && status.st_ino == watched) {
+    if (size > largest_read) largest_read = size;
+    errno = before_read(++reads);
+    if (errno != 0) return -1;
+  }
+  const ssize_t got = syscall(SYS_pread64, fd, buffer, size, offset);
+  if (watched != 0 && got > 0 && fstat(fd, &status) == 0 && status.st_ino == watched &&
+      wrong_reads-- > 0)
+    static_cast<char *>(buffer)[0] ^= 1;
+  return got;
 }
 extern "C" int openat(int directory, const char *name, int flags, ...) {
-  errno = EINVAL;
-  if (direct_refused && (flags & O_DIRECT) != 0) return -1;
-  return static_cast<int>(syscall(SYS_openat, directory, name, flags, S_IRUSR | S_IWUSR));
+  std::va_list args;
+  va_start(args, flags);
+  const auto mode = va_arg(args, mode_t);
+  va_end(args);
+  if (refuse_direct && (flags & O_DIRECT) != 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_openat, directory, name, flags, mode));
 }
 
 namespace {
 
-using namespace scrub;
-using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
-using Texts = std::vector<std::string>;
-
-const Hook alter = [](const Read &read) { return read.data[0] ^= 1, 0; };
-
-// A tree of two files: "large" is longer than all pieces together, "small" comes after it.
+// A large file, which is read in pieces, between two small ones.
 class ScrubRead : public testing::Test {
 protected:
-  static constexpr std::uint64_t kSize = 5 << 20;
+  static constexpr std::size_t kSize = 4'000'000;
 
   ScrubRead() {
     EXPECT_EQ(vorn_Init(), 0);
-    [[maybe_unused]] static const bool prepared = (prepare_instances(1), true);
-    scratch::write_file(path("large"), std::string(kSize, 'x'));
-    scratch::write_file(path("small"), "second");
-    tree_ = std::make_shared<Fd>(open(path("").c_str(), O_RDONLY | O_CLOEXEC));
+    scrub::prepare_instances(1);
+    scratch::write_file(path("tree/a"), "first");
+    scratch::write_file(path("tree/z"), "second");
+    options_.settings.read_size_limit = 65536;
   }
   ~ScrubRead() override { watched = 0; }
 
-  std::string path(const std::string &name) const { return directory_ / "tree/" + name; }
-  std::string manifest() const { return scratch::read_file(directory_ / "m"); }
+  std::string path(const char *name) const { return directory_ / name; }
 
-  void watch(const std::string &name, const Hook &hook) {
-    after_read = hook;
+  using Command = void (*)(const scrub::Job &, scrub::Report &);
+
+  // Runs the command on the tree. happens is called before each read of the file. Returns what the
+  // run prints.
+  std::string run(
+      Command command, scrub::ExitStatus wanted, const char *name = "tree/large",
+      std::function<int(int)> happens = [](int) { return 0; }) {
     struct stat status {};
-    if (stat(path(name).c_str(), &status) == 0) watched = status.st_ino;
-  }
-
-  // Fills batches of the same two files, without end.
-  std::size_t plan(std::span<Entry> entries) {
-    for (Entry &entry : entries) {
-      entry.file.directory = tree_;
-      entry.file.name = &entry == entries.data() ? "large" : "small";
-      entry.action = Action::kRead;
-    }
-    return entries.size();
-  }
-
-  // Expects the texts in what the job prints.
-  void expect(ExitStatus wanted, const Texts &texts, void (*start)(const Job &, Report &)) {
-    const Job job{directory_ / "tree", {directory_.path(), "m", directory_.path()}, options_};
+    EXPECT_EQ(stat(path(name).c_str(), &status), 0);
+    before_read = std::move(happens);
+    reads = 0;
+    watched = status.st_ino;
     testing::internal::CaptureStdout();
-    Console console;
-    Instance("test", [&] {
-      const Command other = start == create ? Command::kCreate : Command::kUpdate;
-      Report report(job, start == verify ? Command::kVerify : other, Outputs{console});
-      EXPECT_NO_THROW(start(job, report));
+    scrub::Instance("test", [&] {
+      const scrub::Job job{path("tree"), {directory_.path(), "m", directory_.path()}, options_};
+      scrub::Report report(job, name_of(command), {console_, nullptr, nullptr, false});
+      command(job, report);
       EXPECT_EQ(report.status(), wanted);
     }).wait();
     watched = 0;
-    const std::string printed = testing::internal::GetCapturedStdout();
-    for (const std::string &text : texts)
+    return testing::internal::GetCapturedStdout();
+  }
+
+  void expect(const std::string &printed, const std::vector<const char *> &texts) const {
+    for (const char *text : texts)
       EXPECT_NE(printed.find(text), std::string::npos) << "wanted: " << text << "\n" << printed;
   }
 
+  void write_large(char content = 'x') const {
+    scratch::write_file(path("tree/large"), std::string(kSize, content));
+  }
+
+  static scrub::Command name_of(Command command) {
+    if (command == scrub::create) return scrub::Command::kCreate;
+    return command == scrub::verify ? scrub::Command::kVerify : scrub::Command::kUpdate;
+  }
+
   scratch::Directory directory_;
-  Options options_;
-  Series series_;
-  Directory tree_;
+  scrub::Console console_;
+  scrub::Options options_;
 };
 
-TEST_F(ScrubRead, FileThatFailsOrChangesIsReportedAndTheRunGoesOn) {
-  // The length that the file gets after the read at the offset; -1: the read fails.
-  const std::tuple<std::string, std::uint64_t, off_t> rows[] = {
-      {"large", kSize / 2, -1}, {"large", kSize / 2, 5000},
-      {"large", 0, kSize + 1},  {"small", 0, -1},
-      {"small", 0, 3},          {"small", 0, 5000}};
-  for (const auto &[name, offset, length] : rows) {
-    const std::string file = path(name), aside = directory_ / "aside",
-                      content = scratch::read_file(file), why = name + ": Input/output error";
-    const bool fails = length < 0;
-    const auto expect_finding = [&](const std::string &failure, const char *files, auto job) {
-      watch(name, [&](const Read &read) {
-        return read.offset != offset ? 0 : fails ? EIO : truncate(file.c_str(), length);
-      });
-      expect(kIncomplete, {fails ? failure : "CHANGED     " + name + ": written ", files}, job);
-    };
-    ASSERT_EQ(rename(file.c_str(), aside.c_str()), 0);
-    expect(kClean, {}, create);
-    const std::string without = manifest();
-    ASSERT_EQ(rename(aside.c_str(), file.c_str()), 0);
-    expect_finding("SKIPPED     " + why, "1 read, 1 ", create);
-    EXPECT_TRUE(manifest() == without) << "blocks of the file are left";
-
-    scratch::write_file(file, content);
-    expect(kClean, {"2 read\n"}, create);
-    const std::string with = manifest();
-    expect_finding("UNREADABLE  " + why + (offset != 0 ? ", block 640\n" : "\n"),
-                   fails ? "1 read, 1 " : "2 read, 1 ", verify);
-    scratch::write_file(file, std::string(content.size(), 'y'));
-    expect_finding("UNREADABLE  " + why, "0 read, 1 ", update);
-    EXPECT_TRUE(manifest() == with) << "the old records do not stay";
-    scratch::write_file(file, content);
+TEST_F(ScrubRead, FileThatFailsOrChangesIsReportedOnceAndTheRunGoesOn) {
+  const auto at = [](int number, std::function<int()> act) {
+    return [number, act](int read) { return read == number ? act() : 0; };
+  };
+  const auto fail = [] { return EIO; };
+  const auto cut = [this] { return truncate(path("tree/large").c_str(), 5000); };
+  const auto grow = [this] { return truncate(path("tree/large").c_str(), kSize + 1); };
+  const struct {
+    std::function<int()> act;
+    const char *created;
+    const char *verified;
+  } rows[] = {
+      {fail, "SKIPPED     large: Input/output error",
+       "UNREADABLE  large: Input/output error, block"},
+      {cut, "CHANGED     large: ", "CHANGED     large: "},
+      {grow, "CHANGED     large: ", "CHANGED     large: "},
+  };
+  for (const auto &[act, created, verified] : rows) {
+    write_large();
+    expect(run(scrub::create, scrub::kIncomplete, "tree/large", at(5, act)), {created, "2 read"});
+    EXPECT_LT(scratch::read_file(path("m")).size(), 1000u) << "blocks of the file are left";
+    write_large();
+    run(scrub::create, scrub::kClean);
+    expect(run(scrub::verify, scrub::kIncomplete, "tree/large", at(5, act)), {verified});
+    // What update cannot read stays as it was recorded.
+    write_large('y');
+    expect(run(scrub::update, scrub::kIncomplete, "tree/large", at(5, act)), {"large: "});
+    write_large();
+    EXPECT_EQ(run(scrub::verify, scrub::kClean).find("NEW"), std::string::npos);
   }
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/a", [](int) { return EIO; }),
+         {"UNREADABLE  a: Input/output error"});
+  const auto grow_small = [this](int) { return truncate(path("tree/a").c_str(), 6); };
+  for (const Command command : {scrub::verify, scrub::create}) {
+    expect(run(command, scrub::kIncomplete, "tree/a", grow_small), {"CHANGED     a: "});
+    scratch::write_file(path("tree/a"), "first");
+  }
+  run(scrub::create, scrub::kClean);
+
+  // The file after one that fails is not taken for it, and a renamed one that changes is not moved.
+  std::filesystem::rename(path("tree/large"), path("tree/moved"));
+  scratch::write_file(path("tree/next"), std::string(kSize, 'n'));
+  const auto grow_moved = [this] { return truncate(path("tree/moved").c_str(), kSize + 1); };
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/moved", at(5, grow_moved)),
+         {"UNREADABLE  moved: "});
+  run(scrub::create, scrub::kIncomplete, "tree/moved", at(5, fail));
+  expect(run(scrub::verify, scrub::kDifferent, "tree/next"), {"NEW         moved"});
 }
 
 TEST_F(ScrubRead, WrongBlockIsReadAgainASecondLater) {
-  const Hook leave = [](auto &) { return 0; }, fail = [](auto &) { return EIO; };
-  const Hook rewrite = [this](auto &) { return scratch::write_file(path("small"), "third."), 0; };
-  const std::tuple<Hook, ExitStatus, Texts> rows[] = {
-      {leave, kIncomplete, {"PASSING     small: block 0", "1 block right at the second read"}},
-      {alter, kDamage, {"DAMAGED     small: block 0", "2 read, 1 damaged\n"}},
-      {fail, kDamage, {"DAMAGED     small: block 0", "2 read, 1 damaged\n"}},
-      {rewrite, kIncomplete, {"CHANGED     small: written", "2 read, 1 changed"}}};
-  for (const auto &[second, status, texts] : rows) {
-    expect(kClean, {}, create);
-    std::vector<Clock::time_point> times;
-    watch("small", [&](const Read &read) {
-      times.push_back(Clock::now());
-      return times.size() == 1 ? alter(read) : second(read);
-    });
-    expect(status, texts, verify);
-    ASSERT_GE(times.size(), 2u);
-    EXPECT_GE(times[1] - times[0], milliseconds(1000));
+  write_large();
+  run(scrub::create, scrub::kClean);
+  const auto started = Clock::now();
+  for (const char *name : {"tree/z", "tree/large"}) {
+    wrong_reads = 1;
+    expect(run(scrub::verify, scrub::kIncomplete, name),
+           {"PASSING     ", ": block ", "right at the second read"});
+    wrong_reads = 1'000'000;
+    expect(run(scrub::verify, scrub::kDamage, name), {"DAMAGED     ", "silent damage"});
   }
-}
+  EXPECT_GE(Clock::now() - started, std::chrono::seconds(4));
 
-// Several threads meet the refusal of the same file at once.
-TEST_F(ScrubRead, FallsBackIfDirectReadsAreRefused) {
-  options_.settings = {.read_size_limit = 65536, .threads = 16};
-  expect(kClean, {}, create);
-  for (const bool at_open : {true, false}) {
-    direct_refused = at_open;
-    watch("large", [](const Read &read) {
-      if ((fcntl(read.fd, F_GETFL) & O_DIRECT) == 0) return 0;
-      std::this_thread::sleep_for(milliseconds(20));
-      return EINVAL;
-    });
-    expect(kClean, {"cache dropped before and after for ", "2 read\n"}, verify);
-  }
-  options_.cached = true;
-  expect(kClean, {"reads through the cache for 2 files\n"}, verify);
-}
-
-TEST_F(ScrubRead, ReadSizeLimitBoundsEveryRead) {
-  expect(kClean, {}, create);
-  for (const std::uint64_t limit : {4096, 12288, 1048576}) {
-    for (const std::uint64_t threads : {1, 16}) {
-      options_.settings = {.read_size_limit = limit, .threads = threads};
-      std::atomic<std::uint64_t> full = 0, longer = 0;
-      watch("large", [&](const Read &read) { return ++(read.size > limit ? longer : full), 0; });
-      expect(kClean, {"2 read\n"}, verify);
-      EXPECT_TRUE(longer == 0 && full >= (kSize + limit - 1) / limit);
-    }
-  }
-}
-
-TEST_F(ScrubRead, EndsAfterAnExceptionWithBatchesAndPiecesUnderWay) {
-  const auto file = std::make_shared<DataFile>();
-  ASSERT_EQ(file->open(tree_->get(), "large", false), 0);
-  const auto take = [](const Engine::Blocks &) { throw std::runtime_error("take"); };
-  for (const std::uint64_t threads : {1, 16}) {
-    for (const int batches : {0, 1, 100}) {
-      for (const bool plan_fails : {true, false}) {
-        options_.settings.threads = threads;
-        Engine engine(options_, series_, [&, planned = 0](std::span<Entry> entries) mutable {
-          if (plan_fails && planned++ == batches) throw std::runtime_error("plan");
-          return plan(entries);
-        });
-        for (int i = 0; i < batches; ++i)
-          ASSERT_NE(engine.next(), nullptr);
-        EXPECT_THROW(plan_fails ? engine.next() != nullptr
-                                : engine.read(file, 0, block_count(kSize), take) != 0,
-                     std::runtime_error);
-      }
-    }
-  }
-}
-
-TEST_F(ScrubRead, StopsWhileThreadsWaitForTheRateLimitOrHang) {
-  options_.settings.rate_limit = 1; // megabyte a second
-  auto started = Clock::now();
-  Engine limited(options_, series_, [&](std::span<Entry> entries) { return plan(entries); });
-  limited.charge(300'000);
-  ASSERT_NE(limited.next(), nullptr);
-  EXPECT_GE(Clock::now() - started, milliseconds(300));
-  limited.charge(100'000'000);
-  std::this_thread::sleep_for(milliseconds(50)); // until the threads wait
-  started = Clock::now();
-  EXPECT_TRUE(limited.stop(1000));
-  EXPECT_LT(Clock::now() - started, milliseconds(1000));
-
-  options_.settings.rate_limit = 0;
-  std::atomic<bool> hangs = false, released = false;
-  watch("small", [&](const Read &) {
-    hangs = true;
-    while (!released)
-      std::this_thread::yield();
-    return 0;
+  // What is written between the reads is no damage.
+  wrong_reads = 1;
+  std::thread writer([&] {
+    while (reads == 0)
+      std::this_thread::sleep_for(milliseconds(1));
+    std::this_thread::sleep_for(milliseconds(300));
+    scratch::write_file(path("tree/z"), "second");
   });
-  Engine hanging(options_, series_, [&](std::span<Entry> entries) { return plan(entries); });
-  while (!hangs)
-    std::this_thread::yield();
-  started = Clock::now();
-  EXPECT_FALSE(hanging.stop(100));
-  EXPECT_LT(Clock::now() - started, milliseconds(1000));
-  released = true;
-  EXPECT_TRUE(hanging.stop(-1));
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/z"), {"CHANGED     z: written after"});
+  writer.join();
+
+  // Neither is what is written during the second.
+  run(scrub::create, scrub::kClean);
+  wrong_reads = 1;
+  const auto second = Clock::now() + milliseconds(700);
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/z",
+             [&](int) {
+               if (Clock::now() > second) scratch::write_file(path("tree/z"), "second");
+               return 0;
+             }),
+         {"CHANGED     z: written after"});
 }
 
+TEST_F(ScrubRead, FallsBackToThePageCache) {
+  write_large();
+  run(scrub::create, scrub::kClean);
+  refuse_direct = true;
+  const std::string printed = run(scrub::verify, scrub::kClean);
+  refuse_direct = false;
+  EXPECT_EQ(printed.find("direct reads"), std::string::npos) << printed;
+  expect(printed, {"CLEAN", "3 files"});
+  // The first read of a file may refuse too.
+  const auto invalid = [](int read) { return read == 1 ? EINVAL : 0; };
+  const std::string without = run(scrub::verify, scrub::kClean, "tree/large", invalid);
+  expect(without, {"CLEAN"});
+  EXPECT_EQ(without.find("direct reads for 3 files"), std::string::npos) << without;
+  options_.cached = true;
+  expect(run(scrub::verify, scrub::kClean), {"through the cache"});
+}
+
+TEST_F(ScrubRead, KeepsTheReadSizeLimitAndTheRate) {
+  write_large();
+  for (const unsigned int limit : {4096u, 12288u, 1048576u}) {
+    largest_read = 0;
+    options_.settings.read_size_limit = limit;
+    options_.settings.threads = limit == 4096 ? 16 : 2;
+    run(scrub::create, scrub::kClean);
+    EXPECT_EQ(largest_read, limit);
+  }
+  options_.settings.read_size_limit = 65536;
+  options_.settings.rate_limit = 10;
+  const auto started = Clock::now();
+  run(scrub::verify, scrub::kClean);
+  EXPECT_GE(Clock::now() - started, milliseconds(250)); // 4 MB, but for the window
+}
+
+TEST_F(ScrubRead, FailureOfThePlanReachesTheCollector) {
+  scrub::Series series;
+  for (const int batches : {0, 1, 1000}) {
+    int planned = 0;
+    scrub::Engine engine(options_, series, [&](std::span<scrub::Entry>) -> std::size_t {
+      if (planned++ == batches) throw std::runtime_error("plan");
+      return 1;
+    });
+    EXPECT_THROW(while (engine.next() != nullptr){}, std::runtime_error);
+  }
+  scrub::Engine engine(options_, series,
+                       [](std::span<scrub::Entry> entries) { return entries.size(); });
+  EXPECT_NE(engine.next(), nullptr); // the engine ends with batches under way
+}
+
+TEST_F(ScrubRead, HangingReadDoesNotKeepStopFromReturning) {
+  write_large();
+  struct stat status {};
+  ASSERT_EQ(stat(path("tree/large").c_str(), &status), 0);
+  std::atomic<bool> released = false;
+  before_read = [&](int) {
+    while (!released)
+      std::this_thread::sleep_for(milliseconds(1));
+    return 0;
+  };
+  watched = status.st_ino;
+  const auto directory = std::make_shared<const scrub::Fd>(open(path("tree").c_str(), O_DIRECTORY));
+  std::atomic<bool> planned = false;
+  options_.settings.threads = 1;
+  scrub::Series series;
+  truncate(path("tree/large").c_str(), 5000);
+  scrub::Engine engine(options_, series, [&](std::span<scrub::Entry> entries) -> std::size_t {
+    if (planned.exchange(true)) return 0;
+    entries[0].found = true;
+    entries[0].file.directory = directory;
+    entries[0].file.name = "large";
+    entries[0].action = scrub::Action::kRead;
+    return 1;
+  });
+  while (reads == 0)
+    std::this_thread::sleep_for(milliseconds(1));
+  const auto started = Clock::now();
+  EXPECT_FALSE(engine.stop(100));
+  EXPECT_LT(Clock::now() - started, std::chrono::seconds(2));
+  released = true;
+  EXPECT_TRUE(engine.stop(-1));
+  watched = 0;
+}
+
+TEST(ScrubWindow, PartsCoverEachBlockOnceAndResumeCoversTheRest) {
+  std::vector<scrub::FileRecord> files;
+  std::uint64_t random = 1;
+  for (int i = 0; i < 200; ++i) {
+    random = random * 6364136223846793005u + 1;
+    char name[8];
+    std::snprintf(name, sizeof name, "%04d", i);
+    const std::uint64_t size = i % 7 == 0 ? 0 : i == 100 ? std::uint64_t{1} << 40 : random >> 45;
+    files.push_back({.path = name, .size = size});
+  }
+  scrub::Window all;
+  for (const auto &file : files)
+    all.select(file);
+  for (std::uint64_t of = 1; of <= 50; of += 7) {
+    std::vector<scrub::Window> parts;
+    for (std::uint64_t number = 1; number <= of; ++number)
+      parts.emplace_back(scrub::Part{number, of}, all.weight());
+    for (const auto &file : files) {
+      std::uint64_t next = 0;
+      int in = 0;
+      for (scrub::Window &part : parts) {
+        const auto selection = part.select(file);
+        in += selection.in;
+        if (selection.first == selection.end) continue;
+        EXPECT_EQ(selection.first, next);
+        next = selection.end;
+      }
+      EXPECT_EQ(next, scrub::block_count(file.size));
+      EXPECT_GT(in, 0);
+    }
+  }
+  scrub::Window rest;
+  rest.resume_at({"0100", 77});
+  for (const auto &file : files) {
+    const auto selection = rest.select(file);
+    const std::uint64_t first = file.path == "0100" ? 77 : 0;
+    EXPECT_EQ(selection.in, file.path >= "0100") << file.path.c_str();
+    if (!selection.in) continue;
+    EXPECT_EQ(selection.first, first);
+    EXPECT_EQ(selection.end, scrub::block_count(file.size));
+  }
+}
+
+// More files than are paired at a time: each was renamed, and all have the same content.
+TEST(ScrubMoves, AreFoundByIdentityBeforeContent) {
+  constexpr int kFiles = 20000;
+  const scratch::Directory directory;
+  scrub::Moves moves(directory.path());
+  const auto name = [](char kind, int number) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%c%06d", kind, number);
+    return scrub::String(text);
+  };
+  for (int i = 0; i < kFiles; ++i) {
+    const auto inode = static_cast<std::uint64_t>(i + 1);
+    moves.missing({.path = name('a', i), .size = 5, .inode = inode}, 42);
+    scrub::Attributes now;
+    now.size = 5;
+    now.inode = static_cast<std::uint64_t>(kFiles) - inode + 1;
+    moves.added(name('b', i), now, 42 + (i == 7), 0);
+  }
+  int moved = 0;
+  int damaged = 0;
+  scrub::MoveActions actions;
+  actions.moved = [&](const scrub::String &path, const scrub::String &from) {
+    EXPECT_EQ(path, name('b', moved + damaged));
+    EXPECT_EQ(from, name('a', kFiles - 1 - moved - damaged));
+    ++moved;
+  };
+  actions.damaged = [&](const scrub::String &path, const scrub::String &) {
+    EXPECT_EQ(path, name('b', 7));
+    ++damaged;
+  };
+  actions.missing = [](const scrub::String &, std::uint64_t) { ADD_FAILURE(); };
+  actions.added = [](const scrub::String &, std::uint64_t, int) { ADD_FAILURE(); };
+  moves.resolve(actions);
+  EXPECT_EQ(moved, kFiles - 1);
+  EXPECT_EQ(damaged, 1);
+}
+
+TEST(ScrubDamagedList, StandsForEveryFileBeyondItsLimit) {
+  const scratch::Directory directory;
+  const scrub::OwnPaths paths{directory.path(), "m", directory.path()};
+  scrub::DamagedList list(paths);
+  for (int i = 0; i < 20000; ++i)
+    list.add(std::to_string(i));
+  EXPECT_EQ(list.save(), 0);
+  scrub::DamagedList read(paths);
+  EXPECT_TRUE(list.contains("another") && read.contains("another"));
+  read.clear();
+  EXPECT_EQ(read.save(), 0);
+  EXPECT_FALSE(std::filesystem::exists(directory / "m.damaged"));
+}
+
+// Uneven reads keep the rate in every span.
 TEST(ScrubRate, IsKeptByUnevenReads) {
   constexpr std::uint64_t kRate = 1'000'000, kSecond = 1'000'000'000, kStart = 7 * kSecond;
   std::uint64_t now = kStart;
-  RateLimit limit(kRate, now);
+  scrub::RateLimit limit(kRate, now);
   std::uint64_t bytes = 0;
   for (std::uint64_t i = 0; i < 10000; ++i) {
     now += i * 7919 % 40 * 1'000'000; // the time of the device, 20 ms on average
@@ -269,79 +407,6 @@ TEST(ScrubRate, IsKeptByUnevenReads) {
     ASSERT_LE(bytes, (now - kStart) * kRate / kSecond);
   }
   EXPECT_GE(bytes, (now - kStart) / 100 * 99 * kRate / kSecond);
-}
-
-TEST(ScrubWindow, PartsCoverEveryBlockOnceAndResumeCoversTheRest) {
-  std::mt19937_64 random(1);
-  std::vector<FileRecord> files(40);
-  Window all;
-  for (std::size_t i = 0; i < files.size(); ++i) {
-    files[i].path = String(1, static_cast<char>('0' + i));
-    files[i].size = i == 25 ? INT64_MAX : random() % (i % 3 == 0 ? 1 : 1 << i % 22);
-    all.select(files[i]);
-  }
-  for (std::uint64_t of = 1; of <= 50; ++of) {
-    std::vector<std::uint64_t> covered(files.size()), parts(files.size());
-    for (std::uint64_t number = 1; number <= of; ++number) {
-      Window window({number, of}, all.weight()), rest = window;
-      const std::size_t at = random() % files.size();
-      const std::uint64_t block = random() % (block_count(files[at].size) + 1);
-      rest.resume_at({files[at].path, block});
-      for (std::size_t i = 0; i < files.size(); ++i) {
-        const auto selected = window.select(files[i]), left = rest.select(files[i]);
-        const bool some = selected.first < selected.end;
-        EXPECT_TRUE(!some || (selected.in && selected.first == covered[i])) << number << "/" << of;
-        if (some) covered[i] = selected.end;
-        parts[i] += selected.in;
-        const std::uint64_t first = i == at ? std::max(selected.first, block) : selected.first;
-        const bool some_left = i >= at && first < selected.end;
-        EXPECT_TRUE(some_left ? left.first == first && left.end == selected.end
-                              : left.first == left.end);
-        EXPECT_EQ(left.in, i == at ? some_left : i > at && selected.in);
-      }
-    }
-    for (std::size_t i = 0; i < files.size(); ++i)
-      EXPECT_TRUE(covered[i] == block_count(files[i].size) && parts[i] >= 1 &&
-                  (files[i].size != 0 || parts[i] == 1));
-  }
-}
-
-// Two lost files of each content, so far apart that they are not in memory together. One was
-// renamed, and its content also fits the new file that is to be paired with the other.
-TEST(ScrubMoves, PairsMoreFilesThanAChunk) {
-  constexpr std::uint64_t kHalf = 10000;
-  const scratch::Directory directory;
-  Moves moves(directory.path());
-  std::map<String, String> expected, told; // by path: what becomes of the file
-  std::map<String, std::pair<Attributes, std::uint64_t>> fresh;
-  for (std::uint64_t i = 0; i < 2 * kHalf; ++i) {
-    const String number(std::to_string(10 * kHalf + i)), from = "old" + number;
-    const std::uint64_t content = i % kHalf, size = 1 + content % 1000;
-    const bool renamed = (i % 2 == 0) == (i < kHalf), damaged = renamed && content < 50;
-    const bool alone = content > kHalf - 50;
-    const String path = (alone ? "alone" : i < kHalf ? "new2" : "new1") + number;
-    moves.missing({from, size, {1, 2}, {3, 4}, i + 1}, content);
-    fresh[path] = {{size, {1, 2 + alone}, {7, 8}, renamed ? i + 1 : 5 * kHalf + i},
-                   damaged || alone ? 9 * kHalf + i : content};
-    expected[path] = alone ? "added" : (damaged ? "damaged " : "moved ") + from;
-    if (alone) expected[from] = "missing";
-  }
-  for (const auto &[path, file] : fresh)
-    moves.added(path, file.first, {}, 0);
-
-  String last;
-  const auto tell = [&](const String &path, const String &what) {
-    EXPECT_TRUE(path_before(last, path) && told.emplace(path, what).second);
-    last = path;
-  };
-  MoveActions actions;
-  actions.read = [&](const String &path, int &) { return std::optional(fresh[path].second); };
-  actions.moved = [&](const String &path, const String &from) { tell(path, "moved " + from); };
-  actions.damaged = [&](const String &path, const String &from) { tell(path, "damaged " + from); };
-  actions.missing = [&](const String &path, std::uint64_t) { tell(path, "missing"); };
-  actions.added = [&](const String &path, std::uint64_t, int) { tell(path, "added"); };
-  moves.resolve(actions);
-  EXPECT_TRUE(told == expected);
 }
 
 } // namespace

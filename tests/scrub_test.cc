@@ -110,9 +110,9 @@ SILENT DAMAGE
 
     {"VerdictsAreApart", R"(
      mkdir dir; for name in gone kept moved dir/inside open link; do echo $name >$name; done
-     for name in cut grown changed; do numbers 9000 >$name; done
+     for name in cut grown changed; do numbers 9000 >$name; done; >void
      quietly scrub create .
-     echo x >'added one'; rm gone link; mv moved dir/elsewhere; ln -s kept link
+     echo x >'added one'; >empty; rm gone link void; mv moved dir/elsewhere; ln -s kept link
      truncate -s 8192 cut; echo more >>grown; flip changed 5000; touch kept; chmod 0 open
      $user scrub verify .; echo status $?; chmod 600 open; cat .vorn-scrub.log
      scrub verify -q .)",
@@ -123,8 +123,10 @@ GROWN       grown: from 9,000 to 9,005 bytes
 UNREADABLE  open: Permission denied$
 NEW         added%20one$
 MOVED       dir/elsewhere: recorded as moved$
+NEW         empty$
 MISSING     gone$
 MISSING     link$
+MISSING     void$
 INCOMPLETE
 status 3
 NEW         added
@@ -153,7 +155,7 @@ CLEAN)"},
      scrub verify -q --any-tree --manifest ../m .; echo status $?; cat ../m.damaged
      scrub update -q --any-tree --manifest ../m .; echo status $?
      chmod 600 a; scrub update -q --manifest ../m .; echo status $?
-     scrub update -q --manifest ../m --accept ./a .; echo status $?
+     scrub update -q --manifest ../m --accept ./a .; echo status $?; ls ../m.damaged
      scrub verify -q --manifest ../m .; echo status $?
      scrub update -q --manifest ../m --accept nothing .)",
      kCouldNotRun, R"(
@@ -167,6 +169,7 @@ status 1
 ACCEPTED    a$
 status 0
 status 0
+!m.damaged$
 --accept nothing: No such file)"},
 
     {"RenamedFileThatIsDamagedIsNotBlessed", R"(
@@ -183,16 +186,18 @@ status 1
 ACCEPTED    b$)"},
 
     {"UpdateKeepsTheRecordOfWhatItCannotRead", R"(
-     mkdir dir; for name in dir/inside file open; do echo x >$name; done
+     mkdir dir was; for name in dir/inside file open was/kept; do echo $name >$name; done
      quietly scrub create .
-     echo y >>file; mv open renamed; chmod 0 dir file renamed
-     $user scrub update -q .; echo status $?; chmod 700 dir file renamed; scrub verify -q .)",
+     echo y >>file; mv open renamed; mv was hidden; chmod 0 dir file renamed hidden
+     $user scrub update -q .; echo status $?; chmod 700 dir file renamed hidden
+     scrub verify -q .)",
      kDifferent, R"(
 UNREADABLE  dir/inside: Permission denied$
 UNREADABLE  file: Permission denied$
 UNREADABLE  renamed: Permission denied
 status 3
 GROWN       file
+MOVED       hidden/kept: recorded as was/kept$
 MOVED       renamed: recorded as open$)"},
 
     {"SkippedFilesMakeCreateIncomplete", R"(
@@ -213,6 +218,7 @@ MOVED       renamed: recorded as open$)"},
      scrub verify . | grep read; scrub verify --only b . | grep read
      scrub verify --exclude b . | grep read
      echo n >a/n; echo v >>b/z; scrub update -q --only b .; scrub verify -q .
+     scrub update -q --exclude b .; grep -ac b/z .vorn-scrub
      scrub create /proc/self; cp -a . ../copy; scrub verify --manifest .vorn-scrub ../copy)",
      kCouldNotRun, R"(
 2 read
@@ -220,6 +226,7 @@ MOVED       renamed: recorded as open$)"},
 1 read
 GROWN       b/z
 NEW         a/n$
+0$
 is a proc file system
 belongs to another tree)"},
 
@@ -228,35 +235,61 @@ belongs to another tree)"},
      silently; flip large 1000000; flip 7 0; touch -d @1 *
      for part in 1 2 3 4 5 6 7; do
        scrub verify -q --any-tree --manifest ../m --part next/7 .; echo $?; cat ../m.part | head -1
-     done >../out; cat ../out; grep -c DAMAGED ../out; grep -c '^1' ../out)",
-     kClean, "part 1 7/7$\n2$\n2$"},
+     done >../out; cat ../out; grep -c DAMAGED ../out; grep -c '^1' ../out
+     grep -cx '7\|large' ../m.damaged
+     next() { scrub verify -q --any-tree --manifest ../m "$@" .; head -1 ../m.part; }
+     next --part next/3; next --part next/3 --only 7; next --part 2/2
+     sed -i s:2/2:1/2: ../m.part; next --part next/2; rm ../m.part
+     mkdir ../m.part; scrub verify -q --any-tree --manifest ../m --part 1/2 .; ls ../m.part*)",
+     kClean, R"(
+part 1 7/7$
+2$
+2$
+2$
+part 1 1/3$
+part 1 1/3$
+part 1 2/2$
+is not as it was written
+!m.part.unfinished)"},
 
     {"InterruptedRunGoesOn", R"(
-     numbers 3000000 >a; numbers 3000000 >b; touch -d @1 a b; silently
-     flip a 1; flip b 2999999; touch -d @1 a b
+     numbers 4000000 >a; numbers 3000000 >b; touch -d @1 a b; silently
+     for at in 1 $(seq 1000000 200000 2800000); do flip a $at; done; flip b 2999999; touch -d @1 a b
      printf '[SCRUB]\nREAD_SIZE_LIMIT=4096\nTHREADS=1\nRATE_LIMIT=1\n' >../slow.ini
      slow() {
        scrub $1 --settings ../slow.ini $2 $3 $4 . & pid=$!
        sleep 2.5; kill -USR1 $pid; sleep 0.2; kill -TERM $pid; wait $pid; echo status $?
      }
-     slow verify --any-tree --manifest ../m; ls ../m.checkpoint
-     scrub verify --any-tree --manifest ../m --resume .; echo status $?; ls ../m.checkpoint
-     slow create; ls .vorn-scrub*; scrub create --resume . && scrub verify .)",
+     again() { scrub verify --any-tree --manifest ../m --resume "$@" .; echo status $?; }
+     slow verify --any-tree --manifest ../m >../out; cat ../out; ls ../m.checkpoint
+     cp ../m.checkpoint ../kept; again --only a; again | tee -a ../out; ls ../m.checkpoint
+     echo of a: $(grep -c 'DAMAGED     a' ../out)
+     cp ../kept ../m.checkpoint; touch a; again -q
+     slow create; ls .vorn-scrub*; scrub create --resume . && scrub verify .
+     cp .vorn-scrub ../kept; touch a; slow update; cmp .vorn-scrub ../kept
+     [ ! -e .vorn-scrub.unfinished ] || echo file stays)",
      kClean, R"(
-of 6.0 MB
+of 7.0 MB
 DAMAGED     a: block 0
 silent damage
 incomplete: interrupted
 status 1
 ../m.checkpoint$
+another part or other paths
 Going on
 DAMAGED     b: block 732
 status 1
+of a: 11
+MODIFIED    a: 11 of 977 blocks
 status 3
 .vorn-scrub.unfinished$
 Going on
 RECORDED
-CLEAN)"},
+CLEAN
+status 3
+!UNREADABLE
+!differ:
+!file stays)"},
 
     {"SparseFileNeedsLittle", R"(
      truncate -s 4G sparse; numbers 5000 | dd of=sparse bs=4096 seek=5 conv=notrunc status=none
@@ -302,8 +335,9 @@ CLEAN)"},
     {"OneRunAtATimeWritesAManifest", R"(
      echo x >a; yes | head -c 1000 >.vorn-scrub.unfinished # as if a killed run had left it
      flock .vorn-scrub.unfinished scrub create .; echo status $?; ls .vorn-scrub.unfinished
-     scrub create . && scrub verify .)",
-     kClean, "another run is writing\nstatus 2\n.vorn-scrub.unfinished$\n1 read\nCLEAN"},
+     >.vorn-scrub.unfinished; chmod 644 .vorn-scrub.unfinished
+     scrub create . && scrub verify . && stat -c %a .vorn-scrub)",
+     kClean, "another run is writing\nstatus 2\n.vorn-scrub.unfinished$\n1 read\nCLEAN\n600$"},
 
     {"ItsOwnFilesAreNoData", R"(
      mkdir m logs
