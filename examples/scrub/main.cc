@@ -96,7 +96,8 @@ public:
     const Session session(jobs_[0].paths);
     catch_signals(); // replaces the library's handlers
     if (session.has_log()) console_.hide_library_messages();
-    if (!session.started()) return refuse(session.has_log() ? "the library did not start; the log says why"
+    if (!session.started())
+      return refuse(session.has_log() ? "the library did not start; the log says why"
                                       : "the library did not start");
     return attempt([&] { return do_jobs(session.has_log()); });
   }

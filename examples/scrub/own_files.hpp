@@ -16,8 +16,8 @@ struct OwnPaths {
   std::string manifest_directory;
   std::string manifest_name;
   std::string log_directory;
-  std::string page_directory{}; // of --report
-  std::string page_name{};      // empty if there is no page
+  std::string page_directory = {}; // of --report
+  std::string page_name = {};      // empty if there is no page
 
   std::string manifest() const { return manifest_directory + "/" + manifest_name; }
   std::string unfinished() const { return manifest_directory + "/" + unfinished_name(); }
