@@ -133,7 +133,8 @@ void add_targets(Line &line, std::span<const std::string> roots) {
     if (root.empty()) wrong("the name of a directory is empty");
     Target &target = line.targets.emplace_back();
     target.root = root;
-    set_manifest(target.paths, line.manifest.empty() ? root + "/.vorn-scrub" : line.manifest);
+    const std::string manifest = root + "/" + std::string(kDefaultManifest);
+    set_manifest(target.paths, line.manifest.empty() ? manifest : line.manifest);
     target.paths.log_directory =
         line.log.empty() ? line.targets[0].paths.manifest_directory : line.log;
   }

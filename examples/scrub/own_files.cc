@@ -27,9 +27,11 @@ OwnFiles::OwnFiles(const OwnPaths &paths)
       page_directory_(status_of(paths.page_directory)) {}
 
 bool OwnFiles::contains(const struct stat &directory, std::string_view name) const {
-  // A run with another --log, or for another directory, leaves its log beside the manifest.
-  if (same_directory(directory, manifest_directory_) && (is_beside_manifest(name) || is_log(name)))
-    return true;
+  if (same_directory(directory, manifest_directory_)) {
+    if (is_beside_manifest(name)) return true;
+    // A run without --log leaves its log there. With a name that the user chose, it may be data.
+    if (paths_.manifest_name == kDefaultManifest && is_log(name)) return true;
+  }
   if (same_directory(directory, log_directory_) && is_log(name)) return true;
   return same_directory(directory, page_directory_) && is_page(name);
 }

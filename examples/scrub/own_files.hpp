@@ -9,6 +9,8 @@
 
 namespace scrub {
 
+constexpr std::string_view kDefaultManifest = ".vorn-scrub"; // in the root of the tree
+
 // What mkostemp(3) gets after the name of a page.
 constexpr std::string_view kUnfinishedPage = ".unfinished-";
 
