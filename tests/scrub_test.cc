@@ -311,8 +311,9 @@ status 3
     // The manifest is the second file that a run opens.
     {"ClosedOutputIsNotTheManifest", R"(
      echo x >z; (exec <&- >&-; scrub create .); echo status $?
-     scrub verify -q .; (exec >/dev/full; scrub verify .))",
-     kCouldNotRun, "status 2\ncannot write to standard output"},
+     scrub verify -q .; (exec >/dev/full; scrub --help; echo help $? >&2; scrub verify .))",
+     kCouldNotRun,
+     "status 2\ncannot write to standard output\nhelp 2\ncannot write to standard output"},
 
     {"CutOrEditedManifestIsRefused", R"(
      numbers 9000 >a; numbers 10 >b; quietly scrub create .; cp .vorn-scrub ../whole
@@ -346,7 +347,7 @@ status 3
      for command in create verify update verify; do
        scrub $command --manifest m/sums --log logs .
      done; stat -c %a logs/sums.log)",
-     kClean, "3 read$\n3 read$\n3 read$\n600$"},
+     kClean, "4 read$\n4 read$\n4 read$\n600$"},
 
     // A run that could not run weighs most, then damage. A directory does not affect the others.
     {"EachDirectoryHasItsManifest", R"(

@@ -241,6 +241,12 @@ private:
   std::optional<HtmlReport> page_;
 };
 
+ExitStatus printed() {
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return kClean;
+  Console().say("cannot write to standard output");
+  return kCouldNotRun;
+}
+
 int run(int argc, char **argv) {
   keep_standard_descriptors();
   CommandLine line = parse_options(argc, argv);
@@ -249,10 +255,10 @@ int run(int argc, char **argv) {
     return kCouldNotRun;
   case Command::kHelp:
     print_help();
-    return kClean;
+    return printed();
   case Command::kVersion:
     std::puts("vorn-scrub " SCRUB_VERSION);
-    return kClean;
+    return printed();
   default:
     break;
   }
