@@ -7,6 +7,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <algorithm>
 #include <cinttypes>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -42,9 +43,12 @@ private:
   char path_[32] = "/tmp/vorn-fuzz-XXXXXX";
 };
 
-std::string format(const char *form, auto... values) {
+__attribute__((format(printf, 1, 2))) std::string format(const char *form, ...) {
   char text[128];
-  std::snprintf(text, sizeof text, form, values...);
+  std::va_list args;
+  va_start(args, form);
+  std::vsnprintf(text, sizeof text, form, args);
+  va_end(args);
   return text;
 }
 
