@@ -170,6 +170,12 @@ TEST_F(ScrubRead, FileThatFailsOrChangesIsReportedOnceAndTheRunGoesOn) {
   }
   run(scrub::create, scrub::kClean);
 
+  // The blocks before the failed read are compared.
+  options_.settings.threads = 1;
+  wrong_reads = 1;
+  expect(run(scrub::verify, scrub::kIncomplete, "tree/large", at(5, fail)),
+         {"PASSING     large: block 0", "UNREADABLE  large: Input/output error, block 64"});
+
   // The file after one that fails is not taken for it, and a renamed one that changes is not moved.
   std::filesystem::rename(path("tree/large"), path("tree/moved"));
   scratch::write_file(path("tree/next"), std::string(kSize, 'n'));
@@ -214,6 +220,28 @@ TEST_F(ScrubRead, WrongBlockIsReadAgainASecondLater) {
                return 0;
              }),
          {"CHANGED     z: written after"});
+}
+
+TEST_F(ScrubRead, EndsAfterTheMostErrors) {
+  write_large();
+  run(scrub::create, scrub::kClean);
+  // In a copy the time of change says nothing.
+  std::filesystem::rename(path("tree"), path("original"));
+  std::filesystem::copy(path("original"), path("tree"));
+  options_.any_tree = true;
+  scratch::write_file(path("tree/a"), "other");
+  scratch::write_file(path("tree/z"), "others");
+  const std::filesystem::path original = path("original");
+  const std::filesystem::path copy = path("tree");
+  for (const char *name : {"a", "large", "z"})
+    last_write_time(copy / name, last_write_time(original / name));
+  options_.settings.rate_limit = 2; // a was read a second time long before z is read
+  options_.max_errors = 2;
+  expect(run(scrub::verify, scrub::kDamage), {"DAMAGED     a: ", "DAMAGED     z: "});
+  options_.max_errors = 1;
+  const std::string printed = run(scrub::verify, scrub::kDamage);
+  expect(printed, {"DAMAGED     a: ", "--max-errors"});
+  EXPECT_EQ(printed.find("DAMAGED     z: "), std::string::npos) << printed;
 }
 
 TEST_F(ScrubRead, FallsBackToThePageCache) {
@@ -269,6 +297,7 @@ TEST_F(ScrubRead, HangingReadDoesNotKeepStopFromReturning) {
   struct stat status {};
   ASSERT_EQ(stat(path("tree/large").c_str(), &status), 0);
   std::atomic<bool> released = false;
+  reads = 0;
   before_read = [&](int) {
     while (!released)
       std::this_thread::sleep_for(milliseconds(1));

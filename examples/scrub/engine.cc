@@ -16,6 +16,17 @@ namespace {
 constexpr std::size_t kBatchesOfThread = 4;
 constexpr std::size_t kPiecesOfThread = 2;
 
+// The most bytes of a piece, unless one read may be longer: passing a piece on costs more than a
+// read from the page cache.
+constexpr std::uint64_t kMostPiece = 4 << 20;
+
+// The least pieces of a file for each thread, so that all threads have work to its end.
+constexpr std::uint64_t kLeastPieces = 4;
+
+// The most bytes of a read from the page cache: they are still in the processor's cache when their
+// checksums are computed.
+constexpr std::uint64_t kCachedRead = 128 << 10;
+
 // The most bytes of a hole that are taken at once: an interrupt ends the run between pieces.
 constexpr std::uint64_t kMostHole = 1 << 30;
 
@@ -44,7 +55,7 @@ Engine::Engine(const Options &options, Series &series, Plan plan)
       work_(
           static_cast<unsigned int>(batches_.size() + kPiecesOfThread * options.settings.threads)) {
   for (std::size_t i = 0; i < kPiecesOfThread * options.settings.threads; ++i)
-    pieces_.emplace_back(options.settings.read_size_limit / kBlockSize);
+    pieces_.emplace_back(std::max(kMostPiece, options.settings.read_size_limit) / kBlockSize);
   for (Batch &batch : batches_)
     empty_.put(batch);
   set_strategy(options.settings);
@@ -149,24 +160,34 @@ void Engine::read_entry(Batch &batch, Entry &entry, ReadingTools &tools) {
 
 void Engine::read_small(Batch &batch, Entry &entry, DataFile &file, ReadingTools &tools) {
   entry.first = batch.checksums_.size();
-  const std::uint64_t limit = options_.settings.read_size_limit;
-  std::uint64_t at = 0;
-  while (at < entry.now.size) {
-    const std::uint64_t wanted = std::min(entry.now.size - at, limit);
-    const ssize_t got = read_blocks(file, at, wanted, tools, batch.checksums_);
-    if (got < 0) {
-      entry.error = errno;
-      entry.outcome = Outcome::kFailed;
-      batch.checksums_.resize(entry.first);
-      return;
-    }
-    at += static_cast<std::uint64_t>(got);
-    if (static_cast<std::uint64_t>(got) < wanted) break;
+  const Done done = read_range(file, 0, entry.now.size, tools, batch.checksums_);
+  if (done.error != 0) {
+    entry.error = done.error;
+    entry.outcome = Outcome::kFailed;
+    batch.checksums_.resize(entry.first);
+    return;
   }
   entry.count = batch.checksums_.size() - entry.first;
-  entry.has_changed = at < entry.now.size || file.has_changed();
+  entry.has_changed = done.bytes < entry.now.size || file.has_changed();
   entry.way = file.way();
   entry.outcome = Outcome::kRead;
+}
+
+// Reads bytes at an offset, in reads of at most the read size limit, and adds the checksums of
+// their blocks. Stops early at the end of the file and at an error.
+Done Engine::read_range(DataFile &file, std::uint64_t offset, std::uint64_t bytes,
+                        ReadingTools &tools, Vector<Checksums> &checksums) {
+  const std::uint64_t limit = options_.settings.read_size_limit;
+  std::uint64_t done = 0;
+  while (done < bytes) {
+    const std::uint64_t most = file.way() == Way::kCached ? std::min(limit, kCachedRead) : limit;
+    const std::uint64_t wanted = std::min(bytes - done, most);
+    const ssize_t got = read_blocks(file, offset + done, wanted, tools, checksums);
+    if (got < 0) return {done, errno};
+    done += static_cast<std::uint64_t>(got);
+    if (static_cast<std::uint64_t>(got) < wanted) break;
+  }
+  return {done, 0};
 }
 
 // Reads bytes, at most the read size limit, at an offset. Returns the number that it read, or -1
@@ -194,8 +215,7 @@ ssize_t Engine::read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t 
 
 void Piece::run(Engine &engine, ReadingTools &tools) {
   if (hole_) return;
-  got_ = engine.read_blocks(*file_, offset_, bytes_, tools, checksums_);
-  if (got_ < 0) error_ = errno;
+  read_ = engine.read_range(*file_, offset_, bytes_, tools, checksums_);
 }
 
 int Engine::read(const std::shared_ptr<DataFile> &file, std::uint64_t first, std::uint64_t end,
@@ -212,13 +232,14 @@ int Engine::read(const std::shared_ptr<DataFile> &file, std::uint64_t first, std
     if (interrupted()) return EINTR;
     Piece *piece = oldest_piece();
     if (piece == nullptr) return EINTR;
-    if (piece->error_ != 0) {
-      error = piece->error_;
-      failed_block_ = piece->offset_ / kBlockSize;
+    if (piece->read_.error != 0) {
+      error = piece->read_.error;
+      failed_block_ = (piece->offset_ + piece->read_.bytes) / kBlockSize;
+      if (!ended) take({.checksums = piece->checksums_, .zeros = 0, .bytes = piece->read_.bytes});
     } else if (piece->hole_) {
       take({.checksums = {}, .zeros = piece->bytes_ / kBlockSize, .bytes = piece->bytes_});
     } else if (!ended) {
-      const auto got = static_cast<std::uint64_t>(piece->got_);
+      const std::uint64_t got = piece->read_.bytes;
       ended = got < piece->bytes_;
       const std::size_t whole = ended ? got / kBlockSize : piece->checksums_.size();
       take({.checksums = std::span(piece->checksums_).first(whole),
@@ -231,6 +252,14 @@ int Engine::read(const std::shared_ptr<DataFile> &file, std::uint64_t first, std
     if (oldest_piece() == nullptr) return EINTR;
   }
   return error;
+}
+
+// Under a rate limit a piece is one read, which keeps progress and checkpoints frequent.
+std::uint64_t Engine::piece_size(const DataFile &file) const {
+  const std::uint64_t read = options_.settings.read_size_limit;
+  if (options_.settings.rate_limit != 0) return read;
+  const std::uint64_t pieces = kLeastPieces * options_.settings.threads;
+  return std::clamp(round_up(file.attributes().size / pieces), read, std::max(kMostPiece, read));
 }
 
 // Passes the piece at an offset on. Returns the offset after it. Blocks of a hole are zeros and
@@ -248,9 +277,8 @@ std::uint64_t Engine::add_piece(const std::shared_ptr<DataFile> &file, std::uint
   piece.file_ = file;
   piece.offset_ = at;
   piece.hole_ = hole != 0;
-  piece.bytes_ = hole != 0 ? hole : std::min(data_end - at, options_.settings.read_size_limit);
-  piece.error_ = 0;
-  piece.got_ = 0;
+  piece.bytes_ = hole != 0 ? hole : std::min(data_end - at, piece_size(*file));
+  piece.read_ = {};
   piece.checksums_.clear();
   ++under_way_;
   work_.put(piece);

@@ -85,7 +85,13 @@ private:
   Vector<Checksums> checksums_;
 };
 
-// Consecutive blocks of a large file, which are read at once or are in a hole.
+// What became of a read of consecutive blocks.
+struct Done {
+  std::uint64_t bytes = 0; // before the error, or the end of the file
+  int error = 0;
+};
+
+// Consecutive blocks of a large file, which one thread reads or which are in a hole.
 class Piece final : public ReadingJob {
 public:
   explicit Piece(std::size_t blocks) { checksums_.reserve(blocks); }
@@ -98,8 +104,7 @@ private:
   std::uint64_t offset_ = 0;
   std::uint64_t bytes_ = 0;
   bool hole_ = false;
-  ssize_t got_ = 0; // bytes, or -1
-  int error_ = 0;
+  Done read_;
   Vector<Checksums> checksums_;
 };
 
@@ -150,9 +155,12 @@ private:
   void run_reader(ReadingTools &tools);
   void read_entry(Batch &batch, Entry &entry, ReadingTools &tools);
   void read_small(Batch &batch, Entry &entry, DataFile &file, ReadingTools &tools);
+  Done read_range(DataFile &file, std::uint64_t offset, std::uint64_t bytes, ReadingTools &tools,
+                  Vector<Checksums> &checksums);
   ssize_t read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t bytes,
                       ReadingTools &tools, Vector<Checksums> &checksums);
 
+  std::uint64_t piece_size(const DataFile &file) const;
   std::uint64_t add_piece(const std::shared_ptr<DataFile> &file, std::uint64_t at,
                           std::uint64_t end);
   Piece *oldest_piece();
