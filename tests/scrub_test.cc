@@ -76,13 +76,15 @@ const struct Row {
        printf 123456789 >"./$name"
      done
      ln -s a link; ln -s nowhere a/dangling; mkfifo fifo
-     scrub create . && scrub verify . && stat -c %a .vorn-scrub .vorn-scrub.log | tr '\n' ' '; ls -A)",
+     scrub create . && scrub verify . && stat -c %a .vorn-scrub .vorn-scrub.log | tr '\n' ' '; ls -A
+     cat .vorn-scrub.log)",
      kClean, R"(
 24 read
 CLEAN
 24 read
 600 600
-!.vorn-scrub.unfinished)"},
+!.vorn-scrub.unfinished
+!SCHED_THREAD_FREE_NUM)"},
 
     // There are more blocks and files than the batches and pieces hold at a time.
     {"DamageIsFoundAnywhere", R"(

@@ -23,6 +23,7 @@
 #include "log.hpp"
 #include "opening.hpp"
 #include "options.hpp"
+#include "pool_setting.hpp"
 #include "report.hpp"
 #include "scrub.hpp"
 #include "settings_file.hpp"
@@ -44,6 +45,7 @@ public:
     fchmodat(AT_FDCWD, paths.log().c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW);
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     umask(mask);
+    pool_setting_.emplace(); // after the log is open: the library may log about it
     started_ = vorn_Init() == 0;
     umask(S_IRWXG | S_IRWXO);
   }
@@ -59,6 +61,7 @@ public:
   bool started() const { return started_; }
 
 private:
+  std::optional<PoolSetting> pool_setting_;
   bool has_log_ = false;
   bool started_ = false;
 };
