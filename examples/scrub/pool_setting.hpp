@@ -10,8 +10,8 @@
 namespace scrub {
 
 // The library reads the setting at its start from the INI files that are registered then. The text
-// is in memory: a run needs no file for it. Without it the pool keeps four idle threads, and its end
-// waits 10 ms for each of them. A run seldom has work for more than one.
+// is in memory: a run needs no file for it. Without it the pool keeps four idle threads, and its
+// end waits 10 ms for each of them. A run seldom has work for more than one.
 class PoolSetting {
 public:
   PoolSetting();
