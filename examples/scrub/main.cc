@@ -42,7 +42,8 @@ public:
     // makes at its start.
     const mode_t mask = umask(S_IRWXG | S_IRWXO);
     // Of an older version. What a link leads to is left alone.
-    fchmodat(AT_FDCWD, paths.log().c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW);
+    [[maybe_unused]] const int changed =
+        fchmodat(AT_FDCWD, paths.log().c_str(), S_IRUSR | S_IWUSR, AT_SYMLINK_NOFOLLOW);
     has_log_ = vorn_log_init(paths.log_name().c_str(), paths.log_directory.c_str()) == 0;
     umask(mask);
     pool_setting_.emplace(); // after the log is open: the library may log about it

@@ -68,7 +68,8 @@ void UnfinishedFile::commit() {
   }
   file_ = Fd();
   // An old manifest of another owner keeps its mode.
-  fchmodat(directory, paths_.old_name().c_str(), kOwnerOnly, 0);
+  [[maybe_unused]] const int changed =
+      fchmodat(directory, paths_.old_name().c_str(), kOwnerOnly, 0);
   // Syncing the directory puts the new name on the disk. Some file systems do not support it
   // (EINVAL).
   if (fsync(directory) != 0 && errno != EINVAL) fail("cannot write " + paths_.manifest());
