@@ -66,7 +66,7 @@ protected:
   HtmlFile() : own_(1) {
     own_[0].manifest_directory = own_[0].log_directory = directory_.path();
     own_[0].manifest_name = "m";
-    scratch::write_file(at("old.html"), "old");
+    scratch::write_file(at("old.html"), old_);
   }
 
   std::string at(const std::string &name) const { return directory_ / name; }
@@ -74,6 +74,7 @@ protected:
     return static_cast<std::size_t>(std::distance(fs::directory_iterator(directory_.path()), {}));
   }
 
+  const std::string old_ = std::string(scrub::kPageStart.text()) + "old";
   scratch::Directory directory_;
   std::vector<scrub::OwnPaths> own_;
 };
@@ -84,7 +85,7 @@ TEST_F(HtmlFile, AppearsWhenItIsCompleteAndElseLeavesNothing) {
     EXPECT_EQ(files(), 2u);
   }
   EXPECT_EQ(files(), 1u);
-  EXPECT_EQ(scratch::read_file(at("old.html")), "old");
+  EXPECT_EQ(scratch::read_file(at("old.html")), old_);
   fs::create_symlink("old.html", at("link.html"));
   {
     HtmlReport report(at("link.html"), own_);

@@ -408,8 +408,10 @@ TEST_F(Manifest, OfVersion1IsRead) {
   }
 }
 
+constexpr char kFirst[] = "vorn-scrub-manifest of an earlier run";
+
 TEST_F(Manifest, KeepsTheOneBefore) {
-  write_file(at("m"), "first");
+  write_file(at("m"), kFirst);
   ASSERT_EQ(chmod(at("m").c_str(), 0644), 0);
   write_file(at("m.unfinished"), "of a killed run");
   for (const int error : {0, EPERM}) {
@@ -425,7 +427,7 @@ TEST_F(Manifest, KeepsTheOneBefore) {
 }
 
 TEST_F(Manifest, StaysAfterAFailure) {
-  write_file(at("m"), "first");
+  write_file(at("m"), kFirst);
   ASSERT_EQ(signal(SIGXFSZ, SIG_IGN), SIG_DFL);
   rlimit limit{100000, RLIM_INFINITY};
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
@@ -434,16 +436,26 @@ TEST_F(Manifest, StaysAfterAFailure) {
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
   {
     ManifestWriter writer(paths_, some_tree());
-    EXPECT_THROW(ManifestWriter(paths_, some_tree()), std::system_error); // two at once
+    EXPECT_THROW(ManifestWriter(paths_, some_tree()), std::runtime_error); // two at once
     add(writer, recorded("b", 4096));
     EXPECT_THROW(writer.begin_file({"a", 0, {}, {}, 0}), std::logic_error);
     writer.begin_file({"c", 1, {}, {}, 0});
     EXPECT_THROW(writer.commit(), std::logic_error);
   }
   ASSERT_EQ(mkdir(at("m.old").c_str(), 0700), 0);
-  EXPECT_THROW(write({}), std::system_error);
-  EXPECT_EQ(read_file(at("m")), "first");
+  EXPECT_THROW(write({}), std::runtime_error);
+  EXPECT_EQ(read_file(at("m")), kFirst);
   EXPECT_EQ(mode("m.unfinished"), 0u);
+}
+
+TEST_F(Manifest, ReplacesNoFileOfData) {
+  for (const char *name : {"m", "m.old"}) {
+    write_file(at(name), "vorn-scrub-manifesto");
+    EXPECT_THROW(write({}), std::runtime_error);
+    EXPECT_EQ(read_file(at(name)), "vorn-scrub-manifesto");
+    write_file(at(name), "");
+  }
+  write({});
 }
 
 TEST_F(Manifest, OfAnInterruptedRunIsReadWhileTheNextIsWritten) {

@@ -47,7 +47,7 @@ CommandLine parse(const std::string &text) {
 TEST(ScrubOptions, TakesOptionsBeforeAndAfterTheCommand) {
   const CommandLine line =
       parse("--only=./a//b/ -q update --manifest m --json-lines /t/ --accept /t/a/b/c "
-            "--only /t/d --exclude *.o --exclude x/ --max-errors 3 --any-tree");
+            "--only /t/d --exclude *.o --exclude x/ --any-tree");
   EXPECT_EQ(line.command, Command::kUpdate);
   ASSERT_EQ(line.targets.size(), 1u);
   EXPECT_EQ(line.targets[0].paths.manifest(), "./m");
@@ -55,7 +55,7 @@ TEST(ScrubOptions, TakesOptionsBeforeAndAfterTheCommand) {
   EXPECT_EQ(line.options.scope.only, (Words{"a/b", "d"}));
   EXPECT_EQ(line.options.scope.excludes, (Words{"*.o", "x/"}));
   EXPECT_EQ(line.options.accepted, Words{"a/b/c"});
-  EXPECT_EQ(line.options.max_errors, 3u);
+  EXPECT_EQ(parse("verify d --max-errors 3").options.max_errors, 3u);
   EXPECT_EQ(line.options.output, Output::kJsonLines);
   EXPECT_TRUE(line.options.quiet && line.options.any_tree);
 

@@ -345,11 +345,20 @@ status 3
     {"ItsOwnFilesAreNoData", R"(
      mkdir m logs
      for name in m/sums.txt m/sums.log logs/sums logs/sums.log.old; do echo data >$name; done
-     echo old >logs/sums.log.1; echo old >m/sums
+     echo old >logs/sums.log.1; echo data >f; scrub create --manifest f .; cat f
+     scrub create --report m/sums.txt .; cat m/sums.txt; rm -f f* .vorn*
      for command in create verify update verify; do
        scrub $command --manifest m/sums --log logs .
      done; stat -c %a logs/sums.log)",
-     kClean, "4 read$\n4 read$\n4 read$\n600$"},
+     kClean, R"(
+cannot replace ./f: it is no manifest$
+data$
+is not replaced$
+data$
+4 read$
+4 read$
+4 read$
+600$)"},
 
     // A run that could not run weighs most, then damage. A directory does not affect the others.
     {"EachDirectoryHasItsManifest", R"(

@@ -97,7 +97,7 @@ std::string left_out_text(const Walk::Counts &left_out) {
   if (left_out.specials != 0) append(text, counted(left_out.specials, "special file"));
   append(text, left_out.excluded, "excluded");
   append(text, left_out.other_file_systems, "on other file systems");
-  append(text, left_out.pseudo, "pseudo file systems");
+  if (left_out.pseudo != 0) append(text, counted(left_out.pseudo, "pseudo file system"));
   return text;
 }
 

@@ -2,10 +2,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "damaged_list.hpp"
 
+#include <cerrno>
+#include <fcntl.h>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <vector>
 
+#include "fd.hpp"
 #include "text.hpp"
 
 namespace scrub {
@@ -17,9 +21,13 @@ constexpr char kAll[] = "%";
 } // namespace
 
 DamagedList::DamagedList(const OwnPaths &paths)
-    : file_(paths.manifest_directory + "/" + paths.damaged_name()) {
+    : directory_(paths.manifest_directory), file_(directory_ + "/" + paths.damaged_name()) {
+  load();
+}
+
+void DamagedList::load() {
+  empty_out();
   const std::vector<std::string> lines = file_.read();
-  if (lines.empty()) return;
   String path;
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (i == 0 && lines[i] == kTitle) continue;
@@ -29,8 +37,7 @@ DamagedList::DamagedList(const OwnPaths &paths)
     }
     if (i == 0 || !unescape(lines[i], path))
       throw std::runtime_error(file_.path() + " is no list of damaged files of this version");
-    bytes_ += path.size();
-    paths_.insert(path);
+    insert(path);
   }
 }
 
@@ -38,36 +45,65 @@ bool DamagedList::contains(std::string_view path) const { return all_ || paths_.
 
 void DamagedList::add(std::string_view path) {
   if (contains(path)) return;
-  changed_ = true;
+  changes_.insert_or_assign(String(path), true);
+  insert(path);
+}
+
+void DamagedList::remove(std::string_view path) {
+  if (!paths_.contains(path)) return;
+  changes_.insert_or_assign(String(path), false);
+  erase(path);
+}
+
+void DamagedList::clear() {
+  cleared_ = true;
+  changes_.clear();
+  empty_out();
+}
+
+void DamagedList::insert(std::string_view path) {
+  if (contains(path)) return;
   if (paths_.size() >= kMost || bytes_ + path.size() > kMostBytes) {
+    empty_out();
     all_ = true;
-    bytes_ = 0;
-    paths_.clear();
     return;
   }
   bytes_ += path.size();
   paths_.insert(String(path));
 }
 
-void DamagedList::remove(std::string_view path) {
+void DamagedList::erase(std::string_view path) {
   const auto at = paths_.find(path);
   if (at == paths_.end()) return;
   bytes_ -= path.size();
   paths_.erase(at);
-  changed_ = true;
 }
 
-void DamagedList::clear() {
-  changed_ |= all_ || !paths_.empty();
+void DamagedList::empty_out() {
   all_ = false;
   bytes_ = 0;
   paths_.clear();
 }
 
 int DamagedList::save() {
-  if (!changed_) return 0;
-  changed_ = false;
-  if (paths_.empty() && !all_) return file_.remove();
+  if (changes_.empty() && !cleared_) return 0;
+  const Fd directory(open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || flock(directory.get(), LOCK_EX) != 0) return errno;
+  try {
+    load();
+  } catch (const std::runtime_error &) {
+    if (!cleared_) return EBADMSG; // another run, or the medium, has spoiled it
+  }
+  if (cleared_) empty_out();
+  for (const auto &[path, added] : changes_)
+    added ? insert(path) : erase(path);
+  changes_.clear();
+  cleared_ = false;
+  return write();
+}
+
+int DamagedList::write() const {
+  if (empty()) return file_.remove();
   std::vector<std::string> lines{kTitle};
   if (all_) lines.emplace_back(kAll);
   for (const String &path : paths_)

@@ -5,7 +5,9 @@
 #define SCRUB_DAMAGED_LIST_HPP
 
 #include <functional>
+#include <map>
 #include <set>
+#include <string>
 #include <string_view>
 
 #include "memory.hpp"
@@ -19,6 +21,7 @@ public:
   // Reads the list. Throws std::runtime_error if it is not as it was written.
   explicit DamagedList(const OwnPaths &paths);
 
+  bool empty() const { return paths_.empty() && !all_; }
   bool contains(std::string_view path) const;
   void add(std::string_view path);
   // For a file whose content is as recorded again, or is recorded anew.
@@ -26,7 +29,8 @@ public:
 
   void clear();
 
-  // Writes the list if it has changed. Returns 0 or an errno.
+  // Writes the changes into the list, which another run may have changed meanwhile. Returns 0 or an
+  // errno.
   int save();
 
 private:
@@ -34,11 +38,21 @@ private:
   static constexpr std::size_t kMost = 16384;
   static constexpr std::size_t kMostBytes = 1 << 20; // of all paths
 
+  void load();
+  void insert(std::string_view path);
+  void erase(std::string_view path);
+  void empty_out();
+  int write() const;
+
+  const std::string directory_;
   StateFile file_;
   std::set<String, std::less<>> paths_;
   std::size_t bytes_ = 0;
   bool all_ = false;
-  bool changed_ = false;
+
+  // Since the list was read or written:
+  std::map<String, bool, std::less<>> changes_; // whether the path was added
+  bool cleared_ = false;                        // before these
 };
 
 } // namespace scrub

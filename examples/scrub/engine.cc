@@ -194,7 +194,7 @@ Done Engine::read_range(DataFile &file, std::uint64_t offset, std::uint64_t byte
 // with errno, and adds the checksums of their blocks.
 ssize_t Engine::read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t bytes,
                             ReadingTools &tools, Vector<Checksums> &checksums) {
-  pace_.keep(tools.sleep, stopped_);
+  pace_.wait(bytes, tools.sleep, stopped_);
   if (stopped_ || interrupted()) {
     errno = EINTR;
     return -1;
@@ -207,7 +207,6 @@ ssize_t Engine::read_blocks(DataFile &file, std::uint64_t offset, std::uint64_t 
   got = static_cast<ssize_t>(std::min(static_cast<std::uint64_t>(got), bytes));
   const auto read = static_cast<std::size_t>(got);
   series_.add_read(read, vorn_time_getnanosec() - before);
-  pace_.add(read);
   // What follows the size that the file had is not looked at.
   add_checksums(room.first(read), checksums);
   return got;

@@ -33,12 +33,24 @@ std::string resolved(const std::string &path) {
   return real == nullptr ? path : real.get();
 }
 
+// A file of data is not replaced: a name may be mistyped.
+bool may_replace(const std::string &path) {
+  const Fd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file) return errno == ENOENT;
+  std::string start(kPageStart.text().size(), '\0');
+  const ssize_t got = pread(file.get(), start.data(), start.size(), 0);
+  return got == 0 || start == kPageStart.text();
+}
+
 void refuse_others(const std::string &path, std::span<const OwnPaths> own) {
   if (path.empty() || path.back() == '/')
     throw std::runtime_error("--report needs the name of a file, not '" + shown(path) + "'");
   struct stat status {};
   if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
     throw std::runtime_error("--report " + shown(path) + " is not a regular file");
+  if (!may_replace(path))
+    throw std::runtime_error("--report " + shown(path) +
+                             " is a file that vorn-scrub did not write, and is not replaced");
   if (stat(directory_of(path).c_str(), &status) != 0)
     fail("cannot write to " + shown(directory_of(path)));
   const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);

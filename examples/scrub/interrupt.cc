@@ -11,6 +11,7 @@ namespace {
 
 std::atomic<bool> noted = false;
 std::atomic<bool> asked = false;
+bool hangup_ignored = false; // before the threads start
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
 void note_interrupt(int) { noted.store(true, std::memory_order_relaxed); }
@@ -18,11 +19,18 @@ void note_question(int) { asked.store(true, std::memory_order_relaxed); }
 
 } // namespace
 
+void note_ignored_signals() {
+  struct sigaction action {};
+  hangup_ignored = sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 void catch_signals() {
   struct sigaction action {};
   action.sa_handler = note_interrupt;
-  for (int number : {SIGINT, SIGTERM, SIGHUP})
+  for (int number : {SIGINT, SIGTERM})
     sigaction(number, &action, nullptr);
+  if (hangup_ignored) action.sa_handler = SIG_IGN;
+  sigaction(SIGHUP, &action, nullptr);
   action.sa_handler = note_question;
   action.sa_flags = SA_RESTART; // the question disturbs no read
   sigaction(SIGUSR1, &action, nullptr);

@@ -6,7 +6,11 @@
 
 namespace scrub {
 
-// Also makes a closed pipe and the file size limit errors of write(2) instead of signals.
+// Notes that SIGHUP is ignored, as nohup(1) sets it. Called before the library sets its handlers.
+void note_ignored_signals();
+
+// Leaves an ignored SIGHUP ignored. Also makes a closed pipe and the file size limit errors of
+// write(2) instead of signals.
 void catch_signals();
 
 // interrupted() returns whether such a signal has arrived; check_interrupt() throws if it has. Any

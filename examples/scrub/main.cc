@@ -97,6 +97,7 @@ public:
     const std::string missing = what_is_missing();
     if (!missing.empty()) return refuse(missing);
     raise_descriptor_limit();
+    note_ignored_signals();
     const Session session(jobs_[0].paths);
     catch_signals(); // replaces the library's handlers
     if (session.has_log()) console_.hide_library_messages();

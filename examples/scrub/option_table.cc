@@ -75,7 +75,7 @@ constexpr KnownOption kOptions[] = {
     {"resume", 0, nullptr, kCreates | kVerifies, false,
      [](Line &line, Text) { line.options.resume = true; }, nullptr,
      "go on where an interrupted run ended"},
-    {"max-errors", 0, "N", kVerifies | kUpdates, false,
+    {"max-errors", 0, "N", kVerifies, false,
      [](Line &line, Text value) {
        line.options.max_errors = number_value("--max-errors", value, kMaxErrors);
      },

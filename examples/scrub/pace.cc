@@ -24,17 +24,22 @@ void Pace::add(std::uint64_t bytes) {
   rate_.add(bytes, vorn_time_getnanosec());
 }
 
-void Pace::keep(FineSleep &sleep, const std::atomic<bool> &stopped) {
+void Pace::wait(std::uint64_t bytes, FineSleep &sleep, const std::atomic<bool> &stopped) {
   if (!limited_) return;
-  while (const std::uint64_t left = delay()) {
+  while (const std::uint64_t left = begin(bytes)) {
     if (stopped || interrupted()) return;
     sleep.sleep(std::min(left, kLongestSleep));
   }
 }
 
-std::uint64_t Pace::delay() {
+// Counts the bytes and returns 0, or returns how long the read has to wait. Both are one step, so
+// that of several waiting threads one begins to read.
+std::uint64_t Pace::begin(std::uint64_t bytes) {
   const std::lock_guard hold(mutex_);
-  return rate_.delay(vorn_time_getnanosec());
+  const std::uint64_t now = vorn_time_getnanosec();
+  const std::uint64_t left = rate_.delay(now);
+  if (left == 0) rate_.add(bytes, now);
+  return left;
 }
 
 } // namespace scrub

@@ -17,15 +17,15 @@ class Pace {
 public:
   explicit Pace(std::uint64_t bytes_per_second);
 
-  // Counts bytes that were read.
+  // Counts bytes that are read without waiting.
   void add(std::uint64_t bytes);
 
-  // Sleeps, in the thread's own timer, until the next read may begin, or until stopped is set or
-  // the run is interrupted.
-  void keep(FineSleep &sleep, const std::atomic<bool> &stopped);
+  // Sleeps, in the thread's own timer, until a read of the bytes may begin, and counts them.
+  // Returns early if stopped is set or the run is interrupted.
+  void wait(std::uint64_t bytes, FineSleep &sleep, const std::atomic<bool> &stopped);
 
 private:
-  std::uint64_t delay();
+  std::uint64_t begin(std::uint64_t bytes);
 
   const bool limited_;
   std::mutex mutex_; // guards rate_

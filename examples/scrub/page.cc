@@ -372,9 +372,7 @@ Html settings_section(const PageFigures &figures) {
 
 Html head(const PageFigures &figures, const Outcome &outcome) {
   Html html;
-  html << "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-          "<meta http-equiv=\"Content-Security-Policy\" content=\""
-       << kPagePolicy
+  html << kPageStart << "<meta http-equiv=\"Content-Security-Policy\" content=\"" << kPagePolicy
        << "\">\n<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
           "<meta name=\"referrer\" content=\"no-referrer\">\n<title>";
   html.text(outcome.words) << ": vorn-scrub ";

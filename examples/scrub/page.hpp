@@ -15,6 +15,11 @@
 
 namespace scrub {
 
+// A file that begins so is a page of an earlier run.
+inline constexpr Literal kPageStart =
+    "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+    "<meta name=\"generator\" content=\"vorn-scrub\">\n";
+
 // The tables of findings.
 enum class FindingKind : std::size_t { kDamage, kNotRead, kDifferences, kKinds };
 

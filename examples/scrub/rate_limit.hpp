@@ -19,7 +19,7 @@ public:
   RateLimit(std::uint64_t bytes_per_second, std::uint64_t now)
       : rate_(bytes_per_second), due_(now) {}
 
-  // Counts bytes that were read, at most 10^10.
+  // Counts bytes of a read, at most 10^10.
   void add(std::uint64_t bytes, std::uint64_t now) {
     if (rate_ == 0) return;
     due_ = std::max(due_ + kWindow, now) - kWindow;

@@ -46,6 +46,8 @@ Recording::Recording(const Job &job, Report &report, std::unique_ptr<OldManifest
 }
 
 void Recording::run() {
+  if (!update_ && !known_.empty())
+    report_.note("Files are known to be damaged: create records them as they are now");
   if (!update_ && report_.progress().shows_bar()) report_.progress().expect_bytes(count_bytes());
   Supervision supervision(report_.progress(), report_.cpus(), options_.stall);
   Wanted wanted{Action::kIfWritten, Action::kRead, foreign_};
@@ -259,9 +261,9 @@ void Recording::take_written(Batch &batch, Entry &entry) {
   writing_ = false;
 }
 
-void Recording::restore(const String &path) {
+void Recording::restore(const String &path, const std::optional<Attributes> &now) {
   if (writing_) drop();
-  restored_.push_back(path);
+  restored_.push_back({path, now});
 }
 
 } // namespace scrub

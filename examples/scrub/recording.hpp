@@ -52,6 +52,13 @@ public:
 private:
   using Paths = std::set<String, std::less<>>;
 
+  // A file whose old record stays. Of a copy of the recorded tree, the record gets the inode and
+  // the time of change in the copy: the next run shall know that the file was not written since.
+  struct Restored {
+    String path;
+    std::optional<Attributes> now;
+  };
+
   TreeRecord old_tree() const { return old_ ? old_->again.tree() : TreeRecord(); }
 
   void accept(const std::string &path);
@@ -76,7 +83,7 @@ private:
            const Engine::Take &add);
   int done(Way way, bool has_changed);
   void take_written(Batch &batch, Entry &entry);
-  void restore(const String &path);
+  void restore(const String &path, const std::optional<Attributes> &now = {});
   void judge(const FileRecord &file, const Attributes &now, Comparison &comparison);
   void resolve_moves();
   void finish();
@@ -104,7 +111,7 @@ private:
   bool writing_ = false; // a file that may be dropped
   bool foreign_ = false; // the old manifest is of another tree
   bool hidden_ = false;  // a directory could not be read that is not recorded
-  Vector<String> restored_;
+  Vector<Restored> restored_;
   Paths dropped_;
   Totals read_{};
   Medium medium_{};

@@ -34,7 +34,9 @@ void Recording::skip_changed(const String &path, int error) {
 }
 
 void Recording::judge(const FileRecord &file, const Attributes &now, Comparison &comparison) {
-  const bool wrong = comparison.is_unwritten() && comparison.differing() != 0;
+  // The damage that an earlier run found may still be in a file that was written since.
+  const bool unwritten = comparison.is_unwritten();
+  const bool wrong = comparison.differing() != 0 && (unwritten || known_.contains(file.path));
   const bool accepted = accepted_.contains(file.path);
   if (!wrong || accepted) damaged_.remove(file.path);
   const Verdict verdict = wrong ? Verdict::kDamaged : comparison.verdict();
@@ -47,7 +49,8 @@ void Recording::judge(const FileRecord &file, const Attributes &now, Comparison 
                   .whole_file = true,
                   .begins_file = true,
                   .accepted = wrong && accepted};
-  if (wrong && !accepted) restore(file.path);
+  if (wrong && !accepted)
+    restore(file.path, foreign_ && unwritten ? std::optional(now) : std::nullopt);
   report_.finding(finding);
 }
 
@@ -61,7 +64,7 @@ void Recording::resolve_moves() {
     const bool accepted = accepted_.contains(path);
     if (!accepted) {
       dropped_.insert(path);
-      restored_.push_back(from);
+      restored_.push_back({from, {}});
     }
     report_.finding({.verdict = Verdict::kDamaged,
                      .path = path,
@@ -71,14 +74,14 @@ void Recording::resolve_moves() {
                      .accepted = accepted});
   };
   actions.unreadable = [this](const String &path, const String &from, int error) {
-    restored_.push_back(from);
+    restored_.push_back({from, {}});
     report_.finding(
         {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
   };
   actions.missing = [this](const String &path, std::uint64_t size) {
     Finding finding{.verdict = Verdict::kMissing, .path = path, .recorded_size = size};
     if (hidden_) {
-      restored_.push_back(path);
+      restored_.push_back({path, {}});
       finding.verdict = Verdict::kUnreadable;
       finding.why = "missing, or below a directory that cannot be read";
     }
@@ -116,7 +119,7 @@ void Recording::finish() {
   report_.finish(summary);
 }
 
-// What create records is right by definition.
+// What create records is the reference from then on.
 void Recording::save_damaged() {
   if (!update_) damaged_.clear();
   if (const int error = damaged_.save(); error != 0)
@@ -126,7 +129,7 @@ void Recording::save_damaged() {
 
 // Writes the manifest once more, with old records in place of new ones.
 void Recording::write_restored() {
-  std::ranges::sort(restored_, path_before);
+  std::ranges::sort(restored_, path_before, &Restored::path);
   const Fd fresh_fd = writer_->detach();
   ManifestReader fresh(fresh_fd.get(), job_.paths.manifest());
   const Fd old_fd = open_again(old_->fd, old_->name);
@@ -137,9 +140,13 @@ void Recording::write_restored() {
   FileRecord recorded;
   auto restored = restored_.begin();
   const auto write_until = [&](const String *path) {
-    for (; restored != restored_.end() && (path == nullptr || path_before(*restored, *path));
+    for (; restored != restored_.end() && (path == nullptr || path_before(restored->path, *path));
          ++restored) {
-      while (old.next_file(recorded) && recorded.path != *restored) {
+      while (old.next_file(recorded) && recorded.path != restored->path) {
+      }
+      if (restored->now) {
+        recorded.inode = restored->now->inode;
+        recorded.changed = restored->now->changed;
       }
       write_blocks(recorded, old);
     }

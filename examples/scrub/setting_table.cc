@@ -3,9 +3,13 @@
 #include "setting_table.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <stdexcept>
 #include <string_view>
+#include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 #include "checksums.hpp"
@@ -78,6 +82,18 @@ void take_number(Options &options, const char *name, Text value) {
   options.settings.*member = number_value(name, value, {least, most, step});
 }
 
+// A nice value belongs to a thread: one that ends at once tries it.
+void take_nice(Options &options, const char *name, Text value) {
+  take_number<&Settings::nice, 0, 19>(options, name, value);
+  int error = 0;
+  std::thread([&] {
+    if (setpriority(PRIO_PROCESS, 0, static_cast<int>(options.settings.nice)) != 0) error = errno;
+  }).join();
+  if (error != 0)
+    throw std::invalid_argument(std::string(name) + " is '" + readable(value) +
+                                "', which this process may not set: " + std::strerror(error));
+}
+
 void take_cpus(Options &options, const char *, Text value) {
   for (std::string item : split(value, ',')) {
     item.erase(0, item.find_first_not_of(" \t"));
@@ -106,7 +122,7 @@ constexpr KnownSetting kSettings[] = {
      take_number<&Settings::read_size_limit, kBlockSize, 1048576, kBlockSize>},
     {"THREADS", {}, take_number<&Settings::threads, 1, 16>},
     {"RATE_LIMIT", {}, take_number<&Settings::rate_limit, 0, 100000>},
-    {"NICE", {}, take_number<&Settings::nice, 0, 19>},
+    {"NICE", {}, take_nice},
     {"PRODUCT",
      {},
      [](Options &options, const char *name, Text value) {

@@ -56,7 +56,7 @@ std::vector<std::string> StateFile::read() const {
   const std::size_t last = text.rfind('\n', text.size() < 2 ? 0 : text.size() - 2);
   const std::size_t body = last == text.npos ? 0 : last + 1;
   if (text.substr(body) != crc_line(std::string_view(text).substr(0, body)))
-    throw std::runtime_error(path_ + " is not as it was written");
+    throw std::runtime_error(path_ + " is not as it was written; remove it to go on without it");
   std::vector<std::string> lines;
   for (std::size_t at = 0; at < body;) {
     const std::size_t end = text.find('\n', at);

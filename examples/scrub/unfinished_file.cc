@@ -2,13 +2,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "unfinished_file.hpp"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <stdexcept>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "errors.hpp"
+#include "manifest_encoding.hpp"
 
 namespace scrub {
 namespace {
@@ -103,12 +107,22 @@ bool UnfinishedFile::keep_old() const {
   return true;
 }
 
-// Refuses to replace anything but a regular file, such as a device or a directory.
+// Refuses to replace anything but a manifest, such as a device, a directory or a file of data.
 void UnfinishedFile::check_replaceable(const std::string &name) const {
+  const std::string path = paths_.manifest_directory + "/" + name;
   struct stat status {};
   if (fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
   if (!S_ISREG(status.st_mode))
-    fail("cannot replace " + paths_.manifest_directory + "/" + name + ", no regular file", EEXIST);
+    throw std::runtime_error("cannot replace " + path + ": it is no regular file");
+  if (status.st_size == 0) return;
+  const Fd file(
+      openat(directory_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file) fail("cannot read " + path);
+  char title[kManifestTitle.size()];
+  const ssize_t got = pread(file.get(), title, sizeof title, 0);
+  if (got < 0) fail("cannot read " + path);
+  if (std::string_view(title, static_cast<std::size_t>(got)) != kManifestTitle)
+    throw std::runtime_error("cannot replace " + path + ": it is no manifest");
 }
 
 struct stat UnfinishedFile::open_locked(int flags) {
@@ -118,8 +132,10 @@ struct stat UnfinishedFile::open_locked(int flags) {
   if (!file)
     fail("cannot write into " + paths_.manifest_directory +
          ", choose another place with --manifest");
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0)
-    fail("another run is writing " + paths_.manifest());
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK) fail("cannot lock " + paths_.unfinished());
+    throw std::runtime_error("another run is writing " + paths_.manifest());
+  }
 
   // Between the two calls, another run may have renamed or replaced the file.
   struct stat opened {};

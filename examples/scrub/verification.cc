@@ -36,7 +36,10 @@ void Verification::run() {
                   [this](std::span<Entry> entries) { return planner_->fill(entries); });
   second_.emplace(tree_, *engine_, [this](const Suspects &suspects) { judge(suspects); });
   compare();
-  if (!over()) second_->finish();
+  if (!over()) {
+    second_->finish();
+    limited_ = false; // everything was read
+  }
   if (!over()) resolve_moves();
   ranges_.flush();
   report_.end_file();

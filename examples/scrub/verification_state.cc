@@ -59,7 +59,10 @@ void Verification::resume() {
   window_.resume_at(checkpoint->position);
   resumed_at_ = checkpoint->position;
   resumed_ = true;
-  report_.note(std::string("Going on after ") + escape(checkpoint->position.path).c_str());
+  const std::string path(escape(checkpoint->position.path));
+  report_.note(checkpoint->position.block == 0
+                   ? "Going on after " + path
+                   : "Going on in " + path + " at block " + grouped(checkpoint->position.block));
   for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
     count(static_cast<Count>(i)) += checkpoint->counts[i];
   // What the run meets again.
