@@ -23,9 +23,11 @@
 #include "damaged_list.hpp"
 #include "instance.hpp"
 #include "moves.hpp"
+#include "pace.hpp"
 #include "report.hpp"
 #include "scrub.hpp"
 #include "support/scratch.hpp"
+#include "support/threads.hpp"
 #include "vorn_init.h"
 #include "window.hpp"
 
@@ -419,6 +421,34 @@ TEST(ScrubDamagedList, StandsForEveryFileBeyondItsLimit) {
   read.clear();
   EXPECT_EQ(read.save(), 0);
   EXPECT_FALSE(std::filesystem::exists(directory / "m.damaged"));
+}
+
+TEST(ScrubDamagedList, KeepsWhatAnotherRunHasChanged) {
+  const scratch::Directory directory;
+  const scrub::OwnPaths paths{directory.path(), "m", directory.path()};
+  scrub::DamagedList first(paths);
+  first.add("right again");
+  EXPECT_EQ(first.save(), 0);
+  scrub::DamagedList second(paths);
+  first.add("a");
+  EXPECT_EQ(first.save(), 0);
+  second.add("b");
+  second.remove("right again");
+  EXPECT_EQ(second.save(), 0);
+  for (const scrub::DamagedList &list : {scrub::DamagedList(paths), second})
+    EXPECT_TRUE(list.contains("a") && list.contains("b") && !list.contains("right again"));
+}
+
+TEST(ScrubPace, LetsWaitingThreadsBeginOneAfterTheOther) {
+  ASSERT_EQ(vorn_Init(), 0);
+  scrub::Pace pace(1'000'000);
+  const std::atomic<bool> stopped = false;
+  const auto started = Clock::now();
+  run_threads(8, [&](int) {
+    scrub::FineSleep sleep;
+    pace.wait(100'000, sleep, stopped);
+  });
+  EXPECT_GE(Clock::now() - started, milliseconds(600)); // 0.8 s, less the first and the window
 }
 
 // Uneven reads keep the rate in every span.

@@ -54,9 +54,9 @@ std::string what_is_missing(const Tally &tally, const Summary &summary) {
 
 std::string damage_line(Command command, const Tally &tally, const Summary &summary) {
   const std::uint64_t blocks = tally[Count::kDamagedBlocks];
-  std::string line = "SILENT DAMAGE: " + counted(blocks, "block") + " of " +
-                     counted(tally[Count::kDamaged], "file") +
-                     (blocks == 1 ? " differs" : " differ") +
+  const std::uint64_t files = tally[Count::kDamaged];
+  std::string line = "SILENT DAMAGE: " + (blocks == 0 ? "the content" : counted(blocks, "block")) +
+                     " of " + counted(files, "file") + (blocks < 2 ? " differs" : " differ") +
                      ", and nothing says that a program wrote there";
   if (command == Command::kUpdate) line += "; the manifest keeps the record";
   const std::string missing = what_is_missing(tally, summary);

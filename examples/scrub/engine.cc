@@ -28,7 +28,8 @@ constexpr std::uint64_t kLeastPieces = 4;
 constexpr std::uint64_t kCachedRead = 128 << 10;
 
 // The most bytes of a hole that are taken at once: an interrupt ends the run between pieces.
-constexpr std::uint64_t kMostHole = 1 << 30;
+// All its blocks may be wrong and wait for a second read.
+constexpr std::uint64_t kMostHole = 1 << 25;
 
 [[gnu::noinline]] void fault_on_purpose() {
   static volatile std::uintptr_t never_mapped = 8;

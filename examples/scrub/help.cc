@@ -63,7 +63,7 @@ a change says that the file was written. A block that differs is read again a
 second later. If it is right then, the data are good, but the device, the path
 to it or memory had a passing fault. A manifest is replaced only when the new
 one is complete. Links are not followed. In a name, each byte of a blank, a
-control character, '%' or invalid UTF-8 is printed as %XX.
+control character, a change of direction, '%' or invalid UTF-8 is printed as %XX.
 
 Files, all of them for their owner alone; MANIFEST is DIR/.vorn-scrub or that of
 --manifest:
@@ -72,13 +72,15 @@ Files, all of them for their owner alone; MANIFEST is DIR/.vorn-scrub or that of
   MANIFEST.unfinished  a record that is being written; an interrupted create
                        leaves it for --resume, and SIGKILL leaves it too
   MANIFEST.checkpoint  where an interrupted verify ended
-  MANIFEST.damaged     the files that the last verify found damaged
+  MANIFEST.damaged     the files that verify found damaged, until they are right
+                       again or accepted
   MANIFEST.part        the part that was completed last
   NAME.log, NAME.log.N the log, in the directory of --log; NAME is the last
                        component of MANIFEST
 
-Signals: SIGUSR1 prints the progress. SIGINT and SIGTERM end the run within a
-second, with its summary and a checkpoint.
+Signals: SIGUSR1 prints the progress. SIGINT, SIGTERM and, without nohup(1),
+SIGHUP end the run within a second, with its summary; create and verify can go
+on with --resume.
 
 Exit status; if several hold, the first of 2, 1, 3, 4, 0:
   0  clean; or the manifest was made or brought up to date

@@ -47,7 +47,12 @@ void add_sectors(Json &json, const Finding &finding) {
   json.end_array();
 }
 
+// It is known how many blocks of a whole file differ, not which; of a moved one, nothing.
 void add_range(Json &json, const Finding &finding) {
+  if (finding.whole_file) {
+    if (finding.blocks != 0) json.key("blocks").number(finding.blocks);
+    return;
+  }
   json.key("first_block").number(finding.first_block).key("blocks").number(finding.blocks);
   json.key("offset").number(finding.first_block * kBlockSize);
   json.key("length").number(bytes_of(finding));

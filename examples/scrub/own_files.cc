@@ -2,8 +2,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "own_files.hpp"
 
-#include <algorithm>
-#include <iterator>
+#include "state_file.hpp"
 
 namespace scrub {
 namespace {
@@ -38,10 +37,12 @@ bool OwnFiles::contains(const struct stat &directory, std::string_view name) con
 
 bool OwnFiles::is_beside_manifest(std::string_view name) const {
   if (!name.starts_with(paths_.manifest_name)) return false;
-  const std::string names[] = {paths_.manifest_name,     paths_.old_name(),
-                               paths_.unfinished_name(), paths_.checkpoint_name(),
-                               paths_.damaged_name(),    paths_.part_name()};
-  return std::ranges::find(names, name) != std::end(names);
+  if (name == paths_.manifest_name || name == paths_.old_name() || name == paths_.unfinished_name())
+    return true;
+  // A killed run may leave what was to become a state file, too.
+  if (name.ends_with(kUnfinishedState)) name.remove_suffix(kUnfinishedState.size());
+  return name == paths_.checkpoint_name() || name == paths_.damaged_name() ||
+         name == paths_.part_name();
 }
 
 // "NAME.log", and "NAME.log.1" and so on for the rotated logs.

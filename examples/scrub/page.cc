@@ -168,6 +168,11 @@ std::string sectors_text(const Finding &finding) {
 
 Html damage_cells(const Finding &finding) {
   Html html;
+  if (finding.whole_file) {
+    html << cell(finding.blocks == 0 ? "" : counted(finding.blocks, "block")) << number_cell("")
+         << cell("") << cell("") << cell("");
+    return html;
+  }
   const std::uint64_t last = finding.first_block + finding.blocks - (finding.blocks == 0 ? 0 : 1);
   html << cell(range_text(finding.first_block, last))
        << number_cell(finding.first_block * kBlockSize)

@@ -74,6 +74,13 @@ void Progress::print(const char *format, ...) {
   std::putchar('\n');
 }
 
+void Progress::warn(const char *text) {
+  const std::lock_guard hold(mutex_);
+  clear_bar();
+  std::fflush(stdout);
+  console_.say("%s", text);
+}
+
 // The bar of a complete run ends at 100 %, also if files were skipped or have shrunk.
 void Progress::finish(bool complete) {
   vorn_timer_delete_sync(&timer_);

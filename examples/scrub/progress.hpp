@@ -61,6 +61,9 @@ public:
   // Prints a line on standard output, above the bar.
   void print(const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+  // Writes a line on standard error, whatever the form of the output is.
+  void warn(const char *text);
+
   // Draws the last state, which stays on the screen. If the run is not complete, the bar stays
   // where it is.
   void finish(bool complete);

@@ -97,6 +97,7 @@ void Recording::resolve_moves() {
 void Recording::finish() {
   Summary summary;
   summary.interrupted = interrupted();
+  summary.resumed = !update_ && old_ != nullptr;
   if (!interrupted()) {
     if (!restored_.empty()) write_restored();
     if (!interrupted()) {

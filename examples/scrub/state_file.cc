@@ -71,7 +71,7 @@ int StateFile::write(const std::vector<std::string> &lines) const {
   for (const std::string &line : lines)
     text += line + "\n";
   text += crc_line(text);
-  const std::string unfinished = path_ + ".unfinished";
+  const std::string unfinished = path_ + std::string(kUnfinishedState);
   Fd fd(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              0600));
   if (!fd) return errno;

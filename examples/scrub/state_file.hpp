@@ -9,6 +9,9 @@
 
 namespace scrub {
 
+// What a state file is called while it is written, after its name.
+inline constexpr std::string_view kUnfinishedState = ".unfinished";
+
 // The last line is a CRC-32C of those before it.
 class StateFile {
 public:

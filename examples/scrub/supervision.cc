@@ -56,11 +56,10 @@ std::uint64_t Supervision::check() {
   thread_table().sample();
   const bool overran = vorn_sched_work_timeout_theck() != 0;
   if (overran)
-    progress_.print(
-        "OVERRUN     scheduled work is beyond its time limit: the log names the thread");
+    progress_.warn("OVERRUN     scheduled work is beyond its time limit: the log names the thread");
   const bool stands_still = vorn_is_all_work_timeout() != 0;
   if (stands_still)
-    progress_.print("STANDSTILL  all threads of scheduled work hang: the log names some of them");
+    progress_.warn("STANDSTILL  all threads of scheduled work hang: the log names some of them");
   if (overran) noticed_ = true;
   return overran || stands_still ? kIntervalOfOverrun : kInterval;
 }

@@ -3,13 +3,16 @@
 #include "unfinished_file.hpp"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 #include "errors.hpp"
 #include "manifest_encoding.hpp"
@@ -18,6 +21,7 @@ namespace scrub {
 namespace {
 
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+constexpr std::size_t kChunk = 65536; // of a comparison
 
 } // namespace
 
@@ -64,6 +68,12 @@ void UnfinishedFile::commit() {
   const int directory = directory_.get();
   const std::string &name = paths_.manifest_name;
   sync();
+  if (is_as_the_manifest()) { // keep the one before, which differs
+    if (unlinkat(directory, paths_.unfinished_name().c_str(), 0) != 0)
+      fail("cannot remove " + paths_.unfinished());
+    file_ = Fd();
+    return;
+  }
   const bool moved = keep_old();
   if (renameat(directory, paths_.unfinished_name().c_str(), directory, name.c_str()) != 0) {
     const int error = errno;
@@ -89,6 +99,25 @@ Fd UnfinishedFile::detach() {
       lseek(file_.get(), 0, SEEK_SET) != 0)
     fail("cannot read " + paths_.unfinished());
   return std::move(file_);
+}
+
+// Returns whether there is a manifest with the same content and the mode of a new one.
+bool UnfinishedFile::is_as_the_manifest() const {
+  const Fd old(openat(directory_.get(), paths_.manifest_name.c_str(),
+                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!old || fstat(old.get(), &status) != 0) return false;
+  if (static_cast<std::uint64_t>(status.st_size) != length_) return false;
+  if ((status.st_mode & ~S_IFMT) != kOwnerOnly || status.st_uid != geteuid()) return false;
+  std::vector<char> ours(kChunk);
+  std::vector<char> theirs(kChunk);
+  for (std::uint64_t at = 0; at < length_; at += kChunk) {
+    const ssize_t got = pread(file_.get(), ours.data(), kChunk, static_cast<off_t>(at));
+    if (got <= 0 || pread(old.get(), theirs.data(), kChunk, static_cast<off_t>(at)) != got ||
+        std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(got)) != 0)
+      return false;
+  }
+  return true;
 }
 
 // Makes the old name a second name of the manifest, so that the manifest is never without its own.

@@ -43,6 +43,7 @@ public:
 private:
   void check_replaceable(const std::string &name) const;
   struct stat open_locked(int flags);
+  bool is_as_the_manifest() const;
   bool keep_old() const;
   void sync();
 
