@@ -111,11 +111,12 @@ bool UnfinishedFile::is_as_the_manifest() const {
   if ((status.st_mode & ~S_IFMT) != kOwnerOnly || status.st_uid != geteuid()) return false;
   std::vector<char> ours(kChunk);
   std::vector<char> theirs(kChunk);
-  for (std::uint64_t at = 0; at < length_; at += kChunk) {
+  for (std::uint64_t at = 0; at < length_;) {
     const ssize_t got = pread(file_.get(), ours.data(), kChunk, static_cast<off_t>(at));
     if (got <= 0 || pread(old.get(), theirs.data(), kChunk, static_cast<off_t>(at)) != got ||
         std::memcmp(ours.data(), theirs.data(), static_cast<std::size_t>(got)) != 0)
       return false;
+    at += static_cast<std::uint64_t>(got);
   }
   return true;
 }
