@@ -57,12 +57,16 @@ void Recording::judge(const FileRecord &file, const Attributes &now, Comparison 
 void Recording::resolve_moves() {
   MoveActions actions;
   actions.read = [](const String &, int &) { return std::nullopt; };
+  // The list of damage drops a path that the manifest no longer has.
   actions.moved = [this](const String &path, const String &from) {
+    damaged_.remove(from);
     report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
   };
   actions.damaged = [this](const String &path, const String &from) {
     const bool accepted = accepted_.contains(path);
-    if (!accepted) {
+    if (accepted) {
+      damaged_.remove(from);
+    } else {
       dropped_.insert(path);
       restored_.push_back({from, {}});
     }
@@ -84,6 +88,8 @@ void Recording::resolve_moves() {
       restored_.push_back({path, {}});
       finding.verdict = Verdict::kUnreadable;
       finding.why = "missing, or below a directory that cannot be read";
+    } else {
+      damaged_.remove(path);
     }
     report_.finding(finding);
   };
