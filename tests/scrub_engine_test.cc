@@ -395,16 +395,16 @@ TEST(ScrubMoves, AreFoundByIdentityBeforeContent) {
   int moved = 0;
   int damaged = 0;
   scrub::MoveActions actions;
-  actions.moved = [&](const scrub::String &path, const scrub::String &from) {
-    EXPECT_EQ(path, name('b', moved + damaged));
-    EXPECT_EQ(from, name('a', kFiles - 1 - moved - damaged));
+  actions.moved = [&](const scrub::Moved &file) {
+    EXPECT_EQ(file.path, name('b', moved + damaged));
+    EXPECT_EQ(file.from, name('a', kFiles - 1 - moved - damaged));
     ++moved;
   };
-  actions.damaged = [&](const scrub::String &path, const scrub::String &) {
-    EXPECT_EQ(path, name('b', 7));
+  actions.damaged = [&](const scrub::Moved &file) {
+    EXPECT_EQ(file.path, name('b', 7));
     ++damaged;
   };
-  actions.missing = [](const scrub::String &, std::uint64_t) { ADD_FAILURE(); };
+  actions.missing = [](const scrub::String &, std::uint64_t, std::uint64_t) { ADD_FAILURE(); };
   actions.added = [](const scrub::String &, std::uint64_t, int) { ADD_FAILURE(); };
   moves.resolve(actions);
   EXPECT_EQ(moved, kFiles - 1);

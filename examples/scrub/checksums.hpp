@@ -20,7 +20,7 @@ using Bytes = std::span<const std::byte>;
 
 struct Checksums {
   std::uint32_t crc = 0;
-  std::size_t sectors = 0;
+  std::uint32_t sectors = 0;
   std::array<std::uint16_t, kSectorsPerBlock> guards{}; // 0 beyond the sectors
 
   bool operator==(const Checksums &) const = default;
@@ -38,8 +38,8 @@ constexpr std::size_t block_length(std::uint64_t size, std::uint64_t block) {
   return static_cast<std::size_t>(std::min<std::uint64_t>(size - block * kBlockSize, kBlockSize));
 }
 
-constexpr std::size_t sector_count(std::size_t length) {
-  return (length + kSectorSize - 1) / kSectorSize;
+constexpr std::uint32_t sector_count(std::size_t length) {
+  return static_cast<std::uint32_t>((length + kSectorSize - 1) / kSectorSize);
 }
 
 } // namespace scrub

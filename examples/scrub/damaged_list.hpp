@@ -35,8 +35,8 @@ public:
 
 private:
   // Beyond this the list stands for every file.
-  static constexpr std::size_t kMost = 16384;
-  static constexpr std::size_t kMostBytes = 1 << 20; // of all paths
+  static constexpr std::size_t kMost = 4096;
+  static constexpr std::size_t kMostBytes = 256 << 10; // of all paths
 
   void load();
   void insert(std::string_view path);

@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "json_report.hpp"
 
-#include <cinttypes>
+#include <algorithm>
 #include <cstdio>
+#include <span>
+#include <system_error>
 #include <utility>
 
 #include "account.hpp"
@@ -16,9 +18,13 @@ namespace {
 
 constexpr std::uint64_t kVersion = 1; // of the objects
 
-void print_line(const Json &json) {
+void print(const Json &json) {
   const String &text = json.str();
   std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void print_line(const Json &json) {
+  print(json);
   std::putchar('\n');
   std::fflush(stdout);
 }
@@ -140,16 +146,14 @@ void add_figures(Json &json, const DirectoryFigures &figures) {
 
 JsonRun::JsonRun(Output output, Command command, std::string version)
     : output_(output), command_(command), version_(std::move(version)),
-      started_(std::time(nullptr)) {
-  directories_.begin_array();
-}
+      started_(std::time(nullptr)) {}
 
 void JsonRun::begin_directory(const Job &job, bool has_log) {
   root_ = job.root;
   manifest_ = job.paths.manifest();
   log_ = has_log ? job.paths.log() : "";
-  findings_ = Json();
-  findings_.begin_array();
+  if (!findings_) findings_.emplace(job.paths.manifest_directory);
+  begin_ = bytes_;
   left_out_ = 0;
 }
 
@@ -163,14 +167,23 @@ void JsonRun::finding(const Finding &finding) {
     return;
   }
   add_finding(json, finding);
-  const String &text = json.end_object().str();
+  keep(json.end_object().str());
+}
+
+void JsonRun::keep(const String &finding) {
+  const String text = bytes_ == begin_ ? finding : "," + finding;
   if (kept_ == kMostFindings || bytes_ + text.size() > kMostBytes) {
+    ++left_out_;
+    return;
+  }
+  try {
+    findings_->add(std::as_bytes(std::span(text)));
+  } catch (const std::system_error &) {
     ++left_out_;
     return;
   }
   ++kept_;
   bytes_ += text.size();
-  findings_.raw(text);
 }
 
 void JsonRun::end_directory(const DirectoryFigures &figures, const Tally &tally,
@@ -196,12 +209,12 @@ void JsonRun::end_directory(const DirectoryFigures &figures, const Tally &tally,
     add_figures(json, figures);
   }
   json.key("seconds").real(static_cast<double>(taken) / 1e9);
-  if (output_ == Output::kJson)
-    json.key("findings")
-        .raw(findings_.end_array().str())
-        .key("findings_left_out")
-        .number(left_out_);
-  directories_.raw(json.end_object().str());
+  Json tail;
+  if (output_ == Output::kJson) {
+    json.key("findings").begin_array();
+    tail.end_array().key("findings_left_out").number(left_out_);
+  }
+  directories_.push_back({json, begin_, bytes_, tail.end_object()});
 }
 
 void JsonRun::finish(ExitStatus status, const std::string &error) {
@@ -217,8 +230,24 @@ void JsonRun::finish(ExitStatus status, const std::string &error) {
   json.key("started").text(utc_text(started_)).key("ended").text(utc_text(std::time(nullptr)));
   json.key("status").text(status_name(status)).key("exit_status").number(status);
   if (!error.empty()) json.key("error").text(error);
-  json.key("directories").raw(directories_.end_array().str());
-  print_line(json.end_object());
+  print(json.key("directories").begin_array());
+  for (const Directory &directory : directories_) {
+    if (&directory != &directories_.front()) std::putchar(',');
+    print(directory.head);
+    print_findings(directory);
+    print(directory.tail);
+  }
+  print_line(Json().end_array().end_object());
+}
+
+void JsonRun::print_findings(const Directory &directory) {
+  char text[4096];
+  for (std::uint64_t at = directory.begin; at < directory.end;) {
+    const auto size = std::min<std::uint64_t>(directory.end - at, sizeof text);
+    findings_->read(at, std::as_writable_bytes(std::span(text, size)));
+    std::fwrite(text, 1, size, stdout);
+    at += size;
+  }
 }
 
 } // namespace scrub

@@ -7,12 +7,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "instance.hpp"
 #include "json.hpp"
 #include "page_figures.hpp"
 #include "scrub.hpp"
+#include "spill.hpp"
 #include "summary.hpp"
 
 namespace scrub {
@@ -25,7 +27,8 @@ public:
 
   void begin_directory(const Job &job, bool has_log);
 
-  // With kJsonLines, prints the finding. Otherwise keeps it, as long as the object has room.
+  // With kJsonLines, prints the finding. Otherwise keeps it, as long as the object and the disk
+  // have room.
   void finding(const Finding &finding);
 
   // summary is null if an error ended the run of the directory: figures.failure says which. taken
@@ -42,15 +45,27 @@ public:
   static constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
 
 private:
+  // The object of a directory: the text between head and tail is in findings_.
+  struct Directory {
+    Json head;
+    std::uint64_t begin;
+    std::uint64_t end;
+    Json tail;
+  };
+
+  void keep(const String &finding);
+  void print_findings(const Directory &directory);
+
   const Output output_;
   const Command command_;
   const std::string version_;
   const std::time_t started_;
-  Json directories_; // the array, without its end
-  Json findings_;    // of the current directory, likewise
+  Vector<Directory> directories_;
+  std::optional<TemporaryFile> findings_; // with commas
   std::size_t kept_ = 0;
-  std::size_t bytes_ = 0;
-  std::uint64_t left_out_ = 0; // of the current directory
+  std::uint64_t bytes_ = 0;    // in findings_
+  std::uint64_t begin_ = 0;    // of the current directory
+  std::uint64_t left_out_ = 0; // likewise
 
   std::string root_;
   std::string manifest_;

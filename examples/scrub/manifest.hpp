@@ -45,6 +45,10 @@ struct Totals {
 // walk that takes the names of each directory in byte order yields this order.
 bool path_before(std::string_view a, std::string_view b);
 
+struct PathBefore {
+  bool operator()(const String &a, const String &b) const { return path_before(a, b); }
+};
+
 // Returns whether the path is relative, stays below the root, and has no superfluous component.
 bool is_tree_path(std::string_view path);
 

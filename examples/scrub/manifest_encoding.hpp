@@ -81,7 +81,7 @@ inline std::size_t store_block(const Checksums &block, char *bytes) {
   return block_bytes(block.sectors);
 }
 
-inline void load_block(const char *bytes, std::size_t sectors, Checksums &block) {
+inline void load_block(const char *bytes, std::uint32_t sectors, Checksums &block) {
   block = {};
   block.crc = load_little<std::uint32_t>(bytes);
   block.sectors = sectors;

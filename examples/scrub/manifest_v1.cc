@@ -73,7 +73,7 @@ bool parse_file(std::string_view text, FileRecord &file) {
 }
 
 // The block must have one guard for each of the sectors.
-bool parse_block(std::string_view text, std::uint64_t &number, std::size_t sectors,
+bool parse_block(std::string_view text, std::uint64_t &number, std::uint32_t sectors,
                  Checksums &block) {
   Fields fields(text);
   block = {};
@@ -134,7 +134,7 @@ bool ManifestV1::next_file(FileRecord &file) {
 
 bool ManifestV1::next_block(Checksums &block) {
   if (!has_blocks_left()) return false;
-  const std::size_t sectors = sector_count(block_length(size_, next_block_));
+  const std::uint32_t sectors = sector_count(block_length(size_, next_block_));
   std::uint64_t number = 0;
   if (!parse_block(next_line(), number, sectors, block) || number != next_block_)
     refuse("the line of block " + std::to_string(next_block_) + " with " + std::to_string(sectors) +

@@ -191,7 +191,7 @@ bool ManifestV2::next_block(Checksums &block) {
   if (zeros_) {
     block = zero_block();
   } else {
-    const std::size_t sectors = sector_count(block_length(size_, next_block_));
+    const std::uint32_t sectors = sector_count(block_length(size_, next_block_));
     load_block(frame_.data(), sectors, block);
     frame_.skip(block_bytes(sectors));
   }

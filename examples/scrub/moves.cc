@@ -78,8 +78,9 @@ private:
   Vector<Candidate> files_;
 };
 
-void Moves::missing(const FileRecord &record, std::uint64_t digest) {
+void Moves::missing(const FileRecord &record, std::uint64_t digest, std::uint64_t number) {
   Candidate file;
+  file.record = number;
   file.inode = record.inode;
   file.size = record.size;
   file.written = record.written;
@@ -89,8 +90,9 @@ void Moves::missing(const FileRecord &record, std::uint64_t digest) {
 }
 
 void Moves::added(std::string_view path, const Attributes &now, std::optional<std::uint64_t> digest,
-                  int error) {
+                  int error, std::uint64_t number) {
   Candidate file;
+  file.record = number;
   file.inode = now.inode;
   file.size = now.size;
   file.written = now.written;
@@ -183,7 +185,7 @@ void Moves::tell(const MoveActions &actions) {
     const Candidate come = fresh < fresh_.size() ? fresh_.get(fresh) : Candidate{};
     const String path = fresh < fresh_.size() ? fresh_.path(come) : String();
     if (fresh == fresh_.size() || (lost < lost_.size() && path_before(from, path))) {
-      actions.missing(from, gone.size);
+      actions.missing(from, gone.size, gone.record);
       ++lost;
     } else {
       tell_added(come, path, actions);
@@ -194,10 +196,11 @@ void Moves::tell(const MoveActions &actions) {
 
 void Moves::tell_added(const Candidate &fresh, const String &path, const MoveActions &actions) {
   if (fresh.state == Candidate::State::kOpen) return actions.added(path, fresh.size, fresh.error);
-  const String from = lost_.path(lost_.get(fresh.partner));
-  if (fresh.state == Candidate::State::kMoved) return actions.moved(path, from);
-  if (fresh.state == Candidate::State::kDamaged) return actions.damaged(path, from);
-  actions.unreadable(path, from, fresh.error);
+  const Candidate lost = lost_.get(fresh.partner);
+  const Moved moved{path, fresh.record, lost_.path(lost), lost.record};
+  if (fresh.state == Candidate::State::kMoved) return actions.moved(moved);
+  if (fresh.state == Candidate::State::kDamaged) return actions.damaged(moved);
+  actions.unreadable(moved, fresh.error);
 }
 
 } // namespace scrub

@@ -145,7 +145,7 @@ void Recording::take_lost(const Entry &entry) {
   Checksums block;
   while (old_->again.next_block(block) && !interrupted())
     digest.add(block);
-  moves_.missing(entry.record, digest.value());
+  moves_.missing(entry.record, digest.value(), old_->again.totals().files);
 }
 
 void Recording::take_added(Batch &batch, Entry &entry) {
@@ -178,7 +178,7 @@ void Recording::read_anew(Batch &batch, Entry &entry) {
     return skip_changed(entry.path(), error);
   }
   writing_ = false;
-  if (update_) moves_.added(entry.path(), now, digest.value(), 0);
+  if (update_) moves_.added(entry.path(), now, digest.value(), 0, writer_->totals().files);
 }
 
 void Recording::write(const Engine::Blocks &blocks, Digest *digest) {
@@ -252,7 +252,7 @@ void Recording::take_written(Batch &batch, Entry &entry) {
   });
   if (error == EINTR) return;
   if (error != 0) {
-    restore(entry.record.path);
+    restore();
     const bool changed = is_gone(error);
     return tell_left(entry.record, changed ? Verdict::kChanged : Verdict::kUnreadable,
                      changed ? "written or replaced while the run read it" : std::strerror(error));
@@ -261,9 +261,10 @@ void Recording::take_written(Batch &batch, Entry &entry) {
   writing_ = false;
 }
 
-void Recording::restore(const String &path, const std::optional<Attributes> &now) {
+// The old record of the current file stays.
+void Recording::restore() {
   if (writing_) drop();
-  restored_.push_back({path, now});
+  restored_.add(old_->again.totals().files);
 }
 
 } // namespace scrub

@@ -20,6 +20,7 @@
 #include "moves.hpp"
 #include "opening.hpp"
 #include "planner.hpp"
+#include "record_set.hpp"
 #include "report.hpp"
 #include "scrub.hpp"
 
@@ -52,13 +53,6 @@ public:
 private:
   using Paths = std::set<String, std::less<>>;
 
-  // A file whose old record stays. Of a copy of the recorded tree, the record gets the inode and
-  // the time of change in the copy: the next run shall know that the file was not written since.
-  struct Restored {
-    String path;
-    std::optional<Attributes> now;
-  };
-
   TreeRecord old_tree() const { return old_ ? old_->again.tree() : TreeRecord(); }
 
   void accept(const std::string &path);
@@ -83,12 +77,13 @@ private:
            const Engine::Take &add);
   int done(Way way, bool has_changed);
   void take_written(Batch &batch, Entry &entry);
-  void restore(const String &path, const std::optional<Attributes> &now = {});
+  void restore();
   void judge(const FileRecord &file, const Attributes &now, Comparison &comparison);
   void resolve_moves();
   void finish();
   void save_damaged();
   void write_restored();
+  void settle(FileRecord &record) const;
   void write_blocks(const FileRecord &file, ManifestReader &manifest);
 
   const Job &job_;
@@ -111,8 +106,8 @@ private:
   bool writing_ = false; // a file that may be dropped
   bool foreign_ = false; // the old manifest is of another tree
   bool hidden_ = false;  // a directory could not be read that is not recorded
-  Vector<Restored> restored_;
-  Paths dropped_;
+  RecordSet restored_;   // old records that stay
+  RecordSet dropped_;    // new records that do not
   Totals read_{};
   Medium medium_{};
 

@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "recording.hpp"
 
-#include <algorithm>
 #include <cstring>
+#include <sys/stat.h>
 
 #include "interrupt.hpp"
 #include "manifest_reader.hpp"
@@ -35,8 +35,8 @@ void Recording::skip_changed(const String &path, int error) {
 
 void Recording::judge(const FileRecord &file, const Attributes &now, Comparison &comparison) {
   // The damage that an earlier run found may still be in a file that was written since.
-  const bool unwritten = comparison.is_unwritten();
-  const bool wrong = comparison.differing() != 0 && (unwritten || known_.contains(file.path));
+  const bool wrong =
+      comparison.differing() != 0 && (comparison.is_unwritten() || known_.contains(file.path));
   const bool accepted = accepted_.contains(file.path);
   if (!wrong || accepted) damaged_.remove(file.path);
   const Verdict verdict = wrong ? Verdict::kDamaged : comparison.verdict();
@@ -49,8 +49,7 @@ void Recording::judge(const FileRecord &file, const Attributes &now, Comparison 
                   .whole_file = true,
                   .begins_file = true,
                   .accepted = wrong && accepted};
-  if (wrong && !accepted)
-    restore(file.path, foreign_ && unwritten ? std::optional(now) : std::nullopt);
+  if (wrong && !accepted) restore();
   report_.finding(finding);
 }
 
@@ -58,34 +57,36 @@ void Recording::resolve_moves() {
   MoveActions actions;
   actions.read = [](const String &, int &) { return std::nullopt; };
   // The list of damage drops a path that the manifest no longer has.
-  actions.moved = [this](const String &path, const String &from) {
-    damaged_.remove(from);
-    report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
+  actions.moved = [this](const Moved &file) {
+    damaged_.remove(file.from);
+    report_.finding({.verdict = Verdict::kMoved, .path = file.path, .from = file.from});
   };
-  actions.damaged = [this](const String &path, const String &from) {
-    const bool accepted = accepted_.contains(path);
+  actions.damaged = [this](const Moved &file) {
+    const bool accepted = accepted_.contains(file.path);
     if (accepted) {
-      damaged_.remove(from);
+      damaged_.remove(file.from);
     } else {
-      dropped_.insert(path);
-      restored_.push_back({from, {}});
+      dropped_.add(file.record);
+      restored_.add(file.from_record);
     }
     report_.finding({.verdict = Verdict::kDamaged,
-                     .path = path,
-                     .from = from,
+                     .path = file.path,
+                     .from = file.from,
                      .whole_file = true,
                      .begins_file = true,
                      .accepted = accepted});
   };
-  actions.unreadable = [this](const String &path, const String &from, int error) {
-    restored_.push_back({from, {}});
-    report_.finding(
-        {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
+  actions.unreadable = [this](const Moved &file, int error) {
+    restored_.add(file.from_record);
+    report_.finding({.verdict = Verdict::kUnreadable,
+                     .path = file.path,
+                     .from = file.from,
+                     .why = reason(error)});
   };
-  actions.missing = [this](const String &path, std::uint64_t size) {
+  actions.missing = [this](const String &path, std::uint64_t size, std::uint64_t record) {
     Finding finding{.verdict = Verdict::kMissing, .path = path, .recorded_size = size};
     if (hidden_) {
-      restored_.push_back({path, {}});
+      restored_.add(record);
       finding.verdict = Verdict::kUnreadable;
       finding.why = "missing, or below a directory that cannot be read";
     } else {
@@ -136,7 +137,6 @@ void Recording::save_damaged() {
 
 // Writes the manifest once more, with old records in place of new ones.
 void Recording::write_restored() {
-  std::ranges::sort(restored_, path_before, &Restored::path);
   const Fd fresh_fd = writer_->detach();
   ManifestReader fresh(fresh_fd.get(), job_.paths.manifest());
   const Fd old_fd = open_again(old_->fd, old_->name);
@@ -144,25 +144,37 @@ void Recording::write_restored() {
   writer_.emplace(job_.paths, record_);
 
   FileRecord file;
-  FileRecord recorded;
-  auto restored = restored_.begin();
+  FileRecord stays;
+  const auto next_restored = [&] {
+    while (old.next_file(stays)) {
+      if (restored_.contains(old.totals().files)) return true;
+    }
+    return false;
+  };
+  bool more = next_restored();
   const auto write_until = [&](const String *path) {
-    for (; restored != restored_.end() && (path == nullptr || path_before(restored->path, *path));
-         ++restored) {
-      while (old.next_file(recorded) && recorded.path != restored->path) {
-      }
-      if (restored->now) {
-        recorded.inode = restored->now->inode;
-        recorded.changed = restored->now->changed;
-      }
-      write_blocks(recorded, old);
+    for (; more && (path == nullptr || path_before(stays.path, *path)) && !interrupted();
+         more = next_restored()) {
+      settle(stays);
+      write_blocks(stays, old);
     }
   };
   while (fresh.next_file(file) && !interrupted()) {
     write_until(&file.path);
-    if (!dropped_.contains(file.path)) write_blocks(file, fresh);
+    if (!dropped_.contains(fresh.totals().files)) write_blocks(file, fresh);
   }
-  if (!interrupted()) write_until(nullptr);
+  write_until(nullptr);
+}
+
+// Of a copy of the recorded tree, a record that stays gets the inode and the time of change in the
+// copy: the next run shall know that the file was not written since.
+void Recording::settle(FileRecord &record) const {
+  struct stat status {};
+  if (!foreign_ || !tree_.status(record.path, status) || !S_ISREG(status.st_mode)) return;
+  const Attributes now = attributes_of(status);
+  if (now.size != record.size || !same_time(now.written, record.written)) return;
+  record.inode = now.inode;
+  record.changed = now.changed;
 }
 
 void Recording::write_blocks(const FileRecord &file, ManifestReader &manifest) {

@@ -15,8 +15,15 @@ namespace {
 
 constexpr std::uint64_t kDelay = 1000; // milliseconds
 
-// The most blocks that wait for a pass: this bounds the memory if every block is wrong.
-constexpr std::size_t kMostWaiting = 8192;
+// The most bytes of suspects that wait for a pass: this bounds the memory if every block is wrong.
+constexpr std::size_t kMostWaiting = 1 << 20;
+
+// With what the allocator adds.
+std::size_t bytes_of(const Suspects &suspects) {
+  constexpr std::size_t kAllocations = 64;
+  return sizeof suspects + suspects.file.path.capacity() +
+         suspects.blocks.capacity() * sizeof suspects.blocks[0] + kAllocations;
+}
 
 // Enough for as many reads of a slow disk.
 constexpr unsigned int kTimeLimit = 300; // seconds
@@ -102,9 +109,10 @@ SecondReads::SecondReads(const Tree &tree, Engine &engine,
 SecondReads::~SecondReads() = default;
 
 void SecondReads::add(Suspects suspects) {
-  while (waiting_blocks_ >= kMostWaiting && wait_for_pass()) {
+  while (waiting_bytes_ >= kMostWaiting && wait_for_pass()) {
   }
-  waiting_blocks_ += suspects.blocks.size();
+  suspects.blocks.shrink_to_fit();
+  waiting_bytes_ += bytes_of(suspects);
   waiting_.push_back(std::move(suspects));
   start_pass();
 }
@@ -138,7 +146,7 @@ const Suspects *SecondReads::first() const {
 void SecondReads::start_pass() {
   if (pass_ != nullptr || waiting_.empty()) return;
   pass_ = std::make_unique<Pass>(tree_, engine_, std::exchange(waiting_, {}));
-  waiting_blocks_ = 0;
+  waiting_bytes_ = 0;
 }
 
 // Returns false if there is no pass, or if the run is interrupted.

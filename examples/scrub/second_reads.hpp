@@ -43,7 +43,7 @@ public:
   SecondReads &operator=(const SecondReads &) = delete;
   ~SecondReads(); // waits for a read that is under way
 
-  // Waits while too many blocks wait for their second read.
+  // Waits while too many suspects wait for their second read.
   void add(Suspects suspects);
 
   // Passes the suspects on whose second read is done.
@@ -71,7 +71,7 @@ private:
   const std::function<void(const Suspects &)> take_;
   std::unique_ptr<Pass> pass_;
   std::deque<Suspects> waiting_; // for the next pass
-  std::size_t waiting_blocks_ = 0;
+  std::size_t waiting_bytes_ = 0;
 };
 
 } // namespace scrub

@@ -29,6 +29,11 @@ std::uint64_t TemporaryFile::add(std::span<const std::byte> bytes) {
 }
 
 void TemporaryFile::read(std::uint64_t offset, std::span<std::byte> bytes) {
+  if (offset < written_ && bytes.size() > written_ - offset) {
+    const auto in_file = static_cast<std::size_t>(written_ - offset);
+    read(offset, bytes.first(in_file));
+    return read(written_, bytes.subspan(in_file));
+  }
   if (offset >= written_) {
     std::copy_n(buffer_.begin() + static_cast<std::ptrdiff_t>(offset - written_), bytes.size(),
                 bytes.begin());
@@ -64,12 +69,9 @@ void TemporaryFile::write_out(std::uint64_t offset, std::span<const std::byte> b
 void TemporaryFile::flush() {
   if (buffer_.empty()) return;
   if (!fd_) open();
-  Vector<std::byte> bytes;
-  bytes.swap(buffer_);
-  write_out(written_, bytes);
-  written_ += bytes.size();
-  bytes.clear();
-  buffer_.swap(bytes); // keeps the room
+  write_out(written_, buffer_);
+  written_ += buffer_.size();
+  buffer_.clear();
 }
 
 // The last resort is memory, for a system where nothing can be written.

@@ -1,5 +1,5 @@
-// Keeps a list of files in a temporary file, so that its length does not bound what a run can do,
-// nor the run's memory.
+// Keeps lists in temporary files, so that their length does not bound what a run can do, nor the
+// run's memory.
 // SPDX-License-Identifier: Apache-2.0
 #ifndef SCRUB_SPILL_HPP
 #define SCRUB_SPILL_HPP
@@ -21,10 +21,10 @@ public:
   // The file has no name; it is in the directory if that can be written to, or else in /tmp.
   explicit TemporaryFile(std::string directory) : directory_(std::move(directory)) {}
 
-  // Throw std::system_error, as for a full disk.
+  // Throw std::system_error, as for a full disk. What was added before stays.
   std::uint64_t add(std::span<const std::byte> bytes); // returns their offset
-  // Bytes that were added at once.
   void read(std::uint64_t offset, std::span<std::byte> bytes);
+  // Bytes that were added at once.
   void write(std::uint64_t offset, std::span<const std::byte> bytes);
 
 private:
@@ -45,6 +45,7 @@ struct Candidate {
   std::uint64_t inode = 0;
   std::uint64_t size = 0;
   timespec written{};
+  std::uint64_t record = 0; // the number of the file's record in its manifest
   std::uint64_t digest = 0;
   bool has_digest = false;
   int error = 0; // why it cannot be read

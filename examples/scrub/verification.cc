@@ -64,6 +64,7 @@ void Verification::compare() {
 
 void Verification::take(Batch &batch, Entry &entry) {
   if (!entry.recorded) return take_added(entry);
+  forget_changed();
   while (manifest_.next_file(record_) && record_.path != entry.record.path) {
   }
   if (entry.outside) return;

@@ -52,6 +52,7 @@ private:
   static std::uint64_t bytes_of(const Entry &entry);
   void unreadable(const FileRecord &record, const String &why);
   void changed(const FileRecord &record, const char *why);
+  void forget_changed();
   void fail(const Entry &entry, int error);
   void compare_small(Batch &batch, const Entry &entry);
   void compare_large(const Entry &entry);
@@ -103,8 +104,8 @@ private:
   bool resumed_ = false;
   Position resumed_at_{};
   std::uint64_t last_checkpoint_ = vorn_time_getnanosec();
-  bool foreign_ = false;                  // the manifest is of another tree
-  std::set<String, std::less<>> changed_; // the files told as changed
+  bool foreign_ = false;                 // the manifest is of another tree
+  std::set<String, PathBefore> changed_; // files told as changed that may be judged again
 
   std::optional<Planner> planner_;
   std::optional<Engine> engine_;

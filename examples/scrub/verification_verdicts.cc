@@ -30,6 +30,13 @@ void Verification::changed(const FileRecord &record, const char *why) {
                    .why = why});
 }
 
+// Forgets files of which no second read is left, before the next file is taken.
+void Verification::forget_changed() {
+  const Suspects *first = second_->first();
+  changed_.erase(changed_.begin(),
+                 first != nullptr ? changed_.lower_bound(first->file.path) : changed_.end());
+}
+
 void Verification::fail(const Entry &entry, int error) {
   if (error == EINTR && interrupted()) return;
   report_.progress().drop_bytes(bytes_of(entry));
@@ -60,21 +67,23 @@ void Verification::judge(const Suspects &suspects) {
 void Verification::resolve_moves() {
   MoveActions actions;
   actions.read = [this](const String &path, int &error) { return digest_of(path, error); };
-  actions.moved = [this](const String &path, const String &from) {
-    report_.finding({.verdict = Verdict::kMoved, .path = path, .from = from});
+  actions.moved = [this](const Moved &file) {
+    report_.finding({.verdict = Verdict::kMoved, .path = file.path, .from = file.from});
   };
-  actions.damaged = [this](const String &path, const String &from) {
+  actions.damaged = [this](const Moved &file) {
     report_.finding({.verdict = Verdict::kDamaged,
-                     .path = path,
-                     .from = from,
+                     .path = file.path,
+                     .from = file.from,
                      .whole_file = true,
                      .begins_file = true});
   };
-  actions.unreadable = [this](const String &path, const String &from, int error) {
-    report_.finding(
-        {.verdict = Verdict::kUnreadable, .path = path, .from = from, .why = reason(error)});
+  actions.unreadable = [this](const Moved &file, int error) {
+    report_.finding({.verdict = Verdict::kUnreadable,
+                     .path = file.path,
+                     .from = file.from,
+                     .why = reason(error)});
   };
-  actions.missing = [this](const String &path, std::uint64_t size) {
+  actions.missing = [this](const String &path, std::uint64_t size, std::uint64_t) {
     report_.finding({.verdict = Verdict::kMissing, .path = path, .recorded_size = size});
   };
   actions.added = [this](const String &path, std::uint64_t size, int error) {
