@@ -46,7 +46,7 @@ CommandLine parse(const std::string &text) {
 
 TEST(ScrubOptions, TakesOptionsBeforeAndAfterTheCommand) {
   const CommandLine line =
-      parse("--only=./a//b/ -q update --manifest m --json-lines /t/ --accept /t/a/b/c "
+      parse("--only=./a//b/ -q update --manifest m --json-lines /t/ --accept /t/a/b/c --accept a/b "
             "--only /t/d --exclude *.o --exclude x/ --any-tree");
   EXPECT_EQ(line.command, Command::kUpdate);
   ASSERT_EQ(line.targets.size(), 1u);
@@ -54,7 +54,7 @@ TEST(ScrubOptions, TakesOptionsBeforeAndAfterTheCommand) {
   EXPECT_EQ(line.targets[0].paths.log(), "./m.log");
   EXPECT_EQ(line.options.scope.only, (Words{"a/b", "d"}));
   EXPECT_EQ(line.options.scope.excludes, (Words{"*.o", "x/"}));
-  EXPECT_EQ(line.options.accepted, Words{"a/b/c"});
+  EXPECT_EQ(line.options.accepted, (Words{"a/b/c", "a/b"}));
   EXPECT_EQ(parse("verify d --max-errors 3").options.max_errors, 3u);
   EXPECT_EQ(line.options.output, Output::kJsonLines);
   EXPECT_TRUE(line.options.quiet && line.options.any_tree);

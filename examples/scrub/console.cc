@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "console.hpp"
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -22,15 +21,6 @@ namespace {
 void send_sanitizer_reports_to(int fd) {
   if (__sanitizer_set_report_fd != nullptr)
     __sanitizer_set_report_fd(reinterpret_cast<void *>(static_cast<std::intptr_t>(fd)));
-}
-
-void write_all(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return; // there is no other place to report it
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
 }
 
 } // namespace

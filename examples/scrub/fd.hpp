@@ -3,6 +3,8 @@
 #ifndef SCRUB_FD_HPP
 #define SCRUB_FD_HPP
 
+#include <cerrno>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -26,6 +28,17 @@ public:
 private:
   int fd_;
 };
+
+// Writes the whole text. Returns 0 or an errno.
+inline int write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t done = write(fd, text.data(), text.size());
+    if (done == 0) return EIO;
+    if (done < 0 && errno != EINTR) return errno;
+    if (done > 0) text.remove_prefix(static_cast<std::size_t>(done));
+  }
+  return 0;
+}
 
 } // namespace scrub
 

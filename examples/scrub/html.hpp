@@ -34,8 +34,8 @@ public:
   // characters and invalid UTF-8 show as %XX.
   Html &text(std::string_view text);
 
-  // Adds a path: the word that escape() makes, as in the manifest and the log. Both functions also
-  // show characters that reverse the order of others as %XX, so that "exe.pdf" is no "fdp.exe".
+  // Adds a path: the word that printable() makes. Both functions show characters that reverse the
+  // order of others as %XX, so that "exe.pdf" is no "fdp.exe".
   Html &path(std::string_view path);
 
   // Adds 1234567 as "1,234,567".

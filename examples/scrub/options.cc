@@ -154,11 +154,6 @@ std::string tree_path(const char *option, const std::string &given, std::string_
   return path;
 }
 
-bool is_in(std::string_view path, std::string_view directory) {
-  return path.starts_with(directory) &&
-         (path.size() == directory.size() || path[directory.size()] == '/');
-}
-
 void set_tree_paths(Line &line) {
   const std::string &root = line.targets[0].root;
   std::vector<std::string> &only = line.options.scope.only;
@@ -166,7 +161,9 @@ void set_tree_paths(Line &line) {
     path = tree_path("--only", path, root);
   for (std::string &path : line.options.accepted) {
     path = tree_path("--accept", path, root);
-    const auto holds_it = [&](const std::string &wanted) { return is_in(path, wanted); };
+    const auto holds_it = [&](const std::string &wanted) {
+      return path == wanted || is_below(path, wanted);
+    };
     if (!only.empty() && std::ranges::none_of(only, holds_it))
       wrong("--accept " + readable(path) + " is outside of what --only names");
   }

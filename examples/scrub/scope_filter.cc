@@ -11,13 +11,13 @@ namespace {
 
 constexpr std::string_view kAnyDepth = "**/";
 
+} // namespace
+
 bool is_below(std::string_view path, std::string_view directory) {
   if (directory.empty()) return true;
   return path.size() > directory.size() && path.starts_with(directory) &&
          path[directory.size()] == '/';
 }
-
-} // namespace
 
 bool normal_tree_path(std::string &path) {
   if (path.empty() || path[0] == '/') return false;

@@ -17,6 +17,9 @@ namespace scrub {
 // itself becomes empty. Returns false if the path is empty, absolute, or has the component "..".
 bool normal_tree_path(std::string &path);
 
+// Whether a path in this form is below a directory; all are below the root, which is empty.
+bool is_below(std::string_view path, std::string_view directory);
+
 // Paths are below the root, in the form of a manifest. Patterns are those of fnmatch(3). A pattern
 // without a slash matches a name in any directory. Another one matches a path from the root, or, if
 // it begins with a double star and a slash, from any directory; a star matches no slash. A slash at

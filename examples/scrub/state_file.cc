@@ -37,15 +37,6 @@ std::string contents(const Fd &fd, const std::string &path) {
   throw std::runtime_error(path + " is too long");
 }
 
-int write_all(const Fd &fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t done = write(fd.get(), text.data(), text.size());
-    if (done < 0 && errno != EINTR) return errno;
-    if (done > 0) text.remove_prefix(static_cast<std::size_t>(done));
-  }
-  return 0;
-}
-
 } // namespace
 
 std::vector<std::string> StateFile::read() const {
@@ -75,7 +66,7 @@ int StateFile::write(const std::vector<std::string> &lines) const {
   Fd fd(open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
              0600));
   if (!fd) return errno;
-  int error = write_all(fd, text);
+  int error = write_all(fd.get(), text);
   if (error == 0 && fsync(fd.get()) != 0) error = errno;
   if (error == 0 && rename(unfinished.c_str(), path_.c_str()) != 0) error = errno;
   if (error != 0) unlink(unfinished.c_str());
