@@ -201,18 +201,24 @@ TEST_F(ScrubRead, WrongBlockIsReadAgainASecondLater) {
   }
   EXPECT_GE(Clock::now() - started, std::chrono::seconds(4));
 
-  // What is written between the reads is no damage.
-  wrong_reads = 1;
-  std::thread writer([&] {
-    while (reads == 0)
-      std::this_thread::sleep_for(milliseconds(1));
-    std::this_thread::sleep_for(milliseconds(300));
-    scratch::write_file(path("tree/z"), "second");
-  });
-  expect(run(scrub::verify, scrub::kIncomplete, "tree/z"), {"CHANGED     z: written after"});
-  writer.join();
+  // What is written or removed between the reads is no damage.
+  wrong_reads = 0;
+  for (const bool removed : {false, true}) {
+    run(scrub::create, scrub::kClean);
+    wrong_reads = 1;
+    std::thread writer([&] {
+      while (reads == 0)
+        std::this_thread::sleep_for(milliseconds(1));
+      std::this_thread::sleep_for(milliseconds(300));
+      if (removed) std::filesystem::remove(path("tree/z"));
+      if (!removed) scratch::write_file(path("tree/z"), "second");
+    });
+    expect(run(scrub::verify, scrub::kIncomplete, "tree/z"), {"CHANGED     z: written after"});
+    writer.join();
+  }
 
   // Neither is what is written during the second.
+  scratch::write_file(path("tree/z"), "first");
   run(scrub::create, scrub::kClean);
   wrong_reads = 1;
   const auto second = Clock::now() + milliseconds(700);
@@ -437,7 +443,9 @@ TEST(ScrubDamagedList, KeepsWhatAnotherRunHasChanged) {
   second.add("b");
   second.remove("right again");
   EXPECT_EQ(second.save(), 0);
-  for (const scrub::DamagedList &list : {scrub::DamagedList(paths), second})
+  first.add("c");
+  EXPECT_EQ(first.save(), 0);
+  for (const scrub::DamagedList &list : {scrub::DamagedList(paths), first, second})
     EXPECT_TRUE(list.contains("a") && list.contains("b") && !list.contains("right again"));
 }
 

@@ -394,6 +394,7 @@ TEST_F(Manifest, OfVersion1IsRead) {
   EXPECT_FALSE(manifest->tree().known);
   expect_files(manifest, files);
   EXPECT_EQ(manifest->code(), 0xbb7fa7eeu);
+  EXPECT_NO_THROW(scrub::ManifestWriter(paths_, {})); // which replaces it
 
   const std::string good(kVersion1);
   std::string wrong = good;

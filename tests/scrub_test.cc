@@ -179,16 +179,40 @@ status 0
 
     {"RenamedFileThatIsDamagedIsNotBlessed", R"(
      numbers 9000 >a; touch -d @1 a; quietly scrub create .; mv a b; flip b 1; touch -d @1 b
-     scrub verify .; echo status $?; scrub update -q .; echo status $?
+     scrub verify .; echo status $?; sed 's/^a$/listed/' .vorn-scrub.damaged
+     scrub update -q .; echo status $?
      scrub verify --json . | grep -c first_block; scrub update -q --accept b .; scrub verify -q .)",
      kClean, R"(
 DAMAGED     b: recorded as a, and its content differs$
 SILENT DAMAGE: the content of 1 file differs
 status 1
+listed$
 DAMAGED     b
 status 1
 0$
 ACCEPTED    b$)"},
+
+    {"GrowthDoesNotHideKnownDamage", R"(
+     numbers 9000 >a; touch -d @1 a; silently; flip a 8999; touch -d @1 a
+     scrub verify -q --any-tree --manifest ../m .; echo more >>a
+     scrub update -q --any-tree --manifest ../m .; echo status $?
+     scrub update -q --any-tree --manifest ../m --exclude a .; ls ../m.damaged)",
+     kCouldNotRun, R"(
+DAMAGED     a: block 2
+DAMAGED     a: from 9,000 to 9,005 bytes$
+status 1
+cannot access '../m.damaged')"},
+
+    {"TooManyDamagedFilesStandForAll", R"(
+     name=$(printf %0240d 0)
+     all() { for i in $(seq 1100); do echo $1 >$name$i; done; touch -d @1 *; }
+     check() { quietly scrub verify -q --any-tree --manifest ../m "$@" .; ls ../m.damaged; }
+     all x; silently; all y; check; sed -n 2p ../m.damaged; all x; check --part 1/1; check)",
+     kCouldNotRun, R"(
+../m.damaged$
+%$
+../m.damaged$
+cannot access '../m.damaged')"},
 
     {"UpdateKeepsTheRecordOfWhatItCannotRead", R"(
      mkdir dir was; for name in dir/inside file open was/kept; do echo $name >$name; done
@@ -222,6 +246,7 @@ MOVED       renamed: recorded as open$)"},
      scrub create -q --exclude '*.tmp' --exclude cache/ .; echo w >>a/x.tmp
      scrub verify . | grep read; scrub verify --only b . | grep read
      scrub verify --exclude b . | grep read
+     scrub verify --only b --only c .
      echo n >a/n; echo v >>b/z; scrub update -q --only b .; scrub verify -q .
      scrub update -q --exclude b .; grep -ac b/z .vorn-scrub
      scrub create /proc/self; cp -a . ../copy; scrub verify --manifest .vorn-scrub ../copy)",
@@ -229,6 +254,7 @@ MOVED       renamed: recorded as open$)"},
 2 read
 1 read
 1 read
+--only c: neither in the tree nor recorded$
 GROWN       b/z
 NEW         a/n$
 0$
@@ -268,7 +294,8 @@ is not as it was written
      }
      again() { scrub verify --any-tree --manifest ../m --resume "$@" .; echo status $?; }
      slow verify --any-tree --manifest ../m >../out; cat ../out; ls ../m.checkpoint
-     cp ../m.checkpoint ../kept; again --only a; again | tee -a ../out; ls ../m.checkpoint
+     cp ../m.checkpoint ../kept; again --only a; again --one-file-system
+     scrub verify -q --any-tree --manifest ../m --only b .; cmp ../kept ../m.checkpoint; again | tee -a ../out; ls ../m.checkpoint
      echo of a: $(grep -c 'DAMAGED     a' ../out)
      cp ../kept ../m.checkpoint; touch a; again -q
      slow create; ls .vorn-scrub*; scrub create --resume . && scrub verify .
@@ -282,6 +309,8 @@ incomplete: interrupted
 status 1
 ../m.checkpoint$
 another part or other paths
+another part or other paths
+DAMAGED     b
 Going on
 DAMAGED     b: block 732
 status 1
@@ -296,6 +325,18 @@ status 3
 !UNREADABLE
 !differ:
 !file stays)"},
+
+    {"InterruptedTwiceKeepsWhatWasRecorded", R"(
+     numbers 1500000 >a; for i in $(seq 50); do numbers $((i * 99)) >b$i; done; numbers 14000000 >c
+     printf '[SCRUB]\nREAD_SIZE_LIMIT=4096\nRATE_LIMIT=1\n' >../slow.ini
+     cut() {
+       scrub create -q --settings ../slow.ini $2 . & pid=$!
+       sleep $1; kill -TERM $pid; wait $pid
+     }
+     cut 4; touch a; cut 0.9 --resume; scrub create --resume .
+     head -c 70000 .vorn-scrub >.vorn-scrub.unfinished # as a killed run leaves it
+     scrub create --resume . && scrub verify .)",
+     kClean, "files     2 read\nfiles     1 read\nCLEAN"},
 
     {"SparseFileNeedsLittle", R"(
      truncate -s 4G sparse; numbers 5000 | dd of=sparse bs=4096 seek=5 conv=notrunc status=none

@@ -39,12 +39,6 @@ inline bool unwritten(const FileRecord &recorded, const Attributes &now) {
          (!recorded.has_changed_time() || same_time(recorded.changed, now.changed));
 }
 
-// Returns whether a file under another path is the recorded one: a rename keeps these attributes.
-inline bool same_identity(const FileRecord &recorded, const Attributes &now) {
-  return recorded.inode != 0 && recorded.inode == now.inode && recorded.size == now.size &&
-         same_time(recorded.written, now.written);
-}
-
 inline FileRecord record_of(String path, const Attributes &now) {
   return {std::move(path), now.size, now.written, now.changed, now.inode};
 }

@@ -55,6 +55,8 @@ bool parse(const std::vector<std::string> &lines, Checkpoint &checkpoint) {
 
 std::string scope_text(const Options &options, const Part &part) {
   std::string text = "part " + std::to_string(part.number) + "/" + std::to_string(part.of);
+  if (options.scope.one_file_system) text += " one-file-system";
+  if (options.scope.pseudo) text += " pseudo";
   for (const std::string &pattern : options.scope.excludes)
     text += std::string(" exclude ") + escape(pattern).c_str();
   for (const std::string &path : options.scope.only)
@@ -92,8 +94,14 @@ int CheckpointFile::write(const Checkpoint &checkpoint) {
   return file_.write(lines_of(checkpoint));
 }
 
-int CheckpointFile::remove() {
+int CheckpointFile::remove(const Checkpoint &ended) {
   work_.reset();
+  try {
+    const std::optional<Checkpoint> left = read();
+    if (left && left->manifest == ended.manifest && left->scope != ended.scope) return 0;
+  } catch (const std::runtime_error &) {
+    // It cannot be used.
+  }
   return file_.remove();
 }
 

@@ -35,9 +35,10 @@ public:
 
   // Writes as scheduled work, unless a write is still under way.
   void write_soon(const Checkpoint &checkpoint);
-  // Returns 0 or an errno.
+  // These return 0 or an errno.
   int write(const Checkpoint &checkpoint);
-  int remove();
+  // Removes the checkpoint, unless it is of another scope of the same manifest.
+  int remove(const Checkpoint &ended);
 
   const std::string &path() const { return file_.path(); }
 

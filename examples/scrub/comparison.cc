@@ -44,10 +44,9 @@ void Comparison::compare(const Checksums &found) {
   const std::uint64_t block = block_++;
   const std::size_t recorded = block_length(record_.size, block);
   const std::size_t common = std::min(recorded, block_length(now_.size, block));
-  const bool same = common == recorded && common == block_length(now_.size, block)
-                        ? found == expected
-                        : same_beginning(expected, found, common);
-  if (same) return;
+  const bool whole = common == recorded && common == block_length(now_.size, block);
+  if (!whole && common % kSectorSize != 0) has_rest_ = true;
+  if (whole ? found == expected : same_beginning(expected, found, common)) return;
   ++differing_;
   if (unwritten_) suspects_.push_back({block, expected, found});
 }

@@ -24,6 +24,8 @@ public:
 
   bool is_unwritten() const { return unwritten_; }
   std::uint64_t differing() const { return differing_; }
+  // Whether the end of what is left was too short for a checksum of a sector: it may differ.
+  bool has_rest() const { return has_rest_; }
   // The wrong blocks so far of a file that no attribute says was written.
   Suspects take_suspects();
   bool has_suspects() const { return !suspects_.empty(); }
@@ -42,6 +44,7 @@ private:
   const bool unwritten_;
   std::uint64_t block_;
   std::uint64_t differing_ = 0;
+  bool has_rest_ = false;
   Vector<Suspect> suspects_;
 };
 

@@ -25,18 +25,21 @@ DamagedList::DamagedList(const OwnPaths &paths)
   load();
 }
 
+// After an exception the list is as before.
 void DamagedList::load() {
-  empty_out();
   const std::vector<std::string> lines = file_.read();
+  const bool all = lines.size() > 1 && lines[1] == kAll;
+  const std::size_t first = all ? 2 : 1;
+  bool right = lines.empty() || lines[0] == kTitle;
   String path;
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (i == 0 && lines[i] == kTitle) continue;
-    if (i == 1 && lines[i] == kAll) {
-      all_ = true;
-      continue;
-    }
-    if (i == 0 || !unescape(lines[i], path))
-      throw std::runtime_error(file_.path() + " is no list of damaged files of this version");
+  for (std::size_t i = first; i < lines.size(); ++i)
+    right = unescape(lines[i], path) && right;
+  if (!right)
+    throw std::runtime_error(file_.path() + " is no list of damaged files of this version");
+  empty_out();
+  all_ = all;
+  for (std::size_t i = first; i < lines.size(); ++i) {
+    unescape(lines[i], path);
     insert(path);
   }
 }
@@ -88,18 +91,26 @@ void DamagedList::empty_out() {
 int DamagedList::save() {
   if (changes_.empty() && !cleared_) return 0;
   const Fd directory(open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory || flock(directory.get(), LOCK_EX) != 0) return errno;
-  try {
-    load();
-  } catch (const std::runtime_error &) {
-    if (!cleared_) return EBADMSG; // another run, or the medium, has spoiled it
+  if (!directory) return errno;
+  while (flock(directory.get(), LOCK_EX) != 0) {
+    if (errno != EINTR) return errno;
   }
-  if (cleared_) empty_out();
+  if (cleared_) {
+    empty_out();
+  } else {
+    try {
+      load();
+    } catch (const std::runtime_error &) {
+      return EBADMSG; // another run, or the medium, has spoiled it
+    }
+  }
   for (const auto &[path, added] : changes_)
     added ? insert(path) : erase(path);
+  const int error = write();
+  if (error != 0) return error; // the next call tries again
   changes_.clear();
   cleared_ = false;
-  return write();
+  return 0;
 }
 
 int DamagedList::write() const {

@@ -22,6 +22,8 @@ public:
   explicit DamagedList(const OwnPaths &paths);
 
   bool empty() const { return paths_.empty() && !all_; }
+  // Whether there were too many: the list stands for every file, until it is cleared.
+  bool holds_all() const { return all_; }
   bool contains(std::string_view path) const;
   void add(std::string_view path);
   // For a file whose content is as recorded again, or is recorded anew.

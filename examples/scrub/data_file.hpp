@@ -40,7 +40,6 @@ public:
   int open(int directory, const char *name, bool cached);
   int adopt(Fd fd, bool cached); // the same for a file that is open without O_DIRECT
 
-  bool is_open() const { return static_cast<bool>(fd_); }
   const Attributes &attributes() const { return attributes_; } // at the opening
   bool is_sparse() const { return sparse_; }
   Way way() const { return way_.load(std::memory_order_relaxed); }

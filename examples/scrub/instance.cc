@@ -72,8 +72,6 @@ Instance::~Instance() { LwpInstDelete(id_, -1); }
 
 void Instance::wait() { vorn_sem_enhance_down(&ended_); }
 
-std::uint64_t Instance::count(Count which) const { return value(id_, which); }
-
 void *Instance::run(void *self) {
   auto &instance = *static_cast<Instance *>(self);
   instance.body_();

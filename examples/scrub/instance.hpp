@@ -77,9 +77,6 @@ public:
   // Waits until body has returned. Called once.
   void wait();
 
-  // Called after wait().
-  std::uint64_t count(Count which) const;
-
 private:
   static void *run(void *self);
 

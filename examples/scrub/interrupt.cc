@@ -46,8 +46,4 @@ bool progress_wanted() {
   return asked.load(std::memory_order_relaxed) && asked.exchange(false, std::memory_order_relaxed);
 }
 
-void check_interrupt() {
-  if (interrupted()) throw std::runtime_error("interrupted");
-}
-
 } // namespace scrub

@@ -13,10 +13,8 @@ void note_ignored_signals();
 // write(2) instead of signals.
 void catch_signals();
 
-// interrupted() returns whether such a signal has arrived; check_interrupt() throws if it has. Any
-// thread may call either wherever the run may stop.
+// Returns whether such a signal has arrived. Any thread may call it wherever the run may stop.
 bool interrupted();
-void check_interrupt();
 
 // Returns whether SIGUSR1 has arrived since the last call that returned true.
 bool progress_wanted();

@@ -163,8 +163,12 @@ private:
     prepare_instances(jobs_.size());
     ExitStatus worst = kClean;
     for (const Job &job : jobs_) {
+      if (interrupted()) {
+        console_.say("%s was not read: interrupted", printable(job.root).c_str());
+        worst = worse(worst, kIncomplete);
+        continue;
+      }
       worst = worse(worst, do_job(job, outputs));
-      if (interrupted()) break;
     }
     if (jobs_.size() > 1) print_directories();
     finish_page(worst);

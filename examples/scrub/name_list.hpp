@@ -15,7 +15,7 @@ namespace scrub {
 // these are taken, and the list then holds the names after them.
 class NameList {
 public:
-  static constexpr std::size_t kLimit = 2 << 20; // bytes of names
+  static constexpr std::size_t kLimit = 1 << 20; // bytes of names
 
   explicit NameList(std::size_t limit = kLimit) : limit_(limit) {}
 
@@ -28,6 +28,8 @@ public:
   void begin();
   void add(std::string_view name, unsigned char type);
   void end();
+
+  std::size_t capacity() const { return text_.capacity(); } // in bytes of names
 
   bool empty() const { return next_ == offsets_.size(); }
   Entry take();

@@ -50,7 +50,7 @@ constexpr KnownOption kOptions[] = {
      "leave out what matches; may be repeated. A pattern without '/' matches a name in any "
      "directory, one with '/' a path below DIR, and one that begins with '**/' a path below any "
      "directory. '*' and '?' match no '/'. A '/' at the end limits the pattern to directories. "
-     "The manifest keeps the patterns of create, and later runs apply them too"},
+     "The manifest keeps the patterns of create and update, and later runs apply them too"},
     {"only", 0, "PATH", kVerifies | kUpdates, true,
      [](Line &line, Text value) { line.options.scope.only.push_back(value); }, nullptr,
      "look at this file alone, or at what is below this directory; may be repeated, for one DIR. "

@@ -101,7 +101,11 @@ void Recording::take(Batch &batch, Entry &entry) {
   while (old_->again.next_file(record_now_) && record_now_.path != entry.record.path) {
   }
   if (entry.outside) {
-    if (!entry.dropped) copy(entry.record);
+    if (entry.dropped) {
+      damaged_.remove(entry.record.path);
+    } else {
+      copy(entry.record);
+    }
     return;
   }
   if (!entry.found) return take_lost(entry);
@@ -122,14 +126,7 @@ void Recording::take(Batch &batch, Entry &entry) {
 // Writes a record with the old blocks. Returns false, and writes nothing, if the old manifest is
 // cut within them.
 bool Recording::copy(const FileRecord &file) {
-  writer_->begin_file(file);
-  Checksums block;
-  std::uint64_t blocks = 0;
-  while (old_->again.next_block(block) && !interrupted()) {
-    writer_->add_block(block);
-    ++blocks;
-  }
-  if (blocks == block_count(file.size)) return true;
+  if (write_blocks(file, old_->again, interrupted)) return true;
   writer_->drop_file();
   return false;
 }

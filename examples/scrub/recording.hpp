@@ -52,6 +52,7 @@ public:
 
 private:
   using Paths = std::set<String, std::less<>>;
+  using Stop = std::function<bool()>;
 
   TreeRecord old_tree() const { return old_ ? old_->again.tree() : TreeRecord(); }
 
@@ -84,7 +85,8 @@ private:
   void save_damaged();
   void write_restored();
   void settle(FileRecord &record) const;
-  void write_blocks(const FileRecord &file, ManifestReader &manifest);
+  bool write_blocks(const FileRecord &file, ManifestReader &manifest, const Stop &stop);
+  void copy_rest();
 
   const Job &job_;
   const Options &options_;

@@ -7,8 +7,14 @@
 
 #include "interrupt.hpp"
 #include "manifest_reader.hpp"
+#include "vorn_time.h"
 
 namespace scrub {
+namespace {
+
+constexpr std::uint64_t kCopyTime = 300; // milliseconds
+
+} // namespace
 
 void Recording::leave(const FileRecord &file, int error) {
   if (error == EINTR) return;
@@ -35,8 +41,9 @@ void Recording::skip_changed(const String &path, int error) {
 
 void Recording::judge(const FileRecord &file, const Attributes &now, Comparison &comparison) {
   // The damage that an earlier run found may still be in a file that was written since.
-  const bool wrong =
-      comparison.differing() != 0 && (comparison.is_unwritten() || known_.contains(file.path));
+  const bool known = known_.contains(file.path);
+  const bool wrong = comparison.differing() != 0 ? known || comparison.is_unwritten()
+                                                 : known && comparison.has_rest();
   const bool accepted = accepted_.contains(file.path);
   if (!wrong || accepted) damaged_.remove(file.path);
   const Verdict verdict = wrong ? Verdict::kDamaged : comparison.verdict();
@@ -115,6 +122,7 @@ void Recording::finish() {
   }
   if (!summary.committed) {
     summary.interrupted = true;
+    if (!update_ && old_ != nullptr) copy_rest();
     if (!update_) writer_->keep_unfinished();
     report_.note(update_ ? "The manifest is as it was" : "create --resume goes on");
   }
@@ -156,12 +164,12 @@ void Recording::write_restored() {
     for (; more && (path == nullptr || path_before(stays.path, *path)) && !interrupted();
          more = next_restored()) {
       settle(stays);
-      write_blocks(stays, old);
+      write_blocks(stays, old, interrupted);
     }
   };
   while (fresh.next_file(file) && !interrupted()) {
     write_until(&file.path);
-    if (!dropped_.contains(fresh.totals().files)) write_blocks(file, fresh);
+    if (!dropped_.contains(fresh.totals().files)) write_blocks(file, fresh, interrupted);
   }
   write_until(nullptr);
 }
@@ -177,11 +185,25 @@ void Recording::settle(FileRecord &record) const {
   record.changed = now.changed;
 }
 
-void Recording::write_blocks(const FileRecord &file, ManifestReader &manifest) {
+// Writes a record with the blocks that the manifest has. Returns whether it has all of them.
+bool Recording::write_blocks(const FileRecord &file, ManifestReader &manifest, const Stop &stop) {
   writer_->begin_file(file);
   Checksums block;
-  while (manifest.next_block(block) && !interrupted())
+  std::uint64_t blocks = 0;
+  for (; !stop() && manifest.next_block(block); ++blocks)
     writer_->add_block(block);
+  return blocks == block_count(file.size);
+}
+
+// After an interrupt of create --resume: copies the records that the run has not come to, so that
+// the next run does not read these files again. The run must end within a second; what cannot be
+// copied in this time is read again.
+void Recording::copy_rest() {
+  const std::uint64_t end = vorn_time_getmillisec() + kCopyTime;
+  const auto is_late = [end] { return vorn_time_getmillisec() >= end; };
+  while (!is_late() && old_->again.next_file(record_now_)) {
+    if (!write_blocks(record_now_, old_->again, is_late)) return writer_->drop_file();
+  }
 }
 
 } // namespace scrub

@@ -2,11 +2,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "second_reads.hpp"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <stdexcept>
 #include <utility>
 
 #include "interrupt.hpp"
+#include "opening.hpp"
 #include "timer_table.hpp"
 #include "vorn_sched.h"
 
@@ -67,21 +69,24 @@ private:
     whole_ = true;
   }
 
-  // A block that cannot be read again stays wrong. A file that was written since the first read
-  // proves nothing.
+  // A block that cannot be read again stays wrong. A file that was written, replaced or removed
+  // since the first read proves nothing.
   void read(Suspects &suspects) {
     DataFile file;
-    const bool open = file.adopt(tree_.open(suspects.file.path, O_RDONLY), false) == 0;
+    Fd fd = tree_.open(suspects.file.path, O_RDONLY);
+    const int error = fd ? file.adopt(std::move(fd), false) : errno;
+    if (error != 0) return set(suspects, is_gone(error) ? Again::kWritten : Again::kWrong);
+    if (!same_state(suspects.now, file.attributes())) return set(suspects, Again::kWritten);
     for (Suspect &suspect : suspects.blocks) {
       if (interrupted()) return;
-      suspect.again = !open ? Again::kWrong
-                      : same_state(suspects.now, file.attributes())
-                          ? read(file, suspects.file.size, suspect)
-                          : Again::kWritten;
+      suspect.again = read(file, suspects.file.size, suspect);
     }
-    if (!open || !file.has_changed()) return;
+    if (file.has_changed()) set(suspects, Again::kWritten);
+  }
+
+  static void set(Suspects &suspects, Again again) {
     for (Suspect &suspect : suspects.blocks)
-      suspect.again = Again::kWritten;
+      suspect.again = again;
   }
 
   Again read(DataFile &file, std::uint64_t size, const Suspect &suspect) {

@@ -36,10 +36,8 @@ Supervision::~Supervision() {
 }
 
 void Supervision::finish() {
-  while (stall_ && !noticed_) {
-    check_interrupt();
+  while (stall_ && !noticed_ && !interrupted())
     vorn_10msleep(1);
-  }
   vorn_timer_delete_sync(&timer_);
 }
 

@@ -16,6 +16,7 @@
 
 #include "errors.hpp"
 #include "manifest_encoding.hpp"
+#include "manifest_v1.hpp"
 
 namespace scrub {
 namespace {
@@ -148,10 +149,11 @@ void UnfinishedFile::check_replaceable(const std::string &name) const {
   const Fd file(
       openat(directory_.get(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file) fail("cannot read " + path);
-  char title[kManifestTitle.size()];
-  const ssize_t got = pread(file.get(), title, sizeof title, 0);
+  char start[ManifestV1::kCodeLength + kManifestTitle.size()];
+  const ssize_t got = pread(file.get(), start, sizeof start, 0);
   if (got < 0) fail("cannot read " + path);
-  if (std::string_view(title, static_cast<std::size_t>(got)) != kManifestTitle)
+  const std::string_view text(start, static_cast<std::size_t>(got));
+  if (!text.starts_with(kManifestTitle) && !text.ends_with(kManifestTitle))
     throw std::runtime_error("cannot replace " + path + ": it is no manifest");
 }
 

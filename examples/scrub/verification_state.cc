@@ -22,14 +22,16 @@ constexpr std::uint64_t kCheckpointInterval = 10'000'000'000; // nanoseconds
 
 // A mistyped --only would be clean.
 void Verification::check_only() const {
-  const std::vector<std::string> &only = options_.scope.only;
-  struct stat status {};
-  const auto there = [&](const std::string &path) { return tree_.status(path, status); };
-  if (only.empty() || std::ranges::any_of(only, there)) return;
-  Window all;
-  checked_.pass(filter_, all);
-  if (all.weight() == 0 && !interrupted())
-    throw std::runtime_error("--only " + only.front() + ": neither in the tree nor recorded");
+  for (const std::string &path : options_.scope.only) {
+    struct stat status {};
+    if (tree_.status(path, status)) continue;
+    Scope scope = options_.scope;
+    scope.only = {path};
+    Window all;
+    checked_.pass(ScopeFilter(scope, checked_.tree), all);
+    if (all.weight() == 0 && !interrupted())
+      throw std::runtime_error("--only " + path + ": neither in the tree nor recorded");
+  }
 }
 
 void Verification::choose_window() {
@@ -60,9 +62,7 @@ void Verification::resume() {
   resumed_at_ = checkpoint->position;
   resumed_ = true;
   const std::string path(escape(checkpoint->position.path));
-  report_.note(checkpoint->position.block == 0
-                   ? "Going on after " + path
-                   : "Going on in " + path + " at block " + grouped(checkpoint->position.block));
+  report_.note("Going on at " + path + ", block " + grouped(checkpoint->position.block));
   for (std::size_t i = 0; i < static_cast<std::size_t>(Count::kCounts); ++i)
     count(static_cast<Count>(i)) += checkpoint->counts[i];
   // What the run meets again.
@@ -123,9 +123,11 @@ void Verification::finish() {
   if (over()) {
     leave_checkpoint();
   } else {
-    tell(checkpoint_file_.remove(), "the checkpoint cannot be removed");
+    tell(checkpoint_file_.remove(checkpoint()), "the checkpoint cannot be removed");
     if (part_.of != 0 && !narrowed()) save_part();
   }
+  const bool whole = !over() && !narrowed() && part_.of == 0;
+  if (damaged_.holds_all() && whole && report_.status() == kClean) damaged_.clear();
   save_damaged();
   report_.finish(summary);
 }

@@ -71,6 +71,7 @@ void Verification::resolve_moves() {
     report_.finding({.verdict = Verdict::kMoved, .path = file.path, .from = file.from});
   };
   actions.damaged = [this](const Moved &file) {
+    damaged_.add(file.from);
     report_.finding({.verdict = Verdict::kDamaged,
                      .path = file.path,
                      .from = file.from,

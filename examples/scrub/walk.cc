@@ -142,7 +142,7 @@ int Walk::push(Fd directory, const struct stat &status, std::size_t path_length)
 
   Level level{std::make_shared<const Fd>(std::move(directory)), status.st_dev, status.st_ino,
               static_cast<std::uint32_t>(path_length)};
-  level.names = std::make_unique<NameList>();
+  level.names = std::make_unique<NameList>(limit_of_names());
   list(level);
   if (level.error != 0 && level.names->empty()) return level.error;
 
@@ -151,6 +151,16 @@ int Walk::push(Fd directory, const struct stat &status, std::size_t path_length)
   path_.resize(path_length, '/');
   if (levels_.size() > kOpenLevels) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();
   return 0;
+}
+
+// The wide directories above leave less memory to those below, which are read more often instead.
+std::size_t Walk::limit_of_names() const {
+  constexpr std::size_t kLeast = 64 << 10;
+  std::size_t room = NameList::kLimit;
+  for (const Level &level : levels_) {
+    if (level.names != nullptr) room -= std::min(room, level.names->capacity() / 2);
+  }
+  return std::max(room, kLeast);
 }
 
 void Walk::list(Level &level) {

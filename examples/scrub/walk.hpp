@@ -70,6 +70,7 @@ private:
   bool visit(Found &found);
   int enter(const char *name);
   int push(Fd directory, const struct stat &status, std::size_t path_length);
+  std::size_t limit_of_names() const;
   void list(Level &level);
   bool leaves_out(int directory);
   bool leave(Found &found);
